@@ -1,0 +1,28 @@
+// A box of samples: the half-open rectangle [x0, x1) x [y0, y1).
+#ifndef KEL_BOX_H
+#define KEL_BOX_H
+
+#include <cstdint>
+
+#include "KelInt.h"
+
+namespace kel {
+
+struct Box {
+  std::int64_t x0, x1, y0, y1;
+
+  std::int64_t Width() const { return x1 - x0; }
+  std::int64_t Height() const { return y1 - y0; }
+  bool IsEmpty() const { return x0 >= x1 || y0 >= y1; }
+  bool operator==(const Box&) const = default;
+};
+
+/// Every edge divided by 2^levels, rounded up: the box of a lower resolution.
+constexpr Box ReduceBox(const Box& box, int levels) {
+  return {CeilShift(box.x0, levels), CeilShift(box.x1, levels), CeilShift(box.y0, levels),
+          CeilShift(box.y1, levels)};
+}
+
+}  // namespace kel
+
+#endif

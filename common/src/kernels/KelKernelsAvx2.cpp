@@ -1,0 +1,16 @@
+// Kernels with vectors of 32 bytes. Compiled for AVX2.
+#define KEL_VECTOR_BYTES 32
+#include "KelBlocksVector.h"
+#include "KelKernelSets.h"
+#include "KelSamplesVector.h"
+#include "KelWaveletVector.h"
+
+namespace kel {
+
+void OverwriteWithAvx2(KernelTable& table) noexcept {
+  OverwriteWithVector(table.wavelet);
+  OverwriteWithVector(table.samples);
+  OverwriteWithVector(table.blocks);
+}
+
+}  // namespace kel

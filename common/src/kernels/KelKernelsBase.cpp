@@ -1,0 +1,17 @@
+// Kernels with vectors of 16 bytes: what every processor of the platform has (SSE2 on x86-64,
+// NEON on AArch64).
+#define KEL_VECTOR_BYTES 16
+#include "KelBlocksVector.h"
+#include "KelKernelSets.h"
+#include "KelSamplesVector.h"
+#include "KelWaveletVector.h"
+
+namespace kel {
+
+void OverwriteWithBaseVector(KernelTable& table) noexcept {
+  OverwriteWithVector(table.wavelet);
+  OverwriteWithVector(table.samples);
+  OverwriteWithVector(table.blocks);
+}
+
+}  // namespace kel

@@ -1,0 +1,170 @@
+// The decoder's byte source: reads compressed data from a memory block or through a sliding
+// window over a stream, keeps two saved positions, and finds tile-parts.
+//
+// Positions count from where the block or the stream began. In memory mode the window is the
+// whole block. Reading past the end of the data yields 0xFF bytes and never fails. Moves and
+// buffer requests return small codes that stay inside the library; memory that cannot be obtained
+// raises 8. Host streams may deliver fewer bytes than asked at any time: loads go on until the
+// count is met or Read returns 0 or less; a Read that claims more than was asked counts as failed.
+//
+// Bit reading: `unreadBits` low bits of `lastByte`, which is the byte before the read position,
+// have not been consumed; 0 to 7 between calls. The block decoder copies this state into a local
+// cursor over the window, runs, and writes it back.
+#ifndef KEL_DEC_DATA_MGR_H
+#define KEL_DEC_DATA_MGR_H
+
+#include <cstdint>
+
+#include "KelMemFuncDefs.h"
+#include "KelSignature.h"
+#include "kel/KelStream.h"
+
+namespace kel {
+
+// Codes of buffer requests and moves. They stay inside the library.
+inline constexpr int kBufferedOk = 0;
+inline constexpr int kNothingRead = 3;       ///< InitFromStream: not a byte arrived
+inline constexpr int kAboveCapacity = 5;     ///< EnsureBuffered: more than the window can hold
+inline constexpr int kDataEnded = -1;        ///< EnsureBuffered: fewer bytes are left
+inline constexpr int kMoveRefused = -1;      ///< Seek: target outside a memory block
+inline constexpr int kMoveNotSeekable = -4;  ///< Seek: the stream cannot seek
+
+/// Window sizes of the decoder, in bytes.
+inline constexpr std::uint32_t kFirstLoadBytes = 102400;
+inline constexpr std::uint32_t kWindowBytes = 204800;
+
+struct KelTilePartIndex;
+
+class KelDecDataMgr {
+ public:
+  // ---- Set-up and state ----
+
+  /// Reads a block of the host's memory, which must stay valid. Saved positions and tile grid of
+  /// an earlier use survive. Returns 0.
+  int InitFromMemory(const KelCompressedData& block, Flavour flavour);
+  /// Reads a stream from where it stands, with a first load of min(firstLoad, capacity) bytes.
+  /// Returns 0, or kNothingRead.
+  int InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity, KelCodeStm* stream,
+                     Flavour flavour);
+  /// Releases the window; a seekable stream is moved back by the bytes read but not consumed.
+  void ResetDataMgr();
+  /// Releases everything, half-built managers included; may run twice.
+  void Release() noexcept;
+
+  void SetTileGrid(std::int32_t across, std::int32_t down);
+  /// Forgets the tile-part index, whose entries are stale once other data have arrived.
+  void FreeTilePartIndex() noexcept;
+
+  Flavour GetFlavour() const { return flavour_; }
+  /// First byte of every marker in this flavour.
+  std::uint32_t MarkerByte() const { return flavour_ == Flavour::kFF ? 0xFF : 0xAB; }
+  bool InMemory() const { return memoryMode_; }
+  std::int64_t GetPosition() const;
+  void SavePositionA() { positionA_ = GetPosition(); }
+  void SavePositionB() { positionB_ = GetPosition(); }
+  std::int64_t PositionB() const { return positionB_; }
+  void ReturnToPositionA() { MoveTo(positionA_); }
+  void ReturnToPositionB() { MoveTo(positionB_); }
+  /// Memory mode: always. Stream mode: while allowed and the stream is seekable.
+  bool IndexAllowed() const;
+  /// Box reading clears the flag, so that a stream is not walked past its code stream.
+  void SetIndexAllowed(bool allowed) { indexAllowed_ = allowed; }
+
+  // ---- Reading ----
+
+  /// Makes n unread bytes available in the window.
+  int EnsureBuffered(std::uint64_t n);
+  /// Unread bytes in the window.
+  std::uint64_t Available() const;
+  /// The next byte; 0xFF past the end of the data.
+  std::uint32_t ReadByte();
+  /// The byte k places ahead, not consumed; 0xFF past the end. The caller has ensured k + 1 bytes.
+  std::uint32_t PeekByte(std::uint64_t k) const;
+  /// A big-endian number of n = 1 to 4 bytes; 0 for another n.
+  std::uint32_t ReadUInt(int n);
+  /// Copies up to n bytes and returns their number.
+  std::uint64_t ReadBytes(std::uint8_t* destination, std::uint64_t n);
+  /// The next n = 1 to 32 bits, most significant first.
+  std::uint32_t ReadBits(int n);
+  /// Drops the unread bits of the current byte.
+  void AlignToByte() { unreadBits_ = 0; }
+  /// Memory mode: the read position is at the end. Stream mode: the stream has ended and the
+  /// window is used up.
+  bool AtEnd() const;
+  /// Whether a byte past the end has been delivered since the last initialisation or move.
+  bool ReadPastEnd() const { return readPastEnd_; }
+
+  // ---- Moves ----
+
+  /// Origin 0: from the read position, 1: from the start of the data. Returns the new position, 0,
+  /// or a negative code with nothing moved. Memory mode takes only targets strictly inside the
+  /// block.
+  std::int64_t Seek(int origin, std::int64_t offset);
+  /// Moves forward by n bytes or to the end of the data, whichever comes first: inside the window,
+  /// by a seek, or by reading and dropping. Returns the bytes passed over.
+  std::uint64_t SkipForward(std::uint64_t n);
+  /// Moves to an absolute position; at or past the end of a block means its end. False when a
+  /// stream cannot move there.
+  bool MoveTo(std::int64_t position);
+
+  // ---- Tile-parts ----
+
+  bool IsSOT();               ///< the next two bytes are SOT and its segment has arrived whole
+  bool IsEOCOrEnd();          ///< the next two bytes are EOC, or fewer than two are left
+  bool AtTilePartBoundary();  ///< SOT, EOC, or fewer than two bytes left
+  bool ReadEOC();             ///< consumes two bytes, unless at the end; true when they were EOC
+  bool SkipSOP();             ///< when SOP stands there, consumes its six bytes
+  bool SkipEPH();             ///< when EPH stands there, consumes its two bytes
+  // Fields of an SOT segment at the read position.
+  std::uint32_t PeekSotIsot() { return PeekBytesAt(4, 2); }
+  std::uint32_t PeekSotPsot() { return PeekBytesAt(6, 4); }
+  std::uint32_t PeekSotTPsot() { return PeekBytesAt(10, 1); }
+  std::uint32_t PeekSotTNsot() { return PeekBytesAt(11, 1); }
+  /// Scans forward for an SOT marker and leaves the read position on it; false at the end of the
+  /// data or on EOC.
+  bool FindNextSOT();
+  /// FindNextSOT that takes only a segment which can be one (length 10, a tile of the grid, Psot 0
+  /// or from 14 on) and passes over an EOC pattern that is not at the end of the data.
+  bool FindPlausibleSOT();
+  /// Positions on the SOT of a tile-part: the one under the read position, else by the index,
+  /// which is built when there is none. False when it cannot be reached.
+  bool GoToTilePart(std::int32_t tile, std::int32_t part);
+
+  // ---- Window, for the block decoder's cursor ----
+
+  const std::uint8_t* ReadPointer() const { return readPosition_; }
+  int UnreadBits() const { return unreadBits_; }
+  /// Puts the read position to `next`, inside the window, with `unread` bits of the byte before it
+  /// unread.
+  void ResumeAt(const std::uint8_t* next, int unread) {
+    readPosition_ = next;
+    unreadBits_ = unread;
+    if (unread != 0) lastByte_ = next[-1];
+  }
+
+ private:
+  std::uint32_t PeekBytesAt(std::uint64_t offset, int count);
+
+  bool memoryMode_;
+  Flavour flavour_;
+  bool bufferAbsent_;
+  bool endOfData_;
+  bool indexAllowed_;
+  bool readPastEnd_;
+  std::uint8_t lastByte_;
+  int unreadBits_;
+  std::uint64_t capacity_;
+  std::uint64_t fill_;
+  const std::uint8_t* bufferStart_;
+  const std::uint8_t* bufferEnd_;
+  const std::uint8_t* readPosition_;
+  std::uint8_t* window_;  ///< stream mode: the window's memory; null in memory mode
+  KelCodeStm* stream_;
+  KelTilePartIndex* index_;
+  std::int32_t tilesAcross_, tilesDown_;
+  std::int64_t positionA_, positionB_;
+};
+
+}  // namespace kel
+
+#endif

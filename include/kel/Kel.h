@@ -1,0 +1,16 @@
+// Everything that a host needs of the Kel library.
+#ifndef KEL_KEL_H
+#define KEL_KEL_H
+
+#include "KelColor.h"
+#include "KelFileRecords.h"
+#include "KelGeometry.h"
+#include "KelImage.h"
+#include "KelImageData.h"
+#include "KelMemory.h"
+#include "KelOptions.h"
+#include "KelStream.h"
+#include "KelTileComponent.h"
+#include "KelTypes.h"
+
+#endif

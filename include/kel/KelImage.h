@@ -1,0 +1,324 @@
+// KelImage, the image object: encodes or decodes one image through host callbacks.
+//
+// Every operation marked "guarded" catches what fails inside it, keeps the details for
+// GetErrorDetails and returns the failure's KelResult (or the neutral value named). On an object
+// that was not initialised, guarded operations return 31 and queries return 0, false or null; an
+// encoder's operation on a decoder, or the reverse, returns 15. After a failure the host calls
+// Die in any case.
+//
+// One object is used by one thread at a time; distinct objects share only the registered memory
+// callbacks. Callbacks run on the calling thread, inside the call. The library computes with
+// rounding to nearest and restores the host's rounding mode.
+#ifndef KEL_IMAGE_H
+#define KEL_IMAGE_H
+
+#include "KelColor.h"
+#include "KelFileRecords.h"
+#include "KelGeometry.h"
+#include "KelImageData.h"
+#include "KelMemory.h"
+#include "KelOptions.h"
+#include "KelStream.h"
+#include "KelTileComponent.h"
+#include "KelTypes.h"
+
+namespace kel {
+struct ImageHandle;
+}
+
+/// Progress and abort callbacks; each may be null.
+class KEL_API KelUserActions {
+ public:
+  KelLong (*AbortRequested)();                          ///< nonzero: stop the work
+  void (*BeginProgress)();                              ///< a progress run starts
+  void (*EndProgress)();                                ///< it ends, after a last report
+  void (*ReportProgress)(KelLong done, KelLong total);  ///< steps done of all
+};
+
+/// Where the encoder fetches its samples. At least one of the two fetch callbacks must be set.
+///
+/// A fetch hands over a buffer of its own: the library locks, unlocks and frees it through the
+/// registered callbacks, so it must be one that FreeBuf can free, and never one that the host
+/// goes on using. Rows follow each other without padding but to whole bytes. Samples are
+/// unsigned: one byte each for a depth of 8, one word in the host's byte order for 16, and for
+/// other depths packed, most significant bit first. A callback that fails stores a result code
+/// in *error (0 before the call), which the encoding operation returns; null without an error
+/// ends the tile without coding it.
+class KEL_API KelImageDataProcs {
+ public:
+  KelImageDataProcs& operator=(const KelImageDataProcs& source) = default;
+  KelImageDataProcs(const KelImageDataProcs& source) = default;
+  KelImageDataProcs() = default;
+
+  void* clientData;  ///< first argument of every callback
+  /// All interleaved channels of one tile, sample by sample; may be null. A component is taken
+  /// from it when its index is below GetNumInterleaved, it is not subsampled and its depth equals
+  /// component 0's.
+  KelBufID_I* (*GetTileInterleaved)(void* clientData, KelLong tile, KelLong* error);
+  /// One component of one tile, as many samples as its tile-component has (GetWidth, GetHeight
+  /// of KelTileComponent); may be null.
+  KelBufID_I* (*GetTileComponent)(void* clientData, KelLong component, KelLong tile,
+                                  KelLong* error);
+  /// How many channels the interleaved buffer holds; required with GetTileInterleaved.
+  KelLong (*GetNumInterleaved)(void* clientData);
+  /// Asked once at InitEncoder; its value is not used. May be null.
+  KelLong (*GetReserved)(void* clientData);
+};
+
+/// The host's callbacks for one image object.
+class KEL_API KelClientProcs {
+ public:
+  KelClientProcs& operator=(const KelClientProcs& source) = default;
+  KelClientProcs(const KelClientProcs& source) = default;
+  KelClientProcs() = default;
+
+  KelUserActions* UserActions;        ///< may be null
+  KelImageDataProcs* ImageDataProcs;  ///< required by the encoder
+};
+
+/// What the host wants a frame to deliver, per channel (component). Arrays have NumChannels
+/// entries. See KelImage::GetNextFrame for where the samples land.
+class KEL_API KelFrameData {
+ public:
+  KelLong NumChannels = 0;
+  void** OutBuffers = nullptr;      ///< one buffer per channel for the whole decoded image, or null
+  void* Reserved0 = nullptr;        ///< not interpreted
+  void* Reserved1 = nullptr;        ///< not interpreted
+  KelLong* OutStrides = nullptr;    ///< bytes from row to row in each buffer
+  KelLong* InBitDepths = nullptr;   ///< 8 asks for the fast 8-bit paths, with OutBitDepths 8
+  KelLong* OutBitDepths = nullptr;  ///< bits per delivered sample
+  KelLong* OutSigned = nullptr;     ///< 1 signed, 0 unsigned; the fast paths need 0
+  void* Reserved2 = nullptr;        ///< not interpreted
+  void* Reserved3 = nullptr;        ///< not interpreted
+  double* OutMax = nullptr;         ///< output range; 255 and 0 for ordinary 8-bit output
+  double* OutMin = nullptr;
+};
+
+/// The image's client-data record.
+class KEL_API KelClientData {
+ public:
+  void* data;  ///< released by Die
+};
+
+/// Type of a channel.
+enum KelChannelType : KelLong {
+  KelChannelColor = 0,
+  KelChannelOpacity = 1,
+  KelChannelPremultiplied = 2,
+  KelChannelUnspecified = 65535
+};
+
+/// Kind of transparency.
+enum KelOpacityType : KelLong {
+  KelOpacityPlain = 0,
+  KelOpacityPremultiplied = 1,
+  KelOpacityChromaKey = 2,
+  KelOpacityNone = 4,
+  KelOpacityOther = 5
+};
+
+class KEL_API KelImage {
+ public:
+  KelImage() : handle_(nullptr) {}
+  KelImage(const KelImage& source) = default;             ///< shares the state
+  KelImage& operator=(const KelImage& source) = default;  ///< shares the state
+  virtual ~KelImage();                                    ///< releases nothing: call Die
+
+  // Both directions.
+
+  /// Whether the stream's next 12 bytes, which stay consumed, begin a code stream or file that
+  /// the library decodes. Nothing of the image object is used.
+  bool FileIsKel(KelCodeStm* stream);
+  /// The same for a block, which must hold 13 bytes at least.
+  bool FileIsKel(KelCompressedData* data);
+  /// Guarded. Releases everything that the object holds, whatever state it is in; afterwards the
+  /// object may be initialised again. Results of queries are void then. Returns 0.
+  KelLong Die();
+  /// A copy of the details of the last failure; cleared by an initialisation, never by a success.
+  KelException GetErrorDetails() const;
+  KelMemFuncs* GetMemObj() const;
+
+  // Decoding.
+
+  /// Guarded. Reads everything before the first tile-part: boxes, main header, geometry.
+  ///
+  /// stream and data: where the compressed bytes come from; data is used when both are given. A
+  /// seekable stream must begin with the file; one that cannot seek is taken as of the 0xAB
+  /// flavour. options (required, with EncOpt) must outlive Die, and receives the description of
+  /// the image. procs may be null. *resolutions, unless null, receives an array of one number
+  /// per component, the resolution to be decoded (the level count means full size); it comes from
+  /// the registered Malloc and belongs to the host, which releases it with its Free.
+  ///
+  /// Returns 0; 3 when not a byte could be read; 8; 10, 18, 29 for a bad or unsupported main
+  /// header; 15 for missing arguments or tiling that is not allowed; 17 for unknown data; 21, 22,
+  /// 25, 26 for bad boxes; 29 also for signed components and code blocks larger than 8 x 8.
+  KelLong InitDecoder(KelCodeStm* stream, KelCompressedData* data, KelDecOpt* options,
+                      KelClientProcs* procs, KelULong** resolutions,
+                      KelDecodePixelAspectRatio aspect);
+
+  /// Guarded for KelException only. Decodes everything that has arrived and was not decoded yet,
+  /// and brings the output up to date. Call it again whenever more data have arrived.
+  ///
+  /// data: the compressed bytes that have arrived so far, from the first byte of the file on;
+  /// null reads on from the stream given to InitDecoder, or from the last block. The block must
+  /// stay valid during the call. resolutions is not read: the resolutions chosen by InitDecoder
+  /// hold.
+  ///
+  /// A packet that the end of the data cuts off is left for the next frame. A tile whose packets
+  /// have all been decoded is finished, and later frames do not touch it while the host asks for
+  /// the same thing; when the flags, the orientation or the contents of frame change, decoding
+  /// starts again from the first tile-part. A stream that cannot seek gives all its data to the
+  /// first frame; it cannot be started again.
+  ///
+  /// skipConversion: leave out the inverse component transform. skipRecast: leave the samples as
+  /// 32-bit integers or floats centred on zero. frame null means skipRecast and no host buffers.
+  ///
+  /// Where samples land. A channel's host buffer is usable when its depth OutBitDepths is 8 or
+  /// 16, its address is not null and its stride holds a row of the image at the decoded
+  /// resolution and orientation. A usable buffer always receives the samples of every tile that has
+  /// data at their place in the image: sample (x, y) of the decoded resolution at buffer + (y - Y0)
+  /// * stride + (x - X0) * bytes, with (X0, Y0) the first sample of the image area; rotated output
+  /// at the place that rotating the whole image gives. 16-bit samples have the host's byte order.
+  /// The tile-component's output image (GetTileComponent, GetOutputImage) holds the samples too, in
+  /// the form of KelImageData::RecastData_Rotation with method 0; only the direct path for single
+  /// irreversible planes, taken when address, stride and the padded row length are multiples of 16,
+  /// writes the host buffer alone (TileCompDataIsValid is then false). With skipRecast only that
+  /// path writes host buffers.
+  ///
+  /// Returns 0; 15 when a tile has no reachable tile-part although data of another tile are there;
+  /// 8; a tile-part header's 10, 18 or 29. What was decoded before a failure has been delivered;
+  /// a later frame may continue.
+  KelLong GetNextFrame(KelCompressedData* data, KelULong* resolutions, bool skipConversion,
+                       bool skipRecast, KelFrameData* frame);
+
+  /// Guarded (0). Number of GetNextFrame calls so far, failed ones included.
+  KelULong NumFramesDecoded();
+  /// Guarded (0). Position in the data that the last frame reached.
+  KelULong BytesConsumedInLastFrame();
+  /// Guarded. 0; 15, without effect, for a value other than 0, 90, 180 and 270. Applies from the
+  /// next frame on.
+  KelLong SetOrientationForDecode(KelImageOrientation orientation);
+  KelImageOrientation GetOrientationForDecode() const;
+  /// Whether every packet of a tile has been decoded.
+  bool TileIsComplete(KelLong tile) const;
+
+  // Encoding. Order: InitEncoder; CompressAndWriteTile for every tile in increasing order; Die.
+
+  /// Guarded. Checks and keeps the options, prepares one record per tile and component, and
+  /// writes the boxes and the main header to the stream. The options' RateMode becomes 5, the
+  /// code-block exponents 3, and RoiStyle 2 with a region. options, stream and procs must outlive
+  /// Die.
+  ///
+  /// Returns 0; 8; 15 for a missing argument, a read-only stream, or options that cannot be
+  /// coded: an image offset or tile-grid offset, an empty image, more than 65535 tiles, subsampling
+  /// outside 1..255, unequal subsampling under a colour transform, depths outside 1..28, levels
+  /// outside 0..32, and indices of mask or transparency channels out of range.
+  KelLong InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientProcs* procs);
+  /// Guarded. Writes the boxes and the main header again at the start of a seekable stream, else
+  /// at its current position; *bytes, unless null, receives their size. For use before the first
+  /// tile only.
+  KelLong WriteKelHeaders(KelULong* bytes);
+  /// Guarded. Fetches, codes and writes one tile; the last tile also writes the end marker and
+  /// flushes the stream. *bytes, unless null, receives the tile's size plus 2. Returns 0; the
+  /// fetch's code; 8; 15 for a tile out of range, a progression order other than 1 and 4, or
+  /// precincts that divide the tile; 29 when a tile-part or the stream would pass 2^31 - 1 bytes.
+  KelLong CompressAndWriteTile(KelLong tile, KelULong* bytes);
+  /// Guarded. CompressAndWriteTile without the count.
+  KelLong CompressTile(KelLong tile);
+  /// Guarded. Codes every tile without writing, for the size queries. Returns 28 when the abort
+  /// callback asked for it.
+  KelLong CompressImage();
+  /// Guarded. Steps that CompressImage reports: tiles times components.
+  KelLong NumProgresionStepsInCompressImage();
+  /// Guarded. Tile-parts that the chosen order writes.
+  KelLong NumProgressionStepsInEncodeImage();
+  /// Count that FindQualityNumbersEmbedded found.
+  KelLong GetNumQualitySteps() const;
+  /// Guarded (null). The list of quality steps, 101 entries; *count receives 0. The first entry
+  /// holds the quality percentage when the byte target is at most 100.
+  KelLong* FindQualityNumbersEmbedded(KelLong* count);
+  /// Bounds on the length of the code stream in bytes.
+  KelLong GetMinCodeStreamLength();
+  KelLong GetMaxCodeStreamLength();
+  /// Guarded. Coded bytes of the extra channels; -1 before everything is compressed.
+  KelLong GetAlphaChannelCodeStreamSize();
+  /// Coded bytes of the transparency channel; -1 before everything is compressed.
+  KelLong GetTransparencyCodeStreamSize();
+  /// Chooses the quality number whose data size comes nearest to a target in bytes, by the
+  /// library's table, and stores it as the options' TargetQuality (1 to 100). Returns the
+  /// effective target. Valid after InitEncoder and before the first tile. The choice is
+  /// conservative, not exact.
+  KelLong QualityForTarget(KelLong targetBytes);
+  /// Guarded. A size adjusted for the tile-part headers of another organisation: 0 layers,
+  /// 1 resolutions, 4 components; -1 for any other.
+  KelLong UpdateCodestreamSize(KelLong fromOrganisation, KelLong size, KelLong toOrganisation);
+  KelLong EncodeImage(KelLong mode, KelLong* sizes, float* ratios);    ///< does nothing; 0
+  KelLong OptimizeImage(KelLong mode, KelLong* sizes, float* ratios);  ///< does nothing; 0
+  KelLong GetNumComponentsDoneInProgPlay() const;                      ///< always 30
+
+  // Preview (encoder).
+
+  /// Guarded. What a decoder would make of a tile coded with the present options: each colour
+  /// component's output image (GetTileComponent) receives the samples at full resolution. Coding
+  /// is not affected.
+  KelLong GetPreviewData(KelLong tile);
+  /// Guarded. The same for a rectangle (x0, x1, y0, y1) of the canvas at resolution r
+  /// (0 to NumLevels), or for component 0 alone.
+  KelLong GetPreviewData(KelLong tile, KelLong x0, KelLong x1, KelLong y0, KelLong y1,
+                         KelLong resolution, bool luminanceOnly);
+  /// Whether previews include the transparency component, and the other extra channels.
+  void SetAlphaChannelsForPreview(bool transparency, bool extraChannels);
+  /// A rectangle (canvas coordinates) of one component, enlarged or reduced by the power of two
+  /// that covers the factor. *width and *height receive the size. The result, from the registered
+  /// Malloc, and its buffer belong to the caller. Depths 8 and 16 only; for others the result has
+  /// no buffer. Unguarded: raises 15 for bad arguments, 8, and the fetch's code.
+  KelImageData* Zoom(KelLong tile, KelLong component, float factor, KelLong x0, KelLong x1,
+                     KelLong y0, KelLong y1, KelLong* width, KelLong* height);
+
+  // Queries, valid after a successful initialisation.
+
+  KelLong GetNumTiles() const;
+  KelLong GetNumTileComps() const;
+  KelLong GetNumComponents() const;
+  KelLong GetMaxRes() const;  ///< decomposition levels of the main header
+  /// Levels of component 0 in a tile; -1 when another component of the tile has a different
+  /// count, and for a tile out of range.
+  KelLong GetMaxRes(KelLong tile) const;
+  KelImageGeometry* GetGeometryParams() const;
+  KelLong* GetBitDepths() const;  ///< bits per sample, one entry per component
+  KelCodeStm* GetCodeStream() const;
+  KelEncOpt* GetEncodeOptions() const;
+  KelDecOpt* GetDecodeOptions() const;
+  KelClientData* GetClientData() const;
+  /// The handle of a tile-component; null when an index is out of range or memory runs out.
+  KelTileComponent* GetTileComponent(KelLong tile, KelLong component) const;
+  /// The ICC profile with the highest precedence or the best approximation; null for an encoder
+  /// and when there is none.
+  __tagICCProfile* GetICCProfile() const;
+  __tagColorSpecList* GetColorSpecList() const;
+  bool UUIDPresent() const;
+  KelLong GetNumUUIDBoxes() const;
+  __tagKelUUID* GetUUIDBoxes() const;
+  bool XMLPresent() const;
+  KelLong GetNumXMLBoxes() const;
+  __tagKelXML* GetXMLBoxes() const;
+  bool ResolutionInfoPresent() const;
+  bool PalettePresent() const;
+  __tagKelPalette* GetPalette() const;
+  KelLong GetNumColorChannels() const;
+  KelChannelType GetComponentType(KelLong component) const;
+  /// Guarded. The component that carries colour n (from 1 on); -1 when none does.
+  KelLong GetChannelIndex(KelLong n);
+  bool TransparencyChannelPresent() const;
+  KelOpacityType GetTransparencyType() const;
+  KelChromaKey* GetChromaKey() const;  ///< null unless transparency is a chroma key
+  /// The component whose opacity applies to colour n; -1 when none does.
+  KelLong GetTransparencyChannelNum(KelLong n) const;
+  /// The component whose opacity applies to the whole image; -1 when none does.
+  KelLong GetGlobalTransparencyChannelNum() const;
+
+ private:
+  kel::ImageHandle* handle_;
+};
+
+#endif

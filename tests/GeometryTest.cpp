@@ -1,0 +1,142 @@
+// Boxes of the reference grid, by hand and against a count over every point of small canvases.
+#include "kel/KelGeometry.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include "HostMemory.h"
+
+namespace {
+
+using test::HostMemory;
+
+constexpr KelLong kOne[1] = {1};
+constexpr KelLong kEight[1] = {8};
+
+struct Edges {
+  KelLong x0, x1, y0, y1;
+  bool operator==(const Edges&) const = default;
+};
+
+KelLong CodeOf(KelLong XO, KelLong XT, KelLong XTO) {
+  KelImageGeometry g;
+  try {
+    g.InitImageGeometry(100, 100, XO, 0, XT, 100, XTO, 0, kOne, kOne, 1, kEight);
+  } catch (const KelException& failure) {
+    EXPECT_EQ(failure.errLevel, 1);
+    EXPECT_STREQ(failure.srcFile, "common/src/KelGeometry");
+    g.Die();
+    return failure.errCode;
+  }
+  g.Die();
+  return KelOK;
+}
+
+TEST(Geometry, ConsistencyOfTheTiling) {
+  HostMemory memory;
+  EXPECT_EQ(CodeOf(5, 10, 5), KelOK);
+  EXPECT_EQ(CodeOf(5, 10, 6), KelErrBadParam);
+  EXPECT_EQ(CodeOf(5, 10, -1), KelErrBadParam);
+  EXPECT_EQ(CodeOf(10, 10, 0), KelErrBadParam) << "the first tile ends where the image begins";
+  EXPECT_EQ(CodeOf(9, 10, 0), KelOK);
+  EXPECT_EQ(CodeOf(5, INT32_MAX, 5), KelOK) << "a sum beyond 31 bits";
+  EXPECT_EQ(CodeOf(0, 0, 0), KelErrBadParam);
+}
+
+TEST(Geometry, TileCounts) {
+  HostMemory memory;
+  const auto count = [](KelLong size, KelLong tile, KelLong origin) {
+    KelImageGeometry g(size, 1, origin, 0, tile, 1, origin, 0, kOne, kOne, 1, kEight);
+    const KelLong n = g.NumXTiles;
+    g.Die();
+    return n;
+  };
+  EXPECT_EQ(count(100, 100, 0), 1);
+  EXPECT_EQ(count(100, 1000, 0), 1);
+  EXPECT_EQ(count(40, 10, 0), 4);
+  EXPECT_EQ(count(41, 10, 0), 5);
+  EXPECT_EQ(count(41, 10, 1), 4);
+  EXPECT_EQ(count(INT32_MAX, 1, 0), INT32_MAX);
+}
+
+// A tile-component's samples are the multiples of the subsampling factor inside the tile, and a
+// resolution's are the multiples of 2^k among those.
+TEST(Geometry, BoxesHoldTheGridPointsTheyShould) {
+  HostMemory memory;
+  for (KelLong size : {7, 16, 23}) {
+    for (KelLong origin : {0, 1, 5}) {
+      for (KelLong tile : {6, 7, 30}) {
+        for (KelLong sub : {1, 2, 3}) {
+          KelImageGeometry g(size, size, origin, origin, tile, tile, 0, 0, &sub, &sub, 1, kEight);
+          for (KelLong p = 0; p < g.NumXTiles; ++p) {
+            for (KelLong r = 0; r <= 2; ++r) {
+              KelLong first = -1, last = -1, n = 0;
+              for (KelLong x = std::max(origin, p * tile); x < std::min(size, (p + 1) * tile);
+                   ++x) {
+                if (x % (sub << (2 - r)) != 0) continue;
+                if (n++ == 0) first = x;
+                last = x;
+              }
+              Edges e{};
+              g.GetTileCompResolutionBoundingBox(p, 0, 0, r, 2, &e.x0, &e.x1, &e.y0, &e.y1);
+              EXPECT_EQ(e.x1 - e.x0, n);
+              if (n > 0) {
+                EXPECT_EQ(e.x0 * (sub << (2 - r)), first);
+                EXPECT_EQ((e.x1 - 1) * (sub << (2 - r)), last);
+              }
+            }
+          }
+          Edges whole{};
+          g.GetImageResolutionBoundingBox(2, 2, &whole.x0, &whole.x1, &whole.y0, &whole.y1);
+          EXPECT_EQ(whole, (Edges{origin, size, origin, size}));
+          g.Die();
+        }
+      }
+    }
+  }
+}
+
+TEST(Geometry, TileGeometryTakesItsComponentsValues) {
+  HostMemory memory;
+  const std::array<KelLong, 2> across = {1, 2};
+  const std::array<KelLong, 2> down = {1, 1};
+  const std::array<KelLong, 2> depths = {8, 12};
+  KelImageGeometry g(10, 10, 1, 0, 6, 6, 0, 0, across.data(), down.data(), 2, depths.data());
+  for (const KelTileGeometry& t : {KelTileGeometry(&g, 1, 3), KelTileGeometry(&g, 1, 1, 1)}) {
+    EXPECT_EQ(t.Owner, &g);
+    EXPECT_EQ(t.TileNum, 3);
+    EXPECT_EQ(t.BitDepth, 12);
+    EXPECT_EQ(t.XRsiz, 2);
+    EXPECT_EQ((Edges{t.X0, t.X1, t.Y0, t.Y1}), (Edges{3, 5, 6, 10}));
+  }
+  const KelTileGeometry stored(0, 0, 8, 1, 1, 3, 8, 0, 1);
+  Edges e{};
+  stored.GetResolutionCoords(1, 2, &e.x0, &e.x1, &e.y0, &e.y1);
+  EXPECT_EQ(e, (Edges{2, 4, 0, 1}));
+  g.Die();
+}
+
+TEST(Geometry, DeepCopyAndRefusals) {
+  HostMemory memory;
+  EXPECT_THROW(KelImageGeometry().InitImageGeometry(nullptr), KelException);
+  test::SweepRefusals(memory, [] {
+    KelImageGeometry source(10, 10, 0, 0, 10, 10, 0, 0, kOne, kOne, 1, kEight);
+    KelImageGeometry copy;
+    try {
+      copy.InitImageGeometry(&source);
+    } catch (const KelException& failure) {
+      EXPECT_STREQ(failure.srcFile, "common/src/KelGeometry");
+      source.Die();
+      throw;
+    }
+    EXPECT_NE(copy.BitDepths, source.BitDepths);
+    source.Die();
+    EXPECT_EQ(copy.BitDepths[0], 8);
+    copy.Die();
+    copy.Die();
+    return KelOK;
+  });
+}
+
+}  // namespace

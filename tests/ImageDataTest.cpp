@@ -1,0 +1,54 @@
+// The sample container.
+#include "kel/KelImageData.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "HostMemory.h"
+#include "KelImageDataAccess.h"
+
+namespace {
+
+using test::HostMemory;
+
+TEST(ImageData, ObtainsZeroFilledSamples) {
+  HostMemory memory;
+  KelImageData image;
+  EXPECT_EQ(image.InitKelImageData(4, 3, 2, 0, nullptr), KelOK);
+  EXPECT_FALSE(image.DynRangeIsValid());
+  {
+    const kel::BufferLock lock(image.GetImageBuffer());
+    const auto* bytes = lock.As<std::uint8_t>();
+    EXPECT_TRUE(std::all_of(bytes, bytes + 24, [](std::uint8_t b) { return b == 0; }));
+  }
+  image.DynRangeMin = 0;
+  image.DynRangeMax = 1;
+  KelBufID_I* buffer = image.GetImageBuffer();
+  image.SetImageBuffer(buffer);
+  EXPECT_FALSE(image.DynRangeIsValid()) << "another buffer, another range";
+  image.FreeImageBuffer();
+  EXPECT_EQ(image.GetImageBuffer(), nullptr);
+  image.FreeImageBuffer();
+}
+
+TEST(ImageData, SizesThatCannotBeHeld) {
+  HostMemory memory;
+  KelImageData image;
+  const std::size_t before = memory.Requests();
+  EXPECT_THROW(image.InitKelImageData(65536, 65536, 1, 0, nullptr), KelException);
+  EXPECT_THROW(image.InitKelImageData(INT32_MAX, INT32_MAX, 4, 0, nullptr), KelException);
+  EXPECT_EQ(memory.Requests(), before);
+  EXPECT_EQ(image.GetImageBuffer(), nullptr);
+  KelMemFuncs nothing = *KelGetMemObj();
+  nothing.AllocBuf = [](KelULong) -> KelBufID_I* { return nullptr; };
+  KelMemFuncs* host = KelGetMemObj();
+  KelLibInit(&nothing);
+  EXPECT_EQ(image.InitKelImageData(0, 3, 1, 0, nullptr), KelErrNoMemory);
+  EXPECT_EQ(image.InitKelImageData(-5, 3, 1, 0, nullptr), KelErrNoMemory);
+  KelLibInit(host);
+  EXPECT_EQ(image.SetWidth(-5), 0);
+  EXPECT_EQ(image.GetWidth(), -5);
+}
+
+}  // namespace

@@ -1,0 +1,217 @@
+// The library frame: memory layer and owners, failure record, guard, version.
+#include "KelMemFuncDefs.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "HostMemory.h"
+#include "KelApiGlue.h"
+#include "KelRaise.h"
+
+namespace {
+
+using namespace kel;
+using test::HostMemory;
+
+/// Code that a call raises; 0 when it raises nothing.
+template <class Call>
+KelLong RaisedBy(Call call) {
+  try {
+    call();
+    return KelOK;
+  } catch (const KelException& failure) {
+    return failure.errCode;
+  }
+}
+
+TEST(Memory, RefusalRaisesTheFullRecord) {
+  HostMemory memory;
+  for (auto request :
+       {+[] { KelMalloc(1); }, +[] { KelCalloc(1, 1); }, +[] { KelAlignedMalloc(1); },
+        +[] { KelAllocBuf(1); }, +[] { KelAllocAlignedBuf(1); }}) {
+    memory.RefuseRequest(1);
+    try {
+      request();
+      FAIL();
+    } catch (const KelException& failure) {
+      EXPECT_EQ(failure.errCode, KelErrNoMemory);
+      EXPECT_EQ(failure.errLevel, 3);
+      EXPECT_STREQ(failure.srcFile, "common/src/KelMemFuncDefs");
+      EXPECT_GT(failure.lineNum, 0);
+    }
+  }
+}
+
+// A size that wraps to a small one must never reach the host.
+TEST(Memory, SizesBeyond32BitsAreRefusedWithoutAsking) {
+  HostMemory memory;
+  const std::size_t before = memory.Requests();
+  EXPECT_EQ(RaisedBy([] { KelMalloc(0x100000000); }), KelErrNoMemory);
+  EXPECT_EQ(RaisedBy([] { KelCalloc(0x10001, 0x10000); }), KelErrNoMemory);
+  EXPECT_EQ(RaisedBy([] { KelCalloc(std::uint64_t{1} << 63, 2); }), KelErrNoMemory);
+  EXPECT_EQ(RaisedBy([] { KelAllocBuf(0x100000001); }), KelErrNoMemory);
+  EXPECT_EQ(RaisedBy([] { ScratchArray<double>::Make(0x20000000); }), KelErrNoMemory);
+  EXPECT_EQ(memory.Requests(), before);
+}
+
+TEST(Memory, ANullForSizeZeroIsNoFailure) {
+  KelMemFuncs funcs{};
+  funcs.Malloc = [](KelULong) -> void* { return nullptr; };
+  funcs.AllocBuf = [](KelULong) -> KelBufID_I* { return nullptr; };
+  KelLibInit(&funcs);
+  EXPECT_EQ(KelMalloc(0), nullptr);
+  EXPECT_EQ(KelCalloc(0, 8), nullptr);
+  EXPECT_EQ(KelAllocBuf(0), nullptr);
+  KelLibShutDown();
+  EXPECT_EQ(KelGetMemObj(), nullptr);
+  EXPECT_EQ(RaisedBy([] { KelMalloc(1); }), KelErrNoMemory) << "not started";
+  KelFree(nullptr);
+}
+
+TEST(Memory, ReallocKeepsTheCommonBytes) {
+  HostMemory memory;
+  auto* block = static_cast<char*>(KelMalloc(4));
+  std::memcpy(block, "abc", 4);
+  const std::size_t before = memory.Requests();
+  EXPECT_EQ(KelRealloc(block, 4, 4), block);
+  EXPECT_EQ(memory.Requests(), before);
+  block = static_cast<char*>(KelRealloc(block, 4, 100));
+  EXPECT_STREQ(block, "abc");
+  block = static_cast<char*>(KelRealloc(block, 100, 2));
+  EXPECT_EQ(std::memcmp(block, "ab", 2), 0);
+  KelFree(block);
+}
+
+TEST(Memory, OnlyTheLibrarysBuffersAreTouched) {
+  KelMemFuncs funcs{};
+  static int calls;
+  calls = 0;
+  funcs.LockBuf = [](KelBufID_I*) -> void* { return ++calls, &calls; };
+  funcs.UnlockBuf = [](KelBufID_I*) { ++calls; };
+  funcs.FreeBuf = [](KelBufID_I*) { ++calls; };
+  KelLibInit(&funcs);
+  for (const std::uint8_t type : {0, 2, 7, 8, 255}) {
+    KelBufID_I foreign;
+    foreign.bufType = type;
+    EXPECT_EQ(KelLockBuf(&foreign), nullptr);
+    KelUnlockBuf(&foreign);
+    KelFreeBuf(&foreign);
+  }
+  EXPECT_EQ(calls, 0);
+  KelLibShutDown();
+}
+
+// Owners give back exactly once, also when moved, assigned over, or left by an exception.
+TEST(Memory, OwnersReleaseOnce) {
+  HostMemory memory;
+  struct Record {
+    int value;
+  };
+  {
+    auto record = OwnedRecord<Record>::Make();
+    EXPECT_EQ(record->value, 0);
+    OwnedRecord<Record> other(std::move(record));
+    other = OwnedRecord<Record>::Make();
+    auto array = OwnedArray<int>::Make(5);
+    EXPECT_EQ(array[4], 0);
+    array = OwnedArray<int>::Make(7);
+    EXPECT_EQ(array.Size(), 7U);
+    auto scratch = ScratchArray<float>::Make(3);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(scratch.Data()) % 64, 0U);
+    auto buffer = OwnedBuffer::MakeAligned(32);
+    const BufferLock lock(buffer.Get());
+    EXPECT_TRUE(lock);
+    EXPECT_EQ(memory.Outstanding(), 4U);
+    KelFree(array.Release());
+    EXPECT_EQ(array.Size(), 0U);
+  }
+  EXPECT_EQ(memory.Outstanding(), 0U);
+  try {
+    const auto array = OwnedArray<int>::Make(5);
+    ScopeGuard guard([] {});
+    Raise(KelErrBadParam, kModuleImage);
+  } catch (const KelException&) {
+  }
+  EXPECT_EQ(memory.Outstanding(), 0U);
+}
+
+TEST(Memory, GrowByOneKeepsWhatIsThere) {
+  HostMemory memory;
+  int* values = nullptr;
+  std::uint32_t used = 0;
+  std::uint32_t obtained = 0;
+  for (int i = 0; i < 100; ++i) {
+    GrowByOne(values, used, obtained);
+    values[used++] = i;
+  }
+  EXPECT_LT(memory.Requests(), 10U) << "growth must be geometric";
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(values[i], i);
+  KelFree(values);
+}
+
+TEST(Guard, TurnsFailuresIntoCodesAndRestoresRounding) {
+  KelException details;
+  const auto code = [](KelLong c) { return c; };
+  std::fesetround(FE_UPWARD);
+  EXPECT_EQ(Guard(
+                &details,
+                []() -> KelLong {
+                  EXPECT_EQ(std::fegetround(), FE_TONEAREST);
+                  Raise(KelErrUnsupported, kModuleHeaders);
+                },
+                code),
+            KelErrUnsupported);
+  EXPECT_EQ(std::fegetround(), FE_UPWARD);
+  std::fesetround(FE_TONEAREST);
+  EXPECT_STREQ(details.srcFile, kModuleHeaders);
+
+  EXPECT_EQ(Guard(
+                &details, []() -> KelLong { throw std::runtime_error("other"); }, code),
+            31);
+  EXPECT_EQ(details.errCode, 31);
+  EXPECT_STREQ(details.srcFile, "common/src/KelApiGlue");
+  EXPECT_EQ(details.errLevel, 3);
+  EXPECT_EQ(Guard(
+                &details, [] { return 7; }, code),
+            7);
+  EXPECT_EQ(details.errCode, 31) << "a success clears nothing";
+  EXPECT_THROW(GuardKelExceptions(&details, []() -> KelLong { throw 1; }), int);
+
+  details.ClearErrState();
+  EXPECT_EQ(details.errCode, 0);
+  EXPECT_EQ(details.lineNum, -1);
+  EXPECT_EQ(details.srcFile, nullptr);
+  EXPECT_EQ(details.errLevel, 0);
+  EXPECT_STREQ(details.GetErrString(), "Not Available Yet");
+}
+
+TEST(Library, VersionAndDateInAnyState) {
+  EXPECT_STREQ(KelLibVersion(), "1.0.30866");
+  int day, year, hour, minute, second, zone;
+  char name[4], month[4];
+  EXPECT_EQ(std::sscanf(KelLibBuildDate(), "%3s, %d %3s %d %d:%d:%d %d", name, &day, month, &year,
+                        &hour, &minute, &second, &zone),
+            2 + 6)
+      << KelLibBuildDate();
+}
+
+TEST(Integers, DivisionAndSaturationAtTheEdges) {
+  EXPECT_EQ(CeilDiv(7, 2), 4);
+  EXPECT_EQ(CeilDiv(-7, 2), -3);
+  EXPECT_EQ(FloorDiv(-7, 2), -4);
+  EXPECT_EQ(CeilShift(3, 1), 2);
+  EXPECT_EQ(CeilShift(INT32_MAX, 40), 1);
+  EXPECT_EQ(CeilShift(-1, 3), 0);
+  EXPECT_EQ(SaturatingMul(std::uint64_t{1} << 40, std::uint64_t{1} << 40), UINT64_MAX);
+  EXPECT_EQ(SaturatingAdd(UINT64_MAX, 1), UINT64_MAX);
+  EXPECT_EQ(RoundToInt32(0.5), 0);
+  EXPECT_EQ(RoundToInt32(1.5), 2);
+  EXPECT_EQ(RoundToInt32(-2.5), -2);
+  EXPECT_EQ(RoundToInt32(1e30), INT32_MAX);
+  EXPECT_EQ(RoundToInt32(-1e30), INT32_MIN);
+  EXPECT_EQ(RoundToInt32(std::nan("")), 0);
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+#include "HostMemory.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
+
+namespace test {
+namespace {
+
+constexpr int kPaint = 0xCD;
+
+struct Ledger {
+  std::unordered_map<void*, std::size_t> blocks;
+  std::size_t bytes = 0, peak = 0, requests = 0, largest = 0;
+  std::size_t refuseAt = 0, limit = 0;
+  bool refused = false;
+};
+
+Ledger* ledger = nullptr;
+
+/// An identifier as this host makes them: the data stand behind it in the ledger's block.
+struct Buffer : KelBufID_I {
+  void* data = nullptr;
+};
+
+void* Take(std::size_t size, std::size_t alignment) {
+  ++ledger->requests;
+  ledger->largest = std::max(ledger->largest, size);
+  const bool refuse = (ledger->refuseAt != 0 && --ledger->refuseAt == 0) ||
+                      (ledger->limit != 0 && ledger->bytes + size > ledger->limit);
+  if (refuse) {
+    ledger->refused = true;
+    return nullptr;
+  }
+  const std::size_t rounded =
+      (std::max<std::size_t>(size, 1) + alignment - 1) / alignment * alignment;
+  void* block = std::aligned_alloc(alignment, rounded);
+  if (block == nullptr) return nullptr;
+  std::memset(block, kPaint, rounded);
+  ledger->blocks.emplace(block, size);
+  ledger->bytes += size;
+  ledger->peak = std::max(ledger->peak, ledger->bytes);
+  return block;
+}
+
+void Give(void* block) {
+  if (block == nullptr) return;
+  const auto found = ledger->blocks.find(block);
+  if (found == ledger->blocks.end()) {
+    ADD_FAILURE() << "a block was released that is not outstanding";
+    return;
+  }
+  ledger->bytes -= found->second;
+  ledger->blocks.erase(found);
+  std::free(block);
+}
+
+KelBufID_I* TakeBuffer(std::size_t size, std::size_t alignment) {
+  void* data = Take(size, alignment);
+  if (data == nullptr) return nullptr;
+  auto* buffer = new Buffer;
+  buffer->bufType = 0;
+  buffer->clientRef = reinterpret_cast<std::uintptr_t>(data);
+  buffer->data = data;
+  return buffer;
+}
+
+}  // namespace
+
+HostMemory::HostMemory() {
+  ledger = new Ledger;
+  funcs_.AllocBuf = [](KelULong size) { return TakeBuffer(size, 16); };
+  funcs_.AllocAlignedBuf = [](KelULong size, KelULong alignment) {
+    return TakeBuffer(size, alignment);
+  };
+  funcs_.LockBuf = [](KelBufID_I* buffer) { return static_cast<Buffer*>(buffer)->data; };
+  funcs_.UnlockBuf = [](KelBufID_I*) {};
+  funcs_.FreeBuf = [](KelBufID_I* buffer) {
+    Give(static_cast<Buffer*>(buffer)->data);
+    delete static_cast<Buffer*>(buffer);
+  };
+  funcs_.Malloc = [](KelULong size) { return Take(size, 16); };
+  funcs_.Free = [](void* block) { Give(block); };
+  funcs_.AlignedMalloc = [](KelULong size, KelULong alignment) { return Take(size, alignment); };
+  funcs_.AlignedFree = [](void* block) { Give(block); };
+  funcs_.MemCopy = [](void* to, const void* from, KelULong count) { std::memcpy(to, from, count); };
+  funcs_.MemSet = [](void* to, KelLong value, KelULong count) { std::memset(to, value, count); };
+  KelLibInit(&funcs_);
+}
+
+HostMemory::~HostMemory() {
+  EXPECT_EQ(Outstanding(), 0U) << "memory of the host was not given back";
+  KelLibShutDown();
+  for (auto& [block, size] : ledger->blocks) std::free(block);
+  delete ledger;
+  ledger = nullptr;
+}
+
+void HostMemory::RefuseRequest(std::size_t n) {
+  ledger->refuseAt = n;
+  ledger->refused = false;
+}
+
+bool HostMemory::HasRefused() const {
+  return ledger->refused;
+}
+void HostMemory::LimitBytes(std::size_t most) {
+  ledger->limit = most;
+}
+std::size_t HostMemory::Outstanding() const {
+  return ledger->blocks.size();
+}
+std::size_t HostMemory::Bytes() const {
+  return ledger->bytes;
+}
+std::size_t HostMemory::PeakBytes() const {
+  return ledger->peak;
+}
+
+void HostMemory::ResetPeak() {
+  ledger->peak = ledger->bytes;
+  ledger->largest = 0;
+}
+
+std::size_t HostMemory::Requests() const {
+  return ledger->requests;
+}
+std::size_t HostMemory::LargestRequest() const {
+  return ledger->largest;
+}
+
+}  // namespace test
