@@ -103,7 +103,7 @@ class KEL_API KelTileGeometry {
 };
 
 #if UINTPTR_MAX == 0xFFFFFFFFu
-static_assert(sizeof(KelImageGeometry) == 16 * 4 && sizeof(KelTileGeometry) == 10 * 4,
+static_assert(sizeof(KelImageGeometry) == 15 * 4 && sizeof(KelTileGeometry) == 10 * 4,
               "field widths on 32-bit hosts");
 #endif
 
