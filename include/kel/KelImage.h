@@ -2,9 +2,9 @@
 //
 // Every operation marked "guarded" catches what fails inside it, keeps the details for
 // GetErrorDetails and returns the failure's KelResult (or the neutral value named). On an object
-// that was not initialised, guarded operations return 31 and queries return 0, false or null; an
-// encoder's operation on a decoder, or the reverse, returns 15. After a failure the host calls
-// Die in any case.
+// that was not initialised, guarded operations return 31 (GetNextFrame 15) and queries 0, false or
+// null; an encoder's operation on a decoder, or the reverse, returns 15. After a failure the host
+// calls Die in any case.
 //
 // One object is used by one thread at a time; distinct objects share only the registered memory
 // callbacks. Callbacks run on the calling thread, inside the call. The library computes with
@@ -312,9 +312,11 @@ class KEL_API KelImage {
   bool TransparencyChannelPresent() const;
   KelOpacityType GetTransparencyType() const;
   KelChromaKey* GetChromaKey() const;  ///< null unless transparency is a chroma key
-  /// The component whose opacity applies to colour n; -1 when none does.
+  /// The index of the channel-definition entry whose opacity applies to colour n; -1 when there is
+  /// none.
   KelLong GetTransparencyChannelNum(KelLong n) const;
-  /// The component whose opacity applies to the whole image; -1 when none does.
+  /// The index of the channel-definition entry whose opacity applies to the whole image; without
+  /// definitions, the last component when the file names an opacity; -1 when there is none.
   KelLong GetGlobalTransparencyChannelNum() const;
 
  private:

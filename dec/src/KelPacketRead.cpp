@@ -1,0 +1,200 @@
+// Reading the packets of one tile-part.
+//
+// Relies on the walk for the order and on the block decoder for the bands; leaves tile-part
+// headers and the choice of tile-parts to the decoding flow.
+#include "KelPacketRead.h"
+
+#include <algorithm>
+
+#include "KelBlockDecode.h"
+#include "KelPacketWalk.h"
+
+namespace kel {
+namespace {
+
+constexpr std::uint64_t kLengthBytes = 4;
+
+/// Large packets are gathered in steps of this many bytes at most while they really arrive.
+constexpr std::uint64_t kGatherBytes = std::uint64_t{1} << 20;
+
+/// The tile-part being read, and where its length says that it ends.
+struct PartReading {
+  KelDecDataMgr& data;
+  TileRecord& tile;
+  std::int64_t end;     ///< position behind the tile-part, when its length can be trusted
+  bool endIsChecked;    ///< a boundary stands at `end`
+  bool endIsDismissed;  ///< none does, or the length does not tell
+};
+
+/// End of the tile-part's data: a marker that ends it, the end of the data, or the place that its
+/// length names, once that has come into view and turned out to be a boundary.
+bool AtPartEnd(PartReading& part) {
+  if (part.data.AtTilePartBoundary()) return true;
+  if (!part.endIsChecked && !part.endIsDismissed) {
+    const BoundaryCheck check = CheckBoundary(part.data, part.end);
+    part.endIsChecked = check == BoundaryCheck::kIsBoundary;
+    part.endIsDismissed = check == BoundaryCheck::kIsNone;
+  }
+  return part.endIsChecked && part.data.GetPosition() >= part.end;
+}
+
+/// Decodes one band of a precinct at the read position. `lengthBytes` of data are announced.
+void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
+                const PacketId& at, std::uint64_t lengthBytes) {
+  BandRecord& band = record.bands[b];
+  const GridPartition& precincts = record.resolutions[at.resolution].precincts;
+  const bool isLowest = at.resolution == 0;
+  const int halving = isLowest ? 0 : 1;
+  // Decoding fills a band that is one precinct; otherwise it is filled with zeros first.
+  if (precincts.Count() > 1) EnsureBandFilled(record, b, cells);
+
+  const KelCodingStyle& style = *record.params.style;
+  BandBlocks blocks;
+  blocks.box = PrecinctOfBand(band.box, precincts, at.precinct, isLowest);
+  blocks.widthExp = std::min(style.blockWidthExp, precincts.widthExp - halving);
+  blocks.heightExp = std::min(style.blockHeightExp, precincts.heightExp - halving);
+  blocks.cells = cells + (band.row + blocks.box.y0 - band.box.y0) * record.rowStride + band.column +
+                 (blocks.box.x0 - band.box.x0);
+  blocks.strideCells = record.rowStride;
+  blocks.layout = style.cbInterleavedSigns != 0 ? SignLayout::kInterleaved : SignLayout::kSeparate;
+
+  const std::int64_t start = data.GetPosition();
+  BandEnd end = DecodeBandBlocks(data, blocks);
+  if (end != BandEnd::kWhole && !band.isFilled) {
+    // Blocks that were not reached must be zero: start again over zeros.
+    EnsureBandFilled(record, b, cells);
+    if (end == BandEnd::kCutOff && data.MoveTo(start)) end = DecodeBandBlocks(data, blocks);
+  }
+  band.isFilled = true;
+  if (end == BandEnd::kBadHeader) {
+    data.MoveTo(start + static_cast<std::int64_t>(lengthBytes));
+  }
+}
+
+/// Decodes the bands of a packet whose length, not 0, has been read.
+void DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at,
+                       std::uint64_t lengthBytes) {
+  EnsureCoefficients(record);
+  const BufferLock lock(record.waveletData->ImageBuffer);
+  auto* cells = lock.As<std::int32_t>();
+  if (cells == nullptr) return;
+  if (at.resolution == 0) {
+    DecodeBand(data, record, cells, 0, at, lengthBytes);
+    return;
+  }
+  for (std::int32_t b = 3 * at.resolution - 2; b <= 3 * at.resolution; ++b) {
+    const std::uint64_t bandBytes = data.ReadUInt(kLengthBytes);
+    if (bandBytes != 0) DecodeBand(data, record, cells, b, at, bandBytes);
+  }
+}
+
+/// The bytes of a packet that is larger than the window, or nothing when they have not all
+/// arrived. Memory is obtained as they arrive, so that a length alone obtains little.
+OwnedArray<std::uint8_t> GatherPacket(KelDecDataMgr& data, std::uint64_t lengthBytes) {
+  OwnedArray<std::uint8_t> bytes;
+  std::uint64_t filled = 0;
+  while (filled < lengthBytes) {
+    const std::uint64_t room = std::min(lengthBytes, filled + std::max(filled, kGatherBytes));
+    auto larger = OwnedArray<std::uint8_t>::Make(room);
+    KelMemCopy(larger.Data(), bytes.Data(), filled);
+    bytes = std::move(larger);
+    const std::uint64_t got = data.ReadBytes(bytes.Data() + filled, room - filled);
+    if (got != room - filled) return {};
+    filled = room;
+  }
+  return bytes;
+}
+
+/// Handles a packet that does not fit the window of a stream. False when it has not arrived whole.
+bool HandleLargePacket(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at,
+                       std::uint64_t lengthBytes, bool isWanted) {
+  const std::int64_t start = data.GetPosition();
+  bool isWhole;
+  if (isWanted) {
+    data.SkipForward(kLengthBytes);
+    const auto bytes = GatherPacket(data, lengthBytes);
+    isWhole = static_cast<bool>(bytes);
+    if (isWhole) {
+      KelDecDataMgr packet{};
+      packet.InitFromMemory({bytes.Data(), static_cast<KelULong>(lengthBytes)}, data.GetFlavour());
+      DecodePacketBands(packet, record, at, lengthBytes);
+    }
+  } else {
+    isWhole = data.SkipForward(kLengthBytes + lengthBytes) == kLengthBytes + lengthBytes;
+  }
+  if (!isWhole) data.MoveTo(start);
+  return isWhole;
+}
+
+/// Handles the packet at the read position. False when it has not arrived whole; the reader then
+/// stands on it again, if the stream can move back.
+bool HandlePacket(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at) {
+  if (data.EnsureBuffered(kLengthBytes) != kBufferedOk) return false;
+  std::uint64_t lengthBytes = 0;
+  for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
+    lengthBytes = lengthBytes << 8 | data.PeekByte(k);
+  }
+  const std::uint64_t packetBytes = kLengthBytes + lengthBytes;
+  const bool isWanted = at.resolution <= record.decodeRes && lengthBytes != 0;
+
+  const int buffered = data.EnsureBuffered(packetBytes);
+  if (buffered == kAboveCapacity) {
+    if (!HandleLargePacket(data, record, at, lengthBytes, isWanted)) return false;
+  } else if (buffered != kBufferedOk) {
+    return false;
+  } else if (isWanted) {
+    data.SkipForward(kLengthBytes);
+    DecodePacketBands(data, record, at, lengthBytes);
+  } else {
+    data.SkipForward(packetBytes);
+  }
+  record.decodedBytes += packetBytes;
+  return true;
+}
+
+}  // namespace
+
+BoundaryCheck CheckBoundary(KelDecDataMgr& data, std::int64_t position) {
+  const std::int64_t distance = position - data.GetPosition();
+  if (distance < 0) return BoundaryCheck::kIsNone;
+  const std::uint64_t ahead = AsCount(distance);
+  const int buffered = data.EnsureBuffered(ahead + 2);
+  if (buffered == kAboveCapacity) return BoundaryCheck::kTooFar;
+  const std::uint64_t available = data.Available();
+  if (available < ahead) return BoundaryCheck::kIsNone;
+  if (available < ahead + 2) return BoundaryCheck::kIsBoundary;
+  const std::uint32_t second = data.PeekByte(ahead + 1);
+  const bool isMarker =
+      data.PeekByte(ahead) == data.MarkerByte() && (second == 0x90 || second == 0xD9);
+  return isMarker ? BoundaryCheck::kIsBoundary : BoundaryCheck::kIsNone;
+}
+
+PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile) {
+  TileProgress& progress = tile.progress;
+  PartReading part{data, tile, progress.partStart + progress.partLength, false,
+                   progress.partLength == 0};
+  bool isEmpty = !progress.partIsOpen;
+  progress.partIsOpen = true;
+  progress.resumePosition = data.GetPosition();
+  while (const PacketId* at = CurrentPacket(*tile.walk)) {
+    if (AtPartEnd(part)) {
+      // The end of the data ends the tile-part only where its length says so.
+      const bool dataEnded = data.EnsureBuffered(2) != kBufferedOk;
+      if (dataEnded && (progress.partLength == 0 || data.GetPosition() != part.end)) {
+        return PartEnd::kCutOff;
+      }
+      if (isEmpty) PassEmptyTilePart(*tile.walk);
+      return PartEnd::kPartEnded;
+    }
+    if (!HandlePacket(data, tile.comps[at->component], *at)) return PartEnd::kCutOff;
+    PacketHandled(*tile.walk);
+    progress.resumePosition = data.GetPosition();
+    progress.hasPackets = true;
+    progress.isChanged = true;
+    isEmpty = false;
+  }
+  progress.isComplete = true;
+  return PartEnd::kTileComplete;
+}
+
+}  // namespace kel
