@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_DATA_SOURCE_H
 
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "BitAssembler.h"
@@ -50,6 +51,17 @@ class DataSource {
  private:
   kel::OwnedRecord<kel::KelDecDataMgr> manager_;
 };
+
+/// Numbers as text, for comparing what was read at one glance.
+template <class T>
+std::string List(const T* values, std::int64_t n) {
+  std::string text;
+  for (std::int64_t i = 0; i < n; ++i) text += (i != 0 ? "," : " ") + std::to_string(values[i]);
+  return text;
+}
+inline std::string List(std::initializer_list<std::int64_t> values) {
+  return List(values.begin(), static_cast<std::int64_t>(values.size()));
+}
 
 }  // namespace test
 
