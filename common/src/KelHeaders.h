@@ -145,8 +145,8 @@ void ReleaseCodingStyle(KelCodingStyle& style) noexcept;
 void ReleaseQuantParams(KelQuantParams& quant) noexcept;
 void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept;
 
-/// Sets the present flag and the count and obtains the six zero-filled arrays. Returns 0; 15 for
-/// a null record; 8.
+/// Sets the present flag and the count and obtains the six zero-filled arrays in place of earlier
+/// ones. Returns 0; 15 for a null record; 8.
 KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t count);
 
 /// The COC or QCC record of a component, or null.
