@@ -3,10 +3,9 @@
 // least alignment, with guards around what may be written.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -82,7 +81,7 @@ class SamplesKernelSets : public testing::TestWithParam<KernelSet> {
       std::vector<In> in[3];
       std::vector<Out> out[2][3];
       for (int k = 0; k < 3; ++k) {
-        in[k].resize(cells);
+        in[k].resize(cells - kGuard);  // nothing behind it: sanitizers see reads too far
         Fill(in[k], random);
         std::vector<Out> before(cells);
         Fill(before, random);
@@ -100,104 +99,61 @@ class SamplesKernelSets : public testing::TestWithParam<KernelSet> {
       for (int k = 0; k < 3; ++k) {
         for (std::size_t i = 0; i < cells; ++i) {
           ASSERT_EQ(BitsOf(out[0][k][i]), BitsOf(out[1][k][i]))
-              << name << ", output " << k << ", cell " << static_cast<long>(i - kGuard) << " of "
-              << count;
+              << name << ", output " << k << ", cell " << i << " - " << kGuard << " of " << count;
         }
       }
     }
   }
 
-  template <class In, class Out>
-  void CompareOne(const char* name, void (*SamplesKernels::*kernel)(const In*, Out*, std::size_t)) {
-    Compare<In, Out>(name, 1, [=](const SamplesKernels& table, auto& in, auto& out, auto count) {
-      (table.*kernel)(in[0], out[0], count);
-    });
-  }
-
-  template <class In, class Out>
-  void CompareThree(const char* name,
-                    void (*SamplesKernels::*kernel)(const In*, const In*, const In*, Out*, Out*,
-                                                    Out*, std::size_t)) {
-    Compare<In, Out>(name, 1, [=](const SamplesKernels& table, auto& in, auto& out, auto count) {
-      (table.*kernel)(in[0], in[1], in[2], out[0], out[1], out[2], count);
-    });
-  }
-
-  template <class Cell>
-  void CompareInPlace(const char* name,
-                      void (*SamplesKernels::*kernel)(Cell*, Cell*, Cell*, std::size_t)) {
-    Compare<Cell, Cell>(name, 1, [=](const SamplesKernels& table, auto&, auto& out, auto count) {
-      (table.*kernel)(out[0], out[1], out[2], count);
-    });
-  }
-
   KernelTable scalar_, vector_;
 };
 
-TEST_P(SamplesKernelSets, ForwardGivesTheBitsOfTheReference) {
-  using K = SamplesKernels;
+// Compares one call of a kernel, written with in, out and n; inputs have `cells` cells a sample.
+#define KEL_SAME(In, Out, cells, call)                                                       \
+  Compare<In, Out>(#call, cells, [&](const SamplesKernels& k, auto& in, auto& out, auto n) { \
+    static_cast<void>(in);                                                                   \
+    k.call;                                                                                  \
+  })
+
+TEST_P(SamplesKernelSets, GiveTheBitsOfTheReference) {
+  using U8 = std::uint8_t;
+  using U16 = std::uint16_t;
+  using I32 = std::int32_t;
   for (const std::size_t step : {3U, 4U, 5U}) {
-    Compare<std::uint8_t, std::uint8_t>(
-        "splitBytes", step, [=](auto& table, auto& in, auto& out, auto count) {
-          table.splitBytes(in[0], step, out[0], out[1], out[2], count);
-        });
-    Compare<std::uint16_t, std::uint16_t>(
-        "splitWords", step, [=](auto& table, auto& in, auto& out, auto count) {
-          table.splitWords(in[0], step, out[0], out[1], out[2], count);
-        });
+    KEL_SAME(U8, U8, step, splitBytes(in[0], step, out[0], out[1], out[2], n));
+    KEL_SAME(U16, U16, step, splitWords(in[0], step, out[0], out[1], out[2], n));
   }
-  CompareOne("bytesToInts", &K::bytesToInts);
-  CompareOne("wordsToInts", &K::wordsToInts);
-  CompareOne("bytesToFloats", &K::bytesToFloats);
-  CompareOne("wordsToFloats", &K::wordsToFloats);
-  CompareThree("forwardRct8", &K::forwardRct8);
-  CompareThree("forwardRct16", &K::forwardRct16);
-  CompareThree("forwardRct32", &K::forwardRct32);
-  CompareThree("forwardIct8", &K::forwardIct8);
-  CompareThree("forwardIct16", &K::forwardIct16);
-  CompareThree("forwardIct32", &K::forwardIct32);
-}
-
-TEST_P(SamplesKernelSets, InverseGivesTheBitsOfTheReference) {
-  using K = SamplesKernels;
-  CompareInPlace("inverseRct", &K::inverseRct);
-  CompareInPlace("inverseIct", &K::inverseIct);
-  CompareThree("inverseRctTo8Bit", &K::inverseRctTo8Bit);
-  CompareThree("inverseIctTo8Bit", &K::inverseIctTo8Bit);
-  CompareOne("intTo8Bit", &K::intTo8Bit);
-  CompareOne("intTo8BitWrapped", &K::intTo8BitWrapped);
-  CompareOne("floatTo8Bit", &K::floatTo8Bit);
-}
-
-TEST_P(SamplesKernelSets, RecastsGiveTheBitsOfTheReference) {
-  const struct {
-    std::int32_t lowest, highest, addend;
-  } limits[] = {{-128, 127, 128}, {INT32_MIN, INT32_MAX, 1}, {-5, -5, INT32_MIN}};
-  for (const auto& limit : limits) {
-    Compare<std::int32_t, std::int32_t>(
-        "intsToLevels", 1, [=](auto& table, auto& in, auto& out, auto count) {
-          table.intsToLevels(in[0], out[0], count, limit.lowest, limit.highest, limit.addend);
-        });
-    Compare<float, std::int32_t>(
-        "floatsToLevels", 1, [=](auto& table, auto& in, auto& out, auto count) {
-          table.floatsToLevels(in[0], out[0], count, limit.lowest, limit.highest, limit.addend);
-        });
+  KEL_SAME(U8, I32, 1, bytesToInts(in[0], out[0], n));
+  KEL_SAME(U16, I32, 1, wordsToInts(in[0], out[0], n));
+  KEL_SAME(U8, float, 1, bytesToFloats(in[0], out[0], n));
+  KEL_SAME(U16, float, 1, wordsToFloats(in[0], out[0], n));
+  KEL_SAME(U8, I32, 1, forwardRct8(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(U16, I32, 1, forwardRct16(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(I32, I32, 1, forwardRct32(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(U8, float, 1, forwardIct8(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(U16, float, 1, forwardIct16(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(I32, float, 1, forwardIct32(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(I32, I32, 1, inverseRct(out[0], out[1], out[2], n));
+  KEL_SAME(float, float, 1, inverseIct(out[0], out[1], out[2], n));
+  KEL_SAME(I32, U8, 1, inverseRctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(float, U8, 1, inverseIctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(I32, U8, 1, intTo8Bit(in[0], out[0], n));
+  KEL_SAME(I32, U8, 1, intTo8BitWrapped(in[0], out[0], n));
+  KEL_SAME(float, U8, 1, floatTo8Bit(in[0], out[0], n));
+  for (const auto& [low, high, add] :
+       {std::array{-128, 127, 128}, {INT32_MIN, INT32_MAX, 1}, {-5, -5, INT32_MIN}}) {
+    const I32 limits[] = {low, high, add};
+    KEL_SAME(I32, I32, 1, intsToLevels(in[0], out[0], n, limits[0], limits[1], limits[2]));
+    KEL_SAME(float, I32, 1, floatsToLevels(in[0], out[0], n, limits[0], limits[1], limits[2]));
   }
-  const LevelScale scales[] = {{255.0F, 4095.0F, 0.0F, 0, 255},
-                               {-0.5F, 1.0F, 7.0F, -1000000, 1000000},
-                               {3.0F, 1.0F, -0.25F, INT32_MIN, INT32_MAX}};
-  for (const LevelScale& scale : scales) {
-    Compare<std::int32_t, std::int32_t>("scaleLevels", 1,
-                                        [=](auto& table, auto&, auto& out, auto count) {
-                                          table.scaleLevels(out[0], count, scale);
-                                        });
+  for (const LevelScale& scale : {LevelScale{255.0F, 4095.0F, 0.0F, 0, 255},
+                                  {-0.5F, 1.0F, 7.0F, -1000000, 1000000},
+                                  {3.0F, 1.0F, -0.25F, INT32_MIN, INT32_MAX}}) {
+    KEL_SAME(I32, I32, 1, scaleLevels(out[0], n, scale));
   }
-  CompareOne("levelsToBytes", &SamplesKernels::levelsToBytes);
+  KEL_SAME(I32, U8, 1, levelsToBytes(in[0], out[0], n));
   for (const int shift : {0, 4, 15}) {
-    Compare<std::int32_t, std::uint16_t>("levelsToWords", 1,
-                                         [=](auto& table, auto& in, auto& out, auto count) {
-                                           table.levelsToWords(in[0], out[0], count, shift);
-                                         });
+    KEL_SAME(I32, U16, 1, levelsToWords(in[0], out[0], n, shift));
   }
 }
 

@@ -4,11 +4,11 @@
 // Included by one source per instruction set, after KelVector.h; everything here is local to that
 // source. Same bits as the scalar reference, whose operations appear here in the same order.
 //
-// A step handles kStep samples: one vector of 16-bit lanes, two of 32-bit lanes. Conversions
-// between widths are written on types of twice the vector's length, which both compilers turn
-// into unpack and pack instructions; such types are passed by reference, because there is no
-// convention for passing them by value. Comparisons and selections stay on single vectors: of
-// double-length ones g++ 12 makes lane-by-lane code.
+// A step handles kStep samples: one vector of 16-bit lanes, two of 32-bit lanes. Widening goes
+// through a type of twice the vector's length, which both compilers turn into unpack instructions
+// when its halves are taken at once. Anything else on such a type is left to those of doubles:
+// selections and stores of the others become lane-by-lane code or detours through memory
+// (g++ 12). They are passed by reference, there being no convention for passing them by value.
 #ifndef KEL_SAMPLES_VECTOR_H
 #define KEL_SAMPLES_VECTOR_H
 
@@ -29,10 +29,8 @@ inline constexpr int kStep = KEL_VECTOR_BYTES / 2;
 typedef std::uint8_t Bytes __attribute__((vector_size(kStep)));
 typedef std::int16_t Shorts __attribute__((vector_size(2 * kStep)));
 typedef std::uint16_t Words __attribute__((vector_size(2 * kStep)));
-typedef std::int32_t Ints __attribute__((vector_size(4 * kStep)));
-typedef std::uint32_t UInts __attribute__((vector_size(4 * kStep)));
-typedef float Floats __attribute__((vector_size(4 * kStep)));
-typedef double HalfDoubles __attribute__((vector_size(4 * kStep)));  // kStep / 2 lanes
+typedef std::int32_t WideInts __attribute__((vector_size(4 * kStep)));
+typedef double WideDoubles __attribute__((vector_size(4 * kStep)));  // kStep / 2 lanes
 
 template <class V>
 KEL_INLINE void LoadTo(V& v, const void* address) {
@@ -79,46 +77,50 @@ KEL_INLINE void Sweep(const In* const (&in)[kIns], Out* const (&out)[kOuts], std
 
 // --- From samples to planes ---
 
+template <int... kLane>
+KEL_INLINE void Widen(VInt (&halves)[2], Shorts v, std::integer_sequence<int, kLane...>) {
+  const WideInts wide = __builtin_convertvector(v, WideInts);
+  halves[0] = __builtin_shufflevector(wide, wide, kLane...);
+  halves[1] = __builtin_shufflevector(wide, wide, (kLanes + kLane)...);
+}
+
 // Loads a step of samples with the level shift done.
-KEL_INLINE void LoadLevelled(Ints& levels, const std::uint8_t* address) {
+KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint8_t* address) {
   Bytes raw;
   LoadTo(raw, address);
   Words wide;
   Convert(wide, raw);
-  Convert(levels, __builtin_bit_cast(Shorts, wide) - std::int16_t{128});
+  Widen(levels, __builtin_bit_cast(Shorts, wide) - std::int16_t{128},
+        std::make_integer_sequence<int, kLanes>{});
 }
-KEL_INLINE void LoadLevelled(Ints& levels, const std::uint16_t* address) {
+KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint16_t* address) {
+  // Inverting the top bit of an unsigned word is subtracting 32768 from it as a signed one.
   Words raw;
   LoadTo(raw, address);
-  // Inverting the top bit of an unsigned word is subtracting 32768 from it as a signed one.
-  Convert(levels, __builtin_bit_cast(Shorts, raw ^ std::uint16_t{0x8000}));
+  Widen(levels, __builtin_bit_cast(Shorts, raw ^ std::uint16_t{0x8000}),
+        std::make_integer_sequence<int, kLanes>{});
 }
-KEL_INLINE void LoadLevelled(Ints& levels, const std::int32_t* address) {
-  LoadTo(levels, address);
+KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::int32_t* address) {
+  for (int half = 0; half < 2; ++half) levels[half] = Load<VInt>(address + half * kLanes);
 }
 
 template <class Sample>
 void ToInts(const Sample* in, std::int32_t* out, std::size_t count) {
   Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    Ints levels;
+    VInt levels[2];
     LoadLevelled(levels, from[0]);
-    StoreFrom(to[0], levels);
+    for (int half = 0; half < 2; ++half) Store(to[0] + half * kLanes, levels[half]);
   });
-}
-
-template <class Sample>
-KEL_INLINE void LoadFloats(Floats& values, const Sample* address) {
-  Ints levels;
-  LoadLevelled(levels, address);
-  Convert(values, levels);
 }
 
 template <class Sample>
 void ToFloats(const Sample* in, float* out, std::size_t count) {
   Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    Floats values;
-    LoadFloats(values, from[0]);
-    StoreFrom(to[0], values);
+    VInt levels[2];
+    LoadLevelled(levels, from[0]);
+    for (int half = 0; half < 2; ++half) {
+      Store(to[0] + half * kLanes, __builtin_convertvector(levels[half], VFloat));
+    }
   });
 }
 
@@ -126,15 +128,17 @@ template <class Sample>
 void ForwardRct(const Sample* r, const Sample* g, const Sample* b, std::int32_t* y, std::int32_t* u,
                 std::int32_t* v, std::size_t count) {
   Sweep({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    Ints levels[3];
+    VInt levels[3][2];
     for (int k = 0; k < 3; ++k) LoadLevelled(levels[k], from[k]);
-    const UInts red = __builtin_bit_cast(UInts, levels[0]);
-    const UInts green = __builtin_bit_cast(UInts, levels[1]);
-    const UInts blue = __builtin_bit_cast(UInts, levels[2]);
-    const UInts sum = red + green + green + blue;
-    StoreFrom(to[0], __builtin_bit_cast(Ints, sum) >> 2);
-    StoreFrom(to[1], blue - green);
-    StoreFrom(to[2], red - green);
+    for (int half = 0; half < 2; ++half) {
+      const VUInt red = __builtin_bit_cast(VUInt, levels[0][half]);
+      const VUInt green = __builtin_bit_cast(VUInt, levels[1][half]);
+      const VUInt blue = __builtin_bit_cast(VUInt, levels[2][half]);
+      const VUInt sum = red + green + green + blue;
+      Store(to[0] + half * kLanes, __builtin_bit_cast(VInt, sum) >> 2);
+      Store(to[1] + half * kLanes, blue - green);
+      Store(to[2] + half * kLanes, red - green);
+    }
   });
 }
 
@@ -142,13 +146,17 @@ template <class Sample>
 void ForwardIct(const Sample* r, const Sample* g, const Sample* b, float* y, float* cb, float* cr,
                 std::size_t count) {
   Sweep({r, g, b}, {y, cb, cr}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    Floats red, green, blue;
-    LoadFloats(red, from[0]);
-    LoadFloats(green, from[1]);
-    LoadFloats(blue, from[2]);
-    StoreFrom(to[0], 0.299F * red + 0.587F * green + 0.114F * blue);
-    StoreFrom(to[1], -0.16875F * red - 0.33126F * green + 0.5F * blue);
-    StoreFrom(to[2], 0.5F * red - 0.41869F * green - 0.08131F * blue);
+    VInt levels[3][2];
+    for (int k = 0; k < 3; ++k) LoadLevelled(levels[k], from[k]);
+    for (int half = 0; half < 2; ++half) {
+      const VFloat red = __builtin_convertvector(levels[0][half], VFloat);
+      const VFloat green = __builtin_convertvector(levels[1][half], VFloat);
+      const VFloat blue = __builtin_convertvector(levels[2][half], VFloat);
+      const int at = half * kLanes;
+      Store(to[0] + at, 0.299F * red + 0.587F * green + 0.114F * blue);
+      Store(to[1] + at, -0.16875F * red - 0.33126F * green + 0.5F * blue);
+      Store(to[2] + at, 0.5F * red - 0.41869F * green - 0.08131F * blue);
+    }
   });
 }
 
@@ -210,23 +218,22 @@ void Split(const Sample* in, std::size_t step, Sample* a, Sample* b, Sample* c, 
 void InverseRct(std::int32_t* y, std::int32_t* u, std::int32_t* v, std::size_t count) {
   Sweep<3, 3, std::int32_t>(
       {y, u, v}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
-        UInts luma, blue, red;
-        LoadTo(luma, from[0]);
-        LoadTo(blue, from[1]);
-        LoadTo(red, from[2]);
-        const UInts sum = blue + red;
-        const UInts green = luma - __builtin_bit_cast(UInts, __builtin_bit_cast(Ints, sum) >> 2);
-        StoreFrom(to[0], red + green);
-        StoreFrom(to[1], green);
-        StoreFrom(to[2], blue + green);
+        for (int at = 0; at < kStep; at += kLanes) {
+          const VUInt blue = Load<VUInt>(from[1] + at), red = Load<VUInt>(from[2] + at);
+          const VInt quarter = __builtin_bit_cast(VInt, blue + red) >> 2;
+          const VUInt green = Load<VUInt>(from[0] + at) - __builtin_bit_cast(VUInt, quarter);
+          Store(to[0] + at, red + green);
+          Store(to[1] + at, green);
+          Store(to[2] + at, blue + green);
+        }
       });
 }
 
 /// Half a step of the inverse irreversible transform, from luma plus an offset.
 KEL_INLINE void InverseIctHalf(const float* const (&in)[3], double offset, VFloat (&rgb)[3]) {
-  HalfDoubles wide[3];
+  WideDoubles wide[3];
   for (int k = 0; k < 3; ++k) Convert(wide[k], Load<VFloat>(in[k]));
-  const HalfDoubles luma = wide[0] + offset;
+  const WideDoubles luma = wide[0] + offset;
   Convert(rgb[0], luma + double{1.402F} * wide[2]);
   Convert(rgb[1], luma - double{0.34413F} * wide[1] - double{0.71414F} * wide[2]);
   Convert(rgb[2], luma + double{1.772F} * wide[1]);
@@ -286,9 +293,7 @@ void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::i
     // The low bytes of the results depend on the low 10 bits of the inputs alone.
     Words narrow[3];
     for (int k = 0; k < 3; ++k) {
-      Ints cells;
-      LoadTo(cells, from[k]);
-      Convert(narrow[k], cells);
+      narrow[k] = LowHalves(Load<VInt>(from[k]), Load<VInt>(from[k] + kLanes));
     }
     const Words sum = narrow[1] + narrow[2];
     const Words green = narrow[0] + std::uint16_t{128} - (sum >> 2);
