@@ -28,7 +28,7 @@ inline constexpr unsigned kMostPlanes = 32;
 /// bits, 30 low bits for each of 64 coefficients, 64 signs: 2150 bits, at any phase in a byte.
 inline constexpr std::uint64_t kMostBlockBytes = (7 + 6 + 2 * 4 * 20 + 64 * 30 + 64 + 7) / 8;
 /// Bytes that kernels may load behind the last bit that they use.
-inline constexpr std::uint64_t kLoadSlackBytes = 64;
+inline constexpr std::uint64_t kLoadSlackBytes = 16;
 /// Bytes that kernels may store behind the last bit that they put.
 inline constexpr std::uint64_t kStoreSlackBytes = 8;
 
