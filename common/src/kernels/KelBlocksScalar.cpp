@@ -1,9 +1,7 @@
 // Scalar reference kernels of the block coder. The code of a block stands in KelBlocksKernels.h;
 // here it is taken a word at a time: planes as 64-bit words, low bits of several coefficients from
 // one load.
-#include <algorithm>
 #include <bit>
-#include <limits>
 
 #include "KelBlocksPut.h"
 #include "KelBlocksRead.h"
@@ -183,20 +181,6 @@ std::uint64_t DecodeInterleavedSigns(const std::uint8_t* window, std::uint64_t b
   return store(window, position, lowBits, magnitudes, cells, strideCells);
 }
 
-/// Largest magnitude of an encoded coefficient.
-constexpr std::int32_t kMostMagnitude = std::numeric_limits<std::int32_t>::max();
-
-std::int32_t ToInteger(std::int32_t v) {
-  return std::max(v, -kMostMagnitude);
-}
-
-std::int32_t ToInteger(float v) {
-  if (!(v > -2147483648.0F)) return v != v ? 0 : -kMostMagnitude;
-  if (v >= 2147483648.0F) return kMostMagnitude;
-  // This sum's low bits are the integer, rounded as the sum is: to nearest, halves to even.
-  return static_cast<std::int32_t>(std::bit_cast<std::uint64_t>(double{v} + 6755399441055744.0));
-}
-
 template <class Cell>
 void EncodeBlock(const Cell* cells, std::ptrdiff_t strideCells, unsigned planes, BlockSink& sink) {
   std::uint32_t magnitudes[64];
@@ -204,7 +188,7 @@ void EncodeBlock(const Cell* cells, std::ptrdiff_t strideCells, unsigned planes,
   for (int y = 0; y < 8; ++y, cells += strideCells) {
     for (int x = 0; x < 8; ++x) {
       const std::int32_t value = ToInteger(cells[x]);
-      magnitudes[8 * y + x] = static_cast<std::uint32_t>(value < 0 ? -value : value);
+      magnitudes[8 * y + x] = MagnitudeOf(value);
       isNegative[8 * y + x] = value < 0;
     }
   }
@@ -224,8 +208,7 @@ std::uint8_t CountPlanes(const Cell* cells, std::ptrdiff_t strideCells, std::siz
   std::uint32_t all = 0;
   for (std::size_t y = 0; y < rows; ++y, cells += strideCells) {
     for (int x = 0; x < 8; ++x) {
-      const std::int32_t value = ToInteger(cells[x]);
-      all |= static_cast<std::uint32_t>(value < 0 ? -value : value);
+      all |= MagnitudeOf(ToInteger(cells[x]));
     }
   }
   return static_cast<std::uint8_t>(std::bit_width(all));
