@@ -1,0 +1,259 @@
+// The tiles of an encoder: preparing a tile's planes, coding its components, writing what was
+// coded; one tile at a time, or all of them for their sizes alone.
+//
+// A tile's planes are the image's, one per component, locked while the tile is coded. Whatever
+// fails, the tile's records are empty again and the encoder can go on.
+#include <algorithm>
+
+#include "KelImageDataAccess.h"
+#include "KelImageEncode.h"
+#include "KelMainStream.h"
+#include "KelPacketWrite.h"
+#include "KelPartition.h"
+#include "KelRaise.h"
+#include "KelRate.h"
+#include "KelRegion.h"
+#include "KelTileCoder.h"
+
+namespace kel {
+namespace {
+
+constexpr std::uint8_t kEndMarker[2] = {0xAB, 0xD9};
+
+Box BoxOf(const KelTileGeometry& t) {
+  return {t.X0, t.X1, t.Y0, t.Y1};
+}
+
+/// The coding planes of all components, locked. Raises 8 when one cannot be locked.
+class LockedPlanes {
+ public:
+  LockedPlanes(const EncoderState& encoder, const TileRecord& tile) : encoder_(encoder) {
+    const KelEncOpt& o = encoder.settings;
+    planes_ = OwnedArray<CodingPlane>::Make(AsCount(o.GeomParams->Csiz));
+    for (KelLong c = 0; c < o.GeomParams->Csiz; ++c) {
+      if (IsRegionMask(o, c)) continue;
+      CodingPlane& plane = planes_[AsCount(c)];
+      plane.strideCells = AsCount(BoxOf(tile.comps[c].tileGeom).Width());
+      plane.cells = KelLockBuf(encoder.sourceBufs[c]);
+      if (plane.cells == nullptr) {
+        Unlock();
+        Raise(KelErrNoMemory, kModuleImage);
+      }
+    }
+  }
+  ~LockedPlanes() { Unlock(); }
+  LockedPlanes(const LockedPlanes&) = delete;
+  LockedPlanes& operator=(const LockedPlanes&) = delete;
+
+  const CodingPlane* All() const { return planes_.Data(); }
+
+ private:
+  void Unlock() noexcept {
+    for (std::size_t c = 0; c < planes_.Size(); ++c) {
+      if (planes_[c].cells != nullptr) KelUnlockBuf(encoder_.sourceBufs[c]);
+    }
+  }
+
+  const EncoderState& encoder_;
+  OwnedArray<CodingPlane> planes_;
+};
+
+/// A plane of the first tile's size, which serves the transform of every component. Raises 8.
+struct WorkPlane {
+  explicit WorkPlane(const KelImageGeometry& g)
+      : buffer(
+            OwnedBuffer::Make(PlaneBytes(std::min(g.XTsiz, g.Xsiz), std::min(g.YTsiz, g.Ysiz), 4))),
+        lock(buffer.Get()) {
+    if (!lock) Raise(KelErrNoMemory, kModuleImage);
+  }
+  OwnedBuffer buffer;
+  BufferLock lock;
+};
+
+/// Drops what an earlier coding of a tile left.
+void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
+  for (KelLong c = 0; tile.comps != nullptr && c < e.settings.GeomParams->Csiz; ++c) {
+    ReleaseCoded(tile.comps[c].coded);
+  }
+  e.extraChannelsSize = e.transparencySize = -1;
+}
+
+/// Fills the planes of a tile, and its region when there is one. Returns false when the host gave
+/// no samples. What was fetched is given back before the coding begins.
+bool PrepareTile(const EncoderState& e, const TileRecord& tile, const CodingPlane* planes,
+                 RegionSamples& region) {
+  const KelEncOpt& o = e.settings;
+  TileSource source(e.reader, tile.index);
+  if (o.RoiEnabled && !FetchRegion(source, tile.comps[o.RoiMaskComponent].tileGeom, region)) {
+    return false;
+  }
+  return PrepareTileComponents(source, o, o.GeomParams->Csiz, planes);
+}
+
+/// The part of the error budget that a component gets: the colour transform weighs errors in its
+/// results differently.
+float BudgetFactor(const KelEncOpt& o, KelLong component) {
+  if (!o.ComponentTransform || o.GeomParams->Csiz < 2 || component > 2) return 1.0F;
+  return component == 0 ? 1.0F / 3.9172F : 1.0F / 2.13847F;
+}
+
+/// Codes one component of a tile into its record. Raises 8.
+void CodeComponent(ImageState& state, TileRecord& tile, KelLong c, const CodingPlane& plane,
+                   void* work, const RegionSamples& region) {
+  EncoderState& e = *state.encoder;
+  const KelEncOpt& o = e.settings;
+  TileCompRecord& record = tile.comps[c];
+  TileCompJob job = {};
+  job.box = BoxOf(record.tileGeom);
+  job.numLevels = o.NumLevels;
+  job.irreversible = IsCodedIrreversibly(o, c);
+  job.source = plane.cells;
+  job.work = work;
+  job.depth = AnnouncedDepth(o);
+  job.quality = QualityNumber(state.encOpt->TargetQuality);
+  job.budgetFactor = BudgetFactor(o, c);
+  job.bandWeights = e.bandWeights;
+  RegionSamples fitted;
+  if (region.IsThere() && job.irreversible) {
+    const bool isAlike = region.box == job.box && region.xRsiz == record.tileGeom.XRsiz &&
+                         region.yRsiz == record.tileGeom.YRsiz;
+    if (!isAlike) fitted = FitRegion(region, record.tileGeom);
+    job.region = isAlike ? &region : &fitted;
+  }
+  record.coded = CodeTileComp(job);
+}
+
+/// Codes a tile, calling afterComponent with each record that was filled. A tile for which the
+/// host gives no samples ends up without coded records. Raises.
+template <class AfterComponent>
+void CodeTile(ImageState& state, TileRecord& tile, void* work, AfterComponent afterComponent) {
+  EncoderState& e = *state.encoder;
+  EnsureTileComps(state.map, tile);
+  ForgetTile(e, tile);
+  EnsureSourceBufs(e);
+  ScopeGuard undo([&] { ForgetTile(e, tile); });
+  const LockedPlanes planes(e, tile);
+  RegionSamples region;
+  if (!PrepareTile(e, tile, planes.All(), region)) return;
+  for (KelLong c = 0; c < state.map.numComps; ++c) {
+    if (IsRegionMask(e.settings, c)) continue;
+    CodeComponent(state, tile, c, planes.All()[c], work, region);
+    afterComponent(tile.comps[c]);
+  }
+  if (tile.index == state.map.numTiles - 1) e.isCompressed = true;
+  undo.Disarm();
+}
+
+/// Whether every resolution of a component is a single precinct, which is how packets are written.
+bool IsOnePrecinctEach(const KelEncOpt& o, const Box& box) {
+  for (int r = 0; r <= o.NumLevels; ++r) {
+    const Box resolution = ReduceBox(box, o.NumLevels - r);
+    if (resolution.IsEmpty()) continue;
+    // Bands above resolution 0 have half the precinct's size, which must not be half a sample.
+    if (r > 0 && (o.PrecinctWidthExp == 0 || o.PrecinctHeightExp == 0)) return false;
+    if (PartitionBox(resolution, o.PrecinctWidthExp, o.PrecinctHeightExp).Count() > 1) return false;
+  }
+  return true;
+}
+
+/// Whether a tile can be written at all: in an order that has tile-parts, and in whole precincts.
+bool TileCanBeWritten(const KelEncOpt& o, KelLong tile) {
+  if (o.ProgressionOrder != KelRLCP && o.ProgressionOrder != KelCPRL) return false;
+  for (KelLong c = 0; c < o.NumColorChannels; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    KelTileGeometry component;
+    component.InitKelTileGeometry(o.GeomParams, c, tile);
+    if (!IsOnePrecinctEach(o, BoxOf(component))) return false;
+  }
+  return true;
+}
+
+/// Writes a coded tile and releases its bytes; returns what it took. Nothing is written for a tile
+/// without coded records. Raises 8, 29.
+std::uint64_t WriteCodedTile(ImageState& state, TileRecord& tile) {
+  EncoderState& e = *state.encoder;
+  const KelEncOpt& o = e.settings;
+  auto comps = OwnedArray<TileCompToWrite>::Make(AsCount(state.map.numComps));
+  std::int32_t numComps = 0;
+  for (KelLong c = 0; c < state.map.numComps; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    if (tile.comps[c].coded == nullptr) return 0;
+    comps[AsCount(numComps++)] = {tile.comps[c].coded, IsCodedIrreversibly(o, c)};
+  }
+  const std::uint64_t bytes =
+      WriteTile({tile.index, comps.Data(), numComps, o.NumLevels, o.NumLayers, AnnouncedDepth(o),
+                 o.ProgressionOrder == KelCPRL},
+                *state.codeStm);
+  for (KelLong c = 0; c < state.map.numComps; ++c) {
+    if (tile.comps[c].coded != nullptr) ReleaseCode(*tile.comps[c].coded);
+  }
+  return bytes;
+}
+
+void ReleaseSourceBufs(const EncoderState& e) noexcept {
+  for (KelLong c = 0; c < e.settings.GeomParams->Csiz; ++c) {
+    if (e.sourceBufs[c] != nullptr) KelFreeBuf(e.sourceBufs[c]);
+    e.sourceBufs[c] = nullptr;
+  }
+}
+
+bool IsAbortRequested(const ProgressState& progress) {
+  return progress.actions != nullptr && progress.actions->AbortRequested != nullptr &&
+         progress.actions->AbortRequested() != 0;
+}
+
+}  // namespace
+
+KelLong CompressAndWriteTile(ImageState& state, KelLong t, KelULong* bytes) {
+  if (bytes != nullptr) *bytes = 0;
+  EncoderState& e = *state.encoder;
+  if (t < 0 || t >= state.map.numTiles || !TileCanBeWritten(e.settings, t)) {
+    Raise(KelErrBadParam, kModuleImage);
+  }
+  TileRecord& tile = state.map.tiles[t];
+  const bool isLast = t == state.map.numTiles - 1;
+  ScopeGuard undo([&] { ForgetTile(e, tile); });
+  {
+    const WorkPlane work(*e.settings.GeomParams);
+    CodeTile(state, tile, work.lock.As<void>(), [](const TileCompRecord&) {});
+  }
+  const std::uint64_t written = WriteCodedTile(state, tile);
+  if (isLast) {
+    state.codeStm->write(kEndMarker, sizeof kEndMarker);
+    state.codeStm->flushWriteBuffer();
+  }
+  undo.Disarm();
+  StepProgress(state.progress, 1);
+  if (isLast) EndProgress(state.progress);
+  if (bytes != nullptr) *bytes = static_cast<KelULong>(written + sizeof kEndMarker);
+  return KelOK;
+}
+
+KelLong CompressImage(ImageState& state) {
+  EncoderState& e = *state.encoder;
+  const std::int64_t coded = state.map.numComps - (e.settings.RoiEnabled ? 1 : 0);
+  BeginProgress(state.progress, SaturateToInt32(coded * state.map.numTiles));
+  ScopeGuard undo([&] {
+    ReleaseSourceBufs(e);
+    if (e.settings.ProgressPerCall) EndProgress(state.progress);
+  });
+  const WorkPlane work(*e.settings.GeomParams);
+  for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
+    CodeTile(state, state.map.tiles[t], work.lock.As<void>(), [&](TileCompRecord& record) {
+      // Only sizes are asked for: nothing can write these bytes later.
+      ReleaseCode(*record.coded);
+      if (IsAbortRequested(state.progress)) {
+        EndProgress(state.progress);
+        Raise(KelErrAborted, kModuleImage);
+      }
+      StepProgress(state.progress, 1);
+    });
+  }
+  e.isCompressed = true;
+  undo.Disarm();
+  StepProgress(state.progress, 1);
+  if (e.settings.ProgressPerCall) EndProgress(state.progress);
+  return KelOK;
+}
+
+}  // namespace kel

@@ -1,0 +1,178 @@
+// Laying a tile out in tile-parts, and writing them front to back: all lengths are known before
+// the first byte is written.
+#include "KelPacketWrite.h"
+
+#include <algorithm>
+
+#include "KelBytes.h"
+#include "KelHeadersWrite.h"
+#include "KelQuant.h"
+#include "KelRaise.h"
+
+namespace kel {
+namespace {
+
+/// Largest position in a stream, less the two bytes of the end marker.
+constexpr std::uint64_t kMostPosition = 0x7FFFFFFF - 2;
+
+/// Most tile-parts that a tile can announce.
+constexpr int kMostParts = 255;
+
+/// What a tile-part holds: resolutions of components, both as half-open ranges.
+struct PartRange {
+  std::int32_t firstComp, endComp;
+  int firstRes, endRes;
+};
+
+/// The tile-parts of a tile that hold packets.
+struct Parts {
+  PartRange ranges[kMostParts];
+  std::uint64_t dataBytes[kMostParts];
+  int count = 0;
+};
+
+/// Calls visit for each packet of a part in writing order.
+template <class Visit>
+void ForEachPacket(const TileToWrite& tile, const PartRange& range, Visit visit) {
+  for (int r = range.firstRes; r < range.endRes; ++r) {
+    for (std::int32_t layer = 0; layer < tile.numLayers; ++layer) {
+      for (std::int32_t c = range.firstComp; c < range.endComp; ++c) visit(*tile.comps[c].coded, r);
+    }
+  }
+}
+
+/// Bytes of a part's packets.
+std::uint64_t DataBytes(const TileToWrite& tile, const PartRange& range) {
+  std::uint64_t bytes = 0;
+  for (int r = range.firstRes; r < range.endRes; ++r) {
+    for (std::int32_t c = range.firstComp; c < range.endComp; ++c) {
+      bytes += PacketBytes(*tile.comps[c].coded, r);
+    }
+  }
+  return SaturatingMul(bytes, AsCount(tile.numLayers));
+}
+
+Parts DivideTile(const TileToWrite& tile) {
+  Parts parts;
+  const int numRes = tile.numLevels + 1;
+  const int mostParts = std::min(tile.isByComponent ? tile.numComps : numRes, kMostParts);
+  for (int i = 0; i < mostParts; ++i) {
+    const PartRange range =
+        tile.isByComponent ? PartRange{i, i + 1, 0, numRes} : PartRange{0, tile.numComps, i, i + 1};
+    const std::uint64_t bytes = DataBytes(tile, range);
+    if (bytes == 0) continue;
+    parts.ranges[parts.count] = range;
+    parts.dataBytes[parts.count++] = bytes;
+  }
+  return parts;
+}
+
+bool SameSteps(const KelQuantParams& a, const CodedTileComp& b) {
+  const int count = NumSubbands(b.code.numLevels);
+  return std::equal(a.exponents, a.exponents + count, b.exponents) &&
+         std::equal(a.mantissas, a.mantissas + count, b.mantissas);
+}
+
+/// The quantisation segments of a tile's first header. The main header announced steps of 1. When
+/// the tile's first irreversible component has others, they become the tile's; every other
+/// irreversible component whose steps differ from those now in force gets a segment of its own.
+class TileQuantisation {
+ public:
+  TileQuantisation(const TileToWrite& tile, KelHeaderParams& set) {
+    own_ = OwnedArray<KelQuantParams>::Make(AsCount(tile.numComps));
+    StepsToExpMant(nullptr, tile.announcedDepth, {0, tile.numLevels}, true, unitExponents_,
+                   unitMantissas_);
+    inForce_.exponents = unitExponents_;
+    inForce_.mantissas = unitMantissas_;
+    set.quantisation = &inForce_;
+    set.componentQuants = own_.Data();
+    bool isFirst = true;
+    for (std::int32_t c = 0; c < tile.numComps; ++c) {
+      const CodedTileComp& coded = *tile.comps[c].coded;
+      if (!tile.comps[c].irreversible || coded.exponents == nullptr) continue;
+      if (!SameSteps(inForce_, coded)) {
+        KelQuantParams& quant = isFirst ? inForce_ : own_[set.numComponentQuants++];
+        quant = {c,
+                 1,
+                 0,
+                 GuardBits(tile.announcedDepth),
+                 coded.exponents,
+                 coded.mantissas,
+                 tile.numLevels,
+                 0,
+                 0};
+        if (isFirst) set.seenQCD = 1;
+      }
+      isFirst = false;
+    }
+    set.seenQCC = set.numComponentQuants != 0 ? 1 : 0;
+  }
+
+ private:
+  std::int32_t unitExponents_[kQuantEntries] = {};
+  std::int32_t unitMantissas_[kQuantEntries] = {};
+  KelQuantParams inForce_{};
+  OwnedArray<KelQuantParams> own_;
+};
+
+void WriteU32(KelCodeStm& stream, std::uint64_t value) {
+  std::uint8_t bytes[4];
+  StoreBE32(bytes, static_cast<std::uint32_t>(value));
+  stream.write(bytes, 4);
+}
+
+void WriteCounted(KelCodeStm& stream, const std::uint8_t* bytes, std::uint32_t count) {
+  WriteU32(stream, count);
+  if (count != 0) stream.write(bytes, static_cast<KelLong>(count));
+}
+
+void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
+  const std::uint64_t bytes = PacketBytes(coded, r);
+  if (bytes == 0) return;
+  const CodedTileComponent& code = coded.code;
+  const std::uint8_t* from = code.bytes;
+  for (int lower = 0; lower < r; ++lower) from += code.resSize[lower];
+  if (r == 0) {
+    WriteCounted(stream, from, code.resSize[0]);
+    return;
+  }
+  WriteU32(stream, bytes - 4);
+  for (int b = 3 * r - 2; b <= 3 * r; ++b) {
+    WriteCounted(stream, from, code.bandSize[b]);
+    from += code.bandSize[b];
+  }
+}
+
+}  // namespace
+
+std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
+  const Parts parts = DivideTile(tile);
+  if (parts.count == 0) return 0;
+  KelHeaderParams set{};
+  set.Isot = static_cast<std::uint16_t>(tile.index);
+  set.TNsot = static_cast<std::uint8_t>(parts.count);
+  set.Csiz = tile.numComps;
+  set.numLevels = tile.numLevels;
+  const TileQuantisation quantisation(tile, set);
+
+  KelOutBuffer header = KelOutBuffer::Make(kHeaderBufferBytes);
+  WriteHeader(set, header);
+  std::uint64_t total = header.count + AsCount(parts.count - 1) * kTilePartHeaderBytes;
+  for (int i = 0; i < parts.count; ++i) total = SaturatingAdd(total, parts.dataBytes[i]);
+  if (SaturatingAdd(total, AsCount(stream.GetCurPos())) > kMostPosition) {
+    Raise(KelErrUnsupported, kModuleImage);
+  }
+  for (int i = 0; i < parts.count; ++i) {
+    set.TPsot = static_cast<std::uint8_t>(i);
+    set.dataLength = static_cast<std::uint32_t>(parts.dataBytes[i]);
+    header.count = 0;
+    WriteHeader(set, header);
+    stream.write(header.bytes.Data(), static_cast<KelLong>(header.count));
+    ForEachPacket(tile, parts.ranges[i],
+                  [&](const CodedTileComp& coded, int r) { WritePacket(coded, r, stream); });
+    stream.flushWriteBuffer();
+  }
+  return total;
+}
+
+}  // namespace kel

@@ -1,0 +1,51 @@
+// Writing a coded tile: its tile-parts with their headers, and the packets in them.
+//
+// A packet carries one resolution of one component. All numbers are 32 bits, big-endian:
+//
+//   resolution 0:  | bytes | LL                                  |
+//   above:         | bytes | bytes | HL | bytes | LH | bytes | HH |
+//
+// where each count covers what stands behind it in the packet or band. Every quality layer repeats
+// the same packets. A tile's parts follow each other; with one part per resolution a part holds
+// the packets of all components layer by layer, with one per component those of all resolutions.
+// What is empty has no packets, and a part without packets does not exist.
+#ifndef KEL_PACKET_WRITE_H
+#define KEL_PACKET_WRITE_H
+
+#include <cstdint>
+
+#include "KelBox.h"
+#include "KelTileCoder.h"
+#include "kel/KelStream.h"
+
+namespace kel {
+
+/// Bytes of a tile-part header without coding segments: SOT and SOD.
+inline constexpr std::uint32_t kTilePartHeaderBytes = 14;
+
+/// One component of a tile to be written.
+struct TileCompToWrite {
+  const CodedTileComp* coded;
+  bool irreversible;
+};
+
+/// A tile to be written: its components in the order of the code stream.
+struct TileToWrite {
+  std::int32_t index;
+  const TileCompToWrite* comps;
+  std::int32_t numComps;
+  std::int32_t numLevels;
+  std::int32_t numLayers;
+  std::int32_t announcedDepth;
+  bool isByComponent;  ///< one tile-part per component, else per resolution
+};
+
+/// Writes a tile and flushes the stream behind each tile-part; returns the bytes written. Coded
+/// bytes go to the stream from where they are. The first header of the tile announces steps that
+/// differ from those of the main header. What the stream reports is not looked at. Raises 8; and
+/// 29, with nothing written, when the stream would pass 2^31 - 1 bytes.
+std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,242 @@
+// Boxes byte by byte, against files assembled by hand.
+#include "KelFileFormatWrite.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "BitAssembler.h"
+#include "HostMemory.h"
+#include "HostStream.h"
+
+namespace {
+
+using test::BitAssembler;
+using test::Bytes;
+using test::Hex;
+using test::HostMemory;
+using test::HostStream;
+
+struct Options : KelEncOpt {
+  Options(KelLong width, KelLong height, KelLong components, KelLong depth) {
+    InitToDefaults(width, height, width, height, components, depth);
+  }
+  ~Options() { Die(); }
+};
+
+Bytes Boxes(const KelEncOpt& options) {
+  HostStream host;
+  std::uint32_t length = 0;
+  EXPECT_EQ(kel::WriteBoxes(options, host.stream, &length), KelOK);
+  host.stream.flushWriteBuffer();
+  EXPECT_EQ(length, host.bytes.size());
+  return host.bytes;
+}
+
+Bytes Box(std::string_view type, const Bytes& contents) {
+  return BitAssembler().U32(8 + contents.size()).Text(type).Append(contents).Result();
+}
+
+/// A whole file's boxes around given contents of the header box and what stands behind it.
+Bytes File(const Bytes& requirements, const Bytes& header, const Bytes& behind = {}) {
+  return BitAssembler()
+      .Append(Box("weab", BitAssembler().Text("zolt").Result()))
+      .Append(Box("ftyp", BitAssembler().Text("weab").U32(1).Text("weab").Result()))
+      .Append(Box("rreq", requirements))
+      .Append(Box("vrmh", header))
+      .Append(behind)
+      .U32(0)
+      .Text("vrmc")
+      .Result();
+}
+
+Bytes Join(std::initializer_list<Bytes> parts) {
+  BitAssembler all;
+  for (const Bytes& part : parts) all.Append(part);
+  return all.Result();
+}
+
+const Bytes kPlainRequirements = Hex("01 F0 F0 0004 0001 80 0005 40 000C 20 0012 10 0000");
+
+Bytes ImageHeader(const std::string& hex) {
+  return Box("ihdr", Hex(hex));
+}
+Bytes PlainColor(unsigned space) {
+  return Box("colr", BitAssembler().Append(Hex("01 00 00")).U32(space).Result());
+}
+
+// Any wrong length or field of the boxes that every file has; the wrong default colour space.
+TEST(FileFormatWrite, PlainFiles) {
+  HostMemory memory;
+  Options rgb(90, 72, 3, 8);
+  EXPECT_EQ(Boxes(rgb),
+            File(kPlainRequirements,
+                 Join({ImageHeader("00000048 0000005A 0003 07 07 01 00"), PlainColor(16)})));
+  Options grey(90, 72, 1, 12);
+  EXPECT_EQ(Boxes(grey),
+            File(kPlainRequirements,
+                 Join({ImageHeader("00000048 0000005A 0001 0B 07 01 00"), PlainColor(17)})));
+  Options mixed(90, 72, 3, 8);
+  mixed.GeomParams->BitDepths[2] = 12;
+  EXPECT_EQ(Boxes(mixed),
+            File(kPlainRequirements, Join({ImageHeader("00000048 0000005A 0003 FF 07 01 00"),
+                                           Box("bpcc", Hex("07 07 0B")), PlainColor(16)})));
+}
+
+// Channels numbered by their place in the image; an opacity definition for a channel that is not
+// written; colours that are none.
+TEST(FileFormatWrite, ChannelDefinitions) {
+  HostMemory memory;
+  Options o(4, 4, 4, 8);
+  o.NumColorChannels = 0;
+  EXPECT_EQ(Boxes(o), File(kPlainRequirements,
+                           Join({ImageHeader("00000004 00000004 0004 07 07 01 00"), PlainColor(0),
+                                 Box("cdef", Hex("0004 0000 FFFF 0001 0001 FFFF 0002"
+                                                 "0002 FFFF 0003 0003 FFFF 0004"))})));
+  o.NumColorChannels = 2;
+  o.RoiEnabled = true;
+  o.RoiMaskComponent = 0;
+  o.TransparencyPresent = true;
+  o.TransparencyComponent = 2;
+  o.TransparencyType = 2;
+  const auto definitions = [&](const Bytes& contents) {
+    const Bytes file = Boxes(o);
+    const Bytes box = Box("cdef", contents);
+    return std::search(file.begin(), file.end(), box.begin(), box.end()) != file.end();
+  };
+  EXPECT_TRUE(definitions(Hex("0003 0000 0000 0001 0001 0002 0000 0002 FFFF 0003")));
+  o.TransparencyCoded = false;
+  EXPECT_TRUE(definitions(Hex("0002 0000 0000 0001 0001 FFFF 0002")));
+  o.ExtraChannelCodingParams = false;
+  const Bytes file = Boxes(o);
+  EXPECT_EQ(std::string(file.begin(), file.end()).find("cdef"), std::string::npos);
+}
+
+// Palette entries in the wrong order for either layout, or of the wrong width; the box of the
+// mapping; resolution rounded instead of cut off, exchanged, or wrapped.
+TEST(FileFormatWrite, PaletteAndResolution) {
+  HostMemory memory;
+  Options o(4, 4, 1, 4);
+  std::uint8_t depths[] = {7, 15};
+  std::uint8_t low[] = {1, 2, 3};
+  std::uint8_t high[] = {0x10, 0x11, 0x20, 0x21, 0x30, 0x31};
+  std::uint8_t rows[3][3] = {{1, 0x10, 0x11}, {2, 0x20, 0x21}, {3, 0x30, 0x31}};
+  std::uint8_t* byColumn[] = {low, high};
+  std::uint8_t* byEntry[] = {rows[0], rows[1], rows[2]};
+  __tagKelPalette palette{3, 2, depths, byColumn, 0, nullptr, nullptr, nullptr};
+  o.PalettePresent = true;
+  o.Palette = &palette;
+  o.ResolutionInfoPresent = true;
+  o.ResolutionX = 300.0F;
+  o.ResolutionY = 1.0e9F;
+  const auto expected = [](const Bytes& map) {
+    return File(kPlainRequirements,
+                Join({ImageHeader("00000004 00000004 0001 03 07 01 00"), PlainColor(17),
+                      Box("pclr", Hex("0003 02 07 0F 01 1011 02 2021 03 3031")), Box("cmap", map),
+                      Box("res ", Box("resc", Hex("FFFF 0001 2E23 0001 00 00")))}));
+  };
+  EXPECT_EQ(Boxes(o), expected(Hex("0000 01 00 0000 01 01")));
+  KelULong mapComponent[] = {0, 258};
+  std::uint8_t mapType[] = {0, 1};
+  std::uint8_t mapColumn[] = {1, 0};
+  palette = {3, 2, depths, byEntry, 1, mapComponent, mapType, mapColumn};
+  EXPECT_EQ(Boxes(o), expected(Hex("0000 00 01 0102 01 00")));
+  palette.layout = 2;
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o));
+  palette.layout = 1;
+  palette.columns = nullptr;
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o));
+}
+
+// Colour parameters of the wrong set or length; the internal numbers written as they are; the
+// requirement of an entry other than the first of the greatest precedence.
+TEST(FileFormatWrite, ColorSpecifications) {
+  HostMemory memory;
+  Options o(4, 4, 3, 8);
+  const std::uint8_t profileBytes[] = {0xAA, 0xBB};
+  __tagICCProfile profile{2, profileBytes};
+  KelColorSpec specs[6] = {};
+  specs[0] = {1, 0, 3, 14, {1, 100, 0, 170, 128, 200, 96, 1, 0x443530, 0}, nullptr, &specs[1]};
+  specs[1] = {1, 7, 0, 14, {1, 1, 2, 3, 4, 5, 6, 2, 0, 6500}, nullptr, &specs[2]};
+  specs[2] = {1, 7, 0, 19, {2, 1, 2, 3, 4, 5, 6, 0, 0, 0}, nullptr, &specs[3]};
+  specs[3] = {1, 0, 0, 50, {}, nullptr, &specs[4]};
+  specs[4] = {3, 1, 2, 0, {}, &profile, &specs[5]};
+  specs[5] = {4, 0, 0, 0, {}, nullptr, nullptr};
+  __tagColorSpecList list{9, specs};
+  o.ColorSpecList = &list;
+  const std::string six = "00000001 00000002 00000003 00000004 00000005 00000006";
+  EXPECT_EQ(Boxes(o),
+            File(Hex("01 F8 F8 0005 0001 80 0005 40 000C 20 0012 10 0038 08 0000"),
+                 Join({ImageHeader("00000004 00000004 0003 07 07 01 00"),
+                       Box("colr", Hex("01 00 03 0000000E 00000064 00000000 000000AA 00000080"
+                                       "000000C8 00000060 00443530")),
+                       Box("colr", Hex("01 07 00 0000000E" + six + "4354 1964")),
+                       Box("colr", Hex("01 07 00 00000013" + six)), PlainColor(14),
+                       Box("colr", Hex("03 01 02 AABB"))})));
+  list.count = 1;
+  EXPECT_EQ(Boxes(o)[37], 0x01);
+  profile.data = nullptr;
+  list.count = 9;
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o)) << "a profile without its bytes";
+}
+
+// Vendor features beyond the mask's 32 bits; a mask of the wrong width; a UUID box left out; a
+// length that does not fit, or a record without its bytes, that is read all the same.
+TEST(FileFormatWrite, XmlAndUuidBoxes) {
+  HostMemory memory;
+  Options o(4, 4, 1, 8);
+  const Bytes text = BitAssembler().Text("<a/>").Result();
+  __tagKelXML xml{4, text.data()};
+  std::vector<__tagKelUUID> uuids(30);
+  for (std::size_t i = 0; i < uuids.size(); ++i) {
+    uuids[i] = {1, {}, text.data()};
+    uuids[i].uuid[15] = static_cast<std::uint8_t>(i);
+  }
+  o.XMLPresent = o.UUIDPresent = true;
+  o.NumXMLBoxes = 1;
+  o.XMLBoxes = &xml;
+  o.NumUUIDBoxes = 30;
+  o.UUIDBoxes = uuids.data();
+  BitAssembler requirements;
+  requirements.Append(
+      Hex("04 FFFFFFFF F0000000 0004 0001 80000000 0005 40000000 000C 20000000"
+          "0012 10000000 001C"));
+  BitAssembler behind;
+  behind.Append(Box("xml ", text));
+  for (unsigned i = 0; i < 30; ++i) {
+    Bytes id(16, 0);
+    id[15] = static_cast<std::uint8_t>(i);
+    if (i < 28) requirements.Append(id).U32(0x08000000U >> i);
+    behind.Append(Box("uuid", Join({id, Hex("3C")})));
+  }
+  EXPECT_EQ(Boxes(o),
+            File(requirements.Result(),
+                 Join({ImageHeader("00000004 00000004 0001 07 07 01 00"), PlainColor(17)}),
+                 behind.Result()));
+  xml.length = 0x7FFFFFFF;
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o));
+  xml = {4, nullptr};
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o));
+  o.XMLPresent = false;
+  o.NumUUIDBoxes = -1;
+  EXPECT_FALSE(kel::FileRecordsAreWritable(o));
+}
+
+// A long payload makes the buffer grow many times; each refusal must end cleanly.
+TEST(FileFormatWrite, LongPayloadsAndRefusals) {
+  HostMemory memory;
+  Options o(4, 4, 1, 8);
+  const Bytes text(200000, 'x');
+  __tagKelXML xml[2] = {{200000, text.data()}, {200000, text.data()}};
+  o.XMLPresent = true;
+  o.NumXMLBoxes = 2;
+  o.XMLBoxes = xml;
+  const std::size_t runs = test::SweepRefusals(memory, [&] {
+    EXPECT_EQ(Boxes(o).size(), 124U - 8 + 2 * 200008U);
+    return KelLong{KelOK};
+  });
+  EXPECT_GT(runs, 3U);
+}
+
+}  // namespace
