@@ -92,7 +92,7 @@ void ReleaseFileInfo(KelFileInfo* info) noexcept {
   *info = KelFileInfo{};
 }
 
-const __tagICCProfile* ChooseICCProfile(const __tagColorSpecList* list) {
+__tagICCProfile* ChooseICCProfile(__tagColorSpecList* list) {
   const KelColorSpec* choice = nullptr;
   for (const KelColorSpec* e = list != nullptr ? list->first : nullptr; e != nullptr; e = e->next) {
     if (e->method != 2 && e->method != 3) continue;

@@ -88,7 +88,7 @@ void ReleaseOpacity(KelFileInfo& info) noexcept;
 
 /// The profile to report: that of the first entry of method 2 or 3, or of a later such entry with
 /// a greater precedence or a smaller approximation than the choice so far; null without one.
-const __tagICCProfile* ChooseICCProfile(const __tagColorSpecList* list);
+__tagICCProfile* ChooseICCProfile(__tagColorSpecList* list);
 
 }  // namespace kel
 

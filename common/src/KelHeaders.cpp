@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+#include "KelRaise.h"
+
 namespace kel {
 namespace {
 
@@ -59,6 +61,19 @@ KelLong InitHeaderParams(KelHeaderParams& set, bool mainHeader) {
     set.sizes = OwnedRecord<KelSizParams>::Make().Release();
     set.inMainHeader = mainHeader ? 1 : 0;
     release.Disarm();
+  });
+}
+
+KelLong SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
+                         const KelCodingStyle& style, const KelQuantParams& quant) {
+  return CodeOf([&] {
+    ReleaseQuantParams(*set.quantisation);
+    KelLong code = CopyCodingStyle(set.codingStyle, &style);
+    if (code == KelOK) code = CopyQuantParams(set.quantisation, &quant);
+    if (code != KelOK) Raise(code, kModuleHeaders);
+    set.Csiz = mainHeader.Csiz;
+    set.numLevels = style.numLevels;
+    set.regions = OwnedArray<KelRoiParams>::Make(AsCount(set.Csiz)).Release();
   });
 }
 

@@ -16,8 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The pieces of a kernel's inner loop must not become calls.
-#define KEL_INLINE [[gnu::always_inline]] inline
+#include "KelInline.h"
 
 namespace kel {
 

@@ -15,10 +15,10 @@
 #include <utility>
 
 #include "KelSamplesKernels.h"
+#include "KelInline.h"
 #include "KelVector.h"
 
 #define KEL_FORCED __attribute__((always_inline))
-#define KEL_INLINE inline KEL_FORCED
 
 namespace kel {
 namespace {
