@@ -39,6 +39,9 @@ std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageDat
   return v;
 }
 
+/// Larger planes are not gathered: only hostile headers have them.
+constexpr std::int64_t kLargestSide = 1 << 13;
+
 struct Frame {
   KelFrameData data;
   std::vector<void*> buffers;
@@ -68,7 +71,10 @@ class Host {
           image_.InitDecoder(job_.source == Source::kMemory ? nullptr : stream_.Stream(),
                              job_.source == Source::kMemory ? &block_ : nullptr, &options_, nullptr,
                              &resolutions, job_.aspect);
-      if (result.initCode == KelOK || arrived == data_.size()) break;
+      if (result.initCode == KelOK || result.initCode == KelErrNoMemory ||
+          arrived == data_.size()) {
+        break;
+      }
       image_.Die();
     }
     if (result.initCode == KelOK) {
@@ -114,6 +120,7 @@ class Host {
       result.frameCode =
           image_.GetNextFrame(job_.source == Source::kMemory ? &block_ : nullptr, nullptr,
                               job_.skipConversion, job_.skipRecast, &frame_.data);
+      result.ranOutOfMemory = result.ranOutOfMemory || result.frameCode == KelErrNoMemory;
       if (arrived == data_.size() || job_.source == Source::kUnseekable) break;
     }
     result.consumed = image_.BytesConsumedInLastFrame();
@@ -122,6 +129,8 @@ class Host {
       result.isComplete = result.isComplete && image_.TileIsComplete(t);
     }
     for (int c = 0; c < n; ++c) {
+      const auto [width, height] = SizeOf(c);
+      if (width > kLargestSide || height > kLargestSide) continue;
       result.planes.push_back(Gather(c, result.depths[static_cast<std::size_t>(c)]));
       if (job_.useHostBuffers) result.hostPlanes.push_back(FromHostBuffer(c));
     }
@@ -179,7 +188,7 @@ class Host {
     const std::int64_t ox = edge(g.XOsiz, g.XRsiz[c]), oy = edge(g.YOsiz, g.YRsiz[c]);
     for (KelLong t = 0; t < image_.GetNumTiles(); ++t) {
       KelTileComponent* component = image_.GetTileComponent(t, c);
-      if (!component->TileCompDataIsValid()) continue;
+      if (component == nullptr || !component->TileCompDataIsValid()) continue;
       const KelTileGeometry& box = *component->GetTileGeometryParams();
       const std::int64_t x0 = CeilTo(box.X0, k) - ox, x1 = CeilTo(box.X1, k) - ox;
       const std::int64_t y0 = CeilTo(box.Y0, k) - oy, y1 = CeilTo(box.Y1, k) - oy;

@@ -36,6 +36,7 @@ struct Plane {
 struct Decoded {
   KelLong initCode = -1, frameCode = -1;  ///< of InitDecoder, and of the last frame
   bool isComplete = false;                ///< every tile
+  bool ranOutOfMemory = false;            ///< some frame did; later ones may have recovered
   std::vector<int> depths;
   std::vector<Plane> planes;      ///< from the output images of the tiles
   std::vector<Plane> hostPlanes;  ///< from the host's buffers, when used

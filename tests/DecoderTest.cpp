@@ -1,0 +1,423 @@
+// The decoder's boundary: refusals, counters, queries, changes of request, and memory that runs
+// out. Samples are the business of the vectors' test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "DecodeHost.h"
+#include "HostMemory.h"
+#include "HostStream.h"
+
+namespace {
+
+using test::BitAssembler;
+using test::Bytes;
+using test::DecodeJob;
+using test::HostMemory;
+using test::HostStream;
+using test::Source;
+
+Bytes Vector(const std::string& name) {
+  std::ifstream file(std::filesystem::path(KEL_VECTORS) / (name + ".kel"), std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// A decoder over a block of memory, with what a host must hold for it.
+struct MemoryDecoder {
+  explicit MemoryDecoder(Bytes bytes, KelDecodePixelAspectRatio aspect = KelAspectFull)
+      : data(std::move(bytes)) {
+    options.InitToDefaults();
+    block = {data.data(), static_cast<KelULong>(data.size())};
+    code = image.InitDecoder(nullptr, &block, &options, nullptr, &resolutions, aspect);
+  }
+  ~MemoryDecoder() {
+    image.Die();
+    options.Die();
+    if (resolutions != nullptr) KelGetMemObj()->Free(resolutions);
+  }
+  Bytes data;
+  KelCompressedData block{};
+  KelDecOpt options;
+  KelImage image;
+  KelULong* resolutions = nullptr;
+  KelLong code;
+};
+
+TEST(Decoder, RefusalsAndTheirDetails) {
+  HostMemory memory;
+  KelImage image;
+  KelDecOpt options;
+  options.InitToDefaults();
+  KelCompressedData block{};
+  KelULong* resolutions = nullptr;
+  const auto init = [&](KelCompressedData* data, KelDecOpt* opt) {
+    return image.InitDecoder(nullptr, data, opt, nullptr, &resolutions, KelAspectFull);
+  };
+  EXPECT_EQ(image.GetNextFrame(nullptr, nullptr, false, false, nullptr), KelErrBadParam);
+  EXPECT_EQ(image.SetOrientationForDecode(KelOrientation0), KelErrUnexpected);
+  EXPECT_EQ(image.GetNumTiles(), 0);
+  EXPECT_EQ(image.GetTileComponent(0, 0), nullptr);
+
+  EXPECT_EQ(init(nullptr, &options), KelErrBadParam);
+  EXPECT_EQ(image.GetErrorDetails().errCode, KelErrBadParam);
+  EXPECT_STREQ(image.GetErrorDetails().srcFile, "common/src/KelImage");
+  EXPECT_EQ(image.GetErrorDetails().errLevel, 3);
+  EXPECT_EQ(init(&block, nullptr), KelErrBadParam);
+  KelDecOpt empty;
+  EXPECT_EQ(init(&block, &empty), KelErrBadParam);
+  const Bytes stream = Vector("constant_zero");
+  block = {stream.data(), 12};
+  EXPECT_EQ(init(&block, &options), KelErrUnknownFormat);
+  block = {nullptr, 100};
+  EXPECT_EQ(init(&block, &options), KelErrUnknownFormat);
+  // An encoder's operation on a decoder.
+  block = {stream.data(), static_cast<KelULong>(stream.size())};
+  EXPECT_EQ(init(&block, &options), KelOK);
+  EXPECT_EQ(image.CompressTile(0), KelErrBadParam);
+  KelGetMemObj()->Free(resolutions);
+  EXPECT_EQ(image.Die(), KelOK);
+  EXPECT_EQ(image.Die(), KelOK);
+  options.Die();
+}
+
+TEST(Decoder, CountersOrientationAndResolutions) {
+  HostMemory memory;
+  MemoryDecoder d(Vector("rev53_four_components_rct"), KelAspectQuarterChroma);
+  ASSERT_EQ(d.code, KelOK);
+  const KelULong n = static_cast<KelULong>(d.image.GetMaxRes());
+  EXPECT_EQ(d.resolutions[0], n - 1);
+  EXPECT_EQ(d.resolutions[1], n - 2);
+  EXPECT_EQ(d.resolutions[2], n - 2);
+  EXPECT_EQ(d.resolutions[3], n - 1);
+  EXPECT_EQ(d.image.SetOrientationForDecode(KelOrientation90), KelOK);
+  EXPECT_EQ(d.image.SetOrientationForDecode(KelImageOrientation{45}), KelErrBadParam);
+  EXPECT_EQ(d.image.GetOrientationForDecode(), KelOrientation90);
+
+  EXPECT_EQ(d.image.NumFramesDecoded(), 0U);
+  EXPECT_FALSE(d.image.TileIsComplete(0));
+  EXPECT_EQ(d.image.GetNextFrame(nullptr, nullptr, false, false, nullptr), KelOK);
+  EXPECT_EQ(d.image.NumFramesDecoded(), 1U);
+  EXPECT_EQ(d.image.BytesConsumedInLastFrame(), d.data.size());
+  EXPECT_TRUE(d.image.TileIsComplete(0));
+  // A block that ends before the first tile-part decodes nothing and is no failure.
+  KelCompressedData head{d.data.data(), 20};
+  EXPECT_EQ(d.image.GetNextFrame(&head, nullptr, false, false, nullptr), KelOK);
+  KelCompressedData nothing{nullptr, 0};
+  EXPECT_EQ(d.image.GetNextFrame(&nothing, nullptr, true, false, nullptr), KelOK);
+  EXPECT_EQ(d.image.NumFramesDecoded(), 3U);
+}
+
+/// A grey image of 16 x 16 in two components, the second with a level count of its own.
+Bytes HeaderWithTwoLevelCounts() {
+  return BitAssembler()
+      .U16(0xAB4F)
+      .U16(0xAB51)
+      .U16(44)
+      .U16(0)
+      .U32(16)
+      .U32(16)
+      .U32(0)
+      .U32(0)
+      .U32(16)
+      .U32(16)
+      .U32(0)
+      .U32(0)
+      .U16(2)
+      .U8(7)
+      .U8(1)
+      .U8(1)
+      .U8(7)
+      .U8(1)
+      .U8(1)
+      .U16(0xAB52)
+      .U16(12)
+      .U8(0)
+      .U8(1)
+      .U16(1)
+      .U8(0)
+      .U8(3)
+      .U8(1)
+      .U8(1)
+      .U8(8)
+      .U8(1)
+      .U16(0xAB53)
+      .U16(9)
+      .U8(1)
+      .U8(0)
+      .U8(2)
+      .U8(1)
+      .U8(1)
+      .U8(8)
+      .U8(1)
+      .U16(0xAB5C)
+      .U16(13)
+      .U8(0x40)
+      .U32(0x48484848)
+      .U32(0x48484848)
+      .U16(0x4848)
+      .U16(0xABD9)
+      .Result();
+}
+
+TEST(Decoder, LevelsOfTilesWhoseComponentsDiffer) {
+  HostMemory memory;
+  {
+    MemoryDecoder d(HeaderWithTwoLevelCounts());
+    ASSERT_EQ(d.code, KelOK);
+    EXPECT_EQ(d.image.GetMaxRes(), 3);
+    EXPECT_EQ(d.image.GetMaxRes(0), -1);
+    EXPECT_EQ(d.image.GetMaxRes(1), -1);
+    EXPECT_EQ(d.image.GetTileComponent(0, 2), nullptr);
+    EXPECT_EQ(d.image.GetTileComponent(-1, 0), nullptr);
+    // Without a tile-part there is nothing to deliver, and no plane has been obtained.
+    EXPECT_EQ(d.image.GetNextFrame(nullptr, nullptr, false, false, nullptr), KelOK);
+    EXPECT_EQ(d.image.GetTileComponent(0, 0)->GetOutputImage()->GetImageBuffer(), nullptr);
+    EXPECT_FALSE(d.image.GetTileComponent(0, 0)->TileCompDataReady());
+  }
+  MemoryDecoder d(Vector("tiles_8x8_grid"));
+  EXPECT_GE(d.image.GetMaxRes(63), 0);
+  EXPECT_EQ(d.image.GetMaxRes(64), -1);
+}
+
+TEST(Decoder, QueriesTellWhatTheFileHolds) {
+  HostMemory memory;
+  {
+    MemoryDecoder d(Vector("file_jp2_extras"));
+    ASSERT_EQ(d.image.GetNumXMLBoxes(), 2);
+    EXPECT_EQ(std::string(d.image.GetXMLBoxes()[1].data, d.image.GetXMLBoxes()[1].data + 8),
+              "<after/>");
+    ASSERT_EQ(d.image.GetNumUUIDBoxes(), 2);
+    EXPECT_EQ(d.image.GetUUIDBoxes()[0].length, 14U);
+    EXPECT_EQ(d.image.GetUUIDBoxes()[1].uuid[15], 0x73);
+    EXPECT_EQ(d.image.GetColorSpecList()->count, 2U);
+    EXPECT_EQ(d.image.GetNumColorChannels(), 3);
+    EXPECT_EQ(d.image.GetEncodeOptions()->RateMode, 3);
+    // From a stream, what stands behind the code stream is not read.
+    HostStream stream(d.data);
+    KelImage other;
+    KelDecOpt options;
+    options.InitToDefaults();
+    other.InitDecoder(stream.Stream(), nullptr, &options, nullptr, nullptr, KelAspectFull);
+    EXPECT_EQ(other.GetNumXMLBoxes(), 1);
+    other.Die();
+    EXPECT_EQ(options.EncOpt->XMLBoxes, nullptr) << "the options keep no address of what is gone";
+    options.Die();
+  }
+  {
+    MemoryDecoder d(Vector("file_jp2_icc"));
+    ASSERT_NE(d.image.GetICCProfile(), nullptr);
+    EXPECT_EQ(d.image.GetICCProfile(), d.image.GetColorSpecList()->first->next->iccProfile);
+  }
+  {
+    MemoryDecoder d(Vector("file_jp2_chroma_key"));
+    ASSERT_NE(d.image.GetChromaKey(), nullptr);
+    EXPECT_EQ(d.image.GetChromaKey()->values[1], 3001);
+    EXPECT_EQ(d.image.GetTransparencyType(), KelOpacityChromaKey);
+    EXPECT_FALSE(d.image.TransparencyChannelPresent());
+    EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), -1);
+  }
+  {
+    MemoryDecoder d(Vector("file_jp2_opacity_layer"));
+    EXPECT_EQ(d.image.GetTransparencyType(), KelOpacityPremultiplied);
+    EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), 1);
+    EXPECT_TRUE(d.image.ResolutionInfoPresent());
+    EXPECT_FLOAT_EQ(d.image.GetEncodeOptions()->ResolutionY, 500.0F * 0.0254F);
+    EXPECT_FLOAT_EQ(d.image.GetEncodeOptions()->ResolutionX, 5.0F * 0.0254F);
+  }
+  {
+    MemoryDecoder d(Vector("file_weab_depths_cdef"));
+    const KelLong order[] = {1, 0, 2};
+    for (KelLong n = 1; n <= 3; ++n) EXPECT_EQ(d.image.GetChannelIndex(n), order[n - 1]);
+    EXPECT_EQ(d.image.GetChannelIndex(0), -1);
+    EXPECT_EQ(d.image.GetChannelIndex(5), -1);
+    EXPECT_EQ(d.image.GetNumColorChannels(), 3);
+    EXPECT_EQ(d.image.GetComponentType(3), KelChannelOpacity);
+    EXPECT_EQ(d.image.GetComponentType(4), KelChannelUnspecified);
+    EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), 3);
+    EXPECT_EQ(d.image.GetTransparencyChannelNum(1), -1);
+  }
+  MemoryDecoder d(Vector("native_palette"));
+  EXPECT_TRUE(d.image.PalettePresent());
+  EXPECT_NE(d.image.GetPalette(), nullptr);
+  EXPECT_FALSE(d.image.UUIDPresent());
+}
+
+// Host buffers must be filled once and left alone while nothing changes, and filled again when the
+// request does.
+TEST(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
+  HostMemory memory;
+  MemoryDecoder d(Vector("rev53_rgb_rct"));
+  const KelImageGeometry& g = *d.image.GetGeometryParams();
+  const KelLong width = g.Xsiz - g.XOsiz;
+  const KelLong height = g.Ysiz - g.YOsiz;
+  std::vector<std::uint8_t> planes[3];
+  void* buffers[3];
+  KelLong strides[3] = {width, width, width};
+  KelLong eight[3] = {8, 8, 8};
+  KelLong zero[3] = {};
+  double most[3] = {255, 255, 255};
+  double least[3] = {};
+  for (int c = 0; c < 3; ++c) {
+    planes[c].assign(std::size_t(width * height), 0xEE);
+    buffers[c] = planes[c].data();
+  }
+  KelFrameData frame;
+  frame.NumChannels = 3;
+  frame.OutBuffers = buffers;
+  frame.OutStrides = strides;
+  frame.InBitDepths = frame.OutBitDepths = eight;
+  frame.OutSigned = zero;
+  frame.OutMax = most;
+  frame.OutMin = least;
+  const auto decode = [&](bool skipConversion = false) {
+    EXPECT_EQ(d.image.GetNextFrame(&d.block, nullptr, skipConversion, false, &frame), KelOK);
+  };
+  decode();
+  const std::vector<std::uint8_t> red = planes[0];
+  EXPECT_NE(std::count(red.begin(), red.end(), 0xEE), std::ptrdiff_t(red.size()));
+  planes[0].assign(red.size(), 0xEE);
+  decode();
+  EXPECT_EQ(std::count(planes[0].begin(), planes[0].end(), 0xEE), std::ptrdiff_t(red.size()))
+      << "a finished tile was touched";
+  decode(true);
+  EXPECT_NE(planes[0], red) << "without the inverse transform";
+  decode();
+  EXPECT_EQ(planes[0], red);
+  strides[0] = width - 1;
+  planes[0].assign(red.size(), 0xEE);
+  decode();
+  EXPECT_EQ(std::count(planes[0].begin(), planes[0].end(), 0xEE), std::ptrdiff_t(red.size()))
+      << "a buffer whose rows are too short must not be used";
+}
+
+TEST(Decoder, RefusedRequestsEndInCode8AndLeakNothing) {
+  HostMemory memory;
+  for (const char* name : {"native_rgb_ict_q75_tiles", "native_all_boxes", "file_jp2_palette",
+                           "order_pcrl_subsampled_precincts", "poc_component_first",
+                           "file_jp2_opacity_layer", "tile_coc_qcc", "parts_shuffled"}) {
+    const Bytes data = Vector(name);
+    for (const Source source : {Source::kMemory, Source::kSeekable, Source::kUnseekable}) {
+      if (source == Source::kUnseekable && data[0] != 0xAB) continue;
+      test::SweepRefusals(memory, [&]() -> KelLong {
+        const auto decoded = test::Decode(data, {.source = source, .piece = data.size() / 2 + 1});
+        if (decoded.ranOutOfMemory) return KelErrNoMemory;
+        return decoded.initCode != KelOK ? decoded.initCode : decoded.frameCode;
+      });
+      ASSERT_FALSE(HasFailure()) << name;
+    }
+  }
+}
+
+// ---- Hostile data ----
+
+bool IsDocumented(KelLong code) {
+  for (const KelLong known : {0, 3, 8, 10, 15, 17, 18, 21, 22, 25, 26, 29}) {
+    if (code == known) return true;
+  }
+  return false;
+}
+
+void DecodeHostile(const Bytes& data, const std::string& what) {
+  const bool inPieces = data.size() % 2 == 0;
+  for (const Source source : {Source::kMemory, Source::kSeekable}) {
+    const auto decoded =
+        test::Decode(data, {.source = source, .piece = inPieces ? data.size() / 3 + 1 : 0});
+    EXPECT_TRUE(IsDocumented(decoded.initCode) &&
+                (decoded.initCode != 0 || IsDocumented(decoded.frameCode)))
+        << what << ": " << decoded.initCode << ", " << decoded.frameCode;
+  }
+}
+
+const char* const kSmall[] = {
+    "constant_zero",    "blocks_4x8",     "file_jp2_chroma_key",  "bands_empty_box_length_0",
+    "sparse_no_levels", "native_palette", "irr97_no_levels_8bit", "order_pcrl_odd_origin"};
+
+TEST(DecoderHostile, EveryPrefixEndsInADocumentedCode) {
+  HostMemory memory;
+  memory.LimitBytes(64 << 20);
+  for (const char* name : kSmall) {
+    const Bytes whole = Vector(name);
+    for (std::size_t n = 0; n < whole.size(); ++n) {
+      DecodeHostile(Bytes(whole.begin(), whole.begin() + std::ptrdiff_t(n)),
+                    name + std::string(" cut to ") + std::to_string(n));
+    }
+    EXPECT_EQ(memory.Outstanding(), 0U) << name;
+  }
+}
+
+TEST(DecoderHostile, EveryChangedByteEndsInADocumentedCode) {
+  HostMemory memory;
+  memory.LimitBytes(64 << 20);
+  for (const char* name : kSmall) {
+    const Bytes whole = Vector(name);
+    // The headers get every kind of change, the packets a few.
+    for (std::size_t i = 0; i < whole.size(); i += i < 400 ? 1 : 5) {
+      for (const std::uint8_t change : {0x01, 0x80, 0xFF}) {
+        Bytes changed = whole;
+        changed[i] = static_cast<std::uint8_t>(changed[i] ^ change);
+        DecodeHostile(changed, name + std::string(" changed at ") + std::to_string(i));
+      }
+    }
+    EXPECT_EQ(memory.Outstanding(), 0U) << name;
+  }
+}
+
+// A header may promise an image that nobody can hold; only what has arrived may cost memory.
+TEST(DecoderHostile, ASmallHeaderObtainsLittle) {
+  HostMemory memory;
+  for (const auto& [width, tile] : {std::pair{0x7FFFFFFFu, 0x7FFFFFFFu}, {0x40000000u, 0x4001u}}) {
+    const Bytes header = BitAssembler()
+                             .U16(0xAB4F)
+                             .U16(0xAB51)
+                             .U16(41)
+                             .U16(0)
+                             .U32(width)
+                             .U32(width == 0x7FFFFFFF ? width : 1)
+                             .U32(0)
+                             .U32(0)
+                             .U32(tile)
+                             .U32(tile)
+                             .U32(0)
+                             .U32(0)
+                             .U16(1)
+                             .U8(7)
+                             .U8(1)
+                             .U8(1)
+                             .U16(0xAB52)
+                             .U16(12)
+                             .U8(0)
+                             .U8(1)
+                             .U16(65535)
+                             .U8(0)
+                             .U8(5)
+                             .U8(1)
+                             .U8(1)
+                             .U8(8)
+                             .U8(1)
+                             .U16(0xAB5C)
+                             .U16(19)
+                             .U8(0x40)
+                             .U32(0x48484848)
+                             .U32(0x48484848)
+                             .U32(0x48484848)
+                             .U32(0x48484848)
+                             .U16(0xAB90)
+                             .U16(10)
+                             .U16(0)
+                             .U32(0)
+                             .U8(0)
+                             .U8(1)
+                             .U16(0xAB93)
+                             .U32(0)
+                             .Result();
+    memory.ResetPeak();
+    const auto decoded = test::Decode(header);
+    EXPECT_TRUE(decoded.initCode == KelOK || IsDocumented(decoded.initCode));
+    EXPECT_LT(memory.PeakBytes(), 16U << 20) << width;
+  }
+}
+
+}  // namespace
