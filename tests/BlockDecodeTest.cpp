@@ -170,6 +170,7 @@ TEST(BlockDecode, EverySizeOfBlockFromWindowAndReader) {
           EXPECT_EQ(outcome.end, BandEnd::kWhole);
           EXPECT_EQ(outcome.anyNonZero, coded.blocks[0].block.Planes() != 0);
           EXPECT_EQ(source->GetPosition(), static_cast<std::int64_t>(length));
+          EXPECT_EQ(source->UnreadBits(), 0);
           ASSERT_NO_FATAL_FAILURE(ExpectBlocks(decoded, coded, 1))
               << w << " x " << h << ", " << n << " planes, variant " << variant;
         }
@@ -210,27 +211,31 @@ TEST(BlockDecode, GridsAndWindows) {
   }
 }
 
-// Filler from behind the end of the data taken for coefficients, at any cut.
+// Filler from behind the end of the data taken for coefficients, at any cut: in small blocks and
+// zero ones, and in the largest blocks that there are.
 TEST(BlockDecode, BandCutOffAtEveryByte) {
   HostMemory memory;
   std::mt19937 random(3);
   for (const bool separate : {true, false}) {
-    const Band band{3, 37, 2, 21};
-    const CodedBand coded = CodeRandomBand(random, band, 0, 12, separate);
-    for (std::size_t cut = 0; cut <= coded.bytes.size(); ++cut) {
-      DataSource source(Bytes(coded.bytes.begin(), coded.bytes.begin() + static_cast<int>(cut)),
-                        kel::Flavour::kAB);
-      Band decoded = band;
-      const BandEnd end = DecodeBandBlocks(*source, decoded.Record(), LayoutOf(separate)).end;
-      EXPECT_EQ(end, cut < coded.bytes.size() ? BandEnd::kCutOff : BandEnd::kWhole);
-      std::size_t whole = 0;
-      while (whole < coded.blocks.size() && coded.blocks[whole].endBits <= 8 * cut) ++whole;
-      CodedBand expected = coded;
-      if (cut >= 2 && whole < coded.blocks.size()) {
-        PlainBlock& block = expected.blocks[whole++].block;
-        std::fill(block.magnitudes.begin(), block.magnitudes.end(), 0);
+    for (const bool largest : {true, false}) {
+      const Band band = largest ? Band{0, 32, 0, 8} : Band{3, 37, 2, 21};
+      const CodedBand coded =
+          CodeRandomBand(random, band, largest ? 32 : 0, largest ? 32 : 12, separate);
+      for (std::size_t cut = 0; cut <= coded.bytes.size(); ++cut) {
+        DataSource source(Bytes(coded.bytes.begin(), coded.bytes.begin() + static_cast<int>(cut)),
+                          kel::Flavour::kAB);
+        Band decoded = band;
+        const BandEnd end = DecodeBandBlocks(*source, decoded.Record(), LayoutOf(separate)).end;
+        EXPECT_EQ(end, cut < coded.bytes.size() ? BandEnd::kCutOff : BandEnd::kWhole);
+        std::size_t whole = 0;
+        while (whole < coded.blocks.size() && coded.blocks[whole].endBits <= 8 * cut) ++whole;
+        CodedBand expected = coded;
+        if (cut >= 2 && whole < coded.blocks.size()) {
+          PlainBlock& block = expected.blocks[whole++].block;
+          std::fill(block.magnitudes.begin(), block.magnitudes.end(), 0);
+        }
+        ASSERT_NO_FATAL_FAILURE(ExpectBlocks(decoded, expected, whole)) << "cut at " << cut;
       }
-      ASSERT_NO_FATAL_FAILURE(ExpectBlocks(decoded, expected, whole)) << "cut at " << cut;
     }
   }
 }
@@ -250,10 +255,10 @@ TEST(BlockDecode, HeadersOutOfRange) {
     Band empty{0, 0, 0, 8};
     EXPECT_EQ(endOf(empty, Hex(header), 2), BandEnd::kWhole) << header;
   }
-  // A field of 3 bits, all ones: 28 + 7 planes.
+  // A field of 3 bits, all ones: 26 + 7 planes.
   for (const std::size_t length : {20U, 400U}) {
     Band band{0, 16, 0, 16};
-    EXPECT_EQ(endOf(band, Hex("1C20"), length), BandEnd::kOutOfRange);
+    EXPECT_EQ(endOf(band, Hex("1A20"), length), BandEnd::kOutOfRange);
     ExpectBlocks(band, {}, 0);
   }
 }
