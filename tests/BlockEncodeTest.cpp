@@ -13,6 +13,7 @@
 #include "HostMemory.h"
 #include "KelBlockDecode.h"
 #include "PlainBlocks.h"
+#include "kernels/KelBlocksKernels.h"
 
 namespace {
 
@@ -145,7 +146,8 @@ TEST(BlockEncode, TileComponentsAgainstThePlainCode) {
   }
 }
 
-// Two header bytes forgotten in a size, padding of ones, a band without blocks that writes none.
+// Two header bytes forgotten in a size, padding of ones, a band without blocks that writes none,
+// room for less than the longest code.
 TEST(BlockEncode, TinyBandsExactly) {
   HostMemory memory;
   Band<std::int32_t> zeros{0, 72, 0, 8};
@@ -158,6 +160,12 @@ TEST(BlockEncode, TinyBandsExactly) {
   Band<float> one{3, 4, 5, 6};
   one.At(3, 5) = -1.4F;
   EXPECT_EQ(Coded({one.Record()}, CoefficientKind::kFloats).Copy(), Hex("0101 70"));
+  Band<std::int32_t> longest{0, 16, 0, 16};
+  for (const std::int32_t all : {1, 7}) {
+    std::fill(longest.cells.begin(), longest.cells.end(), all);
+    const Coded coded({longest.Record()}, CoefficientKind::kIntegers);
+    EXPECT_EQ(coded.obtainedBytes, coded.numBytes + kel::kStoreSlackBytes);
+  }
 }
 
 // Records that miss the header of the first band, count pending bits, or differ without the table.
