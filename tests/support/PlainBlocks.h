@@ -1,9 +1,11 @@
 // The block code written down plainly, one bit at a time, as a yardstick for the library's coder:
-// it shares no table and no arithmetic with it.
+// it shares no table and no arithmetic with it. And bands of random blocks in that code.
 #ifndef TESTS_SUPPORT_PLAIN_BLOCKS_H
 #define TESTS_SUPPORT_PLAIN_BLOCKS_H
 
+#include <algorithm>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -162,6 +164,79 @@ inline PlainBlock TakePlainBlock(PlainBits& in, int width, int height, int minPl
   }
   return block;
 }
+
+/// A band's cells with guards around them.
+template <class Cell>
+struct BandCells {
+  static constexpr std::int32_t kGuard = -1000000;
+
+  int x0, x1, y0, y1;
+  std::vector<Cell> cells = std::vector<Cell>(static_cast<std::size_t>(Stride() * (y1 - y0 + 2)),
+                                              static_cast<Cell>(kGuard));
+
+  std::ptrdiff_t Stride() const { return x1 - x0 + 2; }
+  Cell& At(int x, int y) {
+    return cells[static_cast<std::size_t>((y - y0 + 1) * Stride() + x - x0 + 1)];
+  }
+  Cell* First() { return cells.data() + Stride() + 1; }
+};
+
+/// A band of random blocks, on a grid of 2^exponent.
+struct PlainBand {
+  struct Placed {
+    int x, y;
+    PlainBlock block;
+    std::size_t endBits;  ///< of the band's code, once coded
+  };
+  int x0, x1, y0, y1;
+  int widthExponent = 3, heightExponent = 3;
+  std::vector<Placed> blocks{};
+
+  /// Makes blocks of exactly so many planes each, some coefficients zero.
+  void Fill(std::mt19937& random, int leastPlanes, int mostPlanes) {
+    const int w = 1 << widthExponent, h = 1 << heightExponent;
+    for (int y = y0; y < y1; y = (y / h + 1) * h) {
+      for (int x = x0; x < x1; x = (x / w + 1) * w) {
+        PlainBlock block(std::min((x / w + 1) * w, x1) - x, std::min((y / h + 1) * h, y1) - y);
+        const int n = leastPlanes + static_cast<int>(random() % (mostPlanes - leastPlanes + 1U));
+        const unsigned rarity = 1 + random() % 4;
+        for (std::size_t i = 0; i < block.magnitudes.size() && n > 0; ++i) {
+          if (random() % rarity == 0) block.magnitudes[i] = random() & 0xFFFFFFFFU >> (32 - n);
+          block.negative[i] = random() % 2 != 0;
+        }
+        if (n > 0) block.magnitudes[random() % block.magnitudes.size()] |= 1U << (n - 1);
+        blocks.push_back({x, y, block, 0});
+      }
+    }
+  }
+  Bytes Code(int minPlanes, int maxPlanes, bool separateSigns) {
+    BitAssembler out;
+    out.U8(static_cast<unsigned>(minPlanes)).U8(static_cast<unsigned>(maxPlanes));
+    std::size_t bits = 16;
+    for (auto& [x, y, block, endBits] : blocks) {
+      BitAssembler alone;
+      PutPlainBlock(alone, block, block.Planes(), minPlanes, maxPlanes, separateSigns);
+      PutPlainBlock(out, block, block.Planes(), minPlanes, maxPlanes, separateSigns);
+      PlainBits length{alone.Result()};
+      TakePlainBlock(length, block.width, block.height, minPlanes, maxPlanes, separateSigns);
+      endBits = bits += length.position;
+    }
+    return out.Result();
+  }
+  /// The first `count` blocks as cells; guards elsewhere.
+  template <class Cell>
+  BandCells<Cell> Cells(std::size_t count) const {
+    BandCells<Cell> result{x0, x1, y0, y1};
+    for (std::size_t k = 0; k < count; ++k) {
+      const auto& [left, top, block, end] = blocks[k];
+      for (int i = 0; i < block.width * block.height; ++i) {
+        result.At(left + i % block.width, top + i / block.width) =
+            static_cast<Cell>(block.Value(static_cast<std::size_t>(i)));
+      }
+    }
+    return result;
+  }
+};
 
 }  // namespace test
 
