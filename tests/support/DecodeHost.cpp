@@ -99,7 +99,7 @@ class Host {
   std::pair<std::int64_t, std::int64_t> SizeOf(int c) const {
     const KelImageGeometry& g = *image_.GetGeometryParams();
     const int k = reduction_[static_cast<std::size_t>(c)];
-    const auto edge = [&](KelLong v, KelLong sub) { return CeilTo((v + sub - 1) / sub, k); };
+    const auto edge = [&](std::int64_t v, std::int64_t sub) { return CeilTo((v + sub - 1) / sub, k); };
     return {edge(g.Xsiz, g.XRsiz[c]) - edge(g.XOsiz, g.XRsiz[c]),
             edge(g.Ysiz, g.YRsiz[c]) - edge(g.YOsiz, g.YRsiz[c])};
   }
@@ -184,7 +184,7 @@ class Host {
     if (IsTurned()) std::swap(plane.width, plane.height);
     const KelImageGeometry& g = *image_.GetGeometryParams();
     const int k = reduction_[static_cast<std::size_t>(c)];
-    const auto edge = [&](KelLong v, KelLong sub) { return CeilTo((v + sub - 1) / sub, k); };
+    const auto edge = [&](std::int64_t v, std::int64_t sub) { return CeilTo((v + sub - 1) / sub, k); };
     const std::int64_t ox = edge(g.XOsiz, g.XRsiz[c]), oy = edge(g.YOsiz, g.YRsiz[c]);
     for (KelLong t = 0; t < image_.GetNumTiles(); ++t) {
       KelTileComponent* component = image_.GetTileComponent(t, c);
