@@ -58,7 +58,7 @@ TEST(PreparePlane, ReadsEveryLayout) {
   HostMemory memory;
   for (int depth = 1; depth <= 28; ++depth) {
     for (const auto& [width, channels] :
-         {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {9, 5U}, {1100, 2U}}) {
+         {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {30, 19U}, {1100, 2U}}) {
       const HostBuffer host(width, 2, channels, depth);
       for (std::size_t c = 0; c < channels; ++c) {
         const auto stride = static_cast<std::size_t>(width) + 3;
@@ -82,12 +82,14 @@ TEST(PreparePlane, ReadsEveryLayout) {
 /// Sources of a colour triple: one buffer of three or more channels, or one buffer each.
 struct Triple {
   std::vector<HostBuffer> buffers;
+  std::size_t spacing = 1;
 
   SampleSource Source(std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Channel(c) : buffers[c].Channel(0);
+    return buffers.size() == 1 ? buffers[0].Channel(c * spacing) : buffers[c].Channel(0);
   }
   std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c) : buffers[c].Levelled(pixel, 0);
+    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c * spacing)
+                               : buffers[c].Levelled(pixel, 0);
   }
 };
 
@@ -96,7 +98,9 @@ constexpr std::int64_t kWidth = 1051;  // more than one piece of a row
 std::vector<Triple> Triples() {
   std::vector<Triple> triples;
   for (const int depth : {5, 8, 12, 16}) {
-    for (const std::size_t n : {3U, 4U, 6U}) triples.push_back({{HostBuffer(kWidth, 2, n, depth)}});
+    for (const std::size_t n : {3U, 4U, 6U}) {
+      triples.push_back({{HostBuffer(kWidth, 2, n, depth)}, n == 6 ? 2U : 1U});
+    }
   }
   for (const auto& depths : {std::array{8, 8, 8}, {16, 16, 16}, {8, 16, 12}, {1, 28, 7}}) {
     triples.push_back({});
@@ -198,8 +202,10 @@ TEST(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
   options.ComponentTransform = true;
   EXPECT_TRUE(ColorTransformApplies(options));
   EXPECT_TRUE(applies(geometry.XRsiz[3], 2)) << "the fourth component plays no part";
-  EXPECT_FALSE(applies(geometry.XRsiz[1], 2));
-  EXPECT_FALSE(applies(geometry.YRsiz[2], 2));
+  for (const int c : {1, 2}) {
+    EXPECT_FALSE(applies(geometry.XRsiz[c], 2));
+    EXPECT_FALSE(applies(geometry.YRsiz[c], 2));
+  }
   EXPECT_FALSE(applies(geometry.Csiz, 2));
   EXPECT_FALSE(applies(options.NumColorChannels, 2));
   EXPECT_FALSE(applies(options.ComponentTransform, false));

@@ -66,7 +66,7 @@ std::int64_t Recast(double s, Target t, const KelImageData& data) {
   if (bytes) v = level * (span * (1.0F / length));
   if (t.general) v = level * span / length;
   v = std::nearbyint(std::clamp(v + static_cast<float>(t.outMin), -1e18F, 1e18F));
-  const auto [low, high] = std::minmax<std::int64_t>(t.outMin, t.outMax);
+  const auto [low, high] = std::minmax({std::int64_t{t.outMin}, std::int64_t{t.outMax}});
   const std::int64_t limited = std::clamp(static_cast<std::int64_t>(v), low, high);
   return std::clamp(limited, t.general ? -half : 0, 2 * half - 1) << shift;
 }
@@ -140,6 +140,12 @@ TEST(Recast, WorkedExamples) {
   Image words(1, 1, std::vector<std::int32_t>{0});
   words.RecastDataTo16BppUnsigned(12, 65535, 0, KelRecastNominal);
   EXPECT_EQ(words.Content<std::uint16_t>(1)[0], 32768);
+  Image constant(2, 1, std::vector<std::int32_t>{5, 5});
+  constant.RecastDataTo16BppUnsigned(16, 10, 50, KelRecastData);
+  EXPECT_EQ(constant.Content<std::uint16_t>(2), (std::vector<std::uint16_t>{50, 50}));
+  Image far(3, 1, std::vector<float>{-2147484672.0F, -2147484160.0F, -2147483648.0F});
+  far.RecastDataTo16BppUnsigned(16, 1000, 0, KelRecastData);
+  EXPECT_EQ(far.Content<std::uint16_t>(3), (std::vector<std::uint16_t>{0, 500, 1000}));
   Image nibbles(3, 1, std::vector<std::int32_t>{-8, -7, 7});
   nibbles.RecastData(4, false, 4, 15, 0, KelRecastNominal);
   EXPECT_EQ(nibbles.Content<std::uint8_t>(2), (Bytes{0x01, 0xF0}));

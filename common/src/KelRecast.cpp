@@ -146,11 +146,11 @@ bool FitsInt32(std::int64_t v) {
   return v == SaturateToInt32(v);
 }
 
-/// Whether the kernels can form the plan's levels: limits on the sample itself, and levels.
+/// Whether the kernels can form the plan's levels: limits on the sample itself, and levels, which
+/// begin at 0, in 32 bits. What is added in between may wrap around.
 bool IsNarrow(const RecastPlan& plan) {
   return FitsInt32(plan.lowest - plan.offset) && FitsInt32(plan.highest - plan.offset) &&
-         FitsInt32(plan.lowest - plan.base) && FitsInt32(plan.highest - plan.base) &&
-         FitsInt32(plan.offset - plan.base);
+         FitsInt32(plan.highest - plan.base);
 }
 
 /// The whole way from a sample to a value, in 64-bit integers: what the kernels do piece by piece.
@@ -173,7 +173,8 @@ void ValuesOf(const RecastPlan& plan, const Cell* in, std::int32_t* values, std:
   const SamplesKernels& kernels = Kernels().samples;
   const auto lowest = static_cast<std::int32_t>(plan.lowest - plan.offset);
   const auto highest = static_cast<std::int32_t>(plan.highest - plan.offset);
-  const auto addend = static_cast<std::int32_t>(plan.offset - plan.base);
+  const auto addend =
+      static_cast<std::int32_t>(static_cast<std::uint32_t>(plan.offset - plan.base));
   if constexpr (std::is_same_v<Cell, float>) {
     kernels.floatsToLevels(in, values, count, lowest, highest, addend);
   } else {
