@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,6 +47,12 @@ struct Memory {
   std::vector<float> outFloats;
   std::size_t count;
 };
+
+/// The memory for so many samples, made once.
+Memory& Shared(std::size_t samples) {
+  static Memory row(kRow), image(kWidth * kHeight);
+  return samples == kRow ? row : image;
+}
 
 /// A kernel on samples x to x + n - 1 of each component.
 using Call = void (*)(const SamplesKernels&, Memory&, std::size_t x, std::size_t n);
@@ -140,7 +145,7 @@ void RegisterKernels() {
         const std::string name = std::string(kernel.name) + '/' + KernelSetName(set) +
                                  (rows == 1 ? "/cached" : "/image");
         benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
-          Memory memory(width * rows);
+          Memory& memory = Shared(width * rows);
           for (auto _ : state) {
             for (std::size_t y = 0; y < rows; ++y) {
               kernel.call(table.samples, memory, y * width, width);
@@ -190,7 +195,7 @@ struct Host : KelMemFuncs {
 Host host;
 
 void Prepare(benchmark::State& state, int depth, std::uint32_t channels, bool irreversible) {
-  Memory memory(kWidth * kHeight);
+  Memory& memory = Shared(kWidth * kHeight);
   SampleSource sources[3];
   for (std::uint32_t c = 0; c < 3; ++c) {
     const std::uint8_t* samples = memory.bytes.data() + (channels == 1 ? c * memory.count : 0);

@@ -242,12 +242,12 @@ void RecastHalfTurn(const RecastPlan& plan, const Plane<Cell>& in, std::uint8_t*
 }
 
 /// A quarter turn. Output row x, column j takes source row H - 1 - j, column x for 90 degrees and
-/// source row j, column W - 1 - x for 270. Sixteen output rows advance together, so that every
+/// source row j, column W - 1 - x for 270. Output rows advance 32 at a time, so that every
 /// cache line of the source is read once.
 template <class Cell>
 void RecastQuarterTurn(const RecastPlan& plan, const Plane<Cell>& in, bool clockwise,
                        std::uint8_t* out) {
-  constexpr std::size_t kRows = 16, kColumns = 256;
+  constexpr std::size_t kRows = 32, kColumns = 128;
   Cell block[kRows][kColumns];
   const std::uint64_t newWidth = in.height;
   const auto rowBytes = PackedRowBytes(static_cast<std::int64_t>(newWidth), plan.numBits);
