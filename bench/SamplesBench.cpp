@@ -69,12 +69,12 @@ T* At(std::vector<T>& cells, const Memory& memory, std::size_t component, std::s
                At(m.out, m, 1, x), At(m.out, m, 2, x), n);                                  \
     } \
   }
-#define KEL_ONE(kernel, in, out, ...)                                                                \
-  {                                                                                                  \
-#kernel, 1,                                                                                      \
-        [](const SamplesKernels& k, Memory& m, std::size_t x,                                        \
-           std::size_t                                                                               \
-               n) { k.kernel(At(m.in, m, 0, x), At(m.out, m, 0, x), n __VA_OPT__(, ) __VA_ARGS__); } \
+#define KEL_ONE(kernel, in, out, ...)                                                \
+  {                                                                                  \
+#kernel, 1, [](const SamplesKernels& k, Memory& m, std::size_t x, std::size_t n) { \
+      auto* from = At(m.in, m, 0, x);                                              \
+      k.kernel(from, At(m.out, m, 0, x), n __VA_OPT__(, ) __VA_ARGS__);            \
+    } \
   }
 #define KEL_IN_PLACE(kernel, cells)                                                                  \
   {                                                                                                  \
