@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,104 +25,100 @@ using namespace kel;
 constexpr std::size_t kRow = 1000;
 constexpr std::size_t kWidth = 5632, kHeight = 3168;
 
-/// Three components of every kind of sample, in and out.
-struct Memory {
-  explicit Memory(std::size_t samples)
-      : bytes(6 * samples + 64, 100),
-        words(6 * samples + 64, 30000),
-        ints(3 * samples, -77),
-        floats(3 * samples, 12.25F),
-        outBytes(3 * samples),
-        outWords(3 * samples),
-        outInts(3 * samples),
-        outFloats(3 * samples),
-        count(samples) {}
+/// Three components of every kind of sample; bytes also for four, or for packed deeper samples.
+struct Samples {
+  explicit Samples(std::size_t count)
+      : bytes(4 * count, 100),
+        words(3 * count, 30000),
+        ints(3 * count, -77),
+        floats(3 * count, 9) {}
   std::vector<std::uint8_t> bytes;
   std::vector<std::uint16_t> words;
   std::vector<std::int32_t> ints;
   std::vector<float> floats;
-  std::vector<std::uint8_t> outBytes;
-  std::vector<std::uint16_t> outWords;
-  std::vector<std::int32_t> outInts;
-  std::vector<float> outFloats;
-  std::size_t count;
 };
 
-/// A kernel on samples x to x + n - 1 of each component.
-using Call = void (*)(const SamplesKernels&, Memory&, std::size_t x, std::size_t n);
+struct Memory {
+  explicit Memory(std::size_t samples) : count(samples), in(samples), out(samples) {}
+  std::size_t count;  ///< of each component
+  Samples in, out;
+};
 
-template <class T>
-T* At(std::vector<T>& cells, const Memory& memory, std::size_t component, std::size_t x) {
-  return cells.data() + component * memory.count + x;
+/// The memory for so many samples, made once.
+Memory& Shared(std::size_t samples) {
+  static Memory row(kRow), image(kWidth * kHeight);
+  return samples == kRow ? row : image;
 }
 
-#define KEL_THREE(kernel, in, out)                                                            \
-  {                                                                                           \
-#kernel, 3, [](const SamplesKernels& k, Memory& m, std::size_t x, std::size_t n) {          \
-      k.kernel(At(m.in, m, 0, x), At(m.in, m, 1, x), At(m.in, m, 2, x), At(m.out, m, 0, x), \
-               At(m.out, m, 1, x), At(m.out, m, 2, x), n);                                  \
-    } \
+/// Where sample x of each component stands; interleaved samples take the place of all three.
+struct Rows {
+  Rows(Samples& samples, std::size_t count, std::size_t x)
+      : pixels(samples.bytes.data() + 3 * x), wordPixels(samples.words.data() + 3 * x) {
+    for (std::size_t c = 0; c < 3; ++c) {
+      bytes[c] = samples.bytes.data() + c * count + x;
+      words[c] = samples.words.data() + c * count + x;
+      ints[c] = samples.ints.data() + c * count + x;
+      floats[c] = samples.floats.data() + c * count + x;
+    }
   }
-#define KEL_ONE(kernel, in, out, ...)                                                                \
-  {                                                                                                  \
-#kernel, 1,                                                                                      \
-        [](const SamplesKernels& k, Memory& m, std::size_t x,                                        \
-           std::size_t                                                                               \
-               n) { k.kernel(At(m.in, m, 0, x), At(m.out, m, 0, x), n __VA_OPT__(, ) __VA_ARGS__); } \
-  }
-#define KEL_IN_PLACE(kernel, cells)                                                                  \
-  {                                                                                                  \
-#kernel, 3,                                                                                      \
-        [](const SamplesKernels& k, Memory& m, std::size_t x,                                        \
-           std::size_t                                                                               \
-               n) { k.kernel(At(m.cells, m, 0, x), At(m.cells, m, 1, x), At(m.cells, m, 2, x), n); } \
-  }
-#define KEL_SPLIT(kernel, in, out)                                                             \
-  {                                                                                            \
-#kernel, 3, [](const SamplesKernels& k, Memory& m, std::size_t x, std::size_t n) {           \
-      k.kernel(m.in.data() + 3 * x, 3, At(m.out, m, 0, x), At(m.out, m, 1, x),               \
-               At(m.out, m, 2, x), n);                                                       \
-    } \
+  std::uint8_t *pixels, *bytes[3];
+  std::uint16_t *wordPixels, *words[3];
+  std::int32_t* ints[3];
+  float* floats[3];
+};
+
+struct Bench {
+  const char* call;  ///< its name ends at the parenthesis
+  int components;
+  void (*run)(const SamplesKernels& k, const Rows& in, const Rows& out, std::size_t n);
+};
+
+#define KEL_BENCH(components, call)                                  \
+  Bench {                                                            \
+#call, components,                                               \
+        [](const SamplesKernels& k, const Rows& in, const Rows& out, \
+           std::size_t n) { static_cast<void>(in), k.call; }         \
   }
 
 constexpr LevelScale kScale = {255.0F, 4095.0F, 0.0F, 0, 255};
 
-const struct {
-  const char* name;
-  int components;
-  Call call;
-} kKernels[] = {
-    {"memcpy of 32-bit cells", 1,
-     [](const SamplesKernels&, Memory& m, std::size_t x, std::size_t n) {
-       std::memcpy(m.outInts.data() + x, m.ints.data() + x, n * 4);
+const Bench kKernels[] = {
+    {"memcpy of 32-bit cells(", 1,
+     [](const SamplesKernels&, const Rows& in, const Rows& out, std::size_t n) {
+       std::memcpy(out.ints[0], in.ints[0], n * 4);
      }},
-    KEL_SPLIT(splitBytes, bytes, outBytes),
-    KEL_SPLIT(splitWords, words, outWords),
-    KEL_ONE(bytesToInts, bytes, outInts),
-    KEL_ONE(wordsToInts, words, outInts),
-    KEL_ONE(bytesToFloats, bytes, outFloats),
-    KEL_ONE(wordsToFloats, words, outFloats),
-    KEL_THREE(forwardRct8, bytes, outInts),
-    KEL_THREE(forwardRct16, words, outInts),
-    KEL_THREE(forwardRct32, ints, outInts),
-    KEL_THREE(forwardIct8, bytes, outFloats),
-    KEL_THREE(forwardIct16, words, outFloats),
-    KEL_THREE(forwardIct32, ints, outFloats),
-    KEL_IN_PLACE(inverseRct, outInts),
-    KEL_IN_PLACE(inverseIct, outFloats),
-    KEL_THREE(inverseRctTo8Bit, ints, outBytes),
-    KEL_THREE(inverseIctTo8Bit, floats, outBytes),
-    KEL_ONE(intTo8Bit, ints, outBytes),
-    KEL_ONE(intTo8BitWrapped, ints, outBytes),
-    KEL_ONE(floatTo8Bit, floats, outBytes),
-    KEL_ONE(intsToLevels, ints, outInts, -2048, 2047, 2048),
-    KEL_ONE(floatsToLevels, floats, outInts, -2048, 2047, 2048),
-    {"scaleLevels", 1,
-     [](const SamplesKernels& k, Memory& m, std::size_t x, std::size_t n) {
-       k.scaleLevels(m.outInts.data() + x, n, kScale);
-     }},
-    KEL_ONE(levelsToBytes, ints, outBytes),
-    KEL_ONE(levelsToWords, ints, outWords, 4),
+    KEL_BENCH(3, splitBytes(in.pixels, 3, out.bytes[0], out.bytes[1], out.bytes[2], n)),
+    KEL_BENCH(3, splitWords(in.wordPixels, 3, out.words[0], out.words[1], out.words[2], n)),
+    KEL_BENCH(1, bytesToInts(in.bytes[0], out.ints[0], n)),
+    KEL_BENCH(1, wordsToInts(in.words[0], out.ints[0], n)),
+    KEL_BENCH(1, bytesToFloats(in.bytes[0], out.floats[0], n)),
+    KEL_BENCH(1, wordsToFloats(in.words[0], out.floats[0], n)),
+    KEL_BENCH(3, forwardRct8(in.bytes[0], in.bytes[1], in.bytes[2], out.ints[0], out.ints[1],
+                             out.ints[2], n)),
+    KEL_BENCH(3, forwardRct16(in.words[0], in.words[1], in.words[2], out.ints[0], out.ints[1],
+                              out.ints[2], n)),
+    KEL_BENCH(3, forwardRct32(in.ints[0], in.ints[1], in.ints[2], out.ints[0], out.ints[1],
+                              out.ints[2], n)),
+    KEL_BENCH(3, forwardIct8(in.bytes[0], in.bytes[1], in.bytes[2], out.floats[0], out.floats[1],
+                             out.floats[2], n)),
+    KEL_BENCH(3, forwardIct16(in.words[0], in.words[1], in.words[2], out.floats[0], out.floats[1],
+                              out.floats[2], n)),
+    KEL_BENCH(3, forwardIct32(in.ints[0], in.ints[1], in.ints[2], out.floats[0], out.floats[1],
+                              out.floats[2], n)),
+    KEL_BENCH(3, inverseRct(out.ints[0], out.ints[1], out.ints[2], n)),
+    KEL_BENCH(3, inverseIct(out.floats[0], out.floats[1], out.floats[2], n)),
+    KEL_BENCH(3, inverseRctTo8Bit(in.ints[0], in.ints[1], in.ints[2], out.bytes[0], out.bytes[1],
+                                  out.bytes[2], n)),
+    KEL_BENCH(3, inverseIctTo8Bit(in.floats[0], in.floats[1], in.floats[2], out.bytes[0],
+                                  out.bytes[1], out.bytes[2], n)),
+    KEL_BENCH(1, intTo8Bit(in.ints[0], out.bytes[0], n)),
+    KEL_BENCH(1, intTo8BitWrapped(in.ints[0], out.bytes[0], n)),
+    KEL_BENCH(1, floatTo8Bit(in.floats[0], out.bytes[0], n)),
+    KEL_BENCH(1, intsToLevels(in.ints[0], out.ints[0], n, -2048, 2047, 2048)),
+    KEL_BENCH(1, floatsToLevels(in.floats[0], out.ints[0], n, -2048, 2047, 2048)),
+    KEL_BENCH(1, scaleLevels(out.ints[0], n, kScale)),
+    KEL_BENCH(1, levelsToBytes(in.ints[0], out.bytes[0], n)),
+    KEL_BENCH(1, levelsToWords(in.ints[0], out.words[0], n, 4)),
 };
 
 void CountSamples(benchmark::State& state, std::size_t samples) {
@@ -137,13 +132,15 @@ void RegisterKernels() {
       if (!FillKernelTable(set, table)) continue;
       for (const std::size_t rows : {std::size_t{1}, kHeight}) {
         const std::size_t width = rows == 1 ? kRow : kWidth;
-        const std::string name = std::string(kernel.name) + '/' + KernelSetName(set) +
+        const std::string call = kernel.call;
+        const std::string name = call.substr(0, call.find('(')) + '/' + KernelSetName(set) +
                                  (rows == 1 ? "/cached" : "/image");
         benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
-          Memory memory(width * rows);
+          Memory& memory = Shared(width * rows);
           for (auto _ : state) {
             for (std::size_t y = 0; y < rows; ++y) {
-              kernel.call(table.samples, memory, y * width, width);
+              kernel.run(table.samples, Rows(memory.in, memory.count, y * width),
+                         Rows(memory.out, memory.count, y * width), width);
             }
             benchmark::ClobberMemory();
           }
@@ -190,17 +187,17 @@ struct Host : KelMemFuncs {
 Host host;
 
 void Prepare(benchmark::State& state, int depth, std::uint32_t channels, bool irreversible) {
-  Memory memory(kWidth * kHeight);
+  Memory& memory = Shared(kWidth * kHeight);
   SampleSource sources[3];
   for (std::uint32_t c = 0; c < 3; ++c) {
-    const std::uint8_t* samples = memory.bytes.data() + (channels == 1 ? c * memory.count : 0);
+    const std::uint8_t* samples = memory.in.bytes.data() + (channels == 1 ? c * memory.count : 0);
     sources[c] = MakeSampleSource(samples, kWidth, depth, channels, channels == 1 ? 0 : c);
   }
   CodingPlane planes[3];
   for (std::size_t c = 0; c < 3; ++c) {
     planes[c].strideCells = kWidth;
-    planes[c].cells = memory.outInts.data() + c * memory.count;
-    if (irreversible) planes[c].cells = memory.outFloats.data() + c * memory.count;
+    planes[c].cells = memory.out.ints.data() + c * memory.count;
+    if (irreversible) planes[c].cells = memory.out.floats.data() + c * memory.count;
   }
   for (auto _ : state) {
     PrepareColorPlanes(sources, planes, {kWidth, kHeight}, irreversible);

@@ -20,32 +20,30 @@ using test::HostMemory;
 using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
 
-/// A host's buffer of pixels, and the samples in it by pixel and channel.
+/// A host's buffer of two rows of pixels, and the samples in it by pixel and channel.
 struct HostBuffer {
   std::int64_t width;
-  std::size_t channels;
+  std::uint32_t channels;
   int depth;
   std::vector<std::uint32_t> values;
-  std::vector<std::uint8_t> bytes;  // exactly as long as the samples
+  Bytes bytes;  // exactly as long as the samples
   std::vector<std::uint16_t> words;
 
-  HostBuffer(std::int64_t w, std::int64_t h, std::size_t numChannels, int bitDepth)
-      : width(w), channels(numChannels), depth(bitDepth) {
+  HostBuffer(std::int64_t w, std::uint32_t n, int bits) : width(w), channels(n), depth(bits) {
     static std::mt19937 random(6);
-    const auto rowSamples = static_cast<std::size_t>(w) * channels;
     test::BitAssembler rows;
-    for (std::size_t i = 0; i < rowSamples * static_cast<std::size_t>(h); ++i) {
-      if (i % rowSamples == 0) rows.Align();
+    for (std::int64_t i = 0; i < 2 * w * n; ++i) {
+      if (i == w * n) rows.Align();
       values.push_back(static_cast<std::uint32_t>(random()) >> (32 - depth));
-      rows.Bits(values.back(), depth);
       words.push_back(static_cast<std::uint16_t>(values.back()));
+      rows.Bits(values.back(), depth);
     }
     bytes = rows.Result();
   }
-  SampleSource Channel(std::size_t c) const {
-    return MakeSampleSource(depth == 16 ? static_cast<const void*>(words.data()) : bytes.data(),
-                            width, depth, static_cast<std::uint32_t>(channels),
-                            static_cast<std::uint32_t>(c));
+  SampleSource Channel(std::uint32_t c) const {
+    const void* samples = bytes.data();
+    if (depth == 16) samples = words.data();
+    return MakeSampleSource(samples, width, depth, channels, c);
   }
   std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
     return static_cast<std::int32_t>(values[pixel * channels + c] - (1U << (depth - 1)));
@@ -58,9 +56,9 @@ TEST(PreparePlane, ReadsEveryLayout) {
   HostMemory memory;
   for (int depth = 1; depth <= 28; ++depth) {
     for (const auto& [width, channels] :
-         {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {9, 5U}, {1100, 2U}}) {
-      const HostBuffer host(width, 2, channels, depth);
-      for (std::size_t c = 0; c < channels; ++c) {
+         {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {30, 19U}, {1100, 2U}}) {
+      const HostBuffer host(width, channels, depth);
+      for (std::uint32_t c = 0; c < channels; ++c) {
         const auto stride = static_cast<std::size_t>(width) + 3;
         Ints ints(2 * stride, 77);
         Floats floats(2 * stride, 77);
@@ -82,12 +80,14 @@ TEST(PreparePlane, ReadsEveryLayout) {
 /// Sources of a colour triple: one buffer of three or more channels, or one buffer each.
 struct Triple {
   std::vector<HostBuffer> buffers;
+  std::uint32_t spacing = 1;
 
-  SampleSource Source(std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Channel(c) : buffers[c].Channel(0);
+  SampleSource Source(std::uint32_t c) const {
+    return buffers.size() == 1 ? buffers[0].Channel(c * spacing) : buffers[c].Channel(0);
   }
   std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c) : buffers[c].Levelled(pixel, 0);
+    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c * spacing)
+                               : buffers[c].Levelled(pixel, 0);
   }
 };
 
@@ -96,11 +96,13 @@ constexpr std::int64_t kWidth = 1051;  // more than one piece of a row
 std::vector<Triple> Triples() {
   std::vector<Triple> triples;
   for (const int depth : {5, 8, 12, 16}) {
-    for (const std::size_t n : {3U, 4U, 6U}) triples.push_back({{HostBuffer(kWidth, 2, n, depth)}});
+    for (const std::uint32_t n : {3U, 4U, 6U}) {
+      triples.push_back({{HostBuffer(kWidth, n, depth)}, n == 6 ? 2U : 1U});
+    }
   }
   for (const auto& depths : {std::array{8, 8, 8}, {16, 16, 16}, {8, 16, 12}, {1, 28, 7}}) {
     triples.push_back({});
-    for (const int depth : depths) triples.back().buffers.emplace_back(kWidth, 2, 1, depth);
+    for (const int depth : depths) triples.back().buffers.emplace_back(kWidth, 1, depth);
   }
   return triples;
 }
@@ -198,8 +200,10 @@ TEST(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
   options.ComponentTransform = true;
   EXPECT_TRUE(ColorTransformApplies(options));
   EXPECT_TRUE(applies(geometry.XRsiz[3], 2)) << "the fourth component plays no part";
-  EXPECT_FALSE(applies(geometry.XRsiz[1], 2));
-  EXPECT_FALSE(applies(geometry.YRsiz[2], 2));
+  for (const int c : {1, 2}) {
+    EXPECT_FALSE(applies(geometry.XRsiz[c], 2));
+    EXPECT_FALSE(applies(geometry.YRsiz[c], 2));
+  }
   EXPECT_FALSE(applies(geometry.Csiz, 2));
   EXPECT_FALSE(applies(options.NumColorChannels, 2));
   EXPECT_FALSE(applies(options.ComponentTransform, false));
@@ -217,20 +221,17 @@ Bytes PixelOf(Cell y, Cell second, Cell third) {
 
 TEST(OutputConvert, RoundsClampsAndWraps) {
   HostMemory memory;
-  EXPECT_EQ(PixelOf(127.5F, 0.F, 0.F), Bytes(3, 255));
-  EXPECT_EQ(PixelOf(-128.5F, 0.F, 0.F), Bytes(3, 0)) << "half below zero";
-  EXPECT_EQ(PixelOf(0.5F, 0.F, 0.F), Bytes(3, 128)) << "halves to even";
-  EXPECT_EQ(PixelOf(1.5F, 0.F, 0.F), Bytes(3, 130)) << "halves to even";
+  for (const auto& [y, byte] : {std::pair{127.5F, 255}, {-128.5F, 0}, {0.5F, 128}, {1.5F, 130}}) {
+    EXPECT_EQ(PixelOf(y, 0.F, 0.F), Bytes(3, static_cast<std::uint8_t>(byte))) << "halves to even";
+  }
   EXPECT_EQ(PixelOf(NAN, 0.F, 0.F), Bytes(3, 0));
   EXPECT_EQ(PixelOf(0.F, 100.F, -100.F), (Bytes{0, 165, 255}));
   EXPECT_EQ(PixelOf(200, 0, 0), Bytes(3, 72)) << "integers wrap around";
   EXPECT_EQ(PixelOf(-1, -255, -255), (Bytes{0, 255, 0}));
-  const Floats floats = {-129, -128.5F, 127.5F, 1e9F};
-  const Ints ints = {-129, -128, 127, 128};
   Bytes bytes(4);
-  FloatPlaneTo8Bit(bytes.data(), 2, 2, floats.data());
+  FloatPlaneTo8Bit(bytes.data(), 2, 2, Floats{-129, -128.5F, 127.5F, 1e9F}.data());
   EXPECT_EQ(bytes, (Bytes{0, 0, 255, 255}));
-  IntPlaneTo8Bit(bytes.data(), 2, 2, ints.data());
+  IntPlaneTo8Bit(bytes.data(), 2, 2, Ints{-129, -128, 127, 128}.data());
   EXPECT_EQ(bytes, (Bytes{255, 0, 255, 0}));
 }
 
@@ -255,7 +256,7 @@ void CheckBytesOf(const Triple& triple) {
 
 TEST(OutputConvert, EightBitColoursSurvive) {
   HostMemory memory;
-  const Triple triple{{HostBuffer(kWidth, 2, 3, 8)}};
+  const Triple triple{{HostBuffer(kWidth, 3, 8)}};
   CheckBytesOf<std::int32_t>(triple);
   CheckBytesOf<float>(triple);
 }

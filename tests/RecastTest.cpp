@@ -16,6 +16,8 @@ namespace {
 using test::Bytes;
 using test::HostMemory;
 using test::Image;
+using Ints = std::vector<std::int32_t>;
+using Floats = std::vector<float>;
 
 /// Samples around zero that fill a depth and exceed it, half the time by as much as they can.
 template <class Cell>
@@ -66,7 +68,7 @@ std::int64_t Recast(double s, Target t, const KelImageData& data) {
   if (bytes) v = level * (span * (1.0F / length));
   if (t.general) v = level * span / length;
   v = std::nearbyint(std::clamp(v + static_cast<float>(t.outMin), -1e18F, 1e18F));
-  const auto [low, high] = std::minmax<std::int64_t>(t.outMin, t.outMax);
+  const auto [low, high] = std::minmax({std::int64_t{t.outMin}, std::int64_t{t.outMax}});
   const std::int64_t limited = std::clamp(static_cast<std::int64_t>(v), low, high);
   return std::clamp(limited, t.general ? -half : 0, 2 * half - 1) << shift;
 }
@@ -129,66 +131,68 @@ TEST(Recast, EveryDepthToEveryNumberOfBits) {
   }
 }
 
+template <class Out, class Cell>
+std::vector<Out> Recast(const std::vector<Cell>& cells, const Target& t, std::size_t count) {
+  Image image(static_cast<KelLong>(cells.size()), 1, cells);
+  image.RecastData(t.depth, t.general, t.numBits, t.outMax, t.outMin,
+                   static_cast<KelRecastMeth>(t.method));
+  return image.Content<Out>(count);
+}
+
 TEST(Recast, WorkedExamples) {
+  using Words = std::vector<std::uint16_t>;
   HostMemory memory;
-  Image floats(3, 1, std::vector<float>{-128.4F, 0.5F, 127.6F});
-  floats.RecastDataTo8BppUnsigned(8, 255, 0, KelRecastNominal);
-  EXPECT_EQ(floats.Content<std::uint8_t>(3), (Bytes{0, 128, 255}));
-  Image twelve(3, 1, std::vector<std::int32_t>{-2048, 0, 2047});
-  twelve.RecastDataTo8BppUnsigned(12, 255, 0, KelRecastData);
-  EXPECT_EQ(twelve.Content<std::uint8_t>(3), (Bytes{0, 128, 255}));
-  Image words(1, 1, std::vector<std::int32_t>{0});
-  words.RecastDataTo16BppUnsigned(12, 65535, 0, KelRecastNominal);
-  EXPECT_EQ(words.Content<std::uint16_t>(1)[0], 32768);
-  Image nibbles(3, 1, std::vector<std::int32_t>{-8, -7, 7});
-  nibbles.RecastData(4, false, 4, 15, 0, KelRecastNominal);
-  EXPECT_EQ(nibbles.Content<std::uint8_t>(2), (Bytes{0x01, 0xF0}));
+  const Floats ties = {-128.4F, 0.5F, 127.6F}, far = {-0x1.0004p31F, -0x1.0002p31F, -0x1p31F};
+  EXPECT_EQ(Recast<std::uint8_t>(ties, {8, 8, 255, 0, 0, false}, 3), (Bytes{0, 128, 255}));
+  EXPECT_EQ(Recast<std::uint8_t>(Ints{-2048, 0, 2047}, {12, 8, 255, 0, 1, false}, 3),
+            (Bytes{0, 128, 255}));
+  EXPECT_EQ(Recast<std::uint16_t>(Ints{0}, {12, 16, 65535, 0, 0, false}, 1), Words{32768});
+  EXPECT_EQ(Recast<std::uint16_t>(Ints{5, 5}, {16, 16, 10, 50, 1, false}, 2), (Words{50, 50}));
+  EXPECT_EQ(Recast<std::uint16_t>(far, {16, 16, 1000, 0, 1, false}, 3), (Words{0, 500, 1000}));
+  EXPECT_EQ(Recast<std::uint8_t>(Ints{-8, -7, 7}, {4, 4, 15, 0, 0, false}, 2), (Bytes{0x01, 0xF0}));
 }
 
 /// Every orientation of plain, narrow and tall images larger than the blocks that are turned at
 /// once, against the source sample that each output sample is defined by.
+void CheckTurn(KelLong W, KelLong H, KelLong numBits, KelLong turn) {
+  static std::mt19937 random(4);
+  const auto cells = Samples<std::int32_t>(static_cast<std::size_t>(W * H), 12, random);
+  const KelLong newW = turn == 180 ? W : H;
+  Ints turned;
+  for (KelLong i = 0; i < W * H; ++i) {
+    const KelLong y = i / newW, x = i % newW;
+    const KelLong row = turn == 90 ? H - 1 - x : turn == 180 ? H - 1 - y : x;
+    const KelLong column = turn == 90 ? y : turn == 180 ? W - 1 - x : W - 1 - y;
+    turned.push_back(cells[static_cast<std::size_t>(row * W + column)]);
+  }
+  Image image(W, H, cells);
+  const auto orientation = static_cast<KelImageOrientation>(turn);
+  image.RecastData_Rotation(12, false, numBits, 4095, 0, KelRecastNominal, orientation);
+  ASSERT_EQ(image.GetWidth(), newW);
+  ASSERT_EQ(image.GetHeight(), W * H / newW);
+  const Target target = {12, numBits, 4095, 0, 0, true};
+  const Bytes expected = Rows(turned, static_cast<std::size_t>(newW), target, image);
+  ASSERT_EQ(image.Content<std::uint8_t>(expected.size()), expected) << W << 'x' << H << ' ' << turn;
+}
+
 TEST(Recast, RotationTakesTheRightSample) {
   HostMemory memory;
-  std::mt19937 random(4);
   for (const auto& [W, H] :
        {std::pair{3, 2}, {1, 1}, {1, 37}, {37, 1}, {17, 33}, {35, 521}, {1030, 5}}) {
     for (const KelLong numBits : {5, 8, 12, 16, 32}) {
-      for (const KelLong turn : {90, 180, 270}) {
-        const auto count = static_cast<std::size_t>(W * H);
-        const auto cells = Samples<std::int32_t>(count, 12, random);
-        const KelLong newW = turn == 180 ? W : H;
-        std::vector<std::int32_t> turned;
-        for (KelLong y = 0; y < W * H / newW; ++y) {
-          for (KelLong x = 0; x < newW; ++x) {
-            const KelLong row = turn == 90 ? H - 1 - x : turn == 180 ? H - 1 - y : x;
-            const KelLong column = turn == 90 ? y : turn == 180 ? W - 1 - x : W - 1 - y;
-            turned.push_back(cells[static_cast<std::size_t>(row * W + column)]);
-          }
-        }
-        Image image(W, H, cells);
-        ASSERT_EQ(image.RecastData_Rotation(12, false, numBits, 4095, 0, KelRecastNominal,
-                                            static_cast<KelImageOrientation>(turn)),
-                  KelOK);
-        ASSERT_EQ(image.GetWidth(), newW);
-        ASSERT_EQ(image.GetHeight(), W * H / newW);
-        const Bytes expected =
-            Rows(turned, static_cast<std::size_t>(newW), {12, numBits, 4095, 0, 0, true}, image);
-        ASSERT_EQ(image.Content<std::uint8_t>(expected.size()), expected)
-            << W << " x " << H << " by " << turn;
-      }
+      for (const KelLong turn : {90, 180, 270}) CheckTurn(W, H, numBits, turn);
     }
   }
-  Image odd(3, 2, std::vector<std::int32_t>(6, 100));
+  Image odd(3, 2, Ints(6, 100));
   odd.RecastData_Rotation(8, false, 12, 4095, 0, KelRecastNominal,
                           static_cast<KelImageOrientation>(45));
-  EXPECT_EQ(odd.GetWidth(), 3);
-  EXPECT_EQ(odd.Content<std::uint8_t>(10), Bytes(10, 0));
+  EXPECT_EQ(odd.Content<std::uint8_t>(10), Bytes(10, 0)) << "no such orientation";
 }
 
 /// Numbers of the host that must neither be trusted nor change anything.
 TEST(Recast, WhatCannotBeRecastIsLeftAlone) {
   HostMemory memory;
-  Image image(4, 4, std::vector<std::int32_t>(16, 1));
+  Image image(4, 4, Ints(16, 1));
   const auto leavesAlone = [&](KelLong depth, KelLong numBits) {
     const KelImageData before = image;
     EXPECT_EQ(image.RecastData(depth, false, numBits, 255, 0, KelRecastNominal), KelOK);
@@ -205,12 +209,12 @@ TEST(Recast, WhatCannotBeRecastIsLeftAlone) {
   image.DynRangeMax = image.DynRangeMin;
   EXPECT_EQ(image.RecastDataTo8BppUnsigned(8, 255, 0, KelRecastNominal), KelOK);
   EXPECT_FALSE(image.DynRangeIsValid());
-  Image empty(4, 0, std::vector<std::int32_t>{});
+  Image empty(4, 0, Ints{});
   empty.SetHeight(-3);
   EXPECT_EQ(empty.RecastData(8, false, 12, 4095, 0, KelRecastNominal), KelOK);
   EXPECT_EQ(empty.SizeOfDataType, 1) << "an empty image is recast to an empty one";
   for (const float limit : {3e38F, INFINITY}) {
-    Image words(2, 1, std::vector<std::int32_t>{-9, INT32_MAX});
+    Image words(2, 1, Ints{-9, INT32_MAX});
     words.DynRangeMin = -limit;
     words.DynRangeMax = limit;
     EXPECT_EQ(words.RecastDataTo16BppUnsigned(31, 1000, 0, KelRecastData), KelOK);
@@ -220,10 +224,10 @@ TEST(Recast, WhatCannotBeRecastIsLeftAlone) {
 
 TEST(Recast, ARefusedBufferLeavesTheContainerUnchanged) {
   HostMemory memory;
-  Image image(5, 3, std::vector<std::int32_t>(15, -7));
+  Image image(5, 3, Ints(15, -7));
   const KelImageData before = image;
   const auto isRefused = [&](KelLong code) {
-    EXPECT_EQ(image.Content<std::int32_t>(15), std::vector<std::int32_t>(15, -7));
+    EXPECT_EQ(image.Content<std::int32_t>(15), Ints(15, -7));
     EXPECT_FALSE(image.DynRangeIsValid());
     return code == KelErrNoMemory && image.ImageBuffer == before.ImageBuffer &&
            image.SizeOfDataType == 4 && image.Width == before.Width;

@@ -112,7 +112,7 @@ void FillPlane(const SampleSource& source, const CodingPlane& plane, PlaneSize s
 bool AreOneTriple(const SampleSource (&sources)[3]) {
   for (std::uint32_t c = 0; c < 3; ++c) {
     if (sources[c].samples != sources[0].samples || sources[c].rowBytes != sources[0].rowBytes ||
-        sources[c].step != sources[0].step || sources[c].step < 3 || sources[c].first != c) {
+        sources[c].step != sources[0].step || sources[c].first != c) {
       return false;
     }
   }

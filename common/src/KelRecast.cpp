@@ -146,11 +146,11 @@ bool FitsInt32(std::int64_t v) {
   return v == SaturateToInt32(v);
 }
 
-/// Whether the kernels can form the plan's levels: limits on the sample itself, and levels.
+/// Whether the kernels can form the plan's levels: limits on the sample itself, and levels, which
+/// begin at 0, in 32 bits. What is added in between may wrap around.
 bool IsNarrow(const RecastPlan& plan) {
   return FitsInt32(plan.lowest - plan.offset) && FitsInt32(plan.highest - plan.offset) &&
-         FitsInt32(plan.lowest - plan.base) && FitsInt32(plan.highest - plan.base) &&
-         FitsInt32(plan.offset - plan.base);
+         FitsInt32(plan.highest - plan.base);
 }
 
 /// The whole way from a sample to a value, in 64-bit integers: what the kernels do piece by piece.
@@ -173,7 +173,8 @@ void ValuesOf(const RecastPlan& plan, const Cell* in, std::int32_t* values, std:
   const SamplesKernels& kernels = Kernels().samples;
   const auto lowest = static_cast<std::int32_t>(plan.lowest - plan.offset);
   const auto highest = static_cast<std::int32_t>(plan.highest - plan.offset);
-  const auto addend = static_cast<std::int32_t>(plan.offset - plan.base);
+  const auto addend =
+      static_cast<std::int32_t>(static_cast<std::uint32_t>(plan.offset - plan.base));
   if constexpr (std::is_same_v<Cell, float>) {
     kernels.floatsToLevels(in, values, count, lowest, highest, addend);
   } else {
@@ -241,12 +242,12 @@ void RecastHalfTurn(const RecastPlan& plan, const Plane<Cell>& in, std::uint8_t*
 }
 
 /// A quarter turn. Output row x, column j takes source row H - 1 - j, column x for 90 degrees and
-/// source row j, column W - 1 - x for 270. Sixteen output rows advance together, so that every
+/// source row j, column W - 1 - x for 270. Output rows advance 32 at a time, so that every
 /// cache line of the source is read once.
 template <class Cell>
 void RecastQuarterTurn(const RecastPlan& plan, const Plane<Cell>& in, bool clockwise,
                        std::uint8_t* out) {
-  constexpr std::size_t kRows = 16, kColumns = 256;
+  constexpr std::size_t kRows = 32, kColumns = 128;
   Cell block[kRows][kColumns];
   const std::uint64_t newWidth = in.height;
   const auto rowBytes = PackedRowBytes(static_cast<std::int64_t>(newWidth), plan.numBits);

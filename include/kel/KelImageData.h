@@ -3,8 +3,8 @@
 //
 // Ownership: FreeImageBuffer releases the buffer through the host's callbacks, whoever obtained
 // it. The constructor initialises nothing and the destructor releases nothing. Copies share the
-// buffer, so only one of them may release it. These operations have no guard: where one is
-// documented to raise, a KelException passes to the host.
+// buffer, so only one of them may release it. Recasts return the code of a failure; the other
+// operations have no guard: where one is documented to raise, a KelException passes to the host.
 #ifndef KEL_IMAGE_DATA_H
 #define KEL_IMAGE_DATA_H
 
