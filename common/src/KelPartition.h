@@ -20,22 +20,6 @@ struct GridPartition {
   std::int64_t across, down;           ///< 0 when the box is empty
 
   std::int64_t Count() const { return across * down; }
-
-  /// Cell number i in raster order, clipped to the box.
-  Box Cell(std::int64_t i) const {
-    const std::int64_t column = firstColumn + i % across;
-    const std::int64_t row = firstRow + i / across;
-    return {CellStart(column, widthExp, box.x0), CellEnd(column, widthExp, box.x1),
-            CellStart(row, heightExp, box.y0), CellEnd(row, heightExp, box.y1)};
-  }
-
- private:
-  static std::int64_t CellStart(std::int64_t index, int exponent, std::int64_t least) {
-    return exponent >= kWholePrecinct ? least : std::max(least, index << exponent);
-  }
-  static std::int64_t CellEnd(std::int64_t index, int exponent, std::int64_t most) {
-    return exponent >= kWholePrecinct ? most : std::min(most, (index + 1) << exponent);
-  }
 };
 
 inline GridPartition PartitionBox(const Box& box, int widthExp, int heightExp) {
@@ -53,26 +37,30 @@ inline GridPartition PartitionBox(const Box& box, int widthExp, int heightExp) {
   return grid;
 }
 
+/// A range of samples along one axis.
+struct SampleRange {
+  std::int64_t first, end;
+};
+
+/// Cell number `index` of a grid along one axis, clipped to a range. Exponents of kWholePrecinct
+/// and more give the whole range.
+inline SampleRange ClipCell(std::int64_t index, int exponent, bool isWhole, SampleRange range) {
+  if (isWhole) return range;
+  return {std::max(range.first, index << exponent), std::min(range.end, (index + 1) << exponent)};
+}
+
 /// The part of a band that belongs to a precinct of its resolution. Bands of resolutions above 0
 /// have half the sampling of their resolution, so their cells are half as large.
 inline Box PrecinctOfBand(const Box& band, const GridPartition& resolution, std::int64_t precinct,
                           bool isLowest) {
   const int halving = isLowest ? 0 : 1;
-  const auto clip = [&](std::int64_t first, std::int64_t index, int exponent, std::int64_t least,
-                        std::int64_t most, std::int64_t& start, std::int64_t& end) {
-    start = least;
-    end = most;
-    if (exponent >= kWholePrecinct) return;
-    const int bandExponent = exponent - halving;
-    start = std::max(least, (first + index) << bandExponent);
-    end = std::min(most, (first + index + 1) << bandExponent);
-  };
-  Box part{};
-  clip(resolution.firstColumn, precinct % resolution.across, resolution.widthExp, band.x0, band.x1,
-       part.x0, part.x1);
-  clip(resolution.firstRow, precinct / resolution.across, resolution.heightExp, band.y0, band.y1,
-       part.y0, part.y1);
-  return part;
+  const SampleRange across =
+      ClipCell(resolution.firstColumn + precinct % resolution.across, resolution.widthExp - halving,
+               resolution.widthExp >= kWholePrecinct, {band.x0, band.x1});
+  const SampleRange down =
+      ClipCell(resolution.firstRow + precinct / resolution.across, resolution.heightExp - halving,
+               resolution.heightExp >= kWholePrecinct, {band.y0, band.y1});
+  return {across.first, across.end, down.first, down.end};
 }
 
 }  // namespace kel

@@ -441,7 +441,6 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
 }  // namespace
 }  // namespace kel
 
-#undef KEL_INLINE
 #undef KEL_FORCED
 
 #endif
