@@ -30,12 +30,16 @@ Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
     throw Error(Failure::kParameter,
                 "samples of " + std::to_string(depth) + " bits; 1 to 32 are possible");
   }
-  stride_ = RowBytes(width, depth);
+  stride_ = static_cast<std::size_t>(RowBytes(width, depth));
   const std::uint64_t size = Product(stride_, height);
-  try {
-    bytes_.resize(size);
-  } catch (const std::exception&) {  // no memory, or more than any vector can hold
+  const auto refuse = [&] {
     throw Error(Failure::kMemory, "there is no memory for " + FormatBytes(size) + " of samples");
+  };
+  if (size > bytes_.max_size()) refuse();
+  try {
+    bytes_.resize(static_cast<std::size_t>(size));
+  } catch (const std::bad_alloc&) {
+    refuse();
   }
 }
 

@@ -59,9 +59,10 @@ BlockHeader* HeaderOf(void* address) {
 
 /// A block whose address is a multiple of the alignment, a power of two.
 void* Take(std::uint64_t size, std::size_t alignment) {
-  if (!Charge(size)) return nullptr;
   alignment = std::max(alignment, kHeaderBytes);
-  void* start = std::malloc(static_cast<std::size_t>(size) + kHeaderBytes + alignment);
+  const std::uint64_t total = size + kHeaderBytes + alignment;
+  if (total > PTRDIFF_MAX || !Charge(size)) return nullptr;
+  void* start = std::malloc(static_cast<std::size_t>(total));
   if (start == nullptr) {
     Refund(size);
     return nullptr;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Files.hpp"
+#include "RawPlanes.hpp"
 #include "TestImages.hpp"
 
 namespace {
@@ -90,6 +91,29 @@ TEST(OutputFile, InterruptionLeavesNothing) {
     EXPECT_EQ(folder.Get("x"), "old");
     EXPECT_EQ(folder.NumFiles(), 1U);
   }
+}
+
+// Byte order, bytes per sample and row padding of every depth; all files or none.
+TEST(RawPlanes, AreBareLittleEndianSamples) {
+  const Folder folder;
+  Image image = MakeImage(3, 2, 3, 8);
+  image.planes[1] = Plane(2, 1, 12);
+  image.planes[1].xStep = 2;
+  image.planes[2] = Plane(1, 1, 20);
+  image.planes[0].Set(2, 1, 'z');
+  image.planes[1].Set(1, 0, 0x0ABC);
+  image.planes[2].Set(0, 0, 0xFEDCB);
+  WriteRawPlanes(image, folder.Path("p"));
+  EXPECT_EQ(folder.Get("p.c0.raw"), std::string("\0\0\0\0\0z", 6));
+  EXPECT_EQ(folder.Get("p.c1.raw"), std::string("\0\0\xBC\x0A", 4));
+  EXPECT_EQ(folder.Get("p.c2.raw"), std::string("\xCB\xED\x0F\0", 4));
+  const std::string json = folder.Get("p.json");
+  for (const char* part : {"\"file\": \"p.c2.raw\"", "\"depth\": 12", "\"signed\": false"}) {
+    EXPECT_NE(json.find(part), std::string::npos) << json;
+  }
+  std::filesystem::create_directory(folder.Path("q.json"));  // the last file cannot be written
+  EXPECT_EQ(ErrorOf([&] { WriteRawPlanes(image, folder.Path("q")); }).Kind(), Failure::kOutput);
+  EXPECT_EQ(folder.NumFiles(), 5U);
 }
 
 FileOptions Options(std::vector<std::string> files, std::string folder = {}) {
