@@ -1,0 +1,52 @@
+// Changes of form that applications need between a decoded image and the screen or a file.
+#ifndef KEL_HOST_CONVERT_HPP
+#define KEL_HOST_CONVERT_HPP
+
+#include <vector>
+
+#include "image.hpp"
+
+namespace kel::host {
+
+/// Replaces indices by the colours of the palette; nothing to do without one.
+void ExpandPalette(Image& image);
+
+/// Brings every plane to the size of the grid by repeating samples.
+void UndoSubsampling(Image& image);
+
+/// Turns luminance and chroma (ColourSpace::kSycc) into sRGB; nothing to do for other spaces.
+/// The planes must be of full size.
+void ConvertYccToRgb(Image& image);
+
+/// Puts the colour planes first, by colour number, then the opacity of the whole image, then the
+/// rest in the order they had.
+void OrderPlanes(Image& image);
+
+/// All of the above, in the order needed to show the image or to write an ordinary image file.
+void MakeOrdinary(Image& image);
+
+/// Scales all samples to another depth, 1 to 32 bits, rounding to nearest. Throws Error
+/// (kParameter) for an image with a palette.
+void ChangeDepth(Image& image, unsigned depth);
+
+/// Turns the image clockwise by 0, 90, 180 or 270 degrees; Error (kParameter) for another angle.
+void Rotate(Image& image, int degrees);
+
+/// How far two images are apart, per plane.
+struct Difference {
+  struct PlaneDifference {
+    double psnr = 0;            ///< decibels; infinite when equal
+    std::uint32_t largest = 0;  ///< largest difference of two samples
+    std::uint64_t count = 0;    ///< samples that differ
+  };
+  std::vector<PlaneDifference> planes;
+  double psnr = 0;  ///< over all samples of all planes
+  bool identical = false;
+};
+
+/// Throws Error (kParameter) when the images differ in the number, size or depth of their planes.
+Difference Compare(const Image& a, const Image& b);
+
+}  // namespace kel::host
+
+#endif

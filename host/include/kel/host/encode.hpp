@@ -1,0 +1,49 @@
+// From an image to a file: all tiles, on several threads, with everything the image carries.
+#ifndef KEL_HOST_ENCODE_HPP
+#define KEL_HOST_ENCODE_HPP
+
+#include "image.hpp"
+#include "parallel.hpp"
+#include "streams.hpp"
+
+namespace kel::host {
+
+enum class PacketOrder {
+  kResolutions,  ///< coarse to fine over the whole tile: what arrives first shows a small image
+  kComponents    ///< component after component
+};
+
+struct EncodeParams {
+  bool lossless = false;
+  int quality = 60;             ///< 1 to 100, of lossy coding; 60 gives about 40 dB on a photo
+  std::uint64_t sizeLimit = 0;  ///< when not 0: the best quality whose file has at most these bytes
+  std::uint32_t tileWidth = 0;  ///< 0: one tile up to 2048 x 2048, else tiles of 1024 x 1024
+  std::uint32_t tileHeight = 0;
+  unsigned levels = 5;  ///< wavelet decompositions, 0 to 32
+  PacketOrder order = PacketOrder::kResolutions;
+  unsigned layers = 1;
+  bool colourTransform = true;        ///< of the first three colours, where they allow it
+  const Plane* regionMask = nullptr;  ///< lossy: nonzero where full precision is kept; grid size
+  unsigned threads = 0;               ///< 0: one per processor. The output does not depend on it
+  Progress progress;                  ///< tiles done; may be empty
+};
+
+struct EncodeReport {
+  std::uint64_t bytes = 0;  ///< written
+  int quality = 0;          ///< used; 0 when lossless
+  unsigned trials = 1;      ///< times that the image was coded
+};
+
+/// Encodes an image into a complete file and finishes the sink. The planes must be of one depth
+/// (the format has one for all that the encoder writes), 1 to 28 bits, colours first, each of the
+/// size that the grid and its steps give. Throws Error: kParameter for an image or parameters that
+/// are not allowed, kMemory, kOutput.
+EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink);
+
+/// What a decoder will make of the image encoded with these parameters, without encoding it.
+/// Samples deeper than 8 bits are approximate.
+Image Preview(const Image& image, const EncodeParams& params);
+
+}  // namespace kel::host
+
+#endif

@@ -1,0 +1,236 @@
+// Palettes, chroma, order, depth, orientation and comparison of images.
+#include "kel/host/convert.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <tuple>
+
+#include "kel/host/errors.hpp"
+
+namespace kel::host {
+namespace {
+
+/// A plane of another size or depth for the same channel.
+Plane MakeLike(const Plane& model, std::uint32_t width, std::uint32_t height, unsigned depth) {
+  Plane plane(width, height, depth);
+  plane.role = model.role;
+  plane.colour = model.colour;
+  plane.xStep = model.xStep;
+  plane.yStep = model.yStep;
+  return plane;
+}
+
+/// Calls work with pointers to row y of both planes, in their own types.
+template <class Work>
+void WithRows(const Plane& from, Plane& to, std::uint32_t fromY, std::uint32_t toY, Work&& work) {
+  WithSampleType(from.BytesPerSample(), [&](auto fromSample) {
+    WithSampleType(to.BytesPerSample(), [&](auto toSample) {
+      work(from.Row<decltype(fromSample)>(fromY), to.Row<decltype(toSample)>(toY));
+    });
+  });
+}
+
+/// Fills `to` with lookup(sample) of the samples at the same place.
+template <class Lookup>
+void MapSamples(const Plane& from, Plane& to, Lookup&& lookup) {
+  for (std::uint32_t y = 0; y < from.Height(); ++y) {
+    WithRows(from, to, y, y, [&](const auto* source, auto* destination) {
+      using Sample = std::remove_pointer_t<decltype(destination)>;
+      for (std::uint32_t x = 0; x < from.Width(); ++x) {
+        destination[x] = static_cast<Sample>(lookup(source[x]));
+      }
+    });
+  }
+}
+
+Plane Repeat(const Plane& plane, std::uint32_t width, std::uint32_t height) {
+  Plane full = MakeLike(plane, width, height, plane.Depth());
+  if (plane.Width() == 0 || plane.Height() == 0) {  // narrower than its step: nothing to repeat
+    full.xStep = full.yStep = 1;
+    return full;
+  }
+  for (std::uint32_t y = 0; y < height; ++y) {
+    const std::uint32_t sourceY = std::min(y / plane.yStep, plane.Height() - 1);
+    WithRows(plane, full, sourceY, y, [&](const auto* source, auto* destination) {
+      using Sample = std::remove_pointer_t<decltype(destination)>;
+      for (std::uint32_t x = 0; x < width; ++x) {
+        destination[x] = static_cast<Sample>(source[std::min(x / plane.xStep, plane.Width() - 1)]);
+      }
+    });
+  }
+  full.xStep = full.yStep = 1;
+  return full;
+}
+
+std::uint32_t Clamped(double value, std::uint32_t most) {
+  return static_cast<std::uint32_t>(std::clamp(std::nearbyint(value), 0.0, double{1.0} * most));
+}
+
+/// Row y of `to` is column y of `from`, from the bottom up (clockwise) or the top down.
+template <class Sample>
+void QuarterTurn(const Plane& from, Plane& to, bool clockwise) {
+  for (std::uint32_t y = 0; y < from.Height(); ++y) {
+    const auto* source = from.Row<Sample>(y);
+    const std::uint32_t x = clockwise ? from.Height() - 1 - y : y;
+    for (std::uint32_t i = 0; i < from.Width(); ++i) {
+      to.Row<Sample>(clockwise ? i : from.Width() - 1 - i)[x] = source[i];
+    }
+  }
+}
+
+Plane Turned(const Plane& plane, int degrees) {
+  const bool quarter = degrees != 180;
+  Plane turned = MakeLike(plane, quarter ? plane.Height() : plane.Width(),
+                          quarter ? plane.Width() : plane.Height(), plane.Depth());
+  WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+    using Sample = decltype(sample);
+    if (quarter) {
+      QuarterTurn<Sample>(plane, turned, degrees == 90);
+      std::swap(turned.xStep, turned.yStep);
+      return;
+    }
+    for (std::uint32_t y = 0; y < plane.Height(); ++y) {
+      const auto* source = plane.Row<Sample>(y);
+      std::reverse_copy(source, source + plane.Width(), turned.Row<Sample>(plane.Height() - 1 - y));
+    }
+  });
+  return turned;
+}
+
+/// Decibels below full scale; infinite for no error.
+double Psnr(double squaredError, double samples, double peak) {
+  return squaredError == 0 ? std::numeric_limits<double>::infinity()
+                           : 10 * std::log10(peak * peak * samples / squaredError);
+}
+
+/// Fills all but psnr; returns the sum of the squared differences.
+double ComparePlanes(const Plane& a, const Plane& b, Difference::PlaneDifference& result) {
+  double sum = 0;
+  for (std::uint32_t y = 0; y < a.Height(); ++y) {
+    WithSampleType(a.BytesPerSample(), [&](auto sample) {
+      const auto* p = a.Row<decltype(sample)>(y);
+      const auto* q = b.Row<decltype(sample)>(y);
+      for (std::uint32_t x = 0; x < a.Width(); ++x) {
+        const std::uint32_t apart = p[x] < q[x] ? q[x] - p[x] : p[x] - q[x];
+        result.largest = std::max(result.largest, apart);
+        result.count += apart != 0;
+        sum += double{1.0} * apart * apart;
+      }
+    });
+  }
+  return sum;
+}
+
+}  // namespace
+
+void ExpandPalette(Image& image) {
+  if (!image.palette || image.planes.empty()) return;
+  const Palette palette = std::move(*image.palette);
+  const Plane indices = std::move(image.planes[0]);
+  image.palette.reset();
+  image.planes.clear();
+  unsigned colours = 0;
+  for (const Palette::Column& column : palette.columns) {
+    Plane& plane = image.planes.emplace_back(indices.Width(), indices.Height(), column.depth);
+    plane.role = column.role;
+    plane.colour = column.role == ChannelRole::kColour ? ++colours : 0;
+    if (column.entries.empty()) continue;
+    MapSamples(indices, plane, [&](std::uint32_t index) {
+      return column.entries[std::min<std::size_t>(index, column.entries.size() - 1)];
+    });
+  }
+}
+
+void UndoSubsampling(Image& image) {
+  for (Plane& plane : image.planes) {
+    if (plane.xStep != 1 || plane.yStep != 1) plane = Repeat(plane, image.width, image.height);
+  }
+}
+
+void ConvertYccToRgb(Image& image) {
+  if (image.colourSpace != ColourSpace::kSycc || NumColours(image) < 3) return;
+  OrderPlanes(image);
+  Plane &first = image.planes[0], &second = image.planes[1], &third = image.planes[2];
+  if (first.Depth() != second.Depth() || first.Depth() != third.Depth()) return;
+  const std::uint32_t most = first.MaxValue();
+  const double middle = (most + 1.0) / 2;
+  for (std::uint32_t y = 0; y < image.height; ++y) {
+    for (std::uint32_t x = 0; x < image.width; ++x) {
+      const double luma = first.At(x, y);
+      const double blue = second.At(x, y) - middle, red = third.At(x, y) - middle;
+      first.Set(x, y, Clamped(luma + 1.402 * red, most));
+      second.Set(x, y, Clamped(luma - 0.344136 * blue - 0.714136 * red, most));
+      third.Set(x, y, Clamped(luma + 1.772 * blue, most));
+    }
+  }
+  image.colourSpace = ColourSpace::kSrgb;
+}
+
+void OrderPlanes(Image& image) {
+  const auto rank = [](const Plane& plane) {
+    const bool colour = plane.role == ChannelRole::kColour;
+    const bool opacity = plane.role != ChannelRole::kOther && !colour && plane.colour == 0;
+    return std::tuple(colour ? 0 : opacity ? 1 : 2, colour ? plane.colour : 0U);
+  };
+  std::ranges::stable_sort(image.planes, {}, rank);
+}
+
+void MakeOrdinary(Image& image) {
+  ExpandPalette(image);
+  OrderPlanes(image);
+  UndoSubsampling(image);
+  ConvertYccToRgb(image);
+}
+
+void ChangeDepth(Image& image, unsigned depth) {
+  if (image.palette) throw Error(Failure::kParameter, "the depth of palette indices cannot change");
+  for (Plane& plane : image.planes) {
+    if (plane.Depth() == depth) continue;
+    Plane changed = MakeLike(plane, plane.Width(), plane.Height(), depth);
+    const std::uint64_t from = plane.MaxValue(), to = changed.MaxValue();
+    MapSamples(plane, changed, [&](std::uint64_t value) { return (value * to + from / 2) / from; });
+    plane = std::move(changed);
+  }
+}
+
+void Rotate(Image& image, int degrees) {
+  if (degrees == 0) return;
+  if (degrees != 90 && degrees != 180 && degrees != 270) {
+    throw Error(Failure::kParameter, "images turn by 90, 180 or 270 degrees");
+  }
+  for (Plane& plane : image.planes) plane = Turned(plane, degrees);
+  if (degrees == 180) return;
+  std::swap(image.width, image.height);
+  if (image.resolution) std::swap(image.resolution->x, image.resolution->y);
+}
+
+Difference Compare(const Image& a, const Image& b) {
+  if (a.planes.size() != b.planes.size()) {
+    throw Error(Failure::kParameter, "the images have " + std::to_string(a.planes.size()) +
+                                         " and " + std::to_string(b.planes.size()) + " channels");
+  }
+  Difference difference;
+  double relativeSum = 0, samples = 0;
+  for (std::size_t i = 0; i < a.planes.size(); ++i) {
+    const Plane &left = a.planes[i], &right = b.planes[i];
+    if (left.Width() != right.Width() || left.Height() != right.Height()) {
+      throw Error(Failure::kParameter, "the images differ in size");
+    }
+    if (left.Depth() != right.Depth()) {
+      throw Error(Failure::kParameter, "the images differ in depth");
+    }
+    Difference::PlaneDifference& plane = difference.planes.emplace_back();
+    const double squaredError = ComparePlanes(left, right, plane);
+    const double peak = left.MaxValue();
+    const double count = double{1.0} * left.Width() * left.Height();
+    plane.psnr = Psnr(squaredError, count, peak);
+    relativeSum += squaredError / (peak * peak);
+    samples += count;
+  }
+  difference.psnr = Psnr(relativeSum, samples, 1);
+  difference.identical = relativeSum == 0;
+  return difference;
+}
+
+}  // namespace kel::host

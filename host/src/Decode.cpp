@@ -1,0 +1,182 @@
+// Decoding a whole file: in runs of tiles on several threads, or in one piece where the data
+// cannot be cut.
+#include "kel/host/decode.hpp"
+
+#include <algorithm>
+#include <mutex>
+
+#include "Describe.hpp"
+#include "FrameTarget.hpp"
+#include "TileRuns.hpp"
+#include "kel/host/session.hpp"
+
+namespace kel::host {
+namespace {
+
+constexpr unsigned kMostHalvings = 31;
+
+/// What the parts of a decode share.
+struct Job {
+  ByteView bytes;
+  StreamScan scan;
+  unsigned halvings = 0;  ///< by the decoder: 0 or 1
+  std::vector<ComponentArea> areas;
+  std::vector<Plane> planes;
+
+  std::mutex mutex;  ///< of what follows
+  DecodeReport report;
+  std::size_t numTilesWithSamples = 0;
+  KelException failure;  ///< the first one
+};
+
+/// Decodes a file or code stream that covers a rectangle of the planes.
+void DecodePart(Job& job, ByteView bytes) {
+  Decoder decoder(bytes, job.halvings == 0 ? KelAspectFull : KelAspectHalf);
+  KelImage& object = decoder.Object();
+  const std::vector<ComponentArea> part = ComponentAreas(*object.GetGeometryParams(), job.halvings);
+  FrameTarget target(job.areas, part, decoder.Found().ComponentTransform);
+  const KelLong code = decoder.DecodeFrame(bytes, target.Raw(), target.Frame(job.planes));
+  target.FinishPlanes(object, job.halvings, job.planes);
+
+  std::size_t numReady = 0, numComplete = 0;
+  const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
+  for (std::size_t tile = 0; tile < numTiles; ++tile) {
+    numReady += TileComponent(object, tile, 0).TileCompDataReady();
+    numComplete += object.TileIsComplete(static_cast<KelLong>(tile));
+  }
+  const std::lock_guard lock(job.mutex);
+  job.report.numCompleteTiles += numComplete;
+  job.numTilesWithSamples += numReady;
+  if (code != KelOK && job.failure.errCode == KelOK) {
+    job.failure = object.GetErrorDetails();
+    job.failure.errCode = code;
+    job.report.problem = CodeSentence(code);
+  }
+}
+
+void DecodeRuns(Job& job, const std::vector<TileRun>& runs, unsigned threads,
+                const Progress& progress) {
+  std::size_t done = 0;
+  ForEachIndex(runs.size(), threads, [&](unsigned, std::size_t index) {
+    DecodePart(job, BuildRun(job.bytes, job.scan, runs[index]));
+    const std::lock_guard lock(job.mutex);
+    if (progress) progress(++done, runs.size());
+  });
+}
+
+/// Decodes everything into the job's planes.
+void DecodeParts(Job& job, const DecodeParams& params) {
+  const std::vector<TileRun> runs = PlanRuns(job.scan);
+  if (runs.empty()) {
+    DecodePart(job, job.bytes);
+    return;
+  }
+  const unsigned threads = ThreadCount(params.threads);
+  try {
+    DecodeRuns(job, runs, threads, params.progress);
+  } catch (const Error& error) {
+    // Whether an image fits into memory must not depend on the number of threads.
+    if (error.Kind() != Failure::kMemory || threads == 1) throw;
+    const std::size_t numTiles = job.report.numTiles;
+    job.report = {};
+    job.report.numTiles = numTiles;
+    job.numTilesWithSamples = 0;
+    job.failure.ClearErrState();
+    DecodeRuns(job, runs, 1, params.progress);
+  }
+}
+
+/// Whether the decoder can leave out the finest resolution of every tile-component. The coding
+/// styles of all tiles must be known for that, and be those of the main header.
+bool CanHalve(const KelImage& image, const StreamScan& scan) {
+  return scan.tilePartsRegular && !scan.tilesHaveOwnStyle && image.GetMaxRes(0) >= 1;
+}
+
+/// Averages 2 x 2 samples, at even positions of the component's grid.
+Plane Halved(const Plane& plane, ComponentArea& area) {
+  const ComponentArea from = area;
+  for (std::int64_t* edge : {&area.x0, &area.y0, &area.x1, &area.y1}) *edge = HalvedEdge(*edge, 1);
+  Plane half(static_cast<std::uint32_t>(area.x1 - area.x0),
+             static_cast<std::uint32_t>(area.y1 - area.y0), plane.Depth());
+  half.xStep = plane.xStep;
+  half.yStep = plane.yStep;
+  for (std::int64_t y = area.y0; y < area.y1; ++y) {
+    for (std::int64_t x = area.x0; x < area.x1; ++x) {
+      std::uint64_t sum = 0, count = 0;
+      for (std::int64_t v = 2 * y; v < std::min(2 * y + 2, from.y1); ++v) {
+        for (std::int64_t u = 2 * x; u < std::min(2 * x + 2, from.x1); ++u, ++count) {
+          sum += plane.At(static_cast<std::uint32_t>(u - from.x0),
+                          static_cast<std::uint32_t>(v - from.y0));
+        }
+      }
+      half.Set(static_cast<std::uint32_t>(x - area.x0), static_cast<std::uint32_t>(y - area.y0),
+               static_cast<std::uint32_t>((sum + count / 2) / count));
+    }
+  }
+  return half;
+}
+
+/// Ends a decode that brought nothing, or less than was asked for.
+void SettleReport(Job& job, const DecodeParams& params) {
+  if (job.numTilesWithSamples == 0) {
+    if (job.failure.errCode != KelOK) ThrowFailure(job.failure, Failure::kInput);
+    throw Error(Failure::kInput, "the data end before the first samples");
+  }
+  DecodeReport& report = job.report;
+  report.complete = report.numCompleteTiles == report.numTiles;
+  if (report.complete || params.acceptIncomplete) return;
+  std::string sentence = "incomplete: " + std::to_string(report.numCompleteTiles) + " of " +
+                         std::to_string(report.numTiles) + " tiles are whole";
+  if (!report.problem.empty()) sentence += "; " + report.problem;
+  throw Error(Failure::kIncomplete, sentence);
+}
+
+}  // namespace
+
+Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
+  RequireSession();
+  if (params.reduce > kMostHalvings) {
+    throw Error(Failure::kParameter, "at most 31 halvings are possible");
+  }
+  Job job;
+  Bytes storage;
+  job.bytes = ReadAll(source, storage);
+  job.scan = ScanStream(job.bytes);
+
+  auto whole = std::make_unique<Decoder>(job.bytes);
+  const KelImageGeometry& geometry = *whole->Object().GetGeometryParams();
+  Image image = DescribeImage(*whole, job.scan);
+  if (image.palette && params.reduce != 0) {
+    throw Error(Failure::kParameter, "an image with a palette cannot be reduced");
+  }
+  const auto roles = ComponentRoles(whole->Object());
+  const ComponentArea gridArea{geometry.XOsiz, geometry.YOsiz, geometry.Xsiz, geometry.Ysiz};
+  job.report.numTiles = static_cast<std::size_t>(whole->Object().GetNumTiles());
+  job.halvings = params.reduce != 0 && CanHalve(whole->Object(), job.scan) ? 1 : 0;
+  job.areas = ComponentAreas(geometry, job.halvings);
+  whole.reset();  // what it holds is not needed beside the parts
+
+  const MemoryReservation room(PlaneBytes(job.areas), "the decoded image");
+  job.planes = MakePlanes(job.areas);
+  DecodeParts(job, params);
+  SettleReport(job, params);
+
+  for (std::size_t c = 0; c < job.planes.size(); ++c) {
+    for (unsigned i = job.halvings; i < params.reduce; ++i) {
+      job.planes[c] = Halved(job.planes[c], job.areas[c]);
+    }
+    job.planes[c].role = roles[c].role;
+    job.planes[c].colour = roles[c].colour;
+  }
+  const auto reduced = [&](std::int64_t from, std::int64_t to) {
+    return static_cast<std::uint32_t>(HalvedEdge(to, params.reduce) -
+                                      HalvedEdge(from, params.reduce));
+  };
+  image.width = reduced(gridArea.x0, gridArea.x1);
+  image.height = reduced(gridArea.y0, gridArea.y1);
+  image.planes = std::move(job.planes);
+  if (report != nullptr) *report = job.report;
+  return image;
+}
+
+}  // namespace kel::host

@@ -1,0 +1,116 @@
+// Encoding an image: tiles are handed out to workers, each with an image object of its own, and
+// their bytes are joined in the order of the tiles behind one set of headers. So the output does
+// not depend on the number of workers.
+#include "kel/host/encode.hpp"
+
+#include <map>
+#include <mutex>
+
+#include "TileEncoder.hpp"
+
+namespace kel::host {
+namespace {
+
+/// Positions in a file are signed 32-bit numbers.
+constexpr std::uint64_t kMostFileBytes = INT32_MAX;
+
+/// Writes pieces in the order of their numbers, whatever the order in which they come.
+class OrderedWriter {
+ public:
+  OrderedWriter(Sink& sink, ByteView first, Progress progress, std::size_t total)
+      : sink_(sink), progress_(std::move(progress)), totalPieces_(total) {
+    Write(first);
+  }
+
+  void Put(std::size_t number, Bytes piece) {
+    const std::lock_guard lock(mutex_);
+    waiting_.emplace(number, std::move(piece));
+    for (auto it = waiting_.find(next_); it != waiting_.end(); it = waiting_.find(next_)) {
+      Write(it->second);
+      waiting_.erase(it);
+      ++next_;
+    }
+    if (progress_) progress_(++donePieces_, totalPieces_);
+  }
+
+  std::uint64_t BytesWritten() const { return bytes_; }
+
+ private:
+  void Write(ByteView piece) {
+    bytes_ += piece.size();
+    if (bytes_ > kMostFileBytes) {
+      throw Error(Failure::kOutput, "the file would exceed 2 GiB, the most the format can address");
+    }
+    sink_.Write(piece);
+  }
+
+  Sink& sink_;
+  Progress progress_;
+  std::mutex mutex_;
+  std::map<std::size_t, Bytes> waiting_;
+  std::size_t next_ = 0, donePieces_ = 0, totalPieces_;
+  std::uint64_t bytes_ = 0;
+};
+
+/// Returns the number of bytes written.
+std::uint64_t EncodeOnce(const Image& image, const EncodeParams& params, int quality, Sink& sink) {
+  std::vector<std::unique_ptr<TileEncoder>> encoders(params.threads);
+  encoders[0] = std::make_unique<TileEncoder>(image, params, quality);
+  const std::size_t numTiles = encoders[0]->NumTiles();
+  OrderedWriter writer(sink, encoders[0]->Headers(), params.progress, numTiles);
+  ForEachIndex(numTiles, params.threads, [&](unsigned worker, std::size_t tile) {
+    std::unique_ptr<TileEncoder>& encoder = encoders[worker];
+    if (!encoder) encoder = std::make_unique<TileEncoder>(image, params, quality);
+    writer.Put(tile, encoder->EncodeTile(tile));
+  });
+  return writer.BytesWritten();
+}
+
+/// The best quality whose file is not larger than the limit, by halving the range of qualities;
+/// at most eight trials on real coded sizes, the first at the quality of the parameters. 100 is
+/// left out: it is finer than 99 in some bands and coarser in others.
+EncodeReport EncodeToSize(const Image& image, const EncodeParams& params, Sink& sink) {
+  EncodeReport report;
+  report.trials = 0;
+  Bytes best;
+  std::uint64_t smallest = 0;
+  for (int low = 1, high = 99; low <= high;) {
+    const int quality = report.trials == 0 ? std::min(params.quality, high) : (low + high) / 2;
+    MemorySink trial;
+    const std::uint64_t bytes = EncodeOnce(image, params, quality, trial);
+    ++report.trials;
+    if (bytes <= params.sizeLimit) {
+      best = std::move(trial.bytes);
+      report.quality = quality;
+      low = quality + 1;
+    } else {
+      smallest = bytes;
+      high = quality - 1;
+    }
+  }
+  if (report.quality == 0) {
+    throw Error(Failure::kOutput,
+                "the image cannot be made that small: even at quality 1 it takes " +
+                    std::to_string(smallest) + " bytes");
+  }
+  report.bytes = best.size();
+  sink.Write(best);
+  return report;
+}
+
+}  // namespace
+
+EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink) {
+  const EncodeParams checked = CheckedParams(image, params);
+  EncodeReport report;
+  if (checked.sizeLimit != 0) {
+    report = EncodeToSize(image, checked, sink);
+  } else {
+    report.quality = checked.lossless ? 0 : checked.quality;
+    report.bytes = EncodeOnce(image, checked, checked.quality, sink);
+  }
+  sink.Finish();
+  return report;
+}
+
+}  // namespace kel::host

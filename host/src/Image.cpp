@@ -1,0 +1,95 @@
+// Planes and what can be asked about an image.
+#include "kel/host/image.hpp"
+
+#include <algorithm>
+
+#include "kel/host/errors.hpp"
+#include "kel/host/session.hpp"
+
+namespace kel::host {
+namespace {
+
+/// Rows begin at multiples of this, which lets the decoder write into them with whole vectors.
+constexpr std::uint64_t kRowAlignment = 16;
+
+std::uint64_t RowBytes(std::uint32_t width, unsigned depth) {
+  const std::uint64_t bytes = std::uint64_t{width} * (depth <= 8 ? 1 : depth <= 16 ? 2 : 4);
+  return (bytes + kRowAlignment - 1) / kRowAlignment * kRowAlignment;
+}
+
+/// a * b, or the largest number when the product is beyond it.
+std::uint64_t Product(std::uint64_t a, std::uint64_t b) {
+  return a != 0 && b > UINT64_MAX / a ? UINT64_MAX : a * b;
+}
+
+}  // namespace
+
+Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
+    : width_(width), height_(height), depth_(depth) {
+  if (depth < 1 || depth > 32) {
+    throw Error(Failure::kParameter,
+                "samples of " + std::to_string(depth) + " bits; 1 to 32 are possible");
+  }
+  stride_ = static_cast<std::size_t>(RowBytes(width, depth));
+  const std::uint64_t size = Product(stride_, height);
+  const auto refuse = [&] {
+    throw Error(Failure::kMemory, "there is no memory for " + FormatBytes(size) + " of samples");
+  };
+  if (size > bytes_.max_size()) refuse();
+  try {
+    bytes_.resize(static_cast<std::size_t>(size));
+  } catch (const std::bad_alloc&) {
+    refuse();
+  }
+}
+
+std::uint32_t Plane::At(std::uint32_t x, std::uint32_t y) const {
+  return WithSampleType(BytesPerSample(),
+                        [&](auto sample) -> std::uint32_t { return Row<decltype(sample)>(y)[x]; });
+}
+
+void Plane::Set(std::uint32_t x, std::uint32_t y, std::uint32_t value) {
+  WithSampleType(BytesPerSample(), [&](auto sample) {
+    Row<decltype(sample)>(y)[x] = static_cast<decltype(sample)>(value);
+  });
+}
+
+Image MakeImage(std::uint32_t width, std::uint32_t height, unsigned numColours, unsigned depth,
+                bool withOpacity) {
+  const unsigned numPlanes = numColours + (withOpacity ? 1 : 0);
+  // Held only while the planes are made: from then on they are the caller's to account for.
+  const MemoryReservation room(SampleBytes(width, height, numPlanes, depth), "the samples");
+  Image image;
+  image.width = width;
+  image.height = height;
+  image.colourSpace = numColours == 1   ? ColourSpace::kGrey
+                      : numColours == 3 ? ColourSpace::kSrgb
+                                        : ColourSpace::kUnspecified;
+  for (unsigned i = 0; i < numPlanes; ++i) {
+    Plane& plane = image.planes.emplace_back(width, height, depth);
+    plane.role = i < numColours ? ChannelRole::kColour : ChannelRole::kOpacity;
+    plane.colour = i < numColours ? i + 1 : 0;
+  }
+  return image;
+}
+
+unsigned NumColours(const Image& image) {
+  return static_cast<unsigned>(
+      std::ranges::count(image.planes, ChannelRole::kColour, &Plane::role));
+}
+
+const Plane* OpacityPlane(const Image& image) {
+  for (const Plane& plane : image.planes) {
+    const bool opacity =
+        plane.role == ChannelRole::kOpacity || plane.role == ChannelRole::kPremultipliedOpacity;
+    if (opacity && plane.colour == 0) return &plane;
+  }
+  return nullptr;
+}
+
+std::uint64_t SampleBytes(std::uint32_t width, std::uint32_t height, unsigned numPlanes,
+                          unsigned depth) {
+  return Product(Product(RowBytes(width, depth), height), numPlanes);
+}
+
+}  // namespace kel::host

@@ -1,0 +1,66 @@
+// The library's calls and objects as the host kit uses them: failures become exceptions, and what
+// the library asks to be torn down is torn down by destructors.
+#ifndef KEL_HOST_LIBRARY_HPP
+#define KEL_HOST_LIBRARY_HPP
+
+#include <kel/Kel.h>
+
+#include <utility>
+
+#include "kel/host/errors.hpp"
+#include "kel/host/streams.hpp"
+
+namespace kel::host {
+
+/// Throws Error (kParameter) when no session runs.
+void RequireSession();
+
+/// Throws what a failure of the library means: kMemory for code 8, else the kind given.
+[[noreturn]] void ThrowFailure(const KelException& raised, Failure kind);
+
+/// Checks the result of an operation of an image object.
+void Check(KelLong code, const KelImage& image, Failure kind);
+
+/// A tile-component's handle; throws Error (kMemory) when the library cannot make it.
+KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::size_t component);
+
+/// Runs a call that may raise KelException.
+template <class Call>
+decltype(auto) Raising(Failure kind, Call&& call) {
+  try {
+    return std::forward<Call>(call)();
+  } catch (const KelException& raised) {
+    ThrowFailure(raised, kind);
+  }
+}
+
+/// An image object set up to decode bytes in memory, which must outlive it.
+class Decoder {
+ public:
+  /// Reads everything before the first tile-part; throws Error (kInput, kMemory).
+  explicit Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect = KelAspectFull);
+  ~Decoder();
+  Decoder(const Decoder&) = delete;
+  Decoder& operator=(const Decoder&) = delete;
+
+  KelImage& Object() { return image_; }
+  const KelImage& Object() const { return image_; }
+  /// What was found in the data.
+  const KelEncOpt& Found() const { return *options_.EncOpt; }
+
+  /// Decodes what is new in the bytes, which begin with those given before. Returns the library's
+  /// code; throws Error (kMemory).
+  KelLong DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame);
+
+ private:
+  void Release();
+
+  KelDecOpt options_;
+  KelImage image_;
+  KelCompressedData block_{};
+  KelULong* resolutions_ = nullptr;
+};
+
+}  // namespace kel::host
+
+#endif

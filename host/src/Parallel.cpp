@@ -1,0 +1,40 @@
+// Handing out indices to threads.
+#include "kel/host/parallel.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kel::host {
+
+unsigned ThreadCount(unsigned asked) {
+  return asked != 0 ? asked : std::max(1U, std::thread::hardware_concurrency());
+}
+
+void ForEachIndex(std::size_t count, unsigned threads,
+                  const std::function<void(unsigned worker, std::size_t index)>& task) {
+  std::atomic<std::size_t> next{0};
+  std::mutex mutex;
+  std::exception_ptr failure;
+  const auto work = [&](unsigned worker) {
+    try {
+      for (std::size_t index; (index = next.fetch_add(1)) < count;) task(worker, index);
+    } catch (...) {
+      const std::lock_guard lock(mutex);
+      if (!failure) failure = std::current_exception();
+      next = count;
+    }
+  };
+  {
+    const auto workers = static_cast<unsigned>(std::min<std::size_t>(std::max(threads, 1U), count));
+    std::vector<std::jthread> others;
+    for (unsigned worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    work(0);
+  }
+  if (failure) std::rethrow_exception(failure);
+}
+
+}  // namespace kel::host

@@ -1,0 +1,102 @@
+// What a file or code stream says about itself.
+#include "kel/host/probe.hpp"
+
+#include <algorithm>
+
+#include "Describe.hpp"
+#include "FrameTarget.hpp"
+
+namespace kel::host {
+namespace {
+
+void DescribeComponents(Decoder& decoder, Info& info) {
+  KelImage& object = decoder.Object();
+  const auto areas = ComponentAreas(*object.GetGeometryParams(), 0);
+  const auto roles = ComponentRoles(object);
+  for (std::size_t c = 0; c < areas.size(); ++c) {
+    const ComponentArea& area = areas[c];
+    info.components.push_back({static_cast<std::uint32_t>(area.x1 - area.x0),
+                               static_cast<std::uint32_t>(area.y1 - area.y0), area.depth,
+                               area.xStep, area.yStep, roles[c].role, roles[c].colour});
+  }
+}
+
+void DescribeColour(const KelImage& object, Info& info) {
+  const __tagColorSpecList* list = object.GetColorSpecList();
+  for (const KelColorSpec* spec = list == nullptr ? nullptr : list->first; spec != nullptr;
+       spec = spec->next) {
+    info.colours.push_back({spec->method, spec->precedence, spec->approximation,
+                            spec->method == 1 ? spec->enumeratedSpace : 0,
+                            spec->iccProfile == nullptr ? 0U : spec->iccProfile->size});
+  }
+}
+
+void DescribeChannels(const Decoder& decoder, Info& info) {
+  const KelEncOpt& found = decoder.Found();
+  if (found.ChannelDefPresent && found.ChannelDefs != nullptr) {
+    const KelChannelDefinition& list = *found.ChannelDefs;
+    for (KelULong i = 0; i < list.N; ++i) {
+      info.channels.push_back({list.Cn[i], list.Typ[i], list.Asoc[i]});
+    }
+  }
+  if (const KelChromaKey* key = decoder.Object().GetChromaKey()) {
+    for (KelULong i = 0; i < key->numChannels; ++i) {
+      info.chromaKey.push_back(static_cast<std::uint32_t>(key->values[i]));
+    }
+  }
+}
+
+void DescribeTiling(const Decoder& decoder, Info& info) {
+  const KelImageGeometry& geometry = *decoder.Object().GetGeometryParams();
+  const auto positive = [](KelLong value) { return static_cast<std::uint32_t>(value); };
+  info.width = positive(geometry.Xsiz - geometry.XOsiz);
+  info.height = positive(geometry.Ysiz - geometry.YOsiz);
+  info.originX = positive(geometry.XOsiz);
+  info.originY = positive(geometry.YOsiz);
+  info.tileWidth = positive(geometry.XTsiz);
+  info.tileHeight = positive(geometry.YTsiz);
+  info.tilesAcross = positive(geometry.NumXTiles);
+  info.tilesDown = positive(geometry.NumYTiles);
+}
+
+}  // namespace
+
+Info Probe(Source& source) {
+  Bytes storage;
+  const ByteView bytes = ReadAll(source, storage);
+  Decoder decoder(bytes);
+  const StreamScan scan = ScanStream(bytes);
+  const KelEncOpt& found = decoder.Found();
+
+  Info info;
+  info.bytes = bytes.size();
+  info.flavour = scan.markerByte;
+  info.boxed = scan.boxed;
+  info.codeStreamOffset = scan.codeStreamOffset;
+  DescribeTiling(decoder, info);
+  DescribeComponents(decoder, info);
+  info.levels = static_cast<unsigned>(found.NumLevels);
+  info.layers = static_cast<unsigned>(found.NumLayers);
+  info.order = static_cast<unsigned>(found.ProgressionOrder);
+  info.lossless = found.Irreversible == 0;
+  info.colourTransform = found.ComponentTransform;
+  DescribeColour(decoder.Object(), info);
+  DescribeChannels(decoder, info);
+
+  Image image = DescribeImage(decoder, scan);
+  info.palette = std::move(image.palette);
+  info.resolution = image.resolution;
+  info.comment = std::move(image.comment);
+  for (const std::string& text : image.xml) info.xmlBytes.push_back(text.size());
+  for (const UuidPayload& payload : image.uuids) {
+    info.uuids.push_back({payload.id, payload.data.size()});
+  }
+  for (const ScannedTilePart& part : scan.tileParts) {
+    info.tileParts.push_back(
+        {part.tile, part.part, part.offset - scan.codeStreamOffset, part.length});
+  }
+  info.tilePartsRegular = scan.tilePartsRegular;
+  return info;
+}
+
+}  // namespace kel::host

@@ -1,0 +1,31 @@
+// Cutting a code stream into parts that can be decoded apart from each other.
+//
+// A rectangle of tiles is an image of its own on the same grid: the main header with the image
+// area and the origin of the tile grid moved to the rectangle, and the tile-parts of its tiles
+// renumbered. All coordinates stay what they are, so every tile decodes to the same samples.
+// How a stream is cut depends on the stream alone, never on the number of threads.
+#ifndef KEL_HOST_TILE_RUNS_HPP
+#define KEL_HOST_TILE_RUNS_HPP
+
+#include <vector>
+
+#include "StreamScan.hpp"
+
+namespace kel::host {
+
+/// A rectangle of tiles, with their tile-parts in the order of the data.
+struct TileRun {
+  std::uint32_t column = 0, row = 0, columns = 1, rows = 1;
+  std::vector<ScannedTilePart> parts;
+};
+
+/// All tiles that have tile-parts, in runs; few tiles each, unless they are small. Nothing when
+/// the tile-parts are not regular or there is only one tile: such data are decoded as they are.
+std::vector<TileRun> PlanRuns(const StreamScan& scan);
+
+/// The run as data of its own: the boxes that bear on decoding, main header, tile-parts.
+Bytes BuildRun(ByteView bytes, const StreamScan& scan, const TileRun& run);
+
+}  // namespace kel::host
+
+#endif

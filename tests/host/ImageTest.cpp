@@ -1,0 +1,172 @@
+// Images in memory: planes, rows in the forms of files, and changes of form.
+#include <cmath>
+
+#include "BitAssembler.h"
+#include "TestImages.hpp"
+
+namespace {
+
+using namespace kel::host;
+using test::ErrorOf;
+using test::ExpectSamePlanes;
+using test::NoiseImage;
+
+TEST(Plane, EveryDepthKeepsItsExtremesInItsOwnCells) {
+  for (unsigned depth = 1; depth <= 32; ++depth) {
+    Plane plane(3, 2, depth);
+    EXPECT_EQ(plane.MaxValue(), (std::uint64_t{1} << depth) - 1);
+    EXPECT_EQ(plane.StrideBytes() % 16, 0U);
+    plane.Set(1, 1, plane.MaxValue());
+    EXPECT_EQ(plane.At(1, 1), plane.MaxValue());
+    EXPECT_EQ(plane.At(0, 1) + plane.At(2, 1) + plane.At(1, 0), 0U) << depth;
+  }
+  EXPECT_EQ(ErrorOf([] { Plane(1, 1, 0); }).Kind(), Failure::kParameter);
+  EXPECT_EQ(ErrorOf([] { Plane(1, 1, 33); }).Kind(), Failure::kParameter);
+  // The byte count of the largest plane is beyond 64 bits.
+  EXPECT_EQ(ErrorOf([] { Plane(UINT32_MAX, UINT32_MAX, 32); }).Kind(), Failure::kMemory);
+}
+
+TEST(Rows, PackedBitsAreThoseOfABitwiseWriter) {
+  for (unsigned depth = 1; depth <= 32; ++depth) {
+    Plane plane(11, 1, depth);
+    test::FillWithNoise(plane, depth);
+    test::BitAssembler expected;
+    std::vector<std::uint8_t> packed(PackedRowBytes(11, depth), 0xFF);
+    PackedRowWriter writer(packed.data());
+    for (std::uint32_t x = 0; x < 11; ++x) {
+      expected.Bits(plane.At(x, 0), static_cast<int>(depth));
+      writer.Put(plane.At(x, 0), depth);
+    }
+    writer.Finish();
+    EXPECT_EQ(packed, expected.Result()) << depth;
+    PackedRowReader reader(packed.data());
+    for (std::uint32_t x = 0; x < 11; ++x) EXPECT_EQ(reader.Get(depth), plane.At(x, 0));
+  }
+}
+
+TEST(Rows, JoinUndoesSplit) {
+  const Image image = NoiseImage(5, 3, 3, 12, true);
+  Image copy = MakeImage(5, 3, 3, 12, true);
+  std::vector<std::uint16_t> pixels(20);
+  for (std::uint32_t y = 0; y < 3; ++y) {
+    JoinRow(image, y, pixels.data());
+    EXPECT_EQ(pixels[4 * 2 + 3], image.planes[3].At(2, y));
+    SplitRow(pixels.data(), copy, y);
+  }
+  ExpectSamePlanes(image, copy);
+}
+
+TEST(Convert, PaletteBecomesChannels) {
+  Image image = NoiseImage(9, 4, 1, 4);
+  Palette palette;
+  palette.columns = {{8, ChannelRole::kColour, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}},
+                     {16, ChannelRole::kOpacity, {0, 0, 0, 0, 0, 0, 0, 0, 0, 65535}}};
+  image.palette = palette;
+  const Plane indices = image.planes[0];
+  EXPECT_EQ(ErrorOf([&] { ChangeDepth(image, 8); }).Kind(), Failure::kParameter);
+  ExpandPalette(image);
+  ASSERT_EQ(image.planes.size(), 2U);
+  EXPECT_FALSE(image.palette);
+  EXPECT_EQ(OpacityPlane(image), &image.planes[1]);
+  for (std::uint32_t x = 0; x < 9; ++x) {
+    const std::uint32_t index = std::min(indices.At(x, 2), 9U);  // beyond the palette: its last
+    EXPECT_EQ(image.planes[0].At(x, 2), palette.columns[0].entries[index]);
+    EXPECT_EQ(image.planes[1].At(x, 2), palette.columns[1].entries[index]);
+  }
+}
+
+TEST(Convert, ChromaPlanesGrowAndBecomeRgb) {
+  Image image;
+  image.width = 5;
+  image.height = 3;
+  image.colourSpace = ColourSpace::kSycc;
+  image.planes = {Plane(5, 3, 8), Plane(3, 2, 8), Plane(3, 2, 8)};
+  for (std::size_t c = 0; c < 3; ++c) {
+    image.planes[c].colour = static_cast<unsigned>(c + 1);
+    if (c != 0) image.planes[c].xStep = image.planes[c].yStep = 2;
+  }
+  image.planes[0].Set(4, 2, 100);
+  image.planes[1].Set(2, 1, 128);
+  image.planes[2].Set(2, 1, 228);
+  MakeOrdinary(image);
+  EXPECT_EQ(image.colourSpace, ColourSpace::kSrgb);
+  EXPECT_EQ(image.planes[1].Width(), 5U);
+  EXPECT_EQ(image.planes[0].At(4, 2), 240U);  // 100 + 1.402 * 100
+  EXPECT_EQ(image.planes[1].At(4, 2), 29U);   // 100 - 0.714 * 100
+  EXPECT_EQ(image.planes[2].At(4, 2), 100U);
+  EXPECT_EQ(image.planes[0].At(0, 0), 0U) << "clamped, not wrapped";
+}
+
+TEST(Convert, PlanesComeInTheOrderOfTheirColours) {
+  Image image = NoiseImage(2, 2, 3, 8, true);
+  const Image ordered = image;
+  std::swap(image.planes[0], image.planes[3]);  // opacity first, then 2, 3, 1
+  image.planes.emplace_back(2U, 2U, 8U).role = ChannelRole::kOther;
+  std::swap(image.planes[0], image.planes[4]);  // and another channel in front of everything
+  OrderPlanes(image);
+  EXPECT_EQ(image.planes.back().role, ChannelRole::kOther);
+  image.planes.pop_back();
+  ExpectSamePlanes(image, ordered);
+}
+
+TEST(Convert, DepthsThereAndBack) {
+  for (const unsigned depth : {1U, 3U, 8U, 10U, 16U}) {
+    const Image image = NoiseImage(40, 3, 1, depth);
+    for (unsigned deeper = depth; deeper <= 32; ++deeper) {
+      Image changed = image;
+      ChangeDepth(changed, deeper);
+      if (image.planes[0].At(0, 0) == image.planes[0].MaxValue()) {
+        EXPECT_EQ(changed.planes[0].At(0, 0), changed.planes[0].MaxValue());
+      }
+      ChangeDepth(changed, depth);
+      ExpectSamePlanes(image, changed);
+    }
+  }
+  Image full = MakeImage(1, 1, 1, 16);
+  full.planes[0].Set(0, 0, 65535);
+  ChangeDepth(full, 8);
+  EXPECT_EQ(full.planes[0].At(0, 0), 255U) << "white stays white";
+}
+
+TEST(Convert, RotationAgainstItsDefinition) {
+  for (const unsigned depth : {8U, 16U, 20U}) {
+    Image image = NoiseImage(5, 3, 1, depth);
+    image.resolution = {100, 200};
+    const Plane original = image.planes[0];
+    Rotate(image, 90);
+    ASSERT_EQ(image.width, 3U);
+    EXPECT_EQ(image.resolution->x, 200);
+    for (std::uint32_t y = 0; y < 3; ++y) {
+      for (std::uint32_t x = 0; x < 5; ++x) {
+        EXPECT_EQ(image.planes[0].At(2 - y, x), original.At(x, y));
+      }
+    }
+    Image other = image;
+    Rotate(other, 180);
+    EXPECT_EQ(other.planes[0].At(0, 0), image.planes[0].At(2, 4));
+    Rotate(image, 270);
+    EXPECT_EQ(image.planes[0].At(4, 1), original.At(4, 1));
+  }
+  Image image = NoiseImage(2, 2, 1, 8);
+  EXPECT_EQ(ErrorOf([&] { Rotate(image, 45); }).Kind(), Failure::kParameter);
+}
+
+TEST(Convert, DifferencesAreMeasured) {
+  const Image a = MakeImage(10, 10, 3, 8);
+  Image b = a;
+  EXPECT_TRUE(Compare(a, b).identical);
+  b.planes[1].Set(3, 3, 10);
+  b.planes[1].Set(4, 3, 5);
+  const Difference difference = Compare(a, b);
+  EXPECT_FALSE(difference.identical);
+  EXPECT_EQ(difference.planes[1].largest, 10U);
+  EXPECT_EQ(difference.planes[1].count, 2U);
+  EXPECT_TRUE(std::isinf(difference.planes[0].psnr));
+  EXPECT_NEAR(difference.planes[1].psnr, 10 * std::log10(255.0 * 255 * 100 / 125), 1e-9);
+  EXPECT_NEAR(difference.psnr, 10 * std::log10(255.0 * 255 * 300 / 125), 1e-9);
+  EXPECT_EQ(ErrorOf([&] { Compare(a, MakeImage(10, 11, 3, 8)); }).Kind(), Failure::kParameter);
+  EXPECT_EQ(ErrorOf([&] { Compare(a, MakeImage(10, 10, 3, 9)); }).Kind(), Failure::kParameter);
+  EXPECT_EQ(ErrorOf([&] { Compare(a, MakeImage(10, 10, 1, 8)); }).Kind(), Failure::kParameter);
+}
+
+}  // namespace

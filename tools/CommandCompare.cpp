@@ -1,0 +1,94 @@
+// kel compare: how far two images are apart.
+#include <kel/host/convert.hpp>
+#include <kel/host/decode.hpp>
+#include <kel/host/errors.hpp>
+#include <kel/host/session.hpp>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+
+#include "Commands.hpp"
+#include "Files.hpp"
+#include "ImageFile.hpp"
+
+namespace kel::tool {
+namespace {
+
+std::string Decibels(double psnr) {
+  if (std::isinf(psnr)) return "identical";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f dB", psnr);
+  return text;
+}
+
+void PrintDifference(const host::Image& image, const host::Difference& difference) {
+  std::printf("%-12s %12s %10s %18s\n", "component", "PSNR", "largest", "differing samples");
+  for (std::size_t i = 0; i < difference.planes.size(); ++i) {
+    const auto& plane = difference.planes[i];
+    const double samples = 1.0 * image.planes[i].Width() * image.planes[i].Height();
+    std::printf("%-12zu %12s %10u %17.2f%%\n", i, Decibels(plane.psnr).c_str(), plane.largest,
+                100.0 * static_cast<double>(plane.count) / samples);
+  }
+  std::printf("%-12s %12s\n", "all", Decibels(difference.psnr).c_str());
+  std::puts(difference.identical ? "The images are identical." : "The images differ.");
+}
+
+int RunCompare(const std::vector<std::string>& files, unsigned threads) {
+  const host::Session session(2 * HalfOfMemory());
+  const host::Image a = LoadAnyImage(files[0], threads);
+  const host::Image b = LoadAnyImage(files[1], threads);
+  try {
+    PrintDifference(a, host::Compare(a, b));
+  } catch (const host::Error& error) {
+    if (error.Kind() != host::Failure::kParameter) throw;
+    throw host::Error(host::Failure::kInput, files[0] + " and " + files[1], error.Sentence());
+  }
+  return kDone;
+}
+
+}  // namespace
+
+host::Image LoadAnyImage(const std::string& name, unsigned threads) {
+  const host::Bytes bytes = ReadInput(name);
+  try {
+    host::Image image;
+    if (RecogniseImage(bytes)) {
+      image = ReadImage(bytes);
+    } else {
+      host::DecodeParams params;
+      params.threads = threads;
+      host::MemorySource source(bytes);
+      image = host::Decode(source, params);
+    }
+    host::MakeOrdinary(image);
+    return image;
+  } catch (const host::Error& error) {
+    throw host::Error(error.Kind(), NameOf(name), Describe(error));
+  }
+}
+
+void AddCompareCommand(CLI::App& app, Run& run) {
+  struct Options {
+    std::vector<std::string> files;
+    unsigned jobs = 0;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App& command =
+      *app.add_subcommand("compare", "tell how far two images, encoded or not, are apart");
+  command.add_option("files", options->files, "the two images; - is standard input")
+      ->required()
+      ->expected(2)
+      ->type_name("FILE");
+  command.add_option("-j,--jobs", options->jobs, "threads [one per processor]")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1024));
+  command.footer(
+      "Prints the PSNR of every component (10 log10 of the squared largest sample value over the\n"
+      "mean squared difference), the largest difference and the share of samples that differ.\n"
+      "Example: kel compare photo.png photo.kel\n");
+  command.callback(
+      [options, &run] { run = [options] { return RunCompare(options->files, options->jobs); }; });
+}
+
+}  // namespace kel::tool

@@ -1,0 +1,125 @@
+// kel decode: Kel files into image files or bare planes.
+#include <kel/host/convert.hpp>
+#include <kel/host/decode.hpp>
+#include <kel/host/session.hpp>
+
+#include <CLI/CLI.hpp>
+
+#include "Commands.hpp"
+#include "Console.hpp"
+#include "Files.hpp"
+#include "ImageFile.hpp"
+#include "OutputFile.hpp"
+#include "RawPlanes.hpp"
+
+namespace kel::tool {
+namespace {
+
+struct DecodeOptions {
+  FileOptions files;
+  unsigned reduce = 0;
+  int rotate = 0;
+  unsigned bits = 0;
+  std::string rawPrefix;
+  std::uint64_t maxMemory = HalfOfMemory();
+  bool strict = false;
+  std::string format = "png";
+};
+
+/// The name whose ending tells the format of an output.
+std::string FormatName(const DecodeOptions& options, const std::string& output) {
+  const std::string name = output == kStandardStream ? "." + options.format : output;
+  if (!FormatOfName(name)) {
+    throw UsageError(output +
+                     ": the ending of an output tells its format, and is one of .png, "
+                     ".ppm, .pgm, .pbm, .pam, .tif, .jpg");
+  }
+  return name;
+}
+
+host::Image DecodeFile(const DecodeOptions& options, const Task& task, host::DecodeReport& report) {
+  host::DecodeParams params;
+  params.reduce = options.reduce;
+  params.acceptIncomplete = !options.strict;
+  params.threads = task.threads;
+  params.progress = task.progress;
+  const host::Bytes bytes = ReadInput(task.input);
+  host::MemorySource source(bytes);
+  return host::Decode(source, params, &report);
+}
+
+int DecodeTask(const DecodeOptions& options, const Task& task) {
+  const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
+  host::DecodeReport report;
+  host::Image image = DecodeFile(options, task, report);
+  if (options.bits != 0) {
+    host::ExpandPalette(image);
+    host::ChangeDepth(image, options.bits);
+  }
+  host::Rotate(image, options.rotate);
+  if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix);
+  if (!task.output.empty()) {
+    OutputFile output(task.output);
+    WriteImage(image, format, output);
+  }
+  if (report.complete) return kDone;
+  PrintMessage(NameOf(task.input) + ": incomplete: " + std::to_string(report.numCompleteTiles) +
+               " of " + std::to_string(report.numTiles) + " tiles are whole" +
+               (report.problem.empty() ? "" : "; " + report.problem));
+  return kIncompleteInput;
+}
+
+int RunDecode(const DecodeOptions& options) {
+  const host::Session session(options.maxMemory);
+  if (!options.rawPrefix.empty() && !options.files.outputDir.empty()) {
+    throw UsageError("--raw-planes is for one file");
+  }
+  const TaskSettings settings{"." + options.format, !options.rawPrefix.empty(),
+                              "; --max-memory SIZE raises the limit"};
+  return RunTasks(options.files, settings,
+                  [&](const Task& task) { return DecodeTask(options, task); });
+}
+
+}  // namespace
+
+void AddDecodeCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<DecodeOptions>();
+  CLI::App& command = *app.add_subcommand("decode", "turn Kel files into image files");
+  AddFileOptions(command, options->files);
+  command.add_option("--reduce", options->reduce, "halve width and height N times")
+      ->type_name("N")
+      ->check(CLI::Range(0, 31));
+  command.add_option("--rotate", options->rotate, "turn clockwise by 90, 180 or 270 degrees")
+      ->type_name("DEGREES")
+      ->check(CLI::IsMember({90, 180, 270}));
+  command.add_option("--bits", options->bits, "scale samples to N bits")
+      ->type_name("N")
+      ->check(CLI::Range(1, 32));
+  command
+      .add_option("--raw-planes", options->rawPrefix,
+                  "write bare samples to PREFIX.cN.raw, described in PREFIX.json")
+      ->type_name("PREFIX");
+  command
+      .add_option("--format", options->format, "format for --output-dir and for standard output")
+      ->capture_default_str()
+      ->type_name("NAME")
+      ->check(CLI::IsMember({"png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg"}));
+  command
+      .add_option("--max-memory", options->maxMemory,
+                  "refuse images that need more [half of the machine's memory]")
+      ->type_name("SIZE")
+      ->transform(CLI::AsSizeValue(false));
+  command.add_flag("--strict", options->strict, "treat incomplete data as an error");
+  command.footer(
+      "Examples:\n"
+      "  kel decode photo.kel photo.png\n"
+      "  kel decode --reduce 2 photo.kel small.jpg       a quarter of width and height\n"
+      "  kel decode --raw-planes out/photo photo.kel     bare samples for other programs\n"
+      "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
+      "A dash stands for standard input and output.\n"
+      "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
+      "is there has been written), 4 output not written, 5 memory limit\n");
+  command.callback([options, &run] { run = [options] { return RunDecode(*options); }; });
+}
+
+}  // namespace kel::tool

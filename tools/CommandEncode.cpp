@@ -1,0 +1,178 @@
+// kel encode: image files into Kel files. And the coding options that preview shares.
+#include <kel/host/convert.hpp>
+#include <kel/host/encode.hpp>
+#include <kel/host/session.hpp>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+
+#include "Commands.hpp"
+#include "Console.hpp"
+#include "Files.hpp"
+#include "ImageFile.hpp"
+#include "OutputFile.hpp"
+
+namespace kel::tool {
+namespace {
+
+constexpr std::size_t kMostPaletteEntries = 1024;
+
+struct EncodeOptions {
+  FileOptions files;
+  CodingOptions coding;
+  std::uint64_t size = 0;
+  std::string order = "rlcp";
+  unsigned layers = 1;
+  std::string comment;
+  double resolution = 0;
+};
+
+std::string CheckTile(const std::string& text) {
+  unsigned width = 0, height = 0;
+  const char* end = text.data() + text.size();
+  const auto first = std::from_chars(text.data(), end, width);
+  if (first.ec == std::errc() && first.ptr != end && (*first.ptr == 'x' || *first.ptr == 'X')) {
+    const auto second = std::from_chars(first.ptr + 1, end, height);
+    if (second.ec == std::errc() && second.ptr == end && width != 0 && height != 0) return {};
+  }
+  return "tiles are given as WIDTHxHEIGHT, such as 512x512";
+}
+
+/// Lossy coding of indices would mix up colours; some palettes the format does not hold.
+void SettlePalette(host::Image& image, bool lossless) {
+  if (!image.palette) return;
+  const bool held = lossless && image.palette->columns[0].entries.size() <= kMostPaletteEntries &&
+                    std::ranges::all_of(image.palette->columns, [](const auto& column) {
+                      return column.role == host::ChannelRole::kColour;
+                    });
+  if (!held) host::ExpandPalette(image);
+}
+
+std::string Summary(const host::Image& image, const host::EncodeReport& report) {
+  char text[120];
+  std::snprintf(text, sizeof text, "%llu bytes, %.2f bits per pixel, ",
+                static_cast<unsigned long long>(report.bytes),
+                8.0 * static_cast<double>(report.bytes) / image.width / image.height);
+  return text + (report.quality == 0 ? "lossless" : "quality " + std::to_string(report.quality));
+}
+
+int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task& task) {
+  if (FormatOfName(task.output)) {
+    throw UsageError(task.output + ": a Kel file under the name of an image; let it end in .kel");
+  }
+  host::Image image = ReadImage(ReadInput(task.input));
+  SettlePalette(image, options.coding.lossless);
+  if (!options.comment.empty()) image.comment = options.comment;
+  if (options.resolution > 0) image.resolution = {options.resolution, options.resolution};
+
+  host::EncodeParams params = ParamsOf(options.coding);
+  params.sizeLimit = options.size;
+  params.order =
+      options.order == "cprl" ? host::PacketOrder::kComponents : host::PacketOrder::kResolutions;
+  params.layers = options.layers;
+  params.regionMask = mask == nullptr ? nullptr : &mask->planes[0];
+  params.threads = task.threads;
+  params.progress = task.progress;
+  OutputFile output(task.output);
+  const host::EncodeReport report = host::Encode(image, params, output);
+  if (task.progress) PrintMessage(task.output + ": " + Summary(image, report));
+  return kDone;
+}
+
+int RunEncode(const EncodeOptions& options) {
+  const host::Session session(2 * HalfOfMemory());
+  std::unique_ptr<host::Image> mask;
+  if (!options.coding.mask.empty()) {
+    mask = std::make_unique<host::Image>(ReadMask(options.coding.mask));
+  }
+  return RunTasks(options.files, {".kel", false, {}},
+                  [&](const Task& task) { return EncodeTask(options, mask.get(), task); });
+}
+
+}  // namespace
+
+void AddCodingOptions(CLI::App& command, CodingOptions& options) {
+  auto* lossless = command.add_flag("--lossless", options.lossless, "keep every sample exactly");
+  command.add_option("-q,--quality", options.quality, "1 to 100; 60 gives about 40 dB on a photo")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(1, 100))
+      ->excludes(lossless);
+  command.add_option("--tile", options.tile, "size of tiles [one up to 2048x2048, else 1024x1024]")
+      ->type_name("WxH")
+      ->check(CheckTile);
+  command.add_option("--levels", options.levels, "wavelet decompositions")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(0, 32));
+  command.add_flag("--no-colour-transform", options.noColourTransform,
+                   "code red, green and blue apart from each other");
+  command
+      .add_option("--roi", options.mask,
+                  "image file whose nonzero samples keep full precision in lossy coding")
+      ->type_name("MASK")
+      ->excludes(lossless);
+}
+
+host::EncodeParams ParamsOf(const CodingOptions& options) {
+  host::EncodeParams params;
+  params.lossless = options.lossless;
+  params.quality = options.quality;
+  params.levels = options.levels;
+  params.colourTransform = !options.noColourTransform;
+  if (!options.tile.empty()) {
+    const std::size_t cross = options.tile.find_first_of("xX");
+    params.tileWidth = static_cast<std::uint32_t>(std::stoul(options.tile));
+    params.tileHeight = static_cast<std::uint32_t>(std::stoul(options.tile.substr(cross + 1)));
+  }
+  return params;
+}
+
+host::Image ReadMask(const std::string& name) {
+  host::Image mask;
+  try {
+    mask = ReadImage(ReadInput(name));
+  } catch (const host::Error& error) {
+    if (!error.File().empty()) throw;
+    throw host::Error(error.Kind(), name, error.Sentence());
+  }
+  host::ExpandPalette(mask);
+  return mask;
+}
+
+void AddEncodeCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<EncodeOptions>();
+  CLI::App& command = *app.add_subcommand("encode", "turn image files into Kel files");
+  AddFileOptions(command, options->files);
+  AddCodingOptions(command, options->coding);
+  command.add_option("--size", options->size, "best quality whose file has at most BYTES")
+      ->type_name("BYTES")
+      ->transform(CLI::AsSizeValue(false))
+      ->excludes("--lossless")
+      ->excludes("--quality");
+  command.add_option("--order", options->order, "rlcp: coarse to fine; cprl: by component")
+      ->capture_default_str()
+      ->type_name("ORDER")
+      ->check(CLI::IsMember({"rlcp", "cprl"}, CLI::ignore_case))
+      ->transform(CLI::IsMember({"rlcp", "cprl"}, CLI::ignore_case));
+  command.add_option("--layers", options->layers, "layers, each of which repeats the data")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(1, 65535));
+  command.add_option("--comment", options->comment, "text to put into the file")->type_name("TEXT");
+  command.add_option("--resolution", options->resolution, "samples per inch [the image's own]")
+      ->type_name("DPI")
+      ->check(CLI::Range(0.03, 1664.0));
+  command.footer(
+      "Examples:\n"
+      "  kel encode photo.png photo.kel                  a good lossy file\n"
+      "  kel encode --lossless scan.tif scan.kel         every sample exactly\n"
+      "  kel encode --size 500K photo.jpg photo.kel      the best in 500 KiB\n"
+      "  kel encode -q 80 --output-dir out *.png         many files side by side\n"
+      "A dash stands for standard input and output.\n"
+      "Exit codes: 0 done, 1 usage, 2 unreadable input, 4 output not written, 5 memory limit\n");
+  command.callback([options, &run] { run = [options] { return RunEncode(*options); }; });
+}
+
+}  // namespace kel::tool

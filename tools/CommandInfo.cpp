@@ -1,0 +1,333 @@
+// kel info: what a Kel file is, for people and for programs.
+#include <kel/host/errors.hpp>
+#include <kel/host/probe.hpp>
+#include <kel/host/session.hpp>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "Commands.hpp"
+#include "Files.hpp"
+
+namespace kel::tool {
+namespace {
+
+using host::ChannelRole;
+using host::Info;
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kOrders[] = {"LRCP", "RLCP", "RPCL", "PCRL", "CPRL"};
+constexpr std::size_t kShownTileParts = 8;
+
+std::string RoleName(ChannelRole role) {
+  switch (role) {
+    case ChannelRole::kColour:
+      return "colour";
+    case ChannelRole::kOpacity:
+      return "opacity";
+    case ChannelRole::kPremultipliedOpacity:
+      return "premultiplied opacity";
+    default:
+      return "other";
+  }
+}
+
+std::string SpaceName(std::uint32_t space) {
+  switch (static_cast<host::ColourSpace>(space)) {
+    case host::ColourSpace::kCmyk:
+      return "CMYK";
+    case host::ColourSpace::kCieLab:
+      return "CIELab";
+    case host::ColourSpace::kSrgb:
+      return "sRGB";
+    case host::ColourSpace::kGrey:
+      return "grey";
+    case host::ColourSpace::kSycc:
+      return "sYCC";
+    case host::ColourSpace::kCieJab:
+      return "CIEJab";
+    default:
+      return "space " + std::to_string(space);
+  }
+}
+
+std::string Order(const Info& info) {
+  return info.order < std::size(kOrders) ? kOrders[info.order] : std::to_string(info.order);
+}
+
+std::string HexId(const std::array<std::uint8_t, 16>& id) {
+  std::string text;
+  char digits[3];
+  for (const std::uint8_t byte : id) {
+    std::snprintf(digits, sizeof digits, "%02x", byte);
+    text += digits;
+  }
+  return text;
+}
+
+/// Valid UTF-8 of Latin-1 text.
+std::string Utf8(const std::string& latin1) {
+  std::string text;
+  for (const char c : latin1) {
+    const auto code = static_cast<unsigned char>(c);
+    if (code < 0x80) {
+      text += c;
+    } else {
+      text += static_cast<char>(0xC0 | code >> 6);
+      text += static_cast<char>(0x80 | (code & 0x3F));
+    }
+  }
+  return text;
+}
+
+std::string ColourText(const Info::ColourSpecification& colour) {
+  switch (colour.method) {
+    case 1:
+      return SpaceName(colour.space);
+    case 2:
+      return "restricted ICC profile of " + std::to_string(colour.iccBytes) + " bytes";
+    case 3:
+      return "ICC profile of " + std::to_string(colour.iccBytes) + " bytes";
+    default:
+      return "method " + std::to_string(colour.method);
+  }
+}
+
+// ---- For people ----
+
+/// Lines of a name and a value in columns.
+class Table {
+ public:
+  template <class... Parts>
+  void Line(const std::string& name, const Parts&... parts) {
+    std::ostringstream value;
+    (value << ... << parts);
+    char padded[24];
+    std::snprintf(padded, sizeof padded, "%-18s", name.c_str());
+    std::cout << padded << value.str() << '\n';
+  }
+};
+
+void PrintComponents(Table& table, const Info& info) {
+  for (std::size_t c = 0; c < info.components.size(); ++c) {
+    const Info::Component& component = info.components[c];
+    const bool same = c != 0 && component.depth == info.components[c - 1].depth &&
+                      component.width == info.components[c - 1].width;
+    if (c > 3 && same && component.role == info.components[c - 1].role) continue;
+    std::string use = RoleName(component.role);
+    if (component.role == ChannelRole::kColour) use += " " + std::to_string(component.colour);
+    table.Line("component " + std::to_string(c), component.width, " x ", component.height, ", ",
+               component.depth, " bits, ", use,
+               component.xStep * component.yStep == 1
+                   ? std::string()
+                   : ", every " + std::to_string(component.xStep) + " x " +
+                         std::to_string(component.yStep));
+  }
+}
+
+void PrintExtras(Table& table, const Info& info) {
+  for (const auto& colour : info.colours) table.Line("colour", ColourText(colour));
+  for (const auto& channel : info.channels) {
+    table.Line("channel", channel.channel, ": type ", channel.type, ", of ", channel.association);
+  }
+  if (info.palette) {
+    table.Line("palette", info.palette->columns[0].entries.size(), " entries of ",
+               info.palette->columns.size(), " channels");
+  }
+  if (!info.chromaKey.empty()) table.Line("chroma key", info.chromaKey.size(), " channels");
+  if (info.resolution) {
+    table.Line("resolution", info.resolution->x, " x ", info.resolution->y, " per inch");
+  }
+  if (!info.comment.empty()) table.Line("comment", Utf8(info.comment));
+  for (const std::uint64_t bytes : info.xmlBytes) table.Line("XML", bytes, " bytes");
+  for (const auto& uuid : info.uuids)
+    table.Line("UUID", HexId(uuid.id), ", ", uuid.bytes, " bytes");
+}
+
+void PrintTileParts(Table& table, const Info& info) {
+  const std::size_t count = info.tileParts.size();
+  table.Line("tile-parts", count,
+             info.tilePartsRegular ? "" : ", then the data end early or are damaged");
+  for (std::size_t i = 0; i < std::min(count, kShownTileParts); ++i) {
+    const Info::TilePart& part = info.tileParts[i];
+    table.Line("", "tile ", part.tile, " part ", part.part, ": ", part.length, " bytes at ",
+               part.offset);
+  }
+  if (count > kShownTileParts) {
+    table.Line("", "and ", count - kShownTileParts, " more; --json lists all");
+  }
+}
+
+void PrintInfo(const std::string& name, const Info& info) {
+  Table table;
+  const double pixels = 1.0 * info.width * info.height;
+  char rate[32];
+  std::snprintf(rate, sizeof rate, "%.3f", 8.0 * static_cast<double>(info.bytes) / pixels);
+  std::cout << name << '\n';
+  table.Line("size", info.bytes, " bytes, ", rate, " bits per pixel");
+  table.Line("form", info.boxed ? "file of boxes" : "bare code stream", ", markers 0x",
+             info.flavour == 0xAB ? "AB" : "FF");
+  table.Line("image", info.width, " x ", info.height,
+             info.originX + info.originY == 0
+                 ? std::string()
+                 : " at " + std::to_string(info.originX) + ", " + std::to_string(info.originY));
+  table.Line("tiles", info.tilesAcross, " x ", info.tilesDown, " of ", info.tileWidth, " x ",
+             info.tileHeight);
+  PrintComponents(table, info);
+  table.Line("coding", info.lossless ? "reversible 5/3 filter" : "irreversible 9/7 filter", ", ",
+             info.levels, " levels, ", info.layers, info.layers == 1 ? " layer, " : " layers, ",
+             Order(info), info.colourTransform ? ", colour transform" : "");
+  PrintExtras(table, info);
+  PrintTileParts(table, info);
+}
+
+// ---- For programs ----
+
+Json ComponentsJson(const Info& info) {
+  Json list = Json::array();
+  for (const Info::Component& component : info.components) {
+    list.push_back({{"width", component.width},
+                    {"height", component.height},
+                    {"depth", component.depth},
+                    {"signed", false},
+                    {"subsampling", {component.xStep, component.yStep}},
+                    {"role", RoleName(component.role)},
+                    {"colour", component.colour}});
+  }
+  return list;
+}
+
+Json ColoursJson(const Info& info) {
+  Json list = Json::array();
+  for (const auto& colour : info.colours) {
+    Json entry = {{"method", colour.method},
+                  {"precedence", colour.precedence},
+                  {"approximation", colour.approximation}};
+    if (colour.method == 1) {
+      entry["space"] = colour.space;
+      entry["name"] = SpaceName(colour.space);
+    } else if (colour.iccBytes != 0) {
+      entry["icc_bytes"] = colour.iccBytes;
+    }
+    list.push_back(entry);
+  }
+  return list;
+}
+
+Json PaletteJson(const host::Palette& palette) {
+  Json depths = Json::array(), columns = Json::array();
+  for (const auto& column : palette.columns) {
+    depths.push_back(column.depth);
+    columns.push_back(column.entries);
+  }
+  return {{"depths", depths}, {"columns", columns}};
+}
+
+Json TilePartsJson(const Info& info) {
+  Json list = Json::array();
+  for (const Info::TilePart& part : info.tileParts) {
+    list.push_back({{"tile", part.tile},
+                    {"part", part.part},
+                    {"offset", part.offset},
+                    {"length", part.length}});
+  }
+  return list;
+}
+
+void AddExtras(Json& json, const Info& info) {
+  json["colours"] = ColoursJson(info);
+  Json channels = Json::array();
+  for (const auto& channel : info.channels) {
+    channels.push_back({channel.channel, channel.type, channel.association});
+  }
+  json["channel_definitions"] = channels;
+  if (info.palette) json["palette"] = PaletteJson(*info.palette);
+  if (!info.chromaKey.empty()) json["chroma_key"] = info.chromaKey;
+  if (info.resolution) {
+    json["resolution_per_inch"] = {{"horizontal", info.resolution->x},
+                                   {"vertical", info.resolution->y}};
+  }
+  if (!info.comment.empty()) json["comment"] = Utf8(info.comment);
+  json["xml"] = Json::array();
+  for (const std::uint64_t bytes : info.xmlBytes) json["xml"].push_back({{"bytes", bytes}});
+  json["uuid"] = Json::array();
+  for (const auto& uuid : info.uuids) {
+    json["uuid"].push_back({{"id", HexId(uuid.id)}, {"bytes", uuid.bytes}});
+  }
+}
+
+Json InfoJson(const std::string& name, const Info& info) {
+  Json json = {{"file", name},
+               {"bytes", info.bytes},
+               {"container", info.boxed ? "boxes" : "codestream"},
+               {"flavour", info.flavour == 0xAB ? "0xAB" : "0xFF"},
+               {"width", info.width},
+               {"height", info.height},
+               {"origin", {info.originX, info.originY}},
+               {"components", ComponentsJson(info)},
+               {"tiles",
+                {{"width", info.tileWidth},
+                 {"height", info.tileHeight},
+                 {"across", info.tilesAcross},
+                 {"down", info.tilesDown}}},
+               {"levels", info.levels},
+               {"filter", info.lossless ? "5/3" : "9/7"},
+               {"layers", info.layers},
+               {"order", Order(info)},
+               {"colour_transform", info.colourTransform}};
+  AddExtras(json, info);
+  json["codestream_offset"] = info.codeStreamOffset;
+  json["tile_parts"] = TilePartsJson(info);
+  json["tile_parts_regular"] = info.tilePartsRegular;
+  return json;
+}
+
+int RunInfo(const std::vector<std::string>& files, bool asJson) {
+  const host::Session session(2 * HalfOfMemory());
+  Json all = Json::array();
+  for (const std::string& file : files) {
+    const host::Bytes bytes = ReadInput(file);
+    host::MemorySource source(bytes);
+    Info info;
+    try {
+      info = host::Probe(source);
+    } catch (const host::Error& error) {
+      throw host::Error(error.Kind(), NameOf(file), Describe(error));
+    }
+    if (asJson) {
+      all.push_back(InfoJson(NameOf(file), info));
+    } else {
+      PrintInfo(NameOf(file), info);
+    }
+  }
+  const auto replace = Json::error_handler_t::replace;
+  if (asJson) std::cout << (files.size() == 1 ? all[0] : all).dump(2, ' ', false, replace) << '\n';
+  return kDone;
+}
+
+}  // namespace
+
+void AddInfoCommand(CLI::App& app, Run& run) {
+  struct Options {
+    std::vector<std::string> files;
+    bool json = false;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App& command = *app.add_subcommand("info", "tell what Kel files are");
+  command.add_option("files", options->files, "files; - is standard input")
+      ->required()
+      ->type_name("FILE");
+  command.add_flag("--json", options->json, "for programs: an object, or an array for many files");
+  command.footer(
+      "Examples:\n"
+      "  kel info photo.kel\n"
+      "  kel info --json photo.kel | jq .tile_parts\n"
+      "Positions of tile-parts count from the first byte of the code stream.\n");
+  command.callback(
+      [options, &run] { run = [options] { return RunInfo(options->files, options->json); }; });
+}
+
+}  // namespace kel::tool

@@ -1,0 +1,91 @@
+// kel preview: what an image will look like when encoded with some options, or a quick small
+// picture of an encoded one.
+#include <kel/host/convert.hpp>
+#include <kel/host/decode.hpp>
+#include <kel/host/encode.hpp>
+#include <kel/host/probe.hpp>
+#include <kel/host/session.hpp>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "Commands.hpp"
+#include "Console.hpp"
+#include "Files.hpp"
+#include "ImageFile.hpp"
+#include "OutputFile.hpp"
+
+namespace kel::tool {
+namespace {
+
+/// An encoded image is shown with at most so many columns and rows.
+constexpr std::uint32_t kLongestSide = 1024;
+
+struct PreviewOptions {
+  FileOptions files;
+  CodingOptions coding;
+};
+
+host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task) {
+  host::MemorySource forProbe(bytes), source(bytes);
+  const host::Info info = host::Probe(forProbe);
+  host::DecodeParams params;
+  params.acceptIncomplete = true;
+  params.threads = task.threads;
+  params.progress = task.progress;
+  if (!info.palette) {
+    while (std::max(info.width, info.height) >> params.reduce > kLongestSide) ++params.reduce;
+  }
+  return host::Decode(source, params);
+}
+
+host::Image PreviewOfImage(const host::Bytes& bytes, const CodingOptions& coding,
+                           const Task& task) {
+  host::Image image = ReadImage(bytes);
+  if (!coding.lossless) host::ExpandPalette(image);
+  host::EncodeParams params = ParamsOf(coding);
+  params.threads = task.threads;
+  params.progress = task.progress;
+  host::Image mask;
+  if (!coding.mask.empty()) {
+    mask = ReadMask(coding.mask);
+    params.regionMask = &mask.planes[0];
+  }
+  return host::Preview(image, params);
+}
+
+int PreviewTask(const PreviewOptions& options, const Task& task) {
+  const std::string name = task.output == kStandardStream ? ".png" : task.output;
+  if (!FormatOfName(name)) {
+    throw UsageError(name + ": the ending of an output tells its format, such as .png");
+  }
+  const host::Bytes bytes = ReadInput(task.input);
+  const host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
+                                                    : PreviewOfEncoded(bytes, task);
+  OutputFile output(task.output);
+  WriteImage(preview, name, output);
+  return kDone;
+}
+
+}  // namespace
+
+void AddPreviewCommand(CLI::App& app, Run& run) {
+  auto options = std::make_shared<PreviewOptions>();
+  CLI::App& command = *app.add_subcommand(
+      "preview", "show what encoding will make of an image, or a small picture of a Kel file");
+  AddFileOptions(command, options->files);
+  AddCodingOptions(command, options->coding);
+  command.footer(
+      "Examples:\n"
+      "  kel preview -q 30 photo.png look.png    what quality 30 would look like\n"
+      "  kel preview photo.kel small.png         at most 1024 columns and rows\n");
+  command.callback([options, &run] {
+    run = [options] {
+      const host::Session session(2 * HalfOfMemory());
+      return RunTasks(options->files, {".png", false, {}},
+                      [&](const Task& task) { return PreviewTask(*options, task); });
+    };
+  });
+}
+
+}  // namespace kel::tool

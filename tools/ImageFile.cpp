@@ -1,0 +1,151 @@
+// Recognising image files, and what all of their formats have in common.
+#include "ImageFile.hpp"
+
+#include <kel/host/convert.hpp>
+#include <kel/host/errors.hpp>
+#include <kel/host/pnm.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+#include <utility>
+
+namespace kel::tool {
+namespace {
+
+using host::Error;
+using host::Failure;
+using host::Image;
+using host::PnmKind;
+
+constexpr std::array<std::pair<std::string_view, ImageFormat>, 10> kEndings = {{
+    {".png", ImageFormat::kPng},
+    {".ppm", ImageFormat::kPnm},
+    {".pgm", ImageFormat::kPnm},
+    {".pbm", ImageFormat::kPnm},
+    {".pnm", ImageFormat::kPnm},
+    {".pam", ImageFormat::kPnm},
+    {".tif", ImageFormat::kTiff},
+    {".tiff", ImageFormat::kTiff},
+    {".jpg", ImageFormat::kJpeg},
+    {".jpeg", ImageFormat::kJpeg},
+}};
+
+std::string EndingOf(const std::string& name) {
+  const std::size_t dot = name.rfind('.');
+  if (dot == std::string::npos) return {};
+  std::string ending = name.substr(dot);
+  std::ranges::transform(ending, ending.begin(), [](unsigned char c) { return std::tolower(c); });
+  return ending;
+}
+
+bool BeginsWith(host::ByteView bytes, std::string_view text) {
+  return bytes.size() >= text.size() &&
+         std::equal(text.begin(), text.end(), bytes.begin(),
+                    [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; });
+}
+
+bool HasSmallPalette(const Image& image) {
+  return image.palette && image.planes[0].Depth() <= 8 && image.palette->columns.size() == 3 &&
+         std::ranges::all_of(image.palette->columns, [](const auto& column) {
+           return column.role == host::ChannelRole::kColour;
+         });
+}
+
+}  // namespace
+
+std::optional<ImageFormat> RecogniseImage(host::ByteView bytes) {
+  using namespace std::string_view_literals;
+  if (BeginsWith(bytes, "\x89PNG\r\n\x1A\n"sv)) return ImageFormat::kPng;
+  if (BeginsWith(bytes, "\xFF\xD8\xFF"sv)) return ImageFormat::kJpeg;
+  if (BeginsWith(bytes, "II*\0"sv) || BeginsWith(bytes, "MM\0*"sv)) return ImageFormat::kTiff;
+  if (BeginsWith(bytes, "II+\0"sv) || BeginsWith(bytes, "MM\0+"sv)) return ImageFormat::kTiff;
+  const bool magic = bytes.size() > 2 && bytes[0] == 'P' && bytes[1] >= '1' && bytes[1] <= '7';
+  if (magic && (std::isspace(bytes[2]) != 0 || bytes[2] == '#')) return ImageFormat::kPnm;
+  return std::nullopt;
+}
+
+std::optional<ImageFormat> FormatOfName(const std::string& name) {
+  const std::string ending = EndingOf(name);
+  const auto found =
+      std::ranges::find(kEndings, ending, [](const auto& entry) { return entry.first; });
+  return found == kEndings.end() ? std::nullopt : std::optional(found->second);
+}
+
+Image ReadImage(host::ByteView bytes) {
+  const std::optional<ImageFormat> format = RecogniseImage(bytes);
+  if (bytes.empty()) throw Error(Failure::kInput, "the file is empty");
+  if (!format) throw Error(Failure::kInput, "not a PNG, PNM, TIFF or JPEG image");
+  switch (*format) {
+    case ImageFormat::kPng:
+      return ReadPng(bytes);
+    case ImageFormat::kTiff:
+      return ReadTiff(bytes);
+    case ImageFormat::kJpeg:
+      return ReadJpeg(bytes);
+    default:
+      break;
+  }
+  host::MemorySource source(bytes);
+  return host::ReadPnm(source);
+}
+
+void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {
+  const ImageFormat format = FormatOfName(name).value();
+  Image ordinary = image;
+  const bool keepsPalette = format == ImageFormat::kPng || format == ImageFormat::kTiff;
+  if (!keepsPalette || !HasSmallPalette(image)) host::MakeOrdinary(ordinary);
+  const std::string ending = EndingOf(name);
+  const PnmKind kind = ending == ".pbm"   ? PnmKind::kPbm
+                       : ending == ".pam" ? PnmKind::kPam
+                                          : PnmKind::kPlainest;
+  switch (format) {
+    case ImageFormat::kPng:
+      WritePng(ordinary, sink);
+      break;
+    case ImageFormat::kTiff:
+      WriteTiff(ordinary, sink);
+      break;
+    case ImageFormat::kJpeg:
+      WriteJpeg(ordinary, sink);
+      break;
+    case ImageFormat::kPnm:
+      host::WritePnm(ordinary, sink, kind);
+      break;
+  }
+  sink.Finish();
+}
+
+void CheckFits(const Image& image, const FormatLimits& limits) {
+  const auto refuse = [&](const std::string& what) {
+    throw Error(Failure::kOutput, std::string(limits.format) + " files " + what);
+  };
+  const unsigned colours = host::NumColours(image);
+  if (colours != 1 && colours != 3) {
+    refuse("hold grey or RGB images, not " + std::to_string(colours) + " colours");
+  }
+  const host::Plane* opacity = host::OpacityPlane(image);
+  if (opacity != nullptr && !limits.opacity) refuse("cannot hold opacity (an alpha channel)");
+  if (opacity != nullptr && !limits.premultiplied &&
+      opacity->role == host::ChannelRole::kPremultipliedOpacity) {
+    refuse("hold plain opacity, not premultiplied; TIFF files hold both");
+  }
+  const bool others = image.planes.size() != colours + (opacity != nullptr ? 1U : 0U);
+  if (others && !limits.otherChannels) {
+    refuse("cannot hold channels beside colours and opacity; --raw-planes writes any");
+  }
+  const unsigned depth = image.planes[0].Depth();
+  if (depth > limits.mostDepth) {
+    const std::string most = std::to_string(limits.mostDepth);
+    refuse("hold " + most + " bits per sample, not " + std::to_string(depth) + "; add --bits " +
+           most);
+  }
+  for (const host::Plane& plane : image.planes) {
+    if (plane.Width() != image.width || plane.Height() != image.height || plane.Depth() != depth) {
+      refuse("hold channels of one size and depth; --bits makes the depth the same");
+    }
+  }
+}
+
+}  // namespace kel::tool

@@ -1,0 +1,174 @@
+// Temporary files beside their targets, and a list of them for the signal handler.
+#include "OutputFile.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <kel/host/errors.hpp>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+namespace kel::tool {
+namespace {
+
+using host::Error;
+using host::Failure;
+
+/// Names of unfinished files. A handler of signals may only look at memory that is there already.
+struct Slot {
+  enum State : int { kFree, kBusy, kNamed };
+  std::atomic<int> state{kFree};
+  char name[PATH_MAX] = {};
+};
+constexpr int kSlots = 1024;
+std::array<Slot, kSlots> slots;
+
+/// Notes a name; -1 when there is no room for it.
+int NoteName(const std::string& name) {
+  if (name.size() >= PATH_MAX) return -1;
+  for (int i = 0; i < kSlots; ++i) {
+    Slot& slot = slots[static_cast<std::size_t>(i)];
+    int expected = Slot::kFree;
+    if (!slot.state.compare_exchange_strong(expected, Slot::kBusy)) continue;
+    std::memcpy(slot.name, name.c_str(), name.size() + 1);
+    slot.state = Slot::kNamed;
+    return i;
+  }
+  return -1;
+}
+
+void ForgetName(int slot) {
+  if (slot >= 0) slots[static_cast<std::size_t>(slot)].state = Slot::kFree;
+}
+
+/// Removes unfinished output, then lets the signal end the program.
+void OnSignal(int signal) {
+  for (Slot& slot : slots) {
+    if (slot.state == Slot::kNamed) unlink(slot.name);
+  }
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigaction(signal, &action, nullptr);
+  raise(signal);
+}
+
+/// The file that a path leads to, links followed, also when it does not exist yet.
+std::string Resolve(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, error);
+  return error ? path : resolved.string();
+}
+
+std::atomic<unsigned> temporaryCount{0};
+
+std::string TemporaryName(const std::string& target) {
+  const std::filesystem::path path(target);
+  const std::string name = "." + path.filename().string() + "." + std::to_string(getpid()) + "-" +
+                           std::to_string(temporaryCount.fetch_add(1)) + ".part";
+  return (path.parent_path() / name).string();
+}
+
+}  // namespace
+
+OutputFile::OutputFile(const std::string& path) : path_(path) {
+  if (path == kStandardStream) return;
+  target_ = Resolve(path);
+  struct stat existing {};
+  const bool exists = stat(target_.c_str(), &existing) == 0;
+  if (exists && S_ISDIR(existing.st_mode)) Fail("is a directory");
+  if (exists && !S_ISREG(existing.st_mode)) {
+    file_ = std::fopen(target_.c_str(), "wb");
+    if (file_ == nullptr) Fail(std::string("cannot be opened: ") + std::strerror(errno));
+    return;
+  }
+  if (exists && access(target_.c_str(), W_OK) != 0) {
+    Fail(std::string("cannot be replaced: ") + std::strerror(errno));
+  }
+  OpenBeside();
+  if (exists) chmod(temporary_.c_str(), existing.st_mode & 07777);
+}
+
+OutputFile::~OutputFile() {
+  Discard();
+}
+
+void OutputFile::OpenBeside() {
+  temporary_ = TemporaryName(target_);
+  slot_ = NoteName(temporary_);
+  const int descriptor = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  file_ = descriptor < 0 ? nullptr : fdopen(descriptor, "wb");
+  if (file_ != nullptr) return;
+  const std::string reason = std::strerror(errno);
+  if (descriptor >= 0) {
+    close(descriptor);
+    unlink(temporary_.c_str());
+  }
+  ForgetName(slot_);
+  slot_ = -1;
+  temporary_.clear();
+  Fail("cannot be created: " + reason);
+}
+
+void OutputFile::Discard() {
+  if (file_ != nullptr) std::fclose(file_);
+  file_ = nullptr;
+  if (!temporary_.empty()) unlink(temporary_.c_str());
+  temporary_.clear();
+  ForgetName(slot_);
+  slot_ = -1;
+}
+
+void OutputFile::Fail(const std::string& what) const {
+  throw Error(Failure::kOutput, path_ == kStandardStream ? "standard output" : path_, what);
+}
+
+void OutputFile::Write(host::ByteView bytes) {
+  if (file_ == nullptr) {
+    held_.insert(held_.end(), bytes.begin(), bytes.end());
+  } else if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) {
+    Fail(std::string("cannot be written: ") + std::strerror(errno));
+  }
+}
+
+void OutputFile::Finish() {
+  if (path_ == kStandardStream) {
+    const bool written = std::fwrite(held_.data(), 1, held_.size(), stdout) == held_.size();
+    if (!written || std::fflush(stdout) != 0) {
+      Fail(std::string("cannot be written: ") + std::strerror(errno));
+    }
+    held_.clear();
+    return;
+  }
+  if (file_ == nullptr) return;
+  const bool closed = std::fclose(std::exchange(file_, nullptr)) == 0;
+  if (!closed) Fail(std::string("cannot be written: ") + std::strerror(errno));
+  if (temporary_.empty()) return;
+  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
+    Fail(std::string("cannot be put in place: ") + std::strerror(errno));
+  }
+  temporary_.clear();
+  ForgetName(slot_);
+  slot_ = -1;
+}
+
+void RemoveOutputWhenInterrupted() {
+  struct sigaction action {};
+  action.sa_handler = OnSignal;
+  sigemptyset(&action.sa_mask);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current {};
+    sigaction(signal, nullptr, &current);
+    if (current.sa_handler != SIG_IGN) sigaction(signal, &action, nullptr);
+  }
+  action.sa_handler = SIG_IGN;  // a closed pipe is told by the result of writing
+  sigaction(SIGPIPE, &action, nullptr);
+}
+
+}  // namespace kel::tool

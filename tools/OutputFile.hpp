@@ -1,0 +1,48 @@
+// Output that is whole or not there: written beside its name and renamed when complete, removed
+// when the program fails or is interrupted. An existing file stays as it is until then.
+#ifndef KEL_TOOLS_OUTPUT_FILE_HPP
+#define KEL_TOOLS_OUTPUT_FILE_HPP
+
+#include <kel/host/streams.hpp>
+
+#include <cstdio>
+#include <string>
+
+namespace kel::tool {
+
+/// The name that stands for standard input and output.
+inline const std::string kStandardStream = "-";
+
+class OutputFile : public host::Sink {
+ public:
+  /// "-" is standard output, which is written to in Finish only. A device or pipe is written to
+  /// directly. Throws Error (kOutput), as do all operations.
+  explicit OutputFile(const std::string& path);
+  /// Removes what was written unless Finish has been called.
+  ~OutputFile() override;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  void Write(host::ByteView bytes) override;
+  /// Closes the file and gives it its name.
+  void Finish() override;
+
+ private:
+  void OpenBeside();
+  void Discard();
+  [[noreturn]] void Fail(const std::string& what) const;
+
+  std::string path_;       ///< as given, for messages
+  std::string target_;     ///< with links followed
+  std::string temporary_;  ///< empty when written to directly
+  int slot_ = -1;          ///< where the temporary name is noted for an interruption
+  std::FILE* file_ = nullptr;
+  host::Bytes held_;  ///< for standard output
+};
+
+/// Makes the signals that end a program remove all unfinished output first.
+void RemoveOutputWhenInterrupted();
+
+}  // namespace kel::tool
+
+#endif
