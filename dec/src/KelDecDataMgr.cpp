@@ -133,7 +133,8 @@ void KelDecDataMgr::MakeRoom(std::uint64_t n) {
     window_ = target;
     windowBytes_ = size;
   } else if (unread != 0) {
-    std::memmove(target + 1, readPosition_, unread);  // the two may overlap
+    // The two may overlap.
+    std::memmove(target + 1, readPosition_, static_cast<std::size_t>(unread));
   }
   target[0] = lastByte_;
   windowStart_ = readPosition_ = target + 1;
