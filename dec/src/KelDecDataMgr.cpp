@@ -195,7 +195,20 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
   return copied;
 }
 
+/// The unread bits and the next four bytes as one number hold all that can be asked for.
 std::uint32_t KelDecDataMgr::ReadBits(int n) {
+  if (Available() < 4) return ReadBitsByBytes(n);
+  const std::uint32_t unread = lastByte_ & ((1U << unreadBits_) - 1);
+  const std::uint64_t pool = std::uint64_t{unread} << 32 | LoadBE32(readPosition_);
+  const std::uint64_t value = pool >> (unreadBits_ + 32 - n) & ((std::uint64_t{1} << n) - 1);
+  const int newBytes = n > unreadBits_ ? (n - unreadBits_ + 7) / 8 : 0;
+  readPosition_ += newBytes;
+  unreadBits_ += 8 * newBytes - n;
+  if (newBytes != 0) lastByte_ = readPosition_[-1];
+  return static_cast<std::uint32_t>(value);
+}
+
+std::uint32_t KelDecDataMgr::ReadBitsByBytes(int n) {
   std::uint32_t value = 0;
   while (n > 0) {
     if (unreadBits_ == 0) {
