@@ -8,6 +8,7 @@
 #include "KelDecDataMgr.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "KelMemFuncDefs.h"
@@ -197,6 +198,7 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
 
 /// The unread bits and the next four bytes as one number hold all that can be asked for.
 std::uint32_t KelDecDataMgr::ReadBits(int n) {
+  assert(n >= 1 && n <= 32);
   if (Available() < 4) return ReadBitsByBytes(n);
   const std::uint32_t unread = lastByte_ & ((1U << unreadBits_) - 1);
   const std::uint64_t pool = std::uint64_t{unread} << 32 | LoadBE32(readPosition_);
