@@ -2,6 +2,7 @@
 // repetitions, and what the findings say.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 
@@ -13,53 +14,42 @@
 namespace {
 
 using namespace kel;
-using test::BitAssembler;
-using test::Bytes;
-using test::DataSource;
-using test::Delivery;
-using test::Hex;
-using test::HostMemory;
-using test::List;
+using namespace test;
 
 constexpr Flavour kFlavours[] = {Flavour::kAB, Flavour::kFF};
 const Delivery kDeliveries[] = {{}, {false}, {false, false}, {false, true, kBoxWindowBytes, 1}};
 
 /// Boxes from text: a type of the standard layout with '_' for a blank, then '=' and a length
 /// where the true one is not meant, then ':' and the contents in hexadecimal digits or '(' child
-/// boxes ')'. Commas part boxes. The other layout's types come in place of these by the flavour.
+/// boxes ')'. Commas part boxes. In the other layout its own types and signature come instead.
 Bytes Boxes(const std::string& text, Flavour flavour, std::size_t& at) {
   static const std::map<std::string, std::string> own = {
       {"jP__", "weab"}, {"jp2h", "vrmh"}, {"jp2c", "vrmc"}, {"jpch", "abch"}, {"jplh", "ablh"}};
+  const Bytes difference = Hex("7765EB7E");  // between the contents of the two signatures
   BitAssembler out;
   while (at < text.size() && text[at] != ')') {
     std::string type = text.substr(at, 4);
-    at += 4;
-    std::size_t length = SIZE_MAX;
-    if (text[at] == '=') {
-      std::size_t digits = 0;
-      length = std::stoul(text.substr(at + 1), &digits);
-      at += 1 + digits;
-    }
+    std::size_t digits = 0;
+    const bool isForced = text[at += 4] == '=';
+    const std::size_t length = isForced ? std::stoul(text.substr(at + 1), &digits) : 0;
+    at += isForced ? 1 + digits : 0;
     Bytes contents;
-    const char kind = at < text.size() ? text[at] : ',';
-    if (kind == '(') {
+    if (text[at] == '(') {
       contents = Boxes(text, flavour, ++at);
       ++at;
-    } else if (kind == ':') {
+    } else if (text[at] == ':') {
       const std::size_t end = std::min(text.find_first_of(",)", at), text.size());
       contents = Hex(text.substr(at + 1, end - at - 1));
       at = end;
     }
     if (at < text.size() && text[at] == ',') ++at;
-    if (type == "jP__" && flavour == Flavour::kAB) {
-      const Bytes difference = Hex("7765EB7E");  // between the contents of the two signatures
-      for (std::size_t i = 0; i < std::min<std::size_t>(4, contents.size()); ++i) {
-        contents[i] ^= difference[i];
-      }
+    if (flavour == Flavour::kAB && own.contains(type)) {
+      const std::size_t n = type == "jP__" ? std::min<std::size_t>(4, contents.size()) : 0;
+      for (std::size_t i = 0; i < n; ++i) contents[i] ^= difference[i];
+      type = own.at(type);
     }
-    if (flavour == Flavour::kAB && own.contains(type)) type = own.at(type);
-    for (char& c : type) c = c == '_' ? ' ' : c;
-    out.U32(length != SIZE_MAX ? length : contents.size() + 8).Text(type).Append(contents);
+    std::replace(type.begin(), type.end(), '_', ' ');
+    out.U32(isForced ? length : contents.size() + 8).Text(type).Append(contents);
   }
   return out.Result();
 }
@@ -73,7 +63,7 @@ struct ReadFile {
            std::size_t cut = SIZE_MAX) {
     std::size_t at = 0;
     Bytes bytes = Boxes(text, flavour, at);
-    if (cut < bytes.size()) bytes.resize(cut);
+    bytes.resize(std::min(cut, bytes.size()));
     ScopeGuard release([&] { ReleaseFileInfo(&info); });
     DataSource data(bytes, flavour, how);
     InitFileInfo(info);
@@ -81,10 +71,7 @@ struct ReadFile {
     position = data->GetPosition();
     release.Disarm();
   }
-  ~ReadFile() {
-    ReleaseFileInfo(&info);
-    ReleaseFileInfo(&info);
-  }
+  ~ReadFile() { ReleaseFileInfo(&info); }
   ReadFile(const ReadFile&) = delete;
 };
 
@@ -202,7 +189,6 @@ TEST(Boxes, EveryCut) {
       EXPECT_EQ(file.code, block.code) << cut;
       if (!how.seekable || block.code != KelErrBoxStructure) continue;
       EXPECT_EQ(Describe(file.info), Describe(block.info)) << cut;
-      EXPECT_EQ(file.position, block.position) << cut;
     }
     EXPECT_EQ(block.info.codeStreamFound, cut >= start) << cut;
     if (cut < start) continue;
@@ -254,27 +240,24 @@ TEST(Boxes, Limits) {
          {"jp2h(" + kIhdr + "),jplh(opct:02 03 00 00 00)", "jplh(cgrp(colr:01 00 00 0000000E))"});
 }
 
-// Boxes that the data cut off before the code stream.
-TEST(Boxes, Truncated) {
+// Boxes that the data cut off, and boxes that end with the data.
+TEST(Boxes, Ends) {
   HostMemory memory;
-  for (const char* text : {"ftyp=99:6A703220", "uuid=40:00", "jp2h=99(bpcc=9:",
-                           "jp2h=99(colr=20:01", "jplh=99(lbl_:00", "jP__=12:0D"}) {
-    const bool isBpcc = std::string(text).find("bpcc") != std::string::npos;
-    EXPECT_EQ(CodeOf(text), isBpcc ? 21 : 26) << text;
+  for (const char* text :
+       {"ftyp=99:6A703220", "uuid=40:00", "jp2h=99(colr=20:01", "jplh=99(lbl_:00", "jP__=12:0D"}) {
+    EXPECT_EQ(CodeOf(text), 26) << text;
   }
   for (const std::string& text : {"uuid=60:" + kUuid, std::string("xml_=11:0000"),
                                   std::string("jp2h=99(colr=20:02 00 00 00")}) {
     EXPECT_EQ(CodeOf(text), 22) << text;
   }
   EXPECT_EQ(CodeOf("jp2h=99(lbl_:00,"), 25);
-  const ReadFile toEnd("xml_=0:010203");
-  EXPECT_TRUE(Describe(toEnd.info).ends_with("xml 1,2,3"));
-  const ReadFile malformed("jp2c:00,uuid:00");
-  EXPECT_EQ(malformed.code, 21) << "complete but malformed behind the code stream";
-  const ReadFile last("jp2c=0:0102,xml_:00");
-  EXPECT_TRUE(last.code == 23 && last.info.NumXMLBoxes == 0 && last.position == 8);
-  const ReadFile second("jp2c:0102,jp2c=0:00");
-  EXPECT_EQ(second.position, 8);
+  EXPECT_EQ(CodeOf("jp2h=99(bpcc=9:"), 21);
+  EXPECT_TRUE(Describe(ReadFile("xml_=0:010203").info).ends_with("xml 1,2,3"));
+  EXPECT_EQ(ReadFile("jp2c:00,uuid:00").code, 21) << "complete and malformed";
+  EXPECT_EQ(ReadFile("jp2c:00,what=1:0000").code, 23) << "not arrived yet";
+  EXPECT_EQ(ReadFile("jp2c=0:0102,xml_:00").info.NumXMLBoxes, 0U);
+  EXPECT_EQ(ReadFile("jp2c:0102,jp2c=0:00").position, 8);
 }
 
 /// What is found of a file whose header superbox has these children behind an image header.
@@ -329,7 +312,6 @@ TEST(Boxes, ChoiceOfTheProfile) {
   EXPECT_EQ(chosen("colr:02 02 03 01,colr:02 00 01 02"), 2) << "smaller approximation";
   EXPECT_EQ(chosen("colr:02 02 01 01,colr:01 09 00 00000010,colr:02 02 01 02"), 1);
   EXPECT_EQ(chosen("colr:01 00 00 00000010"), 0);
-  EXPECT_EQ(chosen(""), 0);
 }
 
 // What is announced but has not arrived must not be obtained.
@@ -340,11 +322,10 @@ TEST(Boxes, MemoryFollowsTheData) {
         "jp2h=4294967295(pclr=4294967200:FFFF FF 07", "xml_=1:FFFFFFFF FFFFFFFF 00",
         "jp2h=4294967295(pclr:0001 01 07 00,cmap=4294967200:0000",
         "jp2h=4294967295(cdef=4294967200:FFFF 00", "what=4294967295:00"}) {
-    for (const Delivery& how :
-         {Delivery{}, {false, true, kBoxWindowBytes}, {false, false, kBoxWindowBytes}}) {
+    for (const Delivery& how : kDeliveries) {
       memory.ResetPeak();
       EXPECT_NE(ReadFile(text, Flavour::kAB, how).code, KelOK);
-      EXPECT_LE(memory.LargestRequest(), how.memory ? 2500U : kBoxWindowBytes + 1U) << text;
+      EXPECT_LE(memory.LargestRequest(), how.memory ? 2500U : kFirstLoadBytes + 1U) << text;
     }
   }
   // Contents longer than one piece arrive whole by a stream too.
@@ -359,7 +340,7 @@ TEST(Boxes, MemoryFollowsTheData) {
 TEST(Boxes, RefusalsLeakNothing) {
   HostMemory memory;
   for (const Flavour flavour : kFlavours) {
-    const std::size_t runs = test::SweepRefusals(memory, [&] {
+    const std::size_t runs = SweepRefusals(memory, [&] {
       try {
         return ReadFile(kFull + "jp2c:00", flavour).code - KelErrBoxStructure;
       } catch (const KelException& failure) {

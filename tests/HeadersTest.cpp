@@ -13,29 +13,20 @@
 namespace {
 
 using namespace kel;
-using test::BitAssembler;
-using test::Bytes;
-using test::DataSource;
-using test::Delivery;
-using test::Hex;
-using test::HostMemory;
-using test::List;
+using namespace test;
 
 /// A header from text: segments parted by '|', each the second byte of its marker and then the
-/// bytes behind its length in hexadecimal digits. A segment that ends with '!' is a marker alone;
-/// one that ends with '=' and a number has that as its length instead of the true one.
+/// bytes behind its length in hexadecimal digits. '!' at the end of one makes it a marker alone;
+/// '=' and a number there is a length in place of the true one.
 Bytes Assemble(const std::string& text, Flavour flavour) {
   BitAssembler out;
   std::istringstream segments(text);
   for (std::string segment; std::getline(segments, segment, '|');) {
-    const Bytes bytes = Hex(segment.substr(0, segment.find_first_of("!=")));
+    const std::size_t end = std::min(segment.find_first_of("!="), segment.size());
+    const Bytes bytes = Hex(segment.substr(0, end));
     out.U8(flavour == Flavour::kFF ? 0xFF : 0xAB).U8(bytes[0]);
-    const std::size_t length = segment.find('=');
-    if (length != std::string::npos) {
-      out.U16(std::stoul(segment.substr(length + 1)));
-    } else if (segment.find('!') == std::string::npos) {
-      out.U16(bytes.size() + 1);
-    }
+    if (segment[end] == '=') out.U16(std::stoul(segment.substr(end + 1)));
+    if (end == segment.size()) out.U16(bytes.size() + 1);
     out.Append(Bytes(bytes.begin() + 1, bytes.end()));
   }
   return out.Result();
@@ -57,7 +48,6 @@ const std::string kSIZ = Siz("100 80 0 0 64 80 0 0");
 const std::string kCOD = "52 06 02 0003 01 02 01 01 0C 01";
 const std::string kQCD = "5C 40 48 50 50 58 48 48 50";
 const std::string kSOT = "90 0001 00000203 04 05";
-const std::string kPOC = "|5F 00 00 0001 01 01 00";
 const std::string kRest = '|' + kCOD + '|' + kQCD + '|' + kSOT;
 
 /// A header as a set, with how its reading ended.
@@ -70,15 +60,13 @@ struct ReadSet {
   ReadSet(const std::string& header, bool isMain, Flavour flavour = Flavour::kAB,
           const Delivery& how = {}, std::size_t cut = SIZE_MAX) {
     Bytes bytes = Assemble(header, flavour);
-    if (cut < bytes.size()) bytes.resize(cut);
+    bytes.resize(std::min(cut, bytes.size()));
     DataSource data(bytes, flavour, how);
+    ScopeGuard release([&] { ReleaseHeaderParams(&set); });
     result.code = InitHeaderParams(set, isMain);
     if (result.code != KelOK) return;
-    ScopeGuard release([&] { ReleaseHeaderParams(&set); });
-    if (!isMain) {
-      set.Csiz = 3;
-      set.regions = OwnedArray<KelRoiParams>::Make(3).Release();
-    }
+    set.Csiz = isMain ? 0 : 3;
+    if (!isMain) set.regions = OwnedArray<KelRoiParams>::Make(3).Release();
     result = ReadHeader(set, *data, &tilePartLength);
     position = data->GetPosition();
     release.Disarm();
@@ -87,18 +75,14 @@ struct ReadSet {
   ReadSet(const ReadSet&) = delete;
 };
 
+/// Of a main header, on which the flavours must agree; of a tile-part header with given segments.
 KelLong MainCode(const std::string& header) {
-  const ReadSet ab(header, true, Flavour::kAB);
-  const ReadSet ff(header, true, Flavour::kFF, {false});
-  EXPECT_EQ(ab.result.code, ff.result.code) << "the flavours must agree";
-  return ab.result.code;
+  const KelLong code = ReadSet(header, true, Flavour::kAB).result.code;
+  EXPECT_EQ(ReadSet(header, true, Flavour::kFF, {false}).result.code, code) << header;
+  return code;
 }
-
-/// Of a tile-part header that holds the given segments.
 KelLong TileCode(const std::string& segments) {
-  const ReadSet read(kSOT + '|' + segments + "|93!", false);
-  EXPECT_FALSE(read.result.incomplete);
-  return read.result.code;
+  return ReadSet(kSOT + '|' + segments + "|93!", false).result.code;
 }
 
 std::string Describe(const KelCodingStyle& s) {
@@ -110,9 +94,9 @@ std::string Describe(const KelCodingStyle& s) {
          List(s.precinctWidthExps, s.numLevels + 1) + List(s.precinctHeightExps, s.numLevels + 1);
 }
 
-std::string Describe(const KelQuantParams& q) {
+std::string Describe(const KelQuantParams& q, int n = kQuantEntries) {
   return List({q.component, q.quantised, q.derived, q.guardBits, q.numLevels}) +
-         List(q.exponents, 9) + List(q.mantissas, 9);
+         List(q.exponents, n) + List(q.mantissas, n);
 }
 
 std::string Describe(const KelProgressionChanges& c) {
@@ -127,8 +111,8 @@ std::string Describe(const KelHeaderParams& p) {
                            p.Rsiz, p.seenTLM}) +
                      List(s.XRsiz, p.Csiz) + List(s.YRsiz, p.Csiz) + List(p.bitDepths, p.Csiz) +
                      List(p.isSigned, p.Csiz) + "\nCOD" + Describe(*p.codingStyle) + "\nCOC" +
-                     Describe(*p.componentStyles) + "\nQCD" + Describe(*p.quantisation) + "\nQCC" +
-                     Describe(*p.componentQuants) + "\nRGN";
+                     Describe(*p.componentStyles) + "\nQCD" + Describe(*p.quantisation, 9) +
+                     "\nQCC" + Describe(*p.componentQuants, 9) + "\nRGN";
   for (std::int32_t i = 0; i < p.Csiz; ++i) {
     text += List({p.regions[i].present, p.regions[i].component, p.regions[i].shift});
   }
@@ -165,11 +149,11 @@ TEST(Headers, OneOfEverything) {
 }
 
 // The end of the data refuses a main header. A tile-part header is where progressive data end: that
-// is no failure, and nothing behind it is read.
+// is no failure, and the position goes to the end.
 TEST(Headers, EveryCut) {
   HostMemory memory;
   const std::string tile =
-      kSOT + '|' + kCOD + "|5D 02 22 5123 5124|70 0102|91 0007" + "|5F 00 00 0002 03 02 04|93!";
+      kSOT + '|' + kCOD + "|5D 02 22 5123 5124|70 0102|91 0007|5F 00 00 0002 03 02 04|93!";
   const std::size_t mainSize = Assemble(kFull, Flavour::kAB).size();
   const std::size_t size = Assemble(tile, Flavour::kFF).size();
   for (const Delivery& how : {Delivery{}, {false}, {false, false}}) {
@@ -178,12 +162,11 @@ TEST(Headers, EveryCut) {
     }
     for (std::size_t cut = 0; cut <= size; ++cut) {
       const ReadSet read(tile, false, Flavour::kFF, how, cut);
-      EXPECT_EQ(read.result.code, KelOK) << cut;
-      EXPECT_EQ(read.result.incomplete, cut < size) << cut;
-      EXPECT_EQ(read.position, static_cast<std::int64_t>(cut)) << "the position goes to the end";
+      EXPECT_EQ(List({read.result.code, read.result.incomplete, read.position}),
+                List({KelOK, cut < size, static_cast<std::int64_t>(cut)}));
     }
   }
-  const ReadSet whole(tile, false, Flavour::kFF);
+  const ReadSet whole(tile, false);
   EXPECT_EQ(List({whole.set.Isot, whole.tilePartLength, whole.set.TPsot, whole.set.TNsot}),
             " 1,515,4,5");
 }
@@ -243,30 +226,28 @@ TEST(Headers, Limits) {
   expect(0, {"64 0001", "3F!", "FE"});
   expect(29, {"60 00 01", "61 00 01"});
 
-  for (const Flavour flavour : {Flavour::kAB, Flavour::kFF}) {
-    DataSource data(Hex("0001 0003 00 0005 00"), flavour);
-    EXPECT_EQ(SkipMarkerSegment(*data, 0x1234), 10);
-    EXPECT_EQ(SkipMarkerSegment(*data, data->MarkerByte() << 8 | 0x30), 0);
-    EXPECT_EQ(data->GetPosition(), 0);
-    for (const KelLong code : {10, 0, 10}) EXPECT_EQ(SkipMarkerSegment(*data, 0xFFFF), code);
-  }
+  DataSource data(Hex("0001 0003 00 0005 00"), Flavour::kFF);
+  EXPECT_EQ(SkipMarkerSegment(*data, 0xAB52), 10);
+  EXPECT_EQ(SkipMarkerSegment(*data, 0xFF30), 0);
+  EXPECT_EQ(data->GetPosition(), 0) << "nothing follows such a marker";
+  for (const KelLong code : {10, 0, 10}) EXPECT_EQ(SkipMarkerSegment(*data, 0xFFFF), code);
 }
 
 TEST(Headers, OrdersAndRepetitions) {
   HostMemory memory;
-  const std::string coc = "53 02 00 03 01 01 00 00", qcc = "5D 02 20 10", rgn = "5E 02 00 05",
-                    poc = "5F 00 00 0001 01 01 00";
+  const std::string coc = "53 02 00 03 01 01 00 00", qcc = "5D 02 20 10", rgn = "5E 02 00 05";
+  const std::string poc = "5F 00 00 0001 01 01 00", soc = "4F!";
   EXPECT_EQ(MainCode(kSIZ + kRest), KelOK) << "SOC may be missing";
-  EXPECT_EQ(MainCode("4F!|" + kSIZ + '|' + kQCD + "|4F!|" + kCOD + "|D9!"), KelOK);
+  EXPECT_EQ(MainCode(soc + '|' + kSIZ + '|' + kQCD + "|4F!|" + kCOD + "|D9!"), KelOK);
   for (const std::string& early : {kCOD, kQCD, coc, qcc, rgn, poc}) {
     EXPECT_EQ(MainCode(early + '|' + kSIZ + kRest), KelErrBadMarker) << early;
     EXPECT_EQ(TileCode(early), KelOK) << "a tile-part header needs no SIZ";
   }
-  EXPECT_EQ(MainCode(kSIZ + '|' + kSIZ + kRest), KelErrBadMarker);
-  for (const std::string& partly : {kCOD + '|' + kQCD, kSIZ + '|' + kQCD, kSIZ + '|' + kCOD}) {
-    EXPECT_EQ(MainCode(partly + '|' + kSOT), KelErrBadMarker);
+  for (const std::string& wrong : {kSIZ + '|' + kSIZ + '|' + kCOD + '|' + kQCD, kCOD + '|' + kQCD,
+                                   kSIZ + '|' + kQCD, kSIZ + '|' + kCOD}) {
+    EXPECT_EQ(MainCode(wrong + '|' + kSOT), KelErrBadMarker) << wrong;
   }
-  for (const std::string& wrong : {std::string("4F!"), kSIZ, kSOT, std::string("64 =1")}) {
+  for (const std::string& wrong : {soc, kSIZ, kSOT, std::string("64 =1")}) {
     EXPECT_EQ(TileCode(wrong), KelErrBadMarker) << wrong;
   }
   EXPECT_EQ(TileCode("D9!"), KelOK);
@@ -275,18 +256,19 @@ TEST(Headers, OrdersAndRepetitions) {
   // The first COD and POC hold; the last QCD, and the last COC, QCC and RGN of a component.
   const ReadSet read(kSIZ + '|' + kCOD + "|52 00 04 0009 01 05 01 01 00 00|" + coc +
                          "|53 02 00 04 01 01 00 00|" + qcc + "|5D 02 20 18 08|" + poc +
-                         "|5F 00 00 0001 01 01 04|" + rgn + "|5E 02 00 06|" + kQCD + "|5C 20 80|" +
-                         kSOT,
+                         "|5F 00 00 0001 01 01 04|" + rgn +
+                         "|5E 02 00 06|5C 22 5123 5123 5123|5C 20 80|" + kSOT,
                      true);
-  ASSERT_EQ(read.result.code, KelOK);
-  EXPECT_EQ(read.set.numLayers, 3);
-  EXPECT_EQ(read.set.progressionChanges->order[0], 0);
-  EXPECT_EQ(read.set.numComponentStyles + read.set.numComponentQuants, 2U);
-  EXPECT_EQ(FindComponentStyle(read.set, 2)->numLevels, 4);
-  EXPECT_EQ(FindComponentStyle(read.set, 1), nullptr);
-  EXPECT_EQ(FindComponentQuant(read.set, 2)->exponents[1], 1);
-  EXPECT_EQ(List(read.set.quantisation->exponents, 3), " 16,0,0") << "nothing is left of the first";
-  EXPECT_EQ(read.set.regions[2].shift, 6);
+  const KelHeaderParams& set = read.set;
+  ASSERT_EQ(List({set.numComponentStyles, set.numComponentQuants}), " 1,1");
+  EXPECT_EQ(FindComponentStyle(set, 1), nullptr);
+  EXPECT_EQ(List({read.result.code, set.numLayers, set.progressionChanges->order[0],
+                  FindComponentStyle(set, 2)->numLevels, set.regions[2].shift}),
+            " 0,3,0,4,6");
+  EXPECT_EQ(List(FindComponentQuant(set, 2)->exponents, 3), " 3,1,0");
+  EXPECT_EQ(List(set.quantisation->exponents, 3) + List(set.quantisation->mantissas, 3),
+            " 16,0,0 0,0,0")
+      << "nothing is left of the first QCD";
 }
 
 // The width of component indices turns at 257 components.
@@ -318,17 +300,17 @@ TEST(Headers, MemoryFollowsTheData) {
   EXPECT_LT(memory.LargestRequest(), 1500U);
 }
 
-/// Copies a record with one of its requests refused after another, then changes the copy.
-template <class Record, class Copy, class Change, class Release>
-void CheckCopy(HostMemory& memory, const Record& source, Copy copy, Change change,
-               Release release) {
+/// Copies a record under refusals; the copy must be equal, and changing it must not show.
+template <class Record, class Copy, class Release>
+void CheckCopy(HostMemory& memory, Record& source, Copy copy, Release release) {
   Record made{};
-  test::SweepRefusals(memory, [&] {
+  SweepRefusals(memory, [&] {
     const KelLong code = copy(&made, &source);
     if (code != KelOK) return code;
     EXPECT_EQ(Describe(made), Describe(source));
-    change(made);
+    const std::string before = Describe(source);
     release(made);
+    EXPECT_EQ(Describe(source), before);
     return code;
   });
   EXPECT_EQ(copy(nullptr, &source), KelErrBadParam);
@@ -339,31 +321,24 @@ void CheckCopy(HostMemory& memory, const Record& source, Copy copy, Change chang
 TEST(Headers, CopiesAndRefusals) {
   HostMemory memory;
   ReadSet read(kFull, true);
-  const std::string before = Describe(read.set);
-  const auto change = [](std::int32_t* array, int last) { array[0] = array[last] = 77; };
-  CheckCopy(
-      memory, read.set.componentStyles[0], CopyCodingStyle,
-      [&](KelCodingStyle& s) { change(s.precinctHeightExps, kMaxLevels); }, ReleaseCodingStyle);
-  CheckCopy(
-      memory, read.set.componentQuants[0], CopyQuantParams,
-      [&](KelQuantParams& q) { change(q.mantissas, kQuantEntries - 1); }, ReleaseQuantParams);
-  CheckCopy(
-      memory, *read.set.progressionChanges, CopyProgressionChanges,
-      [&](KelProgressionChanges& c) { c.order[0] = 9; }, ReleaseProgressionChanges);
-  EXPECT_EQ(Describe(read.set), before);
-  EXPECT_EQ(read.set.componentQuants[0].exponents[kQuantEntries - 1], -23);
-  read.set.progressionChanges->present = 0;
+  KelHeaderParams& set = read.set;
+  CheckCopy(memory, set.componentStyles[0], CopyCodingStyle, ReleaseCodingStyle);
+  CheckCopy(memory, set.componentQuants[0], CopyQuantParams, ReleaseQuantParams);
+  CheckCopy(memory, *set.progressionChanges, CopyProgressionChanges, ReleaseProgressionChanges);
+  EXPECT_EQ(set.componentQuants[0].exponents[kQuantEntries - 1], -23);
+  set.progressionChanges->present = 0;
   KelProgressionChanges absent{};
-  EXPECT_EQ(CopyProgressionChanges(&absent, read.set.progressionChanges), KelOK);
+  EXPECT_EQ(CopyProgressionChanges(&absent, set.progressionChanges), KelOK);
   EXPECT_TRUE(absent.count == 0 && absent.order == nullptr);
   EXPECT_EQ(AllocProgressionChanges(nullptr, 1), KelErrBadParam);
-  ReleaseHeaderParams(&read.set);  // and once more at scope end
+  EXPECT_EQ(AllocProgressionChanges(set.progressionChanges, 1), KelOK) << "in place of the old";
+  ReleaseHeaderParams(&set);  // and once more at scope end
   ReleaseHeaderParams(nullptr);
 
   const std::string more = "|53 01 00 00 01 01 00 00|5D 02 00 08|53 00 00 00 01 01 00 00|" + kSOT;
   const std::string header = kFull.substr(0, kFull.rfind('|')) + more;
-  test::SweepRefusals(memory, [&] { return ReadSet(header, true).result.code; });
-  test::SweepRefusals(memory, [&] { return ReadSet(kSOT + kPOC + "|93!", false).result.code; });
+  SweepRefusals(memory, [&] { return ReadSet(header, true).result.code; });
+  SweepRefusals(memory, [&] { return TileCode("5F 00 00 0001 01 01 00"); });
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <vector>
 
 #include "DataSource.h"
 #include "HostMemory.h"
@@ -12,14 +11,11 @@
 namespace {
 
 using namespace kel;
-using test::BitAssembler;
-using test::Bytes;
-using test::DataSource;
-using test::Delivery;
-using test::Hex;
-using test::HostMemory;
+using namespace test;
 
 constexpr std::uint32_t kRight = 0xFFFFFFF0;  // asks the builder for the true Psot
+const Delivery kDeliveries[] = {{true}, {false}, {false, true, 64}, {false, true, 16, 1}};
+using Positions = std::vector<std::int64_t>;
 
 struct Part {
   std::uint32_t tile, part;
@@ -27,100 +23,87 @@ struct Part {
   Bytes body = Bytes(30, 0x11);
 };
 
-/// A code stream of tile-parts in one flavour, after `lead` bytes of main header.
+/// A code stream of tile-parts, behind seven bytes in place of a main header.
 struct Stream {
   Flavour flavour;
-  Bytes bytes = Bytes(7, 0);
-  std::vector<std::int64_t> positions;
+  Bytes bytes;
+  Positions positions;
 
-  Stream(Flavour kind, const std::vector<Part>& parts, const Bytes& tail = {}) : flavour(kind) {
-    for (const Part& part : parts) Add(part);
-    Marker(0xD9);
-    bytes.insert(bytes.end(), tail.begin(), tail.end());
-  }
-  void Marker(std::uint8_t code) {
-    bytes.push_back(flavour == Flavour::kFF ? 0xFF : 0xAB);
-    bytes.push_back(code);
-  }
-  void Add(const Part& part) {
-    positions.push_back(static_cast<std::int64_t>(bytes.size()));
-    const std::uint64_t length = 14 + part.body.size();
-    Marker(0x90);
-    BitAssembler rest;
-    rest.U16(10).U16(part.tile).U32(part.Psot == kRight ? length : part.Psot);
-    rest.U8(part.part).U8(0);
-    bytes.insert(bytes.end(), rest.Result().begin(), rest.Result().end());
-    Marker(0x93);
-    bytes.insert(bytes.end(), part.body.begin(), part.body.end());
+  Stream(Flavour kind, const std::vector<Part>& parts, const char* tail = "") : flavour(kind) {
+    const std::uint32_t first = kind == Flavour::kFF ? 0xFF : 0xAB;
+    BitAssembler out;
+    out.Append(Bytes(7, 0));
+    for (const Part& p : parts) {
+      positions.push_back(static_cast<std::int64_t>(out.Result().size()));
+      out.U8(first).U8(0x90).U16(10).U16(p.tile);
+      out.U32(p.Psot == kRight ? 14 + p.body.size() : p.Psot).U8(p.part).U8(0);
+      out.U8(first).U8(0x93).Append(p.body);
+    }
+    bytes = out.U8(first).U8(0xD9).Append(Hex(tail)).Result();
   }
 };
 
-/// Positions of the parts 0, 1, ... of a tile as GoToTilePart finds them, up to the first missing.
-std::vector<std::int64_t> Find(DataSource& data, std::int32_t tile) {
-  std::vector<std::int64_t> found;
-  while (data->GoToTilePart(tile, static_cast<std::int32_t>(found.size()))) {
-    found.push_back(data->GetPosition());
+/// A source over the first bytes of a stream, behind the main header, with a grid of 2 tiles.
+struct Source : DataSource {
+  Source(const Stream& stream, const Delivery& how, std::size_t size = SIZE_MAX)
+      : DataSource(Bytes(stream.bytes.begin(),
+                         stream.bytes.begin() +
+                             static_cast<std::ptrdiff_t>(std::min(size, stream.bytes.size()))),
+                   stream.flavour, how) {
+    (**this).SetTileGrid(2, 1);
+    (**this).SkipForward(7);
+    (**this).SavePositionB();
   }
-  return found;
-}
+  /// Positions of the parts 0, 1, ... of a tile, up to the first missing.
+  Positions Find(std::int32_t tile) {
+    Positions found;
+    while ((**this).GoToTilePart(tile, static_cast<std::int32_t>(found.size()))) {
+      found.push_back((**this).GetPosition());
+    }
+    return found;
+  }
+};
 
-void Prepare(DataSource& data, std::int32_t across, std::int32_t down) {
-  data->SetTileGrid(across, down);
-  data->SkipForward(7);
-  data->SavePositionB();
-}
-
-const Delivery kDeliveries[] = {{true}, {false}, {false, true, 64}, {false, true, 16, 1}};
-
-/// Runs a check on a stream in both flavours and every way of delivery that can move.
+/// Runs a check on a stream in both flavours and by every way of delivery that can move.
 template <class Check>
-void Everywhere(const std::vector<Part>& parts, const Bytes& tail, Check check) {
+void Everywhere(const std::vector<Part>& parts, Check check) {
   for (const Flavour flavour : {Flavour::kAB, Flavour::kFF}) {
-    const Stream stream(flavour, parts, tail);
+    const Stream stream(flavour, parts);
     for (const Delivery& how : kDeliveries) {
-      DataSource data(stream.bytes, flavour, how);
-      Prepare(data, 2, 1);
-      check(stream, data);
+      Source data(stream, how);
+      check(stream.positions, data);
     }
   }
 }
 
-using Positions = std::vector<std::int64_t>;
-
 TEST(TileParts, IndexPutsThemInOrder) {
   HostMemory memory;
-  Everywhere({{0, 1}, {1, 0}, {0, 0}, {1, 2}, {1, 1}}, {}, [](const Stream& s, DataSource& data) {
-    EXPECT_EQ(Find(data, 1), (Positions{s.positions[1], s.positions[4], s.positions[3]}));
-    EXPECT_EQ(Find(data, 0), (Positions{s.positions[2], s.positions[0]}));
-    EXPECT_FALSE(data->GoToTilePart(2, 0));
-    EXPECT_FALSE(data->GoToTilePart(-1, 0));
-    EXPECT_FALSE(data->GoToTilePart(0, 256));
+  Everywhere({{0, 1}, {1, 0}, {0, 0}, {1, 2}, {1, 1}}, [](const Positions& at, Source& data) {
+    EXPECT_EQ(data.Find(1), (Positions{at[1], at[4], at[3]}));
+    EXPECT_EQ(data.Find(0), (Positions{at[2], at[0]}));
+    EXPECT_FALSE(data->GoToTilePart(2, 0) || data->GoToTilePart(-1, 0));
+    EXPECT_FALSE(data->GoToTilePart(0, 256) || data->GoToTilePart(0, -1));
   });
   // Of two that claim one place, the later one; a part behind a gap is no substitute for it.
-  Everywhere({{1, 0}, {0, 0}, {0, 0}, {0, 2}}, {}, [](const Stream& s, DataSource& data) {
-    ASSERT_TRUE(data->GoToTilePart(0, 0));
-    EXPECT_EQ(data->GetPosition(), s.positions[2]);
-    EXPECT_FALSE(data->GoToTilePart(0, 1));
-  });
+  Everywhere({{1, 0}, {0, 0}, {0, 0}, {0, 2}},
+             [](const Positions& at, Source& data) { EXPECT_EQ(data.Find(0), Positions{at[2]}); });
 }
 
 // Lengths that are wrong in every way must cost neither the tile-part nor those behind it.
 TEST(TileParts, WrongLengthsAreRepaired) {
   HostMemory memory;
   for (const std::uint32_t wrong : {0U, 1U, 13U, 14U, 41U, 45U, 54U, 100000U, 0x7FFFFFFFU}) {
-    Everywhere(
-        {{1, 0}, {0, 0, wrong}, {0, 1}, {1, 1, wrong}, {0, 2}}, {},
-        [&](const Stream& s, DataSource& data) {
-          EXPECT_EQ(Find(data, 0), (Positions{s.positions[1], s.positions[2], s.positions[4]}))
-              << wrong;
-          EXPECT_EQ(Find(data, 1), (Positions{s.positions[0], s.positions[3]}));
-        });
+    Everywhere({{1, 0}, {0, 0, wrong}, {0, 1}, {1, 1, wrong}, {0, 2}},
+               [&](const Positions& at, Source& data) {
+                 EXPECT_EQ(data.Find(0), (Positions{at[1], at[2], at[4]})) << wrong;
+                 EXPECT_EQ(data.Find(1), (Positions{at[0], at[3]})) << wrong;
+               });
   }
   // A length of 2 GiB or a tile outside the grid ends the walk, and what was found stays.
   for (const Part& bad : {Part{0, 1, 0x80000000}, Part{2, 0}}) {
-    Everywhere({{1, 0}, {0, 0}, bad, {1, 1}}, {}, [](const Stream& s, DataSource& data) {
-      EXPECT_EQ(Find(data, 0), Positions{s.positions[1]});
-      EXPECT_EQ(Find(data, 1), Positions{s.positions[0]});
+    Everywhere({{1, 0}, {0, 0}, bad, {1, 1}}, [](const Positions& at, Source& data) {
+      EXPECT_EQ(data.Find(0), Positions{at[1]});
+      EXPECT_EQ(data.Find(1), Positions{at[0]});
     });
   }
 }
@@ -130,21 +113,18 @@ TEST(TileParts, AccidentalMarkersAreNotTakenInRecovery) {
   HostMemory memory;
   for (const Flavour flavour : {Flavour::kAB, Flavour::kFF}) {
     const std::uint8_t m = flavour == Flavour::kFF ? 0xFF : 0xAB;
-    const Bytes decoys = {m, 0xD9, 1, m,                               // the end
-                          m, 0x90, 0, 11, 0, 0, 0, 0, 0, 30, 0, 0, m,  // a wrong Lsot
-                          m, 0x90, 0, 10, 0, 2, 0, 0, 0, 30, 0, 0,     // a tile outside the grid
-                          m, 0x90, 0, 10, 0, 1, 0, 0, 0, 13, 0, 0, m, m};  // too short to be one
-    const Stream stream(flavour, {{1, 0}, {0, 0, 99, decoys}, {1, 1}});
+    const Bytes decoys = {m, 0xD9, 1, m,                                // the end
+                          m, 0x90, 0, 11, 0, 0, 0, 0, 0, 30, 0, 0,      // a wrong Lsot
+                          m, 0x90, 0, 10, 0, 2, 0, 0, 0, 30, 0, 0,      // a tile outside the grid
+                          m, 0x90, 0, 10, 0, 1, 0, 0, 0, 13, 0, 0, m};  // too short to be one
+    const Stream stream(flavour, {{1, 0}, {0, 0, 98, decoys}, {1, 1}});
     for (const Delivery& how : kDeliveries) {
-      DataSource data(stream.bytes, flavour, how);
-      Prepare(data, 2, 1);
-      EXPECT_EQ(Find(data, 1), (Positions{stream.positions[0], stream.positions[2]}));
-      // The plain scan stops at the end marker.
+      Source data(stream, how);
+      EXPECT_EQ(data.Find(1), (Positions{stream.positions[0], stream.positions[2]}));
       ASSERT_TRUE(data->MoveTo(stream.positions[1] + 2));
-      EXPECT_FALSE(data->FindNextSOT());
+      EXPECT_FALSE(data->FindNextSOT()) << "the plain scan stops at the end marker";
       EXPECT_EQ(data->GetPosition(), stream.positions[1] + 14);
-      EXPECT_TRUE(data->ReadEOC());
-      EXPECT_TRUE(data->FindNextSOT());
+      EXPECT_TRUE(data->ReadEOC() && data->FindNextSOT());
       EXPECT_EQ(data->GetPosition(), stream.positions[1] + 18);
     }
   }
@@ -153,12 +133,10 @@ TEST(TileParts, AccidentalMarkersAreNotTakenInRecovery) {
 TEST(TileParts, EveryCutFindsWhatHasArrived) {
   HostMemory memory;
   for (const std::uint32_t last : {kRight, 0U}) {
-    const Stream whole(Flavour::kAB, {{0, 1}, {0, 0}, {1, 0, last}}, Hex("00 AB"));
+    const Stream whole(Flavour::kAB, {{0, 1}, {0, 0}, {1, 0, last}}, "00 AB");
     for (std::size_t size = 7; size <= whole.bytes.size(); ++size) {
       for (const Delivery& how : {kDeliveries[0], kDeliveries[2]}) {
-        DataSource data(Bytes(whole.bytes.begin(), whole.bytes.begin() + static_cast<int>(size)),
-                        Flavour::kAB, how);
-        Prepare(data, 2, 1);
+        Source data(whole, how, size);
         const auto arrived = [&](std::size_t i) {
           return static_cast<std::int64_t>(size) >= whole.positions[i] + kSotSegmentBytes;
         };
@@ -175,29 +153,22 @@ TEST(TileParts, EveryCutFindsWhatHasArrived) {
 TEST(TileParts, QueriesAtTheReadPosition) {
   HostMemory memory;
   for (const Flavour flavour : {Flavour::kAB, Flavour::kFF}) {
-    const Stream stream(flavour, {{0x0102, 3, 0x04050607}});
-    for (const bool seekable : {true, false}) {
-      DataSource data(stream.bytes, flavour, {false, seekable, 64, 1});
-      Prepare(data, 300, 1);
-      EXPECT_TRUE(data->IsSOT() && data->AtTilePartBoundary() && !data->IsEOCOrEnd());
-      EXPECT_EQ(data->PeekSotIsot(), 0x0102U);
-      EXPECT_EQ(data->PeekSotPsot(), 0x04050607U);
-      EXPECT_EQ(data->PeekSotTPsot(), 3U);
-      EXPECT_TRUE(data->GoToTilePart(0x0102, 3)) << "what stands here needs no index";
-      EXPECT_EQ(data->GoToTilePart(0x0102, 2), false);
-      EXPECT_EQ(data->GetPosition(), 7);
-      EXPECT_FALSE(data->SkipSOP() || data->SkipEPH() || data->ReadEOC());
-      EXPECT_EQ(data->GetPosition(), 9) << "what was no EOC is consumed all the same";
-      data->SkipForward(42);
-      EXPECT_TRUE(data->IsEOCOrEnd() && data->AtTilePartBoundary() && !data->IsSOT());
-      EXPECT_TRUE(data->ReadEOC());
-      EXPECT_TRUE(data->AtEnd() && data->IsEOCOrEnd() && !data->ReadEOC());
-    }
+    Source data(Stream(flavour, {{0x0102, 3, 0x04050607}}), {false, false, 64, 1});
+    EXPECT_TRUE(data->IsSOT() && data->AtTilePartBoundary() && !data->IsEOCOrEnd());
+    EXPECT_EQ(List({data->PeekSotIsot(), data->PeekSotPsot(), data->PeekSotTPsot()}),
+              " 258,67438087,3");
+    EXPECT_TRUE(data->GoToTilePart(0x0102, 3)) << "what stands here needs no index";
+    EXPECT_FALSE(data->GoToTilePart(0x0102, 2) || data->SkipSOP() || data->SkipEPH());
+    EXPECT_EQ(data->GetPosition(), 7);
+    EXPECT_FALSE(data->ReadEOC());
+    EXPECT_EQ(data->GetPosition(), 9) << "what was no EOC is consumed all the same";
+    data->SkipForward(42);
+    EXPECT_TRUE(data->IsEOCOrEnd() && data->AtTilePartBoundary() && !data->IsSOT());
+    EXPECT_TRUE(data->ReadEOC());
+    EXPECT_TRUE(data->AtEnd() && data->IsEOCOrEnd() && !data->ReadEOC());
   }
   DataSource data(Hex("AB91 0004 0001 AB92 FF92 AB"), Flavour::kAB);
-  EXPECT_TRUE(data->SkipSOP());
-  EXPECT_TRUE(data->SkipEPH());
-  EXPECT_FALSE(data->SkipEPH());
+  EXPECT_TRUE(data->SkipSOP() && data->SkipEPH() && !data->SkipEPH());
   EXPECT_EQ(data->GetPosition(), 8);
   data->SkipForward(2);
   EXPECT_TRUE(data->IsEOCOrEnd() && data->AtTilePartBoundary() && !data->AtEnd())
@@ -207,22 +178,22 @@ TEST(TileParts, QueriesAtTheReadPosition) {
 // Tile-parts as small and as wrong as can be: bounded memory, no second walk over the same bytes.
 TEST(TileParts, AttacksOnTheIndex) {
   HostMemory memory;
-  Bytes bytes = Bytes(7, 0);
+  Bytes bytes(7, 0);
   for (int i = 0; i < 20000; ++i) {
-    const Bytes part =
-        Hex(i % 2 ? "FF90 000A 0000 7FFFFFFF 00 00" : "FF90 000A 0001 00000200 01 00");
+    const Bytes part = Hex(i % 2 ? "FF90000A00007FFFFFFF0000" : "FF90000A0001000002000100");
     bytes.insert(bytes.end(), part.begin(), part.end());
   }
   for (const Delivery& how : kDeliveries) {
     memory.ResetPeak();
     DataSource data(bytes, Flavour::kFF, how);
-    Prepare(data, 65535, 1);
+    data->SetTileGrid(65535, 1);
+    data->SkipForward(7);
+    data->SavePositionB();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(data->GoToTilePart(65534, 1));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_LT(memory.PeakBytes(), 500000U);
-    ASSERT_TRUE(data->MoveTo(7 + 12));
-    ASSERT_TRUE(data->GoToTilePart(1, 1));
+    ASSERT_TRUE(data->MoveTo(7 + 12) && data->GoToTilePart(1, 1));
     EXPECT_EQ(data->GetPosition(), 7 + 12 * 510) << "no more than 256 parts of a tile are kept";
   }
 }
@@ -230,19 +201,17 @@ TEST(TileParts, AttacksOnTheIndex) {
 TEST(TileParts, RefusalsLeaveNoIndexBehind) {
   HostMemory memory;
   const Stream stream(Flavour::kFF, {{0, 1}, {0, 0}, {0, 2}, {0, 3}, {1, 0}, {1, 1}});
-  test::SweepRefusals(memory, [&]() -> KelLong {
-    DataSource data(stream.bytes, Flavour::kFF, {false, true, 200});
-    Prepare(data, 2, 1);
-    bool found = false;
+  SweepRefusals(memory, [&]() -> KelLong {
+    Source data(stream, {false, true, 200});
     try {
-      found = data->GoToTilePart(1, 1);
+      EXPECT_EQ(data.Find(1).size(), 2U);
     } catch (const KelException& failure) {
       EXPECT_STREQ(failure.srcFile, kModuleDecDataMgr);
       EXPECT_EQ(data->GetPosition(), 7) << "the walk must end where it began";
       throw;
     }
     data->FreeTilePartIndex();
-    EXPECT_TRUE(found && data->GoToTilePart(0, 3)) << "a forgotten index is built anew";
+    EXPECT_EQ(data.Find(0).size(), 4U) << "a forgotten index is built anew";
     return KelOK;
   });
 }

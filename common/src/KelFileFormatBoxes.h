@@ -15,7 +15,6 @@ namespace kel {
 /// A box whose header has been read.
 struct BoxExtent {
   std::uint32_t type;
-  std::int64_t start;        ///< position of its first byte
   std::uint64_t bodyLength;  ///< the largest value when it extends to the end of the data
   bool toEnd;
 };

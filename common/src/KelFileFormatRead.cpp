@@ -20,7 +20,6 @@ constexpr std::uint64_t kFirstPiece = 65536;  // of contents that arrive by a st
 /// Reads the header of a box: length and type, and for length 1 the long length. No box is
 /// shorter than its header.
 KelLong ReadBoxHeader(BoxReader& in, BoxExtent& box) {
-  box.start = in.data.GetPosition();
   if (!in.Has(kBoxHeaderBytes)) return KelErrBoxHeader;
   std::uint64_t length = in.U32();
   std::uint64_t headerBytes = kBoxHeaderBytes;

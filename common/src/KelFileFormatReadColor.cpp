@@ -107,7 +107,7 @@ void DeriveChannelOrder(KelChannelDefinition& channels) {
     if (isColour(i) && isNumbered) channels.order[channels.Asoc[i] - 1] = channels.Cn[i];
   }
   for (KelULong slot = 0; slot < numColours; ++slot) {
-    const std::uint64_t channel = AsCount(channels.order[slot]);
+    const auto channel = static_cast<std::size_t>(AsCount(channels.order[slot]));
     if (channels.order[slot] >= 0 && channel < n) isPlaced[channel] = 1;
   }
   KelULong slot = numColours;

@@ -39,8 +39,15 @@ OwnedArray<T> CopyOf(const T* source, std::uint64_t n) {
   return copy;
 }
 
+/// A component's record: by the numbers that the reader keeps, since a header may hold as many
+/// records as there are components; else by looking at each.
 template <class T>
-T* FindRecord(T* records, std::uint32_t count, std::int32_t component) {
+T* FindRecord(T* records, std::uint32_t count, const std::uint32_t* numbers, std::int32_t Csiz,
+              std::int32_t component) {
+  if (numbers != nullptr) {
+    const bool isKnown = component >= 0 && component < Csiz && numbers[component] != 0;
+    return isKnown ? records + numbers[component] - 1 : nullptr;
+  }
   T* end = records + count;
   T* found =
       std::find_if(records, end, [&](const T& record) { return record.component == component; });
@@ -96,7 +103,9 @@ void ReleaseHeaderParams(KelHeaderParams* set) noexcept {
   KelFree(set->quantisation);
   KelFree(set->progressionChanges);
   KelFree(set->componentStyles);
+  KelFree(set->styleNumbers);
   KelFree(set->componentQuants);
+  KelFree(set->quantNumbers);
   KelFree(set->sizes);
   KelFree(set->regions);
   KelFree(set->isSigned);
@@ -192,11 +201,13 @@ KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t cou
 }
 
 KelCodingStyle* FindComponentStyle(const KelHeaderParams& set, std::int32_t component) {
-  return FindRecord(set.componentStyles, set.numComponentStyles, component);
+  return FindRecord(set.componentStyles, set.numComponentStyles, set.styleNumbers, set.Csiz,
+                    component);
 }
 
 KelQuantParams* FindComponentQuant(const KelHeaderParams& set, std::int32_t component) {
-  return FindRecord(set.componentQuants, set.numComponentQuants, component);
+  return FindRecord(set.componentQuants, set.numComponentQuants, set.quantNumbers, set.Csiz,
+                    component);
 }
 
 }  // namespace kel

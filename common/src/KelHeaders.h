@@ -107,9 +107,11 @@ struct KelHeaderParams {
   KelCodingStyle* codingStyle;      ///< from COD
   KelCodingStyle* componentStyles;  ///< one per component with a COC, in the order met
   std::uint32_t numComponentStyles, obtainedComponentStyles;
+  std::uint32_t* styleNumbers;      ///< per component: 0 or one more than its place; may be null
   KelQuantParams* quantisation;     ///< from QCD
   KelQuantParams* componentQuants;  ///< one per component with a QCC, in the order met
   std::uint32_t numComponentQuants, obtainedComponentQuants;
+  std::uint32_t* quantNumbers;
   KelRoiParams* regions;  ///< Csiz records by component
   KelSizParams* sizes;
   KelProgressionChanges* progressionChanges;

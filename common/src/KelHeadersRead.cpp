@@ -175,12 +175,17 @@ KelLong ReadCOD(HeaderReader& in) {
   return KelOK;
 }
 
-/// The record of a component in an array of them: the one that it has already, else a new one.
+/// The record of a component in an array of them, the one that it has already or else a new one;
+/// `numbers` tell by component which that is.
 template <class T>
-T& RecordOf(T*& records, std::uint32_t& used, std::uint32_t& obtained, T* existing) {
-  if (existing != nullptr) return *existing;
-  GrowByOne(records, used, obtained);
-  return records[used++];
+T& RecordOf(T*& records, std::uint32_t& used, std::uint32_t& obtained, std::uint32_t*& numbers,
+            std::int32_t Csiz, std::int32_t component) {
+  if (numbers == nullptr) numbers = OwnedArray<std::uint32_t>::Make(AsCount(Csiz)).Release();
+  if (numbers[component] == 0) {
+    GrowByOne(records, used, obtained);
+    numbers[component] = ++used;
+  }
+  return records[numbers[component] - 1];
 }
 
 /// A component's style begins as a copy of the COD's. Its segment has precinct sizes when Scoc says
@@ -193,8 +198,9 @@ KelLong ReadCOC(HeaderReader& in) {
   set.seenCOC = 1;
   const std::int32_t component = in.Index();
   if (component >= set.Csiz) return KelErrBadMarker;
-  KelCodingStyle& style = RecordOf(set.componentStyles, set.numComponentStyles,
-                                   set.obtainedComponentStyles, FindComponentStyle(set, component));
+  KelCodingStyle& style =
+      RecordOf(set.componentStyles, set.numComponentStyles, set.obtainedComponentStyles,
+               set.styleNumbers, set.Csiz, component);
   ReleaseCodingStyle(style);
   style = *set.codingStyle;
   style.precinctWidthExps = style.precinctHeightExps = nullptr;
@@ -270,8 +276,9 @@ KelLong ReadQCC(HeaderReader& in) {
   if (component >= set.Csiz) return KelErrBadMarker;
   auto exponents = OwnedArray<std::int32_t>::Make(kQuantEntries);
   auto mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries);
-  KelQuantParams& quant = RecordOf(set.componentQuants, set.numComponentQuants,
-                                   set.obtainedComponentQuants, FindComponentQuant(set, component));
+  KelQuantParams& quant =
+      RecordOf(set.componentQuants, set.numComponentQuants, set.obtainedComponentQuants,
+               set.quantNumbers, set.Csiz, component);
   ReleaseQuantParams(quant);
   quant = *set.quantisation;
   quant.exponents = exponents.Release();

@@ -8,6 +8,7 @@
 #include "KelDecDataMgr.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "KelMemFuncDefs.h"
@@ -133,7 +134,8 @@ void KelDecDataMgr::MakeRoom(std::uint64_t n) {
     window_ = target;
     windowBytes_ = size;
   } else if (unread != 0) {
-    std::memmove(target + 1, readPosition_, unread);  // the two may overlap
+    // The two may overlap.
+    std::memmove(target + 1, readPosition_, static_cast<std::size_t>(unread));
   }
   target[0] = lastByte_;
   windowStart_ = readPosition_ = target + 1;
@@ -194,7 +196,21 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
   return copied;
 }
 
+/// The unread bits and the next four bytes as one number hold all that can be asked for.
 std::uint32_t KelDecDataMgr::ReadBits(int n) {
+  assert(n >= 1 && n <= 32);
+  if (Available() < 4) return ReadBitsByBytes(n);
+  const std::uint32_t unread = lastByte_ & ((1U << unreadBits_) - 1);
+  const std::uint64_t pool = std::uint64_t{unread} << 32 | LoadBE32(readPosition_);
+  const std::uint64_t value = pool >> (unreadBits_ + 32 - n) & ((std::uint64_t{1} << n) - 1);
+  const int newBytes = n > unreadBits_ ? (n - unreadBits_ + 7) / 8 : 0;
+  readPosition_ += newBytes;
+  unreadBits_ += 8 * newBytes - n;
+  if (newBytes != 0) lastByte_ = readPosition_[-1];
+  return static_cast<std::uint32_t>(value);
+}
+
+std::uint32_t KelDecDataMgr::ReadBitsByBytes(int n) {
   std::uint32_t value = 0;
   while (n > 0) {
     if (unreadBits_ == 0) {

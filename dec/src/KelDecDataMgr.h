@@ -172,6 +172,7 @@ class KelDecDataMgr {
   std::uint64_t Drop(std::uint64_t n);
   std::uint32_t ByteBehindEnd();
   std::uint32_t ReadUIntByBytes(int n);
+  std::uint32_t ReadBitsByBytes(int n);
   std::uint32_t PeekBytesAt(std::uint64_t offset, int count);
   bool NextIs(std::uint32_t secondByte);
   bool ScanWindowForMarker();

@@ -56,7 +56,8 @@ class DataSource {
 template <class T>
 std::string List(const T* values, std::int64_t n) {
   std::string text;
-  for (std::int64_t i = 0; i < n; ++i) text += (i != 0 ? "," : " ") + std::to_string(values[i]);
+  for (std::int64_t i = 0; i < n; ++i)
+    text.append(i != 0 ? "," : " ").append(std::to_string(values[i]));
   return text;
 }
 inline std::string List(std::initializer_list<std::int64_t> values) {
