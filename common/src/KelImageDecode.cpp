@@ -253,6 +253,15 @@ KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* da
   return KelOK;
 }
 
+KelLong SetOrientation(ImageState& state, KelLong orientation) {
+  if (orientation != KelOrientation0 && orientation != KelOrientation90 &&
+      orientation != KelOrientation180 && orientation != KelOrientation270) {
+    return Fail(state, KelErrBadParam);
+  }
+  state.decoder->orientation = orientation;
+  return KelOK;
+}
+
 void ReleaseDecoder(ImageState& state) noexcept {
   DecoderState* d = state.decoder;
   if (d == nullptr) return;

@@ -38,6 +38,9 @@ KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* da
 KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConversion,
                      bool skipRecast, KelFrameData* frame);
 
+/// Returns 0; 15, without effect, for an orientation other than 0, 90, 180 and 270.
+KelLong SetOrientation(ImageState& state, KelLong orientation);
+
 /// Releases a decoder's state; may run on a half-built one.
 void ReleaseDecoder(ImageState& state) noexcept;
 

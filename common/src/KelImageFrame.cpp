@@ -1,6 +1,7 @@
 // One frame of decoding: opens the data, visits the tiles, and leaves the source ready for the
 // next frame.
 #include "KelImageDecode.h"
+#include "KelImageQuery.h"
 #include "KelImageTiles.h"
 #include "KelRaise.h"
 #include "KelTileOutput.h"
@@ -55,17 +56,38 @@ void NoteRequest(ImageState& state, FrameRequest request) {
   d.hasGaps = false;
 }
 
+/// The components that carry colours 1 to 3, by the channel definitions when these name three
+/// different components, else the first three.
+void FindColors(const ImageState& state, std::int32_t (&components)[3]) {
+  bool isUsable = true;
+  for (std::int32_t i = 0; i < 3; ++i) {
+    const KelLong c = ChannelIndexOf(state, i + 1);
+    isUsable = isUsable && c >= 0 && c < state.map.numComps;
+    for (std::int32_t j = 0; j < i; ++j) isUsable = isUsable && components[j] != c;
+    components[i] = c;
+  }
+  for (std::int32_t i = 0; i < 3 && !isUsable; ++i) components[i] = i;
+}
+
+DeliveryContext DescribeDelivery(ImageState& state) {
+  DeliveryContext delivery{state.map, state.decoder->request,
+                           state.decOpt->ForceComponentTransform != 0, {}};
+  FindColors(state, delivery.colorComponents);
+  return delivery;
+}
+
 /// Decodes and delivers the tiles in raster order, up to the first that fails.
 KelLong VisitTiles(ImageState& state) {
   DecoderState& d = *state.decoder;
   TilePass pass{state.map, d, d.dataMgr->GetPosition(), false};
+  const DeliveryContext delivery = DescribeDelivery(state);
   OutputScratch scratch;
   KelLong code = KelOK;
   for (std::int32_t t = 0; t < state.map.numTiles && code == KelOK; ++t) {
     TileRecord& tile = state.map.tiles[t];
     if (tile.box.IsEmpty()) continue;
     code = ReadTile(pass, tile);
-    DeliverTile(state, tile, scratch);
+    DeliverTile(delivery, tile, scratch);
   }
   return code;
 }

@@ -1,0 +1,80 @@
+// Placing tiles in the host's image-wide buffers.
+#include "KelHostPlacement.h"
+
+#include <algorithm>
+
+#include "KelImageDataAccess.h"
+
+namespace kel {
+namespace {
+
+/// The image area in a component's samples, at the resolution being decoded.
+Box DecodedImageBox(const ImageMap& map, std::int32_t component) {
+  const KelImageGeometry& g = *map.geometry;
+  const KelLong xr = g.XRsiz[component];
+  const KelLong yr = g.YRsiz[component];
+  return ReduceBox(
+      {CeilDiv(g.XOsiz, xr), CeilDiv(g.Xsiz, xr), CeilDiv(g.YOsiz, yr), CeilDiv(g.Ysiz, yr)},
+      map.reductions[component]);
+}
+
+/// A box inside an image of the given size, after rotating the image.
+Box RotateBox(const Box& b, std::int64_t width, std::int64_t height, KelLong orientation) {
+  switch (orientation) {
+    case KelOrientation90:
+      return {height - b.y1, height - b.y0, b.x0, b.x1};
+    case KelOrientation180:
+      return {width - b.x1, width - b.x0, height - b.y1, height - b.y0};
+    case KelOrientation270:
+      return {b.y0, b.y1, width - b.x1, width - b.x0};
+    default:
+      return b;
+  }
+}
+
+}  // namespace
+
+HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request,
+                                const TileCompRecord& record) {
+  const std::int32_t c = record.tileGeom.Component;
+  if (static_cast<std::uint32_t>(c) >= request.numChannels) return {};
+  const ChannelRequest& channel = request.channels[c];
+  const bool isWhole = channel.outBitDepth == 8 || channel.outBitDepth == 16;
+  if (channel.buffer == nullptr || !channel.hasFormat || !isWhole) return {};
+
+  const Box image = DecodedImageBox(map, c);
+  const Box& box = record.resolutionBox;
+  if (box.IsEmpty() || box.x0 < image.x0 || box.x1 > image.x1 || box.y0 < image.y0 ||
+      box.y1 > image.y1) {
+    return {};
+  }
+  const std::int64_t sampleBytes = channel.outBitDepth / 8;
+  const Box inside = {box.x0 - image.x0, box.x1 - image.x0, box.y0 - image.y0, box.y1 - image.y0};
+  const Box place = RotateBox(inside, image.Width(), image.Height(), request.orientation);
+  const bool isTurned =
+      request.orientation == KelOrientation90 || request.orientation == KelOrientation270;
+  const std::int64_t rowBytes = (isTurned ? image.Height() : image.Width()) * sampleBytes;
+  if (channel.stride < rowBytes) return {};
+  return {channel.buffer + place.y0 * channel.stride + place.x0 * sampleBytes, channel.stride,
+          place.Width(), place.Height(), sampleBytes};
+}
+
+void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
+                      const TileCompRecord& record) {
+  const HostPlacement place = PlaceInHostBuffer(map, request, record);
+  const KelImageData& image = *record.outputImage;
+  if (place.address == nullptr || image.SizeOfDataType != place.sampleBytes ||
+      image.Width < place.width || image.Height < place.height) {
+    return;
+  }
+  const BufferLock lock(image.ImageBuffer);
+  if (!lock) return;
+  const std::int64_t rowBytes = image.Width * place.sampleBytes;
+  const std::uint8_t* from = lock.As<std::uint8_t>();
+  std::uint8_t* to = place.address;
+  for (std::int64_t y = 0; y < place.height; ++y, from += rowBytes, to += place.stride) {
+    std::copy_n(from, place.width * place.sampleBytes, to);
+  }
+}
+
+}  // namespace kel

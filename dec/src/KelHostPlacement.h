@@ -1,0 +1,32 @@
+// Where the samples of a tile land in the host's buffer for a component.
+#ifndef KEL_HOST_PLACEMENT_H
+#define KEL_HOST_PLACEMENT_H
+
+#include <cstdint>
+
+#include "KelFrameRequest.h"
+#include "KelImageMap.h"
+
+namespace kel {
+
+/// The place of a tile-component's delivered samples in the host's buffer.
+struct HostPlacement {
+  std::uint8_t* address;       ///< of the first sample; null when the buffer cannot be used
+  std::int64_t stride;         ///< bytes from row to row
+  std::int64_t width, height;  ///< samples across and down, as delivered
+  std::int64_t sampleBytes;
+};
+
+/// A host buffer is used when its depth is 8 or 16, its stride holds a row of the image at the
+/// decoded resolution and orientation, and the tile's box lies inside that image. (A tile with
+/// fewer levels than the image may have no place in a reduced image.)
+HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request,
+                                const TileCompRecord& record);
+
+/// Copies the samples of an output image to their place in the host's buffer, if it can be used.
+void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
+                      const TileCompRecord& record);
+
+}  // namespace kel
+
+#endif

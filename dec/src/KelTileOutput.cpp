@@ -1,0 +1,375 @@
+// Delivering a tile. Three routes lead from coefficients to samples:
+//
+//   colour   three 8-bit components under the colour transform go to bytes in lockstep, without
+//            planes of 32 bits in between;
+//   direct   one irreversible component goes from its coefficients to bytes in the host's buffer;
+//   general  everything else: 32-bit planes, inverse component transform, recast and rotation,
+//            cut short where that is known to end in plain bytes.
+//
+// Relies on the inverse wavelet drivers, on quantisation for the steps and on the sample
+// conversions; leaves reading and the order of tiles to the flow.
+#include "KelTileOutput.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "KelCompTransform.h"
+#include "KelHostPlacement.h"
+#include "KelImageDataAccess.h"
+#include "KelQuant.h"
+#include "KelRaise.h"
+#include "KelWavelet.h"
+
+namespace kel {
+namespace {
+
+/// What padding columns hold in planes of bytes: a sample of zero, shifted.
+constexpr std::uint8_t kMiddleGrey = 128;
+
+/// Addresses and strides of the direct path are multiples of this.
+constexpr std::uintptr_t kDirectAlignment = 16;
+
+/// The request's values for a component; empty beyond the channels of the request.
+ChannelRequest ChannelOf(const FrameRequest& request, std::int32_t component) {
+  return static_cast<std::uint32_t>(component) < request.numChannels ? request.channels[component]
+                                                                     : ChannelRequest{};
+}
+
+bool IsIrreversible(const TileCompRecord& record) {
+  return record.params.style->irreversible != 0;
+}
+
+/// A locked coefficient plane; every band of it holds values.
+class Coefficients {
+ public:
+  explicit Coefficients(TileCompRecord& record) : record_(record) {
+    EnsureCoefficients(record);
+    lock_ = BufferLock(record.waveletData->ImageBuffer);
+    if (!lock_) Raise(KelErrNoMemory, kModuleImageMap);
+    for (int b = 0; b < NumSubbands(record.decodeRes); ++b) {
+      EnsureBandFilled(record, b, lock_.As<std::int32_t>());
+    }
+  }
+  CoefficientPlane Plane() const {
+    return {lock_.As<const std::int32_t>(), static_cast<std::size_t>(record_.rowStride),
+            record_.resolutionBox, record_.decodeRes};
+  }
+
+ private:
+  TileCompRecord& record_;
+  BufferLock lock_;
+};
+
+/// The steps of a component's bands; the first entries serve lower resolutions.
+struct Steps {
+  float values[kMaxSubbands];
+
+  Steps(const ImageMap& map, const TileCompRecord& record) {
+    MakeDecoderSteps(*record.params.quant, map.geometry->BitDepths[record.tileGeom.Component],
+                     record.numLevels, values);
+  }
+};
+
+/// A fresh plane of samples with the padded row length of a component.
+class SamplePlane {
+ public:
+  SamplePlane(const TileCompRecord& record, KelLong sampleBytes)
+      : width_(record.resolutionBox.Width()),
+        stride_(record.rowStride),
+        height_(record.resolutionBox.Height()),
+        sampleBytes_(sampleBytes),
+        buffer_(OwnedBuffer::MakeAligned(PlaneBytes(stride_, height_, sampleBytes))),
+        lock_(buffer_.Get()) {
+    if (!lock_) Raise(KelErrNoMemory, kModuleImageMap);
+    FillPadding();
+  }
+
+  template <class T>
+  Rows<T> RowsOf() const {
+    return {lock_.As<T>(), static_cast<std::size_t>(stride_)};
+  }
+
+  /// Makes the plane the component's output.
+  void Install(TileCompRecord& record, KelLong bufferType) {
+    lock_ = BufferLock();
+    InstallSamples(*record.outputImage, std::move(buffer_), static_cast<KelLong>(stride_),
+                   static_cast<KelLong>(height_), sampleBytes_, bufferType);
+  }
+
+ private:
+  void FillPadding() {
+    const auto rowBytes = AsCount(stride_ * sampleBytes_);
+    const auto usedBytes = AsCount(width_ * sampleBytes_);
+    for (std::int64_t y = 0; y < height_; ++y) {
+      std::uint8_t* row = lock_.As<std::uint8_t>() + AsCount(y) * rowBytes;
+      std::fill(row + usedBytes, row + rowBytes, sampleBytes_ == 1 ? kMiddleGrey : std::uint8_t{0});
+    }
+  }
+
+  std::int64_t width_, stride_, height_;
+  KelLong sampleBytes_;
+  OwnedBuffer buffer_;
+  BufferLock lock_;
+};
+
+/// The delivery of one tile.
+class Delivery {
+ public:
+  Delivery(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch)
+      : context_(context),
+        request_(context.request),
+        tile_(tile),
+        scratch_(scratch),
+        isPlain8Bit_(AsksPlain8Bit(request_, context.map.numComps) && request_.orientation == 0),
+        transformIsCoded_(tile.params.style->componentTransform != 0) {}
+
+  void Run() {
+    for (std::int32_t c = 0; c < context_.map.numComps; ++c) Clear(tile_.comps[c]);
+    if (TakesColorRoute()) DeliverColors();
+    for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
+      if (!tile_.comps[c].frameDone && TakesDirectRoute(tile_.comps[c])) {
+        DeliverDirect(tile_.comps[c]);
+      }
+    }
+    if (TakesInverseTransform()) DeliverTriple();
+    for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
+      if (!tile_.comps[c].frameDone) DeliverAlone(tile_.comps[c]);
+    }
+  }
+
+ private:
+  static void Clear(TileCompRecord& record) {
+    if (record.outputImage == nullptr) record.outputImage = NewImage();
+    record.frameDone = record.resolutionBox.IsEmpty();
+    record.dataReady = record.dataValid = false;
+  }
+
+  // ---- Routes ----
+
+  bool IsPlainByteComponent(const TileCompRecord& record) const {
+    return record.sampleDepth == 8 && !record.resolutionBox.IsEmpty();
+  }
+
+  /// The components of colours 1 to 3.
+  TileCompRecord& Color(int i) const { return tile_.comps[context_.colorComponents[i]]; }
+
+  /// Whether the colours' planes have one size and kind, so that they can be combined.
+  bool ColorsMatch() const {
+    if (context_.map.numComps < 3) return false;
+    const TileCompRecord& first = Color(0);
+    for (int i = 0; i < 3; ++i) {
+      const TileCompRecord& other = Color(i);
+      if (other.resolutionBox.IsEmpty() || !(other.resolutionBox == first.resolutionBox) ||
+          IsIrreversible(other) != IsIrreversible(first) ||
+          other.sampleDepth != first.sampleDepth || other.tileGeom.XRsiz != first.tileGeom.XRsiz ||
+          other.tileGeom.YRsiz != first.tileGeom.YRsiz) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool TakesColorRoute() const {
+    if (request_.skipConversion || !isPlain8Bit_ || !ColorsMatch()) return false;
+    if (!transformIsCoded_ && !context_.forceComponentTransform) return false;
+    return Color(0).tileGeom.XRsiz == 1 && Color(0).tileGeom.YRsiz == 1 &&
+           std::all_of(tile_.comps, tile_.comps + context_.map.numComps,
+                       [](const TileCompRecord& record) { return record.sampleDepth == 8; });
+  }
+
+  bool TakesInverseTransform() const {
+    return !request_.skipConversion && transformIsCoded_ && ColorsMatch() && !Color(0).frameDone &&
+           !Color(1).frameDone && !Color(2).frameDone;
+  }
+
+  bool TakesDirectRoute(const TileCompRecord& record) const {
+    const bool transforms =
+        !request_.skipConversion && (transformIsCoded_ || context_.forceComponentTransform);
+    if (!isPlain8Bit_ || transforms || !IsIrreversible(record) || !IsPlainByteComponent(record)) {
+      return false;
+    }
+    const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
+    const HostPlacement place = PlaceInHostBuffer(context_.map, request_, record);
+    if (place.address == nullptr) return false;
+    // Alignment only matters where there is something to synthesise.
+    const auto address = reinterpret_cast<std::uintptr_t>(channel.buffer);
+    const auto stride = static_cast<std::uintptr_t>(channel.stride);
+    return record.decodeRes == 0 || (address | stride) % kDirectAlignment == 0;
+  }
+
+  // ---- Delivering ----
+
+  void DeliverColors() {
+    std::optional<Coefficients> coefficients[3];
+    std::optional<SamplePlane> bytes[3];
+    CoefficientPlane planes[3];
+    for (int i = 0; i < 3; ++i) planes[i] = coefficients[i].emplace(Color(i)).Plane();
+    void* cells = scratch_.Cells(InverseDwtScratchCells(Color(0).resolutionBox, MostLevels(), 3));
+    for (int i = 0; i < 3; ++i) bytes[i].emplace(Color(i), 1);
+    const Rows<std::uint8_t> out[3] = {bytes[0]->RowsOf<std::uint8_t>(),
+                                       bytes[1]->RowsOf<std::uint8_t>(),
+                                       bytes[2]->RowsOf<std::uint8_t>()};
+    if (IsIrreversible(Color(0))) {
+      const Steps steps[3] = {
+          {context_.map, Color(0)}, {context_.map, Color(1)}, {context_.map, Color(2)}};
+      const float* const values[3] = {steps[0].values, steps[1].values, steps[2].values};
+      InverseDwt97IctTo8Bit(planes, values, cells, out);
+    } else {
+      InverseDwt53RctTo8Bit(planes, cells, out);
+    }
+    for (int i = 0; i < 3; ++i) {
+      coefficients[i].reset();
+      bytes[i]->Install(Color(i), kIntegerSamples);
+      Finish(Color(i));
+    }
+  }
+
+  int MostLevels() const {
+    return std::max({Color(0).decodeRes, Color(1).decodeRes, Color(2).decodeRes});
+  }
+
+  void DeliverDirect(TileCompRecord& record) {
+    const HostPlacement place = PlaceInHostBuffer(context_.map, request_, record);
+    {
+      const Coefficients coefficients(record);
+      const Steps steps(context_.map, record);
+      InverseDwt97To8Bit(coefficients.Plane(), steps.values, 0.5F, ScratchFor(record),
+                         {place.address, static_cast<std::size_t>(place.stride)});
+    }
+    record.outputImage->FreeImageBuffer();
+    record.frameDone = record.dataReady = true;
+    ReleaseCoefficients(record);
+  }
+
+  /// Reconstructs a component as 32-bit samples.
+  void Reconstruct(TileCompRecord& record) {
+    SamplePlane samples(record, 4);
+    {
+      const Coefficients coefficients(record);
+      void* cells = ScratchFor(record);
+      if (IsIrreversible(record)) {
+        const Steps steps(context_.map, record);
+        InverseDwt97(coefficients.Plane(), steps.values, cells, samples.RowsOf<float>());
+      } else {
+        InverseDwt53(coefficients.Plane(), cells, samples.RowsOf<std::int32_t>());
+      }
+    }
+    samples.Install(record, IsIrreversible(record) ? kFloatSamples : kIntegerSamples);
+    ReleaseCoefficients(record);
+  }
+
+  void DeliverTriple() {
+    for (int i = 0; i < 3; ++i) Reconstruct(Color(i));
+    {
+      const BufferLock locks[3] = {BufferLock(Color(0).outputImage->ImageBuffer),
+                                   BufferLock(Color(1).outputImage->ImageBuffer),
+                                   BufferLock(Color(2).outputImage->ImageBuffer)};
+      if (!locks[0] || !locks[1] || !locks[2]) Raise(KelErrNoMemory, kModuleImageMap);
+      const Box& box = Color(0).resolutionBox;
+      InverseComponentTransform({{locks[0].As<void>(), locks[1].As<void>(), locks[2].As<void>()},
+                                 static_cast<std::size_t>(Color(0).rowStride),
+                                 {box.Width(), box.Height()},
+                                 IsIrreversible(Color(0))});
+    }
+    for (int i = 0; i < 3; ++i) Recast(Color(i));
+  }
+
+  void DeliverAlone(TileCompRecord& record) {
+    const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
+    // Recasting 8-bit samples to bytes does not look at the range, so it can be done on the fly.
+    const bool endsInBytes = !request_.skipRecast && request_.orientation == 0 &&
+                             channel.hasFormat && channel.outBitDepth == 8;
+    if (!endsInBytes || !IsPlainByteComponent(record)) {
+      Reconstruct(record);
+      Recast(record);
+      return;
+    }
+    SamplePlane bytes(record, 1);
+    {
+      const Coefficients coefficients(record);
+      void* cells = ScratchFor(record);
+      if (IsIrreversible(record)) {
+        const Steps steps(context_.map, record);
+        InverseDwt97GeneralTo8Bit(coefficients.Plane(), steps.values, cells,
+                                  bytes.RowsOf<std::uint8_t>());
+      } else {
+        InverseDwt53To8Bit(coefficients.Plane(), cells, bytes.RowsOf<std::uint8_t>());
+      }
+    }
+    bytes.Install(record, kIntegerSamples);
+    Finish(record);
+  }
+
+  /// Turns a component's 32-bit samples into the form asked for.
+  void Recast(TileCompRecord& record) {
+    const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
+    if (!request_.skipRecast && channel.hasFormat) {
+      if (request_.orientation != 0) {
+        CompactRows(*record.outputImage, static_cast<KelLong>(record.resolutionBox.Width()));
+      }
+      const KelLong code = record.outputImage->RecastData_Rotation(
+          record.sampleDepth, false, channel.outBitDepth, channel.outMax, channel.outMin,
+          KelRecastNominal, KelImageOrientation{request_.orientation});
+      if (code != KelOK) Raise(code, kModuleImageMap);
+    }
+    Finish(record);
+  }
+
+  /// The output image holds the samples: gives the host its copy.
+  void Finish(TileCompRecord& record) {
+    record.frameDone = record.dataReady = record.dataValid = true;
+    CopyToHostBuffer(context_.map, request_, record);
+    ReleaseCoefficients(record);
+  }
+
+  // ---- Memory ----
+
+  void* ScratchFor(const TileCompRecord& record) {
+    return scratch_.Cells(InverseDwtScratchCells(record.resolutionBox, record.decodeRes));
+  }
+
+  /// Coefficients of a complete tile are not needed again.
+  void ReleaseCoefficients(TileCompRecord& record) {
+    if (tile_.progress.isComplete) ReleaseImage(record.waveletData);
+  }
+
+  const DeliveryContext& context_;
+  const FrameRequest& request_;
+  TileRecord& tile_;
+  OutputScratch& scratch_;
+  bool isPlain8Bit_;
+  bool transformIsCoded_;
+};
+
+/// Adds the bytes decoded since the last frame to the options' count.
+void CountDecodedBytes(const ImageMap& map, TileRecord& tile) {
+  for (std::int32_t c = 0; c < map.numComps; ++c) {
+    TileCompRecord& record = tile.comps[c];
+    if (map.encOpt->RateMode == 0) {
+      const std::uint64_t sum = AsCount(map.encOpt->RateParamB) + record.decodedBytes;
+      map.encOpt->RateParamB =
+          SaturateToInt32(static_cast<std::int64_t>(std::min<std::uint64_t>(sum, INT32_MAX)));
+    }
+    record.decodedBytes = 0;
+  }
+}
+
+}  // namespace
+
+void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
+  TileProgress& progress = tile.progress;
+  if (progress.isChanged) {
+    // A failed delivery has released some coefficients already: the tile must be decoded again.
+    ScopeGuard restart([&] { RestartTile(context.map, tile); });
+    Delivery(context, tile, scratch).Run();
+    restart.Disarm();
+    CountDecodedBytes(context.map, tile);
+    progress.isChanged = false;
+  }
+  if (progress.isComplete && !progress.isDelivered) {
+    ReleaseTileWork(context.map, tile);
+    progress.isDelivered = true;
+  }
+}
+
+}  // namespace kel

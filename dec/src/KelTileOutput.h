@@ -1,0 +1,43 @@
+// Delivering a tile: from its coefficients to the samples that the host asked for.
+#ifndef KEL_TILE_OUTPUT_H
+#define KEL_TILE_OUTPUT_H
+
+#include "KelFrameRequest.h"
+#include "KelImageMap.h"
+#include "KelMemFuncDefs.h"
+
+namespace kel {
+
+/// Working memory of the inverse transforms, shared by the tiles of a frame.
+class OutputScratch {
+ public:
+  /// At least so many 32-bit cells, aligned; contents undefined. Raises 8.
+  void* Cells(std::uint64_t count) {
+    if (cells_.Size() < count || !cells_) {
+      cells_ = {};
+      cells_ = ScratchArray<std::uint32_t>::Make(count);
+    }
+    return cells_.Data();
+  }
+
+ private:
+  ScratchArray<std::uint32_t> cells_;
+};
+
+/// What delivering needs to know beside the tile.
+struct DeliveryContext {
+  ImageMap& map;
+  const FrameRequest& request;
+  bool forceComponentTransform;     ///< the decoder option
+  std::int32_t colorComponents[3];  ///< components that carry colours 1 to 3
+};
+
+/// Reconstructs the samples of a tile from what has been decoded, in the form that the request
+/// describes, into the components' output images and the host's buffers. A tile that has not
+/// changed is left alone. A complete tile's coefficients are released on the way. Raises 8; the
+/// tile then starts anew.
+void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch);
+
+}  // namespace kel
+
+#endif
