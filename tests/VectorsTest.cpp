@@ -181,6 +181,6 @@ std::vector<std::string> Names() {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Vectors, testing::ValuesIn(Names()),
-                         [](const auto& info) { return info.param; });
+                         [](const auto& test) { return test.param; });
 
 }  // namespace

@@ -129,6 +129,12 @@ struct KelHeaderParams {
 /// or 8 after releasing what it had obtained.
 KelLong InitHeaderParams(KelHeaderParams& set, bool mainHeader);
 
+/// Seeds a set for a tile-part header with copies of the records in force for the tile, and with
+/// the component count and region records of the main header. Returns 0 or 8; what was copied
+/// until then is in the set.
+KelLong SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
+                         const KelCodingStyle& style, const KelQuantParams& quant);
+
 /// Releases everything that a set owns, half-built ones included, and clears it; may run twice.
 /// The set itself belongs to the caller. Accepts null.
 void ReleaseHeaderParams(KelHeaderParams* set) noexcept;
@@ -145,8 +151,8 @@ void ReleaseCodingStyle(KelCodingStyle& style) noexcept;
 void ReleaseQuantParams(KelQuantParams& quant) noexcept;
 void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept;
 
-/// Sets the present flag and the count and obtains the six zero-filled arrays. Returns 0; 15 for
-/// a null record; 8.
+/// Sets the present flag and the count and obtains the six zero-filled arrays in place of earlier
+/// ones. Returns 0; 15 for a null record; 8.
 KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t count);
 
 /// The COC or QCC record of a component, or null.

@@ -3,6 +3,7 @@
 // Conversions of the samples live in KelRecast and KelResample.
 #include "kel/KelImageData.h"
 
+#include <cstring>
 #include <new>
 
 #include "KelImageDataAccess.h"
@@ -36,6 +37,22 @@ void InstallSamples(KelImageData& image, OwnedBuffer samples, KelLong width, Kel
   image.Height = height;
   image.SizeOfDataType = sampleBytes;
   image.ImageBufferType = bufferType;
+  ForgetDynRange(image);
+}
+
+void CompactRows(KelImageData& image, KelLong trueWidth) noexcept {
+  if (trueWidth < 0 || trueWidth >= image.Width) return;
+  const BufferLock lock(image.ImageBuffer);
+  if (!lock) return;
+  const std::uint64_t paddedBytes = PlaneBytes(image.Width, 1, image.SizeOfDataType);
+  const std::uint64_t rowBytes = PlaneBytes(trueWidth, 1, image.SizeOfDataType);
+  auto* samples = lock.As<std::uint8_t>();
+  for (std::uint64_t row = 1; row < AsCount(image.Height); ++row) {
+    // A row may overlap the place that it moves to, which the host's copy does not allow for.
+    std::memmove(samples + row * rowBytes, samples + row * paddedBytes,
+                 static_cast<std::size_t>(rowBytes));
+  }
+  image.Width = trueWidth;
   ForgetDynRange(image);
 }
 

@@ -41,6 +41,11 @@ void ReleaseImage(KelImageData*& image) noexcept;
 void InstallSamples(KelImageData& image, OwnedBuffer samples, KelLong width, KelLong height,
                     KelLong sampleBytes, KelLong bufferType) noexcept;
 
+/// Drops the padding at the end of the rows: moves the first trueWidth samples of each row
+/// together, in place, and makes that the width. The buffer keeps its size. A width that is not
+/// below the container's leaves everything as it is.
+void CompactRows(KelImageData& image, KelLong trueWidth) noexcept;
+
 }  // namespace kel
 
 #endif

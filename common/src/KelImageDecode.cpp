@@ -68,9 +68,12 @@ KelLong ReadFileBoxes(ImageState& state) {
   if (IsBareCodeStream(*d.dataMgr)) return KelOK;
   d.fileInfo = OwnedRecord<KelFileInfo>::Make().Release();
   InitFileInfo(*d.fileInfo);
+  // A stream is not walked past its code stream; a block of memory is.
+  d.dataMgr->SetIndexAllowed(false);
   const KelLong code = ReadBoxes(*d.fileInfo, *d.dataMgr);
+  d.dataMgr->SetIndexAllowed(true);
   if (code != KelErrBoxStructure) return Fail(state, code);
-  if (!d.fileInfo->foundCodeStream) return Fail(state, KelErrBoxSignature);
+  if (!d.fileInfo->codeStreamFound) return Fail(state, KelErrBoxSignature);
   return KelOK;
 }
 
@@ -125,21 +128,21 @@ void DescribeImage(ImageState& state, KelEncOpt& o) {
 
   const KelFileInfo* file = state.decoder->fileInfo;
   if (file == nullptr) return;
-  o.ChannelDefPresent = file->channelDefPresent != 0;
-  o.ChannelDefs = file->channelDefs;
-  o.PalettePresent = file->palettePresent != 0;
-  o.Palette = file->palette;
-  o.XMLPresent = file->xmlPresent != 0;
-  o.NumXMLBoxes = static_cast<KelLong>(file->numXml);
-  o.XMLBoxes = file->xml;
-  o.UUIDPresent = file->uuidPresent != 0;
-  o.NumUUIDBoxes = static_cast<KelLong>(file->numUuid);
-  o.UUIDBoxes = file->uuid;
-  o.ResolutionInfoPresent = file->resolutionPresent != 0;
-  o.ResolutionX = file->resolutionX * kMetresPerInch;
-  o.ResolutionY = file->resolutionY * kMetresPerInch;
-  o.ColorSpecList = file->colorSpecs;
-  o.RateParamB = FromU32(file->codeStreamLength);
+  o.ChannelDefPresent = file->ChannelDefPresent;
+  o.ChannelDefs = file->ChannelDefs;
+  o.PalettePresent = file->PalettePresent;
+  o.Palette = file->Palette;
+  o.XMLPresent = file->XMLPresent;
+  o.NumXMLBoxes = static_cast<KelLong>(file->NumXMLBoxes);
+  o.XMLBoxes = file->XMLBoxes;
+  o.UUIDPresent = file->UUIDPresent;
+  o.NumUUIDBoxes = static_cast<KelLong>(file->NumUUIDBoxes);
+  o.UUIDBoxes = file->UUIDBoxes;
+  o.ResolutionInfoPresent = file->ResolutionInfoPresent;
+  o.ResolutionX = file->horizontalResolution * kMetresPerInch;
+  o.ResolutionY = file->verticalResolution * kMetresPerInch;
+  o.ColorSpecList = file->ColorSpecList;
+  o.RateParamB = static_cast<KelLong>(std::min<std::uint64_t>(file->codeStreamLength, INT32_MAX));
   o.RateMode = 3;
 }
 
@@ -162,11 +165,11 @@ KelLong Reduction(KelDecodePixelAspectRatio aspect, std::int32_t component) {
 const std::uint8_t* FileDepths(const KelFileInfo* file, std::int32_t numComps) {
   if (file == nullptr || file->imageHeader == nullptr) return nullptr;
   const KelImageHeaderInfo& header = *file->imageHeader;
-  if (header.bitDepths == nullptr || header.signedFlags == nullptr ||
+  if (header.bitDepths == nullptr || header.isSigned == nullptr ||
       header.NC != static_cast<std::uint32_t>(numComps)) {
     return nullptr;
   }
-  const bool isSigned = std::any_of(header.signedFlags, header.signedFlags + header.NC,
+  const bool isSigned = std::any_of(header.isSigned, header.isSigned + header.NC,
                                     [](std::uint8_t flag) { return flag != 0; });
   const bool tooDeep = std::any_of(header.bitDepths, header.bitDepths + header.NC,
                                    [](std::uint8_t depth) { return depth > 37; });
@@ -284,7 +287,7 @@ void ReleaseDecoder(ImageState& state) noexcept {
     o->NumXMLBoxes = o->NumUUIDBoxes = 0;
   }
   if (d->fileInfo != nullptr) {
-    ReleaseFileInfo(*d->fileInfo);
+    ReleaseFileInfo(d->fileInfo);
     KelFree(d->fileInfo);
   }
   ReleaseHeaderParams(&d->mainHeader);

@@ -70,8 +70,8 @@ void FindColors(const ImageState& state, std::int32_t (&components)[3]) {
 }
 
 DeliveryContext DescribeDelivery(ImageState& state) {
-  DeliveryContext delivery{state.map, state.decoder->request,
-                           state.decOpt->ForceComponentTransform != 0, {}};
+  DeliveryContext delivery{
+      state.map, state.decoder->request, state.decOpt->ForceComponentTransform != 0, {}};
   FindColors(state, delivery.colorComponents);
   return delivery;
 }

@@ -164,8 +164,9 @@ void LayOutBands(TileCompRecord& record) {
   const int numBands = NumSubbands(record.decodeRes);
   record.bands = OwnedArray<BandRecord>::Make(AsCount(numBands)).Release();
   for (int b = 0; b < numBands; ++b) {
-    const SubbandPlace place = PlaceOfSubband(record.resolutionBox, record.decodeRes, b);
-    record.bands[b] = {place.box, place.column, place.row, false};
+    const CellOffset place = MallatOffset(record.resolutionBox, record.decodeRes, b);
+    record.bands[b] = {SubbandBox(record.resolutionBox, record.decodeRes, b), place.column,
+                       place.row, false};
   }
 }
 
@@ -201,8 +202,7 @@ void InitTileRecords(ImageMap& map) {
     map.geometry->GetTileBoundingBox(map.geometry->GetXIndex(t), map.geometry->GetYIndex(t), &x0,
                                      &x1, &y0, &y1);
     tile.box = {x0, x1, y0, y1};
-    tile.params = {
-        map.mainParams.style, map.mainParams.quant, map.mainParams.changes, false, false, false};
+    tile.params = SharedParams(map.mainParams);
   }
 }
 
@@ -254,7 +254,7 @@ bool HasLargeBlocks(const KelCodingStyle& style, const Box& box) {
     if (width <= kMostBlockExp && height <= kMostBlockExp) continue;
     const int first = r == 0 ? 0 : 3 * r - 2;
     for (int b = first; b <= 3 * r; ++b) {
-      if (!PlaceOfSubband(box, style.numLevels, b).box.IsEmpty()) return true;
+      if (!SubbandBox(box, style.numLevels, b).IsEmpty()) return true;
     }
   }
   return false;
@@ -267,8 +267,8 @@ void LayOutTile(ImageMap& map, TileRecord& tile) {
 void EnsureCoefficients(TileCompRecord& record) {
   const std::int64_t height = record.resolutionBox.Height();
   if (const KelImageData* image = record.waveletData) {
-    if (image->Width == record.rowStride && image->Height == height &&
-        image->SizeOfDataType == 4 && image->ImageBuffer != nullptr) {
+    if (image->Width == record.rowStride && image->Height == height && image->SizeOfDataType == 4 &&
+        image->ImageBuffer != nullptr) {
       return;
     }
     // A host has put another image here: start over.
@@ -302,14 +302,10 @@ void ReleaseTileWork(const ImageMap& map, TileRecord& tile) noexcept {
 }
 
 void RestartTile(ImageMap& map, TileRecord& tile) noexcept {
-  ReleasePacketWalk(tile.walk);
+  ReleaseTileWork(map, tile);
   ReleaseParamSet(tile.params);
-  tile.params = {
-      map.mainParams.style, map.mainParams.quant, map.mainParams.changes, false, false, false};
+  tile.params = SharedParams(map.mainParams);
   tile.progress = {};
-  for (std::int32_t c = 0; tile.comps != nullptr && c < map.numComps; ++c) {
-    ReleaseLayout(tile.comps[c]);
-  }
   tile.compsAreReady = false;
 }
 

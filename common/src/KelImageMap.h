@@ -104,7 +104,8 @@ struct TileRecord {
   bool compsAreReady;
   ParamSet params;
   TileProgress progress;
-  PacketWalk* walk;  ///< decoder; owned
+  PacketWalk* walk;    ///< decoder; owned
+  StashedPart* early;  ///< decoder; owned; tile-parts waiting for those before them
 };
 
 /// The records of an image.

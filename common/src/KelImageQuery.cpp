@@ -19,14 +19,14 @@ const KelChannelDefinition* DefinitionsOf(const ImageState& state) {
 /// The file's opacity record, or null.
 const KelOpacityInfo* OpacityOf(const ImageState& state) {
   const KelFileInfo* file = state.decoder != nullptr ? state.decoder->fileInfo : nullptr;
-  return file != nullptr && file->opacityPresent != 0 ? file->opacity : nullptr;
+  return file != nullptr && file->opacityPresent ? file->opacity : nullptr;
 }
 
 /// Whether the last component carries the opacity of the image, by the file's opacity record. A
 /// chroma key is not a channel.
 bool LastComponentIsOpacity(const ImageState& state) {
   const KelOpacityInfo* opacity = OpacityOf(state);
-  return opacity != nullptr && opacity->type <= 1;
+  return opacity != nullptr && opacity->Otyp <= 1;
 }
 
 bool IsOpacity(KelLong type) {
@@ -175,7 +175,7 @@ KelOpacityType TransparencyTypeOf(const ImageState& state) {
   }
   const KelOpacityInfo* opacity = OpacityOf(state);
   if (opacity == nullptr) return KelOpacityNone;
-  switch (opacity->type) {
+  switch (opacity->Otyp) {
     case 0:
       return KelOpacityPlain;
     case 1:
@@ -189,7 +189,7 @@ KelOpacityType TransparencyTypeOf(const ImageState& state) {
 
 KelChromaKey* ChromaKeyOf(const ImageState& state) {
   const KelOpacityInfo* opacity = OpacityOf(state);
-  return opacity != nullptr && opacity->type == 2 ? opacity->chromaKey : nullptr;
+  return opacity != nullptr && opacity->Otyp == 2 ? opacity->chromaKey : nullptr;
 }
 
 KelLong TransparencyChannelOf(const ImageState& state, KelLong n) {

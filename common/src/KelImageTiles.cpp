@@ -13,6 +13,7 @@
 #include "KelPacketRead.h"
 #include "KelPacketWalk.h"
 #include "KelRaise.h"
+#include "KelTilePartStash.h"
 
 namespace kel {
 namespace {
@@ -32,7 +33,8 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
   const std::int64_t start = data.GetPosition();
   KelLong code = InitHeaderParams(header, false);
-  if (code == KelOK) code = SeedHeaderParams(header, *map.mainHeader, tile.params);
+  if (code == KelOK)
+    code = SeedHeaderParams(header, *map.mainHeader, *tile.params.style, *tile.params.quant);
   if (code != KelOK) Raise(code, kModuleImageMap);
   std::uint32_t length = 0;
   const HeaderResult result = ReadHeader(header, data, &length);
@@ -201,11 +203,15 @@ Search FindPart(TilePass& pass, TileRecord& tile, KelLong& code) {
     const auto sotPart = static_cast<std::int32_t>(data.PeekSotTPsot());
     const bool isOwn = sotTile == tile.index;
     if (data.IndexAllowed()) {
-      if (isOwn && (sotPart == tile.progress.numParts || !FindByIndex(pass, tile))) {
+      if (isOwn && sotPart == tile.progress.numParts) return Search::kFound;
+      if (FindByIndex(pass, tile)) return Search::kFound;
+      // Tile-parts may be numbered badly: one that lies ahead with a number that was read already
+      // counts as the next. One with a later number must wait for those before it.
+      const bool isRepeated = sotPart < tile.progress.numParts;
+      if (isOwn && isRepeated && data.GetPosition() > tile.progress.partStart) {
         return Search::kFound;
       }
-      if (isOwn || FindByIndex(pass, tile)) return Search::kFound;
-      isForeign = true;
+      isForeign = !isOwn;
       break;
     }
     if (isOwn && sotPart <= tile.progress.numParts) return Search::kFound;
@@ -228,7 +234,7 @@ KelLong ReadTile(TilePass& pass, TileRecord& tile) {
     if (data.IndexAllowed()) pass.position = progress.resumePosition;
     return KelOK;
   }
-  const std::int64_t from = progress.partIsOpen ? progress.resumePosition : pass.position;
+  const std::int64_t from = progress.numParts > 0 ? progress.resumePosition : pass.position;
   if (data.IndexAllowed() && data.GetPosition() != from && data.MoveTo(from)) {
     pass.dataEnded = false;
   }

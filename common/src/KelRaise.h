@@ -45,6 +45,18 @@ inline KelException MakeFailure(KelLong code, const char* module, int line = __b
   throw MakeFailure(code, module, line, level);
 }
 
+/// Runs a step that obtains memory, and lets its want of memory be reported in the name of the
+/// module that needed it instead of the memory layer's. Other failures pass unchanged.
+template <class Step>
+auto NamingModule(const char* module, Step step, int line = __builtin_LINE()) {
+  try {
+    return step();
+  } catch (const KelException& failure) {
+    if (failure.errCode == KelErrNoMemory) Raise(KelErrNoMemory, module, line);
+    throw;
+  }
+}
+
 }  // namespace kel
 
 #endif

@@ -4,18 +4,20 @@
 // Positions count from where the block or the stream began. In memory mode the window is the
 // whole block. Reading past the end of the data yields 0xFF bytes and never fails. Moves and
 // buffer requests return small codes that stay inside the library; memory that cannot be obtained
-// raises 8. Host streams may deliver fewer bytes than asked at any time: loads go on until the
-// count is met or Read returns 0 or less; a Read that claims more than was asked counts as failed.
+// raises 8. Host streams may deliver fewer bytes than asked at any time: a request reads on until
+// it is met or Read returns 0 or less; a Read that claims more than was asked counts as failed.
+// A failed read is the end of the data; what arrived before it stays readable.
 //
 // Bit reading: `unreadBits` low bits of `lastByte`, which is the byte before the read position,
-// have not been consumed; 0 to 7 between calls. The block decoder copies this state into a local
-// cursor over the window, runs, and writes it back.
+// have not been consumed; 0 to 7 between calls, 0 after every byte read and every move. While bits
+// are unread their byte stays in front of the read position, also when the window slides. The
+// block decoder copies this state into a local cursor over the window, runs, and writes it back.
 #ifndef KEL_DEC_DATA_MGR_H
 #define KEL_DEC_DATA_MGR_H
 
 #include <cstdint>
 
-#include "KelMemFuncDefs.h"
+#include "KelBytes.h"
 #include "KelSignature.h"
 #include "kel/KelStream.h"
 
@@ -43,7 +45,7 @@ class KelDecDataMgr {
   /// an earlier use survive. Returns 0.
   int InitFromMemory(const KelCompressedData& block, Flavour flavour);
   /// Reads a stream from where it stands, with a first load of min(firstLoad, capacity) bytes.
-  /// Returns 0, or kNothingRead.
+  /// Returns 0, or kNothingRead. The tile-part queries need a capacity of 12 bytes at least.
   int InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity, KelCodeStm* stream,
                      Flavour flavour);
   /// Releases the window; a seekable stream is moved back by the bytes read but not consumed.
@@ -73,24 +75,37 @@ class KelDecDataMgr {
   // ---- Reading ----
 
   /// Makes n unread bytes available in the window.
-  int EnsureBuffered(std::uint64_t n);
+  int EnsureBuffered(std::uint64_t n) { return n <= Available() ? kBufferedOk : Load(n); }
   /// Unread bytes in the window.
-  std::uint64_t Available() const;
+  std::uint64_t Available() const { return static_cast<std::uint64_t>(windowEnd_ - readPosition_); }
   /// The next byte; 0xFF past the end of the data.
-  std::uint32_t ReadByte();
+  std::uint32_t ReadByte() {
+    unreadBits_ = 0;
+    if (readPosition_ == windowEnd_ && Load(1) != kBufferedOk) return ByteBehindEnd();
+    return lastByte_ = *readPosition_++;
+  }
   /// The byte k places ahead, not consumed; 0xFF past the end. The caller has ensured k + 1 bytes.
-  std::uint32_t PeekByte(std::uint64_t k) const;
+  std::uint32_t PeekByte(std::uint64_t k) const {
+    return k < Available() ? readPosition_[k] : 0xFF;
+  }
   /// A big-endian number of n = 1 to 4 bytes; 0 for another n.
-  std::uint32_t ReadUInt(int n);
+  std::uint32_t ReadUInt(int n) {
+    if (n < 1 || n > 4) return 0;
+    if (Available() < 4) return ReadUIntByBytes(n);
+    const std::uint32_t value = LoadBE32(readPosition_) >> (32 - 8 * n);
+    readPosition_ += n;
+    lastByte_ = readPosition_[-1];
+    unreadBits_ = 0;
+    return value;
+  }
   /// Copies up to n bytes and returns their number.
   std::uint64_t ReadBytes(std::uint8_t* destination, std::uint64_t n);
   /// The next n = 1 to 32 bits, most significant first.
   std::uint32_t ReadBits(int n);
   /// Drops the unread bits of the current byte.
   void AlignToByte() { unreadBits_ = 0; }
-  /// Memory mode: the read position is at the end. Stream mode: the stream has ended and the
-  /// window is used up.
-  bool AtEnd() const;
+  /// Not a byte is left, which a stream is asked for when the window is used up.
+  bool AtEnd() { return EnsureBuffered(1) != kBufferedOk; }
   /// Whether a byte past the end has been delivered since the last initialisation or move.
   bool ReadPastEnd() const { return readPastEnd_; }
 
@@ -101,16 +116,17 @@ class KelDecDataMgr {
   /// block.
   std::int64_t Seek(int origin, std::int64_t offset);
   /// Moves forward by n bytes or to the end of the data, whichever comes first: inside the window,
-  /// by a seek, or by reading and dropping. Returns the bytes passed over.
+  /// by a seek, or by reading and dropping. Returns the bytes passed over; when they are fewer
+  /// than n, AtEnd holds.
   std::uint64_t SkipForward(std::uint64_t n);
-  /// Moves to an absolute position; at or past the end of a block means its end. False when a
-  /// stream cannot move there.
+  /// Moves to an absolute position; at or past the end of a block means its end. False, with
+  /// nothing moved, when a stream refuses.
   bool MoveTo(std::int64_t position);
 
   // ---- Tile-parts ----
 
   bool IsSOT();               ///< the next two bytes are SOT and its segment has arrived whole
-  bool IsEOCOrEnd();          ///< the next two bytes are EOC, or fewer than two are left
+  bool IsEOCOrEnd();          ///< EOC, fewer than two bytes left, or an SOT segment cut off
   bool AtTilePartBoundary();  ///< SOT, EOC, or fewer than two bytes left
   bool ReadEOC();             ///< consumes two bytes, unless at the end; true when they were EOC
   bool SkipSOP();             ///< when SOP stands there, consumes its six bytes
@@ -134,6 +150,8 @@ class KelDecDataMgr {
 
   const std::uint8_t* ReadPointer() const { return readPosition_; }
   int UnreadBits() const { return unreadBits_; }
+  /// The byte whose low UnreadBits() bits are unread.
+  std::uint32_t LastByte() const { return lastByte_; }
   /// Puts the read position to `next`, inside the window, with `unread` bits of the byte before it
   /// unread.
   void ResumeAt(const std::uint8_t* next, int unread) {
@@ -143,23 +161,39 @@ class KelDecDataMgr {
   }
 
  private:
+  int Load(std::uint64_t n);
+  void MakeRoom(std::uint64_t n);
+  bool ReadIntoWindow();
+  void EmptyWindow();
+  void ReleaseWindow() noexcept;
+  void SetWindow(const std::uint8_t* start, std::uint64_t length);
+  bool SeekStream(std::int64_t position);
+  std::uint64_t SkipBySeek(std::uint64_t n);
+  std::uint64_t Drop(std::uint64_t n);
+  std::uint32_t ByteBehindEnd();
+  std::uint32_t ReadUIntByBytes(int n);
   std::uint32_t PeekBytesAt(std::uint64_t offset, int count);
+  bool NextIs(std::uint32_t secondByte);
+  bool ScanWindowForMarker();
 
   bool memoryMode_;
   Flavour flavour_;
-  bool bufferAbsent_;
-  bool endOfData_;
+  bool endOfData_;  ///< the stream has delivered its last byte
   bool indexAllowed_;
   bool readPastEnd_;
   std::uint8_t lastByte_;
   int unreadBits_;
-  std::uint64_t capacity_;
-  std::uint64_t fill_;
-  const std::uint8_t* bufferStart_;
-  const std::uint8_t* bufferEnd_;
+  const std::uint8_t* windowStart_;
+  const std::uint8_t* windowEnd_;
   const std::uint8_t* readPosition_;
-  std::uint8_t* window_;  ///< stream mode: the window's memory; null in memory mode
+  // Stream mode. One byte in front of the window's memory keeps the byte before its first one.
+  std::uint8_t* window_;
+  std::uint64_t capacity_, firstLoad_;
+  std::uint64_t windowBytes_;  ///< obtained for the window
+  std::uint64_t nextLoad_;     ///< bytes asked of the stream at the next load
   KelCodeStm* stream_;
+  std::int64_t streamPosition_;  ///< of the window's end
+  std::int64_t knownEnd_;        ///< of the data, once a move has met it; else negative
   KelTilePartIndex* index_;
   std::int32_t tilesAcross_, tilesDown_;
   std::int64_t positionA_, positionB_;

@@ -49,24 +49,29 @@ void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells
   if (precincts.Count() > 1) EnsureBandFilled(record, b, cells);
 
   const KelCodingStyle& style = *record.params.style;
-  BandBlocks blocks;
-  blocks.box = PrecinctOfBand(band.box, precincts, at.precinct, isLowest);
-  blocks.widthExp = std::min(style.blockWidthExp, precincts.widthExp - halving);
-  blocks.heightExp = std::min(style.blockHeightExp, precincts.heightExp - halving);
-  blocks.cells = cells + (band.row + blocks.box.y0 - band.box.y0) * record.rowStride + band.column +
-                 (blocks.box.x0 - band.box.x0);
-  blocks.strideCells = record.rowStride;
-  blocks.layout = style.cbInterleavedSigns != 0 ? SignLayout::kInterleaved : SignLayout::kSeparate;
+  const Box box = PrecinctOfBand(band.box, precincts, at.precinct, isLowest);
+  const BandBlocks blocks = {
+      static_cast<std::int32_t>(box.x0),
+      static_cast<std::int32_t>(box.x1),
+      static_cast<std::int32_t>(box.y0),
+      static_cast<std::int32_t>(box.y1),
+      static_cast<std::uint8_t>(std::min(style.blockWidthExp, precincts.widthExp - halving)),
+      static_cast<std::uint8_t>(std::min(style.blockHeightExp, precincts.heightExp - halving)),
+      cells + (band.row + box.y0 - band.box.y0) * record.rowStride + band.column + box.x0 -
+          band.box.x0,
+      static_cast<std::ptrdiff_t>(record.rowStride)};
+  const SignLayout layout =
+      style.cbInterleavedSigns != 0 ? SignLayout::kInterleavedSigns : SignLayout::kSeparateSigns;
 
   const std::int64_t start = data.GetPosition();
-  BandEnd end = DecodeBandBlocks(data, blocks);
+  BandEnd end = DecodeBandBlocks(data, blocks, layout).end;
   if (end != BandEnd::kWhole && !band.isFilled) {
     // Blocks that were not reached must be zero: start again over zeros.
     EnsureBandFilled(record, b, cells);
-    if (end == BandEnd::kCutOff && data.MoveTo(start)) end = DecodeBandBlocks(data, blocks);
+    if (data.MoveTo(start)) end = DecodeBandBlocks(data, blocks, layout).end;
   }
   band.isFilled = true;
-  if (end == BandEnd::kBadHeader) {
+  if (end == BandEnd::kOutOfRange) {
     data.MoveTo(start + static_cast<std::int64_t>(lengthBytes));
   }
 }

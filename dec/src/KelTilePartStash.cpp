@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "KelMemFuncDefs.h"
+
 namespace kel {
 namespace {
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "HostStream.h"
 
@@ -224,7 +225,7 @@ class Host {
     const auto* bytes = static_cast<const std::uint8_t*>(frame_.buffers[k]);
     for (std::int64_t y = 0; y < height; ++y, bytes += frame_.strides[k]) {
       for (std::int64_t x = 0; x < width; ++x) {
-        std::uint16_t word;
+        std::uint16_t word = 0;
         if (bits_[k] == 16) std::memcpy(&word, bytes + 2 * x, 2);
         plane.samples.push_back(bits_[k] == 16 ? word : bytes[x]);
       }

@@ -1,11 +1,256 @@
-// Scalar reference kernels of the the block coder: whole blocks of 8 x 8 coefficients and their
-// magnitudes.
-#include "KelBlocksKernels.h"
+// Scalar reference kernels of the block coder. The code of a block stands in KelBlocksKernels.h;
+// here it is taken a word at a time: planes as 64-bit words, low bits of several coefficients from
+// one load.
+#include <bit>
+
+#include "KelBlocksPut.h"
+#include "KelBlocksRead.h"
 
 namespace kel {
+namespace {
+
+/// The bit of each column in a row of a plane.
+constexpr std::uint32_t kColumnBits[8] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01};
+
+/// One row of a plane in raster order.
+std::uint32_t RowOfPlane(std::uint64_t plane, int y) {
+  return static_cast<std::uint32_t>(plane >> (56 - 8 * y)) & 0xFF;
+}
+
+/// Swaps the bits that a mask selects with those `distance` places higher.
+constexpr std::uint64_t SwapBits(std::uint64_t word, int distance, std::uint64_t mask) {
+  const std::uint64_t differing = (word ^ word >> distance) & mask;
+  return word ^ differing ^ differing << distance;
+}
+
+/// A plane in raster order from the order of the code: each group is transposed, then the rows of
+/// two neighbouring groups are laid side by side.
+std::uint64_t RasterFromCodeOrder(std::uint64_t plane) {
+  plane = SwapBits(plane, 3, 0x0A0A0A0A0A0A0A0A);
+  plane = SwapBits(plane, 6, 0x00CC00CC00CC00CC);
+  plane = SwapBits(plane, 8, 0x0000FF000000FF00);
+  return SwapBits(plane, 4, 0x00F000F000F000F0);
+}
+
+/// The reverse.
+std::uint64_t CodeFromRasterOrder(std::uint64_t plane) {
+  plane = SwapBits(plane, 4, 0x00F000F000F000F0);
+  plane = SwapBits(plane, 8, 0x0000FF000000FF00);
+  plane = SwapBits(plane, 6, 0x00CC00CC00CC00CC);
+  return SwapBits(plane, 3, 0x0A0A0A0A0A0A0A0A);
+}
+
+// For four places and four bits, with the places first in the index: the first of the bits, at the
+// places. And the number of places.
+struct ScatteredFours {
+  std::uint8_t scattered[256];
+  std::uint8_t taken[16];
+
+  consteval ScatteredFours() : scattered{}, taken{} {
+    for (unsigned index = 0; index < 256; ++index) {
+      taken[index >> 4] = static_cast<std::uint8_t>(std::popcount(index >> 4));
+      unsigned next = 8;
+      for (unsigned place = 8; place != 0; place >>= 1) {
+        if ((index >> 4 & place) == 0) continue;
+        if ((index & next) != 0)
+          scattered[index] = static_cast<std::uint8_t>(scattered[index] | place);
+        next >>= 1;
+      }
+    }
+  }
+};
+constexpr ScatteredFours kScatteredFours;
+
+/// The first bits of `bits`, as many as there are places set, moved to those places.
+std::uint64_t ScatterBits(std::uint64_t bits, std::uint64_t places) {
+  std::uint64_t result = 0;
+  for (int shift = 60; shift >= 0; shift -= 4) {
+    const std::uint64_t four = places >> shift & 15;
+    result = result << 4 | kScatteredFours.scattered[four << 4 | bits >> 60];
+    bits <<= kScatteredFours.taken[four];
+  }
+  return result;
+}
+
+/// The lowest bits of 64 bytes, in the order of the bytes.
+std::uint64_t GatherLowestBits(const std::uint8_t* bytes) {
+  std::uint64_t plane = 0;
+  for (int y = 0; y < 8; ++y) {
+    // Multiplying adds byte k, counted from the first, to the top at bit 63 - k, without carries.
+    const std::uint64_t row = LoadWord(bytes + 8 * y) & 0x0101010101010101;
+    plane = plane << 8 | row * 0x0102040810204080 >> 56;
+  }
+  return plane;
+}
+
+/// Reads the top planes of a block: the magnitudes without their low bits.
+void ReadTopPlanes(const std::uint8_t* window, std::uint64_t bits, std::uint64_t& position,
+                   unsigned planes, std::uint32_t* magnitudes) {
+  GroupWalk walk{window, position, bits};
+  const std::uint64_t upper = RasterFromCodeOrder(walk.ReadPlane());
+  const std::uint64_t lower = planes > 1 ? RasterFromCodeOrder(walk.ReadPlane()) : 0;
+  const std::uint32_t upperValue = std::uint32_t{1} << (planes - 1);
+  position = walk.position;
+  for (int y = 0; y < 8; ++y) {
+    const std::uint32_t upperRow = RowOfPlane(upper, y);
+    const std::uint32_t lowerRow = RowOfPlane(lower, y);
+    for (int x = 0; x < 8; ++x) {
+      magnitudes[8 * y + x] = ((upperRow & kColumnBits[x]) != 0 ? upperValue : 0) |
+                              ((lowerRow & kColumnBits[x]) != 0 ? upperValue >> 1 : 0);
+    }
+  }
+}
+
+/// Adds the low bits of a block's magnitudes, as many coefficients from one load as it holds.
+template <int kTogether>
+void AddLowBits(const std::uint8_t* window, std::uint64_t position, unsigned lowBits,
+                std::uint32_t* magnitudes) {
+  const std::uint32_t mask = 0xFFFFFFFF >> (32 - lowBits);
+  for (int i = 0; i < 64; i += kTogether) {
+    std::uint64_t bits = LoadBits(window, position);
+    position += kTogether * lowBits;
+    for (int j = 0; j < kTogether; ++j) {
+      bits = std::rotl(bits, static_cast<int>(lowBits));
+      magnitudes[i + j] |= static_cast<std::uint32_t>(bits) & mask;
+    }
+  }
+}
+
+/// The value with the sign that a mask of all ones (negative) or zeros gives it.
+std::int32_t WithSign(std::uint32_t magnitude, std::uint32_t signMask) {
+  return static_cast<std::int32_t>((magnitude ^ signMask) - signMask);
+}
+
+std::uint64_t DecodeSeparateSigns(const std::uint8_t* window, std::uint64_t bits,
+                                  std::uint64_t position, unsigned planes, std::int32_t* cells,
+                                  std::ptrdiff_t strideCells) {
+  std::uint32_t magnitudes[64];
+  ReadTopPlanes(window, bits, position, planes, magnitudes);
+  if (planes > 2) {
+    const unsigned lowBits = planes - 2;
+    auto* const add = lowBits <= 7    ? AddLowBits<8>
+                      : lowBits <= 14 ? AddLowBits<4>
+                      : lowBits <= 28 ? AddLowBits<2>
+                                      : AddLowBits<1>;
+    add(window, position, lowBits, magnitudes);
+    position += 64 * lowBits;
+  }
+  std::uint8_t isNonZero[64];
+  for (int i = 0; i < 64; ++i) isNonZero[i] = magnitudes[i] != 0;
+  const std::uint64_t nonZero = GatherLowestBits(isNonZero);
+  const std::uint64_t negative = ScatterBits(LoadAllBits(window, position), nonZero);
+  for (int y = 0; y < 8; ++y, cells += strideCells) {
+    const std::uint32_t row = RowOfPlane(negative, y);
+    for (int x = 0; x < 8; ++x) {
+      cells[x] = WithSign(magnitudes[8 * y + x], (row & kColumnBits[x]) != 0 ? 0xFFFFFFFF : 0);
+    }
+  }
+  return position + static_cast<unsigned>(std::popcount(nonZero));
+}
+
+/// Adds the low bits of a block's magnitudes and stores them with their signs, as many coefficients
+/// from one load as it surely holds. Returns the position behind them.
+template <int kTogether>
+std::uint64_t StoreInterleaved(const std::uint8_t* window, std::uint64_t position, unsigned lowBits,
+                               const std::uint32_t* magnitudes, std::int32_t* cells,
+                               std::ptrdiff_t strideCells) {
+  for (int i = 0; i < 64; i += kTogether) {
+    std::uint64_t bits = LoadBits(window, position);
+    std::int32_t* const row = cells + (i / 8) * strideCells + i % 8;
+    for (int j = 0; j < kTogether; ++j) {
+      const auto low = static_cast<std::uint32_t>(bits >> 1 >> (63 - lowBits));
+      const std::uint32_t magnitude = magnitudes[i + j] | low;
+      bits <<= lowBits;
+      row[j] = WithSign(magnitude, 0 - static_cast<std::uint32_t>(bits >> 63));
+      bits <<= magnitude != 0;
+      position += lowBits + (magnitude != 0);
+    }
+  }
+  return position;
+}
+
+std::uint64_t DecodeInterleavedSigns(const std::uint8_t* window, std::uint64_t bits,
+                                     std::uint64_t position, unsigned planes, std::int32_t* cells,
+                                     std::ptrdiff_t strideCells) {
+  std::uint32_t magnitudes[64];
+  ReadTopPlanes(window, bits, position, planes, magnitudes);
+  const unsigned lowBits = planes > 2 ? planes - 2 : 0;
+  auto* const store = lowBits <= 6    ? StoreInterleaved<8>
+                      : lowBits <= 13 ? StoreInterleaved<4>
+                                      : StoreInterleaved<1>;
+  return store(window, position, lowBits, magnitudes, cells, strideCells);
+}
+
+template <class Cell>
+void EncodeBlock(const Cell* cells, std::ptrdiff_t strideCells, unsigned planes, BlockSink& sink) {
+  std::uint32_t magnitudes[64];
+  std::uint8_t isNegative[64], isNonZero[64], inUpper[64], inLower[64];
+  for (int y = 0; y < 8; ++y, cells += strideCells) {
+    for (int x = 0; x < 8; ++x) {
+      const std::int32_t value = ToInteger(cells[x]);
+      magnitudes[8 * y + x] = MagnitudeOf(value);
+      isNegative[8 * y + x] = value < 0;
+    }
+  }
+  for (int i = 0; i < 64; ++i) {
+    isNonZero[i] = magnitudes[i] != 0;
+    inUpper[i] = static_cast<std::uint8_t>(magnitudes[i] >> (planes - 1));
+    inLower[i] = static_cast<std::uint8_t>(magnitudes[i] << 1 >> (planes - 1));
+  }
+  PutTopPlanes(sink, planes, CodeFromRasterOrder(GatherLowestBits(inUpper)),
+               CodeFromRasterOrder(GatherLowestBits(inLower)));
+  if (planes > 2) PutLowBits(sink, magnitudes, planes - 2);
+  PutSigns(sink, GatherLowestBits(isNegative), GatherLowestBits(isNonZero));
+}
+
+template <class Cell>
+std::uint8_t CountPlanes(const Cell* cells, std::ptrdiff_t strideCells, std::size_t rows) {
+  std::uint32_t all = 0;
+  for (std::size_t y = 0; y < rows; ++y, cells += strideCells) {
+    for (int x = 0; x < 8; ++x) {
+      all |= MagnitudeOf(ToInteger(cells[x]));
+    }
+  }
+  return static_cast<std::uint8_t>(std::bit_width(all));
+}
+
+template <class Cell>
+void CountPlanesOfRun(const Cell* cells, std::ptrdiff_t strideCells, std::size_t rows,
+                      std::size_t count, std::uint8_t* planeCounts) {
+  for (std::size_t i = 0; i < count; ++i) {
+    planeCounts[i] = CountPlanes(cells + 8 * i, strideCells, rows);
+  }
+}
+
+std::size_t DecodeInterleavedSignsScalar(BlockSource& source, std::int32_t* cells,
+                                         std::ptrdiff_t strideCells, std::size_t count) {
+  return DecodeRun(source, cells, strideCells, count, kMostPlanes, DecodeInterleavedSigns);
+}
+
+}  // namespace
+
+std::size_t DecodeSeparateSignsScalar(BlockSource& source, std::int32_t* cells,
+                                      std::ptrdiff_t strideCells, std::size_t count) {
+  return DecodeRun(source, cells, strideCells, count, kMostPlanes, DecodeSeparateSigns);
+}
+
+void EncodeIntegersScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
+                          const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
+  EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<std::int32_t>);
+}
+
+void EncodeFloatsScalar(const float* cells, std::ptrdiff_t strideCells,
+                        const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
+  EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<float>);
+}
 
 void FillScalarBlocksKernels(BlocksKernels& table) noexcept {
-  table = BlocksKernels{};
+  table.decodeSeparateSigns = DecodeSeparateSignsScalar;
+  table.decodeInterleavedSigns = DecodeInterleavedSignsScalar;
+  table.encodeIntegers = EncodeIntegersScalar;
+  table.encodeFloats = EncodeFloatsScalar;
+  table.countPlanesOfIntegers = CountPlanesOfRun<std::int32_t>;
+  table.countPlanesOfFloats = CountPlanesOfRun<float>;
 }
 
 }  // namespace kel

@@ -1,20 +1,42 @@
-// Vector kernels of the the block coder: whole blocks of 8 x 8 coefficients and their magnitudes,
-// written once over the vector length.
+// Vector kernels of the block coder. They are written for AVX2, and for BMI2 where the set allows
+// it; sets without AVX2 keep the scalar ones.
 //
-// Included by one source per instruction set, after KelVector.h; everything here is local to that
-// source. Same bits as the scalar reference.
+// Included by one source per instruction set; everything here is local to that source. Same bits as
+// the scalar reference.
 #ifndef KEL_BLOCKS_VECTOR_H
 #define KEL_BLOCKS_VECTOR_H
 
 #include "KelBlocksKernels.h"
-#include "KelVector.h"
+
+#if defined(__AVX2__)
+
+#include "KelBlocksDecodeVector.h"
+#include "KelBlocksEncodeVector.h"
 
 namespace kel {
 namespace {
 
-void OverwriteWithVector(BlocksKernels&) noexcept {}
+inline void OverwriteWithVector(BlocksKernels& table) noexcept {
+  table.decodeSeparateSigns = DecodeRunVector;
+  table.encodeIntegers = EncodeRunVector<std::int32_t>;
+  table.encodeFloats = EncodeRunVector<float>;
+  table.countPlanesOfIntegers = CountPlanesVector<std::int32_t>;
+  table.countPlanesOfFloats = CountPlanesVector<float>;
+}
 
 }  // namespace
 }  // namespace kel
+
+#else
+
+namespace kel {
+namespace {
+
+inline void OverwriteWithVector(BlocksKernels&) noexcept {}
+
+}  // namespace
+}  // namespace kel
+
+#endif
 
 #endif

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace kel {
 namespace {
@@ -21,6 +22,8 @@ typedef std::int32_t VInt __attribute__((vector_size(KEL_VECTOR_BYTES)));
 typedef std::uint32_t VUInt __attribute__((vector_size(KEL_VECTOR_BYTES)));
 typedef float VFloat __attribute__((vector_size(KEL_VECTOR_BYTES)));
 typedef double VDouble __attribute__((vector_size(KEL_VECTOR_BYTES)));
+/// As many floats as a vector has doubles.
+typedef float VHalfFloat __attribute__((vector_size(KEL_VECTOR_BYTES / 2)));
 
 /// 32-bit and 64-bit lanes of a vector.
 inline constexpr int kLanes = KEL_VECTOR_BYTES / 4;
@@ -38,6 +41,53 @@ template <class V>
 template <class V>
 [[maybe_unused]] inline void Store(void* address, V v) {
   __builtin_memcpy(address, &v, sizeof v);
+}
+
+// Two vectors a, b of n lanes as one sequence of 2n values.
+
+template <class V, int... kLane>
+inline V InterleaveLowLanes(V a, V b, std::integer_sequence<int, kLane...>) {
+  constexpr int n = sizeof...(kLane);
+  return __builtin_shufflevector(a, b, (kLane / 2 + (kLane % 2) * n)...);
+}
+
+template <class V, int... kLane>
+inline V InterleaveHighLanes(V a, V b, std::integer_sequence<int, kLane...>) {
+  constexpr int n = sizeof...(kLane);
+  return __builtin_shufflevector(a, b, (n / 2 + kLane / 2 + (kLane % 2) * n)...);
+}
+
+template <class V, int... kLane>
+inline V EvenOfLanes(V a, V b, std::integer_sequence<int, kLane...>) {
+  return __builtin_shufflevector(a, b, (2 * kLane)...);
+}
+
+template <class V, int... kLane>
+inline V OddOfLanes(V a, V b, std::integer_sequence<int, kLane...>) {
+  return __builtin_shufflevector(a, b, (2 * kLane + 1)...);
+}
+
+template <class V>
+using LaneNumbers = std::make_integer_sequence<int, sizeof(V) / sizeof(V{}[0])>;
+
+/// The first half of a0 b0 a1 b1 ..., and the second.
+template <class V>
+[[maybe_unused]] inline V InterleaveLow(V a, V b) {
+  return InterleaveLowLanes(a, b, LaneNumbers<V>{});
+}
+template <class V>
+[[maybe_unused]] inline V InterleaveHigh(V a, V b) {
+  return InterleaveHighLanes(a, b, LaneNumbers<V>{});
+}
+
+/// Values at the even places of a0 a1 ... b0 b1 ..., and at the odd ones.
+template <class V>
+[[maybe_unused]] inline V EvenOf(V a, V b) {
+  return EvenOfLanes(a, b, LaneNumbers<V>{});
+}
+template <class V>
+[[maybe_unused]] inline V OddOf(V a, V b) {
+  return OddOfLanes(a, b, LaneNumbers<V>{});
 }
 
 }  // namespace

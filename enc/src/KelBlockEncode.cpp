@@ -1,0 +1,367 @@
+// Walking the blocks of bands: counting their planes, then encoding them. Whole blocks go to the
+// kernels, a row of them at a time; smaller ones are encoded here.
+//
+// The plane counts of all bands are known before the first bit is put, and with them the most bytes
+// that can come: the bit writer is made that large and never grows.
+#include "KelBlockEncode.h"
+
+#include <algorithm>
+#include <bit>
+#include <cassert>
+
+#include "KelBitWriter.h"
+#include "KelBlockGrid.h"
+#include "KelColumnPatternCode.h"
+#include "KelMemFuncDefs.h"
+#include "kernels/KelKernels.h"
+
+namespace kel {
+namespace {
+
+// ---- Walking ----
+
+/// Blocks beside each other in a row of blocks: whole ones across, or a single narrower one.
+template <class Cell>
+struct BlockRun {
+  const Cell* cells;
+  int width, height;  ///< of each block
+  std::size_t count;
+  std::size_t first;  ///< index of the first block in the band's raster order
+};
+
+/// Calls visit(run) for all blocks of a band in raster order.
+template <class Cell, class Visit>
+void ForEachRun(const EncodeBand& band, Visit visit) {
+  std::size_t first = 0;
+  const auto* row = static_cast<const Cell*>(band.data);
+  for (std::int64_t y = band.y0; y < band.y1;) {
+    const std::int64_t height = BlockEnd(y, band.y1, kBlockExponent) - y;
+    for (std::int64_t x = band.x0; x < band.x1;) {
+      const std::int64_t width = BlockEnd(x, band.x1, kBlockExponent) - x;
+      const std::int64_t count = width == kBlockSide ? (band.x1 - x) / kBlockSide : 1;
+      visit(BlockRun<Cell>{row + (x - band.x0), static_cast<int>(width), static_cast<int>(height),
+                           static_cast<std::size_t>(count), first});
+      x += width * count;
+      first += static_cast<std::size_t>(count);
+    }
+    row += height * band.strideCells;
+    y += height;
+  }
+}
+
+// ---- Plane counts ----
+
+BlocksKernels::CountPlanes<std::int32_t>* CountKernel(const std::int32_t*) {
+  return Kernels().blocks.countPlanesOfIntegers;
+}
+BlocksKernels::CountPlanes<float>* CountKernel(const float*) {
+  return Kernels().blocks.countPlanesOfFloats;
+}
+
+template <class Cell>
+std::uint8_t CountPlanesOfBlock(const BlockRun<Cell>& block, std::ptrdiff_t strideCells) {
+  std::uint32_t all = 0;
+  for (int y = 0; y < block.height; ++y) {
+    for (int x = 0; x < block.width; ++x) {
+      all |= MagnitudeOf(ToInteger(block.cells[y * strideCells + x]));
+    }
+  }
+  return static_cast<std::uint8_t>(std::bit_width(all));
+}
+
+template <class Cell>
+void CountPlanesOfBlocks(const EncodeBand& band, std::uint8_t* planeCounts) {
+  ForEachRun<Cell>(band, [&](const BlockRun<Cell>& run) {
+    if (run.width < kBlockSide) {
+      planeCounts[run.first] = CountPlanesOfBlock(run, band.strideCells);
+      return;
+    }
+    CountKernel(run.cells)(run.cells, band.strideCells, static_cast<std::size_t>(run.height),
+                           run.count, planeCounts + run.first);
+  });
+}
+
+std::uint64_t CountBlocksOf(const EncodeBand& band) {
+  return AsCount(CountBlocks(band.x0, band.x1, kBlockExponent)) *
+         AsCount(CountBlocks(band.y0, band.y1, kBlockExponent));
+}
+
+/// The plane counts of a band: bits of the magnitudes, 0 to 31.
+struct BandPlanes {
+  const std::uint8_t* planeCounts;  ///< of the blocks, in raster order
+  std::uint64_t numBlocks;
+  std::uint8_t minPlanes;  ///< the smallest count; 127 in a band without blocks
+  std::uint8_t maxPlanes;  ///< the largest count; 0 in a band without blocks
+};
+
+/// Counts the planes of a band's blocks into an array, which the result then refers to.
+BandPlanes CountBandPlanes(const EncodeBand& band, CoefficientKind kind,
+                           std::uint8_t* planeCounts) {
+  if (kind == CoefficientKind::kIntegers) {
+    CountPlanesOfBlocks<std::int32_t>(band, planeCounts);
+  } else {
+    CountPlanesOfBlocks<float>(band, planeCounts);
+  }
+  BandPlanes planes{planeCounts, CountBlocksOf(band), 127, 0};
+  for (std::uint64_t i = 0; i < planes.numBlocks; ++i) {
+    planes.minPlanes = std::min(planes.minPlanes, planeCounts[i]);
+    planes.maxPlanes = std::max(planes.maxPlanes, planeCounts[i]);
+  }
+  return planes;
+}
+
+/// The most bits that a block of n planes takes, for n from 0 on: a whole block, whose groups all
+/// have four columns in both top planes. A smaller block never takes more.
+std::uint64_t MostBitsOfBlock(unsigned planes, unsigned fieldBits) {
+  if (planes == 0) return fieldBits;
+  return fieldBits + (planes == 1 ? 80 : 160 + 64 * std::uint64_t{planes - 2}) + 64;
+}
+
+/// The most bytes that a band takes, its header included.
+std::uint64_t MostBytesOf(const BandPlanes& planes) {
+  const unsigned fieldBits = PlaneCountFieldBits(planes.minPlanes, planes.maxPlanes);
+  std::uint64_t bits = 0;
+  for (std::uint64_t i = 0; i < planes.numBlocks; ++i) {
+    bits += MostBitsOfBlock(planes.planeCounts[i], fieldBits);
+  }
+  return 2 + (bits + 7) / 8;
+}
+
+// ---- One block ----
+
+/// A block smaller than 8 x 8: magnitudes in raster order, and planes in raster order whose rows
+/// have eight places.
+struct SmallBlock {
+  int width, height;
+  std::uint32_t magnitudes[kBlockSide * kBlockSide];
+  std::uint64_t negative, nonZero, upper, lower;
+};
+
+template <class Cell>
+SmallBlock LoadSmallBlock(const BlockRun<Cell>& block, std::ptrdiff_t strideCells,
+                          unsigned planes) {
+  SmallBlock small{};
+  small.width = block.width;
+  small.height = block.height;
+  std::uint32_t* magnitude = small.magnitudes;
+  for (int y = 0; y < block.height; ++y) {
+    for (int x = 0; x < block.width; ++x, ++magnitude) {
+      const std::int32_t value = ToInteger(block.cells[y * strideCells + x]);
+      *magnitude = MagnitudeOf(value);
+      const int place = 63 - 8 * y - x;
+      small.negative |= std::uint64_t{value < 0} << place;
+      small.nonZero |= std::uint64_t{value != 0} << place;
+      small.upper |= std::uint64_t{*magnitude >> (planes - 1) & 1} << place;
+      small.lower |= std::uint64_t{*magnitude << 1 >> (planes - 1) & 1} << place;
+    }
+  }
+  return small;
+}
+
+/// Four bits of a column of a plane in raster order, row y's first.
+unsigned ColumnOf(std::uint64_t plane, int x, int y) {
+  const std::uint32_t spread = static_cast<std::uint32_t>(plane >> (39 - 8 * y - x)) & 0x01010101;
+  return spread * 0x10204080U >> 28;  // adds bits 24, 16, 8 and 0 to bits 31, 30, 29 and 28
+}
+
+void PutGroup(BlockSink& sink, std::uint64_t plane, int x, int y) {
+  unsigned pattern = 0, columns = 0, length = 0;
+  for (int j = 0; j < 4; ++j) {
+    const unsigned column = ColumnOf(plane, x + j, y);
+    const unsigned taken = column != 0 ? 4 : 0;
+    pattern = pattern << 1 | (column != 0 ? 1 : 0);
+    columns = columns << taken | column;
+    length += taken;
+  }
+  const ColumnPatternWord word = kColumnPatternCode[pattern];
+  PutValue(sink, std::uint64_t{word.code} << length | columns, word.length + length);
+}
+
+/// Columns that belong to no group have a flag each, then, when it is set, their bits.
+void PutColumns(BlockSink& sink, std::uint64_t plane, int xBegin, int xEnd, int y, int rows) {
+  for (int x = xBegin; x < xEnd; ++x) {
+    const unsigned column = ColumnOf(plane, x, y) >> (4 - rows);
+    if (column != 0) {
+      PutValue(sink, 1U << rows | column, static_cast<unsigned>(rows) + 1);
+    } else {
+      PutValue(sink, 0, 1);
+    }
+  }
+}
+
+/// Puts one of the top planes: strips of four rows, each as groups of four columns and then the
+/// columns left over at the right; and at last the rows left over at the bottom, in columns.
+void PutPlane(BlockSink& sink, std::uint64_t plane, int width, int height) {
+  const int groupsEnd = width & ~3;
+  int y = 0;
+  for (; y + 4 <= height; y += 4) {
+    for (int x = 0; x < groupsEnd; x += 4) PutGroup(sink, plane, x, y);
+    PutColumns(sink, plane, groupsEnd, width, y, 4);
+  }
+  if (y < height) PutColumns(sink, plane, 0, width, y, height - y);
+}
+
+/// Encodes a block that has planes.
+void EncodeCodeBlock(BlockSink& sink, const SmallBlock& block, unsigned planes) {
+  PutValue(sink, planes - sink.minPlanes, sink.fieldBits);
+  PutPlane(sink, block.upper, block.width, block.height);
+  if (planes > 1) PutPlane(sink, block.lower, block.width, block.height);
+  if (planes > 2) {
+    const unsigned lowBits = planes - 2;
+    const std::uint32_t mask = 0xFFFFFFFF >> (32 - lowBits);
+    const int count = block.width * block.height;
+    for (int i = 0; i < count; ++i) PutValue(sink, block.magnitudes[i] & mask, lowBits);
+  }
+  PutSigns(sink, block.negative, block.nonZero);
+}
+
+// ---- Bands ----
+
+/// A band's encoding under way.
+struct BandEncoding {
+  const EncodeBand& band;
+  const BandPlanes& planes;
+  BitWriter& writer;
+  BlockRateTable& rates;
+};
+
+BlocksKernels::Encode<std::int32_t>* EncodeKernel(const std::int32_t*) {
+  return Kernels().blocks.encodeIntegers;
+}
+BlocksKernels::Encode<float>* EncodeKernel(const float*) {
+  return Kernels().blocks.encodeFloats;
+}
+
+template <class Cell>
+void EncodeRunOfBlocks(BandEncoding& encoding, const BlockRun<Cell>& run) {
+  BlockSink& sink = encoding.writer.sink;
+  const std::ptrdiff_t strideCells = encoding.band.strideCells;
+  const std::uint8_t* const planeCounts = encoding.planes.planeCounts + run.first;
+  if (run.width == kBlockSide && run.height == kBlockSide) {
+    EncodeKernel(run.cells)(run.cells, strideCells, planeCounts, run.count, sink);
+    return;
+  }
+  BlockRun<Cell> block = run;
+  for (std::size_t i = 0; i < run.count; ++i, block.cells += kBlockSide) {
+    const unsigned planes = planeCounts[i];
+    if (planes == 0) {
+      PutValue(sink, 0, sink.fieldBits);
+    } else {
+      EncodeCodeBlock(sink, LoadSmallBlock(block, strideCells, planes), planes);
+    }
+  }
+}
+
+/// Encodes the blocks of a run one by one and records what each came to.
+template <class Cell>
+void EncodeRunWithRates(BandEncoding& encoding, BlockRun<Cell> run) {
+  const BitWriter& writer = encoding.writer;
+  BlockRateTable& rates = encoding.rates;
+  const std::size_t end = run.first + run.count;
+  run.count = 1;
+  for (; run.first < end; ++run.first, run.cells += kBlockSide) {
+    const std::uint64_t before = rates.count == 0 ? 0 : writer.NumBytes();
+    EncodeRunOfBlocks(encoding, run);
+    const std::uint8_t planes = encoding.planes.planeCounts[run.first];
+    const std::uint64_t length = planes == 0 ? 0 : writer.NumBytes() - before;
+    rates.records[rates.count++] = {static_cast<std::uint16_t>(length), planes, 0, 0};
+  }
+}
+
+template <class Cell>
+void EncodeBandBlocks(BandEncoding& encoding) {
+  ForEachRun<Cell>(encoding.band, [&](const BlockRun<Cell>& run) {
+    if (encoding.rates.records != nullptr) return EncodeRunWithRates(encoding, run);
+    EncodeRunOfBlocks(encoding, run);
+    encoding.rates.count += static_cast<std::uint32_t>(run.count);
+  });
+}
+
+/// Encodes a band and returns its bytes: the header, the blocks, and the filling of the last byte.
+std::uint32_t EncodeBandData(BandEncoding& encoding, CoefficientKind kind) {
+  BitWriter& writer = encoding.writer;
+  const BandPlanes& planes = encoding.planes;
+  const std::uint64_t start = writer.NumBytes();
+  writer.Put(planes.minPlanes, 8);
+  writer.Put(planes.maxPlanes, 8);
+  writer.sink.minPlanes = planes.minPlanes;
+  writer.sink.fieldBits = PlaneCountFieldBits(planes.minPlanes, planes.maxPlanes);
+  if (kind == CoefficientKind::kIntegers) {
+    EncodeBandBlocks<std::int32_t>(encoding);
+  } else {
+    EncodeBandBlocks<float>(encoding);
+  }
+  writer.Flush();
+  return static_cast<std::uint32_t>(writer.NumBytes() - start);
+}
+
+constexpr std::int32_t kMostLevels = 32;
+
+/// Obtains the size tables.
+void MakeSizeTables(std::int32_t numLevels, CodedTileComponent& coded) {
+  const auto levels = static_cast<std::uint64_t>(numLevels);
+  coded.numLevels = numLevels;
+  coded.resSize = OwnedArray<std::uint32_t>::Make(5 * levels + 4).Release();
+  coded.bandSize = coded.resSize + numLevels + 1;
+  coded.firstRecord = coded.bandSize + 3 * numLevels + 1;
+}
+
+}  // namespace
+
+void EncodeTileComponent(const EncodeBand* bands, std::int32_t numLevels, CoefficientKind kind,
+                         bool keepRates, CodedTileComponent& coded) {
+  assert(numLevels >= 0 && numLevels <= kMostLevels);
+  const std::int32_t numBands = 3 * numLevels + 1;
+  std::uint64_t numBlocks = 0;
+  for (std::int32_t b = 0; b < numBands; ++b) {
+    numBlocks = SaturatingAdd(numBlocks, CountBlocksOf(bands[b]));
+  }
+  const auto planeCounts = ScratchArray<std::uint8_t>::Make(numBlocks);
+  BandPlanes planes[3 * kMostLevels + 1];
+  std::uint8_t* next = planeCounts.Data();
+  std::uint64_t mostBytes = 0;
+  for (std::int32_t b = 0; b < numBands; ++b) {
+    planes[b] = CountBandPlanes(bands[b], kind, next);
+    next += planes[b].numBlocks;
+    mostBytes += MostBytesOf(planes[b]);
+  }
+
+  ScopeGuard release([&] { ReleaseCodedTileComponent(coded); });
+  MakeSizeTables(numLevels, coded);
+  if (keepRates) coded.rates.records = OwnedArray<BlockRateRecord>::Make(numBlocks).Release();
+  BitWriter writer(mostBytes);
+  for (std::int32_t b = 0; b < numBands; ++b) {
+    const std::int32_t resolution = (b + 2) / 3;
+    if (b == 0 || b % 3 == 1) coded.firstRecord[resolution] = coded.rates.count;
+    BandEncoding encoding{bands[b], planes[b], writer, coded.rates};
+    coded.bandSize[b] = EncodeBandData(encoding, kind);
+    coded.resSize[resolution] += coded.bandSize[b];
+  }
+  coded.firstRecord[numLevels + 1] = coded.rates.count;
+  coded.numBytes = writer.NumBytes();
+  coded.obtainedBytes = writer.ObtainedBytes();
+  coded.bytes = writer.Release();
+  release.Disarm();
+}
+
+void TrimCodedBytes(CodedTileComponent& coded) {
+  coded.bytes =
+      static_cast<std::uint8_t*>(KelRealloc(coded.bytes, coded.obtainedBytes, coded.numBytes));
+  coded.obtainedBytes = coded.numBytes;
+}
+
+void ReleaseCodedBytes(CodedTileComponent& coded) noexcept {
+  KelFree(coded.bytes);
+  KelFree(coded.rates.records);
+  coded.bytes = nullptr;
+  coded.numBytes = coded.obtainedBytes = 0;
+  coded.rates = {};
+}
+
+void ReleaseCodedTileComponent(CodedTileComponent& coded) noexcept {
+  ReleaseCodedBytes(coded);
+  KelFree(coded.resSize);
+  coded = {};
+}
+
+}  // namespace kel

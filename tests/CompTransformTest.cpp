@@ -1,0 +1,263 @@
+// Component transforms and output conversion over rows: layouts of the host's samples, colour
+// transforms both ways, worked values.
+#include "KelCompTransform.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "BitAssembler.h"
+#include "HostMemory.h"
+#include "KelOutputConvert.h"
+
+namespace {
+
+using namespace kel;
+using test::Bytes;
+using test::HostMemory;
+using Ints = std::vector<std::int32_t>;
+using Floats = std::vector<float>;
+
+/// A host's buffer of pixels, and the samples in it by pixel and channel.
+struct HostBuffer {
+  std::int64_t width;
+  std::size_t channels;
+  int depth;
+  std::vector<std::uint32_t> values;
+  std::vector<std::uint8_t> bytes;  // exactly as long as the samples
+  std::vector<std::uint16_t> words;
+
+  HostBuffer(std::int64_t w, std::int64_t h, std::size_t numChannels, int bitDepth)
+      : width(w), channels(numChannels), depth(bitDepth) {
+    static std::mt19937 random(6);
+    const auto rowSamples = static_cast<std::size_t>(w) * channels;
+    test::BitAssembler rows;
+    for (std::size_t i = 0; i < rowSamples * static_cast<std::size_t>(h); ++i) {
+      if (i % rowSamples == 0) rows.Align();
+      values.push_back(static_cast<std::uint32_t>(random()) >> (32 - depth));
+      rows.Bits(values.back(), depth);
+      words.push_back(static_cast<std::uint16_t>(values.back()));
+    }
+    bytes = rows.Result();
+  }
+  SampleSource Channel(std::size_t c) const {
+    return MakeSampleSource(depth == 16 ? static_cast<const void*>(words.data()) : bytes.data(),
+                            width, depth, static_cast<std::uint32_t>(channels),
+                            static_cast<std::uint32_t>(c));
+  }
+  std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
+    return static_cast<std::int32_t>(values[pixel * channels + c] - (1U << (depth - 1)));
+  }
+};
+
+/// Every depth, alone and interleaved, into rows longer than they need be: a bit taken from a
+/// neighbour, an offset of another depth, or a cell written behind the row would show.
+TEST(PreparePlane, ReadsEveryLayout) {
+  HostMemory memory;
+  for (int depth = 1; depth <= 28; ++depth) {
+    for (const auto& [width, channels] :
+         {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {9, 5U}, {1100, 2U}}) {
+      const HostBuffer host(width, 2, channels, depth);
+      for (std::size_t c = 0; c < channels; ++c) {
+        const auto stride = static_cast<std::size_t>(width) + 3;
+        Ints ints(2 * stride, 77);
+        Floats floats(2 * stride, 77);
+        PreparePlane(host.Channel(c), {ints.data(), stride}, {width, 2}, false);
+        PreparePlane(host.Channel(c), {floats.data(), stride}, {width, 2}, true);
+        for (std::size_t i = 0; i < ints.size(); ++i) {
+          const std::size_t x = i % stride, row = i / stride * static_cast<std::size_t>(width);
+          const std::int32_t expected = x < stride - 3 ? host.Levelled(row + x, c) : 77;
+          ASSERT_EQ(ints[i], expected) << depth << " bits, channel " << c << " of " << channels;
+          ASSERT_EQ(floats[i], static_cast<float>(expected)) << depth << " bits";
+        }
+      }
+    }
+  }
+  PreparePlane({}, {}, {0, 5}, false);
+  PreparePlane({}, {}, {5, -1}, true);
+}
+
+/// Sources of a colour triple: one buffer of three or more channels, or one buffer each.
+struct Triple {
+  std::vector<HostBuffer> buffers;
+
+  SampleSource Source(std::size_t c) const {
+    return buffers.size() == 1 ? buffers[0].Channel(c) : buffers[c].Channel(0);
+  }
+  std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
+    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c) : buffers[c].Levelled(pixel, 0);
+  }
+};
+
+constexpr std::int64_t kWidth = 1051;  // more than one piece of a row
+
+std::vector<Triple> Triples() {
+  std::vector<Triple> triples;
+  for (const int depth : {5, 8, 12, 16}) {
+    for (const std::size_t n : {3U, 4U, 6U}) triples.push_back({{HostBuffer(kWidth, 2, n, depth)}});
+  }
+  for (const auto& depths : {std::array{8, 8, 8}, {16, 16, 16}, {8, 16, 12}, {1, 28, 7}}) {
+    triples.push_back({});
+    for (const int depth : depths) triples.back().buffers.emplace_back(kWidth, 2, 1, depth);
+  }
+  return triples;
+}
+
+/// The planes that a triple becomes, with room behind each row.
+template <class Cell>
+struct Planes {
+  static constexpr std::size_t kStride = kWidth + 2;
+  std::vector<Cell> cells[3];
+  ColorPlanes planes;
+
+  explicit Planes(const Triple& triple, bool lumaAlone = false) {
+    CodingPlane targets[3];
+    for (std::size_t c = 0; c < 3; ++c) {
+      cells[c].assign(2 * kStride, 55);
+      planes.cells[c] = cells[c].data();
+      targets[c] = {lumaAlone && c != 0 ? nullptr : planes.cells[c], kStride};
+    }
+    planes.strideCells = kStride;
+    planes.size = {kWidth, 2};
+    planes.floats = std::is_same_v<Cell, float>;
+    PrepareColorPlanes({triple.Source(0), triple.Source(1), triple.Source(2)}, targets, planes.size,
+                       planes.floats);
+  }
+  /// Calls check(pixel index, first cell of each plane) and sees to the cells between rows.
+  template <class Check>
+  void ForEach(Check check) const {
+    for (std::size_t i = 0; i < 2 * kStride; ++i) {
+      const std::size_t x = i % kStride;
+      if (x < kWidth) {
+        check(i / kStride * kWidth + x, cells[0][i], cells[1][i], cells[2][i]);
+      } else {
+        for (const auto& plane : cells) ASSERT_EQ(plane[i], 55) << "written behind a row";
+      }
+    }
+  }
+  /// Whether the inverse transform gives the sources back.
+  void CheckInverse(const Triple& triple, double tolerance) {
+    InverseComponentTransform(planes);
+    ForEach([&](std::size_t i, Cell r, Cell g, Cell b) {
+      ASSERT_NEAR(r, triple.Levelled(i, 0), tolerance);
+      ASSERT_NEAR(g, triple.Levelled(i, 1), tolerance);
+      ASSERT_NEAR(b, triple.Levelled(i, 2), tolerance);
+    });
+  }
+};
+
+TEST(ColorTransform, ReversibleIsExactBothWays) {
+  HostMemory memory;
+  for (const Triple& triple : Triples()) {
+    Planes<std::int32_t> image(triple);
+    image.ForEach([&](std::size_t i, std::int32_t y, std::int32_t u, std::int32_t v) {
+      const double r = triple.Levelled(i, 0), g = triple.Levelled(i, 1), b = triple.Levelled(i, 2);
+      ASSERT_EQ(y, std::floor((r + 2 * g + b) / 4));
+      ASSERT_EQ(u, b - g);
+      ASSERT_EQ(v, r - g);
+    });
+    const Planes<std::int32_t> luma(triple, true);
+    EXPECT_EQ(luma.cells[0], image.cells[0]);
+    EXPECT_EQ(luma.cells[1], std::vector(luma.cells[1].size(), 55));
+    image.CheckInverse(triple, 0);
+  }
+}
+
+/// The two matrices are inverse to each other within the digits that they are given with.
+TEST(ColorTransform, IrreversibleKeepsToItsFormulas) {
+  HostMemory memory;
+  for (const Triple& triple : Triples()) {
+    Planes<float> image(triple);
+    double largest = 0;
+    image.ForEach([&](std::size_t i, float y, float cb, float cr) {
+      const double r = triple.Levelled(i, 0), g = triple.Levelled(i, 1), b = triple.Levelled(i, 2);
+      const double tolerance = 1e-6 * (std::abs(r) + std::abs(g) + std::abs(b));
+      largest = std::max(largest, tolerance);
+      ASSERT_NEAR(y, 0.299 * r + 0.587 * g + 0.114 * b, tolerance);
+      ASSERT_NEAR(cb, -0.16875 * r - 0.33126 * g + 0.5 * b, tolerance);
+      ASSERT_NEAR(cr, 0.5 * r - 0.41869 * g - 0.08131 * b, tolerance);
+    });
+    image.CheckInverse(triple, 20 * largest);
+  }
+}
+
+TEST(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
+  HostMemory memory;
+  KelEncOpt options;
+  options.InitToDefaults(64, 64, 64, 64, 4, 8);
+  KelImageGeometry& geometry = *options.GeomParams;
+  const auto applies = [&](auto& field, int value) {
+    const auto before = std::exchange(field, value);
+    const bool result = ColorTransformApplies(options);
+    field = before;
+    return result;
+  };
+  options.NumColorChannels = 3;
+  options.ComponentTransform = true;
+  EXPECT_TRUE(ColorTransformApplies(options));
+  EXPECT_TRUE(applies(geometry.XRsiz[3], 2)) << "the fourth component plays no part";
+  EXPECT_FALSE(applies(geometry.XRsiz[1], 2));
+  EXPECT_FALSE(applies(geometry.YRsiz[2], 2));
+  EXPECT_FALSE(applies(geometry.Csiz, 2));
+  EXPECT_FALSE(applies(options.NumColorChannels, 2));
+  EXPECT_FALSE(applies(options.ComponentTransform, false));
+  options.Die();
+}
+
+/// A triple of one pixel in all three forms of output.
+template <class Cell>
+Bytes PixelOf(Cell y, Cell second, Cell third) {
+  const ColorPlanes planes = {{&y, &second, &third}, 1, {1, 1}, std::is_same_v<Cell, float>};
+  Bytes pixel(3);
+  ColorPlanesToPixels(planes, pixel.data(), 3);
+  return pixel;
+}
+
+TEST(OutputConvert, RoundsClampsAndWraps) {
+  HostMemory memory;
+  EXPECT_EQ(PixelOf(127.5F, 0.F, 0.F), Bytes(3, 255));
+  EXPECT_EQ(PixelOf(-128.5F, 0.F, 0.F), Bytes(3, 0)) << "half below zero";
+  EXPECT_EQ(PixelOf(0.5F, 0.F, 0.F), Bytes(3, 128)) << "halves to even";
+  EXPECT_EQ(PixelOf(1.5F, 0.F, 0.F), Bytes(3, 130)) << "halves to even";
+  EXPECT_EQ(PixelOf(NAN, 0.F, 0.F), Bytes(3, 0));
+  EXPECT_EQ(PixelOf(0.F, 100.F, -100.F), (Bytes{0, 165, 255}));
+  EXPECT_EQ(PixelOf(200, 0, 0), Bytes(3, 72)) << "integers wrap around";
+  EXPECT_EQ(PixelOf(-1, -255, -255), (Bytes{0, 255, 0}));
+  const Floats floats = {-129, -128.5F, 127.5F, 1e9F};
+  const Ints ints = {-129, -128, 127, 128};
+  Bytes bytes(4);
+  FloatPlaneTo8Bit(bytes.data(), 2, 2, floats.data());
+  EXPECT_EQ(bytes, (Bytes{0, 0, 255, 255}));
+  IntPlaneTo8Bit(bytes.data(), 2, 2, ints.data());
+  EXPECT_EQ(bytes, (Bytes{255, 0, 255, 0}));
+}
+
+/// 8-bit colours survive both transforms, into planes with gaps and into pixels.
+template <class Cell>
+void CheckBytesOf(const Triple& triple) {
+  const Planes<Cell> image(triple);
+  const std::size_t stride = kWidth + 5;
+  Bytes planar[3] = {Bytes(2 * stride, 9), Bytes(2 * stride, 9), Bytes(2 * stride, 9)};
+  Bytes pixels(2 * 3 * stride, 9);
+  ColorPlanesTo8Bit(image.planes, {planar[0].data(), planar[1].data(), planar[2].data()}, stride);
+  ColorPlanesToPixels(image.planes, pixels.data(), 3 * stride);
+  for (std::size_t i = 0; i < 2 * stride; ++i) {
+    const std::size_t x = i % stride, pixel = i / stride * kWidth + x;
+    for (std::size_t c = 0; c < 3; ++c) {
+      const int expected = x < kWidth ? triple.Levelled(pixel, c) + 128 : 9;
+      ASSERT_EQ(planar[c][i], expected);
+      ASSERT_EQ(pixels[3 * i + c], expected);
+    }
+  }
+}
+
+TEST(OutputConvert, EightBitColoursSurvive) {
+  HostMemory memory;
+  const Triple triple{{HostBuffer(kWidth, 2, 3, 8)}};
+  CheckBytesOf<std::int32_t>(triple);
+  CheckBytesOf<float>(triple);
+}
+
+}  // namespace

@@ -1,0 +1,274 @@
+// The decoder's byte source: whatever the window and the host do, the same bytes come out.
+#include "KelDecDataMgr.h"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <string>
+
+#include "DataSource.h"
+#include "HostMemory.h"
+#include "KelRaise.h"
+
+namespace {
+
+using namespace kel;
+using test::Bytes;
+using test::DataSource;
+using test::Delivery;
+using test::HostMemory;
+
+Bytes Ramp(std::size_t n) {
+  Bytes ramp(n);
+  for (std::size_t i = 0; i < n; ++i) ramp[i] = static_cast<std::uint8_t>(i * 167 + (i >> 8));
+  return ramp;
+}
+
+/// Everything that a walk of mixed reads over a source delivers, positions included.
+std::string Transcript(DataSource& data) {
+  std::string log;
+  const auto note = [&](std::uint64_t value) { log += std::to_string(value) + ' '; };
+  std::uint32_t random = 7;
+  while (!data->AtEnd()) {
+    random = random * 1664525 + 1013904223;
+    const std::uint32_t n = random >> 20 & 31;
+    std::uint8_t copied[32] = {};
+    switch (random >> 29) {
+      case 0:
+        note(data->ReadByte());
+        break;
+      case 1:
+        note(data->ReadUInt(static_cast<int>(n & 7)));
+        break;
+      case 2:
+        note(data->ReadBytes(copied, n));
+        for (const std::uint8_t byte : copied) note(byte);
+        break;
+      case 3:
+        note(data->SkipForward(n));
+        break;
+      case 4:
+        note(data->EnsureBuffered(1) == kBufferedOk ? data->PeekByte(0) : 256);
+        break;
+      default:
+        for (std::uint32_t i = 0; i < 1 + (n & 3); ++i) {
+          note(data->ReadBits(static_cast<int>(n) + 1));
+          if (data->UnreadBits() == 0) continue;
+          // A window that slides between keeps the byte whose bits are unread.
+          note(data->LastByte());
+          if (data->EnsureBuffered(1) == kBufferedOk) note(data->ReadPointer()[-1]);
+        }
+    }
+    note(static_cast<std::uint64_t>(data->GetPosition()));
+  }
+  note(data->ReadByte());
+  note(data->ReadPastEnd());
+  note(data->ReadUInt(4));
+  note(data->SkipForward(5));
+  return log;
+}
+
+TEST(DecDataMgr, WindowsNeverShow) {
+  HostMemory memory;
+  const Bytes bytes = Ramp(3001);
+  DataSource block(bytes, Flavour::kAB);
+  const std::string expected = Transcript(block);
+  EXPECT_GT(expected.size(), 1000U);
+  for (const std::uint32_t capacity : {1U, 2U, 3U, 7U, 64U, 204800U}) {
+    for (const bool seekable : {true, false}) {
+      for (const KelLong mostPerRead : {1, 5, INT32_MAX}) {
+        DataSource stream(bytes, Flavour::kAB, {false, seekable, capacity, mostPerRead});
+        EXPECT_EQ(Transcript(stream), expected)
+            << capacity << ' ' << seekable << ' ' << mostPerRead;
+      }
+    }
+  }
+}
+
+TEST(DecDataMgr, BehindTheEndAreOnes) {
+  HostMemory memory;
+  for (const bool inMemory : {true, false}) {
+    DataSource data({0x12, 0x34, 0x56}, Flavour::kFF, {inMemory});
+    EXPECT_EQ(data->ReadBits(4), 1U);
+    EXPECT_EQ(data->ReadBits(12), 0x234U);
+    EXPECT_FALSE(data->AtEnd());
+    EXPECT_EQ(data->EnsureBuffered(2), kDataEnded);
+    EXPECT_EQ(data->PeekByte(0), 0x56U) << "a failed request must not lose what there is";
+    EXPECT_EQ(data->PeekByte(1), 0xFFU);
+    EXPECT_FALSE(data->ReadPastEnd());
+    EXPECT_EQ(data->ReadUInt(3), 0x56FFFFU);
+    EXPECT_TRUE(data->ReadPastEnd());
+    EXPECT_TRUE(data->AtEnd());
+    EXPECT_EQ(data->GetPosition(), 3) << "bytes that do not exist are not counted";
+    EXPECT_EQ(data->ReadUInt(0) + data->ReadUInt(5), 0U);
+    ASSERT_TRUE(data->MoveTo(1));
+    EXPECT_FALSE(data->ReadPastEnd());
+    EXPECT_EQ(data->ReadUInt(2), 0x3456U);
+  }
+  DataSource nothing({}, Flavour::kFF, {false});
+  EXPECT_TRUE(nothing.result == kNothingRead && nothing->AtEnd());
+  DataSource empty({}, Flavour::kFF);
+  EXPECT_TRUE(empty->AtEnd());
+  EXPECT_EQ(empty->Seek(1, 0), kMoveRefused);
+}
+
+// Requests beyond the capacity; loads of a few bytes each, which would crawl through a file.
+TEST(DecDataMgr, RequestsAndLoads) {
+  HostMemory memory;
+  DataSource data(Ramp(300000), Flavour::kFF, {false});
+  EXPECT_EQ(data.host->reads, 1);
+  EXPECT_EQ(data->Available(), kFirstLoadBytes);
+  EXPECT_EQ(data->EnsureBuffered(kWindowBytes + 1), kAboveCapacity);
+  EXPECT_EQ(data->EnsureBuffered(kWindowBytes), kBufferedOk);
+  EXPECT_EQ(data->SkipForward(250000), 250000U);
+  data.host->reads = 0;
+  for (int i = 0; i < 50000; ++i) data->ReadByte();
+  EXPECT_TRUE(data->AtEnd());
+  EXPECT_LT(data.host->reads, 8);
+}
+
+TEST(DecDataMgr, SeeksInABlockStayStrictlyInside) {
+  HostMemory memory;
+  DataSource data(Ramp(10), Flavour::kFF);
+  EXPECT_EQ(data->Seek(0, -1), kMoveRefused);
+  EXPECT_EQ(data->Seek(0, 9), 9);
+  EXPECT_EQ(data->Seek(0, -9), kMoveRefused) << "the first byte is not a relative target";
+  EXPECT_EQ(data->Seek(0, 1), kMoveRefused) << "nor is the end";
+  EXPECT_EQ(data->Seek(1, 0), 0);
+  EXPECT_EQ(data->Seek(1, 10), kMoveRefused);
+  EXPECT_EQ(data->Seek(1, -1), kMoveRefused);
+  EXPECT_EQ(data->Seek(2, 1), kMoveRefused);
+  EXPECT_EQ(data->GetPosition(), 0);
+  EXPECT_TRUE(data->MoveTo(11)) << "at or behind the end is the end";
+  EXPECT_EQ(data->GetPosition(), 10);
+  EXPECT_FALSE(data->MoveTo(-1));
+}
+
+TEST(DecDataMgr, SeeksInAStream) {
+  HostMemory memory;
+  DataSource data(Ramp(300), Flavour::kFF, {false, true, 100});
+  EXPECT_EQ(data->Seek(0, 10), 10) << "inside the window, without the host";
+  EXPECT_EQ(data.host->seeks, 0);
+  EXPECT_EQ(data->Seek(0, 100), 0);
+  EXPECT_EQ(data->GetPosition(), 110);
+  EXPECT_EQ(data->ReadByte(), data.bytes[110]);
+  EXPECT_EQ(data->Seek(1, 299), 0);
+  EXPECT_EQ(data->ReadByte(), data.bytes[299]);
+  EXPECT_TRUE(data->AtEnd());
+  EXPECT_EQ(data->Seek(1, 5), 0) << "a move back ends the end";
+  EXPECT_FALSE(data->AtEnd());
+  for (const std::int64_t offset :
+       {std::int64_t{-6}, std::int64_t{1} << 31, -(std::int64_t{1} << 40)}) {
+    EXPECT_EQ(data->Seek(0, offset), -8) << offset;
+  }
+  EXPECT_EQ(data->Seek(2, 5), -8);
+  data.host->refuseSeek = true;
+  EXPECT_EQ(data->Seek(1, 200), -8);
+  EXPECT_FALSE(data->MoveTo(200));
+  EXPECT_EQ(data->ReadByte(), data.bytes[5]) << "a refused move must lose nothing";
+
+  DataSource deaf(Ramp(300), Flavour::kFF, {false, false});
+  EXPECT_EQ(deaf->Seek(0, 1), kMoveNotSeekable);
+  EXPECT_FALSE(deaf->MoveTo(1));
+  EXPECT_FALSE(deaf->IndexAllowed());
+}
+
+// Skips that turn backwards, stay where they are, or pass the end and are not noticed.
+TEST(DecDataMgr, SkipsEndAtTheEnd) {
+  HostMemory memory;
+  const Bytes bytes = Ramp(1000);
+  const Delivery deliveries[] = {
+      {true}, {false, true, 64}, {false, false, 64}, {false, true, 64, 1}};
+  for (const Delivery& how : deliveries) {
+    for (const std::uint64_t n : {std::uint64_t{993}, std::uint64_t{994}, std::uint64_t{100000},
+                                  std::uint64_t{0xFFFFFFF0}, UINT64_MAX}) {
+      DataSource data(bytes, Flavour::kFF, how);
+      data->ReadBits(49);
+      EXPECT_EQ(data->SkipForward(n), 993U);
+      EXPECT_EQ(data->GetPosition(), 1000);
+      EXPECT_TRUE(data->AtEnd());
+      EXPECT_EQ(data->UnreadBits(), 0);
+      EXPECT_EQ(data->SkipForward(n), 0U);
+    }
+    DataSource data(bytes, Flavour::kFF, how);
+    EXPECT_EQ(data->SkipForward(999), 999U);
+    EXPECT_EQ(data->ReadByte(), bytes[999]);
+    EXPECT_FALSE(data->ReadPastEnd());
+  }
+  DataSource refusing(bytes, Flavour::kFF, {false, true, 64});
+  refusing.host->refuseSeek = true;
+  EXPECT_EQ(refusing->SkipForward(500), 500U);
+  EXPECT_EQ(refusing->ReadByte(), bytes[500]);
+
+  DataSource strayed(bytes, Flavour::kFF, {false, true, 64});
+  strayed.host->procs.Seek = [](void*, KelLong, KelLong) -> KelLong { return 3; };
+  strayed->SkipForward(500);
+  EXPECT_TRUE(strayed->AtEnd()) << "a host that moves elsewhere must not lead in circles";
+}
+
+TEST(DecDataMgr, HostsThatLieDeliverNothing) {
+  HostMemory memory;
+  for (const KelLong lie : {-1, INT32_MAX, static_cast<KelLong>(kFirstLoadBytes) + 1}) {
+    DataSource data(Ramp(4), Flavour::kFF, {false});
+    EXPECT_EQ(data->ReadByte(), data.bytes[0]);
+    data.host->readResult = lie;
+    EXPECT_EQ(data->EnsureBuffered(4), kDataEnded);
+    EXPECT_EQ(data->ReadUInt(4), 0xA74EF5FFU) << "what had arrived stays";
+    std::uint8_t two[2];
+    EXPECT_EQ(data->ReadBytes(two, 2), 0U);
+    EXPECT_EQ(data->InitFromStream(10, 10, data.host->Stream(), Flavour::kFF), kNothingRead);
+  }
+}
+
+// A frame gives back what it did not consume, and later frames find the positions of earlier ones.
+TEST(DecDataMgr, StateAcrossFrames) {
+  HostMemory memory;
+  DataSource data(Ramp(300), Flavour::kAB, {false});
+  data->SkipForward(20);
+  data->SavePositionB();
+  data->ReadUInt(3);
+  data->SavePositionA();
+  data->SetIndexAllowed(false);
+  EXPECT_FALSE(data->IndexAllowed());
+  data->ResetDataMgr();
+  EXPECT_EQ(data.host->position, 23U);
+  EXPECT_EQ(data->GetPosition(), 23);
+  EXPECT_EQ(data->ReadByte(), data.bytes[23]) << "a window that was given back is loaded again";
+
+  EXPECT_EQ(data->InitFromMemory({data.bytes.data(), 300}, Flavour::kFF), 0);
+  EXPECT_TRUE(data->IndexAllowed());
+  EXPECT_EQ(data->MarkerByte(), 0xFFU);
+  data->ReturnToPositionB();
+  EXPECT_EQ(data->GetPosition(), 20);
+  data->ReturnToPositionA();
+  EXPECT_EQ(data->ReadByte(), data.bytes[23]);
+}
+
+TEST(DecDataMgr, BitsGoOnWhereACursorStopped) {
+  HostMemory memory;
+  DataSource data(test::Hex("A5 3C F0 0F"), Flavour::kAB);
+  data->ReadByte();
+  const std::uint8_t* next = data->ReadPointer() + 1;  // a cursor consumed 3 bits of 3C
+  data->ResumeAt(next, 5);
+  EXPECT_EQ(data->ReadBits(5), 0x1CU);
+  EXPECT_EQ(data->ReadBits(3), 7U);
+  data->AlignToByte();
+  EXPECT_EQ(data->ReadBits(8), 0x0FU);
+  EXPECT_EQ(data->GetPosition(), 4);
+}
+
+TEST(DecDataMgr, RefusedWindowsNameTheModule) {
+  HostMemory memory;
+  test::SweepRefusals(memory, [&]() -> KelLong {
+    DataSource data(Ramp(1000), Flavour::kFF, {false, true, 300000});
+    try {
+      data->EnsureBuffered(200000);
+    } catch (const KelException& failure) {
+      EXPECT_STREQ(failure.srcFile, kModuleDecDataMgr);
+      throw;
+    }
+    return KelOK;
+  });
+}
+
+}  // namespace

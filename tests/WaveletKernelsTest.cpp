@@ -1,0 +1,165 @@
+// Every set of wavelet kernels against the scalar ones, bit for bit.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <functional>
+#include <random>
+
+#include "GuardedRows.h"
+#include "kernels/KelKernels.h"
+
+namespace {
+
+using test::GuardedRows;
+
+constexpr std::int64_t kMostCount = 67;
+/// Cells before the first sample of an input, and behind the last, that kernels across may read.
+constexpr std::int64_t kReach = 4;
+
+/// Extremes, values that wrap, and noise.
+std::int32_t HardInt(std::mt19937& random) {
+  const std::int32_t extremes[] = {INT32_MIN, INT32_MAX, 0, -1, 1, 2, -2, INT32_MAX / 2};
+  return random() % 2 == 0 ? extremes[random() % std::size(extremes)]
+                           : static_cast<std::int32_t>(random());
+}
+
+/// Values whose sums round differently in another order, huge and tiny ones, both zeros.
+float HardFloat(std::mt19937& random) {
+  const float extremes[] = {0.0F, -0.0F, 1e30F, -1e30F, 1e-42F, -3e-39F, 16777217.0F, 0.1F};
+  if (random() % 4 == 0) return extremes[random() % std::size(extremes)];
+  const float scale =
+      std::bit_cast<float>(static_cast<std::uint32_t>(127 - 12 + random() % 24) << 23);
+  return scale * (static_cast<float>(random()) / 2147483648.0F - 1.0F);
+}
+
+template <class T>
+T Hard(std::mt19937& random) {
+  if constexpr (std::is_same_v<T, std::int32_t>)
+    return HardInt(random);
+  else
+    return static_cast<T>(HardFloat(random));
+}
+
+/// What one kernel call works on: rows of input with all that may be read around them, and rows
+/// of output with margins. `lead` moves all of them off alignment.
+template <class Cell>
+struct Case {
+  GuardedRows<Cell> in;
+  GuardedRows<float> floats;
+  GuardedRows<double> states;
+  GuardedRows<Cell> out;
+  GuardedRows<std::uint8_t> bytes;
+
+  Case(std::int64_t count, std::int64_t lead, std::mt19937& random)
+      : in(2 * count + 2 * kReach, 8, 1 + lead, lead),
+        floats(2 * count, 1, 3, lead),
+        states(count, 2, 5, lead),
+        out(2 * count, 2, 3, lead),
+        bytes(count, 1, 3, lead) {
+    in.Fill([&] { return Hard<Cell>(random); });
+    for (std::int64_t i = 0; i < count; ++i) states.At(i, 0) = double{HardFloat(random)};
+  }
+  const Cell* In(std::int64_t row) { return &in.At(kReach, row); }
+  bool operator==(const Case&) const = default;
+};
+
+/// Runs a kernel of every set on the same hard values, for all counts at several alignments, and
+/// compares all that is around the outputs too. The in-bounds check is the sanitizers'.
+template <class Cell>
+void CompareSets(
+    const std::function<void(const kel::WaveletKernels&, Case<Cell>&, std::size_t count)>& run) {
+  kel::KernelTable scalar;
+  ASSERT_TRUE(kel::FillKernelTable(kel::KernelSet::kScalar, scalar));
+  for (const kel::KernelSet set : kel::kAllKernelSets) {
+    kel::KernelTable table;
+    if (!kel::FillKernelTable(set, table)) continue;
+    for (std::int64_t count = 1; count <= kMostCount; ++count) {
+      for (std::int64_t lead = 0; lead < 3; ++lead) {
+        std::mt19937 random(static_cast<unsigned>(count * 3 + lead));
+        Case<Cell> expected(count, lead, random);
+        Case<Cell> found = expected;
+        const GuardedRows<Cell> input = expected.in;
+        run(scalar.wavelet, expected, static_cast<std::size_t>(count));
+        run(table.wavelet, found, static_cast<std::size_t>(count));
+        ASSERT_TRUE(found == expected) << kel::KernelSetName(set) << " count " << count;
+        ASSERT_TRUE(found.in == input && found.out.MarginIntact());
+      }
+    }
+  }
+}
+
+template <class Cell>
+void CompareSynthesis(kel::SynthesisKernels<Cell> kel::WaveletKernels::*kernels) {
+  CompareSets<Cell>([=](const kel::WaveletKernels& table, Case<Cell>& c, std::size_t count) {
+    (table.*kernels).row(c.In(0), c.In(1), c.out.Data(), count);
+  });
+  CompareSets<Cell>([=](const kel::WaveletKernels& table, Case<Cell>& c, std::size_t count) {
+    const Cell* const low[] = {c.In(0), c.In(1), c.In(2)};
+    const Cell* const high[] = {c.In(3), c.In(4), c.In(5), c.In(6)};
+    (table.*kernels).rows(low, high, c.In(7), &c.out.At(0, 0), &c.out.At(0, 1), count);
+  });
+}
+
+TEST(WaveletKernels, SynthesisHasTheSameBitsInEverySet) {
+  CompareSynthesis(&kel::WaveletKernels::synthesis53);
+  CompareSynthesis(&kel::WaveletKernels::synthesis97);
+  CompareSynthesis(&kel::WaveletKernels::synthesis97Single);
+}
+
+TEST(WaveletKernels, AnalysisHasTheSameBitsInEverySet) {
+  using Ints = Case<std::int32_t>;
+  using Floats = Case<float>;
+  CompareSets<std::int32_t>([](const kel::WaveletKernels& table, Ints& c, std::size_t count) {
+    table.analyseRow53(c.In(0), &c.out.At(0, 0), &c.out.At(0, 1), count);
+  });
+  CompareSets<std::int32_t>([](const kel::WaveletKernels& table, Ints& c, std::size_t count) {
+    const std::int32_t* const x[] = {c.In(0), c.In(1), c.In(2)};
+    table.analyseRows53(x, c.In(3), &c.out.At(0, 0), &c.out.At(0, 1), count);
+  });
+  CompareSets<float>([](const kel::WaveletKernels& table, Floats& c, std::size_t count) {
+    const double factors[] = {1.0 / 3, 0.7};
+    table.analyseRow97(c.In(0), &c.out.At(0, 0), &c.out.At(0, 1), count, factors);
+  });
+  CompareSets<float>([](const kel::WaveletKernels& table, Floats& c, std::size_t count) {
+    const float* x[7];
+    for (std::int64_t i = 0; i < 7; ++i) x[i] = c.In(i);
+    float* const lowHigh[] = {&c.out.At(0, 0), &c.out.At(0, 1)};
+    table.analyseRows97(x, &c.states.At(0, 0), &c.states.At(0, 1), lowHigh, count);
+  });
+}
+
+// Ties in both directions and values beyond a byte are the faults that a narrowing hides.
+TEST(WaveletKernels, ConversionsHaveTheSameBitsInEverySet) {
+  CompareSets<std::int32_t>(
+      [](const kel::WaveletKernels& table, Case<std::int32_t>& c, std::size_t count) {
+        table.dequantise(c.In(0), c.floats.Data(), count, 0.3F, 0.5F);
+      });
+  CompareSets<float>([](const kel::WaveletKernels& table, Case<float>& c, std::size_t count) {
+    table.floatTo8BitAway(c.In(0), c.bytes.Data(), count);
+  });
+  for (const kel::KernelSet set : kel::kAllKernelSets) {
+    kel::KernelTable table;
+    if (!kel::FillKernelTable(set, table)) continue;
+    std::vector<float> in(64);
+    const float values[] = {0.5F,
+                            1.5F,
+                            -0.5F,
+                            -127.5F,
+                            -128.4F,
+                            126.5F,
+                            127.0F,
+                            127.5F,
+                            1e20F,
+                            -1e20F,
+                            std::numeric_limits<float>::quiet_NaN()};
+    const std::uint8_t expected[] = {129, 130, 128, 1, 0, 255, 255, 255, 255, 0, 0};
+    for (std::size_t i = 0; i < in.size(); ++i) in[i] = values[i % std::size(values)];
+    std::vector<std::uint8_t> out(in.size());
+    table.wavelet.floatTo8BitAway(in.data(), out.data(), in.size());
+    for (std::size_t i = 0; i < in.size(); ++i) {
+      EXPECT_EQ(out[i], expected[i % std::size(values)]) << in[i];
+    }
+  }
+}
+
+}  // namespace
