@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <iterator>
 
 #include "EncodeHost.h"
@@ -19,8 +18,8 @@ using test::Content;
 using test::EncodeHost;
 using test::HostMemory;
 using test::HostStream;
-using test::Image;
-using test::MakeImage;
+using test::MakePicture;
+using test::Picture;
 
 Bytes ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -28,9 +27,9 @@ Bytes ReadFile(const std::string& path) {
 }
 
 /// The planes of a stream made elsewhere, as an image.
-Image ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,
-                 KelLong depth) {
-  Image image = MakeImage(width, height, components, depth);
+Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,
+                   KelLong depth) {
+  Picture image = MakePicture(width, height, components, depth);
   for (std::size_t c = 0; c < components; ++c) {
     const Bytes raw =
         ReadFile(std::string(KEL_VECTORS) + "/" + name + ".c" + std::to_string(c) + ".raw");
@@ -43,7 +42,7 @@ Image ReadPlanes(const std::string& name, KelLong width, KelLong height, std::si
 // packets.
 TEST(Encoder, WritesTheSameBytesAsAnotherEncoder) {
   HostMemory memory;
-  const auto expect = [](const std::string& name, const Image& image, bool transform) {
+  const auto expect = [](const std::string& name, const Picture& image, bool transform) {
     EncodeHost host(image);
     host.options.Irreversible = 0;
     host.options.ComponentTransform = transform;
@@ -70,23 +69,23 @@ TEST(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
     EXPECT_EQ(HeadersOf(host.Encode()), HeadersOf(ReadFile(KEL_VECTORS "/" + name + ".kel")))
         << name;
   };
-  EncodeHost grey(MakeImage(90, 72, 1, 8));
+  EncodeHost grey(MakePicture(90, 72, 1, 8));
   expect("native_grey_q40", grey, 40);
-  EncodeHost colors(MakeImage(90, 72, 3, 8), 64, 48);
+  EncodeHost colors(MakePicture(90, 72, 3, 8), 64, 48);
   colors.options.ComponentTransform = true;
   expect("native_rgb_ict_q75_tiles", colors, 75);
-  EncodeHost subsampled(MakeImage(70, 60, {8, 8, 8}, {1, 2, 2}));
+  EncodeHost subsampled(MakePicture(70, 60, {8, 8, 8}, {1, 2, 2}));
   subsampled.options.NumLevels = 3;
   expect("native_420", subsampled, 80);
 }
 
-// A walk through files of many kinds; and output that depends on the stream or on how the samples
-// were handed over.
+// A walk through files of many kinds; output that depends on the stream or on how the samples were
+// handed over; interleaved samples fetched for each component.
 TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
   HostMemory memory;
   for (const KelLong depth : {1, 8, 12, 16}) {
     for (const bool byComponent : {false, true}) {
-      const Image image = MakeImage(61, 47, 4, depth);
+      const Picture image = MakePicture(61, 47, 4, depth);
       EncodeHost host(image, 37, 29);
       host.options.NumColorChannels = 3;
       host.options.ComponentTransform = depth != 12;
@@ -102,7 +101,9 @@ TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
       EXPECT_EQ(host.Encode(false), file) << "a stream that cannot seek";
       for (const KelLong channels : {3, 4}) {
         host.numInterleaved = channels;
+        host.fetches = 0;
         EXPECT_EQ(host.Encode(), file) << channels << " channels interleaved, depth " << depth;
+        EXPECT_EQ(host.fetches, 4 * (5 - channels)) << "one fetch for all of them";
       }
     }
   }
@@ -113,7 +114,7 @@ TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
   HostMemory memory;
   for (KelLong side = 1; side <= 4; ++side) {
     for (const KelLong order : {KelRLCP, KelCPRL}) {
-      EncodeHost host(MakeImage(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1);
+      EncodeHost host(MakePicture(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1);
       host.options.ProgressionOrder = order;
       host.options.NumColorChannels = 3;
       host.options.RoiEnabled = true;
@@ -125,9 +126,9 @@ TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
     }
   }
   // Tiles far from the origin, in which one resolution is a single precinct all the same.
-  EncodeHost wide(MakeImage(33000, 3, 1, 8, Content::kNoise), 1000, 3);
+  EncodeHost wide(MakePicture(33000, 3, 1, 8, Content::kNoise), 1000, 3);
   test::WalkFile(wide.Encode());
-  EncodeHost deep(MakeImage(20, 20, 1, 8));
+  EncodeHost deep(MakePicture(20, 20, 1, 8));
   deep.options.NumLevels = 32;
   EXPECT_EQ(test::WalkFile(deep.Encode()).parts.size(), 33U);
 }
@@ -137,9 +138,9 @@ TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
   HostMemory memory;
   const Bytes payload(20000, 7);
   __tagKelUUID uuid{20000, {}, payload.data()};
-  const Image image = MakeImage(66000, 1, 1, 8, Content::kNoise);
+  const Picture image = MakePicture(66000, 1, 1, 8, Content::kNoise);
   for (KelLong width = 42000; width < 66000; width += 1171) {
-    Image part = image;
+    Picture part = image;
     part.width = width;
     part.planes[0].width = width;
     EncodeHost host(part);
@@ -155,7 +156,7 @@ TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
 // Counts that leave something out; an end marker too early, missing or not flushed.
 TEST(Encoder, CountsAndEndMarker) {
   HostMemory memory;
-  EncodeHost host(MakeImage(40, 30, 1, 8), 20, 30);
+  EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
   HostStream stream;
   ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
   EXPECT_EQ(host.options.RateMode, 5);
@@ -177,7 +178,7 @@ TEST(Encoder, CountsAndEndMarker) {
 TEST(Encoder, HeadersCanBeWrittenAgain) {
   HostMemory memory;
   for (const bool seekable : {true, false}) {
-    EncodeHost host(MakeImage(40, 30, 1, 8), 20, 30);
+    EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
     const Bytes file = host.Encode();
     HostStream stream({}, seekable);
     host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
@@ -201,120 +202,102 @@ TEST(Encoder, HeadersCanBeWrittenAgain) {
 // tile be written that the headers do not describe.
 TEST(Encoder, OnlyTheQualityIsReadLater) {
   HostMemory memory;
-  EncodeHost host(MakeImage(64, 48, 3, 8), 32, 48);
+  EncodeHost host(MakePicture(64, 48, 3, 8), 32, 48);
   host.options.TargetQuality = 80;
   const Bytes fine = host.Encode();
-  HostStream stream;
   host.options.TargetQuality = 20;
-  const Bytes coarse = host.Encode();
-  EXPECT_LT(coarse.size(), fine.size());
+  EXPECT_LT(host.Encode().size(), fine.size());
+  HostStream stream;
   ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  KelEncOpt changed = host.options;
+  KelImageGeometry& geometry = *host.options.GeomParams;
+  KelImageGeometry kept = geometry;
+  // This host fetches by its options' geometry; the encoder must not look at it again.
+  host.options = {};
+  host.options.GeomParams = &kept;
   host.options.TargetQuality = 80;
-  KelImageGeometry& g = *host.options.GeomParams;
-  const KelImageGeometry kept = g;
-  g.Xsiz = g.Ysiz = g.XTsiz = 100000;
-  g.Csiz = 77;
-  g.BitDepths = g.XRsiz = g.YRsiz = nullptr;
   host.options.NumLevels = 9;
   host.options.NumLayers = 4;
-  host.options.NumColorChannels = 1;
   host.options.RoiEnabled = host.options.ComponentTransform = true;
   host.options.ProgressionOrder = KelCPRL;
-  // The fetch of this host goes by the geometry, which it would have to keep.
-  static KelImageGeometry sane;
-  sane = kept;
-  host.options.GeomParams = &sane;
+  geometry.Xsiz = geometry.XTsiz = geometry.Csiz = 100000;
+  geometry.BitDepths = geometry.XRsiz = geometry.YRsiz = nullptr;
   for (KelLong t = 0; t < 2; ++t) EXPECT_EQ(host.encoder.CompressTile(t), KelOK);
   host.encoder.Die();
   EXPECT_EQ(stream.bytes, fine);
-  g = kept;
-  host.options.GeomParams = &g;
+  geometry = kept;
+  host.options = changed;
+}
+
+/// Initialises an encoder of four components and two tiles after a change, which must be refused.
+void ExpectRefused(const char* what, void (*change)(EncodeHost& host, KelEncOpt& o)) {
+  EncodeHost host(MakePicture(64, 48, 4, 8), 32, 48);
+  const KelImageGeometry kept = *host.options.GeomParams;
+  change(host, host.options);
+  HostStream stream;
+  EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelErrBadParam)
+      << what;
+  EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleImage) << what;
+  EXPECT_EQ(host.encoder.CompressTile(0), KelErrBadParam) << "not initialised";
+  EXPECT_EQ(stream.stream.GetCurPos(), 0) << what;
+  if (host.options.GeomParams != nullptr) *host.options.GeomParams = kept;
 }
 
 // Options that would make a file that no decoder can read, or an access out of bounds.
 TEST(Encoder, RefusesWhatCannotBeCoded) {
   HostMemory memory;
-  const Image image = MakeImage(64, 48, 4, 8);
-  EncodeHost host(image, 32, 48);
-  KelImageGeometry& g = *host.options.GeomParams;
-  KelEncOpt& o = host.options;
-  const KelEncOpt keptOptions = o;
-  const KelImageGeometry keptGeometry = g;
-  const auto keptProcs = host.dataProcs;
-  const auto refuse = [&](const char* what, const std::function<void()>& change) {
-    change();
-    HostStream stream;
-    EXPECT_EQ(host.encoder.InitEncoder(&o, &stream.stream, &host.procs), KelErrBadParam) << what;
-    EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleImage);
-    EXPECT_EQ(host.encoder.CompressTile(0), KelErrBadParam) << "not initialised";
-    o = keptOptions;
-    g = keptGeometry;
-    host.dataProcs = keptProcs;
-    for (std::size_t c = 0; c < 4; ++c) {
-      g.BitDepths[c] = 8;
-      g.XRsiz[c] = g.YRsiz[c] = 1;
-    }
-  };
-  refuse("levels", [&] { o.NumLevels = 33; });
-  refuse("layers", [&] { o.NumLayers = 0; });
-  refuse("order", [&] { o.ProgressionOrder = 5; });
-  refuse("precincts", [&] { o.PrecinctWidthExp = 16; });
-  refuse("colour channels", [&] { o.NumColorChannels = -1; });
-  refuse("transform of different samplings", [&] {
+  ExpectRefused("levels", [](EncodeHost&, KelEncOpt& o) { o.NumLevels = 33; });
+  ExpectRefused("layers", [](EncodeHost&, KelEncOpt& o) { o.NumLayers = 0; });
+  ExpectRefused("order", [](EncodeHost&, KelEncOpt& o) { o.ProgressionOrder = 5; });
+  ExpectRefused("precincts", [](EncodeHost&, KelEncOpt& o) { o.PrecinctWidthExp = 16; });
+  ExpectRefused("colours", [](EncodeHost&, KelEncOpt& o) { o.NumColorChannels = -1; });
+  ExpectRefused("transform of different samplings", [](EncodeHost&, KelEncOpt& o) {
     o.ComponentTransform = true;
-    g.XRsiz[1] = g.XRsiz[2] = 2;
+    o.GeomParams->XRsiz[1] = o.GeomParams->XRsiz[2] = 2;
   });
-  refuse("mask under a transform", [&] {
+  ExpectRefused("mask under a transform", [](EncodeHost&, KelEncOpt& o) {
     o.ComponentTransform = o.RoiEnabled = true;
     o.RoiMaskComponent = 1;
   });
-  refuse("no mask", [&] { o.RoiEnabled = true; });
-  refuse("transparency", [&] { o.TransparencyPresent = true; });
-  refuse("mask and transparency in one", [&] {
+  ExpectRefused("no mask", [](EncodeHost&, KelEncOpt& o) { o.RoiEnabled = true; });
+  ExpectRefused("transparency", [](EncodeHost&, KelEncOpt& o) { o.TransparencyPresent = true; });
+  ExpectRefused("mask and transparency in one", [](EncodeHost&, KelEncOpt& o) {
     o.RoiEnabled = o.TransparencyPresent = true;
     o.RoiMaskComponent = o.TransparencyComponent = 3;
   });
-  refuse("nothing to write", [&] {
+  ExpectRefused("nothing to write", [](EncodeHost&, KelEncOpt& o) {
     o.NumColorChannels = 0;
     o.ExtraChannelCodingParams = false;
   });
-  refuse("depth", [&] { g.BitDepths[3] = 29; });
-  refuse("sampling", [&] { g.YRsiz[3] = 256; });
-  refuse("offset of the tiles", [&] { g.XOsiz = g.XTOsiz = 1; });
-  refuse("offset of the image", [&] { g.YOsiz = 1; });
-  refuse("tile size", [&] { g.XTsiz = 0; });
-  refuse("tiles", [&] {
-    g.Xsiz = 65536;
-    g.XTsiz = 1;
+  ExpectRefused("depth", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->BitDepths[3] = 29; });
+  ExpectRefused("sampling", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->YRsiz[3] = 256; });
+  ExpectRefused("offsets", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->YOsiz = 1; });
+  ExpectRefused("tile size", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->XTsiz = 0; });
+  ExpectRefused("tiles", [](EncodeHost&, KelEncOpt& o) {
+    o.GeomParams->Xsiz = 65536;
+    o.GeomParams->XTsiz = 1;
   });
-  refuse("geometry", [&] { o.GeomParams = nullptr; });
-  refuse("XML", [&] {
+  ExpectRefused("XML", [](EncodeHost&, KelEncOpt& o) {
     o.XMLPresent = true;
     o.NumXMLBoxes = 1;
   });
-  refuse("no fetch", [&] { host.dataProcs.GetTileComponent = nullptr; });
-  refuse("a component that is not interleaved", [&] {
-    host.numInterleaved = 4;
-    host.dataProcs.GetTileInterleaved = [](void*, KelLong, KelLong*) -> KelBufID_I* {
+  ExpectRefused("fetch", [](EncodeHost& h, KelEncOpt&) { h.dataProcs.GetTileComponent = nullptr; });
+  ExpectRefused("not interleaved", [](EncodeHost& h, KelEncOpt& o) {
+    h.numInterleaved = 4;
+    h.dataProcs.GetTileInterleaved = [](void*, KelLong, KelLong*) -> KelBufID_I* {
       return nullptr;
     };
-    host.dataProcs.GetTileComponent = nullptr;
-    g.BitDepths[3] = 12;
+    h.dataProcs.GetTileComponent = nullptr;
+    o.GeomParams->BitDepths[3] = 12;
   });
-  HostStream stream;
-  EXPECT_EQ(host.encoder.InitEncoder(nullptr, &stream.stream, &host.procs), KelErrBadParam);
-  EXPECT_EQ(host.encoder.InitEncoder(&o, nullptr, &host.procs), KelErrBadParam);
-  EXPECT_EQ(host.encoder.InitEncoder(&o, &stream.stream, nullptr), KelErrBadParam);
-  stream.stream.readOnly = true;
-  EXPECT_EQ(host.encoder.InitEncoder(&o, &stream.stream, &host.procs), KelErrBadParam);
-  EXPECT_TRUE(stream.bytes.empty());
+  ExpectRefused("stream", [](EncodeHost& h, KelEncOpt&) { h.procs.ImageDataProcs = nullptr; });
 }
 
 // Orders and precincts that the writer does not know: refused before the host is asked for
 // anything, but sizes can be had.
 TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
   HostMemory memory;
-  EncodeHost host(MakeImage(64, 48, 1, 8));
+  EncodeHost host(MakePicture(64, 48, 1, 8));
   const auto codes = [&](KelLong order, KelLong exponent) {
     host.options.ProgressionOrder = order;
     host.options.PrecinctWidthExp = exponent;
@@ -337,7 +320,7 @@ TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
 // Samples that are not given back; an encoder that cannot go on; a file without its end marker.
 TEST(Encoder, FetchesThatFail) {
   HostMemory memory;
-  EncodeHost host(MakeImage(40, 30, 4, 8), 20, 30);
+  EncodeHost host(MakePicture(40, 30, 4, 8), 20, 30);
   host.options.NumColorChannels = 3;
   host.options.ComponentTransform = true;
   host.options.RoiEnabled = true;
@@ -368,15 +351,14 @@ TEST(Encoder, FetchesThatFail) {
   host.fetchErrorWithBuffer = false;
   host.failFetch = host.fetches + 5;
   const Bytes half = host.Encode();
-  const auto walkedWhole = test::WalkFile(whole);
-  const std::size_t secondTile = walkedWhole.parts[walkedWhole.parts.size() / 2].offset;
-  ASSERT_EQ(half.size(), secondTile + 2);
+  const auto parts = test::WalkFile(whole).parts;
+  ASSERT_EQ(half.size(), parts[parts.size() / 2] + 2);
   EXPECT_EQ(half.back(), 0xD9);
 }
 
 TEST(Encoder, EveryRefusedRequest) {
   HostMemory memory;
-  EncodeHost host(MakeImage(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30);
+  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30);
   host.options.NumColorChannels = 3;
   host.options.ComponentTransform = true;
   host.options.RoiEnabled = true;
@@ -393,7 +375,7 @@ TEST(Encoder, StreamsThatFail) {
   HostMemory memory;
   for (const KelLong result : {-1, 0}) {
     for (const bool seekable : {false, true}) {
-      EncodeHost host(MakeImage(300, 300, 1, 8, Content::kNoise), 150, 300);
+      EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300);
       host.options.Irreversible = 0;
       HostStream stream({}, seekable);
       stream.writeResult = result;
@@ -405,7 +387,7 @@ TEST(Encoder, StreamsThatFail) {
 // Progress that starts with the wrong total, misses its end, or outlives an abort.
 TEST(Encoder, ProgressAndAbort) {
   HostMemory memory;
-  EncodeHost host(MakeImage(40, 30, 2, 8), 20, 15);
+  EncodeHost host(MakePicture(40, 30, 2, 8), 20, 15);
   host.Encode();
   EXPECT_EQ(host.progress, "B 0/4 1/4 2/4 3/4 4/4 E");
   HostStream stream;
@@ -436,7 +418,7 @@ TEST(Encoder, ProgressAndAbort) {
 TEST(Encoder, MemoryOfATile) {
   HostMemory memory;
   for (const KelLong irreversible : {0, 1}) {
-    const Image image = MakeImage(512, 512, 3, 8);
+    const Picture image = MakePicture(512, 512, 3, 8);
     EncodeHost host(image, 512, 512);
     host.options.Irreversible = irreversible;
     host.options.ComponentTransform = true;
@@ -459,7 +441,7 @@ TEST(Encoder, MemoryOfATile) {
 // Sizes that count the wrong channels or headers; values that are cached too early.
 TEST(Encoder, SizesAndSteps) {
   HostMemory memory;
-  EncodeHost host(MakeImage(40, 30, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 1}), 20, 15);
+  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 1}), 20, 15);
   host.options.NumColorChannels = 2;
   host.options.NumLayers = 2;
   host.options.TransparencyPresent = true;
@@ -498,7 +480,7 @@ TEST(Encoder, DebugFileIsEmptied) {
   HostMemory memory;
   const std::string name = testing::TempDir() + "kel_encoder_debug.txt";
   const auto fill = [&] { std::ofstream(name) << "something"; };
-  EncodeHost host(MakeImage(8, 8, 1, 8));
+  EncodeHost host(MakePicture(8, 8, 1, 8));
   host.options.DebugFileName = name.c_str();
   fill();
   HostStream stream;

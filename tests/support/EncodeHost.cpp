@@ -23,9 +23,9 @@ std::int64_t SampleOf(Content content, std::int64_t x, std::int64_t y, std::size
 
 }  // namespace
 
-Image MakeImage(KelLong width, KelLong height, const std::vector<KelLong>& depths,
-                const std::vector<KelLong>& sampling, Content content) {
-  Image image{width, height, depths, sampling, sampling, {}};
+Picture MakePicture(KelLong width, KelLong height, const std::vector<KelLong>& depths,
+                    const std::vector<KelLong>& sampling, Content content) {
+  Picture image{width, height, depths, sampling, sampling, {}};
   std::mt19937 random(12345);
   for (std::size_t c = 0; c < depths.size(); ++c) {
     Plane plane;
@@ -42,13 +42,13 @@ Image MakeImage(KelLong width, KelLong height, const std::vector<KelLong>& depth
   return image;
 }
 
-Image MakeImage(KelLong width, KelLong height, std::size_t components, KelLong depth,
-                Content content) {
-  return MakeImage(width, height, std::vector<KelLong>(components, depth),
-                   std::vector<KelLong>(components, 1), content);
+Picture MakePicture(KelLong width, KelLong height, std::size_t components, KelLong depth,
+                    Content content) {
+  return MakePicture(width, height, std::vector<KelLong>(components, depth),
+                     std::vector<KelLong>(components, 1), content);
 }
 
-EncodeHost::EncodeHost(const Image& source, KelLong tileWidth, KelLong tileHeight)
+EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight)
     : image(source), procs(), dataProcs(), actions() {
   KelImageGeometry geometry;
   geometry.InitImageGeometry(image.width, image.height, 0, 0, tileWidth, tileHeight, 0, 0,

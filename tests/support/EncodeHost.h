@@ -15,7 +15,7 @@
 namespace test {
 
 /// An image in memory: the planes of its components, with origin 0.
-struct Image {
+struct Picture {
   KelLong width, height;
   std::vector<KelLong> depths, xRsiz, yRsiz;
   std::vector<Plane> planes;
@@ -27,17 +27,17 @@ struct Image {
 enum class Content { kShades, kNoise, kExtremes };
 
 /// An image of components of one depth without subsampling.
-Image MakeImage(KelLong width, KelLong height, std::size_t components, KelLong depth,
-                Content content = Content::kShades);
+Picture MakePicture(KelLong width, KelLong height, std::size_t components, KelLong depth,
+                    Content content = Content::kShades);
 /// The same of given depths and subsampling factors (across and down alike).
-Image MakeImage(KelLong width, KelLong height, const std::vector<KelLong>& depths,
-                const std::vector<KelLong>& sampling, Content content = Content::kShades);
+Picture MakePicture(KelLong width, KelLong height, const std::vector<KelLong>& depths,
+                    const std::vector<KelLong>& sampling, Content content = Content::kShades);
 
 /// One encoder's host. The options are those of the image; tests change them before Encode.
 class EncodeHost {
  public:
-  EncodeHost(const Image& source, KelLong tileWidth, KelLong tileHeight);
-  explicit EncodeHost(const Image& source) : EncodeHost(source, source.width, source.height) {}
+  EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight);
+  explicit EncodeHost(const Picture& source) : EncodeHost(source, source.width, source.height) {}
   ~EncodeHost();
   EncodeHost(const EncodeHost&) = delete;
   EncodeHost& operator=(const EncodeHost&) = delete;
@@ -48,7 +48,7 @@ class EncodeHost {
   /// The same into a stream of its own; fails the test on a code. Returns the file.
   Bytes Encode(bool seekable = true);
 
-  Image image;
+  Picture image;
   KelEncOpt options;
   KelImage encoder;
   KelClientProcs procs;

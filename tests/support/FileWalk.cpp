@@ -200,22 +200,20 @@ WalkedFile WalkFile(const Bytes& file) {
       part = 0;
       parts = PartsOf(s, tile);
     }
-    WalkedPart now{static_cast<int>(in.Take(2)), 0, 0, start, in.Take(4), ""};
-    now.index = static_cast<int>(in.Take(1));
-    now.count = static_cast<int>(in.Take(1));
-    EXPECT_EQ(now.tile, tile);
-    EXPECT_EQ(now.index, static_cast<int>(part));
-    EXPECT_EQ(now.count, static_cast<int>(parts.size()));
-    now.markers = WalkSegments(in, 0xAB93, s);
+    EXPECT_EQ(in.Take(2), static_cast<std::uint32_t>(tile));
+    const std::size_t end = start + in.Take(4);
+    EXPECT_EQ(in.Take(1), part);
+    EXPECT_EQ(in.Take(1), parts.size());
+    WalkSegments(in, 0xAB93, s);
     if (part < parts.size()) {
       for (const Packet& p : parts[part]) {
         WalkPacket(in, s.TileComp(tile, p.comp), p.resolution, s.levels);
       }
     }
     ++part;
-    EXPECT_EQ(in.at, start + now.length) << "the tile-part's length";
-    walked.parts.push_back(now);
-    if (in.at != start + now.length) return walked;
+    walked.parts.push_back(start);
+    EXPECT_EQ(in.at, end) << "the tile-part's length";
+    if (in.at != end) return walked;
   }
   EXPECT_EQ(part, parts.size()) << "tile-parts are missing";
   EXPECT_EQ(in.Take(2), 0xABD9U);

@@ -12,16 +12,10 @@
 
 namespace test {
 
-struct WalkedPart {
-  int tile, index, count;
-  std::size_t offset, length;  ///< of the tile-part, in the file
-  std::string markers;         ///< second bytes of its header's markers, in hexadecimal
-};
-
 struct WalkedFile {
-  std::string boxes;        ///< types at the top level, a blank behind each
-  std::string mainMarkers;  ///< second bytes, in hexadecimal
-  std::vector<WalkedPart> parts;
+  std::string boxes;               ///< types at the top level, a blank behind each
+  std::string mainMarkers;         ///< second bytes, in hexadecimal
+  std::vector<std::size_t> parts;  ///< where the tile-parts begin
 };
 
 /// Walks a file; whatever is out of order fails the running test.
