@@ -35,12 +35,9 @@ HeaderResult ReadTilePart(const KelHeaderParams& main, KelDecDataMgr& data) {
   KelHeaderParams set{};
   ScopeGuard release([&] { ReleaseHeaderParams(&set); });
   if (InitHeaderParams(set, false) != KelOK) return {KelErrNoMemory, false};
-  ReleaseQuantParams(*set.quantisation);
-  const bool isSeeded = CopyCodingStyle(set.codingStyle, main.codingStyle) == KelOK &&
-                        CopyQuantParams(set.quantisation, main.quantisation) == KelOK;
-  if (!isSeeded) return {KelErrNoMemory, false};
-  set.Csiz = main.Csiz;
-  set.regions = OwnedArray<KelRoiParams>::Make(AsCount(set.Csiz)).Release();
+  if (SeedHeaderParams(set, main, *main.codingStyle, *main.quantisation) != KelOK) {
+    return {KelErrNoMemory, false};
+  }
   const HeaderResult result = ReadHeader(set, data, nullptr);
   if (result.code == KelOK && !result.incomplete) CheckSet(set);
   return result;

@@ -48,6 +48,7 @@ auto Guarded(ImageHandle* handle, Side side, Work work, OnFailure onFailure,
 /// A field or query of the state, or a neutral value without one.
 template <class Read, class Value>
 Value Query(const ImageHandle* handle, Value neutral, Read read) {
+  const RoundingScope rounding;
   ImageState* state = StateOf(handle);
   return state != nullptr ? static_cast<Value>(read(*state)) : neutral;
 }

@@ -1,0 +1,63 @@
+// Decodes arbitrary data through the public interface: from memory and by a stream, in one go,
+// which must agree, and once more in growing pieces with the output asked for in some other form.
+#include "DecodeHost.h"
+#include "FuzzSupport.h"
+
+namespace {
+
+using fuzz::Require;
+using test::Decoded;
+using test::DecodeJob;
+using test::Source;
+
+/// No input may cost more memory than this, nor the time to fill it.
+constexpr std::size_t kMostBytes = 1 << 23;
+
+void CheckCodes(const Decoded& decoded) {
+  for (const KelLong code : {decoded.initCode, decoded.frameCode}) {
+    bool isDocumented = decoded.initCode != KelOK && code == -1;
+    for (const KelLong known : {0, 3, 8, 10, 15, 17, 18, 21, 22, 25, 26, 29}) {
+      isDocumented = isDocumented || code == known;
+    }
+    Require(isDocumented);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::Input input{data, size};
+  const std::uint32_t form = input.U8();
+  const std::uint32_t more = input.U8();
+  const std::uint32_t refused = input.U8();
+  const test::Bytes bytes = input.Rest();
+
+  test::HostMemory memory;
+  memory.LimitBytes(kMostBytes);
+  const Decoded whole = test::Decode(bytes, {});
+  const Decoded streamed = test::Decode(bytes, {.source = Source::kSeekable});
+  CheckCodes(whole);
+  if (!whole.ranOutOfMemory && !streamed.ranOutOfMemory && whole.initCode != KelErrNoMemory &&
+      streamed.initCode != KelErrNoMemory) {
+    // Only boxes behind the code stream are met in memory alone.
+    const bool isBoxError = whole.initCode >= 21 && whole.initCode <= 26;
+    Require(isBoxError || whole.initCode == streamed.initCode);
+    Require(isBoxError || whole.frameCode == streamed.frameCode);
+    Require(isBoxError || whole.planes == streamed.planes);
+  }
+
+  memory.RefuseRequest(refused);
+  DecodeJob job;
+  job.source = static_cast<Source>(form & 3 & 2 ? 2 : form & 1);
+  job.piece = (form & 4) != 0 ? bytes.size() / 7 + 1 : 0;
+  job.orientation = KelImageOrientation{static_cast<KelLong>((form >> 3 & 3) * 90)};
+  job.skipConversion = (form & 32) != 0;
+  job.skipRecast = (form & 64) != 0;
+  job.useHostBuffers = (form & 128) != 0;
+  job.aspect = KelDecodePixelAspectRatio{static_cast<KelLong>(more & 3)};
+  job.force = (more & 4) != 0;
+  job.outBits = static_cast<int>(more >> 3);
+  CheckCodes(test::Decode(bytes, job));
+  Require(memory.Outstanding() == 0);
+  return 0;
+}

@@ -1,0 +1,499 @@
+// The encoding side of the image object over its public interface: what it writes, what it
+// refuses, and what it leaves behind when something fails.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "EncodeHost.h"
+#include "FileWalk.h"
+#include "HostMemory.h"
+#include "KelRaise.h"
+
+namespace {
+
+using test::Bytes;
+using test::Content;
+using test::EncodeHost;
+using test::HostMemory;
+using test::HostStream;
+using test::MakePicture;
+using test::Picture;
+
+Bytes ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(file), {});
+}
+
+/// The planes of a stream made elsewhere, as an image.
+Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,
+                   KelLong depth) {
+  Picture image = MakePicture(width, height, components, depth);
+  for (std::size_t c = 0; c < components; ++c) {
+    const Bytes raw =
+        ReadFile(std::string(KEL_VECTORS) + "/" + name + ".c" + std::to_string(c) + ".raw");
+    image.planes[c].samples.assign(raw.begin(), raw.end());
+  }
+  return image;
+}
+
+// Any difference from the format as another encoder writes it: headers, transforms, block code,
+// packets.
+TEST(Encoder, WritesTheSameBytesAsAnotherEncoder) {
+  HostMemory memory;
+  const auto expect = [](const std::string& name, const Picture& image, bool transform) {
+    EncodeHost host(image);
+    host.options.Irreversible = 0;
+    host.options.ComponentTransform = transform;
+    EXPECT_EQ(host.Encode(), ReadFile(std::string(KEL_VECTORS) + "/" + name + ".kel")) << name;
+  };
+  expect("native_rgb_rct_lossless", ReadPlanes("native_rgb_rct_lossless", 90, 72, 3, 8), true);
+  expect("native_one_bit", ReadPlanes("native_one_bit", 50, 40, 1, 1), false);
+}
+
+/// A file up to the packets of its first tile-part, less the length of that part.
+Bytes HeadersOf(Bytes file) {
+  const std::uint8_t sod[] = {0xAB, 0x93}, sot[] = {0xAB, 0x90, 0, 10};
+  const auto part = std::search(file.begin(), file.end(), std::begin(sot), std::end(sot));
+  std::fill(part + 6, part + 10, std::uint8_t{0});
+  file.erase(std::search(part, file.end(), std::begin(sod), std::end(sod)), file.end());
+  return file;
+}
+
+// Steps derived otherwise, or announced for the wrong component.
+TEST(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
+  HostMemory memory;
+  const auto expect = [](const std::string& name, EncodeHost& host, float quality) {
+    host.options.TargetQuality = quality;
+    EXPECT_EQ(HeadersOf(host.Encode()), HeadersOf(ReadFile(KEL_VECTORS "/" + name + ".kel")))
+        << name;
+  };
+  EncodeHost grey(MakePicture(90, 72, 1, 8));
+  expect("native_grey_q40", grey, 40);
+  EncodeHost colors(MakePicture(90, 72, 3, 8), 64, 48);
+  colors.options.ComponentTransform = true;
+  expect("native_rgb_ict_q75_tiles", colors, 75);
+  EncodeHost subsampled(MakePicture(70, 60, {8, 8, 8}, {1, 2, 2}));
+  subsampled.options.NumLevels = 3;
+  expect("native_420", subsampled, 80);
+}
+
+// A walk through files of many kinds; output that depends on the stream or on how the samples were
+// handed over; interleaved samples fetched for each component.
+TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
+  HostMemory memory;
+  for (const KelLong depth : {1, 8, 12, 16}) {
+    for (const bool byComponent : {false, true}) {
+      const Picture image = MakePicture(61, 47, 4, depth);
+      EncodeHost host(image, 37, 29);
+      host.options.NumColorChannels = 3;
+      host.options.ComponentTransform = depth != 12;
+      host.options.Irreversible = byComponent ? 0 : 1;
+      host.options.ProgressionOrder = byComponent ? KelCPRL : KelRLCP;
+      host.options.NumLayers = depth == 8 ? 3 : 1;
+      host.options.NumLevels = depth == 1 ? 0 : 3;
+      const Bytes file = host.Encode();
+      const auto walked = test::WalkFile(file);
+      EXPECT_EQ(walked.boxes, "weab ftyp rreq vrmh vrmc ");
+      EXPECT_EQ(walked.mainMarkers, "5152535C5D");
+      EXPECT_EQ(walked.parts.size(), 4U * (byComponent ? 4 : depth == 1 ? 1 : 4));
+      EXPECT_EQ(host.Encode(false), file) << "a stream that cannot seek";
+      for (const KelLong channels : {3, 4}) {
+        host.numInterleaved = channels;
+        host.fetches = 0;
+        EXPECT_EQ(host.Encode(), file) << channels << " channels interleaved, depth " << depth;
+        EXPECT_EQ(host.fetches, 4 * (5 - channels)) << "one fetch for all of them";
+      }
+    }
+  }
+}
+
+// Packets for parts of a tile without samples; components numbered by their place in the image.
+TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
+  HostMemory memory;
+  for (KelLong side = 1; side <= 4; ++side) {
+    for (const KelLong order : {KelRLCP, KelCPRL}) {
+      EncodeHost host(MakePicture(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1);
+      host.options.ProgressionOrder = order;
+      host.options.NumColorChannels = 3;
+      host.options.RoiEnabled = true;
+      host.options.RoiMaskComponent = side % 2;
+      host.options.TransparencyPresent = true;
+      host.options.TransparencyComponent = 3;
+      host.options.TransparencyCoded = side > 2;
+      test::WalkFile(host.Encode());
+    }
+  }
+  // Tiles far from the origin, in which one resolution is a single precinct all the same.
+  EncodeHost wide(MakePicture(33000, 3, 1, 8, Content::kNoise), 1000, 3);
+  test::WalkFile(wide.Encode());
+  EncodeHost deep(MakePicture(20, 20, 1, 8));
+  deep.options.NumLevels = 32;
+  EXPECT_EQ(test::WalkFile(deep.Encode()).parts.size(), 33U);
+}
+
+// A tile-part that reaches across the write buffer of a seekable stream.
+TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
+  HostMemory memory;
+  const Bytes payload(20000, 7);
+  __tagKelUUID uuid{20000, {}, payload.data()};
+  const Picture image = MakePicture(66000, 1, 1, 8, Content::kNoise);
+  for (KelLong width = 42000; width < 66000; width += 1171) {
+    Picture part = image;
+    part.width = width;
+    part.planes[0].width = width;
+    EncodeHost host(part);
+    host.options.Irreversible = 0;
+    host.options.NumLevels = 0;
+    host.options.UUIDPresent = true;
+    host.options.NumUUIDBoxes = 1;
+    host.options.UUIDBoxes = &uuid;
+    EXPECT_EQ(host.Encode(), host.Encode(false)) << width;
+  }
+}
+
+// Counts that leave something out; an end marker too early, missing or not flushed.
+TEST(Encoder, CountsAndEndMarker) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
+  HostStream stream;
+  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  EXPECT_EQ(host.options.RateMode, 5);
+  EXPECT_EQ(host.options.CodeBlockWidthExp + host.options.CodeBlockHeightExp, 6);
+  const KelLong start = stream.stream.GetCurPos();
+  KelULong count[2] = {};
+  EXPECT_EQ(host.encoder.CompressAndWriteTile(0, &count[0]), KelOK);
+  EXPECT_EQ(stream.bytes.size(), start + count[0] - 2);
+  EXPECT_EQ(host.encoder.CompressAndWriteTile(1, &count[1]), KelOK);
+  EXPECT_EQ(stream.bytes.size(), start + count[0] + count[1] - 2);
+  EXPECT_EQ(stream.bytes[stream.bytes.size() - 2], 0xAB);
+  EXPECT_EQ(stream.bytes.back(), 0xD9);
+  EXPECT_EQ(stream.stream.wbuf, nullptr);
+  EXPECT_EQ(host.encoder.CompressTile(2), KelErrBadParam);
+  EXPECT_EQ(host.encoder.CompressTile(-1), KelErrBadParam);
+}
+
+// Headers written a second time over tiles; or not where the first ones stand.
+TEST(Encoder, HeadersCanBeWrittenAgain) {
+  HostMemory memory;
+  for (const bool seekable : {true, false}) {
+    EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
+    const Bytes file = host.Encode();
+    HostStream stream({}, seekable);
+    host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+    const KelLong start = stream.stream.GetCurPos();
+    KelULong bytes = 0;
+    EXPECT_EQ(host.encoder.WriteKelHeaders(&bytes), KelOK);
+    EXPECT_EQ(bytes, static_cast<KelULong>(start));
+    EXPECT_EQ(stream.stream.GetCurPos(), seekable ? start : 2 * start);
+    EXPECT_EQ(host.encoder.CompressTile(0), KelOK);
+    if (seekable) {
+      EXPECT_EQ(host.encoder.WriteKelHeaders(nullptr), KelOK);
+    }
+    EXPECT_EQ(host.encoder.CompressTile(1), KelOK);
+    stream.bytes.erase(stream.bytes.begin(), stream.bytes.begin() + (seekable ? 0 : start));
+    EXPECT_EQ(stream.bytes, file);
+    host.encoder.Die();
+  }
+}
+
+// A quality fixed at initialisation; a structure that the host can still change, which would let a
+// tile be written that the headers do not describe.
+TEST(Encoder, OnlyTheQualityIsReadLater) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(64, 48, 3, 8), 32, 48);
+  host.options.TargetQuality = 80;
+  const Bytes fine = host.Encode();
+  host.options.TargetQuality = 20;
+  EXPECT_LT(host.Encode().size(), fine.size());
+  HostStream stream;
+  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  KelEncOpt changed = host.options;
+  KelImageGeometry& geometry = *host.options.GeomParams;
+  KelImageGeometry kept = geometry;
+  // This host fetches by its options' geometry; the encoder must not look at it again.
+  host.options = {};
+  host.options.GeomParams = &kept;
+  host.options.TargetQuality = 80;
+  host.options.NumLevels = 9;
+  host.options.NumLayers = 4;
+  host.options.RoiEnabled = host.options.ComponentTransform = true;
+  host.options.ProgressionOrder = KelCPRL;
+  geometry.Xsiz = geometry.XTsiz = geometry.Csiz = 100000;
+  geometry.BitDepths = geometry.XRsiz = geometry.YRsiz = nullptr;
+  for (KelLong t = 0; t < 2; ++t) EXPECT_EQ(host.encoder.CompressTile(t), KelOK);
+  host.encoder.Die();
+  EXPECT_EQ(stream.bytes, fine);
+  geometry = kept;
+  host.options = changed;
+}
+
+/// Initialises an encoder of four components and two tiles after a change, which must be refused.
+void ExpectRefused(const char* what, void (*change)(EncodeHost& host, KelEncOpt& o)) {
+  EncodeHost host(MakePicture(64, 48, 4, 8), 32, 48);
+  const KelImageGeometry kept = *host.options.GeomParams;
+  change(host, host.options);
+  HostStream stream;
+  EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelErrBadParam)
+      << what;
+  EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleImage) << what;
+  EXPECT_EQ(host.encoder.CompressTile(0), KelErrBadParam) << "not initialised";
+  EXPECT_EQ(stream.stream.GetCurPos(), 0) << what;
+  if (host.options.GeomParams != nullptr) *host.options.GeomParams = kept;
+}
+
+// Options that would make a file that no decoder can read, or an access out of bounds.
+TEST(Encoder, RefusesWhatCannotBeCoded) {
+  HostMemory memory;
+  ExpectRefused("levels", [](EncodeHost&, KelEncOpt& o) { o.NumLevels = 33; });
+  ExpectRefused("layers", [](EncodeHost&, KelEncOpt& o) { o.NumLayers = 0; });
+  ExpectRefused("order", [](EncodeHost&, KelEncOpt& o) { o.ProgressionOrder = 5; });
+  ExpectRefused("precincts", [](EncodeHost&, KelEncOpt& o) { o.PrecinctWidthExp = 16; });
+  ExpectRefused("colours", [](EncodeHost&, KelEncOpt& o) { o.NumColorChannels = -1; });
+  ExpectRefused("transform of different samplings", [](EncodeHost&, KelEncOpt& o) {
+    o.ComponentTransform = true;
+    o.GeomParams->XRsiz[1] = o.GeomParams->XRsiz[2] = 2;
+  });
+  ExpectRefused("mask under a transform", [](EncodeHost&, KelEncOpt& o) {
+    o.ComponentTransform = o.RoiEnabled = true;
+    o.RoiMaskComponent = 1;
+  });
+  ExpectRefused("no mask", [](EncodeHost&, KelEncOpt& o) { o.RoiEnabled = true; });
+  ExpectRefused("transparency", [](EncodeHost&, KelEncOpt& o) { o.TransparencyPresent = true; });
+  ExpectRefused("mask and transparency in one", [](EncodeHost&, KelEncOpt& o) {
+    o.RoiEnabled = o.TransparencyPresent = true;
+    o.RoiMaskComponent = o.TransparencyComponent = 3;
+  });
+  ExpectRefused("nothing to write", [](EncodeHost&, KelEncOpt& o) {
+    o.NumColorChannels = 0;
+    o.ExtraChannelCodingParams = false;
+  });
+  ExpectRefused("depth", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->BitDepths[3] = 29; });
+  ExpectRefused("sampling", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->YRsiz[3] = 256; });
+  ExpectRefused("offsets", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->YOsiz = 1; });
+  ExpectRefused("tile size", [](EncodeHost&, KelEncOpt& o) { o.GeomParams->XTsiz = 0; });
+  ExpectRefused("tiles", [](EncodeHost&, KelEncOpt& o) {
+    o.GeomParams->Xsiz = 65536;
+    o.GeomParams->XTsiz = 1;
+  });
+  ExpectRefused("XML", [](EncodeHost&, KelEncOpt& o) {
+    o.XMLPresent = true;
+    o.NumXMLBoxes = 1;
+  });
+  ExpectRefused("fetch", [](EncodeHost& h, KelEncOpt&) { h.dataProcs.GetTileComponent = nullptr; });
+  ExpectRefused("not interleaved", [](EncodeHost& h, KelEncOpt& o) {
+    h.numInterleaved = 4;
+    h.dataProcs.GetTileInterleaved = [](void*, KelLong, KelLong*) -> KelBufID_I* {
+      return nullptr;
+    };
+    h.dataProcs.GetTileComponent = nullptr;
+    o.GeomParams->BitDepths[3] = 12;
+  });
+  ExpectRefused("stream", [](EncodeHost& h, KelEncOpt&) { h.procs.ImageDataProcs = nullptr; });
+}
+
+// Orders and precincts that the writer does not know: refused before the host is asked for
+// anything, but sizes can be had.
+TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(64, 48, 1, 8));
+  const auto codes = [&](KelLong order, KelLong exponent) {
+    host.options.ProgressionOrder = order;
+    host.options.PrecinctWidthExp = exponent;
+    host.options.PrecinctHeightExp = 6;
+    host.fetches = 0;
+    HostStream stream;
+    EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+    const KelLong tile = host.encoder.CompressTile(0);
+    EXPECT_EQ(host.fetches, tile == KelOK ? 1 : 0);
+    EXPECT_EQ(host.encoder.CompressImage(), KelOK);
+    stream.stream.flushWriteBuffer();
+    return tile;
+  };
+  EXPECT_EQ(codes(KelLRCP, 6), KelErrBadParam);
+  EXPECT_EQ(codes(KelRLCP, 5), KelErrBadParam);
+  EXPECT_EQ(codes(KelRLCP, 0), KelErrBadParam);
+  EXPECT_EQ(codes(KelRLCP, 6), KelOK);
+}
+
+// Samples that are not given back; an encoder that cannot go on; a file without its end marker.
+TEST(Encoder, FetchesThatFail) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, 4, 8), 20, 30);
+  host.options.NumColorChannels = 3;
+  host.options.ComponentTransform = true;
+  host.options.RoiEnabled = true;
+  host.options.RoiMaskComponent = 3;
+  const Bytes whole = host.Encode();
+  const int fetches = host.fetches;
+  EXPECT_EQ(fetches, 8);
+  for (const bool withBuffer : {false, true}) {
+    host.fetchErrorWithBuffer = withBuffer;
+    for (int n = 1; n <= fetches; ++n) {
+      HostStream stream;
+      host.failFetch = n;
+      host.fetches = 0;
+      ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+      EXPECT_EQ(host.encoder.CompressTile(0), n <= 4 ? 99 : KelOK);
+      if (n <= 4) {
+        EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleCompTransform);
+        EXPECT_EQ(host.encoder.CompressTile(0), KelOK) << "a second try";
+      }
+      EXPECT_EQ(host.encoder.CompressTile(1), n > 4 ? 99 : KelOK);
+      if (n > 4) {
+        EXPECT_EQ(host.encoder.CompressTile(1), KelOK);
+      }
+      EXPECT_EQ(stream.bytes, whole);
+    }
+  }
+  host.fetchError = 0;
+  host.fetchErrorWithBuffer = false;
+  host.failFetch = host.fetches + 5;
+  const Bytes half = host.Encode();
+  const auto parts = test::WalkFile(whole).parts;
+  ASSERT_EQ(half.size(), parts[parts.size() / 2] + 2);
+  EXPECT_EQ(half.back(), 0xD9);
+}
+
+TEST(Encoder, EveryRefusedRequest) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30);
+  host.options.NumColorChannels = 3;
+  host.options.ComponentTransform = true;
+  host.options.RoiEnabled = true;
+  host.options.RoiMaskComponent = 4;
+  const std::size_t runs = test::SweepRefusals(memory, [&] {
+    HostStream stream;
+    return host.EncodeTo(stream);
+  });
+  EXPECT_GT(runs, 60U);
+}
+
+// A write that fails, or takes nothing, must not crash or leak.
+TEST(Encoder, StreamsThatFail) {
+  HostMemory memory;
+  for (const KelLong result : {-1, 0}) {
+    for (const bool seekable : {false, true}) {
+      EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300);
+      host.options.Irreversible = 0;
+      HostStream stream({}, seekable);
+      stream.writeResult = result;
+      EXPECT_EQ(host.EncodeTo(stream), KelOK);
+    }
+  }
+}
+
+// Progress that starts with the wrong total, misses its end, or outlives an abort.
+TEST(Encoder, ProgressAndAbort) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, 2, 8), 20, 15);
+  host.Encode();
+  EXPECT_EQ(host.progress, "B 0/4 1/4 2/4 3/4 4/4 E");
+  HostStream stream;
+  const auto start = [&] {
+    host.progress.clear();
+    host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+  };
+  start();
+  EXPECT_EQ(host.encoder.CompressImage(), KelOK);
+  EXPECT_EQ(host.progress, "B 0/4 1/4 2/4 3/4 4/4 ") << "the tiles' run goes on";
+  host.encoder.Die();
+  EXPECT_EQ(host.progress, "B 0/4 1/4 2/4 3/4 4/4 4/4 E");
+  host.options.ProgressPerCall = true;
+  start();
+  EXPECT_EQ(host.encoder.CompressImage(), KelOK);
+  EXPECT_EQ(host.progress, "B 0/8 1/8 2/8 3/8 4/8 5/8 6/8 7/8 8/8 8/8 E");
+  start();
+  host.abortAfter = 2;
+  EXPECT_EQ(host.encoder.CompressImage(), KelErrAborted);
+  EXPECT_EQ(host.encoder.GetErrorDetails().errCode, KelErrAborted);
+  EXPECT_EQ(host.progress, "B 0/8 1/8 8/8 E");
+  host.abortAfter = -1;
+  for (KelLong t = 0; t < 4; ++t) EXPECT_EQ(host.encoder.CompressTile(t), KelOK) << "goes on";
+  host.encoder.Die();
+}
+
+// Memory that grows with the number of tiles, or a tile that takes more than its planes need.
+TEST(Encoder, MemoryOfATile) {
+  HostMemory memory;
+  for (const KelLong irreversible : {0, 1}) {
+    const Picture image = MakePicture(512, 512, 3, 8);
+    EncodeHost host(image, 512, 512);
+    host.options.Irreversible = irreversible;
+    host.options.ComponentTransform = true;
+    host.numInterleaved = 3;
+    memory.ResetPeak();
+    const std::size_t before = memory.Bytes();
+    const Bytes file = host.Encode();
+    // The buffers of the host's stream come from the library too, and hold a tile-part.
+    EXPECT_LE(memory.PeakBytes() - before, 512U * 512 * (4 * 3 + 8) + file.size());
+    EncodeHost tiles(image, 64, 64);
+    tiles.options.Irreversible = irreversible;
+    tiles.options.ComponentTransform = true;
+    memory.ResetPeak();
+    const std::size_t beforeTiles = memory.Bytes();
+    tiles.Encode();
+    EXPECT_LE(memory.PeakBytes() - beforeTiles, 64U * 64 * (4 * 3 + 8) + 64 * 3 * 600 + 150000);
+  }
+}
+
+// Sizes that count the wrong channels or headers; values that are cached too early.
+TEST(Encoder, SizesAndSteps) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 1}), 20, 15);
+  host.options.NumColorChannels = 2;
+  host.options.NumLayers = 2;
+  host.options.TransparencyPresent = true;
+  host.options.TransparencyComponent = 4;
+  host.options.TransparencyCoded = false;
+  host.options.RoiEnabled = true;
+  host.options.RoiMaskComponent = 3;
+  HostStream stream;
+  KelImage& encoder = host.encoder;
+  ASSERT_EQ(encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  EXPECT_EQ(encoder.NumProgressionStepsInEncodeImage(), 24);
+  EXPECT_EQ(encoder.NumProgresionStepsInCompressImage(), 20);
+  EXPECT_EQ(encoder.UpdateCodestreamSize(7, 1000, 0), -1);
+  EXPECT_EQ(encoder.UpdateCodestreamSize(1, 1000, 4), 1000 - 4 * 14 * 6 + 4 * 14 * 3);
+  EXPECT_EQ(encoder.GetAlphaChannelCodeStreamSize(), -1);
+  const KelLong least = encoder.GetMinCodeStreamLength();
+  KelLong count = 9;
+  const KelLong* steps = encoder.FindQualityNumbersEmbedded(&count);
+  ASSERT_NE(steps, nullptr);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(encoder.QualityForTarget(1 << 20), 2182) << "2400 bytes / 1.1";
+  EXPECT_EQ(host.options.TargetQuality, 91.0F);
+  EXPECT_EQ(encoder.CompressImage(), KelOK);
+  const KelLong extra = encoder.GetAlphaChannelCodeStreamSize();
+  const KelLong transparency = encoder.GetTransparencyCodeStreamSize();
+  EXPECT_GT(transparency, 0);
+  EXPECT_GT(extra, transparency);
+  EXPECT_EQ(encoder.GetMinCodeStreamLength(), least + extra - transparency);
+  EXPECT_EQ(encoder.GetMaxCodeStreamLength() % 1024, 0);
+  encoder.Die();
+  stream.stream.flushWriteBuffer();
+}
+
+// A debug file that is not made, or a name that is read from options that are gone.
+TEST(Encoder, DebugFileIsEmptied) {
+  HostMemory memory;
+  const std::string name = testing::TempDir() + "kel_encoder_debug.txt";
+  const auto fill = [&] { std::ofstream(name) << "something"; };
+  EncodeHost host(MakePicture(8, 8, 1, 8));
+  host.options.DebugFileName = name.c_str();
+  fill();
+  HostStream stream;
+  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  EXPECT_FALSE(ReadFile(name).empty());
+  host.encoder.Die();
+  EXPECT_TRUE(ReadFile(name).empty());
+  fill();
+  host.options.NumLevels = 99;
+  host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+  EXPECT_TRUE(ReadFile(name).empty());
+  std::remove(name.c_str());
+  stream.stream.flushWriteBuffer();
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+// Encoding and decoding over the public interface: exact where the reversible path promises it,
+// within a bound elsewhere.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "EncodeHost.h"
+#include "HostMemory.h"
+
+namespace {
+
+using test::Content;
+using test::Decode;
+using test::Decoded;
+using test::EncodeHost;
+using test::HostMemory;
+using test::MakePicture;
+using test::Picture;
+using test::Plane;
+
+Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
+  Decoded decoded = Decode(host.Encode(), job);
+  EXPECT_EQ(decoded.initCode, KelOK);
+  EXPECT_EQ(decoded.frameCode, KelOK);
+  EXPECT_TRUE(decoded.isComplete);
+  return decoded;
+}
+
+/// The planes as they are before recasting, which is exact up to 24 bits only and goes by the depth
+/// of the first component, with the level shift undone.
+std::vector<Plane> RawPlanes(EncodeHost& host) {
+  test::DecodeJob job;
+  job.skipRecast = true;
+  std::vector<Plane> planes = Decoding(host, job).planes;
+  for (std::size_t c = 0; c < planes.size(); ++c) {
+    for (std::int64_t& v : planes[c].samples) v += std::int64_t{1} << (host.image.depths[c] - 1);
+  }
+  return planes;
+}
+
+double MeanSquare(const Plane& a, const Plane& b) {
+  if (a.samples.size() != b.samples.size()) return INFINITY;
+  double sum = 0;
+  for (std::size_t i = 0; i < a.samples.size(); ++i) {
+    const auto d = static_cast<double>(a.samples[i] - b.samples[i]);
+    sum += d * d;
+  }
+  return sum / static_cast<double>(a.samples.size());
+}
+
+double Psnr(const Plane& a, const Plane& b, int depth) {
+  const double peak = std::ldexp(1.0, depth) - 1;
+  return 10 * std::log10(peak * peak / MeanSquare(a, b));
+}
+
+struct Mode {
+  KelLong components;
+  bool transform;
+  KelLong order, layers, levels, tileWidth, tileHeight, depth;
+  Content content;
+};
+
+// Every pair of values of two columns occurs in some row. Any loss anywhere in the reversible path.
+constexpr Mode kModes[] = {
+    {1, false, KelRLCP, 1, 0, 61, 53, 1, Content::kNoise},
+    {1, false, KelCPRL, 3, 5, 37, 29, 16, Content::kExtremes},
+    {1, false, KelRLCP, 2, 2, 16, 16, 12, Content::kShades},
+    {3, true, KelRLCP, 3, 2, 61, 53, 8, Content::kExtremes},
+    {3, true, KelCPRL, 1, 0, 16, 16, 10, Content::kNoise},
+    {3, true, KelRLCP, 2, 5, 37, 29, 1, Content::kShades},
+    {3, false, KelCPRL, 2, 0, 61, 53, 16, Content::kShades},
+    {3, false, KelRLCP, 1, 2, 37, 29, 8, Content::kNoise},
+    {4, true, KelCPRL, 2, 2, 37, 29, 12, Content::kExtremes},
+    {4, true, KelRLCP, 1, 5, 16, 16, 16, Content::kNoise},
+    {4, false, KelRLCP, 3, 0, 37, 29, 10, Content::kShades},
+    {4, false, KelCPRL, 3, 5, 61, 53, 12, Content::kNoise},
+    {3, true, KelRLCP, 1, 32, 61, 53, 28, Content::kExtremes},
+};
+
+TEST(RoundTrip, ReversibleIsExact) {
+  HostMemory memory;
+  for (const Mode& mode : kModes) {
+    const Picture image =
+        MakePicture(61, 53, static_cast<std::size_t>(mode.components), mode.depth, mode.content);
+    EncodeHost host(image, mode.tileWidth, mode.tileHeight);
+    host.options.Irreversible = 0;
+    host.options.ComponentTransform = mode.transform;
+    host.options.ProgressionOrder = mode.order;
+    host.options.NumLayers = mode.layers;
+    host.options.NumLevels = mode.levels;
+    EXPECT_TRUE((mode.depth > 24 ? RawPlanes(host) : Decoding(host).planes) == image.planes)
+        << &mode - kModes << ": components " << mode.components << ", depth " << mode.depth;
+  }
+}
+
+// Steps that do not reach the decoder, or for the wrong component: then nothing comes near.
+TEST(RoundTrip, IrreversibleQualityRises) {
+  HostMemory memory;
+  for (const bool transform : {false, true}) {
+    const Picture image = MakePicture(150, 130, 3, 8);
+    double before = 0;
+    std::size_t bytesBefore = 0;
+    for (const int quality : {1, 10, 20, 30, 40, 50, 60, 70, 80, 90, 99}) {
+      EncodeHost host(image, 97, 70);
+      host.options.TargetQuality = static_cast<float>(quality);
+      host.options.ComponentTransform = transform;
+      const test::Bytes file = host.Encode();
+      const Decoded decoded = Decode(file);
+      double least = INFINITY;
+      for (std::size_t c = 0; c < 3; ++c) {
+        least = std::min(least, Psnr(image.planes[c], decoded.planes.at(c), 8));
+      }
+      EXPECT_GT(least, before - 0.5) << quality;
+      EXPECT_GT(least, std::min(17 + 0.4 * quality, 51.0) - 5) << quality;
+      EXPECT_GE(file.size(), bytesBefore) << quality;
+      before = least;
+      bytesBefore = file.size();
+    }
+  }
+}
+
+// A tile's quantisation that overrides the lossless parameters of an extra channel.
+TEST(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
+  HostMemory memory;
+  for (const KelLong order : {KelRLCP, KelCPRL}) {
+    const Picture image = MakePicture(70, 50, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 2}, Content::kNoise);
+    EncodeHost host(image, 40, 30);
+    host.options.NumColorChannels = 3;
+    host.options.ComponentTransform = true;
+    host.options.TargetQuality = 50;
+    host.options.ProgressionOrder = order;
+    host.options.TransparencyPresent = true;
+    host.options.TransparencyComponent = 3;
+    const Decoded decoded = Decoding(host);
+    EXPECT_FALSE(decoded.planes.at(0) == image.planes[0]);
+    EXPECT_TRUE(decoded.planes.at(3) == image.planes[3]);
+    EXPECT_TRUE(decoded.planes.at(4) == image.planes[4]);
+  }
+}
+
+// Packets where the decoder expects none, or the reverse.
+TEST(RoundTrip, TinyTilesAndSubsampling) {
+  HostMemory memory;
+  for (KelLong side = 1; side <= 5; ++side) {
+    for (const KelLong order : {KelRLCP, KelCPRL}) {
+      const Picture image = MakePicture(11, 9, {8, 12, 16}, {1, 2, 3}, Content::kNoise);
+      EncodeHost host(image, side, 6 - side);
+      host.options.Irreversible = 0;
+      host.options.ProgressionOrder = order;
+      EXPECT_TRUE(RawPlanes(host) == image.planes) << side << " in order " << order;
+    }
+  }
+  const Picture wide = MakePicture(33000, 16, 1, 8, Content::kNoise);
+  for (const KelLong tileWidth : {1000, 33000}) {
+    EncodeHost host(wide, tileWidth, 16);
+    host.options.Irreversible = 0;
+    EXPECT_TRUE(Decoding(host).planes == wide.planes) << tileWidth;
+  }
+}
+
+// A region that is lost, shifted, or that takes the mask of the wrong component or size.
+TEST(RoundTrip, RegionKeepsItsPrecision) {
+  HostMemory memory;
+  for (const KelLong maskSampling : {1, 2}) {
+    for (const KelLong mask : {0, 3}) {
+      std::vector<KelLong> sampling(4, 1);
+      sampling[static_cast<std::size_t>(mask)] = maskSampling;
+      Picture image = MakePicture(75, 61, {8, 8, 8, 8}, sampling, Content::kNoise);
+      Plane& region = image.planes[static_cast<std::size_t>(mask)];
+      const auto isInside = [](std::int64_t x, std::int64_t y) {
+        return x >= 30 && x < 52 && y >= 24 && y < 40;
+      };
+      for (std::int64_t i = 0; i < region.width * region.height; ++i) {
+        region.samples[static_cast<std::size_t>(i)] =
+            isInside(i % region.width * maskSampling, i / region.width * maskSampling) ? 9 : 0;
+      }
+      EncodeHost host(image, 37, 31);
+      host.options.RoiEnabled = true;
+      host.options.RoiMaskComponent = mask;
+      host.options.TargetQuality = 5;
+      const Decoded decoded = Decoding(host);
+      double inside = 0, outside = 0;
+      const std::size_t color = mask == 0 ? 1 : 0;
+      const Plane& original = image.planes[color];
+      for (std::int64_t i = 0; i < 75 * 61; ++i) {
+        const auto at = static_cast<std::size_t>(i);
+        const auto error =
+            static_cast<double>(std::abs(original.samples[at] - decoded.planes.at(0).samples[at]));
+        (isInside(i % 75, i / 75) ? inside : outside) += error;
+      }
+      EXPECT_LT(inside / (22 * 16), 1.0) << "mask " << mask << ", sampling " << maskSampling;
+      EXPECT_GT(outside / (75 * 61), 10.0);
+    }
+  }
+}
+
+}  // namespace
