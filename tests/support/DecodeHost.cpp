@@ -40,7 +40,7 @@ std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageDat
 }
 
 /// Larger planes are not gathered: only hostile headers have them.
-constexpr std::int64_t kLargestSide = 1 << 13;
+constexpr std::int64_t kMostSamples = 1 << 26;
 
 struct Frame {
   KelFrameData data;
@@ -130,7 +130,7 @@ class Host {
     }
     for (int c = 0; c < n; ++c) {
       const auto [width, height] = SizeOf(c);
-      if (width > kLargestSide || height > kLargestSide) continue;
+      if (height > 0 && width > kMostSamples / height) continue;
       result.planes.push_back(Gather(c, result.depths[static_cast<std::size_t>(c)]));
       if (job_.useHostBuffers) result.hostPlanes.push_back(FromHostBuffer(c));
     }
