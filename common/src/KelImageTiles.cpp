@@ -59,20 +59,25 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   return result;
 }
 
+/// Moves to where a tile-part's length says that it ends, when a boundary stands there.
+bool MoveToPartEnd(KelDecDataMgr& data, const TileProgress& progress) {
+  if (progress.partLength == 0) return false;
+  const std::int64_t end = progress.partStart + progress.partLength;
+  const std::int64_t here = data.GetPosition();
+  if (here <= end) {
+    return CheckBoundary(data, end) == BoundaryCheck::kIsBoundary && data.MoveTo(end);
+  }
+  // The packets ran past it.
+  if (data.MoveTo(end) && data.AtTilePartBoundary()) return true;
+  data.MoveTo(here);
+  return false;
+}
+
 /// Moves the reader behind a tile-part that has been read, when it does not stand on a boundary:
 /// to where the length points if that is one, else to the next marker that can begin a tile-part.
 /// False when nothing follows.
 bool LeavePart(KelDecDataMgr& data, const TileProgress& progress) {
-  if (data.AtTilePartBoundary()) return true;
-  const std::int64_t end = progress.partStart + progress.partLength;
-  const std::int64_t here = data.GetPosition();
-  if (progress.partLength != 0) {
-    if (CheckBoundary(data, end) == BoundaryCheck::kIsBoundary) return data.MoveTo(end);
-    if (end < here && data.MoveTo(end)) {
-      if (data.AtTilePartBoundary()) return true;
-      data.MoveTo(here);
-    }
-  }
+  if (data.AtTilePartBoundary() || MoveToPartEnd(data, progress)) return true;
   data.MoveTo(progress.partStart + 2);
   return data.FindPlausibleSOT();
 }
@@ -84,10 +89,7 @@ bool ReadOpenPart(KelDecDataMgr& data, TileRecord& tile) {
   const PartEnd end = ReadTilePartPackets(data, tile);
   if (end == PartEnd::kCutOff) {
     // Data behind the tile-part mean that it is damaged, not cut off.
-    const std::int64_t partEnd = progress.partStart + progress.partLength;
-    const bool isDamaged = progress.partLength != 0 &&
-                           CheckBoundary(data, partEnd) == BoundaryCheck::kIsBoundary &&
-                           data.MoveTo(partEnd) && data.EnsureBuffered(2) == kBufferedOk;
+    const bool isDamaged = MoveToPartEnd(data, progress) && data.EnsureBuffered(2) == kBufferedOk;
     if (!isDamaged) return false;
   }
   progress.partIsOpen = false;

@@ -38,9 +38,9 @@ bool AtPartEnd(PartReading& part) {
   return part.endIsChecked && part.data.GetPosition() >= part.end;
 }
 
-/// Decodes one band of a precinct at the read position. `lengthBytes` of data are announced.
+/// Decodes one band of a precinct at the read position. Its data are said to end at bandEnd.
 void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
-                const PacketId& at, std::uint64_t lengthBytes) {
+                const PacketId& at, std::int64_t bandEnd) {
   BandRecord& band = record.bands[b];
   const GridPartition& precincts = record.resolutions[at.resolution].precincts;
   const bool isLowest = at.resolution == 0;
@@ -71,9 +71,7 @@ void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells
     if (data.MoveTo(start)) end = DecodeBandBlocks(data, blocks, layout).end;
   }
   band.isFilled = true;
-  if (end == BandEnd::kOutOfRange) {
-    data.MoveTo(start + static_cast<std::int64_t>(lengthBytes));
-  }
+  if (end == BandEnd::kOutOfRange) data.MoveTo(bandEnd);
 }
 
 /// Decodes the bands of a packet whose length, not 0, has been read.
@@ -83,13 +81,15 @@ void DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const Packet
   const BufferLock lock(record.waveletData->ImageBuffer);
   auto* cells = lock.As<std::int32_t>();
   if (cells == nullptr) return;
+  const std::int64_t packetEnd = data.GetPosition() + static_cast<std::int64_t>(lengthBytes);
   if (at.resolution == 0) {
-    DecodeBand(data, record, cells, 0, at, lengthBytes);
+    DecodeBand(data, record, cells, 0, at, packetEnd);
     return;
   }
   for (std::int32_t b = 3 * at.resolution - 2; b <= 3 * at.resolution; ++b) {
-    const std::uint64_t bandBytes = data.ReadUInt(kLengthBytes);
-    if (bandBytes != 0) DecodeBand(data, record, cells, b, at, bandBytes);
+    const std::int64_t bandBytes = data.ReadUInt(kLengthBytes);
+    const std::int64_t bandEnd = std::min(data.GetPosition() + bandBytes, packetEnd);
+    if (bandBytes != 0) DecodeBand(data, record, cells, b, at, bandEnd);
   }
 }
 

@@ -99,7 +99,9 @@ class Host {
   std::pair<std::int64_t, std::int64_t> SizeOf(int c) const {
     const KelImageGeometry& g = *image_.GetGeometryParams();
     const int k = reduction_[static_cast<std::size_t>(c)];
-    const auto edge = [&](std::int64_t v, std::int64_t sub) { return CeilTo((v + sub - 1) / sub, k); };
+    const auto edge = [&](std::int64_t v, std::int64_t sub) {
+      return CeilTo((v + sub - 1) / sub, k);
+    };
     return {edge(g.Xsiz, g.XRsiz[c]) - edge(g.XOsiz, g.XRsiz[c]),
             edge(g.Ysiz, g.YRsiz[c]) - edge(g.YOsiz, g.YRsiz[c])};
   }
@@ -181,10 +183,12 @@ class Host {
     auto [width, height] = SizeOf(c);
     Plane plane{width, height,
                 std::vector<std::int64_t>(static_cast<std::size_t>(width * height), -1)};
-    if (IsTurned()) std::swap(plane.width, plane.height);
+    if (IsTurned() && !job_.skipRecast) std::swap(plane.width, plane.height);
     const KelImageGeometry& g = *image_.GetGeometryParams();
     const int k = reduction_[static_cast<std::size_t>(c)];
-    const auto edge = [&](std::int64_t v, std::int64_t sub) { return CeilTo((v + sub - 1) / sub, k); };
+    const auto edge = [&](std::int64_t v, std::int64_t sub) {
+      return CeilTo((v + sub - 1) / sub, k);
+    };
     const std::int64_t ox = edge(g.XOsiz, g.XRsiz[c]), oy = edge(g.YOsiz, g.YRsiz[c]);
     for (KelLong t = 0; t < image_.GetNumTiles(); ++t) {
       KelTileComponent* component = image_.GetTileComponent(t, c);
@@ -194,6 +198,11 @@ class Host {
       const std::int64_t y0 = CeilTo(box.Y0, k) - oy, y1 = CeilTo(box.Y1, k) - oy;
       const KelImageData& image = *component->GetOutputImage();
       const int bits = bits_[static_cast<std::size_t>(c)];
+      // Raw samples are never rotated, and a tile of fewer levels has no place in a smaller image.
+      const bool isTurned = IsTurned() && !job_.skipRecast;
+      const std::int64_t across = isTurned ? y1 - y0 : x1 - x0;
+      const std::int64_t down = isTurned ? x1 - x0 : y1 - y0;
+      if (across > image.Width || down > image.Height) continue;
       const std::int64_t rowBytes = image.SizeOfDataType == 4
                                         ? std::int64_t{image.Width} * 4
                                         : (std::int64_t{image.Width} * bits + 7) / 8;
@@ -203,7 +212,7 @@ class Host {
         for (std::int64_t x = x0; x < x1; ++x) {
           std::int64_t column = x - x0, row = y - y0, px = x, py = y;
           const std::int64_t w = x1 - x0, h = y1 - y0;
-          switch (job_.orientation) {
+          switch (job_.skipRecast ? KelOrientation0 : job_.orientation) {
             case KelOrientation90:
               std::tie(column, row, px, py) = std::tuple(h - 1 - row, column, height - 1 - y, x);
               break;
