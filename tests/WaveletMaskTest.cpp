@@ -36,12 +36,12 @@ void CheckRegion(const Box& box, int levels, bool irreversible, std::mt19937& ra
   for (std::uint8_t& m : mask) m = random() % 12 == 0 ? 1 : 0;
   const std::vector<std::uint8_t> marks = Marks(mask, box, levels, irreversible);
   std::vector<double> cells = samples;
-  test::TrueForward(cells, box, levels, irreversible);
+  test::TransformTruly(cells, box, levels, {false, irreversible});
   for (std::size_t i = 0; i < cells.size(); ++i) {
     ASSERT_TRUE(marks[i] == 0 || marks[i] == kel::kMaskMark);
     if (marks[i] == 0) cells[i] = 0;
   }
-  test::TrueInverse(cells, box, levels, irreversible);
+  test::TransformTruly(cells, box, levels, {true, irreversible});
   for (std::size_t i = 0; i < cells.size(); ++i) {
     if (mask[i] != 0) {
       ASSERT_NEAR(cells[i], samples[i], 1e-5) << "sample " << i;
