@@ -110,7 +110,7 @@ TEST(Quant, StepsOfAQuality) {
 }
 
 // The recursion must use the high-pass filter in the last round only, and cut deep functions off
-// where it always has: the numbers of deep low-pass bands would otherwise be larger.
+// where the definition says: the numbers of deep low-pass bands would otherwise be larger.
 TEST(BandWeights, EnergiesOfBasisFunctions) {
   const auto energy = [](int level) {
     return std::sqrt(kel::BandEnergyWeight(level, kel::SubbandKind::kLL, true));
