@@ -38,9 +38,13 @@ void Report(benchmark::State& state, double samples) {
                                                     samples * sizeof(std::int32_t)));
 }
 
-/// Planes of one square size and what the drivers need for them.
+struct Size {
+  std::int64_t width, height;
+};
+constexpr Size kSizes[] = {{64, 64}, {512, 512}, {4096, 4096}, {4099, 4099}, {5632, 3168}};
+
+/// Planes of one size and what the drivers need for them.
 struct Workload {
-  std::int64_t size;
   kel::Box box;
   std::size_t stride;
   Cells<std::int32_t> ints[3];
@@ -50,10 +54,9 @@ struct Workload {
   std::vector<float> steps;
   std::vector<kel::SubbandRecord> records;
 
-  explicit Workload(std::int64_t side)
-      : size(side),
-        box{0, side, 0, side},
-        stride(static_cast<std::size_t>(side)),
+  explicit Workload(Size size)
+      : box{0, size.width, 0, size.height},
+        stride(static_cast<std::size_t>(size.width)),
         ints{Cells<std::int32_t>(Count()), Cells<std::int32_t>(Count()),
              Cells<std::int32_t>(Count())},
         floats{Cells<float>(Count()), Cells<float>(Count())},
@@ -63,7 +66,7 @@ struct Workload {
         steps(static_cast<std::size_t>(kel::NumSubbands(kLevels)), 1.0F),
         records(steps.size()) {}
 
-  std::size_t Count() const { return stride * stride; }
+  std::size_t Count() const { return stride * static_cast<std::size_t>(box.Height()); }
   kel::CoefficientPlane Plane(int p) { return {ints[p].Data(), stride, box, kLevels}; }
   kel::Rows<std::uint8_t> Bytes(std::size_t p) { return {bytes.Data() + p * Count(), stride}; }
 };
@@ -119,8 +122,7 @@ const Driver kDrivers[] = {
      }},
 };
 
-void RunDriver(benchmark::State& state, const Driver& driver, std::int64_t size,
-               kel::KernelSet most) {
+void RunDriver(benchmark::State& state, const Driver& driver, Size size, kel::KernelSet most) {
   kel::ChooseKernels(most);
   Workload work(size);
   for (auto _ : state) driver.run(work);
@@ -238,9 +240,10 @@ const bool registered = [] {
     }
   }
   for (const Driver& driver : kDrivers) {
-    for (const std::int64_t size : {64, 512, 4096, 4099}) {
+    for (const Size size : kSizes) {
       for (const kel::KernelSet set : {kel::KernelSet::kScalar, kel::KernelSet::kAvx512}) {
-        const std::string name = std::string("driver/") + driver.name + "/" + std::to_string(size) +
+        const std::string name = std::string("driver/") + driver.name + "/" +
+                                 std::to_string(size.width) + "x" + std::to_string(size.height) +
                                  (set == kel::KernelSet::kScalar ? "/scalar" : "/best");
         benchmark::RegisterBenchmark(name.c_str(), [&driver, size, set](benchmark::State& state) {
           RunDriver(state, driver, size, set);
