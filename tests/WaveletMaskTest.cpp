@@ -36,12 +36,12 @@ void CheckRegion(const Box& box, int levels, bool irreversible, std::mt19937& ra
   for (std::uint8_t& m : mask) m = random() % 12 == 0 ? 1 : 0;
   const std::vector<std::uint8_t> marks = Marks(mask, box, levels, irreversible);
   std::vector<double> cells = samples;
-  test::TrueForward(cells, box, levels, irreversible);
+  test::TransformTruly(cells, box, levels, {false, irreversible});
   for (std::size_t i = 0; i < cells.size(); ++i) {
     ASSERT_TRUE(marks[i] == 0 || marks[i] == kel::kMaskMark);
     if (marks[i] == 0) cells[i] = 0;
   }
-  test::TrueInverse(cells, box, levels, irreversible);
+  test::TransformTruly(cells, box, levels, {true, irreversible});
   for (std::size_t i = 0; i < cells.size(); ++i) {
     if (mask[i] != 0) {
       ASSERT_NEAR(cells[i], samples[i], 1e-5) << "sample " << i;
@@ -65,20 +65,26 @@ TEST(WaveletMask, MarkedCoefficientsRebuildTheRegion) {
   CheckRegion({3, 60, 5, 48}, 3, true, random);
 }
 
-// One sample far from every edge needs exactly the filter's support, not a cell more.
-TEST(WaveletMask, SupportOfOneSample) {
+// Samples far from every edge need exactly the filter's support, not a cell more: marks that stay
+// behind from another row or a finer level show.
+TEST(WaveletMask, SupportOfSingleSamples) {
   test::HostMemory memory;
   const Box box = {1, 41, 0, 40};
-  const auto marksOf = [&](std::int64_t x, std::int64_t y, bool irreversible) {
+  const auto marksOf = [&](std::vector<std::int64_t> diagonal, std::int64_t right, int levels,
+                           bool irreversible) {
     std::vector<std::uint8_t> mask(1600, 0);
-    mask[static_cast<std::size_t>((y - box.y0) * 40 + (x - box.x0))] = 9;
-    const std::vector<std::uint8_t> marks = Marks(mask, box, 1, irreversible);
+    for (const std::int64_t y : diagonal) {
+      mask[static_cast<std::size_t>((y - box.y0) * 40 + (y + right - box.x0))] = 9;
+    }
+    const std::vector<std::uint8_t> marks = Marks(mask, box, levels, irreversible);
     return std::count(marks.begin(), marks.end(), kel::kMaskMark);
   };
-  EXPECT_EQ(marksOf(20, 20, true), 7 * 7);
-  EXPECT_EQ(marksOf(21, 20, true), 9 * 7);
-  EXPECT_EQ(marksOf(20, 20, false), 3 * 3);
-  EXPECT_EQ(marksOf(21, 21, false), 5 * 5);
+  EXPECT_EQ(marksOf({20}, 0, 1, true), 7 * 7);
+  EXPECT_EQ(marksOf({20}, 1, 1, true), 9 * 7);
+  EXPECT_EQ(marksOf({20}, 0, 1, false), 3 * 3);
+  EXPECT_EQ(marksOf({21}, 1, 1, false), 3 * 5);
+  EXPECT_EQ(marksOf({10, 30}, 0, 1, true), 2 * 7 * 7);
+  EXPECT_EQ(marksOf({20}, 0, 2, true), 7 * 7 - 3 * 3 + 11 * 11);
 }
 
 }  // namespace

@@ -3,9 +3,9 @@
 // The basis function of a subband of level l is separable. Along an axis it begins as the low-pass
 // filter and goes l - 1 times through insertion of zeros and filtering; where the subband is
 // high-pass along the axis, the last filter is the high-pass one. In round k only the values up to
-// 5k + 8 are kept. From level 4 on that is less than the function's length, so that weights of
-// deep low-pass bands come out a little small; the steps that encoders have always used rest on
-// these very numbers.
+// 5k + 8 are kept. From level 3 on that is less than the function's length, and the weights of
+// deep low-pass bands come out a little small. That is part of the definition: the steps of a
+// quality follow from these numbers.
 #include "KelBandWeights.h"
 
 #include <algorithm>

@@ -14,7 +14,7 @@ namespace kel {
 /// Columns of a strip. Wide enough that each row piece feeds the memory well, narrow enough that
 /// the dozen rows at work stay near the core. The last strip may be half as wide again, so that
 /// no strip of several is narrow and mirroring at an edge never leaves the edge's strip.
-inline constexpr std::int64_t kStripColumns = 1024;
+inline constexpr std::int64_t kStripColumns = 4096;
 inline constexpr std::int64_t kMostStripColumns = kStripColumns + kStripColumns / 2;
 
 /// Where the strip that begins at column c0 ends; an even column, or the end of the box.

@@ -12,7 +12,19 @@
 
 namespace test {
 
-/// Samples at positions first, first + 1, ...; reading beyond either end mirrors.
+// Halves of the symmetric 9/7 filters, centre first: low, high of the analysis, of the synthesis.
+inline constexpr double kFilters97[2][2][5] = {
+    {{0.602949018236, 0.266864118443, -0.078223266529, -0.016864118443, 0.026748757411},
+     {1.115087052457, -0.591271763114, -0.057543526228, 0.091271763114, 0.0}},
+    {{1.115087052457, 0.591271763114, -0.057543526228, -0.091271763114, 0.0},
+     {0.602949018236, -0.266864118443, -0.078223266529, 0.016864118443, 0.026748757411}}};
+
+/// Which transform: back to samples or not, and with which filter.
+struct Transform {
+  bool inverse, irreversible;
+};
+
+/// Values at positions first, first + 1, ...; reading beyond either end mirrors.
 struct Signal {
   std::int64_t first;
   std::vector<double> values;
@@ -24,121 +36,63 @@ struct Signal {
   }
 };
 
-// Halves of the symmetric 9/7 filters, centre first.
-inline constexpr double kAnalysisLow[] = {0.602949018236, 0.266864118443, -0.078223266529,
-                                          -0.016864118443, 0.026748757411};
-inline constexpr double kAnalysisHigh[] = {1.115087052457, -0.591271763114, -0.057543526228,
-                                           0.091271763114, 0.0};
-inline constexpr double kSynthesisLow[] = {1.115087052457, 0.591271763114, -0.057543526228,
-                                           -0.091271763114, 0.0};
-inline constexpr double kSynthesisHigh[] = {0.602949018236, -0.266864118443, -0.078223266529,
-                                            0.016864118443, 0.026748757411};
-
-/// Low-pass results at even positions, high-pass results at odd ones.
-inline Signal Analysed(const Signal& x, bool irreversible) {
-  Signal y = x;
-  if (x.values.size() == 1) {
-    if (x.first % 2 != 0) y.values[0] *= 2;
-    return y;
+/// The result at a position; low-pass values have even positions, high-pass values odd ones.
+inline double ResultAt(const Signal& in, std::int64_t i, Transform kind) {
+  const bool odd = i % 2 != 0;
+  if (in.values.size() == 1) {
+    if (!odd) return in.At(i);
+    if (!kind.inverse) return in.At(i) * 2;
+    return kind.irreversible ? in.At(i) / 2 : std::trunc(in.At(i) / 2);
   }
-  const auto high53 = [&](std::int64_t i) {
-    return x.At(i) - std::floor((x.At(i - 1) + x.At(i + 1)) / 2);
+  if (kind.irreversible) {
+    double sum = 0;
+    for (std::int64_t p = i - 4; p <= i + 4; ++p) {
+      const bool high = (kind.inverse ? p : i) % 2 != 0;
+      sum += kFilters97[kind.inverse][high][std::abs(i - p)] * in.At(p);
+    }
+    return sum;
+  }
+  const double sign = kind.inverse ? 1 : -1;
+  const auto lifted = [&](auto at, double add, double divisor) {
+    return std::floor((at(i - 1) + at(i + 1) + add) / divisor);
   };
-  for (std::size_t k = 0; k < y.values.size(); ++k) {
-    const std::int64_t i = x.first + static_cast<std::int64_t>(k);
-    const bool odd = i % 2 != 0;
-    if (irreversible) {
-      double sum = 0;
-      for (std::int64_t j = -4; j <= 4; ++j) {
-        sum += (odd ? kAnalysisHigh : kAnalysisLow)[std::abs(j)] * x.At(i + j);
-      }
-      y.values[k] = sum;
-    } else {
-      y.values[k] = odd ? high53(i) : x.At(i) + std::floor((high53(i - 1) + high53(i + 1) + 2) / 4);
-    }
-  }
-  return y;
+  const auto plain = [&](std::int64_t p) { return in.At(p); };
+  const auto partner = [&](std::int64_t p) { return ResultAt(in, p, kind); };
+  if (odd) return in.At(i) + sign * (kind.inverse ? lifted(partner, 0, 2) : lifted(plain, 0, 2));
+  return in.At(i) - sign * (kind.inverse ? lifted(plain, 2, 4) : lifted(partner, 2, 4));
 }
 
-inline Signal Synthesised(const Signal& y, bool irreversible) {
-  Signal x = y;
-  if (y.values.size() == 1) {
-    if (y.first % 2 != 0)
-      x.values[0] = irreversible ? x.values[0] / 2 : std::trunc(x.values[0] / 2);
-    return x;
-  }
-  const auto even53 = [&](std::int64_t i) {
-    return y.At(i) - std::floor((y.At(i - 1) + y.At(i + 1) + 2) / 4);
+/// Transforms one row or column of a plane; its positions are [first, end). Samples stand in
+/// order, coefficients with the low-pass ones first.
+inline void TransformLine(double* line, std::int64_t pitch, std::int64_t first, std::int64_t end,
+                          Transform kind) {
+  const std::int64_t lows = kel::CeilShift(end, 1) - kel::CeilShift(first, 1);
+  const auto cell = [&](std::int64_t i, bool parted) -> double& {
+    const std::int64_t half =
+        i % 2 == 0 ? i / 2 - kel::CeilShift(first, 1) : lows + i / 2 - kel::FloorShift(first, 1);
+    return line[(parted ? half : i - first) * pitch];
   };
-  for (std::size_t k = 0; k < x.values.size(); ++k) {
-    const std::int64_t i = y.first + static_cast<std::int64_t>(k);
-    if (irreversible) {
-      double sum = 0;
-      for (std::int64_t p = i - 4; p <= i + 4; ++p) {
-        sum += (p % 2 != 0 ? kSynthesisHigh : kSynthesisLow)[std::abs(i - p)] * y.At(p);
-      }
-      x.values[k] = sum;
-    } else {
-      x.values[k] =
-          i % 2 == 0 ? even53(i) : y.At(i) + std::floor((even53(i - 1) + even53(i + 1)) / 2);
-    }
-  }
-  return x;
+  Signal in{first, {}};
+  for (std::int64_t i = first; i < end; ++i) in.values.push_back(cell(i, kind.inverse));
+  for (std::int64_t i = first; i < end; ++i) cell(i, !kind.inverse) = ResultAt(in, i, kind);
 }
 
-/// One row or column of a plane, by the place of its samples in the Mallat layout or in order.
-struct Line {
-  std::vector<double>& cells;
-  std::int64_t start, pitch, first, end;
-
-  double& InOrder(std::int64_t i) const { return Cell(i - first); }
-  double& Parted(std::int64_t i) const {
-    const std::int64_t lows = kel::CeilShift(end, 1) - kel::CeilShift(first, 1);
-    return i % 2 == 0 ? Cell(i / 2 - kel::CeilShift(first, 1))
-                      : Cell(lows + i / 2 - kel::FloorShift(first, 1));
-  }
-  double& Cell(std::int64_t k) const { return cells[static_cast<std::size_t>(start + k * pitch)]; }
-
-  void Analyse(bool irreversible) const {
-    Signal x{first, {}};
-    for (std::int64_t i = first; i < end; ++i) x.values.push_back(InOrder(i));
-    const Signal y = Analysed(x, irreversible);
-    for (std::int64_t i = first; i < end; ++i) Parted(i) = y.At(i);
-  }
-  void Synthesise(bool irreversible) const {
-    Signal y{first, {}};
-    for (std::int64_t i = first; i < end; ++i) y.values.push_back(Parted(i));
-    const Signal x = Synthesised(y, irreversible);
-    for (std::int64_t i = first; i < end; ++i) InOrder(i) = x.At(i);
-  }
-};
-
-/// Whole transforms in place, on the rows of a box without gaps; results in Mallat layout.
-inline void TrueForward(std::vector<double>& cells, const kel::Box& box, int levels,
-                        bool irreversible) {
-  for (int level = 0; level < levels; ++level) {
-    const kel::Box b = kel::ReduceBox(box, level);
-    if (b.IsEmpty()) return;
-    for (std::int64_t c = 0; c < b.Width(); ++c) {
-      Line{cells, c, box.Width(), b.y0, b.y1}.Analyse(irreversible);
-    }
-    for (std::int64_t r = 0; r < b.Height(); ++r) {
-      Line{cells, r * box.Width(), 1, b.x0, b.x1}.Analyse(irreversible);
-    }
-  }
-}
-
-inline void TrueInverse(std::vector<double>& cells, const kel::Box& box, int levels,
-                        bool irreversible) {
-  for (int level = levels - 1; level >= 0; --level) {
-    const kel::Box b = kel::ReduceBox(box, level);
+/// The whole transform in place, on the rows of a box without gaps; coefficients in Mallat layout.
+inline void TransformTruly(std::vector<double>& cells, const kel::Box& box, int levels,
+                           Transform kind) {
+  for (int done = 0; done < levels; ++done) {
+    const kel::Box b = kel::ReduceBox(box, kind.inverse ? levels - 1 - done : done);
     if (b.IsEmpty()) continue;
+    const auto columns = [&] {
+      for (std::int64_t c = 0; c < b.Width(); ++c) {
+        TransformLine(&cells[static_cast<std::size_t>(c)], box.Width(), b.y0, b.y1, kind);
+      }
+    };
+    if (!kind.inverse) columns();
     for (std::int64_t r = 0; r < b.Height(); ++r) {
-      Line{cells, r * box.Width(), 1, b.x0, b.x1}.Synthesise(irreversible);
+      TransformLine(&cells[static_cast<std::size_t>(r * box.Width())], 1, b.x0, b.x1, kind);
     }
-    for (std::int64_t c = 0; c < b.Width(); ++c) {
-      Line{cells, c, box.Width(), b.y0, b.y1}.Synthesise(irreversible);
-    }
+    if (kind.inverse) columns();
   }
 }
 

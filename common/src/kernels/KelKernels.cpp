@@ -66,8 +66,10 @@ bool FillKernelTable(KernelSet set, KernelTable& table) noexcept {
   return true;
 }
 
-void ChooseKernels() noexcept {
-  for (const KernelSet set : kAllKernelSets) FillKernelTable(set, chosen);
+void ChooseKernels(KernelSet most) noexcept {
+  for (const KernelSet set : kAllKernelSets) {
+    if (set <= most) FillKernelTable(set, chosen);
+  }
 }
 
 const char* KernelSetName(KernelSet set) noexcept {

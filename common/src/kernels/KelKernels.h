@@ -31,8 +31,9 @@ struct KernelTable {
 /// The chosen table; the scalar one before the library starts.
 const KernelTable& Kernels() noexcept;
 
-/// Chooses the best table for this machine. Called when the library starts.
-void ChooseKernels() noexcept;
+/// Chooses the best table for this machine, of the sets up to the named one. Called when the
+/// library starts.
+void ChooseKernels(KernelSet most = KernelSet::kAvx512) noexcept;
 
 /// Fills the table of a named set, for tests and benches. False when the machine or the build
 /// does not offer it.

@@ -15,6 +15,10 @@
 #include <cstdint>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
 namespace kel {
 namespace {
 
@@ -41,6 +45,20 @@ template <class V>
 template <class V>
 [[maybe_unused]] inline void Store(void* address, V v) {
   __builtin_memcpy(address, &v, sizeof v);
+}
+
+/// Floats as doubles. With intrinsics because g++ 12 splits the general conversion into halves,
+/// which made double-precision kernels half as slow again.
+[[maybe_unused]] inline VDouble Widen(VHalfFloat v) {
+#if KEL_VECTOR_BYTES == 64 && defined(__AVX512F__)
+  return _mm512_maskz_cvtps_pd(0xFF, v);
+#elif KEL_VECTOR_BYTES == 32 && defined(__AVX__)
+  return _mm256_cvtps_pd(v);
+#elif KEL_VECTOR_BYTES == 16 && defined(__SSE2__)
+  return _mm_cvtps_pd(_mm_castpd_ps(_mm_set_sd(__builtin_bit_cast(double, v))));
+#else
+  return __builtin_convertvector(v, VDouble);
+#endif
 }
 
 // Two vectors a, b of n lanes as one sequence of 2n values.

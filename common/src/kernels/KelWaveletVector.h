@@ -133,7 +133,7 @@ void AnalyseRows53(const Cell* const* x, const Cell* highBefore, Cell* high, Cel
 template <class V>
 inline V LoadAs(const float* from) {
   if constexpr (std::is_same_v<V, VDouble>) {
-    return __builtin_convertvector(Load<VHalfFloat>(from), VDouble);
+    return Widen(Load<VHalfFloat>(from));
   } else if constexpr (std::is_same_v<V, VFloat>) {
     return Load<VFloat>(from);
   } else {
@@ -229,8 +229,8 @@ inline void SplitToDouble(const float* x, double* even, double* odd, std::size_t
       [=](std::size_t n) {
         const VHalfFloat a = Load<VHalfFloat>(x + 2 * n);
         const VHalfFloat b = Load<VHalfFloat>(x + 2 * n + kWideLanes);
-        Store(even + n, __builtin_convertvector(EvenOf(a, b), VDouble));
-        Store(odd + n, __builtin_convertvector(OddOf(a, b), VDouble));
+        Store(even + n, Widen(EvenOf(a, b)));
+        Store(odd + n, Widen(OddOf(a, b)));
       },
       [=](std::size_t n) {
         even[n] = double{x[2 * n]};
@@ -305,11 +305,30 @@ inline void Dequantise(const std::int32_t* in, float* out, std::size_t count, fl
       [=](std::size_t i) { out[i] = (static_cast<float>(in[i]) + offset) * step; });
 }
 
+inline void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t count) {
+  typedef std::uint8_t Bytes __attribute__((vector_size(kLanes)));
+  Sweep<kLanes>(
+      count,
+      [=](std::size_t i) {
+        const VFloat shifted = Load<VFloat>(in + i) + 128.0F;
+        const VFloat atLeast = shifted > 0.0F ? shifted : VFloat{};
+        const VFloat limited = atLeast < 255.0F ? atLeast : VFloat{} + 255.0F;
+        const VInt whole = __builtin_convertvector(limited + 0.5F, VInt);
+        Store(out + i, __builtin_convertvector(whole, Bytes));
+      },
+      [=](std::size_t i) {
+        const float shifted = in[i] + 128.0F;
+        const float atLeast = shifted > 0.0F ? shifted : 0.0F;
+        out[i] = static_cast<std::uint8_t>((atLeast < 255.0F ? atLeast : 255.0F) + 0.5F);
+      });
+}
+
 inline void OverwriteWithVector(WaveletKernels& table) noexcept {
   table.synthesis53 = {SynthesiseRow53<std::int32_t>, SynthesiseRows53<std::int32_t>};
   table.synthesis97 = {SynthesiseRow97<double>, SynthesiseRows97<double>};
   table.synthesis97Single = {SynthesiseRow97<float>, SynthesiseRows97<float>};
   table.dequantise = Dequantise;
+  table.floatTo8BitAway = FloatTo8BitAway;
   table.analyseRow53 = AnalyseRow53<std::int32_t>;
   table.analyseRows53 = AnalyseRows53<std::int32_t>;
   table.analyseRow97 = AnalyseRow97;
