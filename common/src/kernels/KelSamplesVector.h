@@ -14,8 +14,8 @@
 
 #include <utility>
 
-#include "KelSamplesKernels.h"
 #include "KelInline.h"
+#include "KelSamplesKernels.h"
 #include "KelVector.h"
 
 #define KEL_FORCED __attribute__((always_inline))
