@@ -9,6 +9,7 @@
 
 namespace {
 
+using test::Bytes;
 using test::Content;
 using test::Decode;
 using test::Decoded;
@@ -190,6 +191,30 @@ TEST(RoundTrip, RegionKeepsItsPrecision) {
       }
       EXPECT_LT(inside / (22 * 16), 1.0) << "mask " << mask << ", sampling " << maskSampling;
       EXPECT_GT(outside / (75 * 61), 10.0);
+    }
+  }
+}
+
+// A plane more than the route from coefficients to bytes needs, or one kept once a tile is done.
+TEST(RoundTrip, MemoryOfDecoding) {
+  HostMemory memory;
+  constexpr std::size_t kPositions = 1024 * 1024, kFixed = 400000;
+  for (const std::size_t components : {1, 3}) {
+    for (const KelLong irreversible : {0, 1}) {
+      for (const KelLong side : {1024, 256}) {
+        EncodeHost host(MakePicture(1024, 1024, components, 8), side, side);
+        host.options.Irreversible = irreversible;
+        host.options.ComponentTransform = components == 3;
+        const Bytes file = host.Encode();
+        const std::size_t tile = static_cast<std::size_t>(side) * static_cast<std::size_t>(side);
+        const std::size_t before = memory.Bytes();
+        memory.ResetPeak();
+        const Decoded decoded = Decode(file);
+        EXPECT_EQ(decoded.frameCode, KelOK);
+        EXPECT_LE(memory.PeakBytes() - before,
+                  tile * (4 * components + 5) + (kPositions - tile) * components + kFixed)
+            << components << " components, tiles of " << side << ", filter " << irreversible;
+      }
     }
   }
 }

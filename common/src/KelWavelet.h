@@ -70,9 +70,10 @@ struct Rows {
   std::size_t strideCells;
 };
 
-// Inverse transforms. Coefficients are read only. A lower resolution is decoded from a plane that
-// holds the box of that resolution alone, with as many levels as the resolution's number: its
-// subbands have the same boxes there, and the first entries of the same list of steps.
+// Inverse transforms. Coefficients are read only, but for planes marked as consumable. A lower
+// resolution is decoded from a plane that holds the box of that resolution alone, with as many
+// levels as the resolution's number: its subbands have the same boxes there, and the first entries
+// of the same list of steps.
 
 /// A tile-component's coefficients, 5/3 values or 9/7 quantisation indices, in Mallat layout.
 struct CoefficientPlane {
@@ -80,11 +81,16 @@ struct CoefficientPlane {
   std::size_t strideCells;
   Box box;
   int numLevels;
+  /// The same cells when they are not needed afterwards, else null: the drivers of three planes
+  /// then keep the result of the coarser levels in the place of their coefficients.
+  std::int32_t* consumable = nullptr;
 };
 
 /// 32-bit cells of scratch that an inverse driver needs for planes of one box and of up to so many
-/// levels: about five sixteenths of a plane each. Saturates.
-std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes = 1);
+/// levels: about five sixteenths of a plane, for each plane that is not consumable, and at least
+/// once. Saturates.
+std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes = 1,
+                                     bool areConsumable = false);
 
 void InverseDwt53(const CoefficientPlane& plane, void* scratch, Rows<std::int32_t> out);
 /// Straight to 8-bit samples: v + 128, clamped.

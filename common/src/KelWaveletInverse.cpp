@@ -3,8 +3,13 @@
 //
 // The coarser levels of each plane go, in turn, to two areas of scratch: one for the result of the
 // last level but one, a quarter of a plane, and one for the level before that, a sixteenth. The
-// last level goes to a sink: a plane of cells, or 8-bit samples of one or three planes.
+// last level goes to a sink: a plane of cells, or 8-bit samples of one or three planes. Three
+// planes need those areas one after the other only, when each may take the result back into the
+// place of its coarse coefficients.
 #include "KelWavelet.h"
+
+#include <cstring>
+
 #include "KelWaveletSynthesis.h"
 
 namespace kel {
@@ -139,17 +144,41 @@ void RunPlaneTo8Bit(const CoefficientPlane& plane, const BandSteps& steps,
   RunPlane(plane, steps, kernels, cutter, sink);
 }
 
+/// Takes the result of the coarser levels, the LL of the last one, back into the plane: over the
+/// coefficients that it was made of, which lie in the same quarter.
+template <class Cell>
+void MoveLowIntoPlane(BandSource& low, const Box& lowBox, const CoefficientPlane& plane) {
+  static_assert(sizeof(Cell) == sizeof(std::int32_t));
+  if (low.cells == plane.cells || lowBox.IsEmpty()) return;
+  const auto* from = static_cast<const Cell*>(low.cells);
+  std::int32_t* to = plane.consumable;
+  for (std::int64_t y = 0; y < lowBox.Height(); ++y) {
+    std::memcpy(to, from, AsCount(lowBox.Width()) * sizeof(Cell));
+    from += low.strideCells;
+    to += plane.strideCells;
+  }
+  low.cells = plane.consumable;
+  low.strideCells = plane.strideCells;
+}
+
 template <class Cell>
 void RunTripleTo8Bit(const CoefficientPlane (&planes)[3], const BandSteps (&steps)[3],
                      const SynthesisKernels<Cell>& kernels, ByteSink<Cell, 3> sink, void* scratch) {
   if (planes[0].box.IsEmpty()) return;
   ScratchCutter cutter(scratch);
   TakePieces(sink, planes[0].box, cutter);
-  StripSynthesis<Cell> strips[3];
+  LevelBands last[3];
   for (int p = 0; p < 3; ++p) {
-    const LevelBands last = RunToLastLevel(planes[p], steps[p], kernels, cutter);
-    InitStripSynthesis(strips[p], last, kernels, cutter);
+    const CoefficientPlane& plane = planes[p];
+    ScratchCutter passing = cutter;
+    const bool isConsumable = plane.consumable != nullptr;
+    last[p] = RunToLastLevel(plane, steps[p], kernels, isConsumable ? passing : cutter);
+    if (isConsumable && plane.numLevels > 1) {
+      MoveLowIntoPlane<Cell>(last[p].bands[0], ReduceBox(plane.box, 1), plane);
+    }
   }
+  StripSynthesis<Cell> strips[3];
+  for (int p = 0; p < 3; ++p) InitStripSynthesis(strips[p], last[p], kernels, cutter);
   RunLevel(strips, 3, sink);
 }
 
@@ -163,14 +192,16 @@ BandSteps GeneralSteps(const float* steps) {
 
 }  // namespace
 
-std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes) {
+std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes,
+                                     bool areConsumable) {
   if (box.IsEmpty()) return 0;
-  std::uint64_t cells =
-      AsCount(StripSynthesisCells(box.Width()) + 4 * ScratchRowCells(box.Width()));
+  const std::int64_t rows = StripSynthesisCells(box.Width()) + 4 * ScratchRowCells(box.Width());
+  std::uint64_t areas = 0;
   for (int level = 1; level <= 2 && level < numLevels; ++level) {
-    cells = SaturatingAdd(cells, ResultCells(ReduceBox(box, level)));
+    areas = SaturatingAdd(areas, ResultCells(ReduceBox(box, level)));
   }
-  return SaturatingMul(cells, AsCount(numPlanes));
+  return SaturatingAdd(SaturatingMul(AsCount(rows), AsCount(numPlanes)),
+                       SaturatingMul(areas, areConsumable ? 1 : AsCount(numPlanes)));
 }
 
 void InverseDwt53(const CoefficientPlane& plane, void* scratch, Rows<std::int32_t> out) {

@@ -54,6 +54,12 @@ class Coefficients {
     return {lock_.As<const std::int32_t>(), static_cast<std::size_t>(record_.rowStride),
             record_.resolutionBox, record_.decodeRes};
   }
+  /// The plane when its values are not needed again.
+  CoefficientPlane ConsumablePlane() const {
+    CoefficientPlane plane = Plane();
+    plane.consumable = lock_.As<std::int32_t>();
+    return plane;
+  }
 
  private:
   TileCompRecord& record_;
@@ -203,8 +209,13 @@ class Delivery {
     std::optional<Coefficients> coefficients[3];
     std::optional<SamplePlane> bytes[3];
     CoefficientPlane planes[3];
-    for (int i = 0; i < 3; ++i) planes[i] = coefficients[i].emplace(Color(i)).Plane();
-    void* cells = scratch_.Cells(InverseDwtScratchCells(Color(0).resolutionBox, MostLevels(), 3));
+    const bool isLast = tile_.progress.isComplete;
+    for (int i = 0; i < 3; ++i) {
+      const Coefficients& of = coefficients[i].emplace(Color(i));
+      planes[i] = isLast ? of.ConsumablePlane() : of.Plane();
+    }
+    void* cells =
+        scratch_.Cells(InverseDwtScratchCells(Color(0).resolutionBox, MostLevels(), 3, isLast));
     for (int i = 0; i < 3; ++i) bytes[i].emplace(Color(i), 1);
     const Rows<std::uint8_t> out[3] = {bytes[0]->RowsOf<std::uint8_t>(),
                                        bytes[1]->RowsOf<std::uint8_t>(),
