@@ -37,9 +37,9 @@ ProgressBar::~ProgressBar() {
 void ProgressBar::Show(std::size_t done, std::size_t total, const std::string& label) {
   if (!shown_ || total == 0) return;
   const std::size_t filled = std::min(done, total) * kBarWidth / total;
-  std::string line = "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " +
-                     std::to_string(done) + "/" + std::to_string(total) + " " +
-                     label.substr(0, kLabelWidth);
+  std::string line(1, '[');
+  line.append(filled, '#').append(kBarWidth - filled, '.').append("] ");
+  line += std::to_string(done) + "/" + std::to_string(total) + " " + label.substr(0, kLabelWidth);
   const std::lock_guard lock(mutex);
   barLine = std::move(line);
   std::fprintf(stderr, "%s%s", kClearLine, barLine.c_str());

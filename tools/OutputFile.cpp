@@ -68,10 +68,14 @@ std::string Resolve(const std::string& path) {
 
 std::atomic<unsigned> temporaryCount{0};
 
+/// Names are at most 255 bytes long; so much of the target's leaves room for the rest.
+constexpr std::size_t kMostOfName = 200;
+
 std::string TemporaryName(const std::string& target) {
   const std::filesystem::path path(target);
-  const std::string name = "." + path.filename().string() + "." + std::to_string(getpid()) + "-" +
-                           std::to_string(temporaryCount.fetch_add(1)) + ".part";
+  std::string name(1, '.');
+  name.append(path.filename().string().substr(0, kMostOfName)).append(1, '.');
+  name += std::to_string(getpid()) + "-" + std::to_string(temporaryCount.fetch_add(1)) + ".part";
   return (path.parent_path() / name).string();
 }
 
@@ -100,9 +104,13 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::OpenBeside() {
-  temporary_ = TemporaryName(target_);
-  slot_ = NoteName(temporary_);
-  const int descriptor = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  int descriptor = -1;
+  do {  // a killed process of the same number can have left its file behind
+    ForgetName(slot_);
+    temporary_ = TemporaryName(target_);
+    slot_ = NoteName(temporary_);
+    descriptor = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  } while (descriptor < 0 && errno == EEXIST);
   file_ = descriptor < 0 ? nullptr : fdopen(descriptor, "wb");
   if (file_ != nullptr) return;
   const std::string reason = std::strerror(errno);

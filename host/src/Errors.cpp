@@ -90,8 +90,10 @@ std::string FormatBytes(std::uint64_t bytes) {
     ++unit;
   }
   std::string text = std::to_string(tenths / 10);
-  if (unit != 0 && tenths < 1000 && tenths % 10 != 0) text += "." + std::to_string(tenths % 10);
-  return text + kUnits[unit];
+  if (unit != 0 && tenths < 1000 && tenths % 10 != 0) {
+    text.append(1, '.').append(std::to_string(tenths % 10));
+  }
+  return text.append(kUnits[unit]);
 }
 
 }  // namespace kel::host
