@@ -68,10 +68,27 @@ std::string HexId(const std::array<std::uint8_t, 16>& id) {
   return text;
 }
 
-/// Valid UTF-8 of Latin-1 text.
-std::string Utf8(const std::string& latin1) {
+/// The number of bytes of the UTF-8 character at a position; 0 when none stands there.
+std::size_t CharacterBytes(const std::string& text, std::size_t at) {
+  const auto first = static_cast<unsigned char>(text[at]);
+  const std::size_t count = first < 0x80                     ? 1
+                            : first >= 0xC2 && first <= 0xDF ? 2
+                            : first >= 0xE0 && first <= 0xEF ? 3
+                            : first >= 0xF0 && first <= 0xF4 ? 4
+                                                             : 0;
+  for (std::size_t i = 1; i < count; ++i) {
+    if (at + i >= text.size() || (text[at + i] & 0xC0) != 0x80) return 0;
+  }
+  return count;
+}
+
+/// A comment as UTF-8. The format calls comments Latin-1; many programs write UTF-8 all the same.
+std::string Utf8(const std::string& comment) {
+  std::size_t at = 0;
+  while (at < comment.size() && CharacterBytes(comment, at) != 0) at += CharacterBytes(comment, at);
+  if (at == comment.size()) return comment;
   std::string text;
-  for (const char c : latin1) {
+  for (const char c : comment) {
     const auto code = static_cast<unsigned char>(c);
     if (code < 0x80) {
       text += c;
@@ -79,6 +96,14 @@ std::string Utf8(const std::string& latin1) {
       text += static_cast<char>(0xC0 | code >> 6);
       text += static_cast<char>(0x80 | (code & 0x3F));
     }
+  }
+  return text;
+}
+
+/// Text that does nothing to a terminal but stand there.
+std::string Printable(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
   }
   return text;
 }
@@ -94,6 +119,11 @@ std::string ColourText(const Info::ColourSpecification& colour) {
     default:
       return "method " + std::to_string(colour.method);
   }
+}
+
+/// Whether the boxes describe the samples otherwise than the code stream, which counts.
+bool BoxesDiffer(const Info::Component& component) {
+  return component.boxDepth != 0 && (component.boxDepth != component.depth || component.boxSigned);
 }
 
 // ---- For people ----
@@ -119,6 +149,10 @@ void PrintComponents(Table& table, const Info& info) {
     if (c > 3 && same && component.role == info.components[c - 1].role) continue;
     std::string use = RoleName(component.role);
     if (component.role == ChannelRole::kColour) use += " " + std::to_string(component.colour);
+    if (BoxesDiffer(component)) {
+      use += ", though the boxes say " + std::string(component.boxSigned ? "signed, " : "") +
+             std::to_string(component.boxDepth) + " bits";
+    }
     table.Line("component " + std::to_string(c), component.width, " x ", component.height, ", ",
                component.depth, " bits, ", use,
                component.xStep * component.yStep == 1
@@ -141,7 +175,7 @@ void PrintExtras(Table& table, const Info& info) {
   if (info.resolution) {
     table.Line("resolution", info.resolution->x, " x ", info.resolution->y, " per inch");
   }
-  if (!info.comment.empty()) table.Line("comment", Utf8(info.comment));
+  if (!info.comment.empty()) table.Line("comment", Printable(Utf8(info.comment)));
   for (const std::uint64_t bytes : info.xmlBytes) table.Line("XML", bytes, " bytes");
   for (const auto& uuid : info.uuids)
     table.Line("UUID", HexId(uuid.id), ", ", uuid.bytes, " bytes");
@@ -196,6 +230,10 @@ Json ComponentsJson(const Info& info) {
                     {"subsampling", {component.xStep, component.yStep}},
                     {"role", RoleName(component.role)},
                     {"colour", component.colour}});
+    if (BoxesDiffer(component)) {
+      list.back()["box_depth"] = component.boxDepth;
+      list.back()["box_signed"] = component.boxSigned;
+    }
   }
   return list;
 }
@@ -209,6 +247,12 @@ Json ColoursJson(const Info& info) {
     if (colour.method == 1) {
       entry["space"] = colour.space;
       entry["name"] = SpaceName(colour.space);
+      if (colour.cie) {
+        entry["ranges"] = colour.cie->ranges;
+        entry["offsets"] = colour.cie->offsets;
+        if (colour.cie->illuminant != 0) entry["illuminant"] = colour.cie->illuminant;
+        if (colour.cie->temperature != 0) entry["temperature"] = colour.cie->temperature;
+      }
     } else if (colour.iccBytes != 0) {
       entry["icc_bytes"] = colour.iccBytes;
     }

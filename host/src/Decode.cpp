@@ -34,7 +34,7 @@ void DecodePart(Job& job, ByteView bytes) {
   Decoder decoder(bytes, job.halvings == 0 ? KelAspectFull : KelAspectHalf);
   KelImage& object = decoder.Object();
   const std::vector<ComponentArea> part = ComponentAreas(*object.GetGeometryParams(), job.halvings);
-  FrameTarget target(job.areas, part, decoder.Found().ComponentTransform);
+  FrameTarget target(job.areas, part, job.scan, decoder.Found().ComponentTransform);
   const KelLong code = decoder.DecodeFrame(bytes, target.Raw(), target.Frame(job.planes));
   target.FinishPlanes(object, job.halvings, job.planes);
 

@@ -115,14 +115,17 @@ std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas) {
 }
 
 FrameTarget::FrameTarget(const std::vector<ComponentArea>& whole,
-                         const std::vector<ComponentArea>& part, bool colourTransform)
+                         const std::vector<ComponentArea>& part, const StreamScan& scan,
+                         bool colourTransform)
     : whole_(whole), part_(part) {
   // The library's fast paths to bytes, where they give the same samples as the general one: for a
   // transformed colour triple. (For single planes of the 9/7 filter they do not quite.)
   const auto isByte = [](const ComponentArea& area) { return area.depth == 8; };
   const bool fast = colourTransform && std::ranges::all_of(part, isByte);
-  for (const ComponentArea& area : part) {
-    raw_ = raw_ || area.depth > 16;
+  for (std::size_t c = 0; c < part.size(); ++c) {
+    const ComponentArea& area = part[c];
+    const unsigned boxDepth = BoxDepth(scan, c);
+    raw_ = raw_ || area.depth > 16 || (boxDepth != 0 && boxDepth != area.depth);
     inDepths_.push_back(fast ? 8 : 0);
     outDepths_.push_back(area.depth <= 8 ? 8 : 16);
     most_.push_back(std::ldexp(1.0, static_cast<int>(area.depth)) - 1);

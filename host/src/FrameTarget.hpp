@@ -3,13 +3,16 @@
 //
 // Up to 8 and up to 16 bits the library writes into the planes itself. It leaves words of 9 to 15
 // bits shifted up, and samples of more than 16 bits in its own planes; FinishPlanes makes them
-// what a Plane promises.
+// what a Plane promises. Where the boxes of a file give depths other than the code stream's, the
+// library scales from those. The samples were coded with the code stream's; the kit delivers them
+// so, from the library's own planes.
 #ifndef KEL_HOST_FRAME_TARGET_HPP
 #define KEL_HOST_FRAME_TARGET_HPP
 
 #include <vector>
 
 #include "Library.hpp"
+#include "StreamScan.hpp"
 #include "kel/host/image.hpp"
 
 namespace kel::host {
@@ -36,7 +39,7 @@ class FrameTarget {
  public:
   /// whole: areas of the planes. part: areas of the image object that will decode, inside whole.
   FrameTarget(const std::vector<ComponentArea>& whole, const std::vector<ComponentArea>& part,
-              bool colourTransform);
+              const StreamScan& scan, bool colourTransform);
 
   /// For GetNextFrame, delivering into planes.
   KelFrameData* Frame(std::vector<Plane>& planes);

@@ -9,7 +9,7 @@
 namespace kel::host {
 namespace {
 
-void DescribeComponents(Decoder& decoder, Info& info) {
+void DescribeComponents(Decoder& decoder, const StreamScan& scan, Info& info) {
   KelImage& object = decoder.Object();
   const auto areas = ComponentAreas(*object.GetGeometryParams(), 0);
   const auto roles = ComponentRoles(object);
@@ -17,8 +17,22 @@ void DescribeComponents(Decoder& decoder, Info& info) {
     const ComponentArea& area = areas[c];
     info.components.push_back({static_cast<std::uint32_t>(area.x1 - area.x0),
                                static_cast<std::uint32_t>(area.y1 - area.y0), area.depth,
-                               area.xStep, area.yStep, roles[c].role, roles[c].colour});
+                               area.xStep, area.yStep, roles[c].role, roles[c].colour,
+                               BoxDepth(scan, c),
+                               BoxDepth(scan, c) != 0 && scan.boxDepths[c] > 127});
   }
+}
+
+std::optional<Info::CieParameters> DescribeCie(const KelColorSpec& spec) {
+  const auto space = static_cast<ColourSpace>(spec.enumeratedSpace);
+  const bool isCie = space == ColourSpace::kCieLab || space == ColourSpace::kCieJab;
+  if (spec.method != 1 || !isCie) return std::nullopt;
+  const KelCIEParams& cie = spec.cie;
+  Info::CieParameters parameters{{cie.rangeL, cie.rangeA, cie.rangeB},
+                                 {cie.offsetL, cie.offsetA, cie.offsetB}};
+  if (cie.illuminantKind == 1) parameters.illuminant = cie.illuminant;
+  if (cie.illuminantKind == 2) parameters.temperature = cie.temperature;
+  return parameters;
 }
 
 void DescribeColour(const KelImage& object, Info& info) {
@@ -26,7 +40,7 @@ void DescribeColour(const KelImage& object, Info& info) {
   for (const KelColorSpec* spec = list == nullptr ? nullptr : list->first; spec != nullptr;
        spec = spec->next) {
     info.colours.push_back({spec->method, spec->precedence, spec->approximation,
-                            spec->method == 1 ? spec->enumeratedSpace : 0,
+                            spec->method == 1 ? spec->enumeratedSpace : 0, DescribeCie(*spec),
                             spec->iccProfile == nullptr ? 0U : spec->iccProfile->size});
   }
 }
@@ -74,7 +88,7 @@ Info Probe(Source& source) {
   info.boxed = scan.boxed;
   info.codeStreamOffset = scan.codeStreamOffset;
   DescribeTiling(decoder, info);
-  DescribeComponents(decoder, info);
+  DescribeComponents(decoder, scan, info);
   info.levels = static_cast<unsigned>(found.NumLevels);
   info.layers = static_cast<unsigned>(found.NumLayers);
   info.order = static_cast<unsigned>(found.ProgressionOrder);

@@ -48,7 +48,7 @@ bool ProgressiveDecoder::State::Open() {
     planes[c].role = roles[c].role;
     planes[c].colour = roles[c].colour;
   }
-  target = std::make_unique<FrameTarget>(areas, areas, decoder->Found().ComponentTransform);
+  target = std::make_unique<FrameTarget>(areas, areas, scan, decoder->Found().ComponentTransform);
   complete.resize(static_cast<std::size_t>(object.GetNumTiles()));
   return true;
 }

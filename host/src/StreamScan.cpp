@@ -4,6 +4,7 @@
 // Marker segment: marker (2 bytes, the first the flavour's), length (2, itself included), contents.
 // Tile-part: SOT segment of 12 bytes (marker, length 10, tile (2), length of the tile-part from
 // the marker on (4, 0 = to the end), index (1), count (1)), further segments, SOD, packets.
+// Markers 30 to 3F and 92 stand alone, without a length.
 #include "StreamScan.hpp"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ constexpr std::uint32_t Type(const char (&text)[5]) {
 
 // Second bytes of the markers.
 constexpr unsigned kSoc = 0x4F, kSiz = 0x51, kCod = 0x52, kCoc = 0x53, kCom = 0x64;
-constexpr unsigned kSot = 0x90, kSod = 0x93, kEoc = 0xD9;
+constexpr unsigned kSot = 0x90, kEph = 0x92, kSod = 0x93, kEoc = 0xD9;
 constexpr std::uint64_t kSotBytes = 12;
 constexpr std::uint64_t kSotWithSodBytes = 14;
 
@@ -64,14 +65,28 @@ ScannedBox BoxAt(const Numbers& data, std::uint64_t offset, std::uint64_t end,
   return box;
 }
 
+/// The image header box: height (4), width (4), components (2), depth byte of all components or
+/// 255 when they vary and a box of depth bytes follows, and three bytes more.
+constexpr std::uint64_t kImageHeaderBytes = 14;
+constexpr unsigned kDepthsVary = 255;
+
 void ScanHeaderBox(const Numbers& data, const ScannedBox& parent, StreamScan& scan) {
   const std::uint64_t end = parent.offset + parent.length;
   std::uint64_t headerBytes = 8;
   for (std::uint64_t at = parent.offset + 8; at < end;) {
     const ScannedBox box = BoxAt(data, at, end, headerBytes);
     if (box.length == 0) return;
+    const std::uint64_t contents = at + headerBytes;
     if (box.type == Type("cmap")) {
       scan.numMappedChannels = static_cast<std::uint32_t>((box.length - headerBytes) / 4);
+    } else if (box.type == Type("ihdr") && box.length == headerBytes + kImageHeaderBytes) {
+      const auto depth = static_cast<std::uint8_t>(data.U8(contents + 10));
+      scan.boxDepths.assign(depth == kDepthsVary ? 0 : data.U16(contents + 8), depth);
+    } else if (box.type == Type("bpcc")) {
+      scan.boxDepths.clear();
+      for (std::uint64_t i = contents; i < at + box.length; ++i) {
+        scan.boxDepths.push_back(static_cast<std::uint8_t>(data.U8(i)));
+      }
     }
     at += box.length;
   }
@@ -102,6 +117,12 @@ void ScanSiz(const Numbers& data, std::uint64_t at, ScannedGrid& grid) {
   for (unsigned i = 0; i < 8; ++i) *fields[i] = data.U32(at + 6 + 4 * i);
 }
 
+/// What the segment's length field holds; 0 for a marker that stands alone.
+std::uint64_t SegmentLength(const Numbers& data, std::uint64_t at) {
+  const unsigned marker = data.U8(at + 1);
+  return (marker >= 0x30 && marker <= 0x3F) || marker == kEph ? 0 : data.U16(at + 2);
+}
+
 /// Walks the segments up to the first tile-part.
 void ScanMainHeader(const Numbers& data, ByteView bytes, StreamScan& scan) {
   std::uint64_t at = scan.codeStreamOffset;
@@ -113,7 +134,7 @@ void ScanMainHeader(const Numbers& data, ByteView bytes, StreamScan& scan) {
       scan.tilePartOffset = at;
       return;
     }
-    const std::uint64_t length = marker >= 0x30 && marker <= 0x3F ? 0 : data.U16(at + 2);
+    const std::uint64_t length = SegmentLength(data, at);
     const std::uint64_t end = at + 2 + length;
     if (marker == kEoc || end > scan.codeStreamEnd) return;
     if (marker == kSiz) {
@@ -133,7 +154,7 @@ bool HasOwnStyle(const Numbers& data, const StreamScan& scan, const ScannedTileP
     const unsigned marker = data.U8(at + 1);
     if (marker == kCod || marker == kCoc) return true;
     if (data.U8(at) != scan.markerByte || marker == kSod) return false;
-    at += 2 + data.U16(at + 2);
+    at += 2 + SegmentLength(data, at);
   }
   return false;
 }
@@ -145,6 +166,36 @@ std::uint64_t EndOfPackets(const Numbers& data, const StreamScan& scan) {
   return marked ? end - 2 : end;
 }
 
+/// The next place from `at` on where an SOT segment with sensible values stands; the end of the
+/// code stream when there is none.
+std::uint64_t FindSot(const Numbers& data, const StreamScan& scan, std::uint64_t at,
+                      std::uint64_t numTiles) {
+  for (; at + kSotBytes <= scan.codeStreamEnd; ++at) {
+    if (data.U8(at) != scan.markerByte || data.U8(at + 1) != kSot) continue;
+    const std::uint32_t length = data.U32(at + 6);
+    const bool sensible = data.U16(at + 2) == kSotBytes - 2 && data.U16(at + 4) < numTiles &&
+                          (length == 0 || length >= kSotWithSodBytes);
+    if (sensible) return at;
+  }
+  return scan.codeStreamEnd;
+}
+
+/// The length of the tile-part at a position, and whether it is the one that the header gives or,
+/// of the last tile-part, may leave out.
+std::uint64_t TilePartLength(const Numbers& data, const StreamScan& scan, std::uint64_t at,
+                             std::uint64_t numTiles, bool& isRight) {
+  const std::uint64_t announced = data.U32(at + 6), left = scan.codeStreamEnd - at;
+  if (announced >= kSotWithSodBytes && announced <= left) {
+    const std::uint64_t next = at + announced;
+    const unsigned marker = data.U8(next) == scan.markerByte ? data.U8(next + 1) : 0;
+    isRight = next + 2 > scan.codeStreamEnd || marker == kSot || marker == kEoc;
+    if (isRight) return announced;
+  }
+  const std::uint64_t next = FindSot(data, scan, at + kSotBytes, numTiles);
+  isRight = announced == 0 && next == scan.codeStreamEnd;
+  return std::min(next, std::max(EndOfPackets(data, scan), at + kSotWithSodBytes)) - at;
+}
+
 void ScanTileParts(const Numbers& data, StreamScan& scan) {
   const std::uint64_t numTiles = scan.grid.TilesAcross() * scan.grid.TilesDown();
   const std::uint64_t end = scan.codeStreamEnd;
@@ -152,15 +203,18 @@ void ScanTileParts(const Numbers& data, StreamScan& scan) {
   const auto markerAt = [&](std::uint64_t offset) {
     return data.U8(offset) == scan.markerByte ? data.U8(offset + 1) : 0U;
   };
+  bool allRight = true;
   while (at + kSotWithSodBytes <= end && markerAt(at) == kSot) {
-    ScannedTilePart part{data.U16(at + 4), data.U8(at + 10), at, data.U32(at + 6)};
-    if (part.length == 0) part.length = std::max(EndOfPackets(data, scan), at) - at;
-    if (part.tile >= numTiles || part.length < kSotWithSodBytes || part.length > end - at) return;
+    ScannedTilePart part{data.U16(at + 4), data.U8(at + 10), at, 0};
+    if (part.tile >= numTiles) return;
+    bool isRight = false;
+    part.length = TilePartLength(data, scan, at, numTiles, isRight);
+    allRight = allRight && isRight;
     scan.tilesHaveOwnStyle = scan.tilesHaveOwnStyle || HasOwnStyle(data, scan, part);
     scan.tileParts.push_back(part);
     at += part.length;
   }
-  scan.tilePartsRegular = at == end || (at + 2 <= end && markerAt(at) == kEoc);
+  scan.tilePartsRegular = allRight && (at == end || (at + 2 <= end && markerAt(at) == kEoc));
 }
 
 }  // namespace
@@ -183,6 +237,10 @@ StreamScan ScanStream(ByteView bytes) {
   ScanMainHeader(data, bytes, scan);
   if (scan.hasMainHeader) ScanTileParts(data, scan);
   return scan;
+}
+
+unsigned BoxDepth(const StreamScan& scan, std::size_t component) {
+  return component < scan.boxDepths.size() ? (scan.boxDepths[component] & 0x7FU) + 1 : 0;
 }
 
 }  // namespace kel::host

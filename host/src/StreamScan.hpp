@@ -43,6 +43,9 @@ struct StreamScan {
   std::uint8_t markerByte = 0;  ///< 0xAB or 0xFF
   std::vector<ScannedBox> boxes;
   std::uint32_t numMappedChannels = 0;  ///< entries of the component mapping box; 0 without one
+  /// What the boxes say about every component: bit 7 that it is signed, below it the depth minus
+  /// one. Empty when they say nothing.
+  Bytes boxDepths;
 
   std::uint64_t codeStreamOffset = 0, codeStreamEnd = 0;
   std::uint64_t sizOffset = 0;  ///< of the SIZ marker; 0 when not found
@@ -53,13 +56,17 @@ struct StreamScan {
 
   std::vector<ScannedTilePart> tileParts;
   /// The tile-parts follow each other by their lengths, name tiles of the grid, and end with the
-  /// end marker or the data.
+  /// end marker or the data. Where a length leads elsewhere, the distance to the next tile-part
+  /// stands in the list.
   bool tilePartsRegular = false;
   /// A tile-part header brings a coding style of its own.
   bool tilesHaveOwnStyle = false;
 };
 
 StreamScan ScanStream(ByteView bytes);
+
+/// The depth that the boxes give a component; 0 when they give none.
+unsigned BoxDepth(const StreamScan& scan, std::size_t component);
 
 }  // namespace kel::host
 

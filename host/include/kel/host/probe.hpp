@@ -17,11 +17,22 @@ struct Info {
     std::uint32_t xStep = 1, yStep = 1;
     ChannelRole role = ChannelRole::kColour;
     unsigned colour = 0;  ///< as Plane::colour
+    /// What the file's boxes say; 0 when they say nothing. The depth counts that the code stream
+    /// gives, with which the samples were coded.
+    unsigned boxDepth = 0;
+    bool boxSigned = false;
+  };
+  /// Of lightness and the two chroma channels.
+  struct CieParameters {
+    std::array<std::uint32_t, 3> ranges{}, offsets{};
+    std::uint32_t illuminant = 0;   ///< four characters as a number; 0x443530 is D50; 0 when none
+    std::uint32_t temperature = 0;  ///< kelvin, where it stands for the illuminant
   };
   struct ColourSpecification {
     unsigned method = 0, precedence = 0, approximation = 0;
-    std::uint32_t space = 0;     ///< method 1
-    std::uint64_t iccBytes = 0;  ///< methods 2 and 3
+    std::uint32_t space = 0;           ///< method 1
+    std::optional<CieParameters> cie;  ///< of CIELab and CIEJab
+    std::uint64_t iccBytes = 0;        ///< methods 2 and 3
   };
   struct ChannelDefinition {
     std::int32_t channel = 0, type = 0, association = 0;
