@@ -62,11 +62,7 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
     OutputFile output(task.output);
     WriteImage(image, format, output);
   }
-  if (report.complete) return kDone;
-  PrintMessage(NameOf(task.input) + ": incomplete: " + std::to_string(report.numCompleteTiles) +
-               " of " + std::to_string(report.numTiles) + " tiles are whole" +
-               (report.problem.empty() ? "" : "; " + report.problem));
-  return kIncompleteInput;
+  return WarnOfMissing(task.input, report);
 }
 
 int RunDecode(const DecodeOptions& options) {
@@ -81,6 +77,14 @@ int RunDecode(const DecodeOptions& options) {
 }
 
 }  // namespace
+
+int WarnOfMissing(const std::string& input, const host::DecodeReport& report) {
+  if (report.complete) return kDone;
+  PrintMessage(NameOf(input) + ": incomplete: " + std::to_string(report.numCompleteTiles) + " of " +
+               std::to_string(report.numTiles) + " tiles are whole" +
+               (report.problem.empty() ? "" : "; " + report.problem));
+  return kIncompleteInput;
+}
 
 void AddDecodeCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<DecodeOptions>();
@@ -106,7 +110,7 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       ->check(CLI::IsMember({"png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg"}));
   command
       .add_option("--max-memory", options->maxMemory,
-                  "refuse images that need more [half of the machine's memory]")
+                  "refuse images that need more; 0: never [half of the machine's memory]")
       ->type_name("SIZE")
       ->transform(CLI::AsSizeValue(false));
   command.add_flag("--strict", options->strict, "treat incomplete data as an error");

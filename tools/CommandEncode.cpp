@@ -149,6 +149,7 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   command.add_option("--size", options->size, "best quality whose file has at most BYTES")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::PositiveNumber)
       ->excludes("--lossless")
       ->excludes("--quality");
   command.add_option("--order", options->order, "rlcp: coarse to fine; cprl: by component")

@@ -26,7 +26,8 @@ struct PreviewOptions {
   CodingOptions coding;
 };
 
-host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task) {
+host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task,
+                             host::DecodeReport& report) {
   host::MemorySource forProbe(bytes), source(bytes);
   const host::Info info = host::Probe(forProbe);
   host::DecodeParams params;
@@ -36,7 +37,7 @@ host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task) {
   if (!info.palette) {
     while (std::max(info.width, info.height) >> params.reduce > kLongestSide) ++params.reduce;
   }
-  return host::Decode(source, params);
+  return host::Decode(source, params, &report);
 }
 
 host::Image PreviewOfImage(const host::Bytes& bytes, const CodingOptions& coding,
@@ -60,11 +61,13 @@ int PreviewTask(const PreviewOptions& options, const Task& task) {
     throw UsageError(name + ": the ending of an output tells its format, such as .png");
   }
   const host::Bytes bytes = ReadInput(task.input);
+  host::DecodeReport report;
+  report.complete = true;
   const host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
-                                                    : PreviewOfEncoded(bytes, task);
+                                                    : PreviewOfEncoded(bytes, task, report);
   OutputFile output(task.output);
   WriteImage(preview, name, output);
-  return kDone;
+  return WarnOfMissing(task.input, report);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@ class App;
 }
 
 namespace kel::host {
+struct DecodeReport;
 struct EncodeParams;
 struct Image;
 }  // namespace kel::host
@@ -40,6 +41,9 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options);
 host::EncodeParams ParamsOf(const CodingOptions& options);
 /// Reads the mask's file, whose samples are nonzero inside the region.
 host::Image ReadMask(const std::string& name);
+
+/// The exit code for what was decoded, after a warning when some of it was missing.
+int WarnOfMissing(const std::string& input, const host::DecodeReport& report);
 
 /// An image from an image file or, decoded, from an encoded one.
 host::Image LoadAnyImage(const std::string& name, unsigned threads);

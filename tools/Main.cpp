@@ -40,7 +40,9 @@ class HelpFormatter : public CLI::Formatter {
 };
 
 std::string FailureMessage(const CLI::App*, const CLI::Error& error) {
-  return std::string("kel: ") + error.what() + "; --help tells what is possible\n";
+  const bool noFiles = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+  return std::string("kel: ") + (noFiles ? "files are missing" : error.what()) +
+         "; --help tells what is possible\n";
 }
 
 bool HasCommand(const CLI::App& app, const std::string& name) {

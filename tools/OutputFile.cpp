@@ -145,6 +145,12 @@ void OutputFile::Write(host::ByteView bytes) {
   }
 }
 
+void OutputFile::Close() {
+  if (file_ == nullptr) return;
+  const bool closed = std::fclose(std::exchange(file_, nullptr)) == 0;
+  if (!closed) Fail(std::string("cannot be written: ") + std::strerror(errno));
+}
+
 void OutputFile::Finish() {
   if (path_ == kStandardStream) {
     const bool written = std::fwrite(held_.data(), 1, held_.size(), stdout) == held_.size();
@@ -154,9 +160,7 @@ void OutputFile::Finish() {
     held_.clear();
     return;
   }
-  if (file_ == nullptr) return;
-  const bool closed = std::fclose(std::exchange(file_, nullptr)) == 0;
-  if (!closed) Fail(std::string("cannot be written: ") + std::strerror(errno));
+  Close();
   if (temporary_.empty()) return;
   if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
     Fail(std::string("cannot be put in place: ") + std::strerror(errno));

@@ -24,6 +24,9 @@ class OutputFile : public host::Sink {
   OutputFile& operator=(const OutputFile&) = delete;
 
   void Write(host::ByteView bytes) override;
+  /// Nothing more will be written: closes the file, which has yet to get its name. A program can
+  /// have many outputs unfinished then without having many files open.
+  void Close();
   /// Closes the file and gives it its name.
   void Finish() override;
 

@@ -39,6 +39,7 @@ void WriteRawPlanes(const host::Image& image, const std::string& prefix) {
       WriteRow(plane, y, row);
       file.Write(row);
     }
+    file.Close();
     description["components"].push_back({{"file", std::filesystem::path(name).filename().string()},
                                          {"width", plane.Width()},
                                          {"height", plane.Height()},

@@ -84,6 +84,10 @@ std::string_view CodeSentence(KelLong code) {
 std::string FormatBytes(std::uint64_t bytes) {
   constexpr std::array kUnits = {" bytes", " KiB", " MiB", " GiB", " TiB"};
   std::size_t unit = 0;
+  while (bytes > UINT64_MAX / 10) {  // so that tenths can be counted
+    bytes /= 1024;
+    ++unit;
+  }
   std::uint64_t tenths = bytes * 10;
   while (tenths >= 10240 && unit + 1 < kUnits.size()) {
     tenths = (tenths + 512) / 1024;

@@ -21,6 +21,7 @@ using namespace kel::host;
 using namespace kel::tool;
 using test::ErrorOf;
 using test::ExpectSamePlanes;
+using test::MakeProfile;
 using test::NoiseImage;
 
 Bytes Written(const Image& image, const std::string& name) {
@@ -182,28 +183,6 @@ TEST(ImageFile, MetadataSurviveWhereBothSidesHoldThem) {
     EXPECT_TRUE(std::ranges::equal(FindExif(back), exif, {}, {},
                                    [](char c) { return static_cast<std::uint8_t>(c); }));
   }
-}
-
-/// The smallest profile that readers accept for RGB or grey.
-Bytes MakeProfile(std::string_view space) {
-  Bytes profile(400);
-  std::mt19937 random(1);  // libpng takes what shrinks too well for cut off
-  std::generate(profile.begin() + 144, profile.end(),
-                [&] { return static_cast<std::uint8_t>(random()); });
-  const auto put = [&](std::size_t at, std::string_view text) {
-    std::copy(text.begin(), text.end(), profile.begin() + static_cast<std::ptrdiff_t>(at));
-  };
-  profile[2] = 400 >> 8;
-  profile[3] = 400 & 0xFF;
-  profile[8] = 2;
-  put(12, "mntr");
-  put(16, space);
-  put(20, "XYZ ");
-  put(36, "acsp");
-  put(68, std::string_view("\0\0\xF6\xD6\0\1\0\0\0\0\xD3\x2D", 12));
-  profile[131] = 1;  // one tag, "cprt", of 256 bytes behind the table
-  put(132, std::string_view("cprt\0\0\0\x90\0\0\1\0", 12));
-  return profile;
 }
 
 TEST(ImageFile, ProfilesSurvive) {

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <kel/host.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
+#include <string_view>
 
 namespace test {
 
@@ -43,6 +45,28 @@ inline void ExpectSamePlanes(const kel::host::Image& a, const kel::host::Image& 
     EXPECT_EQ(a.planes[c].colour, b.planes[c].colour);
   }
   EXPECT_TRUE(kel::host::Compare(a, b).identical);
+}
+
+/// The smallest profile that readers accept for RGB or grey.
+inline kel::host::Bytes MakeProfile(std::string_view space) {
+  kel::host::Bytes profile(400);
+  std::mt19937 random(1);  // libpng takes what shrinks too well for cut off
+  std::generate(profile.begin() + 144, profile.end(),
+                [&] { return static_cast<std::uint8_t>(random()); });
+  const auto put = [&](std::size_t at, std::string_view text) {
+    std::copy(text.begin(), text.end(), profile.begin() + static_cast<std::ptrdiff_t>(at));
+  };
+  profile[2] = 400 >> 8;
+  profile[3] = 400 & 0xFF;
+  profile[8] = 2;
+  put(12, "mntr");
+  put(16, space);
+  put(20, "XYZ ");
+  put(36, "acsp");
+  put(68, std::string_view("\0\0\xF6\xD6\0\1\0\0\0\0\xD3\x2D", 12));
+  profile[131] = 1;  // one tag, "cprt", of 256 bytes behind the table
+  put(132, std::string_view("cprt\0\0\0\x90\0\0\1\0", 12));
+  return profile;
 }
 
 /// Runs a call that must throw the kit's exception, and returns it.
