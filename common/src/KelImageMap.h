@@ -62,7 +62,7 @@ struct TileCompRecord {
   KelDecOpt* decOpt;
   KelImageData* waveletData;  ///< owned; decoder: coefficients, while the tile is not complete
   KelImageData* outputImage;  ///< owned; decoder: samples; encoder: the preview
-  KelImageData* progData;     ///< owned unless it is outputImage
+  KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
   KelTileComponent handle;    ///< owns its cell
   ParamSet params;
 
@@ -138,6 +138,9 @@ void EnsureTileComps(ImageMap& map, TileRecord& tile);
 
 /// Releases all records and what they own, half-built ones included; may run twice.
 void ReleaseImageMap(ImageMap& map) noexcept;
+
+/// Releases a component's output image and preview, which may be one image.
+void ReleaseOutput(TileCompRecord& record) noexcept;
 
 /// Releases a set's own records.
 void ReleaseParamSet(ParamSet& set) noexcept;
