@@ -213,6 +213,29 @@ TEST(Tool, StandardStreams) {
   EXPECT_EQ(full.err, "kel: standard output: cannot be written: No space left on device\n");
 }
 
+// A preview must be what the decoder will deliver, give or take the rounding of single samples.
+TEST(Tool, PreviewsShowWhatDecodingWill) {
+  const Tool tool;
+  const Image images[] = {SlopeImage(130, 70),       NoiseImage(21, 30, 1, 8, true),
+                          NoiseImage(40, 33, 3, 16), NoiseImage(25, 14, 1, 12),
+                          NoiseImage(9, 9, 3, 4),    NoiseImage(17, 5, 1, 1)};
+  for (const Image& image : images) {
+    SCOPED_TRACE(std::to_string(image.planes[0].Depth()) + " bits");
+    tool.Put("in.pam", image);
+    tool.Do("preview -q 40 --tile 64x64 in.pam look.pam");
+    tool.Do("encode -q 40 --tile 64x64 in.pam x.kel");
+    tool.Do("decode x.kel out.pam");
+    const Difference difference = Compare(tool.GetImage("look.pam"), tool.GetImage("out.pam"));
+    for (std::size_t c = 0; c < image.planes.size(); ++c) {
+      const unsigned depth = image.planes[c].Depth();
+      EXPECT_LE(difference.planes[c].largest, depth <= 8 ? 1U : 1U << (depth - 8));
+      if (depth == 8) {  // at others the library's previews have fewer levels
+        EXPECT_LE(10 * difference.planes[c].count, image.width * image.height);
+      }
+    }
+  }
+}
+
 TEST(Tool, PreviewsOfFilesAreSmall) {
   const Tool tool;
   tool.Put("in.ppm", SlopeImage(1500, 40));

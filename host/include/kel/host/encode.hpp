@@ -41,7 +41,8 @@ struct EncodeReport {
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink);
 
 /// What a decoder will make of the image encoded with these parameters, without encoding it.
-/// Samples deeper than 8 bits are approximate.
+/// Samples of 8 bits are what decoding delivers, but for the rounding of few; those of other
+/// depths are approximate, since the library's previews have half as many levels.
 Image Preview(const Image& image, const EncodeParams& params);
 
 }  // namespace kel::host
