@@ -45,7 +45,13 @@ host::Image DecodeFile(const DecodeOptions& options, const Task& task, host::Dec
   params.progress = task.progress;
   const host::Bytes bytes = ReadInput(task.input);
   host::MemorySource source(bytes);
-  return host::Decode(source, params, &report);
+  const auto start = std::chrono::steady_clock::now();
+  host::Image image = host::Decode(source, params, &report);
+  if (task.verbose) {
+    PrintMessage(NameOf(task.input) + ": " + std::to_string(image.width) + " x " +
+                 std::to_string(image.height) + ", " + Speed(image, start));
+  }
+  return image;
 }
 
 int DecodeTask(const DecodeOptions& options, const Task& task) {

@@ -75,8 +75,11 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
   params.threads = task.threads;
   params.progress = task.progress;
   OutputFile output(task.output);
+  const auto start = std::chrono::steady_clock::now();
   const host::EncodeReport report = host::Encode(image, params, output);
-  if (task.progress) PrintMessage(task.output + ": " + Summary(image, report));
+  if (task.verbose || task.progress) {
+    PrintMessage(task.output + ": " + Summary(image, report) + ", " + Speed(image, start));
+  }
   return kDone;
 }
 

@@ -63,8 +63,13 @@ int PreviewTask(const PreviewOptions& options, const Task& task) {
   const host::Bytes bytes = ReadInput(task.input);
   host::DecodeReport report;
   report.complete = true;
+  const auto start = std::chrono::steady_clock::now();
   const host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
                                                     : PreviewOfEncoded(bytes, task, report);
+  if (task.verbose) {
+    PrintMessage(NameOf(task.input) + ": preview of " + std::to_string(preview.width) + " x " +
+                 std::to_string(preview.height) + ", " + Speed(preview, start));
+  }
   OutputFile output(task.output);
   WriteImage(preview, name, output);
   return WarnOfMissing(task.input, report);

@@ -2,8 +2,11 @@
 #include "Files.hpp"
 
 #include <unistd.h>
+#include <kel/host/image.hpp>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <mutex>
 #include <new>
@@ -55,8 +58,10 @@ Outcome RunOne(const Task& task, const TaskSettings& settings,
 std::vector<Task> TasksOf(const FileOptions& options, const TaskSettings& settings) {
   const auto& files = options.files;
   if (options.outputDir.empty()) {
-    if (files.size() == 2) return {{files[0], files[1], 1, {}}};
-    if (files.size() == 1 && settings.outputOptional) return {{files[0], {}, 1, {}}};
+    if (files.size() == 2) return {{files[0], files[1], 1, {}, options.verbose}};
+    if (files.size() == 1 && settings.outputOptional) {
+      return {{files[0], {}, 1, {}, options.verbose}};
+    }
     throw UsageError(files.size() < 2 ? "an input and an output are needed"
                                       : "several inputs need --output-dir");
   }
@@ -69,7 +74,7 @@ std::vector<Task> TasksOf(const FileOptions& options, const TaskSettings& settin
     if (!outputs.insert(output).second) {
       throw UsageError("two of the inputs would become " + output);
     }
-    tasks.push_back({file, output, 1, {}});
+    tasks.push_back({file, output, 1, {}, options.verbose});
   }
   return tasks;
 }
@@ -123,6 +128,7 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
       ->type_name("N")
       ->check(CLI::Range(1, 1024));
   command.add_flag("--quiet", options.quiet, "no progress bar");
+  command.add_flag("--verbose", options.verbose, "tell what was done, and how fast");
 }
 
 int RunTasks(const FileOptions& options, const TaskSettings& settings,
@@ -152,6 +158,18 @@ host::Bytes ReadInput(const std::string& path) {
 
 std::string NameOf(const std::string& path) {
   return path == kStandardStream ? "standard input" : path;
+}
+
+std::string Speed(const host::Image& image, std::chrono::steady_clock::time_point since) {
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - since;
+  double bytes = 0;
+  for (const host::Plane& plane : image.planes) {
+    bytes += 1.0 * plane.Width() * plane.Height() * plane.BytesPerSample();
+  }
+  char text[64];
+  std::snprintf(text, sizeof text, "%.3f s, %.1f MB/s", seconds.count(),
+                bytes / 1e6 / std::max(seconds.count(), 1e-9));
+  return text;
 }
 
 int ExitCodeOf(const Error& error) {

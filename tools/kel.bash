@@ -2,7 +2,7 @@
 _kel() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local coding='--lossless --quality --tile --levels --no-colour-transform --roi'
-  local files='--output-dir --jobs --quiet --help'
+  local files='--output-dir --jobs --quiet --verbose --help'
   local options=
   COMPREPLY=()
   if [ "$COMP_CWORD" -eq 1 ]; then
