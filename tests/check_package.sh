@@ -53,5 +53,5 @@ CMAKE
 pc=$(dirname "$(find "$work/prefix" -name kel.pc)")
 # shellcheck disable=SC2046
 "$compiler" -std=c++17 $flags "$work/source/main.cpp" -o "$work/outside" \
-  $(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$work/prefix" --cflags --libs kel)
+  $(PKG_CONFIG_PATH="$pc" pkg-config --cflags --libs kel)
 LD_LIBRARY_PATH=$(dirname "$pc") "$work/outside"

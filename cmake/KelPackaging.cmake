@@ -1,0 +1,42 @@
+# Debian packages by cpack: the library (libkel1), what is needed to build with it (libkel-dev),
+# and the command (kel).
+#
+#   cmake --preset package && cmake --build --preset package && cpack --preset package
+set(CPACK_PACKAGE_NAME kel)
+set(CPACK_PACKAGE_VENDOR "Kel")
+set(CPACK_PACKAGE_CONTACT "The Kel developers <kel@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # every package below has a line of its own
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL runtime development)
+if(KEL_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}")
+set(exact_library "libkel1 (= ${PROJECT_VERSION})")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkel1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "wavelet image codec library
+The shared library, which takes all memory and all data through its host's callbacks.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkel-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${exact_library}")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "wavelet image codec library (development files)
+Headers, the host kit, and the files by which CMake and pkg-config find them.")
+
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME kel)
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${exact_library}")
+set(CPACK_DEBIAN_TOOL_DESCRIPTION "encode and decode images with the Kel wavelet codec
+Turns PNG, PNM, TIFF and JPEG files into Kel files and back, lossless or lossy, and tells what is
+in them.")
+
+include(CPack)
