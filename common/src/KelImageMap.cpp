@@ -216,6 +216,16 @@ void EnsureTileComps(ImageMap& map, TileRecord& tile) {
   tile.compsAreReady = true;
 }
 
+bool HasNoSamples(const ImageMap& map, const TileRecord& tile) {
+  const KelImageGeometry& g = *map.geometry;
+  for (std::int32_t c = 0; c < map.numComps && !tile.box.IsEmpty(); ++c) {
+    const bool hasColumns = CeilDiv(tile.box.x0, g.XRsiz[c]) < CeilDiv(tile.box.x1, g.XRsiz[c]);
+    const bool hasRows = CeilDiv(tile.box.y0, g.YRsiz[c]) < CeilDiv(tile.box.y1, g.YRsiz[c]);
+    if (hasColumns && hasRows) return false;
+  }
+  return true;
+}
+
 void ReleaseParamSet(ParamSet& set) noexcept {
   DropStyle(set);
   DropQuant(set);

@@ -139,6 +139,10 @@ void EnsureTileComps(ImageMap& map, TileRecord& tile);
 /// Releases all records and what they own, half-built ones included; may run twice.
 void ReleaseImageMap(ImageMap& map) noexcept;
 
+/// Whether no component has a sample in a tile: it lies outside the image, or between the samples
+/// of components that are all subsampled. Such a tile has no packets, and needs no tile-part.
+bool HasNoSamples(const ImageMap& map, const TileRecord& tile);
+
 /// Releases a set's own records.
 void ReleaseParamSet(ParamSet& set) noexcept;
 
