@@ -14,12 +14,20 @@ KelLong Between(fuzz::Input& input, KelLong least, KelLong most) {
   return least + static_cast<KelLong>(input.U8()) % (most - least + 1);
 }
 
+/// The side of tiles that cut a side of the image into ten at the most.
+KelLong TileSide(fuzz::Input& input, KelLong side) {
+  return std::max(Between(input, 1, 64), (side + 9) / 10);
+}
+
 /// An image of up to five components of one depth, whose samples are the rest of the input.
 test::Picture PictureFrom(fuzz::Input& input) {
   const KelLong width = Between(input, 1, 60), height = Between(input, 1, 60);
   std::vector<KelLong> sampling;
   const auto count = static_cast<std::size_t>(Between(input, 1, 5));
-  for (std::size_t c = 0; c < count; ++c) sampling.push_back(Between(input, 1, 4) == 4 ? 2 : 1);
+  for (std::size_t c = 0; c < count; ++c) {
+    constexpr KelLong kFactors[] = {1, 1, 2, 16};
+    sampling.push_back(kFactors[Between(input, 0, 3)]);
+  }
   const std::vector<KelLong> depths(count, Between(input, 1, 16));
   return test::MakePicture(width, height, depths, sampling);
 }
@@ -56,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::uint32_t refused = input.U8();
   test::HostMemory memory;
   test::Picture picture = PictureFrom(input);
-  const KelLong tileWidth = Between(input, 1, 64), tileHeight = Between(input, 1, 64);
+  const KelLong tileWidth = TileSide(input, picture.width);
+  const KelLong tileHeight = TileSide(input, picture.height);
   test::HostStream stream({}, true);
   bool isLossless = false;
   try {
