@@ -106,6 +106,19 @@ TEST(RoundTrip, TilesWithoutSamples) {
   }
 }
 
+// A colour transform that the decoder leaves out because the file tells the components' own depths.
+TEST(RoundTrip, ColorTransformOfDifferentDepths) {
+  HostMemory memory;
+  for (const KelLong second : {8, 10, 16}) {
+    const Picture image = MakePicture(40, 30, {8, second, 12, 3}, {1, 1, 1, 1}, Content::kNoise);
+    EncodeHost host(image, 23, 30);
+    host.options.Irreversible = 0;
+    host.options.NumColorChannels = 3;
+    host.options.ComponentTransform = true;
+    EXPECT_TRUE(RawPlanes(host) == image.planes) << second;
+  }
+}
+
 // Steps that do not reach the decoder, or for the wrong component: then nothing comes near.
 TEST(RoundTrip, IrreversibleQualityRises) {
   HostMemory memory;
