@@ -94,7 +94,7 @@ bool PrepareTile(const EncoderState& e, const TileRecord& tile, const CodingPlan
 /// results differently.
 float BudgetFactor(const KelEncOpt& o, KelLong component) {
   if (!o.ComponentTransform || o.GeomParams->Csiz < 2 || component > 2) return 1.0F;
-  return component == 0 ? 1.0F / 3.9172F : 1.0F / 2.13847F;
+  return static_cast<float>(component == 0 ? 1.0 / 3.9172 : 1.0 / 2.13847);
 }
 
 /// Codes one component of a tile into its record. Raises 8.
@@ -149,8 +149,6 @@ bool IsOnePrecinctEach(const KelEncOpt& o, const Box& box) {
   for (int r = 0; r <= o.NumLevels; ++r) {
     const Box resolution = ReduceBox(box, o.NumLevels - r);
     if (resolution.IsEmpty()) continue;
-    // Bands above resolution 0 have half the precinct's size, which must not be half a sample.
-    if (r > 0 && (o.PrecinctWidthExp == 0 || o.PrecinctHeightExp == 0)) return false;
     if (PartitionBox(resolution, o.PrecinctWidthExp, o.PrecinctHeightExp).Count() > 1) return false;
   }
   return true;
@@ -159,6 +157,9 @@ bool IsOnePrecinctEach(const KelEncOpt& o, const Box& box) {
 /// Whether a tile can be written at all: in an order that has tile-parts, and in whole precincts.
 bool TileCanBeWritten(const KelEncOpt& o, KelLong tile) {
   if (o.ProgressionOrder != KelRLCP && o.ProgressionOrder != KelCPRL) return false;
+  // Bands above resolution 0 have half the precinct's size, which must not be half a sample. The
+  // main header announces that size even when no component goes by it.
+  if (o.NumLevels > 0 && (o.PrecinctWidthExp == 0 || o.PrecinctHeightExp == 0)) return false;
   for (KelLong c = 0; c < o.NumColorChannels; ++c) {
     if (!IsInMainStream(o, c)) continue;
     KelTileGeometry component;

@@ -145,7 +145,7 @@ void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record,
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
   record.optShared = !map.isEncoder || c < map.numColorChannels;
   record.extraChannel = map.isEncoder && c >= map.numColorChannels;
-  record.encOpt = record.optShared ? map.encOpt : &map.extraOptions[c];
+  record.encOpt = record.optShared ? map.encOpt : map.extraOptions;
   record.decOpt = map.decOpt;
   if (TileCompRecord::CellOf(record.handle) == nullptr) record.handle.Init(&record);
   if (map.isEncoder) return;
@@ -243,9 +243,7 @@ void ReleaseImageMap(ImageMap& map) noexcept {
     }
     ReleaseParamSet(tile.params);
   }
-  for (std::int32_t c = 0; map.extraOptions != nullptr && c < map.numComps; ++c) {
-    map.extraOptions[c].Die();
-  }
+  if (map.extraOptions != nullptr) map.extraOptions->Die();
   if (map.tiles != nullptr) KelFree(map.tiles);
   if (map.extraOptions != nullptr) KelFree(map.extraOptions);
   if (map.reductions != nullptr) KelFree(map.reductions);

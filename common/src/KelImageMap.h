@@ -126,7 +126,7 @@ struct ImageMap {
 
   // Encoder.
   std::int32_t numColorChannels;
-  KelEncOpt* extraOptions;  ///< one set per component; owned; those of colour channels unused
+  KelEncOpt* extraOptions;  ///< one set for all extra channels, null without any; owned
 };
 
 /// Fills the map's tile array. The caller has set geometry, options and direction. Raises 8.
