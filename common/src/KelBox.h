@@ -2,6 +2,7 @@
 #ifndef KEL_BOX_H
 #define KEL_BOX_H
 
+#include <algorithm>
 #include <cstdint>
 
 #include "KelInt.h"
@@ -16,6 +17,11 @@ struct Box {
   bool IsEmpty() const { return x0 >= x1 || y0 >= y1; }
   bool operator==(const Box&) const = default;
 };
+
+/// The samples that two boxes share; empty, of any edges, when there are none.
+constexpr Box Intersection(const Box& a, const Box& b) {
+  return {std::max(a.x0, b.x0), std::min(a.x1, b.x1), std::max(a.y0, b.y0), std::min(a.y1, b.y1)};
+}
 
 /// Every edge divided by 2^levels, rounded up: the box of a lower resolution.
 constexpr Box ReduceBox(const Box& box, int levels) {

@@ -3,17 +3,14 @@
 //
 // A tile's planes are the image's, one per component, locked while the tile is coded. Whatever
 // fails, the tile's records are empty again and the encoder can go on.
-#include <algorithm>
-
-#include "KelImageDataAccess.h"
 #include "KelImageEncode.h"
 #include "KelMainStream.h"
 #include "KelPacketWrite.h"
 #include "KelPartition.h"
 #include "KelRaise.h"
-#include "KelRate.h"
 #include "KelRegion.h"
 #include "KelTileCoder.h"
+#include "KelTilePlanes.h"
 
 namespace kel {
 namespace {
@@ -23,52 +20,6 @@ constexpr std::uint8_t kEndMarker[2] = {0xAB, 0xD9};
 Box BoxOf(const KelTileGeometry& t) {
   return {t.X0, t.X1, t.Y0, t.Y1};
 }
-
-/// The coding planes of all components, locked. Raises 8 when one cannot be locked.
-class LockedPlanes {
- public:
-  LockedPlanes(const EncoderState& encoder, const TileRecord& tile) : encoder_(encoder) {
-    const KelEncOpt& o = encoder.settings;
-    planes_ = OwnedArray<CodingPlane>::Make(AsCount(o.GeomParams->Csiz));
-    for (KelLong c = 0; c < o.GeomParams->Csiz; ++c) {
-      if (IsRegionMask(o, c)) continue;
-      CodingPlane& plane = planes_[AsCount(c)];
-      plane.strideCells = AsCount(BoxOf(tile.comps[c].tileGeom).Width());
-      plane.cells = KelLockBuf(encoder.sourceBufs[c]);
-      if (plane.cells == nullptr) {
-        Unlock();
-        Raise(KelErrNoMemory, kModuleImage);
-      }
-    }
-  }
-  ~LockedPlanes() { Unlock(); }
-  LockedPlanes(const LockedPlanes&) = delete;
-  LockedPlanes& operator=(const LockedPlanes&) = delete;
-
-  const CodingPlane* All() const { return planes_.Data(); }
-
- private:
-  void Unlock() noexcept {
-    for (std::size_t c = 0; c < planes_.Size(); ++c) {
-      if (planes_[c].cells != nullptr) KelUnlockBuf(encoder_.sourceBufs[c]);
-    }
-  }
-
-  const EncoderState& encoder_;
-  OwnedArray<CodingPlane> planes_;
-};
-
-/// A plane of the first tile's size, which serves the transform of every component. Raises 8.
-struct WorkPlane {
-  explicit WorkPlane(const KelImageGeometry& g)
-      : buffer(
-            OwnedBuffer::Make(PlaneBytes(std::min(g.XTsiz, g.Xsiz), std::min(g.YTsiz, g.Ysiz), 4))),
-        lock(buffer.Get()) {
-    if (!lock) Raise(KelErrNoMemory, kModuleImage);
-  }
-  OwnedBuffer buffer;
-  BufferLock lock;
-};
 
 /// Drops what an earlier coding of a tile left.
 void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
@@ -90,13 +41,6 @@ bool PrepareTile(const EncoderState& e, const TileRecord& tile, const CodingPlan
   return PrepareTileComponents(source, o, o.GeomParams->Csiz, planes);
 }
 
-/// The part of the error budget that a component gets: the colour transform weighs errors in its
-/// results differently.
-float BudgetFactor(const KelEncOpt& o, KelLong component) {
-  if (!o.ComponentTransform || o.GeomParams->Csiz < 2 || component > 2) return 1.0F;
-  return static_cast<float>(component == 0 ? 1.0 / 3.9172 : 1.0 / 2.13847);
-}
-
 /// Codes one component of a tile into its record. Raises 8.
 void CodeComponent(ImageState& state, TileRecord& tile, KelLong c, const CodingPlane& plane,
                    void* work, const RegionSamples& region) {
@@ -109,27 +53,23 @@ void CodeComponent(ImageState& state, TileRecord& tile, KelLong c, const CodingP
   job.irreversible = IsCodedIrreversibly(o, c);
   job.source = plane.cells;
   job.work = work;
-  job.depth = AnnouncedDepth(o);
-  job.quality = QualityNumber(state.encOpt->TargetQuality);
-  job.budgetFactor = BudgetFactor(o, c);
+  job.quant = QuantTargetOf(state, record);
   job.bandWeights = e.bandWeights;
   RegionSamples fitted;
   if (region.IsThere() && job.irreversible) {
-    const bool isAlike = region.box == job.box && region.xRsiz == record.tileGeom.XRsiz &&
-                         region.yRsiz == record.tileGeom.YRsiz;
-    if (!isAlike) fitted = FitRegion(region, record.tileGeom);
-    job.region = isAlike ? &region : &fitted;
+    job.region = &RegionFor(record.tileGeom, region, fitted);
   }
   record.coded = CodeTileComp(job);
 }
 
-/// Codes a tile, calling afterComponent with each record that was filled. A tile for which the
-/// host gives no samples ends up without coded records. Raises.
+/// Codes a tile, which ends its previews, calling afterComponent with each record that was filled.
+/// A tile for which the host gives no samples ends up without coded records. Raises.
 template <class AfterComponent>
 void CodeTile(ImageState& state, TileRecord& tile, void* work, AfterComponent afterComponent) {
   EncoderState& e = *state.encoder;
   EnsureTileComps(state.map, tile);
   ForgetTile(e, tile);
+  for (KelLong c = 0; c < state.map.numComps; ++c) ReleaseOutput(tile.comps[c]);
   EnsureSourceBufs(e);
   ScopeGuard undo([&] { ForgetTile(e, tile); });
   const LockedPlanes planes(e, tile);

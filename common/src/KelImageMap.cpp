@@ -130,9 +130,7 @@ void ReleaseLayout(TileCompRecord& record) noexcept {
 
 void ReleaseTileComp(TileCompRecord& record) noexcept {
   ReleaseLayout(record);
-  if (record.progData == record.outputImage) record.progData = nullptr;
-  ReleaseImage(record.progData);
-  ReleaseImage(record.outputImage);
+  ReleaseOutput(record);
   ReleaseParamSet(record.params);
   ReleaseCoded(record.coded);
   TileCompCell*& cell = TileCompRecord::CellOf(record.handle);
@@ -252,6 +250,12 @@ void ReleaseImageMap(ImageMap& map) noexcept {
   map.reductions = nullptr;
   ReleaseParamSet(map.mainParams);
   ReleaseMemPool(map.recordPool);
+}
+
+void ReleaseOutput(TileCompRecord& record) noexcept {
+  if (record.progData == record.outputImage) record.progData = nullptr;
+  ReleaseImage(record.progData);
+  ReleaseImage(record.outputImage);
 }
 
 bool HasLargeBlocks(const KelCodingStyle& style, const Box& box) {

@@ -62,7 +62,7 @@ struct TileCompRecord {
   KelDecOpt* decOpt;
   KelImageData* waveletData;  ///< owned; decoder: coefficients, while the tile is not complete
   KelImageData* outputImage;  ///< owned; decoder: samples; encoder: the preview
-  KelImageData* progData;     ///< owned unless it is outputImage
+  KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
   KelTileComponent handle;    ///< owns its cell
   ParamSet params;
 
@@ -142,6 +142,9 @@ void ReleaseImageMap(ImageMap& map) noexcept;
 /// Whether no component has a sample in a tile: it lies outside the image, or between the samples
 /// of components that are all subsampled. Such a tile has no packets, and needs no tile-part.
 bool HasNoSamples(const ImageMap& map, const TileRecord& tile);
+
+/// Releases a component's output image and preview, which may be one image.
+void ReleaseOutput(TileCompRecord& record) noexcept;
 
 /// Releases a set's own records.
 void ReleaseParamSet(ParamSet& set) noexcept;

@@ -37,8 +37,9 @@ struct ImageState {
   KelCodeStm* codeStm;
   KelImageDataProcs* imageDataProcs;
   ProgressState progress;
-  DecoderState* decoder;  ///< owned; null for an encoder
-  EncoderState* encoder;  ///< owned; null for a decoder
+  bool previewsTransparency, previewsExtras;  ///< channels that previews include
+  DecoderState* decoder;                      ///< owned; null for an encoder
+  EncoderState* encoder;                      ///< owned; null for a decoder
 };
 
 /// What an image object's handle points to.

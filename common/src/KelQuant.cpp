@@ -88,6 +88,17 @@ void MakeDecoderSteps(const KelQuantParams& quant, std::int32_t R, int numLevels
   }
 }
 
+void ChooseSteps(const QuantTarget& target, const Box& box, int numLevels, const float* weights,
+                 ChosenSteps& chosen) {
+  SubbandRecord records[kMaxSubbands];
+  ComputeSubbandBoxes(box, numLevels, records);
+  const LevelRange all = {0, numLevels};
+  DeriveQuantSteps(target, numLevels, records, weights, chosen.steps);
+  StepsToExpMant(chosen.steps, target.bitDepth, all, false, chosen.exponents, chosen.mantissas);
+  ClampExpMant(numLevels, chosen.exponents, chosen.mantissas);
+  ExpMantToSteps(chosen.exponents, chosen.mantissas, target.bitDepth, all, chosen.steps);
+}
+
 std::int32_t MaxBitPlanes(const std::int32_t* exponents, std::int32_t guardBits, int numLevels) {
   return guardBits - 1 + *std::max_element(exponents, exponents + NumSubbands(numLevels));
 }

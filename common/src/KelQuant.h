@@ -26,6 +26,20 @@ struct QuantTarget {
 void DeriveQuantSteps(const QuantTarget& target, int numLevels, const SubbandRecord* records,
                       const float* weights, float* steps);
 
+/// The steps of an irreversible tile-component as the code stream can say them: one entry per
+/// subband, and the steps are exactly those that the pairs stand for.
+struct ChosenSteps {
+  std::int32_t exponents[kQuantEntries];
+  std::int32_t mantissas[kQuantEntries];
+  float steps[kQuantEntries];
+};
+
+/// The steps that a tile-component of a box is divided by: derived for the target, cut to what
+/// pairs can say and taken back from the pairs, so that every decoder multiplies by the same
+/// numbers. The weights have one entry per subband.
+void ChooseSteps(const QuantTarget& target, const Box& box, int numLevels, const float* weights,
+                 ChosenSteps& chosen);
+
 /// A range of levels counted from the coarsest, first and last included; 0 is LL alone.
 struct LevelRange {
   int first, last;

@@ -80,24 +80,41 @@ RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& comp
   return fitted;
 }
 
+const RegionSamples& RegionFor(const KelTileGeometry& component, const RegionSamples& region,
+                               RegionSamples& fitted) {
+  if (region.box == BoxOf(component) && region.xRsiz == component.XRsiz &&
+      region.yRsiz == component.YRsiz) {
+    return region;
+  }
+  fitted = FitRegion(region, component);
+  return fitted;
+}
+
+RegionMarks::RegionMarks(const RegionSamples& region, int numLevels, bool irreversible)
+    : box_(region.box), numLevels_(numLevels) {
+  const std::uint64_t columns = AsCount(box_.Width() + 2 * kMaskMargin);
+  marks_ = OwnedArray<std::uint8_t>::Make(
+      SaturatingMul(columns, AsCount(box_.Height() + 2 * kMaskMargin)));
+  const auto scratch = ScratchArray<std::uint8_t>::Make(RegionMaskScratchBytes(box_));
+  CarryRegionMask({region.bytes.Data(), box_, numLevels, irreversible}, scratch.Data(),
+                  marks_.Data());
+}
+
+const std::uint8_t* RegionMarks::Row(int subband, std::int64_t row) const {
+  const CellOffset place = MallatOffset(box_, numLevels_, subband);
+  const std::int64_t stride = box_.Width() + 2 * kMaskMargin;
+  return marks_.Data() + (kMaskMargin + place.row + row) * stride + kMaskMargin + place.column;
+}
+
 void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,
                     const SubbandRecord* records) {
-  const Box& box = region.box;
-  const std::int64_t stride = box.Width() + 2 * kMaskMargin;
-  const std::uint64_t cells =
-      SaturatingMul(AsCount(stride), AsCount(box.Height() + 2 * kMaskMargin));
-  auto marks = OwnedArray<std::uint8_t>::Make(cells);
-  auto scratch = ScratchArray<std::uint8_t>::Make(RegionMaskScratchBytes(box));
-  CarryRegionMask({region.bytes.Data(), box, numLevels, true}, scratch.Data(), marks.Data());
-
+  const RegionMarks marks(region, numLevels, true);
   for (int b = 0; b < NumSubbands(numLevels); ++b) {
     const SubbandRecord& band = records[b];
-    const CellOffset place = MallatOffset(box, numLevels, b);
     const double step = static_cast<double>(steps[b]);
     for (std::int64_t y = 0; y < band.box.Height(); ++y) {
       float* row = static_cast<float*>(band.data) + AsCount(y) * band.strideCells;
-      const std::uint8_t* mark =
-          marks.Data() + (kMaskMargin + place.row + y) * stride + kMaskMargin + place.column;
+      const std::uint8_t* mark = marks.Row(b, y);
       for (std::int64_t x = 0; x < band.box.Width(); ++x) {
         if (mark[x] != 0) continue;
         row[x] = static_cast<float>(std::nearbyint(static_cast<double>(row[x]) / step) * step);

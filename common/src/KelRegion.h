@@ -34,6 +34,26 @@ bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSam
 /// the mask's samples in the area of the canvas that it stands for is. Raises 8.
 RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& component);
 
+/// The mask as a component sees it: the given one when the component is like the mask's own, else
+/// fitted into `fitted`. Raises 8.
+const RegionSamples& RegionFor(const KelTileGeometry& component, const RegionSamples& region,
+                               RegionSamples& fitted);
+
+/// Which coefficients of a tile-component its region needs, in the Mallat layout of the transform.
+class RegionMarks {
+ public:
+  /// Raises 8.
+  RegionMarks(const RegionSamples& region, int numLevels, bool irreversible);
+
+  /// The marks of a subband's row, counted from its first one; not 0 inside the region.
+  const std::uint8_t* Row(int subband, std::int64_t row) const;
+
+ private:
+  Box box_;
+  int numLevels_;
+  OwnedArray<std::uint8_t> marks_;
+};
+
 /// Rounds every coefficient outside the region to a multiple of its subband's step: nearest,
 /// halves to even. The records are those of a 9/7 transform that divided by nothing. Raises 8.
 void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,

@@ -101,6 +101,8 @@ void InverseDwt53To8Bit(const CoefficientPlane& plane, void* scratch, Rows<std::
 
 void InverseDwt97(const CoefficientPlane& plane, const float* steps, void* scratch,
                   Rows<float> out);
+/// The same synthesis of a plane whose cells are floats, coefficients and not indices.
+void InverseDwt97OfFloats(const CoefficientPlane& plane, void* scratch, Rows<float> out);
 /// The same values straight to 8-bit samples: v + 128, to nearest, halves to even, clamped.
 void InverseDwt97GeneralTo8Bit(const CoefficientPlane& plane, const float* steps, void* scratch,
                                Rows<std::uint8_t> out);

@@ -26,10 +26,11 @@ struct BandSteps {
   const float* steps;  ///< null: not at all
   float lowStep;       ///< of LL
   float lowOffset;
+  bool areIndices = true;  ///< false: the 9/7 filter's coefficients are floats
 };
 
 BandSource BandOf(const CoefficientPlane& plane, const BandSteps& steps, int subband) {
-  BandSource band = {plane.cells, plane.strideCells, true, 1.0F, 0.0F};
+  BandSource band = {plane.cells, plane.strideCells, steps.areIndices, 1.0F, 0.0F};
   if (SubbandBox(plane.box, plane.numLevels, subband).IsEmpty()) return band;
   const CellOffset offset = MallatOffset(plane.box, plane.numLevels, subband);
   band.cells = plane.cells + static_cast<std::size_t>(offset.row) * plane.strideCells +
@@ -222,6 +223,12 @@ void InverseDwt97(const CoefficientPlane& plane, const float* steps, void* scrat
   ScratchCutter cutter(scratch);
   PlaneSink<float> sink = {out};
   RunPlane(plane, GeneralSteps(steps), Kernels().wavelet.synthesis97, cutter, sink);
+}
+
+void InverseDwt97OfFloats(const CoefficientPlane& plane, void* scratch, Rows<float> out) {
+  ScratchCutter cutter(scratch);
+  PlaneSink<float> sink = {out};
+  RunPlane(plane, {nullptr, 1.0F, 0.0F, false}, Kernels().wavelet.synthesis97, cutter, sink);
 }
 
 void InverseDwt97GeneralTo8Bit(const CoefficientPlane& plane, const float* steps, void* scratch,

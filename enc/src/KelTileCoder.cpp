@@ -9,7 +9,6 @@
 #include <algorithm>
 
 #include "KelMemFuncDefs.h"
-#include "KelQuant.h"
 #include "KelRegion.h"
 #include "KelWavelet.h"
 
@@ -23,26 +22,6 @@ constexpr std::uint64_t kCountsOfOthers = 16;
 struct Bands {
   SubbandRecord records[kMaxSubbands];
 };
-
-/// The steps of an irreversible component, as the stream can say them.
-struct Steps {
-  std::int32_t exponents[kQuantEntries];
-  std::int32_t mantissas[kQuantEntries];
-  float steps[kQuantEntries];
-};
-
-void ChooseSteps(const TileCompJob& job, Steps& chosen) {
-  Bands bands;
-  ComputeSubbandBoxes(job.box, job.numLevels, bands.records);
-  const QuantTarget target = {job.quality, static_cast<std::int32_t>(job.box.Width()),
-                              static_cast<std::int32_t>(job.box.Height()), job.depth,
-                              job.budgetFactor};
-  const LevelRange all = {0, job.numLevels};
-  DeriveQuantSteps(target, job.numLevels, bands.records, job.bandWeights, chosen.steps);
-  StepsToExpMant(chosen.steps, job.depth, all, false, chosen.exponents, chosen.mantissas);
-  ClampExpMant(job.numLevels, chosen.exponents, chosen.mantissas);
-  ExpMantToSteps(chosen.exponents, chosen.mantissas, job.depth, all, chosen.steps);
-}
 
 template <class Cell>
 ForwardPlanes<Cell> PlanesOf(const TileCompJob& job) {
@@ -60,10 +39,10 @@ std::int32_t* CopyOf(const std::int32_t* list, int numLevels) {
 /// Transforms floats and divides them by their steps. With a region nothing is divided: steps of 1
 /// stand, and what lies outside is made coarse.
 void TransformFloats(const TileCompJob& job, void* scratch, Bands& bands, CodedTileComp& coded) {
-  Steps chosen;
-  ChooseSteps(job, chosen);
+  ChosenSteps chosen;
+  ChooseSteps(job.quant, job.box, job.numLevels, job.bandWeights, chosen);
   const float* divisors = job.region != nullptr ? nullptr : chosen.steps;
-  ForwardDwt97(PlanesOf<float>(job), {divisors, job.depth, false}, scratch, bands.records);
+  ForwardDwt97(PlanesOf<float>(job), {divisors, job.quant.bitDepth, false}, scratch, bands.records);
   if (job.region != nullptr) {
     CoarsenOutside(*job.region, job.numLevels, chosen.steps, bands.records);
     return;

@@ -7,6 +7,7 @@
 
 #include "KelBlockEncode.h"
 #include "KelBox.h"
+#include "KelQuant.h"
 
 namespace kel {
 
@@ -30,9 +31,7 @@ struct TileCompJob {
   void* source;  ///< prepared samples, floats when irreversible, else integers; no row padding
   void* work;    ///< a second plane of the size
   // Irreversible components only.
-  std::int32_t depth;           ///< bits per sample that the code stream announces
-  std::int32_t quality;         ///< 1 to 100
-  float budgetFactor;           ///< share of the error budget
+  QuantTarget quant;            ///< what the steps follow from
   const float* bandWeights;     ///< one per subband
   const RegionSamples* region;  ///< fitted to the component; null without a region
 };

@@ -26,7 +26,7 @@ class KEL_API KelTileComponent {
   /// unrotated decoder output is padded to a multiple of 16 samples.
   KelImageData* GetOutputImage() const;
   void SetOutputImage(KelImageData* image);
-  /// Preview samples.
+  /// Encoder: the preview, the same image as GetOutputImage until the host sets one of them.
   KelImageData* GetProgData() const;
   void SetProgData(KelImageData* image);
   /// Decoder: coefficients of a tile that is not complete yet, kept between frames, else null.
