@@ -67,10 +67,11 @@ class TilePreview {
     planes_ = locked.All();
     work_ = work.lock.As<void>();
     if (!Prepare()) return;
+    if (ShowsColorsTogether()) ShowColors();
     for (KelLong c = 0; c < NumComps(); ++c) {
-      if (IsShown(c)) Show(c);
+      if (IsShown(c) && tile_.comps[c].outputImage == nullptr) ShowAlone(c);
     }
-    if (InvertsColors()) InvertColors();
+    if (InvertsColors() && !ShowsColorsTogether()) InvertColors();
     for (KelLong c = 0; c < NumComps(); ++c) {
       if (IsShown(c)) Convert(c);
     }
@@ -140,17 +141,7 @@ class TilePreview {
     return true;
   }
 
-  // ---- Reconstruction ----
-
-  void Show(KelLong c) {
-    if (RouteOf(c) == PreviewRoute::kExtra) {
-      ShowExtra(c);
-    } else if (IsCodedIrreversibly(options_, c)) {
-      ShowIrreversible(c);
-    } else {
-      ShowReversible(c);
-    }
-  }
+  // ---- Coefficients ----
 
   template <class Cell>
   ForwardPlanes<Cell> PlanesOf(KelLong c, int numLevels) const {
@@ -162,24 +153,26 @@ class TilePreview {
     return ScratchArray<std::int32_t>::Make(ForwardDwtScratchCells(box));
   }
 
-  void ShowReversible(KelLong c) {
-    SubbandRecord records[kMaxSubbands];
-    ForwardDwt53(PlanesOf<std::int32_t>(c, options_.NumLevels),
-                 ForwardScratch(BoxOf(GeometryOf(c))).Data(), records);
-    Rebuild<std::int32_t>(c, records,
-                          [](const CoefficientPlane& from, void* scratch, Rows<std::int32_t> out) {
-                            InverseDwt53(from, scratch, out);
-                          });
-  }
+  /// What a decoder of a component would have in hand for the shown part.
+  struct Coefficients {
+    Box window;
+    ScratchArray<std::int32_t> cells;
+    float steps[kQuantEntries];  ///< all 1 for the reversible filter
+  };
 
-  void ShowIrreversible(KelLong c) {
+  void MakeCoefficients(KelLong c, Coefficients& made) {
     SubbandRecord records[kMaxSubbands];
-    float steps[kQuantEntries];
-    std::fill_n(steps, kQuantEntries, 1.0F);
-    Quantise(c, records, steps);
-    Rebuild<float>(c, records, [&](const CoefficientPlane& from, void* scratch, Rows<float> out) {
-      InverseDwt97(from, steps, scratch, out);
-    });
+    std::fill_n(made.steps, kQuantEntries, 1.0F);
+    if (IsCodedIrreversibly(options_, c)) {
+      Quantise(c, records, made.steps);
+    } else {
+      ForwardDwt53(PlanesOf<std::int32_t>(c, options_.NumLevels),
+                   ForwardScratch(BoxOf(GeometryOf(c))).Data(), records);
+    }
+    made.window = WindowOf(ViewFor(c), resolution_);
+    made.cells = ScratchArray<std::int32_t>::Make(
+        SaturatingMul(AsCount(made.window.Width()), AsCount(made.window.Height())));
+    Gather(c, records, made);
   }
 
   /// Transforms floats and divides them by their steps, which come in as ones. With a region, and
@@ -198,34 +191,17 @@ class TilePreview {
     CoarsenOutside(RegionFor(GeometryOf(c), region_, fitted), numLevels, chosen.steps, records);
   }
 
-  /// Synthesises the shown part of a resolution from the subbands of a whole tile-component, and
-  /// installs it. The coding plane is free to take what surrounds the shown part.
-  template <class Cell, class Inverse>
-  void Rebuild(KelLong c, const SubbandRecord* records, Inverse inverse) {
-    const Box window = WindowOf(ViewFor(c), resolution_);
-    const std::size_t stride = AsCount(window.Width());
-    const auto cells = ScratchArray<std::int32_t>::Make(
-        SaturatingMul(AsCount(window.Width()), AsCount(window.Height())));
-    Gather(c, records, window, cells.Data());
-    const auto scratch =
-        ScratchArray<std::int32_t>::Make(InverseDwtScratchCells(window, resolution_));
-    inverse({cells.Data(), stride, window, resolution_}, scratch.Data(),
-            Rows<Cell>{static_cast<Cell*>(planes_[c].cells), stride});
-    InstallRows(c, planes_[c].cells, {window, stride},
-                std::is_same_v<Cell, float> ? kFloatSamples : kIntegerSamples);
-  }
-
-  void Gather(KelLong c, const SubbandRecord* records, const Box& window, std::int32_t* cells) {
+  void Gather(KelLong c, const SubbandRecord* records, const Coefficients& to) {
     const bool areFloats = IsCodedIrreversibly(options_, c);
     if (isDirect_ || !region_.IsThere()) {
-      GatherCoefficients(records, areFloats, window, resolution_, {}, cells);
+      GatherCoefficients(records, areFloats, to.window, resolution_, {}, to.cells.Data());
       return;
     }
     RegionSamples fitted;
     const RegionMarks marks(RegionFor(GeometryOf(c), region_, fitted), options_.NumLevels,
                             areFloats);
-    GatherCoefficients(records, areFloats, window, resolution_,
-                       RegionScaleFor(marks, MaxBitPlanesOfUnitSteps()), cells);
+    GatherCoefficients(records, areFloats, to.window, resolution_,
+                       RegionScaleFor(marks, MaxBitPlanesOfUnitSteps()), to.cells.Data());
   }
 
   int MaxBitPlanesOfUnitSteps() const {
@@ -235,14 +211,102 @@ class TilePreview {
     return MaxBitPlanes(exponents, GuardBits(depth), options_.NumLevels);
   }
 
+  // ---- Samples shown ----
+
+  CoefficientPlane PlaneFor(const Coefficients& of) const {
+    return {of.cells.Data(), AsCount(of.window.Width()), of.window, resolution_, of.cells.Data()};
+  }
+
+  ScratchArray<std::int32_t> InverseScratch(const Box& window, int numPlanes) const {
+    return ScratchArray<std::int32_t>::Make(
+        InverseDwtScratchCells(window, resolution_, numPlanes, numPlanes > 1));
+  }
+
+  /// Whether the planes of the three colours are a transformed triple.
+  bool InvertsColors() const {
+    if (request_.luminanceOnly || !ColorTransformApplies(options_) || !IsShown(0)) return false;
+    return GeometryOf(0).BitDepth == GeometryOf(1).BitDepth &&
+           GeometryOf(0).BitDepth == GeometryOf(2).BitDepth;
+  }
+
+  /// Whether three colours go to bytes in lockstep. Reversible ones do so unlimited, which is
+  /// right only where they come out as they went in.
+  bool ShowsColorsTogether() const {
+    return InvertsColors() && GeometryOf(0).BitDepth == 8 &&
+           (options_.Irreversible != 0 || (isDirect_ && resolution_ == options_.NumLevels));
+  }
+
+  void ShowColors() {
+    Coefficients made[3];
+    for (KelLong c = 0; c < 3; ++c) MakeCoefficients(c, made[c]);
+    const Box& window = made[0].window;
+    WindowPlane bytes[3] = {{window, 1}, {window, 1}, {window, 1}};
+    const auto scratch = InverseScratch(window, 3);
+    const CoefficientPlane planes[3] = {PlaneFor(made[0]), PlaneFor(made[1]), PlaneFor(made[2])};
+    const Rows<std::uint8_t> out[3] = {bytes[0].RowsOf<std::uint8_t>(),
+                                       bytes[1].RowsOf<std::uint8_t>(),
+                                       bytes[2].RowsOf<std::uint8_t>()};
+    if (options_.Irreversible != 0) {
+      InverseDwt97IctTo8Bit(planes, {made[0].steps, made[1].steps, made[2].steps}, scratch.Data(),
+                            out);
+    } else {
+      InverseDwt53RctTo8Bit(planes, scratch.Data(), out);
+    }
+    for (KelLong c = 0; c < 3; ++c) {
+      Install(c, bytes[c].TakePart(ViewFor(c).shown), 1, kIntegerSamples);
+    }
+  }
+
+  void ShowAlone(KelLong c) {
+    if (RouteOf(c) == PreviewRoute::kExtra) {
+      ShowExtra(c);
+    } else if (GeometryOf(c).BitDepth == 8 && !(c < 3 && InvertsColors())) {
+      ShowBytes(c);
+    } else {
+      ShowCells(c);
+    }
+  }
+
+  /// 8-bit samples that only have to be shifted and limited.
+  void ShowBytes(KelLong c) {
+    Coefficients made;
+    MakeCoefficients(c, made);
+    WindowPlane bytes(made.window, 1);
+    const auto scratch = InverseScratch(made.window, 1);
+    if (IsCodedIrreversibly(options_, c)) {
+      InverseDwt97GeneralTo8Bit(PlaneFor(made), made.steps, scratch.Data(),
+                                bytes.RowsOf<std::uint8_t>());
+    } else {
+      InverseDwt53To8Bit(PlaneFor(made), scratch.Data(), bytes.RowsOf<std::uint8_t>());
+    }
+    Install(c, bytes.TakePart(ViewFor(c).shown), 1, kIntegerSamples);
+  }
+
+  /// Samples of 32 bits, which are still to be converted.
+  void ShowCells(KelLong c) {
+    Coefficients made;
+    MakeCoefficients(c, made);
+    WindowPlane samples(made.window, 4);
+    const auto scratch = InverseScratch(made.window, 1);
+    const bool areFloats = IsCodedIrreversibly(options_, c);
+    if (areFloats) {
+      InverseDwt97(PlaneFor(made), made.steps, scratch.Data(), samples.RowsOf<float>());
+    } else {
+      InverseDwt53(PlaneFor(made), scratch.Data(), samples.RowsOf<std::int32_t>());
+    }
+    Install(c, samples.TakePart(ViewFor(c).shown), 4, areFloats ? kFloatSamples : kIntegerSamples);
+  }
+
   /// A channel that is coded without loss: the low band of the 5/3 filter, or the samples.
   void ShowExtra(KelLong c) {
     SubbandRecord records[kMaxSubbands];
     const int reduction = options_.NumLevels - resolution_;
     ForwardDwt53(PlanesOf<std::int32_t>(c, reduction), ForwardScratch(BoxOf(GeometryOf(c))).Data(),
                  records);
-    InstallRows(c, records[0].data, {ViewFor(c).resolution, records[0].strideCells},
-                kIntegerSamples);
+    Install(c,
+            CopyPart({records[0].data, records[0].strideCells, 4, ViewFor(c).resolution},
+                     ViewFor(c).shown),
+            4, kIntegerSamples);
   }
 
   // ---- Images ----
@@ -251,30 +315,13 @@ class TilePreview {
     for (KelLong c = 0; c < NumComps(); ++c) ReleaseOutput(tile_.comps[c]);
   }
 
-  /// The box that a plane of 32-bit cells holds, and its row length.
-  struct PlaneLayout {
-    const Box& box;
-    std::size_t strideCells;
-  };
-
-  /// Makes the shown part of a plane the component's image.
-  void InstallRows(KelLong c, const void* plane, PlaneLayout layout, KelLong bufferType) {
+  /// Makes samples the component's image.
+  void Install(KelLong c, OwnedBuffer samples, KelLong sampleBytes, KelLong bufferType) {
     const Box& shown = ViewFor(c).shown;
-    const auto* cells = static_cast<const std::uint32_t*>(plane) +
-                        AsCount(shown.y0 - layout.box.y0) * layout.strideCells +
-                        AsCount(shown.x0 - layout.box.x0);
-    OwnedBuffer samples = CopyRows(cells, layout.strideCells, {shown.Width(), shown.Height()});
     TileCompRecord& record = tile_.comps[c];
     record.outputImage = record.progData = NewImage();
     InstallSamples(*record.outputImage, std::move(samples), static_cast<KelLong>(shown.Width()),
-                   static_cast<KelLong>(shown.Height()), 4, bufferType);
-  }
-
-  /// Whether the planes of the three colours are a transformed triple.
-  bool InvertsColors() const {
-    if (request_.luminanceOnly || !ColorTransformApplies(options_) || !IsShown(0)) return false;
-    return GeometryOf(0).BitDepth == GeometryOf(1).BitDepth &&
-           GeometryOf(0).BitDepth == GeometryOf(2).BitDepth;
+                   static_cast<KelLong>(shown.Height()), sampleBytes, bufferType);
   }
 
   void InvertColors() {
@@ -289,8 +336,8 @@ class TilePreview {
                                imageOf(0)->ImageBufferType == kFloatSamples});
   }
 
-  /// Turns a component's 32-bit samples into those of the preview. An extra channel at full
-  /// resolution is shown as it is.
+  /// Turns a component's samples, if they are of 32 bits, into those of the preview. An extra
+  /// channel at full resolution is shown as it is.
   void Convert(KelLong c) {
     KelImageData& image = *tile_.comps[c].outputImage;
     const KelLong depth = GeometryOf(c).BitDepth;

@@ -108,15 +108,35 @@ void GatherCoefficients(const SubbandRecord* records, bool areFloats, const Box&
   }
 }
 
-OwnedBuffer CopyRows(const std::uint32_t* cells, std::size_t strideCells, PlaneSize size) {
-  const std::uint64_t rowBytes = PlaneBytes(size.width, 1, 4);
-  OwnedBuffer copy = OwnedBuffer::Make(PlaneBytes(size.width, size.height, 4));
+OwnedBuffer CopyPart(const BoxPlane& plane, const Box& part) {
+  const std::uint64_t rowBytes = PlaneBytes(part.Width(), 1, plane.cellBytes);
+  const std::uint64_t strideBytes = SaturatingMul(plane.strideCells, AsCount(plane.cellBytes));
+  OwnedBuffer copy = OwnedBuffer::Make(SaturatingMul(rowBytes, AsCount(part.Height())));
   const BufferLock lock(copy.Get());
   if (!lock) Raise(KelErrNoMemory, kModulePreview);
-  for (std::uint64_t y = 0; y < AsCount(size.height); ++y) {
-    KelMemCopy(lock.As<std::uint8_t>() + y * rowBytes, cells + y * strideCells, rowBytes);
+  const auto* from = static_cast<const std::uint8_t*>(plane.cells) +
+                     AsCount(part.y0 - plane.box.y0) * strideBytes +
+                     PlaneBytes(part.x0 - plane.box.x0, 1, plane.cellBytes);
+  for (std::uint64_t y = 0; y < AsCount(part.Height()); ++y) {
+    KelMemCopy(lock.As<std::uint8_t>() + y * rowBytes, from + y * strideBytes, rowBytes);
   }
   return copy;
+}
+
+WindowPlane::WindowPlane(const Box& window, KelLong sampleBytes)
+    : window_(window),
+      sampleBytes_(sampleBytes),
+      buffer_(OwnedBuffer::Make(PlaneBytes(window.Width(), window.Height(), sampleBytes))),
+      lock_(buffer_.Get()) {
+  if (!lock_) Raise(KelErrNoMemory, kModulePreview);
+}
+
+OwnedBuffer WindowPlane::TakePart(const Box& shown) {
+  if (!(shown == window_)) {
+    return CopyPart({lock_.As<void>(), AsCount(window_.Width()), sampleBytes_, window_}, shown);
+  }
+  lock_ = BufferLock();
+  return std::move(buffer_);
 }
 
 void RestoreSamples(KelImageData& image, int bitDepth) {

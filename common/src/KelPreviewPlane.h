@@ -41,8 +41,35 @@ RegionScale RegionScaleFor(const RegionMarks& marks, int maxBitPlanes);
 void GatherCoefficients(const SubbandRecord* records, bool areFloats, const Box& window,
                         int numLevels, const RegionScale& scale, std::int32_t* cells);
 
-/// Copies rows of 32-bit cells into a buffer of their own, without gaps. Raises 8.
-OwnedBuffer CopyRows(const std::uint32_t* cells, std::size_t strideCells, PlaneSize size);
+/// Samples or coefficients of a box, row by row.
+struct BoxPlane {
+  const void* cells;
+  std::size_t strideCells;
+  KelLong cellBytes;
+  const Box& box;
+};
+
+/// Copies a part of a plane into a buffer of its own, without gaps. Raises 8.
+OwnedBuffer CopyPart(const BoxPlane& plane, const Box& part);
+
+/// A fresh plane for the samples of a window, without gaps. Raises 8.
+class WindowPlane {
+ public:
+  WindowPlane(const Box& window, KelLong sampleBytes);
+
+  template <class T>
+  Rows<T> RowsOf() const {
+    return {lock_.As<T>(), AsCount(window_.Width())};
+  }
+  /// Hands over the buffer with the shown part alone. Raises 8.
+  OwnedBuffer TakePart(const Box& shown);
+
+ private:
+  Box window_;
+  KelLong sampleBytes_;
+  OwnedBuffer buffer_;
+  BufferLock lock_;
+};
 
 /// Turns integers that only lost their DC offset back into the samples that they were, in the
 /// form in which a host hands them over: bytes, words or packed rows. Raises 8.

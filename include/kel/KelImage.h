@@ -256,22 +256,48 @@ class KEL_API KelImage {
   KelLong OptimizeImage(KelLong mode, KelLong* sizes, float* ratios);  ///< does nothing; 0
   KelLong GetNumComponentsDoneInProgPlay() const;                      ///< always 30
 
-  // Preview (encoder).
+  // Preview (encoder). After InitEncoder, in any order with the coding of tiles, which it does not
+  // affect.
 
-  /// Guarded. What a decoder would make of a tile coded with the present options: each colour
-  /// component's output image (GetTileComponent) receives the samples at full resolution. Coding
-  /// is not affected.
+  /// Guarded. What a decoder would make of a tile coded with the present options, at full
+  /// resolution: the samples of every colour component.
+  ///
+  /// Each component shown gets one image, which its tile-component's GetOutputImage and
+  /// GetProgData both return; it belongs to the image object until the tile's next preview, the
+  /// coding of the tile, or Die. A component without samples to show has none (null). The samples
+  /// are integers of the component's depth, in the forms of KelImageData::RecastData: 8-bit ones as
+  /// they are, others scaled so that the largest sample becomes half the range, 2^(depth - 1).
+  ///
+  /// Returns 0, also when the host hands over no samples without an error (there are no images
+  /// then); 15 for a tile out of range; the fetch's code; 8. After a failure the tile has no
+  /// preview, and the encoder can go on.
   KelLong GetPreviewData(KelLong tile);
-  /// Guarded. The same for a rectangle (x0, x1, y0, y1) of the canvas at resolution r
-  /// (0 to NumLevels), or for component 0 alone.
+  /// Guarded. The same for a rectangle [x0, x1) x [y0, y1) of the canvas, clipped to the tile, at
+  /// resolution r from 0 to NumLevels (full size), or for component 0 alone: with a component
+  /// transform that is the luminance.
+  ///
+  /// In a component's samples the rectangle is divided by its subsampling, edges rounded up, taken
+  /// relative to the tile-component's first sample, and scaled by the size at resolution r over
+  /// the full size, rounded down. Returns 15 also for r out of range and when no component shown
+  /// has a sample in the rectangle.
   KelLong GetPreviewData(KelLong tile, KelLong x0, KelLong x1, KelLong y0, KelLong y1,
                          KelLong resolution, bool luminanceOnly);
-  /// Whether previews include the transparency component, and the other extra channels.
+  /// Whether previews include the transparency component, and the other components from
+  /// NumColorChannels on but the region mask; false until set. These are shown as lossless: at
+  /// full resolution the host's samples unchanged, whatever the depth.
   void SetAlphaChannelsForPreview(bool transparency, bool extraChannels);
-  /// A rectangle (canvas coordinates) of one component, enlarged or reduced by the power of two
-  /// that covers the factor. *width and *height receive the size. The result, from the registered
-  /// Malloc, and its buffer belong to the caller. Depths 8 and 16 only; for others the result has
-  /// no buffer. Unguarded: raises 15 for bad arguments, 8, and the fetch's code.
+  /// A rectangle [x0, x1) x [y0, y1) of the canvas, clipped to one component of one tile and
+  /// divided by its subsampling, with edges rounded up; enlarged by the least power of two that
+  /// reaches a factor above 1 (3 gives 4), or reduced by the least one that its inverse does not
+  /// exceed (0.3 gives a quarter). 16-bit samples are limited to 32768. The samples are those of
+  /// the component's preview when it shows the whole tile-component, else the host's.
+  ///
+  /// *width and *height, unless null, receive the size. The result comes from the registered
+  /// Malloc; it belongs to the caller, who calls its FreeImageBuffer and releases it with the
+  /// registered Free. It has no buffer for depths other than 8 and 16, when a reduced rectangle
+  /// has no sample left, and when the host hands over no samples without an error. Unguarded:
+  /// raises 15 for indices out of range, an empty rectangle and a factor outside 2^-15 to 2^15; 8,
+  /// also for a result of 2^30 samples or more; the fetch's code.
   KelImageData* Zoom(KelLong tile, KelLong component, float factor, KelLong x0, KelLong x1,
                      KelLong y0, KelLong y1, KelLong* width, KelLong* height);
 

@@ -26,7 +26,7 @@ class KEL_API KelTileComponent {
   /// unrotated decoder output is padded to a multiple of 16 samples.
   KelImageData* GetOutputImage() const;
   void SetOutputImage(KelImageData* image);
-  /// Preview samples.
+  /// Encoder: the preview, the same image as GetOutputImage until the host sets one of them.
   KelImageData* GetProgData() const;
   void SetProgData(KelImageData* image);
   /// Decoder: coefficients of a tile that is not complete yet, kept between frames, else null.
@@ -40,7 +40,7 @@ class KEL_API KelTileComponent {
   KelTileGeometry* GetTileGeometryParams() const;
   KelLong GetWidth() const;   ///< samples across at full resolution
   KelLong GetHeight() const;  ///< samples down at full resolution
-  /// The encoder options in force: the image's, or the private copy of an extra channel.
+  /// The encoder options in force: the image's, or the private copy that extra channels share.
   KelEncOpt* GetEncOpt() const;
   KelDecOpt* GetDecOpt() const;
 
