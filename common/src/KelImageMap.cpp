@@ -273,8 +273,9 @@ void EnsureCoefficients(TileCompRecord& record) {
     }
     // A host has put another image here: start over.
     ReleaseImage(record.waveletData);
-    for (int b = 0; b < NumSubbands(record.decodeRes); ++b) record.bands[b].isFilled = false;
   }
+  // What was decoded before is lost, if a host has taken the plane away.
+  for (int b = 0; b < NumSubbands(record.decodeRes); ++b) record.bands[b].isFilled = false;
   const std::uint64_t bytes = PlaneBytes(record.rowStride, height, 4);
   OwnedBuffer buffer = OwnedBuffer::MakeAligned(bytes);
   if (!BufferLock(buffer.Get())) Raise(KelErrNoMemory, kModuleImageMap);

@@ -90,7 +90,6 @@ struct TileProgress {
   std::int64_t partStart;       ///< position of its SOT,
   std::int64_t partLength;      ///< Psot as signalled,
   std::int64_t resumePosition;  ///< and where its next packet, or what follows it, begins
-  bool hasPackets;              ///< a packet was decoded: coding parameters are fixed
   bool isComplete;              ///< every packet was decoded
   bool isChanged;               ///< packets were decoded since the last output
   bool isDelivered;             ///< complete, and its output made: later frames leave it alone

@@ -41,7 +41,9 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   if (result.code != KelOK || result.incomplete) return result;
 
   TileProgress& progress = tile.progress;
-  const bool onlyProgression = header.TPsot != 0 || progress.hasPackets;
+  // The tile's first header fixes its parameters. Another that claims to be the first would make
+  // the tile be laid out anew, which can cost far more than the few bytes that it takes.
+  const bool onlyProgression = header.TPsot != 0 || progress.numParts > 0;
   ScopeGuard restart([&] { RestartTile(map, tile); });
   ApplyTileParams(map, tile, header, onlyProgression);
   if (tile.walk == nullptr || !onlyProgression) {

@@ -8,6 +8,7 @@
 
 #include "KelBlockDecode.h"
 #include "KelPacketWalk.h"
+#include "KelRaise.h"
 
 namespace kel {
 namespace {
@@ -79,8 +80,8 @@ void DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const Packet
                        std::uint64_t lengthBytes) {
   EnsureCoefficients(record);
   const BufferLock lock(record.waveletData->ImageBuffer);
+  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   auto* cells = lock.As<std::int32_t>();
-  if (cells == nullptr) return;
   const std::int64_t packetEnd = data.GetPosition() + static_cast<std::int64_t>(lengthBytes);
   if (at.resolution == 0) {
     DecodeBand(data, record, cells, 0, at, packetEnd);
@@ -194,7 +195,6 @@ PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile) {
     if (!HandlePacket(data, tile.comps[at->component], *at)) return PartEnd::kCutOff;
     PacketHandled(*tile.walk);
     progress.resumePosition = data.GetPosition();
-    progress.hasPackets = true;
     progress.isChanged = true;
     isEmpty = false;
   }
