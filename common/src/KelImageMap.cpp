@@ -140,6 +140,15 @@ void ReleaseTileComp(TileCompRecord& record) noexcept {
   cell = nullptr;
 }
 
+/// The size of what is decoded of a component, by the style in force.
+void SizeTileComp(const ImageMap& map, TileCompRecord& record) {
+  record.numLevels = record.params.style->numLevels;
+  record.decodeRes = std::max(record.numLevels - map.reductions[record.tileGeom.Component], 0);
+  record.resolutionBox = ReduceBox(BoxOf(record.tileGeom), record.numLevels - record.decodeRes);
+  record.rowStride = RoundUp(record.resolutionBox.Width(), kRowMultiple);
+  DescribeOutput(record);
+}
+
 /// Fills one component's record. May run again on a record that a failure left half-built.
 void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record, std::int32_t c) {
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
@@ -157,6 +166,7 @@ void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record,
   record.params.style = tile.params.style;
   record.params.quant = tile.params.quant;
   ApplyComponentSegments(record.params, c, *map.mainHeader);
+  SizeTileComp(map, record);
 }
 
 /// The bands of a component at the resolution to decode, and where they stand in its plane.
@@ -175,10 +185,7 @@ void LayOutTileComp(const ImageMap& map, TileCompRecord& record) {
   const KelCodingStyle& style = *record.params.style;
   const Box box = BoxOf(record.tileGeom);
   if (HasLargeBlocks(style, box)) Raise(KelErrUnsupported, kModuleImageMap);
-  record.numLevels = style.numLevels;
-  record.decodeRes = std::max(record.numLevels - map.reductions[record.tileGeom.Component], 0);
-  record.resolutionBox = ReduceBox(box, record.numLevels - record.decodeRes);
-  record.rowStride = RoundUp(record.resolutionBox.Width(), kRowMultiple);
+  SizeTileComp(map, record);
   LayOutBands(record);
 
   record.resolutions = OwnedArray<ResolutionRecord>::Make(AsCount(record.numLevels + 1)).Release();
@@ -244,6 +251,15 @@ void ReleaseImageMap(ImageMap& map) noexcept {
   map.reductions = nullptr;
   ReleaseParamSet(map.mainParams);
   ReleaseMemPool(map.recordPool);
+}
+
+void DescribeOutput(TileCompRecord& record) {
+  if (record.outputImage == nullptr || record.outputImage->ImageBuffer != nullptr) return;
+  KelImageData& image = *record.outputImage;
+  image.Width = SaturateToInt32(record.rowStride);
+  image.Height = SaturateToInt32(record.resolutionBox.Height());
+  image.SizeOfDataType = 4;
+  image.ImageBufferType = record.params.style->irreversible != 0 ? kFloatSamples : kIntegerSamples;
 }
 
 bool HasLargeBlocks(const KelCodingStyle& style, const Box& box) {
