@@ -195,8 +195,8 @@ void CheckPart(Encoding& encoding, KelLong t, KelLong r, const std::vector<Plane
   }
 }
 
-/// Previews of every tile at every resolution, whole and in rectangles, against the decoder. The
-/// general path must give the same; the fast paths of the full size round a little differently.
+/// Previews of every tile at every resolution, whole and in rectangles, against the decoder. Its
+/// general path gives the same on these pictures; fast paths of the full size round differently.
 void CheckAgainstDecoder(EncodeHost& host, std::size_t components, std::mt19937& random) {
   const Bytes file = host.Encode();
   const test::Decoded fast = test::Decode(file);
