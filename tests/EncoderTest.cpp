@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <set>
+#include <string>
 
 #include "EncodeHost.h"
 #include "FileWalk.h"
@@ -315,6 +317,10 @@ TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
   EXPECT_EQ(codes(KelRLCP, 5), KelErrBadParam);
   EXPECT_EQ(codes(KelRLCP, 0), KelErrBadParam);
   EXPECT_EQ(codes(KelRLCP, 6), KelOK);
+  // The header announces the precincts even where every component has others.
+  host.options.NumColorChannels = 0;
+  EXPECT_EQ(codes(KelRLCP, 5), KelOK);
+  EXPECT_EQ(codes(KelRLCP, 0), KelErrBadParam);
 }
 
 // Samples that are not given back; an encoder that cannot go on; a file without its end marker.
@@ -368,6 +374,29 @@ TEST(Encoder, EveryRefusedRequest) {
     return host.EncodeTo(stream);
   });
   EXPECT_GT(runs, 60U);
+}
+
+// A failure whose record names the memory layer instead of what could not be made.
+TEST(Encoder, RefusedRequestsNameTheHeaderThatWasMade) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(40, 30, 1, 8));
+  std::set<std::string> modules;
+  KelLong code = KelErrNoMemory;
+  for (std::size_t n = 1; code != KelOK; ++n) {
+    HostStream stream;
+    memory.RefuseRequest(n);
+    code = host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+    if (code == KelOK) code = host.encoder.CompressTile(0);
+    if (code != KelOK && host.encoder.GetErrorDetails().srcFile != nullptr) {
+      modules.insert(host.encoder.GetErrorDetails().srcFile);
+    }
+    host.encoder.Die();
+    stream.stream.flushWriteBuffer();
+  }
+  memory.RefuseRequest(0);
+  for (const char* module : {kel::kModuleFileFormat, kel::kModuleHeaders, kel::kModuleImage}) {
+    EXPECT_EQ(modules.count(module), 1U) << module;
+  }
 }
 
 // A write that fails, or takes nothing, must not crash or leak.
@@ -438,6 +467,35 @@ TEST(Encoder, MemoryOfATile) {
   }
 }
 
+// Extra channels that each take memory for all components.
+TEST(Encoder, MemoryOfManyExtraChannels) {
+  HostMemory memory;
+  EncodeHost host(MakePicture(3, 3, 2000, 8));
+  host.options.NumColorChannels = 3;
+  memory.ResetPeak();
+  const std::size_t before = memory.Bytes();
+  test::WalkFile(host.Encode());
+  EXPECT_LE(memory.PeakBytes() - before, 2000U * 1500);
+}
+
+// A region that reaches into tiles in which its mask, being subsampled, has no sample: whether they
+// are coded as without one must not depend on what the host gives for a request of no bytes.
+TEST(Encoder, TilesWithoutASampleOfTheMask) {
+  HostMemory memory;
+  Picture image = MakePicture(48, 16, {8, 8}, {1, 32}, Content::kNoise);
+  image.planes[1].samples.assign(image.planes[1].samples.size(), 0);
+  EncodeHost host(image, 16, 16);
+  host.options.RoiEnabled = true;
+  host.options.RoiMaskComponent = 1;
+  host.options.NumLevels = 0;
+  const Bytes file = host.Encode();
+  const auto parts = test::WalkFile(file).parts;
+  ASSERT_EQ(parts.size(), 3U);
+  for (const std::size_t tile : {0, 1, 2}) {
+    EXPECT_EQ(file[parts[tile] + 13], tile == 1 ? 0x5C : 0x93) << "steps announced, or none";
+  }
+}
+
 // Sizes that count the wrong channels or headers; values that are cached too early.
 TEST(Encoder, SizesAndSteps) {
   HostMemory memory;
@@ -492,6 +550,15 @@ TEST(Encoder, DebugFileIsEmptied) {
   host.options.NumLevels = 99;
   host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
   EXPECT_TRUE(ReadFile(name).empty());
+  host.options.NumLevels = 5;
+  // The first two requests are the image object's.
+  for (std::size_t n = 3; n < 9; ++n) {
+    fill();
+    memory.RefuseRequest(n);
+    EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelErrNoMemory);
+    EXPECT_TRUE(ReadFile(name).empty()) << n;
+  }
+  memory.RefuseRequest(0);
   std::remove(name.c_str());
   stream.stream.flushWriteBuffer();
 }

@@ -94,6 +94,31 @@ TEST(RoundTrip, ReversibleIsExact) {
   }
 }
 
+// A tile between the samples of components that are all subsampled: nothing of it is written, and
+// the decoder waits for its tile-part.
+TEST(RoundTrip, TilesWithoutSamples) {
+  HostMemory memory;
+  for (const auto source : {test::Source::kMemory, test::Source::kUnseekable}) {
+    const Picture image = MakePicture(9, 7, {8, 8}, {2, 2}, Content::kNoise);
+    EncodeHost host(image, 9, 1);
+    host.options.Irreversible = 0;
+    EXPECT_TRUE(Decoding(host, {.source = source}).planes == image.planes);
+  }
+}
+
+// A colour transform that the decoder leaves out because the file tells the components' own depths.
+TEST(RoundTrip, ColorTransformOfDifferentDepths) {
+  HostMemory memory;
+  for (const KelLong second : {8, 10, 16}) {
+    const Picture image = MakePicture(40, 30, {8, second, 12, 3}, {1, 1, 1, 1}, Content::kNoise);
+    EncodeHost host(image, 23, 30);
+    host.options.Irreversible = 0;
+    host.options.NumColorChannels = 3;
+    host.options.ComponentTransform = true;
+    EXPECT_TRUE(RawPlanes(host) == image.planes) << second;
+  }
+}
+
 // Steps that do not reach the decoder, or for the wrong component: then nothing comes near.
 TEST(RoundTrip, IrreversibleQualityRises) {
   HostMemory memory;

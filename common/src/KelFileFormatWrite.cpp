@@ -11,6 +11,7 @@
 #include "KelBytes.h"
 #include "KelMainStream.h"
 #include "KelOutBuffer.h"
+#include "KelRaise.h"
 
 namespace kel {
 namespace {
@@ -333,22 +334,8 @@ void WriteDataBoxes(const KelEncOpt& o, KelOutBuffer& out) {
   }
 }
 
-}  // namespace
-
-bool FileRecordsAreWritable(const KelEncOpt& o) {
-  std::uint64_t bytes = 0;
-  if (o.XMLPresent) bytes += PayloadBytes(o.XMLBoxes, o.NumXMLBoxes);
-  if (o.UUIDPresent) bytes += PayloadBytes(o.UUIDBoxes, o.NumUUIDBoxes);
-  if (o.ColorSpecList != nullptr) bytes += ColorBytes(*o.ColorSpecList);
-  if (o.PalettePresent) {
-    if (!PaletteIsWritable(o.Palette)) return false;
-    bytes += PaletteRowBytes(*o.Palette) * o.Palette->numEntries;
-  }
-  return bytes <= kMostRecordBytes;
-}
-
-KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length) {
-  if (!FileRecordsAreWritable(options)) return KelErrBadParam;
+/// The boxes up to the code stream. Raises 8.
+KelOutBuffer MakeBoxes(const KelEncOpt& options) {
   KelOutBuffer out = KelOutBuffer::Make(kBoxBufferBytes);
   {
     const BoxScope box(out, "weab");
@@ -365,7 +352,26 @@ KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* 
   WriteDataBoxes(options, out);
   PutU32(out, 0);  // the code stream's box runs to the end of the file
   PutBytes(out, "vrmc", 4);
+  return out;
+}
 
+}  // namespace
+
+bool FileRecordsAreWritable(const KelEncOpt& o) {
+  std::uint64_t bytes = 0;
+  if (o.XMLPresent) bytes += PayloadBytes(o.XMLBoxes, o.NumXMLBoxes);
+  if (o.UUIDPresent) bytes += PayloadBytes(o.UUIDBoxes, o.NumUUIDBoxes);
+  if (o.ColorSpecList != nullptr) bytes += ColorBytes(*o.ColorSpecList);
+  if (o.PalettePresent) {
+    if (!PaletteIsWritable(o.Palette)) return false;
+    bytes += PaletteRowBytes(*o.Palette) * o.Palette->numEntries;
+  }
+  return bytes <= kMostRecordBytes;
+}
+
+KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length) {
+  if (!FileRecordsAreWritable(options)) return KelErrBadParam;
+  const KelOutBuffer out = NamingModule(kModuleFileFormat, [&] { return MakeBoxes(options); });
   if (stream.IsSeekable()) stream.seek(1, 0);
   stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
   *length = out.count;

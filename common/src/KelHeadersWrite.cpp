@@ -8,6 +8,7 @@
 
 #include "KelMainStream.h"
 #include "KelQuant.h"
+#include "KelRaise.h"
 
 namespace kel {
 namespace {
@@ -323,6 +324,21 @@ void FillComment(const KelEncOpt& o, MainHeader& h) {
       static_cast<std::uint16_t>(std::min<KelULong>(comment->length, kMostCommentBytes));
 }
 
+/// The main header's bytes. Raises 8.
+KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
+  MainHeader header;
+  header.set.inMainHeader = 1;
+  header.set.Csiz = NumInMainStream(options);
+  FillSizes(options, header);
+  FillCodingStyle(options, header);
+  FillQuantisation(options, header);
+  FillExtraChannels(options, header);
+  FillComment(options, header);
+  KelOutBuffer out = KelOutBuffer::Make(kHeaderBufferBytes);
+  WriteHeader(header.set, out);
+  return out;
+}
+
 }  // namespace
 
 void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
@@ -347,17 +363,7 @@ void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
 }
 
 std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream) {
-  MainHeader header;
-  header.set.inMainHeader = 1;
-  header.set.Csiz = NumInMainStream(options);
-  FillSizes(options, header);
-  FillCodingStyle(options, header);
-  FillQuantisation(options, header);
-  FillExtraChannels(options, header);
-  FillComment(options, header);
-
-  KelOutBuffer out = KelOutBuffer::Make(kHeaderBufferBytes);
-  WriteHeader(header.set, out);
+  const KelOutBuffer out = NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options); });
   stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
   return out.count;
 }

@@ -89,8 +89,6 @@ bool IsOnePrecinctEach(const KelEncOpt& o, const Box& box) {
   for (int r = 0; r <= o.NumLevels; ++r) {
     const Box resolution = ReduceBox(box, o.NumLevels - r);
     if (resolution.IsEmpty()) continue;
-    // Bands above resolution 0 have half the precinct's size, which must not be half a sample.
-    if (r > 0 && (o.PrecinctWidthExp == 0 || o.PrecinctHeightExp == 0)) return false;
     if (PartitionBox(resolution, o.PrecinctWidthExp, o.PrecinctHeightExp).Count() > 1) return false;
   }
   return true;
@@ -99,6 +97,9 @@ bool IsOnePrecinctEach(const KelEncOpt& o, const Box& box) {
 /// Whether a tile can be written at all: in an order that has tile-parts, and in whole precincts.
 bool TileCanBeWritten(const KelEncOpt& o, KelLong tile) {
   if (o.ProgressionOrder != KelRLCP && o.ProgressionOrder != KelCPRL) return false;
+  // Bands above resolution 0 have half the precinct's size, which must not be half a sample. The
+  // main header announces that size even when no component goes by it.
+  if (o.NumLevels > 0 && (o.PrecinctWidthExp == 0 || o.PrecinctHeightExp == 0)) return false;
   for (KelLong c = 0; c < o.NumColorChannels; ++c) {
     if (!IsInMainStream(o, c)) continue;
     KelTileGeometry component;

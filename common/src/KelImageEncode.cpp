@@ -120,13 +120,13 @@ bool SettingsAreAllowed(const KelEncOpt& o) {
          FileRecordsAreWritable(o);
 }
 
-/// Extra channels get option sets of their own, coded without loss. Raises 8.
+/// Extra channels get an option set of their own, coded without loss. One serves them all: a set
+/// holds a geometry with arrays of all components. Raises 8.
 void MakeExtraOptions(ImageMap& map, KelEncOpt& options) {
-  map.extraOptions = OwnedArray<KelEncOpt>::Make(AsCount(map.numComps)).Release();
-  for (std::int32_t c = map.numColorChannels; c < map.numComps; ++c) {
-    map.extraOptions[c].Clone(&options);
-    map.extraOptions[c].Irreversible = 0;
-  }
+  if (map.numColorChannels == map.numComps) return;
+  map.extraOptions = OwnedRecord<KelEncOpt>::Make().Release();
+  map.extraOptions->Clone(&options);
+  map.extraOptions->Irreversible = 0;
 }
 
 void PrepareMap(ImageMap& map, EncoderState& e, KelEncOpt& options) {
@@ -174,8 +174,8 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
                     KelClientProcs* procs) {
   const char* debugFileName = options != nullptr ? options->DebugFileName : nullptr;
   ScopeGuard undo([&] {
-    if (state.encoder == nullptr) EmptyDebugFile(debugFileName);
     ReleaseEncoder(state);
+    EmptyDebugFile(debugFileName);
   });
   if (options != nullptr) {
     options->RateMode = kRateMode;

@@ -85,7 +85,7 @@ KelLong VisitTiles(ImageState& state) {
   KelLong code = KelOK;
   for (std::int32_t t = 0; t < state.map.numTiles && code == KelOK; ++t) {
     TileRecord& tile = state.map.tiles[t];
-    if (tile.box.IsEmpty()) continue;
+    if (HasNoSamples(state.map, tile)) continue;
     code = ReadTile(pass, tile);
     DeliverTile(delivery, tile, scratch);
   }

@@ -143,7 +143,7 @@ void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record,
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
   record.optShared = !map.isEncoder || c < map.numColorChannels;
   record.extraChannel = map.isEncoder && c >= map.numColorChannels;
-  record.encOpt = record.optShared ? map.encOpt : &map.extraOptions[c];
+  record.encOpt = record.optShared ? map.encOpt : map.extraOptions;
   record.decOpt = map.decOpt;
   if (TileCompRecord::CellOf(record.handle) == nullptr) record.handle.Init(&record);
   if (map.isEncoder) return;
@@ -214,6 +214,16 @@ void EnsureTileComps(ImageMap& map, TileRecord& tile) {
   tile.compsAreReady = true;
 }
 
+bool HasNoSamples(const ImageMap& map, const TileRecord& tile) {
+  const KelImageGeometry& g = *map.geometry;
+  for (std::int32_t c = 0; c < map.numComps && !tile.box.IsEmpty(); ++c) {
+    const bool hasColumns = CeilDiv(tile.box.x0, g.XRsiz[c]) < CeilDiv(tile.box.x1, g.XRsiz[c]);
+    const bool hasRows = CeilDiv(tile.box.y0, g.YRsiz[c]) < CeilDiv(tile.box.y1, g.YRsiz[c]);
+    if (hasColumns && hasRows) return false;
+  }
+  return true;
+}
+
 void ReleaseParamSet(ParamSet& set) noexcept {
   DropStyle(set);
   DropQuant(set);
@@ -231,9 +241,7 @@ void ReleaseImageMap(ImageMap& map) noexcept {
     }
     ReleaseParamSet(tile.params);
   }
-  for (std::int32_t c = 0; map.extraOptions != nullptr && c < map.numComps; ++c) {
-    map.extraOptions[c].Die();
-  }
+  if (map.extraOptions != nullptr) map.extraOptions->Die();
   if (map.tiles != nullptr) KelFree(map.tiles);
   if (map.extraOptions != nullptr) KelFree(map.extraOptions);
   if (map.reductions != nullptr) KelFree(map.reductions);

@@ -126,7 +126,7 @@ struct ImageMap {
 
   // Encoder.
   std::int32_t numColorChannels;
-  KelEncOpt* extraOptions;  ///< one set per component; owned; those of colour channels unused
+  KelEncOpt* extraOptions;  ///< one set for all extra channels, null without any; owned
 };
 
 /// Fills the map's tile array. The caller has set geometry, options and direction. Raises 8.
@@ -138,6 +138,10 @@ void EnsureTileComps(ImageMap& map, TileRecord& tile);
 
 /// Releases all records and what they own, half-built ones included; may run twice.
 void ReleaseImageMap(ImageMap& map) noexcept;
+
+/// Whether no component has a sample in a tile: it lies outside the image, or between the samples
+/// of components that are all subsampled. Such a tile has no packets, and needs no tile-part.
+bool HasNoSamples(const ImageMap& map, const TileRecord& tile);
 
 /// Releases a component's output image and preview, which may be one image.
 void ReleaseOutput(TileCompRecord& record) noexcept;

@@ -109,7 +109,7 @@ KelTileComponent* TileComponentOf(ImageState& state, KelLong t, KelLong componen
 bool TileIsComplete(const ImageState& state, KelLong t) {
   if (state.isEncoder || t < 0 || t >= state.map.numTiles) return false;
   const TileRecord& tile = state.map.tiles[t];
-  return tile.progress.isComplete || tile.box.IsEmpty();
+  return tile.progress.isComplete || HasNoSamples(state.map, tile);
 }
 
 __tagICCProfile* ICCProfileOf(const ImageState& state) {

@@ -158,7 +158,7 @@ KelLong PassPart(TilePass& pass) {
     return KelOK;
   }
   TileRecord& tile = pass.map.tiles[tileIndex];
-  if (tile.progress.isComplete || tile.box.IsEmpty()) {
+  if (tile.progress.isComplete || HasNoSamples(pass.map, tile)) {
     const std::uint32_t length = data.PeekSotPsot();
     data.SkipForward(std::max(length, kLeastPartLength));
     if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();

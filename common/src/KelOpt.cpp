@@ -12,19 +12,8 @@
 
 namespace {
 
+using kel::NamingModule;
 using kel::Raise;
-
-/// Runs a step that obtains memory, and lets its want of memory be reported under this module's
-/// name: the record of an option set's failure names the options. Other failures pass unchanged.
-template <class Step>
-auto NamingThisModule(Step step) {
-  try {
-    return step();
-  } catch (const KelException& failure) {
-    if (failure.errCode == KelErrNoMemory) Raise(KelErrNoMemory, kel::kModuleOpt);
-    throw;
-  }
-}
 
 /// A new geometry, initialised by a call of its initialiser with the given arguments.
 template <class... Arguments>
@@ -115,7 +104,7 @@ void SetDefaults(KelEncOpt& o) {
 KelLong KelEncOpt::InitToDefaults(KelLong width, KelLong height, KelLong tileWidth,
                                   KelLong tileHeight, KelLong numComponents, KelLong bitDepth) {
   GeomParams = nullptr;
-  GeomParams = NamingThisModule([&] {
+  GeomParams = NamingModule(kel::kModuleOpt, [&] {
     auto ones = kel::OwnedArray<KelLong>::Make(kel::AsCount(numComponents));
     auto depths = kel::OwnedArray<KelLong>::Make(kel::AsCount(numComponents));
     std::fill_n(ones.Data(), ones.Size(), 1);
@@ -135,7 +124,7 @@ KelLong KelEncOpt::InitToDefaults(KelLong width, KelLong height, KelLong tileWid
 KelLong KelEncOpt::InitToDefaults(KelImageGeometry* geometry) {
   if (geometry == nullptr) Raise(KelErrBadParam, kel::kModuleOpt);
   GeomParams = nullptr;
-  GeomParams = NamingThisModule([&] { return NewGeometry(geometry); });
+  GeomParams = NamingModule(kel::kModuleOpt, [&] { return NewGeometry(geometry); });
   NumComponents = GeomParams->Csiz;
   ImageWidth = GeomParams->Xsiz;
   ImageHeight = GeomParams->Ysiz;
@@ -173,7 +162,7 @@ KelLong KelEncOpt::Clone(KelEncOpt* source) {
   CoderValue = source->CoderValue;
   TargetQuality = source->TargetQuality;
   RateTableCount = source->RateTableCount;
-  NamingThisModule([&] {
+  NamingModule(kel::kModuleOpt, [&] {
     LayerTargets = CopyOfLongs(source->LayerTargets, source->NumLayers).Release();
     RateTable = CopyOfLongs(source->RateTable, source->RateTableCount).Release();
     return 0;
@@ -196,14 +185,15 @@ void KelEncOpt::Die() {
 
 KelLong KelDecOpt::InitToDefaults() {
   EncOpt = nullptr;
-  EncOpt = NamingThisModule([] { return kel::OwnedRecord<KelEncOpt>::Make().Release(); });
+  EncOpt =
+      NamingModule(kel::kModuleOpt, [] { return kel::OwnedRecord<KelEncOpt>::Make().Release(); });
   return KelOK;
 }
 
 KelLong KelDecOpt::Clone(KelDecOpt* source) {
   if (source == nullptr || source->EncOpt == nullptr) Raise(KelErrBadParam, kel::kModuleOpt);
   EncOpt = nullptr;
-  auto copy = NamingThisModule([] { return kel::OwnedRecord<KelEncOpt>::Make(); });
+  auto copy = NamingModule(kel::kModuleOpt, [] { return kel::OwnedRecord<KelEncOpt>::Make(); });
   copy->Clone(source->EncOpt);
   EncOpt = copy.Release();
   ForceComponentTransform = source->ForceComponentTransform;

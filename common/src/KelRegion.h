@@ -19,10 +19,11 @@ namespace kel {
 /// A mask: one byte per sample of a box, row by row without gaps, not 0 inside the region.
 struct RegionSamples {
   OwnedArray<std::uint8_t> bytes;
-  Box box;                    ///< in the samples of its own component
-  std::int32_t xRsiz, yRsiz;  ///< subsampling of that component
+  Box box{};                          ///< in the samples of its own component
+  std::int32_t xRsiz = 0, yRsiz = 0;  ///< subsampling of that component
 
-  bool IsThere() const { return static_cast<bool>(bytes); }
+  /// Whether there is a mask at all: without samples there is none.
+  bool IsThere() const { return !box.IsEmpty(); }
 };
 
 /// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as

@@ -15,7 +15,7 @@ namespace {
 /// results differently.
 float BudgetFactor(const KelEncOpt& o, KelLong component) {
   if (!o.ComponentTransform || o.GeomParams->Csiz < 2 || component > 2) return 1.0F;
-  return component == 0 ? 1.0F / 3.9172F : 1.0F / 2.13847F;
+  return static_cast<float>(component == 0 ? 1.0 / 3.9172 : 1.0 / 2.13847);
 }
 
 }  // namespace

@@ -159,7 +159,9 @@ class Delivery {
   /// The components of colours 1 to 3.
   TileCompRecord& Color(int i) const { return tile_.comps[context_.colorComponents[i]]; }
 
-  /// Whether the colours' planes have one size and kind, so that they can be combined.
+  /// Whether the colours' planes have one size and kind, so that they can be combined. Depths are
+  /// those of the code stream; a file may give each component a depth of its own, which matters
+  /// only once the colours are apart again.
   bool ColorsMatch() const {
     if (context_.map.numComps < 3) return false;
     const TileCompRecord& first = Color(0);
@@ -167,7 +169,8 @@ class Delivery {
       const TileCompRecord& other = Color(i);
       if (other.resolutionBox.IsEmpty() || !(other.resolutionBox == first.resolutionBox) ||
           IsIrreversible(other) != IsIrreversible(first) ||
-          other.sampleDepth != first.sampleDepth || other.tileGeom.XRsiz != first.tileGeom.XRsiz ||
+          other.tileGeom.BitDepth != first.tileGeom.BitDepth ||
+          other.tileGeom.XRsiz != first.tileGeom.XRsiz ||
           other.tileGeom.YRsiz != first.tileGeom.YRsiz) {
         return false;
       }

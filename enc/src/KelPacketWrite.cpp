@@ -79,7 +79,8 @@ bool SameSteps(const KelQuantParams& a, const CodedTileComp& b) {
 class TileQuantisation {
  public:
   TileQuantisation(const TileToWrite& tile, KelHeaderParams& set) {
-    own_ = OwnedArray<KelQuantParams>::Make(AsCount(tile.numComps));
+    own_ = NamingModule(kModuleImage,
+                        [&] { return OwnedArray<KelQuantParams>::Make(AsCount(tile.numComps)); });
     StepsToExpMant(nullptr, tile.announcedDepth, {0, tile.numLevels}, true, unitExponents_,
                    unitMantissas_);
     inForce_.exponents = unitExponents_;
@@ -155,8 +156,12 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
   set.numLevels = tile.numLevels;
   const TileQuantisation quantisation(tile, set);
 
-  KelOutBuffer header = KelOutBuffer::Make(kHeaderBufferBytes);
-  WriteHeader(set, header);
+  // The first header is the longest.
+  KelOutBuffer header = NamingModule(kModuleImage, [&] {
+    KelOutBuffer first = KelOutBuffer::Make(kHeaderBufferBytes);
+    WriteHeader(set, first);
+    return first;
+  });
   std::uint64_t total = header.count + AsCount(parts.count - 1) * kTilePartHeaderBytes;
   for (int i = 0; i < parts.count; ++i) total = SaturatingAdd(total, parts.dataBytes[i]);
   if (SaturatingAdd(total, AsCount(stream.GetCurPos())) > kMostPosition) {

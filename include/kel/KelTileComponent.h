@@ -40,7 +40,7 @@ class KEL_API KelTileComponent {
   KelTileGeometry* GetTileGeometryParams() const;
   KelLong GetWidth() const;   ///< samples across at full resolution
   KelLong GetHeight() const;  ///< samples down at full resolution
-  /// The encoder options in force: the image's, or the private copy of an extra channel.
+  /// The encoder options in force: the image's, or the private copy that extra channels share.
   KelEncOpt* GetEncOpt() const;
   KelDecOpt* GetDecOpt() const;
 

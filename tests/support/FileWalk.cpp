@@ -195,11 +195,8 @@ WalkedFile WalkFile(const Bytes& file) {
   while (in.at + 2 < file.size() && !testing::Test::HasFatalFailure()) {
     const std::size_t start = in.at;
     EXPECT_EQ(in.Take(4), 0xAB90000AU);
-    if (part == parts.size()) {
-      ++tile;
-      part = 0;
-      parts = PartsOf(s, tile);
-    }
+    // Tiles without samples have no parts.
+    for (; part == parts.size() && tile < 65535; part = 0) parts = PartsOf(s, ++tile);
     EXPECT_EQ(in.Take(2), static_cast<std::uint32_t>(tile));
     const std::size_t end = start + in.Take(4);
     EXPECT_EQ(in.Take(1), part);
