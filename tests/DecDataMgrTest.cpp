@@ -149,7 +149,17 @@ TEST(DecDataMgr, SeeksInAStream) {
 
   DataSource deaf(Ramp(300), Flavour::kFF, {false, false});
   EXPECT_EQ(deaf->Seek(0, 1), kMoveNotSeekable);
-  EXPECT_FALSE(deaf->MoveTo(1) || deaf->IndexAllowed());
+  EXPECT_FALSE(deaf->MoveTo(301) || deaf->MoveTo(-1) || deaf->IndexAllowed());
+  deaf->ReadUInt(4);
+  EXPECT_TRUE(deaf->MoveTo(1)) << "inside the window no stream has to move";
+  EXPECT_EQ(deaf->ReadByte(), deaf.bytes[1]);
+
+  // A read past the window leaves nothing in it that a move could come back to.
+  DataSource bypassed(Ramp(300), Flavour::kFF, {false, true, 100});
+  std::uint8_t many[200];
+  EXPECT_EQ(bypassed->ReadBytes(many, 200), 200U);
+  EXPECT_TRUE(bypassed->MoveTo(150));
+  EXPECT_EQ(bypassed->ReadByte(), bypassed.bytes[150]);
 }
 
 // Skips that turn backwards, stay where they are, or pass the end and are not noticed.

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 #include <tuple>
@@ -260,6 +261,69 @@ TEST(PacketWalk, AnEmptyTilePartIsAComponentsTurn) {
   PassEmptyTilePart(*tile.record.walk);
   const PacketId* at = CurrentPacket(*tile.record.walk);
   EXPECT_TRUE(at == nullptr || at->component == 3);
+}
+
+// Loops whose length a small header sets, over packets that do not exist: a change to RPCL that
+// leaves out a component 0 of 2^40 precincts, tiles without samples in thousands of layers, and a
+// component's empty turn. Each took minutes, or no end, when it was run through.
+TEST(PacketWalk, LoopsWithoutPacketsAreNotRunThrough) {
+  HostMemory memory;
+  std::mt19937 random(6);
+  Tile tile(random);
+  const int levels = 32;
+  for (const Box& box : {Box{0, 1, 0, 1}, Box{1, 1, 0, 1}}) {
+    for (std::size_t c = 0; c < tile.comps.size(); ++c) {
+      ResolutionRecord record{};
+      record.precincts = PartitionBox(box, 1, 1);
+      record.numAtLeast = record.precincts.Count();
+      tile.resolutions[c].assign(levels + 1, record);
+      // Only the highest resolution of each component has samples, if any.
+      for (int r = 0; r < levels; ++r) tile.resolutions[c][std::size_t(r)] = {};
+      tile.comps[c].numLevels = levels;
+      tile.comps[c].resolutions = tile.resolutions[c].data();
+    }
+    tile.style.numLayers = 65535;
+    const auto start = std::chrono::steady_clock::now();
+    for (int round = 0; round < 200; ++round) {
+      tile.style.progressionOrder = round % 5;
+      tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
+      const PacketId* at = CurrentPacket(*tile.record.walk);
+      ASSERT_EQ(at != nullptr, !box.IsEmpty());
+      for (int c = 0; at != nullptr && round % 5 == KelCPRL && c < tile.NumComps(); ++c) {
+        PassEmptyTilePart(*tile.record.walk);
+      }
+      ReleasePacketWalk(tile.record.walk);
+    }
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(seconds.count(), 1.0) << (box.IsEmpty() ? "no samples" : "one resolution");
+  }
+  ResolutionRecord huge{}, small{};
+  huge.precincts = PartitionBox({0, 1 << 21, 0, 1 << 21}, 1, 1);
+  small.precincts = PartitionBox({0, 8, 0, 8}, kWholePrecinct, kWholePrecinct);
+  huge.numAtLeast = huge.precincts.Count();
+  small.numAtLeast = 1;
+  tile.comps.resize(2);
+  tile.resolutions.resize(2);
+  tile.record.comps = tile.comps.data();
+  for (std::size_t c = 0; c < 2; ++c) {
+    tile.comps[c].numLevels = 0;
+    tile.resolutions[c] = {c == 0 ? huge : small};
+    tile.comps[c].resolutions = tile.resolutions[c].data();
+  }
+  tile.SetChanges(random, 2);
+  tile.rs = {0, 0}, tile.re = {1, 1}, tile.cs = {1, 1}, tile.ce = {2, 2}, tile.ly = {1, 1};
+  tile.order = {KelRPCL, KelRPCL};
+  tile.changes = {1,
+                  2,
+                  tile.rs.data(),
+                  tile.cs.data(),
+                  tile.ly.data(),
+                  tile.re.data(),
+                  tile.ce.data(),
+                  tile.order.data(),
+                  1};
+  tile.record.walk = MakePacketWalk(tile.record, 2);
+  EXPECT_EQ(Walk(*tile.record.walk), (Packets{{0, 0, 1, 0}}));
 }
 
 TEST(PacketWalk, RefusedMemoryLeavesNothingBehind) {

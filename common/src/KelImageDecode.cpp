@@ -41,6 +41,8 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
     if (!flavour) return Fail(state, KelErrUnknownFormat);
     d.flavour = *flavour;
   } else if (d.streamIsSeekable) {
+    // A host may have looked at the beginning, or at everything, before.
+    if (stream->seek(1, 0) != 0) return Fail(state, KelErrUnknownFormat);
     const auto flavour = RecogniseSignature(*stream);
     if (!flavour || stream->seek(1, 0) != 0) return Fail(state, KelErrUnknownFormat);
     d.flavour = *flavour;

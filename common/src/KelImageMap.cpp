@@ -138,6 +138,15 @@ void ReleaseTileComp(TileCompRecord& record) noexcept {
   cell = nullptr;
 }
 
+/// The size of what is decoded of a component, by the style in force.
+void SizeTileComp(const ImageMap& map, TileCompRecord& record) {
+  record.numLevels = record.params.style->numLevels;
+  record.decodeRes = std::max(record.numLevels - map.reductions[record.tileGeom.Component], 0);
+  record.resolutionBox = ReduceBox(BoxOf(record.tileGeom), record.numLevels - record.decodeRes);
+  record.rowStride = RoundUp(record.resolutionBox.Width(), kRowMultiple);
+  DescribeOutput(record);
+}
+
 /// Fills one component's record. May run again on a record that a failure left half-built.
 void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record, std::int32_t c) {
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
@@ -155,6 +164,7 @@ void InitTileComp(ImageMap& map, const TileRecord& tile, TileCompRecord& record,
   record.params.style = tile.params.style;
   record.params.quant = tile.params.quant;
   ApplyComponentSegments(record.params, c, *map.mainHeader);
+  SizeTileComp(map, record);
 }
 
 /// The bands of a component at the resolution to decode, and where they stand in its plane.
@@ -173,10 +183,7 @@ void LayOutTileComp(const ImageMap& map, TileCompRecord& record) {
   const KelCodingStyle& style = *record.params.style;
   const Box box = BoxOf(record.tileGeom);
   if (HasLargeBlocks(style, box)) Raise(KelErrUnsupported, kModuleImageMap);
-  record.numLevels = style.numLevels;
-  record.decodeRes = std::max(record.numLevels - map.reductions[record.tileGeom.Component], 0);
-  record.resolutionBox = ReduceBox(box, record.numLevels - record.decodeRes);
-  record.rowStride = RoundUp(record.resolutionBox.Width(), kRowMultiple);
+  SizeTileComp(map, record);
   LayOutBands(record);
 
   record.resolutions = OwnedArray<ResolutionRecord>::Make(AsCount(record.numLevels + 1)).Release();
@@ -258,6 +265,15 @@ void ReleaseOutput(TileCompRecord& record) noexcept {
   ReleaseImage(record.outputImage);
 }
 
+void DescribeOutput(TileCompRecord& record) {
+  if (record.outputImage == nullptr || record.outputImage->ImageBuffer != nullptr) return;
+  KelImageData& image = *record.outputImage;
+  image.Width = SaturateToInt32(record.rowStride);
+  image.Height = SaturateToInt32(record.resolutionBox.Height());
+  image.SizeOfDataType = 4;
+  image.ImageBufferType = record.params.style->irreversible != 0 ? kFloatSamples : kIntegerSamples;
+}
+
 bool HasLargeBlocks(const KelCodingStyle& style, const Box& box) {
   for (std::int32_t r = 0; r <= style.numLevels; ++r) {
     const int halving = r == 0 ? 0 : 1;
@@ -285,8 +301,9 @@ void EnsureCoefficients(TileCompRecord& record) {
     }
     // A host has put another image here: start over.
     ReleaseImage(record.waveletData);
-    for (int b = 0; b < NumSubbands(record.decodeRes); ++b) record.bands[b].isFilled = false;
   }
+  // What was decoded before is lost, if a host has taken the plane away.
+  for (int b = 0; b < NumSubbands(record.decodeRes); ++b) record.bands[b].isFilled = false;
   const std::uint64_t bytes = PlaneBytes(record.rowStride, height, 4);
   OwnedBuffer buffer = OwnedBuffer::MakeAligned(bytes);
   if (!BufferLock(buffer.Get())) Raise(KelErrNoMemory, kModuleImageMap);

@@ -66,7 +66,7 @@ struct TileCompRecord {
   KelTileComponent handle;    ///< owns its cell
   ParamSet params;
 
-  // Decoder. Valid between the tile's first header and the end of its decoding.
+  // Decoder. Bands and resolutions exist from the first header to the end of the decoding.
   std::int32_t sampleDepth;  ///< bits per delivered sample: the file's, else the code stream's
   std::int32_t numLevels;    ///< NL of the style in force
   std::int32_t decodeRes;    ///< resolution to decode, NL being full size
@@ -90,9 +90,8 @@ struct TileProgress {
   std::int64_t partStart;       ///< position of its SOT,
   std::int64_t partLength;      ///< Psot as signalled,
   std::int64_t resumePosition;  ///< and where its next packet, or what follows it, begins
-  bool hasPackets;              ///< a packet was decoded: coding parameters are fixed
   bool isComplete;              ///< every packet was decoded
-  bool isChanged;               ///< packets were decoded since the last output
+  bool isChanged;               ///< packets, or the first header, were read since the last output
   bool isDelivered;             ///< complete, and its output made: later frames leave it alone
 };
 
@@ -155,6 +154,10 @@ void ReleaseParamSet(ParamSet& set) noexcept;
 /// Raises 29 for code blocks larger than 8 x 8 in a band that has samples, 8 when memory runs out
 /// or a plane would exceed 2^32 - 1 bytes. Coefficients of an earlier layout are released.
 void LayOutTile(ImageMap& map, TileRecord& tile);
+
+/// Gives an output image that holds no samples the size and the kind of those it will hold before
+/// they are recast: rows padded to rowStride, 32-bit cells.
+void DescribeOutput(TileCompRecord& record);
 
 /// Whether a style asks for code blocks larger than 8 x 8 in a band of the box that has samples.
 bool HasLargeBlocks(const KelCodingStyle& style, const Box& box);

@@ -41,7 +41,9 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   if (result.code != KelOK || result.incomplete) return result;
 
   TileProgress& progress = tile.progress;
-  const bool onlyProgression = header.TPsot != 0 || progress.hasPackets;
+  // The tile's first header fixes its parameters. Another that claims to be the first would make
+  // the tile be laid out anew, which can cost far more than the few bytes that it takes.
+  const bool onlyProgression = header.TPsot != 0 || progress.numParts > 0;
   ScopeGuard restart([&] { RestartTile(map, tile); });
   ApplyTileParams(map, tile, header, onlyProgression);
   if (tile.walk == nullptr || !onlyProgression) {
@@ -52,6 +54,8 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
     ReplaceProgression(*tile.walk);
   }
   restart.Disarm();
+  // A tile that has arrived without packets is delivered too, as zeros.
+  if (progress.numParts == 0) progress.isChanged = true;
   progress.numParts = std::max<std::int32_t>(progress.numParts, header.TPsot) + 1;
   progress.partStart = start;
   progress.partLength = length < kLeastPartLength ? 0 : length;
@@ -129,8 +133,9 @@ KelLong ReadPart(TilePass& pass, TileRecord& tile) {
   return KelOK;
 }
 
-/// Reads the tile's next tile-part from the stash. False when it is not there.
-bool ReadStashedPart(TilePass& pass, TileRecord& tile) {
+/// Reads the tile's next tile-part from the stash. False when it is not there. The code is that of
+/// its header.
+bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
   StashedPart* stashed = TakeStashedPart(tile.early, tile.progress.numParts);
   if (stashed == nullptr) return false;
   ScopeGuard drop([&] { DropStashedPart(stashed); });
@@ -140,6 +145,7 @@ bool ReadStashedPart(TilePass& pass, TileRecord& tile) {
   part.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
   EnsureTileComps(pass.map, tile);
   const HeaderResult header = ReadTilePartHeader(pass.map, part, tile);
+  code = header.code;
   if (header.code == KelOK && !header.incomplete) ReadOpenPart(part, tile);
   tile.progress.partIsOpen = false;
   tile.progress.resumePosition = pass.decoder.dataMgr->GetPosition();
@@ -169,8 +175,8 @@ KelLong PassPart(TilePass& pass) {
     if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();
     return KelOK;
   }
-  const KelLong code = ReadPart(pass, tile);
-  while (code == KelOK && !tile.progress.isComplete && ReadStashedPart(pass, tile)) {
+  KelLong code = ReadPart(pass, tile);
+  while (code == KelOK && !tile.progress.isComplete && ReadStashedPart(pass, tile, code)) {
   }
   return code;
 }
@@ -244,7 +250,7 @@ KelLong ReadTile(TilePass& pass, TileRecord& tile) {
 
   KelLong code = KelOK;
   while (code == KelOK && !progress.isComplete && !progress.partIsOpen) {
-    if (ReadStashedPart(pass, tile)) continue;
+    if (ReadStashedPart(pass, tile, code)) continue;
     const Search found = FindPart(pass, tile, code);
     if (found == Search::kMissing) code = KelErrBadParam;
     if (found != Search::kFound) break;

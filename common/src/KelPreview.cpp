@@ -222,17 +222,17 @@ class TilePreview {
         InverseDwtScratchCells(window, resolution_, numPlanes, numPlanes > 1));
   }
 
-  /// Whether the planes of the three colours are a transformed triple.
+  /// Whether the planes of the three colours are a transformed triple. Like the decoder, this does
+  /// not ask for equal depths.
   bool InvertsColors() const {
-    if (request_.luminanceOnly || !ColorTransformApplies(options_) || !IsShown(0)) return false;
-    return GeometryOf(0).BitDepth == GeometryOf(1).BitDepth &&
-           GeometryOf(0).BitDepth == GeometryOf(2).BitDepth;
+    return !request_.luminanceOnly && ColorTransformApplies(options_) && IsShown(0);
   }
 
   /// Whether three colours go to bytes in lockstep. Reversible ones do so unlimited, which is
   /// right only where they come out as they went in.
   bool ShowsColorsTogether() const {
-    return InvertsColors() && GeometryOf(0).BitDepth == 8 &&
+    return InvertsColors() && GeometryOf(0).BitDepth == 8 && GeometryOf(1).BitDepth == 8 &&
+           GeometryOf(2).BitDepth == 8 &&
            (options_.Irreversible != 0 || (isDirect_ && resolution_ == options_.NumLevels));
   }
 

@@ -259,11 +259,11 @@ BandEnd DecodeRowOfBlocks(BandDecoder& decoder, const BandBlocks& band, std::int
 }  // namespace
 
 BandOutcome DecodeBandBlocks(KelDecDataMgr& reader, const BandBlocks& band, SignLayout layout) {
-  assert(band.widthExponent <= kBlockExponent && band.heightExponent <= kBlockExponent);
   const int minPlanes = static_cast<std::int8_t>(reader.ReadByte());
   const int maxPlanes = static_cast<std::int8_t>(reader.ReadByte());
   if (reader.ReadPastEnd()) return {BandEnd::kCutOff, false};
   if (band.x0 >= band.x1 || band.y0 >= band.y1) return {BandEnd::kWhole, false};
+  assert(band.widthExponent <= kBlockExponent && band.heightExponent <= kBlockExponent);
   if (minPlanes < 0 || maxPlanes > int{kMostPlanes} || maxPlanes < minPlanes) {
     return {BandEnd::kOutOfRange, false};
   }

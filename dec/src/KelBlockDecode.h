@@ -25,8 +25,8 @@ constexpr SignLayout SignLayoutOfStyle(std::uint32_t codeBlockStyle) {
 /// The part of a band that a packet carries, and where its coefficients go.
 struct BandBlocks {
   std::int32_t x0, x1, y0, y1;  ///< the precinct's rectangle, in band coordinates
-  std::uint8_t widthExponent;   ///< of the code blocks, 0 to 3
-  std::uint8_t heightExponent;  ///< of the code blocks, 0 to 3
+  std::uint8_t widthExponent;   ///< of the code blocks, 0 to 3 unless the rectangle is empty
+  std::uint8_t heightExponent;  ///< likewise
   std::int32_t* cells;          ///< of (x0, y0)
   std::ptrdiff_t strideCells;
 };

@@ -187,6 +187,7 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
   KelMemCopy(destination, readPosition_, copied);
   readPosition_ += copied;
   while (copied < n && !memoryMode_ && !endOfData_ && stream_ != nullptr) {
+    windowStart_ = windowEnd_;  // what it held no longer stands before the stream's position
     const std::uint64_t got = ReadFrom(*stream_, destination + copied, n - copied);
     streamPosition_ += static_cast<std::int64_t>(got);
     endOfData_ = got == 0;
@@ -274,9 +275,17 @@ std::int64_t KelDecDataMgr::Seek(int origin, std::int64_t offset) {
 }
 
 bool KelDecDataMgr::MoveTo(std::int64_t position) {
-  if (!memoryMode_) return stream_ != nullptr && SeekStream(position);
-  if (position < 0) return false;
-  readPosition_ = windowStart_ + std::min<std::int64_t>(position, windowEnd_ - windowStart_);
+  if (!memoryMode_) {
+    if (stream_ == nullptr) return false;
+    const std::int64_t ahead = position - GetPosition();
+    const bool isInside =
+        ahead >= windowStart_ - readPosition_ && ahead <= windowEnd_ - readPosition_;
+    if (!isInside) return SeekStream(position);
+    readPosition_ += ahead;
+  } else {
+    if (position < 0) return false;
+    readPosition_ = windowStart_ + std::min<std::int64_t>(position, windowEnd_ - windowStart_);
+  }
   unreadBits_ = 0;
   readPastEnd_ = false;
   return true;

@@ -119,8 +119,8 @@ class KelDecDataMgr {
   /// by a seek, or by reading and dropping. Returns the bytes passed over; when they are fewer
   /// than n, AtEnd holds.
   std::uint64_t SkipForward(std::uint64_t n);
-  /// Moves to an absolute position; at or past the end of a block means its end. False, with
-  /// nothing moved, when a stream refuses.
+  /// Moves to an absolute position; at or past the end of a block means its end. Inside the window
+  /// any stream can be moved. False, with nothing moved, when a stream refuses.
   bool MoveTo(std::int64_t position);
 
   // ---- Tile-parts ----

@@ -8,6 +8,7 @@
 
 #include "KelBlockDecode.h"
 #include "KelPacketWalk.h"
+#include "KelRaise.h"
 
 namespace kel {
 namespace {
@@ -38,8 +39,9 @@ bool AtPartEnd(PartReading& part) {
   return part.endIsChecked && part.data.GetPosition() >= part.end;
 }
 
-/// Decodes one band of a precinct at the read position. Its data are said to end at bandEnd.
-void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
+/// Decodes one band of a precinct at the read position. Its data are said to end at bandEnd. False
+/// when it needs bytes behind the end of the data.
+bool DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
                 const PacketId& at, std::int64_t bandEnd) {
   BandRecord& band = record.bands[b];
   const GridPartition& precincts = record.resolutions[at.resolution].precincts;
@@ -72,25 +74,28 @@ void DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells
   }
   band.isFilled = true;
   if (end == BandEnd::kOutOfRange) data.MoveTo(bandEnd);
+  return end != BandEnd::kCutOff;
 }
 
-/// Decodes the bands of a packet whose length, not 0, has been read.
-void DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at,
+/// Decodes the bands of a packet whose length, not 0, has been read. False when the data end before
+/// they do.
+bool DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at,
                        std::uint64_t lengthBytes) {
   EnsureCoefficients(record);
   const BufferLock lock(record.waveletData->ImageBuffer);
+  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   auto* cells = lock.As<std::int32_t>();
-  if (cells == nullptr) return;
   const std::int64_t packetEnd = data.GetPosition() + static_cast<std::int64_t>(lengthBytes);
   if (at.resolution == 0) {
-    DecodeBand(data, record, cells, 0, at, packetEnd);
-    return;
+    return DecodeBand(data, record, cells, 0, at, packetEnd);
   }
   for (std::int32_t b = 3 * at.resolution - 2; b <= 3 * at.resolution; ++b) {
     const std::int64_t bandBytes = data.ReadUInt(kLengthBytes);
     const std::int64_t bandEnd = std::min(data.GetPosition() + bandBytes, packetEnd);
-    if (bandBytes != 0) DecodeBand(data, record, cells, b, at, bandEnd);
+    if (data.ReadPastEnd()) return false;
+    if (bandBytes != 0 && !DecodeBand(data, record, cells, b, at, bandEnd)) return false;
   }
+  return true;
 }
 
 /// The bytes of a packet that is larger than the window, or nothing when they have not all
@@ -132,15 +137,24 @@ bool HandleLargePacket(KelDecDataMgr& data, TileCompRecord& record, const Packet
 }
 
 /// Handles the packet at the read position. False when it has not arrived whole; the reader then
-/// stands on it again, if the stream can move back.
-bool HandlePacket(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at) {
+/// stands on it again, if the stream can move back. Bands that run past the end of the data can be
+/// read again when more has arrived, unless the tile-part is known to have arrived.
+bool HandlePacket(const PartReading& part, TileCompRecord& record, const PacketId& at) {
+  KelDecDataMgr& data = part.data;
   if (data.EnsureBuffered(kLengthBytes) != kBufferedOk) return false;
   std::uint64_t lengthBytes = 0;
   for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
     lengthBytes = lengthBytes << 8 | data.PeekByte(k);
   }
-  const std::uint64_t packetBytes = kLengthBytes + lengthBytes;
   const bool isWanted = at.resolution <= record.decodeRes && lengthBytes != 0;
+  // A length that points behind the tile-part is damaged. The bands need not be: they tell
+  // themselves where they end.
+  const std::uint64_t left = AsCount(part.end - data.GetPosition() - std::int64_t{kLengthBytes});
+  if (part.endIsChecked && lengthBytes > left) {
+    if (!isWanted || left == 0) return false;
+    lengthBytes = left;
+  }
+  const std::uint64_t packetBytes = kLengthBytes + lengthBytes;
 
   const int buffered = data.EnsureBuffered(packetBytes);
   if (buffered == kAboveCapacity) {
@@ -148,8 +162,14 @@ bool HandlePacket(KelDecDataMgr& data, TileCompRecord& record, const PacketId& a
   } else if (buffered != kBufferedOk) {
     return false;
   } else if (isWanted) {
+    const std::int64_t start = data.GetPosition();
     data.SkipForward(kLengthBytes);
-    DecodePacketBands(data, record, at, lengthBytes);
+    const bool isWhole = DecodePacketBands(data, record, at, lengthBytes);
+    if (!isWhole && !part.endIsChecked) {
+      part.tile.progress.isChanged = true;
+      data.MoveTo(start);
+      return false;
+    }
   } else {
     data.SkipForward(packetBytes);
   }
@@ -191,10 +211,9 @@ PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile) {
       if (isEmpty) PassEmptyTilePart(*tile.walk);
       return PartEnd::kPartEnded;
     }
-    if (!HandlePacket(data, tile.comps[at->component], *at)) return PartEnd::kCutOff;
+    if (!HandlePacket(part, tile.comps[at->component], *at)) return PartEnd::kCutOff;
     PacketHandled(*tile.walk);
     progress.resumePosition = data.GetPosition();
-    progress.hasPackets = true;
     progress.isChanged = true;
     isEmpty = false;
   }

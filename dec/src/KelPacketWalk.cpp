@@ -88,20 +88,59 @@ std::int32_t LeastHandled(const PacketWalk& walk, std::int32_t resolution) {
   return least;
 }
 
-std::int32_t StartOfLayers(const PacketWalk& walk) {
+/// The first layer in which an entry may have a packet left; its layer end when it has none: not
+/// one component in range has a precinct in a resolution in range, or all were handled.
+std::int32_t FirstLayerOfEntry(const PacketWalk& walk) {
   const ProgressionEntry& entry = Entry(walk);
-  if (!walk.keepsCounters) return 0;
-  if (entry.order == KelRLCP) return LeastHandled(walk, walk.at.resolution);
-  if (entry.order != KelLRCP) {
-    const bool exists =
-        walk.at.precinct < PrecinctCount(walk, walk.at.component, walk.at.resolution);
-    return exists ? FirstLayer(walk, walk.at) : 0;
-  }
   std::int32_t least = entry.layerEnd;
   for (std::int32_t r = entry.resolutionStart; r < entry.resolutionEnd; ++r) {
     least = std::min(least, LeastHandled(walk, r));
   }
   return least;
+}
+
+/// Where a loop over layers starts, given the digits outside it. Where there is nothing to handle
+/// it starts at its end: thousands of layers without a packet are not run through.
+std::int32_t StartOfLayers(const PacketWalk& walk) {
+  switch (Entry(walk).order) {
+    case KelLRCP:
+      return FirstLayerOfEntry(walk);
+    case KelRLCP:
+      return LeastHandled(walk, walk.at.resolution);
+    default: {
+      const bool exists =
+          walk.at.precinct < PrecinctCount(walk, walk.at.component, walk.at.resolution);
+      return exists ? FirstLayer(walk, walk.at) : Entry(walk).layerEnd;
+    }
+  }
+}
+
+/// Up to where RPCL looks for precincts of a resolution: component 0 sets the count, but behind
+/// the last precinct of the components in range there is nothing to find.
+std::int64_t EndOfSharedPrecincts(const PacketWalk& walk, std::int32_t resolution) {
+  if (LeastHandled(walk, resolution) >= Entry(walk).layerEnd) return 0;
+  std::int64_t most = 0;
+  for (std::int64_t s = FirstSlot(walk, resolution);
+       s < walk.activeStart[resolution + 1] && walk.active[s] < Entry(walk).componentEnd; ++s) {
+    most = std::max(most, PrecinctCount(walk, walk.active[s], resolution));
+  }
+  return std::min(most, PrecinctCount(walk, 0, resolution));
+}
+
+/// How many precincts a loop over them visits, given the digits outside it.
+std::int64_t EndOfPrecincts(const PacketWalk& walk) {
+  const std::int32_t r = walk.at.resolution;
+  switch (Entry(walk).order) {
+    case KelRPCL:
+      return EndOfSharedPrecincts(walk, r);
+    case KelCPRL:
+      return std::min<std::int64_t>(PrecinctCount(walk, walk.at.component, r), 1);
+    default: {
+      const ResolutionRecord& resolution = ResolutionOf(walk, walk.at.component, r);
+      const bool allHandled = walk.keepsCounters && resolution.leastHandled > walk.at.layer;
+      return allHandled ? 0 : resolution.precincts.Count();
+    }
+  }
 }
 
 void StartDigit(PacketWalk& walk, Digit digit) {
@@ -121,6 +160,7 @@ void StartDigit(PacketWalk& walk, Digit digit) {
       break;
     case Digit::kPrecinct:
       walk.at.precinct = 0;
+      walk.precinctEnd = EndOfPrecincts(walk);
       break;
   }
 }
@@ -145,22 +185,6 @@ void StepDigit(PacketWalk& walk, Digit digit) {
   }
 }
 
-/// How many precincts a loop over them visits, given the digits outside it.
-std::int64_t EndOfPrecincts(const PacketWalk& walk) {
-  const std::int32_t r = walk.at.resolution;
-  switch (Entry(walk).order) {
-    case KelRPCL:
-      return PrecinctCount(walk, 0, r);
-    case KelCPRL:
-      return std::min<std::int64_t>(PrecinctCount(walk, walk.at.component, r), 1);
-    default: {
-      const ResolutionRecord& resolution = ResolutionOf(walk, walk.at.component, r);
-      const bool allHandled = walk.keepsCounters && resolution.leastHandled > walk.at.layer;
-      return allHandled ? 0 : resolution.precincts.Count();
-    }
-  }
-}
-
 /// Whether a digit's value is still in its loop. A slot in its loop sets the component.
 bool DigitIsInLoop(PacketWalk& walk, Digit digit) {
   const ProgressionEntry& entry = Entry(walk);
@@ -176,7 +200,7 @@ bool DigitIsInLoop(PacketWalk& walk, Digit digit) {
       walk.at.component = walk.active[walk.slot];
       return walk.at.component < entry.componentEnd;
     case Digit::kPrecinct:
-      return walk.at.precinct < EndOfPrecincts(walk);
+      return walk.at.precinct < walk.precinctEnd;
   }
   return false;
 }
@@ -275,6 +299,7 @@ bool FindByPosition(PacketWalk& walk) {
 // ---- Entries ----
 
 bool BeginEntry(PacketWalk& walk) {
+  if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd) return false;
   if (Entry(walk).order == KelPCRL) {
     StartHeap(walk);
     return FindByPosition(walk);
@@ -420,7 +445,10 @@ void PassEmptyTilePart(PacketWalk& walk) {
   if (at == nullptr || Entry(walk).order != KelCPRL) return;
   ++walk.turn;
   while (walk.isOnPacket && Entry(walk).order == KelCPRL && walk.at.component < walk.turn) {
-    walk.isOnPacket = false;
+    // On to the next component at once, however many packets this one has.
+    walk.at.component = walk.turn;
+    walk.isOnPacket = walk.entryIsBegun = FindByDigits(walk, kOrderDigits[KelCPRL], 0);
+    if (!walk.isOnPacket) ++walk.entry;
     FindPacket(walk);
   }
 }

@@ -58,8 +58,9 @@ struct PacketWalk {
   bool entryIsBegun;
   bool isOnPacket;  ///< `at` is the next packet to be handled
   PacketId at;
-  std::int64_t slot;   ///< index into `active` of at.component, in orders that need it
-  PositionItem* heap;  ///< owned; the least item first (PCRL)
+  std::int64_t precinctEnd;  ///< of the loop over precincts, where an order has one
+  std::int64_t slot;         ///< index into `active` of at.component, in orders that need it
+  PositionItem* heap;        ///< owned; the least item first (PCRL)
   std::int64_t heapCount;
   std::int32_t turn;  ///< CPRL: the component whose turn the next tile-part is
 };

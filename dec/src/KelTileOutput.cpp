@@ -251,6 +251,7 @@ class Delivery {
                          {place.address, static_cast<std::size_t>(place.stride)});
     }
     record.outputImage->FreeImageBuffer();
+    DescribeOutput(record);
     record.frameDone = record.dataReady = true;
     ReleaseCoefficients(record);
   }

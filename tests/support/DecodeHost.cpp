@@ -40,7 +40,7 @@ std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageDat
 }
 
 /// Larger planes are not gathered: only hostile headers have them.
-constexpr std::int64_t kMostSamples = 1 << 26;
+constexpr std::int64_t kMostSamples = std::int64_t{1} << 24;
 
 struct Frame {
   KelFrameData data;
@@ -132,9 +132,10 @@ class Host {
     }
     for (int c = 0; c < n; ++c) {
       const auto [width, height] = SizeOf(c);
-      if (height > 0 && width > kMostSamples / height) continue;
+      if (IsTooLarge(width, height)) continue;
       result.planes.push_back(Gather(c, result.depths[static_cast<std::size_t>(c)]));
-      if (job_.useHostBuffers) result.hostPlanes.push_back(FromHostBuffer(c));
+      if (frame_.buffers[static_cast<std::size_t>(c)] != nullptr)
+        result.hostPlanes.push_back(FromHostBuffer(c));
     }
   }
 
@@ -143,6 +144,11 @@ class Host {
 
   int BitsOf(int c, const Result& result) const {
     return job_.outBits != 0 ? job_.outBits : result.depths[static_cast<std::size_t>(c)];
+  }
+
+  /// Planes that only a header announces, and that this host would be slow to make.
+  bool IsTooLarge(std::int64_t width, std::int64_t height) const {
+    return height > 0 && width > kMostSamples / image_.GetNumComponents() / height;
   }
 
   void Describe(int n, const Result& result) {
@@ -161,7 +167,7 @@ class Host {
       if (IsTurned()) std::swap(width, height);
       const std::int64_t stride = (width * ((bits + 7) / 8) + 15) / 16 * 16;
       frame_.strides.push_back(static_cast<KelLong>(stride));
-      if (!job_.useHostBuffers) continue;
+      if (!job_.useHostBuffers || IsTooLarge(width, height)) continue;
       auto& memory = frame_.memory[static_cast<std::size_t>(c)];
       memory.assign(static_cast<std::size_t>(stride * std::max<std::int64_t>(height, 1)) + 48,
                     0xEE);
