@@ -1,5 +1,6 @@
 // A decoding host for tests, over the public interface alone: hands a stream in whole or in
-// pieces, from memory or a stream, and gathers whole component planes from the tiles.
+// pieces, from memory or a stream, and gathers whole component planes from the tiles. Rotated
+// output is turned back.
 #ifndef TESTS_SUPPORT_DECODE_HOST_H
 #define TESTS_SUPPORT_DECODE_HOST_H
 
@@ -42,6 +43,9 @@ struct Decoded {
   std::vector<Plane> hostPlanes;  ///< from the host's buffers, when used
   KelULong consumed = 0;
 };
+
+/// Sample i of a row in an output image's form; floats in 65536ths.
+std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageData& image, int bits);
 
 Decoded Decode(const Bytes& data, const DecodeJob& job = {});
 
