@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 
@@ -12,6 +11,7 @@
 #include "FileWalk.h"
 #include "HostMemory.h"
 #include "KelRaise.h"
+#include "VectorFile.h"
 
 namespace {
 
@@ -22,19 +22,14 @@ using test::HostMemory;
 using test::HostStream;
 using test::MakePicture;
 using test::Picture;
-
-Bytes ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(file), {});
-}
+using test::ReadFile;
 
 /// The planes of a stream made elsewhere, as an image.
 Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,
                    KelLong depth) {
   Picture image = MakePicture(width, height, components, depth);
   for (std::size_t c = 0; c < components; ++c) {
-    const Bytes raw =
-        ReadFile(std::string(KEL_VECTORS) + "/" + name + ".c" + std::to_string(c) + ".raw");
+    const Bytes raw = ReadFile(KEL_VECTORS "/" + name + ".c" + std::to_string(c) + ".raw");
     image.planes[c].samples.assign(raw.begin(), raw.end());
   }
   return image;
@@ -45,10 +40,8 @@ Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::
 TEST(Encoder, WritesTheSameBytesAsAnotherEncoder) {
   HostMemory memory;
   const auto expect = [](const std::string& name, const Picture& image, bool transform) {
-    EncodeHost host(image);
-    host.options.Irreversible = 0;
-    host.options.ComponentTransform = transform;
-    EXPECT_EQ(host.Encode(), ReadFile(std::string(KEL_VECTORS) + "/" + name + ".kel")) << name;
+    EncodeHost host(image, {.irreversible = 0, .transform = transform});
+    EXPECT_EQ(host.Encode(), test::Vector(name)) << name;
   };
   expect("native_rgb_rct_lossless", ReadPlanes("native_rgb_rct_lossless", 90, 72, 3, 8), true);
   expect("native_one_bit", ReadPlanes("native_one_bit", 50, 40, 1, 1), false);
@@ -66,19 +59,15 @@ Bytes HeadersOf(Bytes file) {
 // Steps derived otherwise, or announced for the wrong component.
 TEST(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
   HostMemory memory;
-  const auto expect = [](const std::string& name, EncodeHost& host, float quality) {
-    host.options.TargetQuality = quality;
-    EXPECT_EQ(HeadersOf(host.Encode()), HeadersOf(ReadFile(KEL_VECTORS "/" + name + ".kel")))
-        << name;
+  const auto expect = [](const std::string& name, EncodeHost& host) {
+    EXPECT_EQ(HeadersOf(host.Encode()), HeadersOf(test::Vector(name))) << name;
   };
-  EncodeHost grey(MakePicture(90, 72, 1, 8));
-  expect("native_grey_q40", grey, 40);
-  EncodeHost colors(MakePicture(90, 72, 3, 8), 64, 48);
-  colors.options.ComponentTransform = true;
-  expect("native_rgb_ict_q75_tiles", colors, 75);
-  EncodeHost subsampled(MakePicture(70, 60, {8, 8, 8}, {1, 2, 2}));
-  subsampled.options.NumLevels = 3;
-  expect("native_420", subsampled, 80);
+  EncodeHost grey(MakePicture(90, 72, 1, 8), {.quality = 40});
+  expect("native_grey_q40", grey);
+  EncodeHost colors(MakePicture(90, 72, 3, 8), 64, 48, {.quality = 75, .transform = true});
+  expect("native_rgb_ict_q75_tiles", colors);
+  EncodeHost subsampled(MakePicture(70, 60, {8, 8, 8}, {1, 2, 2}), {.quality = 80, .levels = 3});
+  expect("native_420", subsampled);
 }
 
 // A walk through files of many kinds; output that depends on the stream or on how the samples were
@@ -87,14 +76,13 @@ TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
   HostMemory memory;
   for (const KelLong depth : {1, 8, 12, 16}) {
     for (const bool byComponent : {false, true}) {
-      const Picture image = MakePicture(61, 47, 4, depth);
-      EncodeHost host(image, 37, 29);
-      host.options.NumColorChannels = 3;
-      host.options.ComponentTransform = depth != 12;
-      host.options.Irreversible = byComponent ? 0 : 1;
-      host.options.ProgressionOrder = byComponent ? KelCPRL : KelRLCP;
-      host.options.NumLayers = depth == 8 ? 3 : 1;
-      host.options.NumLevels = depth == 1 ? 0 : 3;
+      EncodeHost host(MakePicture(61, 47, 4, depth), 37, 29,
+                      {.irreversible = byComponent ? 0 : 1,
+                       .transform = depth != 12,
+                       .levels = depth == 1 ? 0 : 3,
+                       .layers = depth == 8 ? 3 : 1,
+                       .order = byComponent ? KelCPRL : KelRLCP,
+                       .colors = 3});
       const Bytes file = host.Encode();
       const auto walked = test::WalkFile(file);
       EXPECT_EQ(walked.boxes, "weab ftyp rreq vrmh vrmc ");
@@ -116,13 +104,8 @@ TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
   HostMemory memory;
   for (KelLong side = 1; side <= 4; ++side) {
     for (const KelLong order : {KelRLCP, KelCPRL}) {
-      EncodeHost host(MakePicture(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1);
-      host.options.ProgressionOrder = order;
-      host.options.NumColorChannels = 3;
-      host.options.RoiEnabled = true;
-      host.options.RoiMaskComponent = side % 2;
-      host.options.TransparencyPresent = true;
-      host.options.TransparencyComponent = 3;
+      EncodeHost host(MakePicture(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1,
+                      {.order = order, .colors = 3, .mask = side % 2, .transparency = 3});
       host.options.TransparencyCoded = side > 2;
       test::WalkFile(host.Encode());
     }
@@ -130,8 +113,7 @@ TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
   // Tiles far from the origin, in which one resolution is a single precinct all the same.
   EncodeHost wide(MakePicture(33000, 3, 1, 8, Content::kNoise), 1000, 3);
   test::WalkFile(wide.Encode());
-  EncodeHost deep(MakePicture(20, 20, 1, 8));
-  deep.options.NumLevels = 32;
+  EncodeHost deep(MakePicture(20, 20, 1, 8), {.levels = 32});
   EXPECT_EQ(test::WalkFile(deep.Encode()).parts.size(), 33U);
 }
 
@@ -140,14 +122,8 @@ TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
   HostMemory memory;
   const Bytes payload(20000, 7);
   __tagKelUUID uuid{20000, {}, payload.data()};
-  const Picture image = MakePicture(66000, 1, 1, 8, Content::kNoise);
   for (KelLong width = 42000; width < 66000; width += 1171) {
-    Picture part = image;
-    part.width = width;
-    part.planes[0].width = width;
-    EncodeHost host(part);
-    host.options.Irreversible = 0;
-    host.options.NumLevels = 0;
+    EncodeHost host(MakePicture(width, 1, 1, 8, Content::kNoise), {.irreversible = 0, .levels = 0});
     host.options.UUIDPresent = true;
     host.options.NumUUIDBoxes = 1;
     host.options.UUIDBoxes = &uuid;
@@ -160,7 +136,7 @@ TEST(Encoder, CountsAndEndMarker) {
   HostMemory memory;
   EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
   HostStream stream;
-  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  ASSERT_EQ(host.Init(stream), KelOK);
   EXPECT_EQ(host.options.RateMode, 5);
   EXPECT_EQ(host.options.CodeBlockWidthExp + host.options.CodeBlockHeightExp, 6);
   const KelLong start = stream.stream.GetCurPos();
@@ -183,7 +159,7 @@ TEST(Encoder, HeadersCanBeWrittenAgain) {
     EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
     const Bytes file = host.Encode();
     HostStream stream({}, seekable);
-    host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+    host.Init(stream);
     const KelLong start = stream.stream.GetCurPos();
     KelULong bytes = 0;
     EXPECT_EQ(host.encoder.WriteKelHeaders(&bytes), KelOK);
@@ -204,13 +180,12 @@ TEST(Encoder, HeadersCanBeWrittenAgain) {
 // tile be written that the headers do not describe.
 TEST(Encoder, OnlyTheQualityIsReadLater) {
   HostMemory memory;
-  EncodeHost host(MakePicture(64, 48, 3, 8), 32, 48);
-  host.options.TargetQuality = 80;
+  EncodeHost host(MakePicture(64, 48, 3, 8), 32, 48, {.quality = 80});
   const Bytes fine = host.Encode();
   host.options.TargetQuality = 20;
   EXPECT_LT(host.Encode().size(), fine.size());
   HostStream stream;
-  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  ASSERT_EQ(host.Init(stream), KelOK);
   KelEncOpt changed = host.options;
   KelImageGeometry& geometry = *host.options.GeomParams;
   KelImageGeometry kept = geometry;
@@ -237,8 +212,7 @@ void ExpectRefused(const char* what, void (*change)(EncodeHost& host, KelEncOpt&
   const KelImageGeometry kept = *host.options.GeomParams;
   change(host, host.options);
   HostStream stream;
-  EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelErrBadParam)
-      << what;
+  EXPECT_EQ(host.Init(stream), KelErrBadParam) << what;
   EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleImage) << what;
   EXPECT_EQ(host.encoder.CompressTile(0), KelErrBadParam) << "not initialised";
   EXPECT_EQ(stream.stream.GetCurPos(), 0) << what;
@@ -306,7 +280,7 @@ TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
     host.options.PrecinctHeightExp = 6;
     host.fetches = 0;
     HostStream stream;
-    EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+    EXPECT_EQ(host.Init(stream), KelOK);
     const KelLong tile = host.encoder.CompressTile(0);
     EXPECT_EQ(host.fetches, tile == KelOK ? 1 : 0);
     EXPECT_EQ(host.encoder.CompressImage(), KelOK);
@@ -326,11 +300,7 @@ TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
 // Samples that are not given back; an encoder that cannot go on; a file without its end marker.
 TEST(Encoder, FetchesThatFail) {
   HostMemory memory;
-  EncodeHost host(MakePicture(40, 30, 4, 8), 20, 30);
-  host.options.NumColorChannels = 3;
-  host.options.ComponentTransform = true;
-  host.options.RoiEnabled = true;
-  host.options.RoiMaskComponent = 3;
+  EncodeHost host(MakePicture(40, 30, 4, 8), 20, 30, {.transform = true, .colors = 3, .mask = 3});
   const Bytes whole = host.Encode();
   const int fetches = host.fetches;
   EXPECT_EQ(fetches, 8);
@@ -340,7 +310,7 @@ TEST(Encoder, FetchesThatFail) {
       HostStream stream;
       host.failFetch = n;
       host.fetches = 0;
-      ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+      ASSERT_EQ(host.Init(stream), KelOK);
       EXPECT_EQ(host.encoder.CompressTile(0), n <= 4 ? 99 : KelOK);
       if (n <= 4) {
         EXPECT_STREQ(host.encoder.GetErrorDetails().srcFile, kel::kModuleCompTransform);
@@ -362,38 +332,24 @@ TEST(Encoder, FetchesThatFail) {
   EXPECT_EQ(half.back(), 0xD9);
 }
 
+// A failure that leaves something behind, or whose record names the memory layer instead of what
+// could not be made.
 TEST(Encoder, EveryRefusedRequest) {
   HostMemory memory;
-  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30);
-  host.options.NumColorChannels = 3;
-  host.options.ComponentTransform = true;
-  host.options.RoiEnabled = true;
-  host.options.RoiMaskComponent = 4;
+  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30,
+                  {.transform = true, .colors = 3, .mask = 4});
+  std::set<std::string> modules;
   const std::size_t runs = test::SweepRefusals(memory, [&] {
     HostStream stream;
-    return host.EncodeTo(stream);
-  });
-  EXPECT_GT(runs, 60U);
-}
-
-// A failure whose record names the memory layer instead of what could not be made.
-TEST(Encoder, RefusedRequestsNameTheHeaderThatWasMade) {
-  HostMemory memory;
-  EncodeHost host(MakePicture(40, 30, 1, 8));
-  std::set<std::string> modules;
-  KelLong code = KelErrNoMemory;
-  for (std::size_t n = 1; code != KelOK; ++n) {
-    HostStream stream;
-    memory.RefuseRequest(n);
-    code = host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
-    if (code == KelOK) code = host.encoder.CompressTile(0);
-    if (code != KelOK && host.encoder.GetErrorDetails().srcFile != nullptr) {
-      modules.insert(host.encoder.GetErrorDetails().srcFile);
-    }
+    KelLong code = host.Init(stream);
+    for (KelLong t = 0; t < 2 && code == KelOK; ++t) code = host.encoder.CompressTile(t);
+    const KelException details = host.encoder.GetErrorDetails();
+    if (code != KelOK && details.srcFile != nullptr) modules.insert(details.srcFile);
     host.encoder.Die();
     stream.stream.flushWriteBuffer();
-  }
-  memory.RefuseRequest(0);
+    return code;
+  });
+  EXPECT_GT(runs, 60U);
   for (const char* module : {kel::kModuleFileFormat, kel::kModuleHeaders, kel::kModuleImage}) {
     EXPECT_EQ(modules.count(module), 1U) << module;
   }
@@ -404,8 +360,7 @@ TEST(Encoder, StreamsThatFail) {
   HostMemory memory;
   for (const KelLong result : {-1, 0}) {
     for (const bool seekable : {false, true}) {
-      EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300);
-      host.options.Irreversible = 0;
+      EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300, {.irreversible = 0});
       HostStream stream({}, seekable);
       stream.writeResult = result;
       EXPECT_EQ(host.EncodeTo(stream), KelOK);
@@ -422,7 +377,7 @@ TEST(Encoder, ProgressAndAbort) {
   HostStream stream;
   const auto start = [&] {
     host.progress.clear();
-    host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+    host.Init(stream);
   };
   start();
   EXPECT_EQ(host.encoder.CompressImage(), KelOK);
@@ -443,39 +398,30 @@ TEST(Encoder, ProgressAndAbort) {
   host.encoder.Die();
 }
 
-// Memory that grows with the number of tiles, or a tile that takes more than its planes need.
+/// The most bytes that encoding takes beyond what was outstanding. The buffers of the host's stream
+/// come from the library too, and hold a tile-part.
+std::size_t PeakOfEncoding(HostMemory& memory, EncodeHost& host) {
+  memory.ResetPeak();
+  const std::size_t before = memory.Bytes();
+  test::WalkFile(host.Encode());
+  return memory.PeakBytes() - before;
+}
+
+// Memory that grows with the number of tiles, or a tile that takes more than its planes need; extra
+// channels that each take memory for all components.
 TEST(Encoder, MemoryOfATile) {
   HostMemory memory;
   for (const KelLong irreversible : {0, 1}) {
     const Picture image = MakePicture(512, 512, 3, 8);
-    EncodeHost host(image, 512, 512);
-    host.options.Irreversible = irreversible;
-    host.options.ComponentTransform = true;
+    const test::Coding coding = {.irreversible = irreversible, .transform = true};
+    EncodeHost host(image, 512, 512, coding);
     host.numInterleaved = 3;
-    memory.ResetPeak();
-    const std::size_t before = memory.Bytes();
-    const Bytes file = host.Encode();
-    // The buffers of the host's stream come from the library too, and hold a tile-part.
-    EXPECT_LE(memory.PeakBytes() - before, 512U * 512 * (4 * 3 + 8) + file.size());
-    EncodeHost tiles(image, 64, 64);
-    tiles.options.Irreversible = irreversible;
-    tiles.options.ComponentTransform = true;
-    memory.ResetPeak();
-    const std::size_t beforeTiles = memory.Bytes();
-    tiles.Encode();
-    EXPECT_LE(memory.PeakBytes() - beforeTiles, 64U * 64 * (4 * 3 + 8) + 64 * 3 * 600 + 150000);
+    EXPECT_LE(PeakOfEncoding(memory, host), 512U * 512 * (4 * 3 + 8) + host.Encode().size());
+    EncodeHost tiles(image, 64, 64, coding);
+    EXPECT_LE(PeakOfEncoding(memory, tiles), 64U * 64 * (4 * 3 + 8) + 64 * 3 * 600 + 150000);
   }
-}
-
-// Extra channels that each take memory for all components.
-TEST(Encoder, MemoryOfManyExtraChannels) {
-  HostMemory memory;
-  EncodeHost host(MakePicture(3, 3, 2000, 8));
-  host.options.NumColorChannels = 3;
-  memory.ResetPeak();
-  const std::size_t before = memory.Bytes();
-  test::WalkFile(host.Encode());
-  EXPECT_LE(memory.PeakBytes() - before, 2000U * 1500);
+  EncodeHost many(MakePicture(3, 3, 2000, 8), {.colors = 3});
+  EXPECT_LE(PeakOfEncoding(memory, many), 2000U * 1500);
 }
 
 // A region that reaches into tiles in which its mask, being subsampled, has no sample: whether they
@@ -484,10 +430,7 @@ TEST(Encoder, TilesWithoutASampleOfTheMask) {
   HostMemory memory;
   Picture image = MakePicture(48, 16, {8, 8}, {1, 32}, Content::kNoise);
   image.planes[1].samples.assign(image.planes[1].samples.size(), 0);
-  EncodeHost host(image, 16, 16);
-  host.options.RoiEnabled = true;
-  host.options.RoiMaskComponent = 1;
-  host.options.NumLevels = 0;
+  EncodeHost host(image, 16, 16, {.levels = 0, .mask = 1});
   const Bytes file = host.Encode();
   const auto parts = test::WalkFile(file).parts;
   ASSERT_EQ(parts.size(), 3U);
@@ -499,17 +442,12 @@ TEST(Encoder, TilesWithoutASampleOfTheMask) {
 // Sizes that count the wrong channels or headers; values that are cached too early.
 TEST(Encoder, SizesAndSteps) {
   HostMemory memory;
-  EncodeHost host(MakePicture(40, 30, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 1}), 20, 15);
-  host.options.NumColorChannels = 2;
-  host.options.NumLayers = 2;
-  host.options.TransparencyPresent = true;
-  host.options.TransparencyComponent = 4;
+  EncodeHost host(MakePicture(40, 30, 5, 8), 20, 15,
+                  {.layers = 2, .colors = 2, .mask = 3, .transparency = 4});
   host.options.TransparencyCoded = false;
-  host.options.RoiEnabled = true;
-  host.options.RoiMaskComponent = 3;
   HostStream stream;
   KelImage& encoder = host.encoder;
-  ASSERT_EQ(encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  ASSERT_EQ(host.Init(stream), KelOK);
   EXPECT_EQ(encoder.NumProgressionStepsInEncodeImage(), 24);
   EXPECT_EQ(encoder.NumProgresionStepsInCompressImage(), 20);
   EXPECT_EQ(encoder.UpdateCodestreamSize(7, 1000, 0), -1);
@@ -542,20 +480,20 @@ TEST(Encoder, DebugFileIsEmptied) {
   host.options.DebugFileName = name.c_str();
   fill();
   HostStream stream;
-  ASSERT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelOK);
+  ASSERT_EQ(host.Init(stream), KelOK);
   EXPECT_FALSE(ReadFile(name).empty());
   host.encoder.Die();
   EXPECT_TRUE(ReadFile(name).empty());
   fill();
   host.options.NumLevels = 99;
-  host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs);
+  host.Init(stream);
   EXPECT_TRUE(ReadFile(name).empty());
   host.options.NumLevels = 5;
   // The first two requests are the image object's.
   for (std::size_t n = 3; n < 9; ++n) {
     fill();
     memory.RefuseRequest(n);
-    EXPECT_EQ(host.encoder.InitEncoder(&host.options, &stream.stream, &host.procs), KelErrNoMemory);
+    EXPECT_EQ(host.Init(stream), KelErrNoMemory);
     EXPECT_TRUE(ReadFile(name).empty()) << n;
   }
   memory.RefuseRequest(0);

@@ -49,7 +49,8 @@ Picture MakePicture(KelLong width, KelLong height, std::size_t components, KelLo
                      std::vector<KelLong>(components, 1), content);
 }
 
-EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight)
+EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight,
+                       const Coding& coding)
     : image(source), procs(), dataProcs(), actions() {
   KelImageGeometry geometry;
   geometry.InitImageGeometry(image.width, image.height, 0, 0, tileWidth, tileHeight, 0, 0,
@@ -57,6 +58,17 @@ EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHei
                              static_cast<KelLong>(image.Count()), image.depths.data());
   options.InitToDefaults(&geometry);
   geometry.Die();
+  options.Irreversible = coding.irreversible;
+  options.TargetQuality = coding.quality;
+  options.ComponentTransform = coding.transform;
+  options.NumLevels = coding.levels;
+  options.NumLayers = coding.layers;
+  options.ProgressionOrder = coding.order;
+  if (coding.colors >= 0) options.NumColorChannels = coding.colors;
+  options.RoiEnabled = coding.mask >= 0;
+  options.RoiMaskComponent = coding.mask;
+  options.TransparencyPresent = coding.transparency >= 0;
+  options.TransparencyComponent = coding.transparency;
 
   dataProcs.clientData = this;
   dataProcs.GetTileComponent = [](void* client, KelLong c, KelLong tile, KelLong* error) {
@@ -125,7 +137,7 @@ KelLong EncodeHost::EncodeTo(HostStream& stream) {
       return self.Fetch(channels, tile, error);
     };
   }
-  KelLong code = encoder.InitEncoder(&options, &stream.stream, &procs);
+  KelLong code = Init(stream);
   const KelLong numTiles = code == KelOK ? encoder.GetNumTiles() : 0;
   for (KelLong t = 0; t < numTiles && code == KelOK; ++t) {
     code = encoder.CompressAndWriteTile(t, nullptr);
