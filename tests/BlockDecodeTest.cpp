@@ -10,7 +10,6 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelBlockGrid.h"
 #include "PlainBlocks.h"
 
 namespace {
@@ -182,15 +181,6 @@ TEST(BlockDecode, HeadersOutOfRange) {
   // A field of 3 bits, all ones: 26 + 7 planes, from the reader and from the window.
   expectEnd({0, 16, 0, 16}, Hex("1A20"), 20, BandEnd::kOutOfRange);
   expectEnd({0, 16, 0, 16}, Hex("1A20"), 400, BandEnd::kOutOfRange);
-}
-
-TEST(BlockGrid, WidthOfThePlaneCountField) {
-  EXPECT_EQ(kel::PlaneCountFieldBits(5, 5), 1U) << "equal counts still have a bit";
-  EXPECT_EQ(kel::PlaneCountFieldBits(0, 1), 1U);
-  EXPECT_EQ(kel::PlaneCountFieldBits(3, 5), 2U);
-  EXPECT_EQ(kel::PlaneCountFieldBits(0, 32), 6U);
-  EXPECT_EQ(kel::PlaneCountFieldBits(-128, 127), 8U);
-  EXPECT_EQ(kel::PlaneCountFieldBits(6, 5), 32U);
 }
 
 }  // namespace

@@ -561,9 +561,11 @@ TEST(Preview, RefusedMemory) {
       const std::size_t before = memory.Outstanding();
       for (std::size_t n = 1; n == 1 || memory.HasRefused(); ++n) {
         memory.RefuseRequest(n);
-        ASSERT_EQ(preview(), memory.HasRefused() ? KelErrNoMemory : KelOK) << "request " << n;
+        const KelLong code = preview();
+        ASSERT_EQ(code, memory.HasRefused() ? KelErrNoMemory : KelOK) << "request " << n;
         // The coding planes, which CompressImage released, may be there again.
-        EXPECT_LE(memory.Outstanding(), before + host.image.Count()) << "request " << n;
+        EXPECT_TRUE(code == KelOK || memory.Outstanding() <= before + host.image.Count())
+            << "request " << n;
         EXPECT_TRUE(n > 6 || memory.HasRefused());
       }
       memory.RefuseRequest(0);

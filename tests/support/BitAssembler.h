@@ -37,6 +37,9 @@ class BitAssembler {
   }
   BitAssembler& Text(std::string_view text) { return Append(Bytes(text.begin(), text.end())); }
   const Bytes& Result() const { return bytes_; }
+  std::size_t NumBits() const {
+    return 8 * bytes_.size() - (used_ != 0 ? 8U - unsigned(used_) : 0);
+  }
 
  private:
   Bytes bytes_;
