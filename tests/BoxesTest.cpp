@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <string>
 
+#include "BoxText.h"
 #include "DataSource.h"
 #include "HostMemory.h"
 #include "KelFileFormat.h"
@@ -19,41 +19,6 @@ using namespace test;
 constexpr Flavour kFlavours[] = {Flavour::kAB, Flavour::kFF};
 const Delivery kDeliveries[] = {{}, {false}, {false, false}, {false, true, kBoxWindowBytes, 1}};
 
-/// Boxes from text: a type of the standard layout with '_' for a blank, then '=' and a length
-/// where the true one is not meant, then ':' and the contents in hexadecimal digits or '(' child
-/// boxes ')'. Commas part boxes. In the other layout its own types and signature come instead.
-Bytes Boxes(const std::string& text, Flavour flavour, std::size_t& at) {
-  static const std::map<std::string, std::string> own = {
-      {"jP__", "weab"}, {"jp2h", "vrmh"}, {"jp2c", "vrmc"}, {"jpch", "abch"}, {"jplh", "ablh"}};
-  const Bytes difference = Hex("7765EB7E");  // between the contents of the two signatures
-  BitAssembler out;
-  while (at < text.size() && text[at] != ')') {
-    std::string type = text.substr(at, 4);
-    std::size_t digits = 0;
-    const bool isForced = text[at += 4] == '=';
-    const std::size_t length = isForced ? std::stoul(text.substr(at + 1), &digits) : 0;
-    at += isForced ? 1 + digits : 0;
-    Bytes contents;
-    if (text[at] == '(') {
-      contents = Boxes(text, flavour, ++at);
-      ++at;
-    } else if (text[at] == ':') {
-      const std::size_t end = std::min(text.find_first_of(",)", at), text.size());
-      contents = Hex(text.substr(at + 1, end - at - 1));
-      at = end;
-    }
-    if (at < text.size() && text[at] == ',') ++at;
-    if (flavour == Flavour::kAB && own.contains(type)) {
-      const std::size_t n = type == "jP__" ? std::min<std::size_t>(4, contents.size()) : 0;
-      for (std::size_t i = 0; i < n; ++i) contents[i] ^= difference[i];
-      type = own.at(type);
-    }
-    std::replace(type.begin(), type.end(), '_', ' ');
-    out.U32(isForced ? length : contents.size() + 8).Text(type).Append(contents);
-  }
-  return out.Result();
-}
-
 struct ReadFile {
   KelFileInfo info{};
   KelLong code = 0;
@@ -61,8 +26,7 @@ struct ReadFile {
 
   ReadFile(const std::string& text, Flavour flavour = Flavour::kFF, const Delivery& how = {},
            std::size_t cut = SIZE_MAX) {
-    std::size_t at = 0;
-    Bytes bytes = Boxes(text, flavour, at);
+    Bytes bytes = BoxBytes(text, flavour);
     bytes.resize(std::min(cut, bytes.size()));
     ScopeGuard release([&] { ReleaseFileInfo(&info); });
     DataSource data(bytes, flavour, how);
@@ -158,8 +122,7 @@ TEST(Boxes, OneOfEverything) {
   HostMemory memory;
   const std::string behind = "jp2c:ABCDEF,xml_:3C7A,jp2c:01,uuid:" + kUuid;
   for (const Flavour flavour : kFlavours) {
-    std::size_t at = 0;
-    const auto start = static_cast<std::int64_t>(Boxes(kFull, flavour, at).size()) + 8;
+    const auto start = static_cast<std::int64_t>(BoxBytes(kFull, flavour).size()) + 8;
     for (const Delivery& how : kDeliveries) {
       const ReadFile file(kFull + behind, flavour, how);
       EXPECT_EQ(file.code, KelErrBoxStructure);
@@ -178,10 +141,8 @@ TEST(Boxes, OneOfEverything) {
 TEST(Boxes, EveryCut) {
   HostMemory memory;
   const std::string text = kFull + "jp2c:ABCDEF,xml_:3C7A,uuid:" + kUuid + "00";
-  std::size_t at = 0;
-  const std::size_t start = Boxes(kFull, Flavour::kFF, at).size() + 8;
-  at = 0;
-  const std::size_t size = Boxes(text, Flavour::kFF, at).size();
+  const std::size_t start = BoxBytes(kFull, Flavour::kFF).size() + 8;
+  const std::size_t size = BoxBytes(text, Flavour::kFF).size();
   for (std::size_t cut = 0; cut < size; ++cut) {
     const ReadFile block(text, Flavour::kFF, {}, cut);
     for (const Delivery& how : kDeliveries) {

@@ -234,31 +234,4 @@ TEST(DecDataMgr, StateAcrossFrames) {
   EXPECT_EQ(data->ReadByte(), data.bytes[23]);
 }
 
-TEST(DecDataMgr, BitsGoOnWhereACursorStopped) {
-  HostMemory memory;
-  DataSource data(Hex("A5 3C F0 0F"), Flavour::kAB);
-  data->ReadByte();
-  const std::uint8_t* next = data->ReadPointer() + 1;  // a cursor consumed 3 bits of 3C
-  data->ResumeAt(next, 5);
-  EXPECT_EQ(data->ReadBits(5), 0x1CU);
-  EXPECT_EQ(data->ReadBits(3), 7U);
-  data->AlignToByte();
-  EXPECT_EQ(data->ReadBits(8), 0x0FU);
-  EXPECT_EQ(data->GetPosition(), 4);
-}
-
-TEST(DecDataMgr, RefusedWindowsNameTheModule) {
-  HostMemory memory;
-  SweepRefusals(memory, [&]() -> KelLong {
-    DataSource data(Ramp(1000), Flavour::kFF, {false, true, 300000});
-    try {
-      data->EnsureBuffered(200000);
-    } catch (const KelException& failure) {
-      EXPECT_STREQ(failure.srcFile, kModuleDecDataMgr);
-      throw;
-    }
-    return KelOK;
-  });
-}
-
 }  // namespace

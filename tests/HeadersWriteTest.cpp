@@ -4,27 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 
 #include "BitAssembler.h"
 #include "HostMemory.h"
 #include "HostStream.h"
+#include "OwnedOptions.h"
 
 namespace {
 
-using test::BitAssembler;
 using test::Bytes;
 using test::Hex;
 using test::HostMemory;
 using test::HostStream;
-
-/// Options that release themselves.
-struct Options : KelEncOpt {
-  Options(KelLong width, KelLong height, KelLong components, KelLong depth) {
-    InitToDefaults(width, height, width, height, components, depth);
-    CodeBlockWidthExp = CodeBlockHeightExp = 3;
-  }
-  ~Options() { Die(); }
-};
+using Options = test::OwnedOptions;
 
 Bytes MainHeader(const KelEncOpt& options) {
   HostStream host({}, false);
@@ -149,20 +142,12 @@ TEST(HeadersWrite, TilePartHeaders) {
   changes = {2,     1, &resolutions[0], &components[0], layers, &resolutions[1], &components[1],
              order, 1};
   set.progressionChanges = &changes;
-  const Bytes poc = Hex("AB5F 0009 01 00 0304 06 02 04");
-  EXPECT_EQ(HeaderOf(set), BitAssembler()
-                               .Append(Hex("AB90 000A 0102 000000A0 00 03"
-                                           "AB5C 000B 42 FFFF 1001 1800 2400 AB5D 0006 01 61 FFFF"
-                                           "AB5E 0005 00 00 09 AB5E 0005 01 00 09"))
-                               .Append(poc)
-                               .Append(Hex("AB93"))
-                               .Result());
+  const std::string poc = "AB5F 0009 01 00 0304 06 02 04 AB93";
+  EXPECT_EQ(HeaderOf(set), Hex("AB90 000A 0102 000000A0 00 03 AB5C 000B 42 FFFF 1001 1800 2400"
+                               "AB5D 0006 01 61 FFFF AB5E 0005 00 00 09 AB5E 0005 01 00 09" +
+                               poc));
   set.TPsot = 2;
-  EXPECT_EQ(HeaderOf(set), BitAssembler()
-                               .Append(Hex("AB90 000A 0102 0000007D 02 03"))
-                               .Append(poc)
-                               .Append(Hex("AB93"))
-                               .Result());
+  EXPECT_EQ(HeaderOf(set), Hex("AB90 000A 0102 0000007D 02 03" + poc));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <random>
 
 #include "GuardedRows.h"
-#include "kernels/KelKernels.h"
+#include "KernelSets.h"
 
 namespace {
 
@@ -62,9 +62,7 @@ void CompareSets(
     const std::function<void(const kel::WaveletKernels&, Case<Cell>&, std::size_t count)>& run) {
   kel::KernelTable scalar;
   ASSERT_TRUE(kel::FillKernelTable(kel::KernelSet::kScalar, scalar));
-  for (const kel::KernelSet set : kel::kAllKernelSets) {
-    kel::KernelTable table;
-    if (!kel::FillKernelTable(set, table)) continue;
+  test::WithEverySet([&](const kel::KernelTable& table) {
     for (std::int64_t count = 1; count <= kMostCount; ++count) {
       for (std::int64_t lead = 0; lead < 3; ++lead) {
         std::mt19937 random(static_cast<unsigned>(count * 3 + lead));
@@ -73,11 +71,11 @@ void CompareSets(
         const GuardedRows<Cell> input = expected.in;
         run(scalar.wavelet, expected, static_cast<std::size_t>(count));
         run(table.wavelet, found, static_cast<std::size_t>(count));
-        ASSERT_TRUE(found == expected) << kel::KernelSetName(set) << " count " << count;
+        ASSERT_TRUE(found == expected) << " count " << count;
         ASSERT_TRUE(found.in == input && found.out.MarginIntact());
       }
     }
-  }
+  });
 }
 
 template <class Cell>
@@ -129,9 +127,7 @@ TEST(WaveletKernels, ConversionsHaveTheSameBitsInEverySet) {
   CompareSets<float>([](const kel::WaveletKernels& table, Case<float>& c, std::size_t count) {
     table.floatTo8BitAway(c.In(0), c.bytes.Data(), count);
   });
-  for (const kel::KernelSet set : kel::kAllKernelSets) {
-    kel::KernelTable table;
-    if (!kel::FillKernelTable(set, table)) continue;
+  test::WithEverySet([](const kel::KernelTable& table) {
     const std::pair<float, int> cases[] = {
         {0.5F, 129},   {1.5F, 130},   {-0.5F, 128}, {-127.5F, 1}, {-128.4F, 0},      {126.5F, 255},
         {127.0F, 255}, {127.5F, 255}, {1e20F, 255}, {-1e20F, 0},  {std::nanf(""), 0}};
@@ -142,7 +138,7 @@ TEST(WaveletKernels, ConversionsHaveTheSameBitsInEverySet) {
     for (std::size_t i = 0; i < in.size(); ++i) {
       EXPECT_EQ(out[i], cases[i % std::size(cases)].second) << in[i];
     }
-  }
+  });
 }
 
 }  // namespace

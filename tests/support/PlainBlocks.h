@@ -129,16 +129,20 @@ struct PlainBand {
   int widthExponent = 3, heightExponent = 3;
   std::vector<Placed> blocks{};
 
-  /// Makes blocks of exactly so many planes each, some coefficients zero.
+  /// Makes blocks of exactly so many planes each, some coefficients zero, some blocks all ones.
   void Fill(std::mt19937& random, int leastPlanes, int mostPlanes) {
     const int w = 1 << widthExponent, h = 1 << heightExponent;
     for (int y = y0; y < y1; y = (y / h + 1) * h) {
       for (int x = x0; x < x1; x = (x / w + 1) * w) {
         PlainBlock block(std::min((x / w + 1) * w, x1) - x, std::min((y / h + 1) * h, y1) - y);
         const int n = leastPlanes + static_cast<int>(random() % (mostPlanes - leastPlanes + 1U));
-        const unsigned rarity = 1 + random() % 4;
-        for (std::size_t i = 0; i < block.magnitudes.size() && n > 0; ++i) {
-          if (random() % rarity == 0) block.magnitudes[i] = random() & 0xFFFFFFFFU >> (32 - n);
+        const unsigned rarity = 1 + random() % 5;  // 5: one coefficient alone
+        const bool ones = random() % 4 == 0;
+        const std::uint32_t most = n > 0 ? 0xFFFFFFFFU >> (32 - n) : 0;
+        for (std::size_t i = 0; i < block.magnitudes.size(); ++i) {
+          if (rarity < 5 && random() % rarity == 0) {
+            block.magnitudes[i] = ones ? most : random() & most;
+          }
           block.negative[i] = random() % 2 != 0;
         }
         if (n > 0) block.magnitudes[random() % block.magnitudes.size()] |= 1U << (n - 1);
