@@ -17,12 +17,7 @@ namespace {
 
 using kel::BandEnd;
 using kel::SignLayout;
-using test::Bytes;
-using test::DataSource;
-using test::Delivery;
-using test::Hex;
-using test::HostMemory;
-using test::PlainBand;
+using namespace test;
 using Cells = test::BandCells<std::int32_t>;
 
 SignLayout LayoutOf(bool separate) {

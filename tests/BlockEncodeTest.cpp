@@ -19,11 +19,7 @@ namespace {
 using kel::CodedTileComponent;
 using kel::CoefficientKind;
 using kel::EncodeBand;
-using test::BandCells;
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::PlainBand;
+using namespace test;
 
 template <class Cell>
 EncodeBand RecordOf(BandCells<Cell>& cells) {

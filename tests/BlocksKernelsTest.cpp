@@ -13,8 +13,7 @@ namespace {
 using kel::BlockSink;
 using kel::BlocksKernels;
 using kel::BlockSource;
-using test::Bytes;
-using test::WithEverySet;
+using namespace test;
 
 constexpr std::int32_t kGuard = 0x5A5A5A5A;
 

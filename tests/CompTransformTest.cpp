@@ -15,8 +15,7 @@
 namespace {
 
 using namespace kel;
-using test::Bytes;
-using test::HostMemory;
+using namespace test;
 using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
 

@@ -12,14 +12,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Decoded;
-using test::DecodeJob;
-using test::HostMemory;
-using test::HostStream;
-using test::MemoryDecoder;
-using test::Source;
-using test::Vector;
+using namespace test;
 
 /// Where the first tile-part's packets begin.
 std::size_t FirstPacket(const Bytes& data) {

@@ -11,13 +11,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
-using test::MemoryDecoder;
-using test::Source;
-using test::Vector;
+using namespace test;
 
 TEST(Decoder, RefusalsAndTheirDetails) {
   HostMemory memory;

@@ -15,14 +15,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Content;
-using test::EncodeHost;
-using test::HostMemory;
-using test::HostStream;
-using test::MakePicture;
-using test::Picture;
-using test::ReadFile;
+using namespace test;
 
 /// The planes of a stream made elsewhere, as an image.
 Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,

@@ -14,9 +14,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
 using Options = test::OwnedOptions;
 
 Bytes Boxes(const KelEncOpt& options) {

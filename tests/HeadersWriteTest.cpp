@@ -13,10 +13,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
 using Options = test::OwnedOptions;
 
 Bytes MainHeader(const KelEncOpt& options) {

@@ -14,10 +14,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
 
 /// A component of 2 x 2 samples and one level: bands of one byte.
 struct MadeComp {

@@ -18,14 +18,7 @@
 namespace {
 
 using kel::Box;
-using test::Bytes;
-using test::Content;
-using test::EncodeHost;
-using test::HostMemory;
-using test::HostStream;
-using test::MakePicture;
-using test::Picture;
-using test::Plane;
+using namespace test;
 
 /// The first columns of each row of an image of samples of a depth.
 Plane SamplesOf(const KelImageData* image, KelLong depth, KelLong columns) {

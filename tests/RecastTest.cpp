@@ -13,9 +13,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::HostMemory;
-using test::Image;
+using namespace test;
 using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
 

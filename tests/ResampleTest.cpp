@@ -11,8 +11,7 @@
 
 namespace {
 
-using test::HostMemory;
-using test::Image;
+using namespace test;
 using Bytes = std::vector<std::uint8_t>;
 
 struct Range {

@@ -9,15 +9,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Content;
-using test::Decode;
-using test::Decoded;
-using test::EncodeHost;
-using test::HostMemory;
-using test::MakePicture;
-using test::Picture;
-using test::Plane;
+using namespace test;
 
 Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
   Decoded decoded = Decode(host.Encode(), job);

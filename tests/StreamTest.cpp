@@ -13,10 +13,7 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
 
 Bytes Ramp(std::size_t n) {
   Bytes ramp(n);

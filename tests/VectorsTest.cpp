@@ -13,12 +13,7 @@
 namespace {
 
 using nlohmann::json;
-using test::Bytes;
-using test::Decoded;
-using test::DecodeJob;
-using test::HostMemory;
-using test::Plane;
-using test::Source;
+using namespace test;
 
 const std::string kFolder = KEL_VECTORS "/";
 

@@ -18,8 +18,7 @@
 namespace {
 
 using kel::Box;
-using test::GuardedRows;
-using test::HostMemory;
+using namespace test;
 
 using Scratch = kel::ScratchArray<std::uint32_t>;
 
