@@ -91,7 +91,6 @@ std::string Describe(const KelFileInfo& f) {
 
 const std::string kUuid = "000102030405060708090A0B0C0D0E0F";
 const std::string kIhdr = "ihdr:00000030 00000038 0003 07 07 00 00";
-const std::string kStart = "jP__:0D0A870A,ftyp:6A703220 00000000,";
 
 /// One of everything, up to the code-stream box.
 const std::string kFull =

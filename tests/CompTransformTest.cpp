@@ -81,12 +81,13 @@ struct Triple {
   std::vector<HostBuffer> buffers;
   std::uint32_t spacing = 1;
 
-  SampleSource Source(std::uint32_t c) const {
-    return buffers.size() == 1 ? buffers[0].Channel(c * spacing) : buffers[c].Channel(0);
+  std::pair<const HostBuffer*, std::uint32_t> Place(std::uint32_t c) const {
+    if (buffers.size() == 1) return {&buffers[0], c * spacing};
+    return {&buffers[c], 0};
   }
-  std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c * spacing)
-                               : buffers[c].Levelled(pixel, 0);
+  SampleSource Source(std::uint32_t c) const { return Place(c).first->Channel(Place(c).second); }
+  std::int32_t Levelled(std::size_t pixel, std::uint32_t c) const {
+    return Place(c).first->Levelled(pixel, Place(c).second);
   }
 };
 
@@ -189,23 +190,17 @@ TEST(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
   KelEncOpt options;
   options.InitToDefaults(64, 64, 64, 64, 4, 8);
   KelImageGeometry& geometry = *options.GeomParams;
-  const auto applies = [&](auto& field, int value) {
-    const auto before = std::exchange(field, value);
-    const bool result = ColorTransformApplies(options);
-    field = before;
-    return result;
-  };
   options.NumColorChannels = 3;
+  EXPECT_FALSE(ColorTransformApplies(options));
   options.ComponentTransform = true;
-  EXPECT_TRUE(ColorTransformApplies(options));
-  EXPECT_TRUE(applies(geometry.XRsiz[3], 2)) << "the fourth component plays no part";
-  for (const int c : {1, 2}) {
-    EXPECT_FALSE(applies(geometry.XRsiz[c], 2));
-    EXPECT_FALSE(applies(geometry.YRsiz[c], 2));
+  geometry.XRsiz[3] = 2;
+  EXPECT_TRUE(ColorTransformApplies(options)) << "the fourth component plays no part";
+  for (KelLong* field : {&geometry.XRsiz[1], &geometry.XRsiz[2], &geometry.YRsiz[1],
+                         &geometry.YRsiz[2], &geometry.Csiz, &options.NumColorChannels}) {
+    const KelLong before = std::exchange(*field, 2);
+    EXPECT_FALSE(ColorTransformApplies(options)) << before;
+    *field = before;
   }
-  EXPECT_FALSE(applies(geometry.Csiz, 2));
-  EXPECT_FALSE(applies(options.NumColorChannels, 2));
-  EXPECT_FALSE(applies(options.ComponentTransform, false));
   options.Die();
 }
 

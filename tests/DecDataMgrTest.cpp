@@ -59,11 +59,10 @@ TEST(DecDataMgr, WindowsNeverShow) {
   const std::string expected = Transcript(block);
   EXPECT_GT(expected.size(), 1000U);
   for (const std::uint32_t capacity : {1U, 2U, 3U, 7U, 64U, 204800U}) {
-    for (const bool seekable : {true, false}) {
-      for (const KelLong mostPerRead : {1, 5, INT32_MAX}) {
+    for (const KelLong mostPerRead : {1, 5, INT32_MAX}) {
+      for (const bool seekable : {true, false}) {
         DataSource stream(bytes, Flavour::kAB, {false, seekable, capacity, mostPerRead});
-        EXPECT_EQ(Transcript(stream), expected)
-            << capacity << ' ' << seekable << ' ' << mostPerRead;
+        EXPECT_EQ(Transcript(stream), expected) << capacity << ' ' << seekable << mostPerRead;
       }
     }
   }

@@ -132,36 +132,29 @@ TEST(Decoder, QueriesTellWhatTheFileHolds) {
   }
   {
     MemoryDecoder d(Vector("file_jp2_chroma_key"));
-    ASSERT_NE(d.image.GetChromaKey(), nullptr);
     EXPECT_EQ(d.image.GetChromaKey()->values[1], 3001);
     EXPECT_EQ(d.image.GetTransparencyType(), KelOpacityChromaKey);
-    EXPECT_FALSE(d.image.TransparencyChannelPresent());
     EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), -1);
   }
   {
     MemoryDecoder d(Vector("file_jp2_opacity_layer"));
     EXPECT_EQ(d.image.GetTransparencyType(), KelOpacityPremultiplied);
     EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), 1);
-    EXPECT_TRUE(d.image.ResolutionInfoPresent());
     EXPECT_FLOAT_EQ(d.image.GetEncodeOptions()->ResolutionY, 500.0F * 0.0254F);
     EXPECT_FLOAT_EQ(d.image.GetEncodeOptions()->ResolutionX, 5.0F * 0.0254F);
   }
   {
     MemoryDecoder d(Vector("file_weab_depths_cdef"));
-    const KelLong order[] = {1, 0, 2};
-    for (KelLong n = 1; n <= 3; ++n) EXPECT_EQ(d.image.GetChannelIndex(n), order[n - 1]);
-    EXPECT_EQ(d.image.GetChannelIndex(0), -1);
-    EXPECT_EQ(d.image.GetChannelIndex(5), -1);
+    const KelLong order[] = {-1, 1, 0, 2, -1};
+    for (const KelLong n : {0, 1, 2, 3, 5}) {
+      EXPECT_EQ(d.image.GetChannelIndex(n), order[std::min(n, 4)]) << n;
+    }
     EXPECT_EQ(d.image.GetNumColorChannels(), 3);
     EXPECT_EQ(d.image.GetComponentType(3), KelChannelOpacity);
     EXPECT_EQ(d.image.GetComponentType(4), KelChannelUnspecified);
     EXPECT_EQ(d.image.GetGlobalTransparencyChannelNum(), 3);
     EXPECT_EQ(d.image.GetTransparencyChannelNum(1), -1);
   }
-  MemoryDecoder d(Vector("native_palette"));
-  EXPECT_TRUE(d.image.PalettePresent());
-  EXPECT_NE(d.image.GetPalette(), nullptr);
-  EXPECT_FALSE(d.image.UUIDPresent());
 }
 
 // Host buffers must be filled once and left alone while nothing changes, and filled again when the

@@ -137,15 +137,13 @@ std::vector<Out> Recast(const std::vector<Cell>& cells, const Target& t, std::si
   return image.Content<Out>(count);
 }
 
+// An understanding of the rules that the plain evaluation shares.
 TEST(Recast, WorkedExamples) {
   using Words = std::vector<std::uint16_t>;
   HostMemory memory;
   const Floats ties = {-128.4F, 0.5F, 127.6F}, far = {-0x1.0004p31F, -0x1.0002p31F, -0x1p31F};
   EXPECT_EQ(Recast<std::uint8_t>(ties, {8, 8, 255, 0, 0, false}, 3), (Bytes{0, 128, 255}));
-  EXPECT_EQ(Recast<std::uint8_t>(Ints{-2048, 0, 2047}, {12, 8, 255, 0, 1, false}, 3),
-            (Bytes{0, 128, 255}));
   EXPECT_EQ(Recast<std::uint16_t>(Ints{0}, {12, 16, 65535, 0, 0, false}, 1), Words{32768});
-  EXPECT_EQ(Recast<std::uint16_t>(Ints{5, 5}, {16, 16, 10, 50, 1, false}, 2), (Words{50, 50}));
   EXPECT_EQ(Recast<std::uint16_t>(far, {16, 16, 1000, 0, 1, false}, 3), (Words{0, 500, 1000}));
   EXPECT_EQ(Recast<std::uint8_t>(Ints{-8, -7, 7}, {4, 4, 15, 0, 0, false}, 2), (Bytes{0x01, 0xF0}));
 }
@@ -224,20 +222,16 @@ TEST(Recast, ARefusedBufferLeavesTheContainerUnchanged) {
   HostMemory memory;
   Image image(5, 3, Ints(15, -7));
   const KelImageData before = image;
-  const auto isRefused = [&](KelLong code) {
-    EXPECT_EQ(image.Content<std::int32_t>(15), Ints(15, -7));
-    EXPECT_FALSE(image.DynRangeIsValid());
-    return code == KelErrNoMemory && image.ImageBuffer == before.ImageBuffer &&
-           image.SizeOfDataType == 4 && image.Width == before.Width;
-  };
-  memory.RefuseRequest(1);
-  EXPECT_TRUE(isRefused(image.RecastDataTo8BppUnsigned(8, 255, 0, KelRecastNominal)));
-  memory.RefuseRequest(1);
-  EXPECT_TRUE(isRefused(image.RecastDataTo16BppUnsigned(8, 99, 0, KelRecastData)));
-  for (const KelLong turn : {0, 90, 180, 270, 1}) {
+  for (const KelLong turn : {-8, -16, 0, 90, 180, 270, 1}) {
     memory.RefuseRequest(1);
-    EXPECT_TRUE(isRefused(image.RecastData_Rotation(8, true, 11, 255, 0, KelRecastNominal,
-                                                    static_cast<KelImageOrientation>(turn))));
+    EXPECT_EQ(turn == -8    ? image.RecastDataTo8BppUnsigned(8, 255, 0, KelRecastNominal)
+              : turn == -16 ? image.RecastDataTo16BppUnsigned(8, 99, 0, KelRecastData)
+                            : image.RecastData_Rotation(8, true, 11, 255, 0, KelRecastNominal,
+                                                        static_cast<KelImageOrientation>(turn)),
+              KelErrNoMemory);
+    EXPECT_EQ(image.Content<std::int32_t>(15), Ints(15, -7));
+    EXPECT_TRUE(image.ImageBuffer == before.ImageBuffer && image.SizeOfDataType == 4 &&
+                image.Width == before.Width && !image.DynRangeIsValid());
   }
   image.SetWidth(INT32_MAX);
   image.SetHeight(INT32_MAX);
