@@ -19,6 +19,7 @@ using kel::BandEnd;
 using kel::SignLayout;
 using namespace test;
 using Cells = test::BandCells<std::int32_t>;
+using BlockDecode = test::LibraryTest;
 
 SignLayout LayoutOf(bool separate) {
   return separate ? SignLayout::kSeparateSigns : SignLayout::kInterleavedSigns;
@@ -38,8 +39,7 @@ Cells Decode(DataSource& source, const PlainBand& band, bool separate, kel::Band
 // Worked by hand, against an understanding of the code that the plain coder shares: a block that
 // has no group (3 x 3, magnitudes 3 0 -1 / 0 0 0 / 2 0 0), and one coefficient of -5 in column 1,
 // row 2 of a whole block, with its low bits, in both layouts.
-TEST(BlockDecode, WorkedByHand) {
-  HostMemory memory;
+TEST_F(BlockDecode, WorkedByHand) {
   kel::BandOutcome outcome{};
   DataSource source(Hex("0202 698C40 EE"), kel::Flavour::kAB);
   Cells small = Decode(source, {5, 8, 0, 3}, true, outcome);
@@ -61,8 +61,7 @@ TEST(BlockDecode, WorkedByHand) {
 
 // A resolution of one sample has bands without any, whose blocks the header may call as large as it
 // likes.
-TEST(BlockDecode, ABandWithoutSamplesIsItsHeader) {
-  HostMemory memory;
+TEST_F(BlockDecode, ABandWithoutSamplesIsItsHeader) {
   DataSource source(Hex("0909 EE"), kel::Flavour::kAB);
   const kel::BandOutcome outcome =
       DecodeBandBlocks(*source, {0, 1, 0, 0, 6, 6, nullptr, 16}, SignLayout::kSeparateSigns);
@@ -72,8 +71,7 @@ TEST(BlockDecode, ABandWithoutSamplesIsItsHeader) {
 
 // Edge columns and rows in the wrong order, a source of bits that differs from the other, wide
 // fields, N of 31 and 32, signs behind the wrong coefficient.
-TEST(BlockDecode, EverySizeOfBlockFromWindowAndReader) {
-  HostMemory memory;
+TEST_F(BlockDecode, EverySizeOfBlockFromWindowAndReader) {
   std::mt19937 random(1);
   for (int w = 1; w <= 8; ++w) {
     for (int h = 1; h <= 8; ++h) {
@@ -102,8 +100,7 @@ TEST(BlockDecode, EverySizeOfBlockFromWindowAndReader) {
 // A grid anchored at the rectangle instead of at 0, a window that loses or repeats bits where it
 // slides, whole blocks that run on into the next row; in kernels wrong places of bits, lost signs,
 // a cursor that is off by a bit, stores outside the block.
-TEST(BlockDecode, GridsAndWindows) {
-  HostMemory memory;
+TEST_F(BlockDecode, GridsAndWindows) {
   std::mt19937 random(2);
   const auto below = [&](unsigned n) { return static_cast<int>(random() % n); };
   // 0 is a block of memory; 286 bytes are just enough to decode from the window.
@@ -136,8 +133,7 @@ TEST(BlockDecode, GridsAndWindows) {
 
 // Filler from behind the end of the data taken for coefficients, at any cut: in small blocks and
 // zero ones, and in the largest blocks that there are.
-TEST(BlockDecode, BandCutOffAtEveryByte) {
-  HostMemory memory;
+TEST_F(BlockDecode, BandCutOffAtEveryByte) {
   std::mt19937 random(3);
   for (int variant = 0; variant < 4; ++variant) {
     const bool separate = variant % 2 != 0, largest = variant >= 2;
@@ -164,8 +160,7 @@ TEST(BlockDecode, BandCutOffAtEveryByte) {
 }
 
 // Shifts by more than 32 or by less than 0 planes; a header of a band without blocks refused.
-TEST(BlockDecode, HeadersOutOfRange) {
-  HostMemory memory;
+TEST_F(BlockDecode, HeadersOutOfRange) {
   const auto expectEnd = [](const PlainBand& band, Bytes bytes, std::size_t filled, BandEnd end) {
     bytes.resize(filled, 0xFF);
     DataSource source(bytes, kel::Flavour::kAB);

@@ -20,6 +20,7 @@ using kel::CodedTileComponent;
 using kel::CoefficientKind;
 using kel::EncodeBand;
 using namespace test;
+using BlockEncode = test::LibraryTest;
 
 template <class Cell>
 EncodeBand RecordOf(BandCells<Cell>& cells) {
@@ -81,8 +82,7 @@ void ExpectTileComponent(int seed, int mostPlanes) {
 
 // Blocks cut at the wrong lines, edges in the wrong order, bands or sizes mixed
 // up, cells beside the band encoded.
-TEST(BlockEncode, TileComponentsAgainstThePlainCode) {
-  HostMemory memory;
+TEST_F(BlockEncode, TileComponentsAgainstThePlainCode) {
   test::WithEverySet([](const kel::KernelTable&) {
     for (int i = 0; i < 40; ++i) {
       ExpectTileComponent<std::int32_t>(i, i % 32);
@@ -105,8 +105,7 @@ Bytes CodeUniform(BandCells<Cell> cells, Cell value) {
 
 // Two header bytes forgotten in a size, padding of ones, a band without blocks that writes none,
 // room for more or less than the longest code.
-TEST(BlockEncode, UniformBandsExactly) {
-  HostMemory memory;
+TEST_F(BlockEncode, UniformBandsExactly) {
   EXPECT_EQ(CodeUniform<std::int32_t>({0, 72, 0, 8}, 0), Hex("0000 0000"))
       << "nine zero blocks of a bit each";
   EXPECT_EQ(CodeUniform<float>({4, 4, 0, 9}, 0), Hex("7F00"));
@@ -115,8 +114,7 @@ TEST(BlockEncode, UniformBandsExactly) {
 }
 
 // Records that miss the header of the first band, count pending bits, or differ without the table.
-TEST(BlockEncode, RatesOfBlocks) {
-  HostMemory memory;
+TEST_F(BlockEncode, RatesOfBlocks) {
   std::mt19937 random(7);
   std::vector<BandCells<std::int32_t>> bands;
   for (PlainBand band : {PlainBand{0, 8, 0, 8}, {0, 24, 0, 9}, {0, 0, 0, 8}, {5, 9, 0, 8}}) {
@@ -142,8 +140,7 @@ TEST(BlockEncode, RatesOfBlocks) {
 }
 
 // A block lost when memory runs out half-way, or one of the result's released twice.
-TEST(BlockEncode, EveryRefusalGivesEverythingBack) {
-  HostMemory memory;
+TEST_F(BlockEncode, EveryRefusalGivesEverythingBack) {
   std::mt19937 random(8);
   std::vector<BandCells<float>> bands;
   for (PlainBand band : {PlainBand{0, 30, 0, 30}, {0, 3, 0, 9}, {0, 9, 0, 8}, {5, 9, 0, 8}}) {

@@ -15,6 +15,7 @@ namespace {
 
 using namespace kel;
 using namespace test;
+using Boxes = test::LibraryTest;
 
 constexpr Flavour kFlavours[] = {Flavour::kAB, Flavour::kFF};
 const Delivery kDeliveries[] = {{}, {false}, {false, false}, {false, true, kBoxWindowBytes, 1}};
@@ -117,8 +118,7 @@ const std::string kDescription =
 
 // A field read from the wrong place, a box not put behind, a layout or a way of delivery that
 // differs from the others.
-TEST(Boxes, OneOfEverything) {
-  HostMemory memory;
+TEST_F(Boxes, OneOfEverything) {
   const std::string behind = "jp2c:ABCDEF,xml_:3C7A,jp2c:01,uuid:" + kUuid;
   for (const Flavour flavour : kFlavours) {
     const auto start = static_cast<std::int64_t>(BoxBytes(kFull, flavour).size()) + 8;
@@ -137,8 +137,7 @@ TEST(Boxes, OneOfEverything) {
 }
 
 // Cuts and windows: the same code and findings however the data arrive, and never a crash.
-TEST(Boxes, EveryCut) {
-  HostMemory memory;
+TEST_F(Boxes, EveryCut) {
   const std::string text = kFull + "jp2c:ABCDEF,xml_:3C7A,uuid:" + kUuid + "00";
   const std::size_t start = BoxBytes(kFull, Flavour::kFF).size() + 8;
   const std::size_t size = BoxBytes(text, Flavour::kFF).size();
@@ -168,8 +167,7 @@ KelLong CodeOf(const std::string& text) {
   return file.code;
 }
 
-TEST(Boxes, Limits) {
-  HostMemory memory;
+TEST_F(Boxes, Limits) {
   const auto expect = [](KelLong code, std::initializer_list<std::string> texts) {
     for (const std::string& text : texts) EXPECT_EQ(CodeOf(text + ",jp2c:00"), code) << text;
   };
@@ -201,8 +199,7 @@ TEST(Boxes, Limits) {
 }
 
 // Boxes that the data cut off, and boxes that end with the data.
-TEST(Boxes, Ends) {
-  HostMemory memory;
+TEST_F(Boxes, Ends) {
   for (const char* text :
        {"ftyp=99:6A703220", "uuid=40:00", "jp2h=99(colr=20:01", "jplh=99(lbl_:00", "jP__=12:0D"}) {
     EXPECT_EQ(CodeOf(text), 26) << text;
@@ -230,8 +227,7 @@ std::string Found(const std::string& children, const std::string& further = "") 
 }
 
 // Findings that are said twice, in part, or not at all.
-TEST(Boxes, Findings) {
-  HostMemory memory;
+TEST_F(Boxes, Findings) {
   const std::string pclr = "pclr:0002 02 07 07 01 02 03 04,";
   EXPECT_EQ(Found(pclr), "\npclr 2 7,7 1,3 2,4");
   EXPECT_EQ(Found(pclr + "cmap:0005 01 01"), "\npclr 2 7,7 2,4 2,4 cmap 5,0 1,0 1,0")
@@ -261,8 +257,7 @@ TEST(Boxes, Findings) {
             " 3,0,0,0 icc\ncdef 0 1 0 0");
 }
 
-TEST(Boxes, ChoiceOfTheProfile) {
-  HostMemory memory;
+TEST_F(Boxes, ChoiceOfTheProfile) {
   const auto chosen = [](const std::string& colr) {
     const ReadFile file("jp2h(" + colr + "),jp2c:00");
     const __tagICCProfile* profile = ChooseICCProfile(file.info.ColorSpecList);
@@ -275,8 +270,7 @@ TEST(Boxes, ChoiceOfTheProfile) {
 }
 
 // What is announced but has not arrived must not be obtained.
-TEST(Boxes, MemoryFollowsTheData) {
-  HostMemory memory;
+TEST_F(Boxes, MemoryFollowsTheData) {
   for (const char* text :
        {"xml_=4294967295:00", "uuid=4294967295:", "jp2h=4294967295(colr=4294967200:02 00 00 00",
         "jp2h=4294967295(pclr=4294967200:FFFF FF 07", "xml_=1:FFFFFFFF FFFFFFFF 00",
@@ -297,8 +291,7 @@ TEST(Boxes, MemoryFollowsTheData) {
   EXPECT_EQ(file.info.XMLBoxes[0].data[349999], 5);
 }
 
-TEST(Boxes, RefusalsLeakNothing) {
-  HostMemory memory;
+TEST_F(Boxes, RefusalsLeakNothing) {
   for (const Flavour flavour : kFlavours) {
     const std::size_t runs = SweepRefusals(memory, [&] {
       try {

@@ -12,9 +12,10 @@
 namespace {
 
 using namespace test;
+using Decoder = test::LibraryTest;
+using DecoderHostile = test::LibraryTest;
 
-TEST(Decoder, RefusalsAndTheirDetails) {
-  HostMemory memory;
+TEST_F(Decoder, RefusalsAndTheirDetails) {
   KelImage image;
   KelDecOpt options;
   options.InitToDefaults();
@@ -50,8 +51,7 @@ TEST(Decoder, RefusalsAndTheirDetails) {
   options.Die();
 }
 
-TEST(Decoder, CountersOrientationAndResolutions) {
-  HostMemory memory;
+TEST_F(Decoder, CountersOrientationAndResolutions) {
   MemoryDecoder d(Vector("rev53_four_components_rct"), KelAspectQuarterChroma);
   ASSERT_EQ(d.code, KelOK);
   const KelULong n = static_cast<KelULong>(d.image.GetMaxRes());
@@ -82,8 +82,7 @@ Bytes HeaderWithTwoLevelCounts() {
       "AB5C 000D 40 48484848 48484848 4848 ABD9");
 }
 
-TEST(Decoder, LevelsOfTilesWhoseComponentsDiffer) {
-  HostMemory memory;
+TEST_F(Decoder, LevelsOfTilesWhoseComponentsDiffer) {
   {
     MemoryDecoder d(HeaderWithTwoLevelCounts());
     ASSERT_EQ(d.code, KelOK);
@@ -101,8 +100,7 @@ TEST(Decoder, LevelsOfTilesWhoseComponentsDiffer) {
   EXPECT_EQ(d.image.GetMaxRes(64), -1);
 }
 
-TEST(Decoder, QueriesTellWhatTheFileHolds) {
-  HostMemory memory;
+TEST_F(Decoder, QueriesTellWhatTheFileHolds) {
   {
     MemoryDecoder d(Vector("file_jp2_extras"));
     ASSERT_EQ(d.image.GetNumXMLBoxes(), 2);
@@ -159,8 +157,7 @@ TEST(Decoder, QueriesTellWhatTheFileHolds) {
 
 // Host buffers must be filled once and left alone while nothing changes, and filled again when the
 // request does.
-TEST(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
-  HostMemory memory;
+TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   MemoryDecoder d(Vector("rev53_rgb_rct"));
   const KelImageGeometry& g = *d.image.GetGeometryParams();
   const Bytes untouched(std::size_t((g.Xsiz - g.XOsiz) * (g.Ysiz - g.YOsiz)), 0xEE);
@@ -195,8 +192,7 @@ TEST(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   EXPECT_EQ(plane, untouched) << "a buffer whose rows are too short must not be used";
 }
 
-TEST(Decoder, RefusedRequestsEndInCode8AndLeakNothing) {
-  HostMemory memory;
+TEST_F(Decoder, RefusedRequestsEndInCode8AndLeakNothing) {
   for (const char* name : {"native_rgb_ict_q75_tiles", "native_all_boxes", "file_jp2_palette",
                            "order_pcrl_subsampled_precincts", "poc_component_first",
                            "file_jp2_opacity_layer", "tile_coc_qcc", "parts_shuffled"}) {
@@ -232,8 +228,7 @@ void DecodeHostile(const Bytes& data, const std::string& what) {
 }
 
 // Headers are cut and changed at every byte, packets at some.
-TEST(DecoderHostile, EveryPrefixAndChangedByteEndsInADocumentedCode) {
-  HostMemory memory;
+TEST_F(DecoderHostile, EveryPrefixAndChangedByteEndsInADocumentedCode) {
   memory.LimitBytes(64 << 20);
   for (const std::string name :
        {"constant_zero", "blocks_4x8", "file_jp2_chroma_key", "bands_empty_box_length_0",
@@ -253,8 +248,7 @@ TEST(DecoderHostile, EveryPrefixAndChangedByteEndsInADocumentedCode) {
 }
 
 // A header may promise an image that nobody can hold; only what has arrived may cost memory.
-TEST(DecoderHostile, ASmallHeaderObtainsLittle) {
-  HostMemory memory;
+TEST_F(DecoderHostile, ASmallHeaderObtainsLittle) {
   for (const char* sizes : {"7FFFFFFF 7FFFFFFF 00000000 00000000 7FFFFFFF 7FFFFFFF",
                             "40000000 00000001 00000000 00000000 00004001 00004001"}) {
     const Bytes header = Hex(

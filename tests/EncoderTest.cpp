@@ -16,6 +16,7 @@
 namespace {
 
 using namespace test;
+using Encoder = test::LibraryTest;
 
 /// The planes of a stream made elsewhere, as an image.
 Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::size_t components,
@@ -30,8 +31,7 @@ Picture ReadPlanes(const std::string& name, KelLong width, KelLong height, std::
 
 // Any difference from the format as another encoder writes it: headers, transforms, block code,
 // packets.
-TEST(Encoder, WritesTheSameBytesAsAnotherEncoder) {
-  HostMemory memory;
+TEST_F(Encoder, WritesTheSameBytesAsAnotherEncoder) {
   const auto expect = [](const std::string& name, const Picture& image, bool transform) {
     EncodeHost host(image, {.irreversible = 0, .transform = transform});
     EXPECT_EQ(host.Encode(), test::Vector(name)) << name;
@@ -50,8 +50,7 @@ Bytes HeadersOf(Bytes file) {
 }
 
 // Steps derived otherwise, or announced for the wrong component.
-TEST(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
-  HostMemory memory;
+TEST_F(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
   const auto expect = [](const std::string& name, EncodeHost& host) {
     EXPECT_EQ(HeadersOf(host.Encode()), HeadersOf(test::Vector(name))) << name;
   };
@@ -65,8 +64,7 @@ TEST(Encoder, AnnouncesTheSameStepsAsAnotherEncoder) {
 
 // A walk through files of many kinds; output that depends on the stream or on how the samples were
 // handed over; interleaved samples fetched for each component.
-TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
-  HostMemory memory;
+TEST_F(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
   for (const KelLong depth : {1, 8, 12, 16}) {
     for (const bool byComponent : {false, true}) {
       EncodeHost host(MakePicture(61, 47, 4, depth), 37, 29,
@@ -93,8 +91,7 @@ TEST(Encoder, FilesAreSoundAndDoNotDependOnTheHost) {
 }
 
 // Packets for parts of a tile without samples; components numbered by their place in the image.
-TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
-  HostMemory memory;
+TEST_F(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
   for (KelLong side = 1; side <= 4; ++side) {
     for (const KelLong order : {KelRLCP, KelCPRL}) {
       EncodeHost host(MakePicture(9, 7, {8, 8, 8, 8, 8}, {1, 2, 3, 1, 2}), side, side + 1,
@@ -111,8 +108,7 @@ TEST(Encoder, TinyTilesSubsamplingAndChannelsThatAreNotWritten) {
 }
 
 // A tile-part that reaches across the write buffer of a seekable stream.
-TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
-  HostMemory memory;
+TEST_F(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
   const Bytes payload(20000, 7);
   __tagKelUUID uuid{20000, {}, payload.data()};
   for (KelLong width = 42000; width < 66000; width += 1171) {
@@ -125,8 +121,7 @@ TEST(Encoder, TilePartsOfEveryLengthAroundTheWriteBuffer) {
 }
 
 // Counts that leave something out; an end marker too early, missing or not flushed.
-TEST(Encoder, CountsAndEndMarker) {
-  HostMemory memory;
+TEST_F(Encoder, CountsAndEndMarker) {
   EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
   HostStream stream;
   ASSERT_EQ(host.Init(stream), KelOK);
@@ -146,8 +141,7 @@ TEST(Encoder, CountsAndEndMarker) {
 }
 
 // Headers written a second time over tiles; or not where the first ones stand.
-TEST(Encoder, HeadersCanBeWrittenAgain) {
-  HostMemory memory;
+TEST_F(Encoder, HeadersCanBeWrittenAgain) {
   for (const bool seekable : {true, false}) {
     EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
     const Bytes file = host.Encode();
@@ -171,8 +165,7 @@ TEST(Encoder, HeadersCanBeWrittenAgain) {
 
 // A quality fixed at initialisation; a structure that the host can still change, which would let a
 // tile be written that the headers do not describe.
-TEST(Encoder, OnlyTheQualityIsReadLater) {
-  HostMemory memory;
+TEST_F(Encoder, OnlyTheQualityIsReadLater) {
   EncodeHost host(MakePicture(64, 48, 3, 8), 32, 48, {.quality = 80});
   const Bytes fine = host.Encode();
   host.options.TargetQuality = 20;
@@ -200,8 +193,7 @@ TEST(Encoder, OnlyTheQualityIsReadLater) {
 }
 
 // Options that would make a file that no decoder can read, or an access out of bounds.
-TEST(Encoder, RefusesWhatCannotBeCoded) {
-  HostMemory memory;
+TEST_F(Encoder, RefusesWhatCannotBeCoded) {
   const struct {
     const char* what;
     void (*change)(EncodeHost& host, KelEncOpt& o, KelImageGeometry& g);
@@ -272,8 +264,7 @@ TEST(Encoder, RefusesWhatCannotBeCoded) {
 
 // Orders and precincts that the writer does not know: refused before the host is asked for
 // anything, but sizes can be had.
-TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
-  HostMemory memory;
+TEST_F(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
   EncodeHost host(MakePicture(64, 48, 1, 8));
   const auto codes = [&](KelLong order, KelLong exponent) {
     host.options.ProgressionOrder = order;
@@ -299,8 +290,7 @@ TEST(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
 }
 
 // Samples that are not given back; an encoder that cannot go on; a file without its end marker.
-TEST(Encoder, FetchesThatFail) {
-  HostMemory memory;
+TEST_F(Encoder, FetchesThatFail) {
   EncodeHost host(MakePicture(40, 30, 4, 8), 20, 30, {.transform = true, .colors = 3, .mask = 3});
   const Bytes whole = host.Encode();
   const int fetches = host.fetches;
@@ -335,8 +325,7 @@ TEST(Encoder, FetchesThatFail) {
 
 // A failure that leaves something behind, or whose record names the memory layer instead of what
 // could not be made.
-TEST(Encoder, EveryRefusedRequest) {
-  HostMemory memory;
+TEST_F(Encoder, EveryRefusedRequest) {
   EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30,
                   {.transform = true, .colors = 3, .mask = 4});
   std::set<std::string> modules;
@@ -357,8 +346,7 @@ TEST(Encoder, EveryRefusedRequest) {
 }
 
 // A write that fails, or takes nothing, must not crash or leak.
-TEST(Encoder, StreamsThatFail) {
-  HostMemory memory;
+TEST_F(Encoder, StreamsThatFail) {
   for (const KelLong result : {-1, 0}) {
     for (const bool seekable : {false, true}) {
       EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300, {.irreversible = 0});
@@ -370,8 +358,7 @@ TEST(Encoder, StreamsThatFail) {
 }
 
 // Progress that starts with the wrong total, misses its end, or outlives an abort.
-TEST(Encoder, ProgressAndAbort) {
-  HostMemory memory;
+TEST_F(Encoder, ProgressAndAbort) {
   EncodeHost host(MakePicture(40, 30, 2, 8), 20, 15);
   host.Encode();
   EXPECT_EQ(host.progress, "B 0/4 1/4 2/4 3/4 4/4 E");
@@ -410,8 +397,7 @@ std::size_t PeakOfEncoding(HostMemory& memory, EncodeHost& host) {
 
 // Memory that grows with the number of tiles, or a tile that takes more than its planes need; extra
 // channels that each take memory for all components.
-TEST(Encoder, MemoryOfATile) {
-  HostMemory memory;
+TEST_F(Encoder, MemoryOfATile) {
   for (const KelLong irreversible : {0, 1}) {
     const Picture image = MakePicture(512, 512, 3, 8);
     const test::Coding coding = {.irreversible = irreversible, .transform = true};
@@ -427,8 +413,7 @@ TEST(Encoder, MemoryOfATile) {
 
 // A region that reaches into tiles in which its mask, being subsampled, has no sample: whether they
 // are coded as without one must not depend on what the host gives for a request of no bytes.
-TEST(Encoder, TilesWithoutASampleOfTheMask) {
-  HostMemory memory;
+TEST_F(Encoder, TilesWithoutASampleOfTheMask) {
   Picture image = MakePicture(48, 16, {8, 8}, {1, 32}, Content::kNoise);
   image.planes[1].samples.assign(image.planes[1].samples.size(), 0);
   EncodeHost host(image, 16, 16, {.levels = 0, .mask = 1});
@@ -441,8 +426,7 @@ TEST(Encoder, TilesWithoutASampleOfTheMask) {
 }
 
 // Sizes that count the wrong channels or headers; values that are cached too early.
-TEST(Encoder, SizesAndSteps) {
-  HostMemory memory;
+TEST_F(Encoder, SizesAndSteps) {
   EncodeHost host(MakePicture(40, 30, 5, 8), 20, 15,
                   {.layers = 2, .colors = 2, .mask = 3, .transparency = 4});
   host.options.TransparencyCoded = false;
@@ -473,8 +457,7 @@ TEST(Encoder, SizesAndSteps) {
 }
 
 // A debug file that is not made, or a name that is read from options that are gone.
-TEST(Encoder, DebugFileIsEmptied) {
-  HostMemory memory;
+TEST_F(Encoder, DebugFileIsEmptied) {
   const std::string name = testing::TempDir() + "kel_encoder_debug.txt";
   const auto fill = [&] { std::ofstream(name) << "something"; };
   EncodeHost host(MakePicture(8, 8, 1, 8));

@@ -16,6 +16,7 @@ namespace {
 
 using namespace test;
 using Options = test::OwnedOptions;
+using FileFormatWrite = test::LibraryTest;
 
 Bytes Boxes(const KelEncOpt& options) {
   HostStream host;
@@ -38,8 +39,7 @@ Bytes File(const std::string& requirements, const std::string& header,
 const std::string kPlain = "01 F0 F0 0004 0001 80 0005 40 000C 20 0012 10 0000";
 
 // Depths that are not told where they differ; any wrong field of the boxes that every file has.
-TEST(FileFormatWrite, DifferentDepths) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, DifferentDepths) {
   Options mixed(90, 72, 3, 8);
   mixed.GeomParams->BitDepths[2] = 12;
   EXPECT_EQ(
@@ -49,8 +49,7 @@ TEST(FileFormatWrite, DifferentDepths) {
 
 // Channels numbered by their place in the image; an opacity definition for a channel that is not
 // written; colours that are none.
-TEST(FileFormatWrite, ChannelDefinitions) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, ChannelDefinitions) {
   Options o(4, 4, 4, 8);
   o.NumColorChannels = 0;
   EXPECT_EQ(Boxes(o),
@@ -77,8 +76,7 @@ TEST(FileFormatWrite, ChannelDefinitions) {
 
 // Palette entries in the wrong order for either layout, or of the wrong width; the box of the
 // mapping; resolution rounded instead of cut off, exchanged, or wrapped.
-TEST(FileFormatWrite, PaletteAndResolution) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, PaletteAndResolution) {
   Options o(4, 4, 1, 4);
   std::uint8_t depths[] = {7, 15};
   std::uint8_t low[] = {1, 2, 3};
@@ -113,8 +111,7 @@ TEST(FileFormatWrite, PaletteAndResolution) {
 
 // Colour parameters of the wrong set or length; the internal numbers written as they are; the
 // requirement of an entry other than the first of the greatest precedence.
-TEST(FileFormatWrite, ColorSpecifications) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, ColorSpecifications) {
   Options o(4, 4, 3, 8);
   const std::uint8_t profileBytes[] = {0xAA, 0xBB};
   __tagICCProfile profile{2, profileBytes};
@@ -141,8 +138,7 @@ TEST(FileFormatWrite, ColorSpecifications) {
 
 // Vendor features beyond the mask's 32 bits; a mask of the wrong width; a UUID box left out; a
 // length that does not fit, or a record without its bytes, that is read all the same.
-TEST(FileFormatWrite, XmlAndUuidBoxes) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, XmlAndUuidBoxes) {
   Options o(4, 4, 1, 8);
   const Bytes text = test::Hex("3C612F3E");
   __tagKelXML xml{4, text.data()};
@@ -179,8 +175,7 @@ TEST(FileFormatWrite, XmlAndUuidBoxes) {
 }
 
 // A long payload makes the buffer grow many times; each refusal must end cleanly.
-TEST(FileFormatWrite, LongPayloadsAndRefusals) {
-  HostMemory memory;
+TEST_F(FileFormatWrite, LongPayloadsAndRefusals) {
   Options o(4, 4, 1, 8);
   const Bytes text(200000, 'x');
   __tagKelXML xml[2] = {{200000, text.data()}, {200000, text.data()}};

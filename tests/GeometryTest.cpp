@@ -10,6 +10,7 @@
 namespace {
 
 using test::HostMemory;
+using Geometry = test::LibraryTest;
 
 constexpr KelLong kOne[1] = {1};
 constexpr KelLong kEight[1] = {8};
@@ -34,8 +35,7 @@ KelLong CodeOf(KelLong XO, KelLong XT, KelLong XTO) {
 }
 
 // A tiling accepted that leaves out a part of the image, or refused for a sum beyond 31 bits.
-TEST(Geometry, ConsistencyOfTheTiling) {
-  HostMemory memory;
+TEST_F(Geometry, ConsistencyOfTheTiling) {
   for (const auto& [XO, XT, XTO] : {std::array{5, 10, 5}, {9, 10, 0}, {5, INT32_MAX, 5}}) {
     EXPECT_EQ(CodeOf(XO, XT, XTO), KelOK) << XO;
   }
@@ -50,8 +50,7 @@ TEST(Geometry, ConsistencyOfTheTiling) {
 
 // A tile-component's samples are the multiples of the subsampling factor inside the tile, and a
 // resolution's are the multiples of 2^k among those.
-TEST(Geometry, BoxesHoldTheGridPointsTheyShould) {
-  HostMemory memory;
+TEST_F(Geometry, BoxesHoldTheGridPointsTheyShould) {
   for (KelLong size : {7, 16, 23}) {
     for (KelLong origin : {0, 1, 5}) {
       for (KelLong tile : {6, 7, 30}) {
@@ -87,17 +86,13 @@ TEST(Geometry, BoxesHoldTheGridPointsTheyShould) {
   }
 }
 
-TEST(Geometry, TileGeometryTakesItsComponentsValues) {
-  HostMemory memory;
+TEST_F(Geometry, TileGeometryTakesItsComponentsValues) {
   const std::array<KelLong, 2> across = {1, 2};
   const std::array<KelLong, 2> down = {1, 1};
   const std::array<KelLong, 2> depths = {8, 12};
   KelImageGeometry g(10, 10, 1, 0, 6, 6, 0, 0, across.data(), down.data(), 2, depths.data());
   for (const KelTileGeometry& t : {KelTileGeometry(&g, 1, 3), KelTileGeometry(&g, 1, 1, 1)}) {
-    EXPECT_EQ(t.Owner, &g);
-    EXPECT_EQ(t.TileNum, 3);
-    EXPECT_EQ(t.BitDepth, 12);
-    EXPECT_EQ(t.XRsiz, 2);
+    EXPECT_TRUE(t.Owner == &g && t.TileNum == 3 && t.BitDepth == 12 && t.XRsiz == 2);
     EXPECT_EQ((Edges{t.X0, t.X1, t.Y0, t.Y1}), (Edges{3, 5, 6, 10}));
   }
   const KelTileGeometry stored(0, 0, 8, 1, 1, 3, 8, 0, 1);
@@ -107,8 +102,7 @@ TEST(Geometry, TileGeometryTakesItsComponentsValues) {
   g.Die();
 }
 
-TEST(Geometry, DeepCopyAndRefusals) {
-  HostMemory memory;
+TEST_F(Geometry, DeepCopyAndRefusals) {
   EXPECT_THROW(KelImageGeometry().InitImageGeometry(nullptr), KelException);
   test::SweepRefusals(memory, [] {
     KelImageGeometry source(10, 10, 0, 0, 10, 10, 0, 0, kOne, kOne, 1, kEight);

@@ -15,6 +15,7 @@ namespace {
 
 using namespace test;
 using Options = test::OwnedOptions;
+using HeadersWrite = test::LibraryTest;
 
 Bytes MainHeader(const KelEncOpt& options) {
   HostStream host({}, false);
@@ -35,8 +36,7 @@ Bytes Segment(const Bytes& header, std::uint8_t marker) {
 }
 
 // Style bits in the wrong place; precinct bytes missing, swapped or not counted.
-TEST(HeadersWrite, CodingStyleBits) {
-  HostMemory memory;
+TEST_F(HeadersWrite, CodingStyleBits) {
   Options o(64, 64, 1, 8);
   o.UseSOP = o.UseEPH = true;
   o.CbBypass = o.CbVertCausal = o.CbSegSymbols = true;
@@ -53,8 +53,7 @@ TEST(HeadersWrite, CodingStyleBits) {
 
 // Extra channels numbered by their place in the image instead of in the stream; a segment for a
 // channel that is not written; the depth or guard bits of the wrong component.
-TEST(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
-  HostMemory memory;
+TEST_F(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
   Options o(64, 64, 7, 8);
   o.NumLevels = 1;
   o.NumColorChannels = 4;
@@ -81,8 +80,7 @@ TEST(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
 }
 
 // Component indices of the wrong width from 257 components on; a comment that wraps its length.
-TEST(HeadersWrite, WideIndicesAndLongComments) {
-  HostMemory memory;
+TEST_F(HeadersWrite, WideIndicesAndLongComments) {
   Options o(8, 8, 300, 8);
   o.NumLevels = 0;
   o.NumColorChannels = 299;
@@ -110,8 +108,7 @@ Bytes HeaderOf(const kel::KelHeaderParams& set) {
 
 // Psot without the header's own bytes; coding segments in a later tile-part; regions, progression
 // changes and both forms of quantisation in the wrong layout.
-TEST(HeadersWrite, TilePartHeaders) {
-  HostMemory memory;
+TEST_F(HeadersWrite, TilePartHeaders) {
   kel::KelHeaderParams set{};
   set.Isot = 0x0102;
   set.TNsot = 3;

@@ -11,9 +11,9 @@
 namespace {
 
 using test::HostMemory;
+using ImageData = test::LibraryTest;
 
-TEST(ImageData, ObtainsZeroFilledSamples) {
-  HostMemory memory;
+TEST_F(ImageData, ObtainsZeroFilledSamples) {
   KelImageData image;
   EXPECT_EQ(image.InitKelImageData(4, 3, 2, 0, nullptr), KelOK);
   EXPECT_FALSE(image.DynRangeIsValid());
@@ -32,8 +32,7 @@ TEST(ImageData, ObtainsZeroFilledSamples) {
   image.FreeImageBuffer();
 }
 
-TEST(ImageData, SizesThatCannotBeHeld) {
-  HostMemory memory;
+TEST_F(ImageData, SizesThatCannotBeHeld) {
   KelImageData image;
   const std::size_t before = memory.Requests();
   EXPECT_THROW(image.InitKelImageData(65536, 65536, 1, 0, nullptr), KelException);

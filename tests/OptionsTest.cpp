@@ -11,6 +11,7 @@
 namespace {
 
 using test::HostMemory;
+using Options = test::LibraryTest;
 
 KelLong* Longs(std::initializer_list<KelLong> values) {
   auto* array = static_cast<KelLong*>(kel::KelMalloc(values.size() * sizeof(KelLong)));
@@ -19,8 +20,7 @@ KelLong* Longs(std::initializer_list<KelLong> values) {
 }
 
 // What hosts rely on without setting it; the tests' own host sets its own.
-TEST(Options, Defaults) {
-  HostMemory memory;
+TEST_F(Options, Defaults) {
   KelEncOpt o;
   o.InitToDefaults(640, 480, 640, 480, 3, 8);
   EXPECT_TRUE(o.NumLevels == 5 && o.NumLayers == 1 && o.Irreversible == 1);
@@ -31,8 +31,7 @@ TEST(Options, Defaults) {
   o.Die();
 }
 
-TEST(Options, CloneIsIndependentAndLeavesOutWhatItShould) {
-  HostMemory memory;
+TEST_F(Options, CloneIsIndependentAndLeavesOutWhatItShould) {
   KelEncOpt source;
   source.InitToDefaults(64, 64, 32, 32, 1, 8);
   source.NumLayers = 3;
@@ -59,8 +58,7 @@ TEST(Options, CloneIsIndependentAndLeavesOutWhatItShould) {
 }
 
 // A set that is refused, released twice, or left half-built without its memory.
-TEST(Options, RefusedRequestsLeakNothingAndNameTheModule) {
-  HostMemory memory;
+TEST_F(Options, RefusedRequestsLeakNothingAndNameTheModule) {
   EXPECT_THROW(KelEncOpt().InitToDefaults(nullptr), KelException);
   EXPECT_THROW(KelEncOpt().InitToDefaults(10, 10, 0, 10, 1, 8), KelException);
   test::SweepRefusals(memory, []() -> KelLong {

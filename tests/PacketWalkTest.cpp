@@ -19,6 +19,7 @@ namespace {
 
 using namespace kel;
 using test::HostMemory;
+using PacketWalks = test::LibraryTest;
 
 using Packet = std::tuple<int, int, int, std::int64_t>;  // layer, resolution, component, precinct
 using Packets = std::vector<Packet>;
@@ -180,8 +181,7 @@ Packets Walk(PacketWalk& walk, std::size_t most = SIZE_MAX) {
 
 // A wrong order or bound in any progression; packets repeated or lost by several changes, or by a
 // change in the header of a later tile-part.
-TEST(PacketWalk, EveryOrderAndChange) {
-  HostMemory memory;
+TEST_F(PacketWalks, EveryOrderAndChange) {
   std::mt19937 random(1);
   for (int round = 0; round < 1500; ++round) {
     Tile tile(random);
@@ -201,8 +201,7 @@ TEST(PacketWalk, EveryOrderAndChange) {
 }
 
 // A turn that skips a component, or stays on one.
-TEST(PacketWalk, AnEmptyTilePartIsAComponentsTurn) {
-  HostMemory memory;
+TEST_F(PacketWalks, AnEmptyTilePartIsAComponentsTurn) {
   std::mt19937 random(4);
   std::optional<Tile> made;
   while (!made || made->NumComps() < 3) made.emplace(random);
@@ -221,8 +220,7 @@ TEST(PacketWalk, AnEmptyTilePartIsAComponentsTurn) {
 // Loops whose length a small header sets, over packets that do not exist: a change to RPCL that
 // leaves out a component 0 of 2^40 precincts, tiles without samples in thousands of layers, and a
 // component's empty turn. Each took minutes, or no end, when it was run through.
-TEST(PacketWalk, LoopsWithoutPacketsAreNotRunThrough) {
-  HostMemory memory;
+TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
   std::mt19937 random(6);
   Tile tile(random);
   for (const Box& box : {Box{0, 1, 0, 1}, Box{1, 1, 0, 1}}) {
@@ -257,8 +255,7 @@ TEST(PacketWalk, LoopsWithoutPacketsAreNotRunThrough) {
   EXPECT_EQ(Walk(*tile.record.walk), (Packets{{0, 0, 1, 0}}));
 }
 
-TEST(PacketWalk, RefusedMemoryLeavesNothingBehind) {
-  HostMemory memory;
+TEST_F(PacketWalks, RefusedMemoryLeavesNothingBehind) {
   test::SweepRefusals(memory, [&] {
     std::mt19937 random(5);
     Tile tile(random);

@@ -19,6 +19,8 @@ namespace {
 
 using kel::Box;
 using namespace test;
+using Preview = test::LibraryTest;
+using Zoom = test::LibraryTest;
 
 /// The first columns of each row of an image of samples of a depth.
 Plane SamplesOf(const KelImageData* image, KelLong depth, KelLong columns) {
@@ -147,14 +149,11 @@ Box PartOf(const Plane& whole, const KelTileGeometry& t, const Box& r) {
 
 /// Some rectangle in the first component of a tile, which is not subsampled.
 Box SomePart(const KelTileGeometry& t, std::mt19937& random) {
-  const auto span = [&](std::int64_t from, std::int64_t to) {
-    const auto a = from + static_cast<std::int64_t>(random()) % (to - from);
-    const auto b = from + static_cast<std::int64_t>(random()) % (to - from);
-    return std::minmax({a, b + (a == b ? 1 : 0)});
+  const auto pick = [&](std::int64_t from, std::int64_t to) {
+    return from + static_cast<std::int64_t>(random()) % (to - from);
   };
-  const auto [x0, x1] = span(t.X0, t.X1);
-  const auto [y0, y1] = span(t.Y0, t.Y1);
-  return {x0, x1, y0, y1};
+  const std::int64_t x0 = pick(t.X0, t.X1), y0 = pick(t.Y0, t.Y1);
+  return {x0, pick(x0, t.X1) + 1, y0, pick(y0, t.Y1) + 1};
 }
 
 /// Any part of a preview must be exactly what it is in the whole.
@@ -176,11 +175,10 @@ void CheckPart(Encoding& encoding, KelLong t, KelLong r, const std::vector<Plane
   }
 }
 
-/// Previews of every tile at every resolution, whole and in rectangles, against the decoder. Its
-/// general path gives the same on these pictures; fast paths of the full size round differently.
+/// Previews of every tile at every resolution, whole and in rectangles, against the decoder's
+/// general path; fast paths of the full size round differently.
 void CheckAgainstDecoder(EncodeHost& host, std::size_t components, std::mt19937& random) {
   const Bytes file = host.Encode();
-  const test::Decoded fast = test::Decode(file);
   Encoding encoding(host);
   const KelLong levels = host.options.NumLevels;
   for (KelLong r = levels; r >= 0; --r) {
@@ -193,11 +191,6 @@ void CheckAgainstDecoder(EncodeHost& host, std::size_t components, std::mt19937&
       for (std::size_t c = 0; c < components; ++c) {
         whole.push_back(encoding.Shown(t, static_cast<KelLong>(c)));
         EXPECT_TRUE(whole[c] == decoded[static_cast<std::size_t>(t)].at(c)) << c;
-        const KelTileGeometry box(host.options.GeomParams, static_cast<KelLong>(c), t);
-        if (r < levels) continue;
-        const std::int64_t difference =
-            LargestDifference(whole[c], Crop(fast.planes.at(c), {box.X0, box.X1, box.Y0, box.Y1}));
-        EXPECT_TRUE(difference >= 0 && difference <= host.options.Irreversible) << difference;
       }
       const KelTileGeometry box(host.options.GeomParams, 0, t);
       for (int i = 0; i < 4; ++i) CheckPart(encoding, t, r, whole, SomePart(box, random));
@@ -216,8 +209,7 @@ Picture WithRegion(Picture image) {
 }
 
 // Steps, weights, levels or colours other than those of coding; phases that begin at 0; regions.
-TEST(Preview, IsWhatDecodingGives) {
-  HostMemory memory;
+TEST_F(Preview, IsWhatDecodingGives) {
   std::mt19937 random(1);
   for (const float quality : {0.0F, 10.0F, 50.0F, 90.0F, 100.0F}) {
     for (const int kind : {0, 1, 2}) {
@@ -239,8 +231,7 @@ TEST(Preview, IsWhatDecodingGives) {
 }
 
 // Windows around a rectangle that are a sample too small; subsampled components.
-TEST(Preview, PartsOfLargeTilesAndOfSubsampledComponents) {
-  HostMemory memory;
+TEST_F(Preview, PartsOfLargeTilesAndOfSubsampledComponents) {
   std::mt19937 random(2);
   for (const KelLong irreversible : {0, 1}) {
     for (const KelLong levels : {0, 1, 3}) {
@@ -263,8 +254,7 @@ std::vector<double> CoefficientsOf(const Plane& plane, double offset, int levels
 }
 
 // Channels shown that were not asked for, or with the wrong filter, offset or range.
-TEST(Preview, TransparencyAndExtraChannels) {
-  HostMemory memory;
+TEST_F(Preview, TransparencyAndExtraChannels) {
   const std::vector<KelLong> depths = {8, 8, 8, 16, 8, 12};
   EncodeHost host(MakePicture(43, 31, depths, {1, 1, 1, 1, 1, 2}),
                   {.transform = true, .colors = 3, .transparency = 3});
@@ -304,8 +294,7 @@ TEST(Preview, TransparencyAndExtraChannels) {
 }
 
 // The budget of a component alone where coding goes by three; colours fetched but not shown.
-TEST(Preview, LuminanceAloneAndOtherDepths) {
-  HostMemory memory;
+TEST_F(Preview, LuminanceAloneAndOtherDepths) {
   EncodeHost host(MakePicture(43, 31, 3, 8), {.quality = 10, .transform = true});
   const auto decoded = DecodeTiles(host.Encode(), 1, true);
   {
@@ -333,8 +322,7 @@ TEST(Preview, LuminanceAloneAndOtherDepths) {
 }
 
 // Simulated coding: steps that are not 1; a region that is scaled the wrong way.
-TEST(Preview, SimulatedCoding) {
-  HostMemory memory;
+TEST_F(Preview, SimulatedCoding) {
   EncodeHost grey(MakePicture(43, 31, 1, 8), {.quality = 100});
   {
     Encoding encoding(grey);
@@ -396,8 +384,7 @@ Plane TrulyZoomed(const Plane& from, const Box& part, int levels, bool in, doubl
 }
 
 // Sizes by the factor instead of powers of two; phases; offsets; edges that are not mirrored.
-TEST(Zoom, AgreesWithAPlainEvaluation) {
-  HostMemory memory;
+TEST_F(Zoom, AgreesWithAPlainEvaluation) {
   struct {
     float factor;
     int levels;
@@ -424,8 +411,7 @@ TEST(Zoom, AgreesWithAPlainEvaluation) {
   }
 }
 
-TEST(Zoom, ConstantsLimitsAndSizes) {
-  HostMemory memory;
+TEST_F(Zoom, ConstantsLimitsAndSizes) {
   EncodeHost host(MakePicture(40, 30, {8, 16, 12}, {1, 1, 1}));
   for (std::int64_t& v : host.image.planes[0].samples) v = 255;
   for (std::int64_t& v : host.image.planes[1].samples) v = 40000;
@@ -449,8 +435,7 @@ TEST(Zoom, ConstantsLimitsAndSizes) {
 }
 
 // A plane that is held is what is zoomed; one of another size is not.
-TEST(Zoom, ShowsThePreviewWhenItIsWhole) {
-  HostMemory memory;
+TEST_F(Zoom, ShowsThePreviewWhenItIsWhole) {
   EncodeHost host(MakePicture(40, 30, 1, 8), {.quality = 1});
   Encoding encoding(host);
   const Box part = {3, 20, 5, 17};
@@ -476,8 +461,7 @@ KelLong ZoomCode(Encoding& encoding, KelLong tile, KelLong c, float factor, cons
   }
 }
 
-TEST(Preview, RefusesWhatThereIsNot) {
-  HostMemory memory;
+TEST_F(Preview, RefusesWhatThereIsNot) {
   EncodeHost host(MakePicture(40, 30, 1, 8), 20, 30);
   KelImage nothing;
   EXPECT_EQ(nothing.GetPreviewData(0), KelErrUnexpected);
@@ -516,8 +500,7 @@ TEST(Preview, RefusesWhatThereIsNot) {
 }
 
 // Traces of a preview in what is coded afterwards; images that outlive the coding of their tile.
-TEST(Preview, LeavesNoTraceInTheFile) {
-  HostMemory memory;
+TEST_F(Preview, LeavesNoTraceInTheFile) {
   for (const KelLong irreversible : {0, 1}) {
     EncodeHost host(WithRegion(MakePicture(61, 45, 4, 8)), 37, 29,
                     {.irreversible = irreversible, .transform = true, .colors = 3, .mask = 3});
@@ -539,8 +522,7 @@ TEST(Preview, LeavesNoTraceInTheFile) {
   }
 }
 
-TEST(Preview, RefusedMemory) {
-  HostMemory memory;
+TEST_F(Preview, RefusedMemory) {
   for (const KelLong irreversible : {0, 1}) {
     EncodeHost host(WithRegion(MakePicture(61, 45, 5, 8)), 37, 29,
                     {.irreversible = irreversible, .transform = true, .colors = 3, .mask = 4});

@@ -12,6 +12,7 @@
 namespace {
 
 using namespace test;
+using Resampling = test::LibraryTest;
 using Bytes = std::vector<std::uint8_t>;
 
 struct Range {
@@ -33,8 +34,7 @@ Range SpillOf(Image& image, KelLong low, KelLong high) {
   return r;
 }
 
-TEST(Range, EveryKindIsReadAsItself) {
-  HostMemory memory;
+TEST_F(Resampling, RangeEveryKindIsReadAsItself) {
   Image bytes(3, 1, Bytes{5, 200, 17});
   EXPECT_FALSE(bytes.DynRangeIsValid());
   EXPECT_EQ(RangeOf(bytes), (Range{5, 200}));
@@ -49,8 +49,7 @@ TEST(Range, EveryKindIsReadAsItself) {
   EXPECT_EQ(RangeOf(floats), (Range{-8.5F, -0.25F}));
 }
 
-TEST(Range, SharesOutsideLimitsAreStrict) {
-  HostMemory memory;
+TEST_F(Resampling, RangeSharesOutsideLimitsAreStrict) {
   Image bytes(4, 1, Bytes{5, 10, 50, 101});
   EXPECT_EQ(SpillOf(bytes, 10, 100), (Range{5, 101, 0.25F, 0.25F}));
   bytes.DynRangeMin = bytes.DynRangeMax = 1;
@@ -59,8 +58,7 @@ TEST(Range, SharesOutsideLimitsAreStrict) {
   EXPECT_EQ(SpillOf(ints, -5, 16777216).above, 0.5F) << "compared as integers, not as floats";
 }
 
-TEST(Range, NothingToMeasure) {
-  HostMemory memory;
+TEST_F(Resampling, RangeNothingToMeasure) {
   Image image(2, 1, std::vector<float>{1, 2});
   float r[2];
   image.SetImageBufferType(2);
@@ -75,8 +73,7 @@ TEST(Range, NothingToMeasure) {
   }
 }
 
-TEST(Crop, CutsOutABoxOrNothing) {
-  HostMemory memory;
+TEST_F(Resampling, CropCutsOutABoxOrNothing) {
   const Bytes all = {0, 1, 2, 3, 4, 5, 6, 7};
   Image bytes(4, 2, all);
   bytes.DynRangeMax = 9;
@@ -153,8 +150,7 @@ void CheckInterpolation(int W, int H, int stepX, int stepY) {
   }
 }
 
-TEST(Interpolate, EverySizeAgainstTheDefinition) {
-  HostMemory memory;
+TEST_F(Resampling, InterpolationEverySizeAgainstTheDefinition) {
   for (const int W : {1, 2, 3}) {
     for (const auto& [H, stepX, stepY] : {std::array{1, 1, 1}, {2, 2, 3}, {3, 5, 2}}) {
       CheckInterpolation<std::uint8_t>(W, H, stepX, stepY);
@@ -165,8 +161,7 @@ TEST(Interpolate, EverySizeAgainstTheDefinition) {
   }
 }
 
-TEST(Interpolate, WhatDoesNotFitIsLeftAlone) {
-  HostMemory memory;
+TEST_F(Resampling, InterpolationWhatDoesNotFitIsLeftAlone) {
   Image image(2, 2, Bytes{1, 2, 3, 4});
   KelBufID_I* const buffer = image.GetImageBuffer();
   for (const auto& [w, h, sx, sy] :
@@ -183,8 +178,7 @@ TEST(Interpolate, WhatDoesNotFitIsLeftAlone) {
 }
 
 /// Padding behind each row disappears whatever the sizes; rows overlap the places they move to.
-TEST(CompactRows, KeepsTheTrueSamples) {
-  HostMemory memory;
+TEST_F(Resampling, CompactRowsKeepsTheTrueSamples) {
   for (const KelLong trueWidth : {0, 1, 4, 6, 7, 9}) {
     std::vector<std::int32_t> cells(7 * 5);
     for (std::size_t i = 0; i < cells.size(); ++i) cells[i] = static_cast<std::int32_t>(i);

@@ -10,6 +10,7 @@
 namespace {
 
 using namespace test;
+using RoundTrip = test::LibraryTest;
 
 Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
   Decoded decoded = Decode(host.Encode(), job);
@@ -63,8 +64,7 @@ constexpr Mode kModes[] = {
     {3, true, KelRLCP, 1, 32, 61, 53, 28, Content::kExtremes},
 };
 
-TEST(RoundTrip, ReversibleIsExact) {
-  HostMemory memory;
+TEST_F(RoundTrip, ReversibleIsExact) {
   for (const Mode& mode : kModes) {
     const Picture image = MakePicture(61, 53, mode.components, mode.depth, mode.content);
     EncodeHost host(image, mode.tileWidth, mode.tileHeight,
@@ -81,8 +81,7 @@ TEST(RoundTrip, ReversibleIsExact) {
 // A tile between the samples of components that are all subsampled, of which nothing is written and
 // the decoder waits for its tile-part; a colour transform that the decoder leaves out because the
 // file tells the components' own depths.
-TEST(RoundTrip, TilesWithoutSamplesAndDifferentDepths) {
-  HostMemory memory;
+TEST_F(RoundTrip, TilesWithoutSamplesAndDifferentDepths) {
   for (const auto source : {test::Source::kMemory, test::Source::kUnseekable}) {
     EncodeHost host(MakePicture(9, 7, {8, 8}, {2, 2}, Content::kNoise), 9, 1, {.irreversible = 0});
     EXPECT_TRUE(Decoding(host, {.source = source}).planes == host.image.planes);
@@ -95,8 +94,7 @@ TEST(RoundTrip, TilesWithoutSamplesAndDifferentDepths) {
 }
 
 // Steps that do not reach the decoder, or for the wrong component: then nothing comes near.
-TEST(RoundTrip, IrreversibleQualityRises) {
-  HostMemory memory;
+TEST_F(RoundTrip, IrreversibleQualityRises) {
   for (const bool transform : {false, true}) {
     const Picture image = MakePicture(150, 130, 3, 8);
     double before = 0;
@@ -120,8 +118,7 @@ TEST(RoundTrip, IrreversibleQualityRises) {
 }
 
 // A tile's quantisation that overrides the lossless parameters of an extra channel.
-TEST(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
-  HostMemory memory;
+TEST_F(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
   for (const KelLong order : {KelRLCP, KelCPRL}) {
     const Picture image = MakePicture(70, 50, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 2}, Content::kNoise);
     EncodeHost host(
@@ -135,8 +132,7 @@ TEST(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
 }
 
 // Packets where the decoder expects none, or the reverse.
-TEST(RoundTrip, TinyTilesAndSubsampling) {
-  HostMemory memory;
+TEST_F(RoundTrip, TinyTilesAndSubsampling) {
   for (KelLong side = 1; side <= 5; ++side) {
     for (const KelLong order : {KelRLCP, KelCPRL}) {
       EncodeHost host(MakePicture(11, 9, {8, 12, 16}, {1, 2, 3}, Content::kNoise), side, 6 - side,
@@ -152,8 +148,7 @@ TEST(RoundTrip, TinyTilesAndSubsampling) {
 }
 
 // A region that is lost, shifted, or that takes the mask of the wrong component or size.
-TEST(RoundTrip, RegionKeepsItsPrecision) {
-  HostMemory memory;
+TEST_F(RoundTrip, RegionKeepsItsPrecision) {
   for (const KelLong maskSampling : {1, 2}) {
     for (const KelLong mask : {0, 3}) {
       std::vector<KelLong> sampling(4, 1);
@@ -185,8 +180,7 @@ TEST(RoundTrip, RegionKeepsItsPrecision) {
 }
 
 // A plane more than the route from coefficients to bytes needs, or one kept once a tile is done.
-TEST(RoundTrip, MemoryOfDecoding) {
-  HostMemory memory;
+TEST_F(RoundTrip, MemoryOfDecoding) {
   constexpr std::size_t kPositions = 1024 * 1024, kFixed = 400000;
   for (const std::size_t components : {1, 3}) {
     for (const KelLong irreversible : {0, 1}) {

@@ -19,6 +19,7 @@ namespace {
 
 using kel::Box;
 using namespace test;
+using Wavelet = test::LibraryTest;
 
 using Scratch = kel::ScratchArray<std::uint32_t>;
 
@@ -117,8 +118,7 @@ void CheckForward(const Box& box, int levels) {
   }
 }
 
-TEST(Wavelet, ForwardFollowsTheDefinition) {
-  HostMemory memory;
+TEST_F(Wavelet, ForwardFollowsTheDefinition) {
   ForEachBox([](const Box& box, int levels) {
     if (!HasFatalFailure()) CheckForward(box, levels);
   });
@@ -149,15 +149,14 @@ void CheckInverse(const Box& box, int levels) {
   ASSERT_TRUE(floats.MarginIntact());
 }
 
-TEST(Wavelet, InverseFollowsTheDefinition) {
-  HostMemory memory;
+TEST_F(Wavelet, InverseFollowsTheDefinition) {
   ForEachBox([](const Box& box, int levels) {
     if (!HasFatalFailure()) CheckInverse(box, levels);
   });
 }
 
 // A lower resolution is a plane of its own: its subbands have the same boxes.
-TEST(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
+TEST_F(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
   for (const Box& box : {Box{3, 40, 6, 29}, Box{1, 2, 0, 9}, Box{7, 8, 7, 8}}) {
     for (int r = 0; r <= 4; ++r) {
       for (int b = 0; b < kel::NumSubbands(r); ++b) {
@@ -171,8 +170,7 @@ TEST(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
 
 // 8-bit outputs must hold what the planes of cells hold, converted: a sink that gets a wrong row,
 // strip or plane shows. The direct path may differ from the general one by a grey level.
-TEST(Wavelet, ByteOutputsEqualConvertedPlanes) {
-  HostMemory memory;
+TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
   const kel::SamplesKernels& convert = kel::Kernels().samples;
   for (const Box& box : {Box{1, 2 * kel::kStripColumns, 3, 6}, Box{0, 37, 0, 6}, Box{5, 6, 2, 40},
                          Box{2, 9, 3, 4}}) {
@@ -234,8 +232,7 @@ TEST(Wavelet, ByteOutputsEqualConvertedPlanes) {
 }
 
 // The direct path: its offset, and its two rounding rules, which follow from width and stride.
-TEST(Wavelet, DirectPathTo8Bit) {
-  HostMemory memory;
+TEST_F(Wavelet, DirectPathTo8Bit) {
   const auto flat = [](std::int64_t width, std::int64_t padding, int levels, int index) {
     GuardedRows<std::int32_t> cells(width, 1);
     cells.Fill([] { return 0; });
@@ -258,8 +255,7 @@ TEST(Wavelet, DirectPathTo8Bit) {
 }
 
 // An LL step close to 1 is not applied, one a little further off is; records without steps.
-TEST(Wavelet, NeutralSteps) {
-  HostMemory memory;
+TEST_F(Wavelet, NeutralSteps) {
   const Box box = {0, 1, 0, 1};
   const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, 0));
   const std::int32_t index = 100000;

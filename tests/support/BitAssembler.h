@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_BIT_ASSEMBLER_H
 #define TESTS_SUPPORT_BIT_ASSEMBLER_H
 
+#include <bit>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,11 @@ class BitAssembler {
       used_ = (used_ + 1) % 8;
     }
     return *this;
+  }
+  /// A sample of n bits; those of 16 stand in the order of the host's own words.
+  BitAssembler& Sample(std::uint64_t value, int n) {
+    const bool isSwapped = n == 16 && std::endian::native == std::endian::little;
+    return Bits(isSwapped ? (value & 0xFF) << 8 | (value >> 8 & 0xFF) : value, n);
   }
   BitAssembler& U8(std::uint64_t value) { return Align().Bits(value, 8); }
   BitAssembler& U16(std::uint64_t value) { return Align().Bits(value, 16); }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstring>
 #include <random>
 
@@ -107,9 +106,7 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
       for (const std::size_t c : channels) {
         const auto value = static_cast<std::uint64_t>(
             image.planes[c].samples[static_cast<std::size_t>(y * first.width + x)]);
-        // Words of 16 bits stand in the order of the host's own.
-        const bool isSwapped = image.depths[c] == 16 && std::endian::native == std::endian::little;
-        samples.Bits(isSwapped ? (value & 0xFF) << 8 | value >> 8 : value, image.depths[c]);
+        samples.Sample(value, image.depths[c]);
       }
     }
     samples.Align();

@@ -84,7 +84,7 @@ HostMemory::HostMemory() {
 HostMemory::~HostMemory() {
   EXPECT_EQ(Outstanding(), 0U) << "memory of the host was not given back";
   KelLibShutDown();
-  for (auto& [block, size] : ledger->blocks) std::free(block);
+  for (auto& [block, size] : ledger_.blocks) std::free(block);
   ledger = nullptr;
 }
 

@@ -52,6 +52,11 @@ class HostMemory {
   KelMemFuncs funcs_;
 };
 
+/// A test in which the library runs on a host's memory, all of which it must give back.
+struct LibraryTest : testing::Test {
+  HostMemory memory;
+};
+
 /// Runs a flow again and again, refusing its first request, then its second, and so on, until a
 /// run is refused nothing. A refused run must end with one of the flow's own codes for that (8
 /// unless the flow absorbs the refusal, which allowSuccess permits); afterwards nothing may be
