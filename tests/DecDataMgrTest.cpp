@@ -110,7 +110,7 @@ TEST_F(DecDataMgr, RequestsAndLoads) {
 
 TEST_F(DecDataMgr, SeeksInABlockStayStrictlyInside) {
   DataSource data(Ramp(10), Flavour::kFF);
-  EXPECT_TRUE(data->Seek(0, 9) == 9 && data->Seek(1, 0) == 0);
+  EXPECT_TRUE(data->Seek(0, 9) == 9 && data->Seek(0, -9) == -1 && data->Seek(1, 0) == 0);
   for (const auto& [origin, offset] : {std::pair{0, -1}, {0, 10}, {1, 10}, {1, -1}, {2, 1}}) {
     EXPECT_EQ(data->Seek(origin, offset), -1) << origin << ' ' << offset;
   }

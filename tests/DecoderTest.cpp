@@ -162,19 +162,11 @@ TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   const KelImageGeometry& g = *d.image.GetGeometryParams();
   const Bytes untouched(std::size_t((g.Xsiz - g.XOsiz) * (g.Ysiz - g.YOsiz)), 0xEE);
   Bytes plane = untouched;
-  void* buffers[] = {plane.data(), nullptr, nullptr};
-  KelLong strides[] = {g.Xsiz - g.XOsiz, 0, 0}, eight[] = {8, 8, 8}, zero[3] = {};
-  double most[] = {255, 255, 255}, least[3] = {};
-  KelFrameData frame;
-  frame.NumChannels = 3;
-  frame.OutBuffers = buffers;
-  frame.OutStrides = strides;
-  frame.InBitDepths = frame.OutBitDepths = eight;
-  frame.OutSigned = zero;
-  frame.OutMax = most;
-  frame.OutMin = least;
+  test::FrameRequest frame({8, 8, 8});
+  frame.buffers[0] = plane.data();
+  frame.strides[0] = g.Xsiz - g.XOsiz;
   const auto decode = [&](bool skipConversion = false) {
-    EXPECT_EQ(d.image.GetNextFrame(&d.block, nullptr, skipConversion, false, &frame), KelOK);
+    EXPECT_EQ(d.image.GetNextFrame(&d.block, nullptr, skipConversion, false, &frame.data), KelOK);
   };
   decode();
   const Bytes red = plane;
@@ -186,7 +178,7 @@ TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   EXPECT_NE(plane, red) << "without the inverse transform";
   decode();
   EXPECT_EQ(plane, red);
-  --strides[0];
+  --frame.strides[0];
   std::fill(plane.begin(), plane.end(), std::uint8_t{0xEE});
   decode();
   EXPECT_EQ(plane, untouched) << "a buffer whose rows are too short must not be used";

@@ -255,16 +255,4 @@ TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
   EXPECT_EQ(Walk(*tile.record.walk), (Packets{{0, 0, 1, 0}}));
 }
 
-TEST_F(PacketWalks, RefusedMemoryLeavesNothingBehind) {
-  test::SweepRefusals(memory, [&] {
-    std::mt19937 random(5);
-    Tile tile(random);
-    tile.style.progressionOrder = KelPCRL;
-    tile.SetChanges(random, 3);
-    tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-    Walk(*tile.record.walk);
-    return KelOK;
-  });
-}
-
 }  // namespace

@@ -92,22 +92,6 @@ TEST_F(CodeStm, HostFailuresAreHandedBackWithThePositionUnchanged) {
   EXPECT_EQ(host.stream.wbuf, nullptr);
 }
 
-TEST_F(CodeStm, RefusedBuffersRaise) {
-  for (const bool seekable : {true, false}) {
-    test::SweepRefusals(memory, [&]() -> KelLong {
-      HostStream host({}, seekable);
-      const Bytes ramp = Ramp(30000);
-      try {
-        for (int i = 0; i < 4; ++i) host.stream.write(ramp.data(), 30000);
-      } catch (const KelException&) {
-        host.stream.flushWriteBuffer();
-        throw;
-      }
-      return host.stream.flushWriteBuffer() < 0 ? KelErrBadParam : KelOK;
-    });
-  }
-}
-
 TEST(Signature, FourPatternsAndNoOthers) {
   KelImage image;
   const auto streamIsKel = [&](const Bytes& bytes, KelLong mostPerRead = INT32_MAX) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <optional>
 
 #include "HostStream.h"
 
@@ -15,14 +16,6 @@ std::int64_t CeilTo(std::int64_t v, int shift) {
 
 /// Larger planes are not gathered: only hostile headers have them.
 constexpr std::int64_t kMostSamples = 1 << 26;
-
-struct Frame {
-  KelFrameData data;
-  std::vector<void*> buffers;
-  std::vector<KelLong> strides, in, out, isSigned;
-  std::vector<double> most, least;
-  std::vector<std::vector<std::uint8_t>> memory;
-};
 
 class Host {
  public:
@@ -107,7 +100,7 @@ class Host {
       Show(job_.source == Source::kUnseekable ? data_.size() : arrived);
       result.frameCode =
           image_.GetNextFrame(job_.source == Source::kMemory ? &block_ : nullptr, nullptr,
-                              job_.skipConversion, job_.skipRecast, &frame_.data);
+                              job_.skipConversion, job_.skipRecast, &frame_->data);
       result.ranOutOfMemory = result.ranOutOfMemory || result.frameCode == KelErrNoMemory;
       if (arrived == data_.size() || job_.source == Source::kUnseekable) break;
     }
@@ -124,42 +117,23 @@ class Host {
     }
   }
 
-  int BitsOf(int c, const Result& result) const {
-    return job_.outBits != 0 ? job_.outBits : result.depths[static_cast<std::size_t>(c)];
-  }
-
   void Describe(int n, const Result& result) {
-    const auto count = static_cast<std::size_t>(n);
-    frame_.buffers.assign(count, nullptr);
-    frame_.memory.resize(count);
+    std::vector<KelLong> bits(result.depths.begin(), result.depths.end());
+    if (job_.outBits != 0) std::fill(bits.begin(), bits.end(), job_.outBits);
+    frame_.emplace(bits);
+    memory_.resize(bits.size());
     for (int c = 0; c < n; ++c) {
-      const int bits = BitsOf(c, result);
-      bits_.push_back(bits);
-      frame_.in.push_back(8);
-      frame_.out.push_back(bits);
-      frame_.isSigned.push_back(0);
-      frame_.most.push_back(static_cast<double>((std::int64_t{1} << bits) - 1));
-      frame_.least.push_back(0);
+      const auto k = static_cast<std::size_t>(c);
       auto [x, y, width, height] = PlaceOf(c);
       if (IsTurned()) std::swap(width, height);
-      const std::int64_t stride = (width * ((bits + 7) / 8) + 15) / 16 * 16;
-      frame_.strides.push_back(static_cast<KelLong>(stride));
+      const std::int64_t stride = (width * ((bits[k] + 7) / 8) + 15) / 16 * 16;
+      frame_->strides[k] = static_cast<KelLong>(stride);
       if (!job_.useHostBuffers) continue;
-      auto& memory = frame_.memory[static_cast<std::size_t>(c)];
-      memory.assign(static_cast<std::size_t>(stride * std::max<std::int64_t>(height, 1)) + 48,
-                    0xEE);
-      const auto address = reinterpret_cast<std::uintptr_t>(memory.data());
-      frame_.buffers[static_cast<std::size_t>(c)] =
-          memory.data() + (16 - address % 16) % 16 + job_.misalign;
+      memory_[k].assign(static_cast<std::size_t>(stride * std::max<std::int64_t>(height, 1)) + 48,
+                        0xEE);
+      const auto address = reinterpret_cast<std::uintptr_t>(memory_[k].data());
+      frame_->buffers[k] = memory_[k].data() + (16 - address % 16) % 16 + job_.misalign;
     }
-    frame_.data.NumChannels = n;
-    frame_.data.OutBuffers = frame_.buffers.data();
-    frame_.data.OutStrides = frame_.strides.data();
-    frame_.data.InBitDepths = frame_.in.data();
-    frame_.data.OutBitDepths = frame_.out.data();
-    frame_.data.OutSigned = frame_.isSigned.data();
-    frame_.data.OutMax = frame_.most.data();
-    frame_.data.OutMin = frame_.least.data();
   }
 
   /// A component from the output images of its tiles, turned back.
@@ -182,15 +156,14 @@ class Host {
       if ((isTurned ? h : w) > image.Width || (isTurned ? w : h) > image.Height) continue;
       const std::int64_t rowBytes = image.SizeOfDataType == 4
                                         ? std::int64_t{image.Width} * 4
-                                        : (std::int64_t{image.Width} * bits_[k] + 7) / 8;
+                                        : (std::int64_t{image.Width} * frame_->outBits[k] + 7) / 8;
       const auto* bytes =
           static_cast<const std::uint8_t*>(KelGetMemObj()->LockBuf(image.GetImageBuffer()));
       for (std::int64_t i = 0; i < w * h; ++i) {
         const std::int64_t x = i % w, y = i / w;
         const auto [column, row] = job_.skipRecast ? std::pair(x, y) : Turned(x, y, w, h);
-        plane.samples[static_cast<std::size_t>((y0 - place.y + y) * plane.width + x0 - place.x +
-                                               x)] =
-            SampleAt(bytes + row * rowBytes, column, image, bits_[k]);
+        plane.At(x0 - place.x + x, y0 - place.y + y) =
+            SampleAt(bytes + row * rowBytes, column, image, frame_->outBits[k]);
       }
       KelGetMemObj()->UnlockBuf(image.GetImageBuffer());
     }
@@ -202,12 +175,12 @@ class Host {
     const auto k = static_cast<std::size_t>(c);
     const Place place = PlaceOf(c);
     Plane plane{place.width, place.height, {}};
-    const auto* bytes = static_cast<const std::uint8_t*>(frame_.buffers[k]);
+    const auto* bytes = static_cast<const std::uint8_t*>(frame_->buffers[k]);
     for (std::int64_t i = 0; i < place.width * place.height; ++i) {
       const auto [x, y] = Turned(i % place.width, i / place.width, place.width, place.height);
-      const std::uint8_t* row = bytes + y * frame_.strides[k];
+      const std::uint8_t* row = bytes + y * frame_->strides[k];
       std::uint16_t word = row[x];
-      if (bits_[k] == 16) std::memcpy(&word, row + 2 * x, 2);
+      if (frame_->outBits[k] == 16) std::memcpy(&word, row + 2 * x, 2);
       plane.samples.push_back(word);
     }
     return plane;
@@ -219,8 +192,9 @@ class Host {
   KelCompressedData block_{};
   KelDecOpt options_;
   KelImage image_;
-  Frame frame_;
-  std::vector<int> reduction_, bits_;
+  std::optional<FrameRequest> frame_;
+  std::vector<Bytes> memory_;
+  std::vector<int> reduction_;
 };
 
 }  // namespace
