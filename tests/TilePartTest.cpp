@@ -166,9 +166,6 @@ TEST_F(TileParts, QueriesAtTheReadPosition) {
   DataSource data(Hex("AB91 0004 0001 AB92 FF92 AB"), Flavour::kAB);
   EXPECT_TRUE(data->SkipSOP() && data->SkipEPH() && !data->SkipEPH());
   EXPECT_EQ(data->GetPosition(), 8);
-  data->SkipForward(2);
-  EXPECT_TRUE(data->IsEOCOrEnd() && data->AtTilePartBoundary() && !data->AtEnd())
-      << "a single byte is the end of tile-parts";
 }
 
 // Tile-parts as small and as wrong as can be: bounded memory, no second walk over the same bytes.

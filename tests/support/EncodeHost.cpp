@@ -97,16 +97,13 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
   const bool fails = ++fetches == failFetch;
   if (fails) *error = fetchError;
   if (fails && !fetchErrorWithBuffer) return nullptr;
-  const Plane& first = image.planes[channels[0]];
   const std::size_t c0 = channels[0];
   const KelTileGeometry box(options.GeomParams, static_cast<KelLong>(c0), tile);
   BitAssembler samples;
   for (KelLong y = box.Y0; y < box.Y1; ++y) {
     for (KelLong x = box.X0; x < box.X1; ++x) {
       for (const std::size_t c : channels) {
-        const auto value = static_cast<std::uint64_t>(
-            image.planes[c].samples[static_cast<std::size_t>(y * first.width + x)]);
-        samples.Sample(value, image.depths[c]);
+        samples.Sample(static_cast<std::uint64_t>(image.planes[c].At(x, y)), image.depths[c]);
       }
     }
     samples.Align();
