@@ -1,4 +1,4 @@
-// The library frame: memory layer and owners, failure record, guard, version.
+// The library frame: memory layer and owners, failure record, guard.
 #include "KelMemFuncDefs.h"
 
 #include <gtest/gtest.h>
@@ -168,15 +168,6 @@ TEST(Guard, TurnsFailuresIntoCodesAndRestoresRounding) {
   details.ClearErrState();
   EXPECT_TRUE(details.errCode == 0 && details.lineNum == -1 && details.srcFile == nullptr);
   EXPECT_STREQ(details.GetErrString(), "Not Available Yet");
-}
-
-TEST(Library, DateInItsForm) {
-  int n[6];
-  char name[4], month[4];
-  EXPECT_EQ(std::sscanf(KelLibBuildDate(), "%3s, %d %3s %d %d:%d:%d %d", name, &n[0], month, &n[1],
-                        &n[2], &n[3], &n[4], &n[5]),
-            8)
-      << KelLibBuildDate();
 }
 
 // Negative numbers, results beyond the type, halves.

@@ -455,8 +455,7 @@ TEST_F(Preview, RefusesWhatThereIsNot) {
   EXPECT_EQ(nothing.GetPreviewData(0), KelErrUnexpected);
   EXPECT_THROW(nothing.Zoom(0, 0, 1, 0, 1, 0, 1, nullptr, nullptr), KelException);
   Encoding encoding(host);
-  EXPECT_EQ(host.encoder.GetPreviewData(-1), KelErrBadParam);
-  EXPECT_EQ(host.encoder.GetPreviewData(2), KelErrBadParam);
+  for (const KelLong t : {-1, 2}) EXPECT_EQ(host.encoder.GetPreviewData(t), KelErrBadParam);
   for (const KelLong r : {-1, 6}) EXPECT_EQ(encoding.Preview(0, kEverything, r), KelErrBadParam);
   const Box empties[] = {
       {5, 5, 0, 9}, {9, 5, 0, 9}, {20, 40, 0, 30}, {0, 20, 30, 60}, {-9, 0, 0, 9}};

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <numeric>
 #include <random>
 
 namespace test {
@@ -28,14 +29,11 @@ Picture MakePicture(KelLong width, KelLong height, const std::vector<KelLong>& d
   Picture image{width, height, depths, sampling, sampling, {}};
   std::mt19937 random(12345);
   for (std::size_t c = 0; c < depths.size(); ++c) {
-    Plane plane;
-    plane.width = (width + sampling[c] - 1) / sampling[c];
-    plane.height = (height + sampling[c] - 1) / sampling[c];
+    Plane plane{
+        (width + sampling[c] - 1) / sampling[c], (height + sampling[c] - 1) / sampling[c], {}};
     const std::int64_t most = (std::int64_t{1} << depths[c]) - 1;
-    for (std::int64_t y = 0; y < plane.height; ++y) {
-      for (std::int64_t x = 0; x < plane.width; ++x) {
-        plane.samples.push_back(SampleOf(content, x, y, c, most, random));
-      }
+    for (std::int64_t i = 0; i < plane.width * plane.height; ++i) {
+      plane.samples.push_back(SampleOf(content, i % plane.width, i / plane.width, c, most, random));
     }
     image.planes.push_back(plane);
   }
@@ -121,16 +119,20 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
   return buffer;
 }
 
-KelLong EncodeHost::EncodeTo(HostStream& stream) {
+KelLong EncodeHost::Init(HostStream& stream) {
   current = this;
   if (numInterleaved != 0) {
     dataProcs.GetTileInterleaved = [](void* client, KelLong tile, KelLong* error) {
       auto& self = *static_cast<EncodeHost*>(client);
       std::vector<std::size_t> channels(static_cast<std::size_t>(self.numInterleaved));
-      for (std::size_t c = 0; c < channels.size(); ++c) channels[c] = c;
+      std::iota(channels.begin(), channels.end(), std::size_t{0});
       return self.Fetch(channels, tile, error);
     };
   }
+  return encoder.InitEncoder(&options, &stream.stream, &procs);
+}
+
+KelLong EncodeHost::EncodeTo(HostStream& stream) {
   KelLong code = Init(stream);
   const KelLong numTiles = code == KelOK ? encoder.GetNumTiles() : 0;
   for (KelLong t = 0; t < numTiles && code == KelOK; ++t) {

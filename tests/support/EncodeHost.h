@@ -56,7 +56,7 @@ class EncodeHost {
   EncodeHost& operator=(const EncodeHost&) = delete;
 
   /// Initialises the encoder; the stream must outlive it.
-  KelLong Init(HostStream& stream) { return encoder.InitEncoder(&options, &stream.stream, &procs); }
+  KelLong Init(HostStream& stream);
   /// Initialises, codes every tile into the stream, and tears down. Returns the first code that is
   /// not 0.
   KelLong EncodeTo(HostStream& stream);
