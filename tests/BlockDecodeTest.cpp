@@ -59,6 +59,16 @@ TEST_F(BlockDecode, WorkedByHand) {
   }
 }
 
+// A resolution of one sample has bands without any, whose blocks the header may call as large as it
+// likes.
+TEST_F(BlockDecode, ABandWithoutSamplesIsItsHeader) {
+  DataSource source(Hex("0909 EE"), kel::Flavour::kAB);
+  const kel::BandOutcome outcome =
+      DecodeBandBlocks(*source, {0, 1, 0, 0, 6, 6, nullptr, 16}, SignLayout::kSeparateSigns);
+  EXPECT_EQ(outcome.end, BandEnd::kWhole);
+  EXPECT_EQ(source->ReadByte(), 0xEEU);
+}
+
 // Edge columns and rows in the wrong order, a source of bits that differs from the other, wide
 // fields, N of 31 and 32, signs behind the wrong coefficient.
 TEST_F(BlockDecode, EverySizeOfBlockFromWindowAndReader) {
