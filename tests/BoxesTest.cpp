@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <string>
 
+#include "BoxText.h"
 #include "DataSource.h"
 #include "HostMemory.h"
 #include "KelFileFormat.h"
@@ -15,44 +15,10 @@ namespace {
 
 using namespace kel;
 using namespace test;
+using Boxes = test::LibraryTest;
 
 constexpr Flavour kFlavours[] = {Flavour::kAB, Flavour::kFF};
 const Delivery kDeliveries[] = {{}, {false}, {false, false}, {false, true, kBoxWindowBytes, 1}};
-
-/// Boxes from text: a type of the standard layout with '_' for a blank, then '=' and a length
-/// where the true one is not meant, then ':' and the contents in hexadecimal digits or '(' child
-/// boxes ')'. Commas part boxes. In the other layout its own types and signature come instead.
-Bytes Boxes(const std::string& text, Flavour flavour, std::size_t& at) {
-  static const std::map<std::string, std::string> own = {
-      {"jP__", "weab"}, {"jp2h", "vrmh"}, {"jp2c", "vrmc"}, {"jpch", "abch"}, {"jplh", "ablh"}};
-  const Bytes difference = Hex("7765EB7E");  // between the contents of the two signatures
-  BitAssembler out;
-  while (at < text.size() && text[at] != ')') {
-    std::string type = text.substr(at, 4);
-    std::size_t digits = 0;
-    const bool isForced = text[at += 4] == '=';
-    const std::size_t length = isForced ? std::stoul(text.substr(at + 1), &digits) : 0;
-    at += isForced ? 1 + digits : 0;
-    Bytes contents;
-    if (text[at] == '(') {
-      contents = Boxes(text, flavour, ++at);
-      ++at;
-    } else if (text[at] == ':') {
-      const std::size_t end = std::min(text.find_first_of(",)", at), text.size());
-      contents = Hex(text.substr(at + 1, end - at - 1));
-      at = end;
-    }
-    if (at < text.size() && text[at] == ',') ++at;
-    if (flavour == Flavour::kAB && own.contains(type)) {
-      const std::size_t n = type == "jP__" ? std::min<std::size_t>(4, contents.size()) : 0;
-      for (std::size_t i = 0; i < n; ++i) contents[i] ^= difference[i];
-      type = own.at(type);
-    }
-    std::replace(type.begin(), type.end(), '_', ' ');
-    out.U32(isForced ? length : contents.size() + 8).Text(type).Append(contents);
-  }
-  return out.Result();
-}
 
 struct ReadFile {
   KelFileInfo info{};
@@ -61,8 +27,7 @@ struct ReadFile {
 
   ReadFile(const std::string& text, Flavour flavour = Flavour::kFF, const Delivery& how = {},
            std::size_t cut = SIZE_MAX) {
-    std::size_t at = 0;
-    Bytes bytes = Boxes(text, flavour, at);
+    Bytes bytes = BoxBytes(text, flavour);
     bytes.resize(std::min(cut, bytes.size()));
     ScopeGuard release([&] { ReleaseFileInfo(&info); });
     DataSource data(bytes, flavour, how);
@@ -127,7 +92,6 @@ std::string Describe(const KelFileInfo& f) {
 
 const std::string kUuid = "000102030405060708090A0B0C0D0E0F";
 const std::string kIhdr = "ihdr:00000030 00000038 0003 07 07 00 00";
-const std::string kStart = "jP__:0D0A870A,ftyp:6A703220 00000000,";
 
 /// One of everything, up to the code-stream box.
 const std::string kFull =
@@ -154,12 +118,10 @@ const std::string kDescription =
 
 // A field read from the wrong place, a box not put behind, a layout or a way of delivery that
 // differs from the others.
-TEST(Boxes, OneOfEverything) {
-  HostMemory memory;
+TEST_F(Boxes, OneOfEverything) {
   const std::string behind = "jp2c:ABCDEF,xml_:3C7A,jp2c:01,uuid:" + kUuid;
   for (const Flavour flavour : kFlavours) {
-    std::size_t at = 0;
-    const auto start = static_cast<std::int64_t>(Boxes(kFull, flavour, at).size()) + 8;
+    const auto start = static_cast<std::int64_t>(BoxBytes(kFull, flavour).size()) + 8;
     for (const Delivery& how : kDeliveries) {
       const ReadFile file(kFull + behind, flavour, how);
       EXPECT_EQ(file.code, KelErrBoxStructure);
@@ -175,13 +137,10 @@ TEST(Boxes, OneOfEverything) {
 }
 
 // Cuts and windows: the same code and findings however the data arrive, and never a crash.
-TEST(Boxes, EveryCut) {
-  HostMemory memory;
+TEST_F(Boxes, EveryCut) {
   const std::string text = kFull + "jp2c:ABCDEF,xml_:3C7A,uuid:" + kUuid + "00";
-  std::size_t at = 0;
-  const std::size_t start = Boxes(kFull, Flavour::kFF, at).size() + 8;
-  at = 0;
-  const std::size_t size = Boxes(text, Flavour::kFF, at).size();
+  const std::size_t start = BoxBytes(kFull, Flavour::kFF).size() + 8;
+  const std::size_t size = BoxBytes(text, Flavour::kFF).size();
   for (std::size_t cut = 0; cut < size; ++cut) {
     const ReadFile block(text, Flavour::kFF, {}, cut);
     for (const Delivery& how : kDeliveries) {
@@ -208,8 +167,7 @@ KelLong CodeOf(const std::string& text) {
   return file.code;
 }
 
-TEST(Boxes, Limits) {
-  HostMemory memory;
+TEST_F(Boxes, Limits) {
   const auto expect = [](KelLong code, std::initializer_list<std::string> texts) {
     for (const std::string& text : texts) EXPECT_EQ(CodeOf(text + ",jp2c:00"), code) << text;
   };
@@ -241,8 +199,7 @@ TEST(Boxes, Limits) {
 }
 
 // Boxes that the data cut off, and boxes that end with the data.
-TEST(Boxes, Ends) {
-  HostMemory memory;
+TEST_F(Boxes, Ends) {
   for (const char* text :
        {"ftyp=99:6A703220", "uuid=40:00", "jp2h=99(colr=20:01", "jplh=99(lbl_:00", "jP__=12:0D"}) {
     EXPECT_EQ(CodeOf(text), 26) << text;
@@ -270,8 +227,7 @@ std::string Found(const std::string& children, const std::string& further = "") 
 }
 
 // Findings that are said twice, in part, or not at all.
-TEST(Boxes, Findings) {
-  HostMemory memory;
+TEST_F(Boxes, Findings) {
   const std::string pclr = "pclr:0002 02 07 07 01 02 03 04,";
   EXPECT_EQ(Found(pclr), "\npclr 2 7,7 1,3 2,4");
   EXPECT_EQ(Found(pclr + "cmap:0005 01 01"), "\npclr 2 7,7 2,4 2,4 cmap 5,0 1,0 1,0")
@@ -301,8 +257,7 @@ TEST(Boxes, Findings) {
             " 3,0,0,0 icc\ncdef 0 1 0 0");
 }
 
-TEST(Boxes, ChoiceOfTheProfile) {
-  HostMemory memory;
+TEST_F(Boxes, ChoiceOfTheProfile) {
   const auto chosen = [](const std::string& colr) {
     const ReadFile file("jp2h(" + colr + "),jp2c:00");
     const __tagICCProfile* profile = ChooseICCProfile(file.info.ColorSpecList);
@@ -315,8 +270,7 @@ TEST(Boxes, ChoiceOfTheProfile) {
 }
 
 // What is announced but has not arrived must not be obtained.
-TEST(Boxes, MemoryFollowsTheData) {
-  HostMemory memory;
+TEST_F(Boxes, MemoryFollowsTheData) {
   for (const char* text :
        {"xml_=4294967295:00", "uuid=4294967295:", "jp2h=4294967295(colr=4294967200:02 00 00 00",
         "jp2h=4294967295(pclr=4294967200:FFFF FF 07", "xml_=1:FFFFFFFF FFFFFFFF 00",
@@ -337,8 +291,7 @@ TEST(Boxes, MemoryFollowsTheData) {
   EXPECT_EQ(file.info.XMLBoxes[0].data[349999], 5);
 }
 
-TEST(Boxes, RefusalsLeakNothing) {
-  HostMemory memory;
+TEST_F(Boxes, RefusalsLeakNothing) {
   for (const Flavour flavour : kFlavours) {
     const std::size_t runs = SweepRefusals(memory, [&] {
       try {

@@ -15,35 +15,33 @@
 namespace {
 
 using namespace kel;
-using test::Bytes;
-using test::HostMemory;
+using namespace test;
 using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
+using ColorTransform = test::LibraryTest;
+using OutputConvert = test::LibraryTest;
+using PlanePreparation = test::LibraryTest;
 
 /// A host's buffer of two rows of pixels, and the samples in it by pixel and channel.
 struct HostBuffer {
   std::int64_t width;
   std::uint32_t channels;
   int depth;
-  std::vector<std::uint32_t> values;
-  Bytes bytes;  // exactly as long as the samples
-  std::vector<std::uint16_t> words;
+  std::vector<std::uint32_t> values{};
+  Bytes bytes{};  // exactly as long as the samples
 
   HostBuffer(std::int64_t w, std::uint32_t n, int bits) : width(w), channels(n), depth(bits) {
     static std::mt19937 random(6);
-    test::BitAssembler rows;
+    BitAssembler rows;
     for (std::int64_t i = 0; i < 2 * w * n; ++i) {
       if (i == w * n) rows.Align();
       values.push_back(static_cast<std::uint32_t>(random()) >> (32 - depth));
-      words.push_back(static_cast<std::uint16_t>(values.back()));
-      rows.Bits(values.back(), depth);
+      rows.Sample(values.back(), depth);
     }
     bytes = rows.Result();
   }
   SampleSource Channel(std::uint32_t c) const {
-    const void* samples = bytes.data();
-    if (depth == 16) samples = words.data();
-    return MakeSampleSource(samples, width, depth, channels, c);
+    return MakeSampleSource(bytes.data(), width, depth, channels, c);
   }
   std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
     return static_cast<std::int32_t>(values[pixel * channels + c] - (1U << (depth - 1)));
@@ -52,8 +50,7 @@ struct HostBuffer {
 
 /// Every depth, alone and interleaved, into rows longer than they need be: a bit taken from a
 /// neighbour, an offset of another depth, or a cell written behind the row would show.
-TEST(PreparePlane, ReadsEveryLayout) {
-  HostMemory memory;
+TEST_F(PlanePreparation, ReadsEveryLayout) {
   for (int depth = 1; depth <= 28; ++depth) {
     for (const auto& [width, channels] :
          {std::pair{1, 1U}, {10, 1U}, {37, 3U}, {30, 19U}, {1100, 2U}}) {
@@ -82,12 +79,13 @@ struct Triple {
   std::vector<HostBuffer> buffers;
   std::uint32_t spacing = 1;
 
-  SampleSource Source(std::uint32_t c) const {
-    return buffers.size() == 1 ? buffers[0].Channel(c * spacing) : buffers[c].Channel(0);
+  std::pair<const HostBuffer*, std::uint32_t> Place(std::uint32_t c) const {
+    if (buffers.size() == 1) return {&buffers[0], c * spacing};
+    return {&buffers[c], 0};
   }
-  std::int32_t Levelled(std::size_t pixel, std::size_t c) const {
-    return buffers.size() == 1 ? buffers[0].Levelled(pixel, c * spacing)
-                               : buffers[c].Levelled(pixel, 0);
+  SampleSource Source(std::uint32_t c) const { return Place(c).first->Channel(Place(c).second); }
+  std::int32_t Levelled(std::size_t pixel, std::uint32_t c) const {
+    return Place(c).first->Levelled(pixel, Place(c).second);
   }
 };
 
@@ -150,8 +148,7 @@ struct Planes {
   }
 };
 
-TEST(ColorTransform, ReversibleIsExactBothWays) {
-  HostMemory memory;
+TEST_F(ColorTransform, ReversibleIsExactBothWays) {
   for (const Triple& triple : Triples()) {
     Planes<std::int32_t> image(triple);
     image.ForEach([&](std::size_t i, std::int32_t y, std::int32_t u, std::int32_t v) {
@@ -168,8 +165,7 @@ TEST(ColorTransform, ReversibleIsExactBothWays) {
 }
 
 /// The two matrices are inverse to each other within the digits that they are given with.
-TEST(ColorTransform, IrreversibleKeepsToItsFormulas) {
-  HostMemory memory;
+TEST_F(ColorTransform, IrreversibleKeepsToItsFormulas) {
   for (const Triple& triple : Triples()) {
     Planes<float> image(triple);
     double largest = 0;
@@ -185,28 +181,21 @@ TEST(ColorTransform, IrreversibleKeepsToItsFormulas) {
   }
 }
 
-TEST(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
-  HostMemory memory;
+TEST_F(ColorTransform, AppliesToThreeColoursSubsampledAlike) {
   KelEncOpt options;
   options.InitToDefaults(64, 64, 64, 64, 4, 8);
   KelImageGeometry& geometry = *options.GeomParams;
-  const auto applies = [&](auto& field, int value) {
-    const auto before = std::exchange(field, value);
-    const bool result = ColorTransformApplies(options);
-    field = before;
-    return result;
-  };
   options.NumColorChannels = 3;
+  EXPECT_FALSE(ColorTransformApplies(options));
   options.ComponentTransform = true;
-  EXPECT_TRUE(ColorTransformApplies(options));
-  EXPECT_TRUE(applies(geometry.XRsiz[3], 2)) << "the fourth component plays no part";
-  for (const int c : {1, 2}) {
-    EXPECT_FALSE(applies(geometry.XRsiz[c], 2));
-    EXPECT_FALSE(applies(geometry.YRsiz[c], 2));
+  geometry.XRsiz[3] = 2;
+  EXPECT_TRUE(ColorTransformApplies(options)) << "the fourth component plays no part";
+  for (KelLong* field : {&geometry.XRsiz[1], &geometry.XRsiz[2], &geometry.YRsiz[1],
+                         &geometry.YRsiz[2], &geometry.Csiz, &options.NumColorChannels}) {
+    const KelLong before = std::exchange(*field, 2);
+    EXPECT_FALSE(ColorTransformApplies(options)) << before;
+    *field = before;
   }
-  EXPECT_FALSE(applies(geometry.Csiz, 2));
-  EXPECT_FALSE(applies(options.NumColorChannels, 2));
-  EXPECT_FALSE(applies(options.ComponentTransform, false));
   options.Die();
 }
 
@@ -219,8 +208,7 @@ Bytes PixelOf(Cell y, Cell second, Cell third) {
   return pixel;
 }
 
-TEST(OutputConvert, RoundsClampsAndWraps) {
-  HostMemory memory;
+TEST_F(OutputConvert, RoundsClampsAndWraps) {
   for (const auto& [y, byte] : {std::pair{127.5F, 255}, {-128.5F, 0}, {0.5F, 128}, {1.5F, 130}}) {
     EXPECT_EQ(PixelOf(y, 0.F, 0.F), Bytes(3, static_cast<std::uint8_t>(byte))) << "halves to even";
   }
@@ -254,8 +242,7 @@ void CheckBytesOf(const Triple& triple) {
   }
 }
 
-TEST(OutputConvert, EightBitColoursSurvive) {
-  HostMemory memory;
+TEST_F(OutputConvert, EightBitColoursSurvive) {
   const Triple triple{{HostBuffer(kWidth, 3, 8)}};
   CheckBytesOf<std::int32_t>(triple);
   CheckBytesOf<float>(triple);

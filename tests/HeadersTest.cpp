@@ -14,6 +14,7 @@ namespace {
 
 using namespace kel;
 using namespace test;
+using Headers = test::LibraryTest;
 
 /// A header from text: segments parted by '|', each the second byte of its marker and then the
 /// bytes behind its length in hexadecimal digits. '!' at the end of one makes it a marker alone;
@@ -128,8 +129,7 @@ const std::string kFull = "4F!|" + Siz("100 80 3 0 4294967295 80 0 0", 3, "8B020
                           kCOD + "|64 0000 627965|" + kSOT;
 
 // A field read from the wrong place, stored without its offset, or read differently in one flavour.
-TEST(Headers, OneOfEverything) {
-  HostMemory memory;
+TEST_F(Headers, OneOfEverything) {
   const std::string expected =
       " 100,80,3,0,2147483647,80,0,0,4660,1 2,2,2 3,3,3 12,12,12 1,1,1"
       "\nCOD 0,0,0,1,0,0,0,1,1 15,15,3,3,2,0,2,3,1 15,15,15 15,15,15"
@@ -150,8 +150,7 @@ TEST(Headers, OneOfEverything) {
 
 // The end of the data refuses a main header. A tile-part header is where progressive data end: that
 // is no failure, and the position goes to the end.
-TEST(Headers, EveryCut) {
-  HostMemory memory;
+TEST_F(Headers, EveryCut) {
   const std::string tile =
       kSOT + '|' + kCOD + "|5D 02 22 5123 5124|70 0102|91 0007|5F 00 00 0002 03 02 04|93!";
   const std::size_t mainSize = Assemble(kFull, Flavour::kAB).size();
@@ -172,8 +171,7 @@ TEST(Headers, EveryCut) {
 }
 
 // Fields at their limits and just beyond.
-TEST(Headers, Limits) {
-  HostMemory memory;
+TEST_F(Headers, Limits) {
   const auto expect = [](KelLong code, std::initializer_list<std::string> segments) {
     for (const std::string& segment : segments) {
       const std::string header = segment[1] == '2' ? segment : kCOD + '|' + segment;
@@ -233,8 +231,7 @@ TEST(Headers, Limits) {
   for (const KelLong code : {10, 0, 10}) EXPECT_EQ(SkipMarkerSegment(*data, 0xFFFF), code);
 }
 
-TEST(Headers, OrdersAndRepetitions) {
-  HostMemory memory;
+TEST_F(Headers, OrdersAndRepetitions) {
   const std::string coc = "53 02 00 03 01 01 00 00", qcc = "5D 02 20 10", rgn = "5E 02 00 05";
   const std::string poc = "5F 00 00 0001 01 01 00", soc = "4F!";
   EXPECT_EQ(MainCode(kSIZ + kRest), KelOK) << "SOC may be missing";
@@ -272,8 +269,7 @@ TEST(Headers, OrdersAndRepetitions) {
 }
 
 // The width of component indices turns at 257 components.
-TEST(Headers, WidthOfComponentIndices) {
-  HostMemory memory;
+TEST_F(Headers, WidthOfComponentIndices) {
   for (const std::uint32_t Csiz : {256U, 257U}) {
     const std::string index = Csiz == 257 ? "0100" : "FF", zero = Csiz == 257 ? "0000" : "00";
     const ReadSet read(Siz("100 80 0 0 64 80 0 0", Csiz) + "|53" + index +
@@ -290,8 +286,7 @@ TEST(Headers, WidthOfComponentIndices) {
 }
 
 // What is announced but has not arrived must not be obtained.
-TEST(Headers, MemoryFollowsTheData) {
-  HostMemory memory;
+TEST_F(Headers, MemoryFollowsTheData) {
   std::string siz = kSIZ.substr(0, kSIZ.size() - 22) + "FFFF 070101";  // 65535 components
   memory.ResetPeak();
   for (const std::string& header : {siz, kSIZ + "|5F 00 =65000", kSIZ + "|64 00 =65000"}) {
@@ -318,8 +313,7 @@ void CheckCopy(HostMemory& memory, Record& source, Copy copy, Release release) {
 }
 
 // Copies that share or cut arrays; blocks that a refused request leaves behind.
-TEST(Headers, CopiesAndRefusals) {
-  HostMemory memory;
+TEST_F(Headers, CopiesAndRefusals) {
   ReadSet read(kFull, true);
   KelHeaderParams& set = read.set;
   CheckCopy(memory, set.componentStyles[0], CopyCodingStyle, ReleaseCodingStyle);

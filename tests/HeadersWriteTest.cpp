@@ -4,27 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 
 #include "BitAssembler.h"
 #include "HostMemory.h"
 #include "HostStream.h"
+#include "OwnedOptions.h"
 
 namespace {
 
-using test::BitAssembler;
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
-
-/// Options that release themselves.
-struct Options : KelEncOpt {
-  Options(KelLong width, KelLong height, KelLong components, KelLong depth) {
-    InitToDefaults(width, height, width, height, components, depth);
-    CodeBlockWidthExp = CodeBlockHeightExp = 3;
-  }
-  ~Options() { Die(); }
-};
+using namespace test;
+using Options = test::OwnedOptions;
+using HeadersWrite = test::LibraryTest;
 
 Bytes MainHeader(const KelEncOpt& options) {
   HostStream host({}, false);
@@ -45,8 +36,7 @@ Bytes Segment(const Bytes& header, std::uint8_t marker) {
 }
 
 // Style bits in the wrong place; precinct bytes missing, swapped or not counted.
-TEST(HeadersWrite, CodingStyleBits) {
-  HostMemory memory;
+TEST_F(HeadersWrite, CodingStyleBits) {
   Options o(64, 64, 1, 8);
   o.UseSOP = o.UseEPH = true;
   o.CbBypass = o.CbVertCausal = o.CbSegSymbols = true;
@@ -63,8 +53,7 @@ TEST(HeadersWrite, CodingStyleBits) {
 
 // Extra channels numbered by their place in the image instead of in the stream; a segment for a
 // channel that is not written; the depth or guard bits of the wrong component.
-TEST(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
-  HostMemory memory;
+TEST_F(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
   Options o(64, 64, 7, 8);
   o.NumLevels = 1;
   o.NumColorChannels = 4;
@@ -91,8 +80,7 @@ TEST(HeadersWrite, ExtraChannelsGoByTheirNumberInTheStream) {
 }
 
 // Component indices of the wrong width from 257 components on; a comment that wraps its length.
-TEST(HeadersWrite, WideIndicesAndLongComments) {
-  HostMemory memory;
+TEST_F(HeadersWrite, WideIndicesAndLongComments) {
   Options o(8, 8, 300, 8);
   o.NumLevels = 0;
   o.NumColorChannels = 299;
@@ -120,8 +108,7 @@ Bytes HeaderOf(const kel::KelHeaderParams& set) {
 
 // Psot without the header's own bytes; coding segments in a later tile-part; regions, progression
 // changes and both forms of quantisation in the wrong layout.
-TEST(HeadersWrite, TilePartHeaders) {
-  HostMemory memory;
+TEST_F(HeadersWrite, TilePartHeaders) {
   kel::KelHeaderParams set{};
   set.Isot = 0x0102;
   set.TNsot = 3;
@@ -149,20 +136,12 @@ TEST(HeadersWrite, TilePartHeaders) {
   changes = {2,     1, &resolutions[0], &components[0], layers, &resolutions[1], &components[1],
              order, 1};
   set.progressionChanges = &changes;
-  const Bytes poc = Hex("AB5F 0009 01 00 0304 06 02 04");
-  EXPECT_EQ(HeaderOf(set), BitAssembler()
-                               .Append(Hex("AB90 000A 0102 000000A0 00 03"
-                                           "AB5C 000B 42 FFFF 1001 1800 2400 AB5D 0006 01 61 FFFF"
-                                           "AB5E 0005 00 00 09 AB5E 0005 01 00 09"))
-                               .Append(poc)
-                               .Append(Hex("AB93"))
-                               .Result());
+  const std::string poc = "AB5F 0009 01 00 0304 06 02 04 AB93";
+  EXPECT_EQ(HeaderOf(set), Hex("AB90 000A 0102 000000A0 00 03 AB5C 000B 42 FFFF 1001 1800 2400"
+                               "AB5D 0006 01 61 FFFF AB5E 0005 00 00 09 AB5E 0005 01 00 09" +
+                               poc));
   set.TPsot = 2;
-  EXPECT_EQ(HeaderOf(set), BitAssembler()
-                               .Append(Hex("AB90 000A 0102 0000007D 02 03"))
-                               .Append(poc)
-                               .Append(Hex("AB93"))
-                               .Result());
+  EXPECT_EQ(HeaderOf(set), Hex("AB90 000A 0102 0000007D 02 03" + poc));
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
-// The walk over packets against the orders written out as plain loops, for random tiles with
+// The walk over packets against all packets sorted by the keys of each order, for random tiles with
 // subsampling, precincts and several levels.
 #include "KelPacketWalk.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -16,9 +19,17 @@ namespace {
 
 using namespace kel;
 using test::HostMemory;
+using PacketWalks = test::LibraryTest;
 
 using Packet = std::tuple<int, int, int, std::int64_t>;  // layer, resolution, component, precinct
 using Packets = std::vector<Packet>;
+
+ResolutionRecord ResolutionOf(const Box& box, int widthExp, int heightExp) {
+  ResolutionRecord resolution{};
+  resolution.precincts = PartitionBox(box, widthExp, heightExp);
+  resolution.numAtLeast = resolution.precincts.Count();
+  return resolution;
+}
 
 /// A tile with hand-made records, as laying it out would leave them.
 struct Tile {
@@ -34,28 +45,22 @@ struct Tile {
     const auto pick = [&](int least, int most) {
       return std::uniform_int_distribution<int>(least, most)(random);
     };
+    const auto exponent = [&] { return pick(0, 3) == 0 ? kWholePrecinct : pick(1, 4); };
     record.box = {pick(0, 9), pick(10, 40), pick(0, 9), pick(10, 40)};
-    const int numComps = pick(1, 4);
+    comps.resize(std::size_t(pick(1, 4)));
+    resolutions.resize(comps.size());
     const int numLevels = pick(0, 3);
-    comps.resize(std::size_t(numComps));
-    resolutions.resize(std::size_t(numComps));
     for (std::size_t c = 0; c < comps.size(); ++c) {
-      TileCompRecord& comp = comps[c];
-      comp = {};
-      comp.tileGeom.XRsiz = c == 0 ? 1 : pick(1, 3);
-      comp.tileGeom.YRsiz = c == 0 ? 1 : pick(1, 3);
-      comp.numLevels = numLevels;
-      const Box box = {
-          CeilDiv(record.box.x0, comp.tileGeom.XRsiz), CeilDiv(record.box.x1, comp.tileGeom.XRsiz),
-          CeilDiv(record.box.y0, comp.tileGeom.YRsiz), CeilDiv(record.box.y1, comp.tileGeom.YRsiz)};
-      for (int r = 0; r <= numLevels; ++r) {
-        ResolutionRecord resolution{};
-        const auto exponent = [&] { return pick(0, 3) == 0 ? kWholePrecinct : pick(1, 4); };
-        resolution.precincts = PartitionBox(ReduceBox(box, numLevels - r), exponent(), exponent());
-        resolution.numAtLeast = resolution.precincts.Count();
-        resolutions[c].push_back(resolution);
+      const int across = c == 0 ? 1 : pick(1, 3), down = c == 0 ? 1 : pick(1, 3);
+      comps[c].tileGeom.XRsiz = across;
+      comps[c].tileGeom.YRsiz = down;
+      const Box box = {CeilDiv(record.box.x0, across), CeilDiv(record.box.x1, across),
+                       CeilDiv(record.box.y0, down), CeilDiv(record.box.y1, down)};
+      std::vector<ResolutionRecord> all;
+      for (int r = numLevels; r >= 0; --r) {
+        all.push_back(ResolutionOf(ReduceBox(box, r), exponent(), exponent()));
       }
-      comp.resolutions = resolutions[c].data();
+      SetResolutions(c, all);
     }
     style.numLayers = pick(1, 3);
     style.progressionOrder = pick(0, 4);
@@ -63,22 +68,39 @@ struct Tile {
     record.params.style = &style;
     record.params.changes = &changes;
   }
-
+  void SetResolutions(std::size_t c, const std::vector<ResolutionRecord>& all) {
+    resolutions[c] = all;
+    comps[c].numLevels = static_cast<int>(all.size()) - 1;
+    comps[c].resolutions = resolutions[c].data();
+  }
   int NumComps() const { return static_cast<int>(comps.size()); }
-  std::int64_t Count(int c, int r) const {
-    return resolutions[std::size_t(c)][std::size_t(r)].precincts.Count();
+  const auto& Grid(int c, int r) const {
+    return resolutions[std::size_t(c)][std::size_t(r)].precincts;
+  }
+  /// Where a precinct begins on the canvas, inside the tile.
+  std::pair<std::int64_t, std::int64_t> Corner(int c, int r, std::int64_t p) const {
+    const TileCompRecord& comp = comps[std::size_t(c)];
+    const auto& grid = Grid(c, r);
+    const std::int64_t column = p % grid.across, row = p / grid.across;
+    const auto edge = [&](std::int64_t i, int exponent, int sub) {
+      return (i << (comp.numLevels - r + exponent)) * sub;
+    };
+    return {
+        column == 0 ? record.box.x0
+                    : edge(grid.firstColumn + column, grid.widthExp, comp.tileGeom.XRsiz),
+        row == 0 ? record.box.y0 : edge(grid.firstRow + row, grid.heightExp, comp.tileGeom.YRsiz)};
   }
   void SetChanges(std::mt19937& random, int count) {
-    const auto pick = [&](int most) { return std::uniform_int_distribution<int>(0, most)(random); };
-    rs.clear(), re.clear(), order.clear(), cs.clear(), ce.clear(), ly.clear();
-    for (int i = 0; i < count; ++i) {
-      rs.push_back(static_cast<std::uint8_t>(pick(2)));
-      re.push_back(static_cast<std::uint8_t>(pick(5)));
-      order.push_back(static_cast<std::uint8_t>(pick(4)));
-      cs.push_back(static_cast<std::uint16_t>(pick(1)));
-      ce.push_back(static_cast<std::uint16_t>(pick(4)));
-      ly.push_back(static_cast<std::uint16_t>(pick(4)));
-    }
+    const auto fill = [&](auto& values, unsigned most) {
+      values.resize(std::size_t(count));
+      for (auto& value : values) value = static_cast<std::uint8_t>(random() % (most + 1));
+    };
+    fill(rs, 2);
+    fill(re, 5);
+    fill(order, 4);
+    fill(cs, 1);
+    fill(ce, 4);
+    fill(ly, 4);
     changes = {1, count, rs.data(), cs.data(), ly.data(), re.data(), ce.data(), order.data(), 1};
   }
   ~Tile() {
@@ -95,76 +117,28 @@ struct Tile {
   }
 };
 
-/// One entry's packets by plain loops.
+/// One entry's packets: all that there are within its bounds, sorted by the keys of its order. RPCL
+/// goes by the precincts of component 0, CPRL knows one precinct only.
 Packets ExpectedOfEntry(const Tile& tile, const ProgressionEntry& e) {
-  Packets packets;
-  const auto add = [&](int l, int r, int c, std::int64_t p) {
-    if (p < tile.Count(c, r)) packets.emplace_back(l, r, c, p);
-  };
-  const auto layers = [&](auto body) {
-    for (int l = 0; l < e.layerEnd; ++l) body(l);
-  };
-  const auto res = [&](auto body) {
-    for (int r = e.resolutionStart; r < e.resolutionEnd; ++r) body(r);
-  };
-  const auto comps = [&](auto body) {
-    for (int c = e.componentStart; c < e.componentEnd; ++c) body(c);
-  };
-  const auto precincts = [&](std::int64_t n, auto body) {
-    for (std::int64_t p = 0; p < n; ++p) body(p);
-  };
-  switch (e.order) {
-    case KelLRCP:
-      layers([&](int l) {
-        res([&](int r) {
-          comps([&](int c) { precincts(tile.Count(c, r), [&](auto p) { add(l, r, c, p); }); });
-        });
-      });
-      break;
-    case KelRLCP:
-      res([&](int r) {
-        layers([&](int l) {
-          comps([&](int c) { precincts(tile.Count(c, r), [&](auto p) { add(l, r, c, p); }); });
-        });
-      });
-      break;
-    case KelRPCL:
-      res([&](int r) {
-        precincts(tile.Count(0, r),
-                  [&](auto p) { comps([&](int c) { layers([&](int l) { add(l, r, c, p); }); }); });
-      });
-      break;
-    case KelPCRL:
-      for (std::int64_t y = tile.record.box.y0; y < tile.record.box.y1; ++y) {
-        for (std::int64_t x = tile.record.box.x0; x < tile.record.box.x1; ++x) {
-          comps([&](int c) {
-            res([&](int r) {
-              // The precinct whose upper left corner on the canvas is (x, y), if there is one.
-              const auto& grid = tile.resolutions[std::size_t(c)][std::size_t(r)].precincts;
-              if (grid.Count() == 0) return;
-              const TileCompRecord& comp = tile.comps[std::size_t(c)];
-              const int below = comp.numLevels - r;
-              const auto index = [&](std::int64_t v, std::int64_t edge, int sub, int exponent,
-                                     std::int64_t first) -> std::int64_t {
-                if (v == edge) return 0;
-                if (exponent >= kWholePrecinct) return -1;
-                const std::int64_t size = std::int64_t{sub} << (below + exponent);
-                return v % size == 0 && v / size > first ? v / size - first : -1;
-              };
-              const std::int64_t column = index(x, tile.record.box.x0, comp.tileGeom.XRsiz,
-                                                grid.widthExp, grid.firstColumn);
-              const std::int64_t row =
-                  index(y, tile.record.box.y0, comp.tileGeom.YRsiz, grid.heightExp, grid.firstRow);
-              if (column < 0 || row < 0 || column >= grid.across || row >= grid.down) return;
-              layers([&](int l) { add(l, r, c, row * grid.across + column); });
-            });
-          });
+  std::vector<std::pair<std::array<std::int64_t, 5>, Packet>> keyed;
+  for (int r = e.resolutionStart; r < e.resolutionEnd; ++r) {
+    for (int c = e.componentStart; c < e.componentEnd; ++c) {
+      std::int64_t count = tile.Grid(c, r).Count();
+      if (e.order == KelRPCL) count = std::min(count, tile.Grid(0, r).Count());
+      if (e.order == KelCPRL) count = std::min<std::int64_t>(count, 1);
+      for (std::int64_t p = 0; p < count; ++p) {
+        const auto [x, y] = tile.Corner(c, r, p);
+        for (int l = 0; l < e.layerEnd; ++l) {
+          const std::array<std::int64_t, 5> keys[] = {
+              {l, r, c, p}, {r, l, c, p}, {r, p, c, l}, {y, x, c, r, l}, {c, r, l}};
+          keyed.push_back({keys[e.order], {l, r, c, p}});
         }
       }
-      break;
-    default:
-      comps([&](int c) { res([&](int r) { layers([&](int l) { add(l, r, c, 0); }); }); });
+    }
   }
+  std::sort(keyed.begin(), keyed.end());
+  Packets packets;
+  for (const auto& [key, packet] : keyed) packets.push_back(packet);
   return packets;
 }
 
@@ -205,53 +179,33 @@ Packets Walk(PacketWalk& walk, std::size_t most = SIZE_MAX) {
   return packets;
 }
 
-TEST(PacketWalk, EveryOrderAsPlainLoops) {
-  HostMemory memory;
+// A wrong order or bound in any progression; packets repeated or lost by several changes, or by a
+// change in the header of a later tile-part.
+TEST_F(PacketWalks, EveryOrderAndChange) {
   std::mt19937 random(1);
-  for (int round = 0; round < 400; ++round) {
+  for (int round = 0; round < 1500; ++round) {
     Tile tile(random);
+    if (round % 3 != 0) tile.SetChanges(random, round % 4);
     tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
     const Packets expected = Expected(tile);
-    ASSERT_EQ(Walk(*tile.record.walk), expected)
-        << "order " << tile.style.progressionOrder << " round " << round;
-  }
-}
-
-TEST(PacketWalk, ProgressionChangesPassOverWhatWasHandled) {
-  HostMemory memory;
-  std::mt19937 random(2);
-  for (int round = 0; round < 600; ++round) {
-    Tile tile(random);
-    tile.SetChanges(random, 1 + round % 4);
-    tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-    ASSERT_EQ(Walk(*tile.record.walk), Expected(tile)) << "round " << round;
-  }
-}
-
-// A change in the header of a later tile-part must neither repeat nor lose packets.
-TEST(PacketWalk, ChangesInTheMiddleOfATile) {
-  HostMemory memory;
-  std::mt19937 random(3);
-  for (int round = 0; round < 600; ++round) {
-    Tile tile(random);
-    if (round % 2 == 0) tile.SetChanges(random, 1 + round % 3);
-    tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-    const std::size_t most = random() % 40;
-    const Packets handled = Walk(*tile.record.walk, most);
+    if (round % 2 == 0) {
+      ASSERT_EQ(Walk(*tile.record.walk), expected)
+          << "order " << tile.style.progressionOrder << " round " << round;
+      continue;
+    }
+    const Packets handled = Walk(*tile.record.walk, random() % 40);
     tile.SetChanges(random, 1 + round % 3);
     ReplaceProgression(*tile.record.walk);
     ASSERT_EQ(Walk(*tile.record.walk), Expected(tile, handled)) << "round " << round;
   }
 }
 
-TEST(PacketWalk, AnEmptyTilePartIsAComponentsTurn) {
-  HostMemory memory;
+// A turn that skips a component, or stays on one.
+TEST_F(PacketWalks, AnEmptyTilePartIsAComponentsTurn) {
   std::mt19937 random(4);
-  Tile tile(random);
-  while (tile.NumComps() < 3) {
-    tile.~Tile();
-    new (&tile) Tile(random);
-  }
+  std::optional<Tile> made;
+  while (!made || made->NumComps() < 3) made.emplace(random);
+  Tile& tile = *made;
   tile.style.progressionOrder = KelCPRL;
   tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
   PassEmptyTilePart(*tile.record.walk);
@@ -266,22 +220,14 @@ TEST(PacketWalk, AnEmptyTilePartIsAComponentsTurn) {
 // Loops whose length a small header sets, over packets that do not exist: a change to RPCL that
 // leaves out a component 0 of 2^40 precincts, tiles without samples in thousands of layers, and a
 // component's empty turn. Each took minutes, or no end, when it was run through.
-TEST(PacketWalk, LoopsWithoutPacketsAreNotRunThrough) {
-  HostMemory memory;
+TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
   std::mt19937 random(6);
   Tile tile(random);
-  const int levels = 32;
   for (const Box& box : {Box{0, 1, 0, 1}, Box{1, 1, 0, 1}}) {
-    for (std::size_t c = 0; c < tile.comps.size(); ++c) {
-      ResolutionRecord record{};
-      record.precincts = PartitionBox(box, 1, 1);
-      record.numAtLeast = record.precincts.Count();
-      tile.resolutions[c].assign(levels + 1, record);
-      // Only the highest resolution of each component has samples, if any.
-      for (int r = 0; r < levels; ++r) tile.resolutions[c][std::size_t(r)] = {};
-      tile.comps[c].numLevels = levels;
-      tile.comps[c].resolutions = tile.resolutions[c].data();
-    }
+    // Only the highest resolution of each component has samples, if any.
+    std::vector<ResolutionRecord> all(33);
+    all.back() = ResolutionOf(box, 1, 1);
+    for (std::size_t c = 0; c < tile.comps.size(); ++c) tile.SetResolutions(c, all);
     tile.style.numLayers = 65535;
     const auto start = std::chrono::steady_clock::now();
     for (int round = 0; round < 200; ++round) {
@@ -297,46 +243,16 @@ TEST(PacketWalk, LoopsWithoutPacketsAreNotRunThrough) {
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     EXPECT_LT(seconds.count(), 1.0) << (box.IsEmpty() ? "no samples" : "one resolution");
   }
-  ResolutionRecord huge{}, small{};
-  huge.precincts = PartitionBox({0, 1 << 21, 0, 1 << 21}, 1, 1);
-  small.precincts = PartitionBox({0, 8, 0, 8}, kWholePrecinct, kWholePrecinct);
-  huge.numAtLeast = huge.precincts.Count();
-  small.numAtLeast = 1;
   tile.comps.resize(2);
   tile.resolutions.resize(2);
   tile.record.comps = tile.comps.data();
-  for (std::size_t c = 0; c < 2; ++c) {
-    tile.comps[c].numLevels = 0;
-    tile.resolutions[c] = {c == 0 ? huge : small};
-    tile.comps[c].resolutions = tile.resolutions[c].data();
-  }
+  tile.SetResolutions(0, {ResolutionOf({0, 1 << 21, 0, 1 << 21}, 1, 1)});
+  tile.SetResolutions(1, {ResolutionOf({0, 8, 0, 8}, kWholePrecinct, kWholePrecinct)});
   tile.SetChanges(random, 2);
   tile.rs = {0, 0}, tile.re = {1, 1}, tile.cs = {1, 1}, tile.ce = {2, 2}, tile.ly = {1, 1};
   tile.order = {KelRPCL, KelRPCL};
-  tile.changes = {1,
-                  2,
-                  tile.rs.data(),
-                  tile.cs.data(),
-                  tile.ly.data(),
-                  tile.re.data(),
-                  tile.ce.data(),
-                  tile.order.data(),
-                  1};
   tile.record.walk = MakePacketWalk(tile.record, 2);
   EXPECT_EQ(Walk(*tile.record.walk), (Packets{{0, 0, 1, 0}}));
-}
-
-TEST(PacketWalk, RefusedMemoryLeavesNothingBehind) {
-  HostMemory memory;
-  test::SweepRefusals(memory, [&] {
-    std::mt19937 random(5);
-    Tile tile(random);
-    tile.style.progressionOrder = KelPCRL;
-    tile.SetChanges(random, 3);
-    tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-    Walk(*tile.record.walk);
-    return KelOK;
-  });
 }
 
 }  // namespace

@@ -14,10 +14,8 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
+using PacketWrite = test::LibraryTest;
 
 /// A component of 2 x 2 samples and one level: bands of one byte.
 struct MadeComp {
@@ -51,8 +49,7 @@ Bytes Announced(const std::vector<kel::TileCompToWrite>& comps) {
 }
 
 // Steps that do not reach the decoder, or reach the wrong component.
-TEST(PacketWrite, StepsTravelInTheFirstHeaderOfTheTile) {
-  HostMemory memory;
+TEST_F(PacketWrite, StepsTravelInTheFirstHeaderOfTheTile) {
   const MadeComp one({8, 9, 9, 10});  // steps of 1 for 8 bits
   const MadeComp small({8, 9, 9, 10}, {1, 2, 3, 4});
   const MadeComp large({1, 2, 3, 4});
@@ -69,8 +66,7 @@ TEST(PacketWrite, StepsTravelInTheFirstHeaderOfTheTile) {
 }
 
 // A length of more than 31 bits must end before anything is written.
-TEST(PacketWrite, LengthsBeyondAStream) {
-  HostMemory memory;
+TEST_F(PacketWrite, LengthsBeyondAStream) {
   MadeComp comp({8, 9, 9, 10});
   const kel::TileCompToWrite comps[] = {{&comp.coded, false}};
   HostStream host;

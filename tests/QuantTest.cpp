@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 #include "KelBandWeights.h"
@@ -24,12 +25,14 @@ Pair PairOf(float step, std::int32_t R) {
 }
 
 TEST(Quant, PairsOfSteps) {
-  EXPECT_EQ(PairOf(1.0F, 8), (Pair{8, 0}));
-  EXPECT_EQ(PairOf(1.5F, 9), (Pair{9, 1024}));
-  EXPECT_EQ(PairOf(0.75F, 8), (Pair{9, 1024}));
-  EXPECT_EQ(PairOf(0.99999F, 8), (Pair{9, 2047})) << "just below a power of two";
-  EXPECT_EQ(PairOf(64.0F, 8), (Pair{2, 0}));
-  EXPECT_EQ(PairOf(std::nextafter(64.0F, 0.0F), 8), (Pair{3, 2047}));
+  const std::tuple<float, std::int32_t, Pair> cases[] = {
+      {1.0F, 8, {8, 0}},
+      {1.5F, 9, {9, 1024}},
+      {0.75F, 8, {9, 1024}},
+      {64.0F, 8, {2, 0}},
+      {0.99999F, 8, {9, 2047}},  // just below a power of two
+      {std::nextafter(64.0F, 0.0F), 8, {3, 2047}}};
+  for (const auto& [step, R, pair] : cases) EXPECT_EQ(PairOf(step, R), pair) << step;
 }
 
 // Encoder and decoder must divide and multiply by the same step, which is never above the wanted

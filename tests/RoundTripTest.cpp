@@ -9,15 +9,8 @@
 
 namespace {
 
-using test::Bytes;
-using test::Content;
-using test::Decode;
-using test::Decoded;
-using test::EncodeHost;
-using test::HostMemory;
-using test::MakePicture;
-using test::Picture;
-using test::Plane;
+using namespace test;
+using RoundTrip = test::LibraryTest;
 
 Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
   Decoded decoded = Decode(host.Encode(), job);
@@ -30,32 +23,25 @@ Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
 /// The planes as they are before recasting, which is exact up to 24 bits only and goes by the depth
 /// of the first component, with the level shift undone.
 std::vector<Plane> RawPlanes(EncodeHost& host) {
-  test::DecodeJob job;
-  job.skipRecast = true;
-  std::vector<Plane> planes = Decoding(host, job).planes;
+  std::vector<Plane> planes = Decoding(host, {.skipRecast = true}).planes;
   for (std::size_t c = 0; c < planes.size(); ++c) {
     for (std::int64_t& v : planes[c].samples) v += std::int64_t{1} << (host.image.depths[c] - 1);
   }
   return planes;
 }
 
-double MeanSquare(const Plane& a, const Plane& b) {
-  if (a.samples.size() != b.samples.size()) return INFINITY;
+double Psnr(const Plane& a, const Plane& b) {
+  if (a.samples.size() != b.samples.size()) return 0;
   double sum = 0;
   for (std::size_t i = 0; i < a.samples.size(); ++i) {
     const auto d = static_cast<double>(a.samples[i] - b.samples[i]);
     sum += d * d;
   }
-  return sum / static_cast<double>(a.samples.size());
-}
-
-double Psnr(const Plane& a, const Plane& b, int depth) {
-  const double peak = std::ldexp(1.0, depth) - 1;
-  return 10 * std::log10(peak * peak / MeanSquare(a, b));
+  return 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.samples.size()) / sum);
 }
 
 struct Mode {
-  KelLong components;
+  std::size_t components;
   bool transform;
   KelLong order, layers, levels, tileWidth, tileHeight, depth;
   Content content;
@@ -78,63 +64,49 @@ constexpr Mode kModes[] = {
     {3, true, KelRLCP, 1, 32, 61, 53, 28, Content::kExtremes},
 };
 
-TEST(RoundTrip, ReversibleIsExact) {
-  HostMemory memory;
+TEST_F(RoundTrip, ReversibleIsExact) {
   for (const Mode& mode : kModes) {
-    const Picture image =
-        MakePicture(61, 53, static_cast<std::size_t>(mode.components), mode.depth, mode.content);
-    EncodeHost host(image, mode.tileWidth, mode.tileHeight);
-    host.options.Irreversible = 0;
-    host.options.ComponentTransform = mode.transform;
-    host.options.ProgressionOrder = mode.order;
-    host.options.NumLayers = mode.layers;
-    host.options.NumLevels = mode.levels;
+    const Picture image = MakePicture(61, 53, mode.components, mode.depth, mode.content);
+    EncodeHost host(image, mode.tileWidth, mode.tileHeight,
+                    {.irreversible = 0,
+                     .transform = mode.transform,
+                     .levels = mode.levels,
+                     .layers = mode.layers,
+                     .order = mode.order});
     EXPECT_TRUE((mode.depth > 24 ? RawPlanes(host) : Decoding(host).planes) == image.planes)
         << &mode - kModes << ": components " << mode.components << ", depth " << mode.depth;
   }
 }
 
-// A tile between the samples of components that are all subsampled: nothing of it is written, and
-// the decoder waits for its tile-part.
-TEST(RoundTrip, TilesWithoutSamples) {
-  HostMemory memory;
+// A tile between the samples of components that are all subsampled, of which nothing is written and
+// the decoder waits for its tile-part; a colour transform that the decoder leaves out because the
+// file tells the components' own depths.
+TEST_F(RoundTrip, TilesWithoutSamplesAndDifferentDepths) {
   for (const auto source : {test::Source::kMemory, test::Source::kUnseekable}) {
-    const Picture image = MakePicture(9, 7, {8, 8}, {2, 2}, Content::kNoise);
-    EncodeHost host(image, 9, 1);
-    host.options.Irreversible = 0;
-    EXPECT_TRUE(Decoding(host, {.source = source}).planes == image.planes);
+    EncodeHost host(MakePicture(9, 7, {8, 8}, {2, 2}, Content::kNoise), 9, 1, {.irreversible = 0});
+    EXPECT_TRUE(Decoding(host, {.source = source}).planes == host.image.planes);
   }
-}
-
-// A colour transform that the decoder leaves out because the file tells the components' own depths.
-TEST(RoundTrip, ColorTransformOfDifferentDepths) {
-  HostMemory memory;
   for (const KelLong second : {8, 10, 16}) {
-    const Picture image = MakePicture(40, 30, {8, second, 12, 3}, {1, 1, 1, 1}, Content::kNoise);
-    EncodeHost host(image, 23, 30);
-    host.options.Irreversible = 0;
-    host.options.NumColorChannels = 3;
-    host.options.ComponentTransform = true;
-    EXPECT_TRUE(RawPlanes(host) == image.planes) << second;
+    EncodeHost host(MakePicture(40, 30, {8, second, 12, 3}, {1, 1, 1, 1}, Content::kNoise), 23, 30,
+                    {.irreversible = 0, .transform = true, .colors = 3});
+    EXPECT_TRUE(RawPlanes(host) == host.image.planes) << second;
   }
 }
 
 // Steps that do not reach the decoder, or for the wrong component: then nothing comes near.
-TEST(RoundTrip, IrreversibleQualityRises) {
-  HostMemory memory;
+TEST_F(RoundTrip, IrreversibleQualityRises) {
   for (const bool transform : {false, true}) {
     const Picture image = MakePicture(150, 130, 3, 8);
     double before = 0;
     std::size_t bytesBefore = 0;
     for (const int quality : {1, 10, 20, 30, 40, 50, 60, 70, 80, 90, 99}) {
-      EncodeHost host(image, 97, 70);
-      host.options.TargetQuality = static_cast<float>(quality);
-      host.options.ComponentTransform = transform;
-      const test::Bytes file = host.Encode();
+      EncodeHost host(image, 97, 70,
+                      {.quality = static_cast<float>(quality), .transform = transform});
+      const Bytes file = host.Encode();
       const Decoded decoded = Decode(file);
       double least = INFINITY;
       for (std::size_t c = 0; c < 3; ++c) {
-        least = std::min(least, Psnr(image.planes[c], decoded.planes.at(c), 8));
+        least = std::min(least, Psnr(image.planes[c], decoded.planes.at(c)));
       }
       EXPECT_GT(least, before - 0.5) << quality;
       EXPECT_GT(least, std::min(17 + 0.4 * quality, 51.0) - 5) << quality;
@@ -146,17 +118,12 @@ TEST(RoundTrip, IrreversibleQualityRises) {
 }
 
 // A tile's quantisation that overrides the lossless parameters of an extra channel.
-TEST(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
-  HostMemory memory;
+TEST_F(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
   for (const KelLong order : {KelRLCP, KelCPRL}) {
     const Picture image = MakePicture(70, 50, {8, 8, 8, 8, 8}, {1, 1, 1, 1, 2}, Content::kNoise);
-    EncodeHost host(image, 40, 30);
-    host.options.NumColorChannels = 3;
-    host.options.ComponentTransform = true;
-    host.options.TargetQuality = 50;
-    host.options.ProgressionOrder = order;
-    host.options.TransparencyPresent = true;
-    host.options.TransparencyComponent = 3;
+    EncodeHost host(
+        image, 40, 30,
+        {.quality = 50, .transform = true, .order = order, .colors = 3, .transparency = 3});
     const Decoded decoded = Decoding(host);
     EXPECT_FALSE(decoded.planes.at(0) == image.planes[0]);
     EXPECT_TRUE(decoded.planes.at(3) == image.planes[3]);
@@ -165,28 +132,24 @@ TEST(RoundTrip, ExtraChannelsStayExactUnderCoarseColors) {
 }
 
 // Packets where the decoder expects none, or the reverse.
-TEST(RoundTrip, TinyTilesAndSubsampling) {
-  HostMemory memory;
+TEST_F(RoundTrip, TinyTilesAndSubsampling) {
   for (KelLong side = 1; side <= 5; ++side) {
     for (const KelLong order : {KelRLCP, KelCPRL}) {
-      const Picture image = MakePicture(11, 9, {8, 12, 16}, {1, 2, 3}, Content::kNoise);
-      EncodeHost host(image, side, 6 - side);
-      host.options.Irreversible = 0;
-      host.options.ProgressionOrder = order;
-      EXPECT_TRUE(RawPlanes(host) == image.planes) << side << " in order " << order;
+      EncodeHost host(MakePicture(11, 9, {8, 12, 16}, {1, 2, 3}, Content::kNoise), side, 6 - side,
+                      {.irreversible = 0, .order = order});
+      EXPECT_TRUE(RawPlanes(host) == host.image.planes) << side << " in order " << order;
     }
   }
+  // Tiles far from the origin, in which one resolution is a single precinct all the same.
   const Picture wide = MakePicture(33000, 16, 1, 8, Content::kNoise);
   for (const KelLong tileWidth : {1000, 33000}) {
-    EncodeHost host(wide, tileWidth, 16);
-    host.options.Irreversible = 0;
+    EncodeHost host(wide, tileWidth, 16, {.irreversible = 0});
     EXPECT_TRUE(Decoding(host).planes == wide.planes) << tileWidth;
   }
 }
 
 // A region that is lost, shifted, or that takes the mask of the wrong component or size.
-TEST(RoundTrip, RegionKeepsItsPrecision) {
-  HostMemory memory;
+TEST_F(RoundTrip, RegionKeepsItsPrecision) {
   for (const KelLong maskSampling : {1, 2}) {
     for (const KelLong mask : {0, 3}) {
       std::vector<KelLong> sampling(4, 1);
@@ -197,22 +160,17 @@ TEST(RoundTrip, RegionKeepsItsPrecision) {
         return x >= 30 && x < 52 && y >= 24 && y < 40;
       };
       for (std::int64_t i = 0; i < region.width * region.height; ++i) {
-        region.samples[static_cast<std::size_t>(i)] =
-            isInside(i % region.width * maskSampling, i / region.width * maskSampling) ? 9 : 0;
+        const std::int64_t x = i % region.width, y = i / region.width;
+        region.At(x, y) = isInside(x * maskSampling, y * maskSampling) ? 9 : 0;
       }
-      EncodeHost host(image, 37, 31);
-      host.options.RoiEnabled = true;
-      host.options.RoiMaskComponent = mask;
-      host.options.TargetQuality = 5;
+      EncodeHost host(image, 37, 31, {.quality = 5, .mask = mask});
       const Decoded decoded = Decoding(host);
       double inside = 0, outside = 0;
       const std::size_t color = mask == 0 ? 1 : 0;
-      const Plane& original = image.planes[color];
       for (std::int64_t i = 0; i < 75 * 61; ++i) {
-        const auto at = static_cast<std::size_t>(i);
-        const auto error =
-            static_cast<double>(std::abs(original.samples[at] - decoded.planes.at(0).samples[at]));
-        (isInside(i % 75, i / 75) ? inside : outside) += error;
+        const std::int64_t x = i % 75, y = i / 75;
+        (isInside(x, y) ? inside : outside) += static_cast<double>(
+            std::abs(image.planes[color].At(x, y) - decoded.planes.at(0).At(x, y)));
       }
       EXPECT_LT(inside / (22 * 16), 1.0) << "mask " << mask << ", sampling " << maskSampling;
       EXPECT_GT(outside / (75 * 61), 10.0);
@@ -221,15 +179,13 @@ TEST(RoundTrip, RegionKeepsItsPrecision) {
 }
 
 // A plane more than the route from coefficients to bytes needs, or one kept once a tile is done.
-TEST(RoundTrip, MemoryOfDecoding) {
-  HostMemory memory;
+TEST_F(RoundTrip, MemoryOfDecoding) {
   constexpr std::size_t kPositions = 1024 * 1024, kFixed = 400000;
   for (const std::size_t components : {1, 3}) {
     for (const KelLong irreversible : {0, 1}) {
       for (const KelLong side : {1024, 256}) {
-        EncodeHost host(MakePicture(1024, 1024, components, 8), side, side);
-        host.options.Irreversible = irreversible;
-        host.options.ComponentTransform = components == 3;
+        EncodeHost host(MakePicture(1024, 1024, components, 8), side, side,
+                        {.irreversible = irreversible, .transform = components == 3});
         const Bytes file = host.Encode();
         const std::size_t tile = static_cast<std::size_t>(side) * static_cast<std::size_t>(side);
         const std::size_t before = memory.Bytes();

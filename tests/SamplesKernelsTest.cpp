@@ -8,10 +8,9 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <string>
 #include <vector>
 
-#include "kernels/KelKernels.h"
+#include "KernelSets.h"
 
 namespace {
 
@@ -64,58 +63,50 @@ std::uint64_t BitsOf(Cell v) {
   return static_cast<std::uint64_t>(v);
 }
 
-class SamplesKernelSets : public testing::TestWithParam<KernelSet> {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(FillKernelTable(KernelSet::kScalar, scalar_));
-    if (!FillKernelTable(GetParam(), vector_)) GTEST_SKIP() << "not on this machine";
-  }
-
-  /// Runs call(kernels, in, out, count) with both tables. Inputs are `perSample` cells a sample;
-  /// outputs begin with the inputs' values where the types agree, for kernels in place.
-  template <class In, class Out, class Call>
-  void Compare(const char* name, std::size_t perSample, Call call) {
-    std::mt19937 random(1);
-    for (std::size_t count = 0; count <= kMostSamples; ++count) {
-      const std::size_t cells = count * perSample + 2 * kGuard;
-      std::vector<In> in[3];
-      std::vector<Out> out[2][3];
-      for (int k = 0; k < 3; ++k) {
-        in[k].resize(cells - kGuard);  // nothing behind it: sanitizers see reads too far
-        Fill(in[k], random);
-        std::vector<Out> before(cells);
-        Fill(before, random);
-        out[0][k] = out[1][k] = before;
-      }
-      for (const int which : {0, 1}) {
-        const In* ins[3];
-        Out* outs[3];
-        for (int k = 0; k < 3; ++k) {
-          ins[k] = in[k].data() + kGuard;
-          outs[k] = out[which][k].data() + kGuard;
-        }
-        call(which == 0 ? scalar_.samples : vector_.samples, ins, outs, count);
-      }
-      for (int k = 0; k < 3; ++k) {
-        for (std::size_t i = 0; i < cells; ++i) {
-          ASSERT_EQ(BitsOf(out[0][k][i]), BitsOf(out[1][k][i]))
-              << name << ", output " << k << ", cell " << i << " - " << kGuard << " of " << count;
-        }
+/// Runs call(kernels, in, out, count) with a table and with the scalar one. Inputs are `perSample`
+/// cells a sample; outputs begin with the inputs' values where the types agree, for kernels in
+/// place.
+template <class In, class Out, class Call>
+void Compare(const KernelTable& table, const char* name, std::size_t perSample, Call call) {
+  std::mt19937 random(1);
+  KernelTable scalar;
+  ASSERT_TRUE(FillKernelTable(KernelSet::kScalar, scalar));
+  for (std::size_t count = 0; count <= kMostSamples; ++count) {
+    const std::size_t cells = count * perSample + 2 * kGuard;
+    std::vector<In> in[3];
+    std::vector<Out> out[2][3];
+    const In* ins[3];
+    for (int k = 0; k < 3; ++k) {
+      in[k].resize(cells - kGuard);  // nothing behind it: sanitizers see reads too far
+      Fill(in[k], random);
+      ins[k] = in[k].data() + kGuard;
+      out[0][k].resize(cells);
+      Fill(out[0][k], random);
+      out[1][k] = out[0][k];
+    }
+    for (const int which : {0, 1}) {
+      Out* outs[3];
+      for (int k = 0; k < 3; ++k) outs[k] = out[which][k].data() + kGuard;
+      call(which == 0 ? scalar.samples : table.samples, ins, outs, count);
+    }
+    for (int k = 0; k < 3; ++k) {
+      for (std::size_t i = 0; i < cells; ++i) {
+        ASSERT_EQ(BitsOf(out[0][k][i]), BitsOf(out[1][k][i]))
+            << name << ", output " << k << ", cell " << i << " - " << kGuard << " of " << count;
       }
     }
   }
-
-  KernelTable scalar_, vector_;
-};
+}
 
 // Compares one call of a kernel, written with in, out and n; inputs have `cells` cells a sample.
-#define KEL_SAME(In, Out, cells, call)                                                       \
-  Compare<In, Out>(#call, cells, [&](const SamplesKernels& k, auto& in, auto& out, auto n) { \
-    static_cast<void>(in);                                                                   \
-    k.call;                                                                                  \
-  })
+#define KEL_SAME(In, Out, cells, call)                                         \
+  Compare<In, Out>(table, #call, cells,                                        \
+                   [&](const SamplesKernels& k, auto& in, auto& out, auto n) { \
+                     static_cast<void>(in);                                    \
+                     k.call;                                                   \
+                   })
 
-TEST_P(SamplesKernelSets, GiveTheBitsOfTheReference) {
+void CompareAll(const KernelTable& table) {
   using U8 = std::uint8_t;
   using U16 = std::uint16_t;
   using I32 = std::int32_t;
@@ -157,13 +148,8 @@ TEST_P(SamplesKernelSets, GiveTheBitsOfTheReference) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SamplesKernelSets,
-                         testing::Values(KernelSet::kBaseVector, KernelSet::kAvx2,
-                                         KernelSet::kAvx512),
-                         [](const auto& named) {
-                           std::string name = KernelSetName(named.param);
-                           std::erase_if(name, [](char c) { return c == ' ' || c == '-'; });
-                           return name;
-                         });
+TEST(SamplesKernels, GiveTheBitsOfTheReference) {
+  test::WithEverySet(CompareAll);
+}
 
 }  // namespace

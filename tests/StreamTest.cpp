@@ -13,10 +13,8 @@
 
 namespace {
 
-using test::Bytes;
-using test::Hex;
-using test::HostMemory;
-using test::HostStream;
+using namespace test;
+using CodeStm = test::LibraryTest;
 
 Bytes Ramp(std::size_t n) {
   Bytes ramp(n);
@@ -24,21 +22,19 @@ Bytes Ramp(std::size_t n) {
   return ramp;
 }
 
-TEST(CodeStm, SeekRefusals) {
+TEST_F(CodeStm, SeekRefusals) {
   HostStream host(Ramp(10));
-  EXPECT_EQ(host.stream.seek(2, 0), -8);
-  EXPECT_EQ(host.stream.seek(1, -1), -8);
   EXPECT_EQ(host.stream.seek(1, 5), 5);
-  EXPECT_EQ(host.stream.seek(0, -6), -8);
-  EXPECT_EQ(host.stream.seek(0, INT32_MAX), -8) << "a target beyond 31 bits";
+  for (const auto& [origin, offset] : {std::pair{2, 0}, {1, -1}, {0, -6}, {0, INT32_MAX}}) {
+    EXPECT_EQ(host.stream.seek(origin, offset), -8) << origin << ' ' << offset;
+  }
   EXPECT_EQ(host.seeks, 1) << "refusals must not reach the host";
   host.refuseSeek = true;
   EXPECT_EQ(host.stream.seek(1, 3), -8);
   EXPECT_EQ(host.stream.GetCurPos(), 5);
 }
 
-TEST(CodeStm, HeldOutputCanBePatchedWithinItsCapacity) {
-  HostMemory memory;
+TEST_F(CodeStm, HeldOutputCanBePatchedWithinItsCapacity) {
   HostStream host({}, false);
   const Bytes ramp = Ramp(100);
   EXPECT_EQ(host.stream.write(ramp.data(), 100), 100);
@@ -62,8 +58,7 @@ TEST(CodeStm, HeldOutputCanBePatchedWithinItsCapacity) {
   EXPECT_EQ(host.bytes[99], 100);
 }
 
-TEST(CodeStm, CacheOfASeekableStream) {
-  HostMemory memory;
+TEST_F(CodeStm, CacheOfASeekableStream) {
   HostStream host;
   const Bytes ramp = Ramp(65537);
   host.stream.write(ramp.data(), 32769);
@@ -83,8 +78,7 @@ TEST(CodeStm, CacheOfASeekableStream) {
   EXPECT_EQ(host.writes, 3);
 }
 
-TEST(CodeStm, HostFailuresAreHandedBackWithThePositionUnchanged) {
-  HostMemory memory;
+TEST_F(CodeStm, HostFailuresAreHandedBackWithThePositionUnchanged) {
   HostStream host(Ramp(10));
   std::uint8_t byte;
   host.readResult = -7;
@@ -96,23 +90,6 @@ TEST(CodeStm, HostFailuresAreHandedBackWithThePositionUnchanged) {
   host.stream.write(ramp.data(), 10);
   EXPECT_EQ(host.stream.flushWriteBuffer(), -9);
   EXPECT_EQ(host.stream.wbuf, nullptr);
-}
-
-TEST(CodeStm, RefusedBuffersRaise) {
-  HostMemory memory;
-  for (const bool seekable : {true, false}) {
-    test::SweepRefusals(memory, [&]() -> KelLong {
-      HostStream host({}, seekable);
-      const Bytes ramp = Ramp(30000);
-      try {
-        for (int i = 0; i < 4; ++i) host.stream.write(ramp.data(), 30000);
-      } catch (const KelException&) {
-        host.stream.flushWriteBuffer();
-        throw;
-      }
-      return host.stream.flushWriteBuffer() < 0 ? KelErrBadParam : KelOK;
-    });
-  }
 }
 
 TEST(Signature, FourPatternsAndNoOthers) {

@@ -11,6 +11,7 @@
 namespace {
 
 using kel::Box;
+using WaveletMask = test::LibraryTest;
 
 /// The coefficients' marks without their margin, in Mallat layout.
 std::vector<std::uint8_t> Marks(const std::vector<std::uint8_t>& mask, const Box& box, int levels,
@@ -49,8 +50,7 @@ void CheckRegion(const Box& box, int levels, bool irreversible, std::mt19937& ra
   }
 }
 
-TEST(WaveletMask, MarkedCoefficientsRebuildTheRegion) {
-  test::HostMemory memory;
+TEST_F(WaveletMask, MarkedCoefficientsRebuildTheRegion) {
   std::mt19937 random(7);
   for (std::int64_t size = 1; size <= 12; ++size) {
     for (std::int64_t parity = 0; parity < 4; ++parity) {
@@ -67,8 +67,7 @@ TEST(WaveletMask, MarkedCoefficientsRebuildTheRegion) {
 
 // Samples far from every edge need exactly the filter's support, not a cell more: marks that stay
 // behind from another row or a finer level show.
-TEST(WaveletMask, SupportOfSingleSamples) {
-  test::HostMemory memory;
+TEST_F(WaveletMask, SupportOfSingleSamples) {
   const Box box = {1, 41, 0, 40};
   const auto marksOf = [&](std::vector<std::int64_t> diagonal, std::int64_t right, int levels,
                            bool irreversible) {

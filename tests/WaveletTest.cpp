@@ -18,8 +18,8 @@
 namespace {
 
 using kel::Box;
-using test::GuardedRows;
-using test::HostMemory;
+using namespace test;
+using Wavelet = test::LibraryTest;
 
 using Scratch = kel::ScratchArray<std::uint32_t>;
 
@@ -118,8 +118,7 @@ void CheckForward(const Box& box, int levels) {
   }
 }
 
-TEST(Wavelet, ForwardFollowsTheDefinition) {
-  HostMemory memory;
+TEST_F(Wavelet, ForwardFollowsTheDefinition) {
   ForEachBox([](const Box& box, int levels) {
     if (!HasFatalFailure()) CheckForward(box, levels);
   });
@@ -150,61 +149,14 @@ void CheckInverse(const Box& box, int levels) {
   ASSERT_TRUE(floats.MarginIntact());
 }
 
-TEST(Wavelet, InverseFollowsTheDefinition) {
-  HostMemory memory;
+TEST_F(Wavelet, InverseFollowsTheDefinition) {
   ForEachBox([](const Box& box, int levels) {
     if (!HasFatalFailure()) CheckInverse(box, levels);
   });
 }
 
-/// Collects the bands of a forward transform into one plane of coefficients.
-template <class Cell>
-void Collect(const Box& box, const Records& records, GuardedRows<std::int32_t>& out) {
-  ForEachCoefficient(box, records.levels, [&](auto b, auto x, auto y, auto cell) {
-    const std::int64_t at = static_cast<std::int64_t>(cell);
-    out.At(at % box.Width(), at / box.Width()) =
-        static_cast<std::int32_t>(std::nearbyint(CoefficientOf<Cell>(records[b], x, y)));
-  });
-}
-
-// 5/3 must give back any integers, those included whose sums wrap around; 9/7 must multiply by the
-// very steps that it divided by.
-TEST(Wavelet, RoundTrips) {
-  HostMemory memory;
-  ForEachBox([](const Box& box, int levels) {
-    if (HasFatalFailure()) return;
-    GuardedRows<std::int32_t> ints(box.Width(), box.Height()), work = ints, back = ints,
-                                                               coefficients = ints;
-    // A sample that nothing doubles may have all 32 bits.
-    const bool halved = box.Width() == 1 || box.Height() == 1 || levels > 1;
-    ints.Fill([&] { return static_cast<std::int32_t>(Random()()) / (halved ? 256 : 1); });
-    const GuardedRows<std::int32_t> original = ints;
-    const Scratch scratch =
-        Scratch::Make(kel::ForwardDwtScratchCells(box) + kel::InverseDwtScratchCells(box, levels));
-    Records records(levels);
-    kel::ForwardDwt53({ints.Data(), work.Data(), ints.Stride(), box, levels}, scratch.Data(),
-                      records.data());
-    Collect<std::int32_t>(box, records, coefficients);
-    kel::InverseDwt53({coefficients.Data(), coefficients.Stride(), box, levels}, scratch.Data(),
-                      {back.Data(), back.Stride()});
-    ASSERT_TRUE(back == original);
-
-    GuardedRows<float> floats(box.Width(), box.Height()), floatWork = floats, floatBack = floats;
-    floats.Fill(Sample);
-    const std::vector<double> samples = floats.Values();
-    const std::vector<float> steps(records.size(), 1.0F / 1000);
-    kel::ForwardDwt97({floats.Data(), floatWork.Data(), floats.Stride(), box, levels},
-                      {steps.data(), 8, false}, scratch.Data(), records.data());
-    Collect<float>(box, records, coefficients);
-    kel::InverseDwt97({coefficients.Data(), coefficients.Stride(), box, levels}, steps.data(),
-                      scratch.Data(), {floatBack.Data(), floatBack.Stride()});
-    const std::vector<double> found = floatBack.Values();
-    for (std::size_t i = 0; i < found.size(); ++i) ASSERT_NEAR(found[i], samples[i], 0.01);
-  });
-}
-
 // A lower resolution is a plane of its own: its subbands have the same boxes.
-TEST(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
+TEST_F(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
   for (const Box& box : {Box{3, 40, 6, 29}, Box{1, 2, 0, 9}, Box{7, 8, 7, 8}}) {
     for (int r = 0; r <= 4; ++r) {
       for (int b = 0; b < kel::NumSubbands(r); ++b) {
@@ -218,8 +170,7 @@ TEST(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
 
 // 8-bit outputs must hold what the planes of cells hold, converted: a sink that gets a wrong row,
 // strip or plane shows. The direct path may differ from the general one by a grey level.
-TEST(Wavelet, ByteOutputsEqualConvertedPlanes) {
-  HostMemory memory;
+TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
   const kel::SamplesKernels& convert = kel::Kernels().samples;
   for (const Box& box : {Box{1, 2 * kel::kStripColumns, 3, 6}, Box{0, 37, 0, 6}, Box{5, 6, 2, 40},
                          Box{2, 9, 3, 4}}) {
@@ -239,77 +190,49 @@ TEST(Wavelet, ByteOutputsEqualConvertedPlanes) {
       kel::InverseDwt53(planes[p], at, {ints[p].Data(), ints[p].Stride()});
       kel::InverseDwt97(planes[p], kSteps, at, {floats[p].Data(), floats[p].Stride()});
     }
-    const auto check = [&](const char* what, auto run, auto convertRow) {
-      run();
+    const auto expectSame = [&](const char* what, auto convertRow) {
       for (std::int64_t y = 0; y < box.Height(); ++y) {
         convertRow([&](auto& rows, std::size_t p) { return &rows[p].At(0, y); });
       }
       for (std::size_t p = 0; p < 3; ++p) EXPECT_TRUE(bytes[p] == expected[p]) << what << p;
     };
-    check(
-        "5/3 ",
-        [&] {
-          for (int p : {0, 1, 2}) kel::InverseDwt53To8Bit(planes[p], at, out[p]);
-        },
-        [&](auto row) {
-          for (std::size_t p : {0, 1, 2}) convert.intTo8Bit(row(ints, p), row(expected, p), w);
-        });
-    check(
-        "RCT ", [&] { kel::InverseDwt53RctTo8Bit(planes, at, out); },
-        [&](auto row) {
-          convert.inverseRctTo8Bit(row(ints, 0), row(ints, 1), row(ints, 2), row(expected, 0),
-                                   row(expected, 1), row(expected, 2), w);
-        });
-    check(
-        "ICT ",
-        [&] {
-          kel::InverseDwt97IctTo8Bit(planes, {kSteps, kSteps, kSteps}, at, out);
-        },
-        [&](auto row) {
-          convert.inverseIctTo8Bit(row(floats, 0), row(floats, 1), row(floats, 2), row(expected, 0),
-                                   row(expected, 1), row(expected, 2), w);
-        });
-    // Planes that may be overwritten need less scratch and give the same.
-    const auto copies = cells;
-    const Scratch little = Scratch::Make(kel::InverseDwtScratchCells(box, 3, 3, true));
-    kel::CoefficientPlane consumable[3] = {planes[0], planes[1], planes[2]};
-    for (std::size_t p = 0; p < 3; ++p) consumable[p].consumable = cells[p].Data();
-    check(
-        "ICT, consuming ",
-        [&] {
-          kel::InverseDwt97IctTo8Bit(consumable, {kSteps, kSteps, kSteps}, little.Data(), out);
-        },
-        [](auto) {});
-    cells = copies;
+    for (std::size_t p = 0; p < 3; ++p) kel::InverseDwt53To8Bit(planes[p], at, out[p]);
+    expectSame("5/3 ", [&](auto row) {
+      for (std::size_t p = 0; p < 3; ++p) convert.intTo8Bit(row(ints, p), row(expected, p), w);
+    });
     for (std::size_t p = 0; p < 3; ++p) {
-      // The copies have addresses of their own.
-      planes[p].cells = consumable[p].cells = consumable[p].consumable = cells[p].Data();
+      kel::InverseDwt97GeneralTo8Bit(planes[p], kSteps, at, out[p]);
     }
-    kel::InverseDwt53RctTo8Bit(planes, at, out);
-    const auto whole = bytes;
-    kel::InverseDwt53RctTo8Bit(consumable, little.Data(), out);
-    for (std::size_t p = 0; p < 3; ++p) EXPECT_TRUE(bytes[p] == whole[p]) << "RCT, consuming " << p;
-    cells = copies;
-    for (std::size_t p = 0; p < 3; ++p) planes[p].cells = cells[p].Data();
-    check(
-        "9/7 ",
-        [&] {
-          for (int p : {0, 1, 2}) kel::InverseDwt97GeneralTo8Bit(planes[p], kSteps, at, out[p]);
-        },
-        [&](auto row) {
-          for (std::size_t p : {0, 1, 2}) {
-            convert.floatTo8Bit(row(floats, p), row(expected, p), w);
-          }
-        });
+    expectSame("9/7 ", [&](auto row) {
+      for (std::size_t p = 0; p < 3; ++p) convert.floatTo8Bit(row(floats, p), row(expected, p), w);
+    });
     kel::InverseDwt97To8Bit(planes[0], kSteps, 0.0F, at, out[0]);
     const std::vector<double> direct = bytes[0].Values(), general = expected[0].Values();
     for (std::size_t i = 0; i < direct.size(); ++i) ASSERT_NEAR(direct[i], general[i], 1);
+    // Planes that may be overwritten need less scratch and give the same.
+    const auto copies = cells;
+    const Scratch little = Scratch::Make(kel::InverseDwtScratchCells(box, 3, 3, true));
+    for (const bool consuming : {false, true}) {
+      void* const room = consuming ? little.Data() : at;
+      kel::InverseDwt53RctTo8Bit(planes, room, out);
+      expectSame("RCT ", [&](auto row) {
+        convert.inverseRctTo8Bit(row(ints, 0), row(ints, 1), row(ints, 2), row(expected, 0),
+                                 row(expected, 1), row(expected, 2), w);
+      });
+      cells = copies;
+      kel::InverseDwt97IctTo8Bit(planes, {kSteps, kSteps, kSteps}, room, out);
+      expectSame("ICT ", [&](auto row) {
+        convert.inverseIctTo8Bit(row(floats, 0), row(floats, 1), row(floats, 2), row(expected, 0),
+                                 row(expected, 1), row(expected, 2), w);
+      });
+      cells = copies;
+      for (std::size_t p = 0; p < 3; ++p) planes[p].consumable = cells[p].Data();
+    }
   }
 }
 
 // The direct path: its offset, and its two rounding rules, which follow from width and stride.
-TEST(Wavelet, DirectPathTo8Bit) {
-  HostMemory memory;
+TEST_F(Wavelet, DirectPathTo8Bit) {
   const auto flat = [](std::int64_t width, std::int64_t padding, int levels, int index) {
     GuardedRows<std::int32_t> cells(width, 1);
     cells.Fill([] { return 0; });
@@ -332,8 +255,7 @@ TEST(Wavelet, DirectPathTo8Bit) {
 }
 
 // An LL step close to 1 is not applied, one a little further off is; records without steps.
-TEST(Wavelet, NeutralSteps) {
-  HostMemory memory;
+TEST_F(Wavelet, NeutralSteps) {
   const Box box = {0, 1, 0, 1};
   const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, 0));
   const std::int32_t index = 100000;

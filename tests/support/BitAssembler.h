@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_BIT_ASSEMBLER_H
 #define TESTS_SUPPORT_BIT_ASSEMBLER_H
 
+#include <bit>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,11 @@ class BitAssembler {
     }
     return *this;
   }
+  /// A sample of n bits; those of 16 stand in the order of the host's own words.
+  BitAssembler& Sample(std::uint64_t value, int n) {
+    const bool isSwapped = n == 16 && std::endian::native == std::endian::little;
+    return Bits(isSwapped ? (value & 0xFF) << 8 | (value >> 8 & 0xFF) : value, n);
+  }
   BitAssembler& U8(std::uint64_t value) { return Align().Bits(value, 8); }
   BitAssembler& U16(std::uint64_t value) { return Align().Bits(value, 16); }
   BitAssembler& U32(std::uint64_t value) { return Align().Bits(value, 32); }
@@ -37,6 +43,9 @@ class BitAssembler {
   }
   BitAssembler& Text(std::string_view text) { return Append(Bytes(text.begin(), text.end())); }
   const Bytes& Result() const { return bytes_; }
+  std::size_t NumBits() const {
+    return 8 * bytes_.size() - (used_ != 0 ? 8U - unsigned(used_) : 0);
+  }
 
  private:
   Bytes bytes_;

@@ -1,8 +1,9 @@
 #include "DecodeHost.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
-#include <tuple>
+#include <optional>
 
 #include "HostStream.h"
 
@@ -13,42 +14,8 @@ std::int64_t CeilTo(std::int64_t v, int shift) {
   return (v + (std::int64_t{1} << shift) - 1) >> shift;
 }
 
-/// Sample i of a row in an output image's form.
-std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageData& image,
-                      int bits) {
-  if (image.SizeOfDataType == 4) {
-    if (image.ImageBufferType == 1) {
-      float v;
-      std::memcpy(&v, row + 4 * i, 4);
-      return static_cast<std::int64_t>(v * 65536.0F);
-    }
-    std::int32_t v;
-    std::memcpy(&v, row + 4 * i, 4);
-    return v;
-  }
-  if (image.SizeOfDataType == 2 && bits == 16) {
-    std::uint16_t v;
-    std::memcpy(&v, row + 2 * i, 2);
-    return v;
-  }
-  if (bits == 8) return row[i];
-  std::int64_t v = 0;
-  for (std::int64_t k = i * bits; k < (i + 1) * bits; ++k) {
-    v = v << 1 | (row[k / 8] >> (7 - k % 8) & 1);
-  }
-  return v;
-}
-
 /// Larger planes are not gathered: only hostile headers have them.
 constexpr std::int64_t kMostSamples = std::int64_t{1} << 24;
-
-struct Frame {
-  KelFrameData data;
-  std::vector<void*> buffers;
-  std::vector<KelLong> strides, in, out, isSigned;
-  std::vector<double> most, least;
-  std::vector<std::vector<std::uint8_t>> memory;
-};
 
 class Host {
  public:
@@ -95,15 +62,26 @@ class Host {
     stream_.visible = arrived;
   }
 
-  /// Width and height of a component at the decoded resolution, before rotation.
-  std::pair<std::int64_t, std::int64_t> SizeOf(int c) const {
+  /// A component's samples at the decoded resolution, before rotation.
+  struct Place {
+    std::int64_t x, y, width, height;
+  };
+  Place PlaceOf(int c) const {
     const KelImageGeometry& g = *image_.GetGeometryParams();
-    const int k = reduction_[static_cast<std::size_t>(c)];
     const auto edge = [&](std::int64_t v, std::int64_t sub) {
-      return CeilTo((v + sub - 1) / sub, k);
+      return CeilTo((v + sub - 1) / sub, reduction_[static_cast<std::size_t>(c)]);
     };
-    return {edge(g.Xsiz, g.XRsiz[c]) - edge(g.XOsiz, g.XRsiz[c]),
-            edge(g.Ysiz, g.YRsiz[c]) - edge(g.YOsiz, g.YRsiz[c])};
+    const std::int64_t x = edge(g.XOsiz, g.XRsiz[c]), y = edge(g.YOsiz, g.YRsiz[c]);
+    return {x, y, edge(g.Xsiz, g.XRsiz[c]) - x, edge(g.Ysiz, g.YRsiz[c]) - y};
+  }
+
+  /// Where a sample of an image of w x h stands once the image is turned as the job asks.
+  std::pair<std::int64_t, std::int64_t> Turned(std::int64_t x, std::int64_t y, std::int64_t w,
+                                               std::int64_t h) const {
+    if (job_.orientation == KelOrientation90) return {h - 1 - y, x};
+    if (job_.orientation == KelOrientation180) return {w - 1 - x, h - 1 - y};
+    if (job_.orientation == KelOrientation270) return {y, w - 1 - x};
+    return {x, y};
   }
 
   bool IsTurned() const {
@@ -114,14 +92,15 @@ class Host {
     const int n = image_.GetNumComponents();
     for (int c = 0; c < n; ++c) {
       reduction_.push_back(image_.GetMaxRes() - static_cast<int>(resolutions[c]));
-      result.depths.push_back(DepthOf(c));
+      // What a file tells of its depths is not in the interface.
+      result.depths.push_back(image_.GetBitDepths()[c]);
     }
     Describe(n, result);
     for (;; arrived = std::min(arrived + job_.piece, data_.size())) {
       Show(job_.source == Source::kUnseekable ? data_.size() : arrived);
       result.frameCode =
           image_.GetNextFrame(job_.source == Source::kMemory ? &block_ : nullptr, nullptr,
-                              job_.skipConversion, job_.skipRecast, &frame_.data);
+                              job_.skipConversion, job_.skipRecast, &frame_->data);
       result.ranOutOfMemory = result.ranOutOfMemory || result.frameCode == KelErrNoMemory;
       if (arrived == data_.size() || job_.source == Source::kUnseekable) break;
     }
@@ -131,19 +110,11 @@ class Host {
       result.isComplete = result.isComplete && image_.TileIsComplete(t);
     }
     for (int c = 0; c < n; ++c) {
-      const auto [width, height] = SizeOf(c);
-      if (IsTooLarge(width, height)) continue;
-      result.planes.push_back(Gather(c, result.depths[static_cast<std::size_t>(c)]));
-      if (frame_.buffers[static_cast<std::size_t>(c)] != nullptr)
-        result.hostPlanes.push_back(FromHostBuffer(c));
+      const Place place = PlaceOf(c);
+      if (IsTooLarge(place.width, place.height)) continue;
+      result.planes.push_back(Gather(c));
+      if (job_.useHostBuffers) result.hostPlanes.push_back(FromHostBuffer(c));
     }
-  }
-
-  /// The depth that the file tells is not in the interface; tests set what they know.
-  int DepthOf(int c) const { return image_.GetBitDepths()[c]; }
-
-  int BitsOf(int c, const Result& result) const {
-    return job_.outBits != 0 ? job_.outBits : result.depths[static_cast<std::size_t>(c)];
   }
 
   /// Planes that only a header announces, and that this host would be slow to make.
@@ -152,107 +123,70 @@ class Host {
   }
 
   void Describe(int n, const Result& result) {
-    const auto count = static_cast<std::size_t>(n);
-    frame_.buffers.assign(count, nullptr);
-    frame_.memory.resize(count);
+    std::vector<KelLong> bits(result.depths.begin(), result.depths.end());
+    if (job_.outBits != 0) std::fill(bits.begin(), bits.end(), job_.outBits);
+    frame_.emplace(bits);
+    memory_.resize(bits.size());
     for (int c = 0; c < n; ++c) {
-      const int bits = BitsOf(c, result);
-      bits_.push_back(bits);
-      frame_.in.push_back(8);
-      frame_.out.push_back(bits);
-      frame_.isSigned.push_back(0);
-      frame_.most.push_back(static_cast<double>((std::int64_t{1} << bits) - 1));
-      frame_.least.push_back(0);
-      auto [width, height] = SizeOf(c);
+      const auto k = static_cast<std::size_t>(c);
+      auto [x, y, width, height] = PlaceOf(c);
       if (IsTurned()) std::swap(width, height);
-      const std::int64_t stride = (width * ((bits + 7) / 8) + 15) / 16 * 16;
-      frame_.strides.push_back(static_cast<KelLong>(stride));
+      const std::int64_t stride = (width * ((bits[k] + 7) / 8) + 15) / 16 * 16;
+      frame_->strides[k] = static_cast<KelLong>(stride);
       if (!job_.useHostBuffers || IsTooLarge(width, height)) continue;
-      auto& memory = frame_.memory[static_cast<std::size_t>(c)];
-      memory.assign(static_cast<std::size_t>(stride * std::max<std::int64_t>(height, 1)) + 48,
-                    0xEE);
-      const auto address = reinterpret_cast<std::uintptr_t>(memory.data());
-      frame_.buffers[static_cast<std::size_t>(c)] =
-          memory.data() + (16 - address % 16) % 16 + job_.misalign;
+      memory_[k].assign(static_cast<std::size_t>(stride * std::max<std::int64_t>(height, 1)) + 48,
+                        0xEE);
+      const auto address = reinterpret_cast<std::uintptr_t>(memory_[k].data());
+      frame_->buffers[k] = memory_[k].data() + (16 - address % 16) % 16 + job_.misalign;
     }
-    frame_.data.NumChannels = n;
-    frame_.data.OutBuffers = frame_.buffers.data();
-    frame_.data.OutStrides = frame_.strides.data();
-    frame_.data.InBitDepths = frame_.in.data();
-    frame_.data.OutBitDepths = frame_.out.data();
-    frame_.data.OutSigned = frame_.isSigned.data();
-    frame_.data.OutMax = frame_.most.data();
-    frame_.data.OutMin = frame_.least.data();
   }
 
-  Plane Gather(int c, int) const {
-    auto [width, height] = SizeOf(c);
-    Plane plane{width, height,
-                std::vector<std::int64_t>(static_cast<std::size_t>(width * height), -1)};
-    if (IsTurned() && !job_.skipRecast) std::swap(plane.width, plane.height);
-    const KelImageGeometry& g = *image_.GetGeometryParams();
-    const int k = reduction_[static_cast<std::size_t>(c)];
-    const auto edge = [&](std::int64_t v, std::int64_t sub) {
-      return CeilTo((v + sub - 1) / sub, k);
-    };
-    const std::int64_t ox = edge(g.XOsiz, g.XRsiz[c]), oy = edge(g.YOsiz, g.YRsiz[c]);
+  /// A component from the output images of its tiles, turned back.
+  Plane Gather(int c) const {
+    const auto k = static_cast<std::size_t>(c);
+    const Place place = PlaceOf(c);
+    Plane plane{
+        place.width, place.height,
+        std::vector<std::int64_t>(static_cast<std::size_t>(place.width * place.height), -1)};
     for (KelLong t = 0; t < image_.GetNumTiles(); ++t) {
       KelTileComponent* component = image_.GetTileComponent(t, c);
       if (component == nullptr || !component->TileCompDataIsValid()) continue;
       const KelTileGeometry& box = *component->GetTileGeometryParams();
-      const std::int64_t x0 = CeilTo(box.X0, k) - ox, x1 = CeilTo(box.X1, k) - ox;
-      const std::int64_t y0 = CeilTo(box.Y0, k) - oy, y1 = CeilTo(box.Y1, k) - oy;
+      const std::int64_t x0 = CeilTo(box.X0, reduction_[k]), y0 = CeilTo(box.Y0, reduction_[k]);
+      const std::int64_t w = CeilTo(box.X1, reduction_[k]) - x0;
+      const std::int64_t h = CeilTo(box.Y1, reduction_[k]) - y0;
       const KelImageData& image = *component->GetOutputImage();
-      const int bits = bits_[static_cast<std::size_t>(c)];
       // Raw samples are never rotated, and a tile of fewer levels has no place in a smaller image.
       const bool isTurned = IsTurned() && !job_.skipRecast;
-      const std::int64_t across = isTurned ? y1 - y0 : x1 - x0;
-      const std::int64_t down = isTurned ? x1 - x0 : y1 - y0;
-      if (across > image.Width || down > image.Height) continue;
+      if ((isTurned ? h : w) > image.Width || (isTurned ? w : h) > image.Height) continue;
       const std::int64_t rowBytes = image.SizeOfDataType == 4
                                         ? std::int64_t{image.Width} * 4
-                                        : (std::int64_t{image.Width} * bits + 7) / 8;
+                                        : (std::int64_t{image.Width} * frame_->outBits[k] + 7) / 8;
       const auto* bytes =
           static_cast<const std::uint8_t*>(KelGetMemObj()->LockBuf(image.GetImageBuffer()));
-      for (std::int64_t y = y0; y < y1; ++y) {
-        for (std::int64_t x = x0; x < x1; ++x) {
-          std::int64_t column = x - x0, row = y - y0, px = x, py = y;
-          const std::int64_t w = x1 - x0, h = y1 - y0;
-          switch (job_.skipRecast ? KelOrientation0 : job_.orientation) {
-            case KelOrientation90:
-              std::tie(column, row, px, py) = std::tuple(h - 1 - row, column, height - 1 - y, x);
-              break;
-            case KelOrientation180:
-              std::tie(column, row, px, py) =
-                  std::tuple(w - 1 - column, h - 1 - row, width - 1 - x, height - 1 - y);
-              break;
-            case KelOrientation270:
-              std::tie(column, row, px, py) = std::tuple(row, w - 1 - column, y, width - 1 - x);
-              break;
-            default:
-              break;
-          }
-          plane.samples[static_cast<std::size_t>(py * plane.width + px)] =
-              SampleAt(bytes + row * rowBytes, column, image, bits);
-        }
+      for (std::int64_t i = 0; i < w * h; ++i) {
+        const std::int64_t x = i % w, y = i / w;
+        const auto [column, row] = job_.skipRecast ? std::pair(x, y) : Turned(x, y, w, h);
+        plane.At(x0 - place.x + x, y0 - place.y + y) =
+            SampleAt(bytes + row * rowBytes, column, image, frame_->outBits[k]);
       }
       KelGetMemObj()->UnlockBuf(image.GetImageBuffer());
     }
     return plane;
   }
 
+  /// A component from the host's buffer, turned back.
   Plane FromHostBuffer(int c) const {
     const auto k = static_cast<std::size_t>(c);
-    auto [width, height] = SizeOf(c);
-    if (IsTurned()) std::swap(width, height);
-    Plane plane{width, height, {}};
-    const auto* bytes = static_cast<const std::uint8_t*>(frame_.buffers[k]);
-    for (std::int64_t y = 0; y < height; ++y, bytes += frame_.strides[k]) {
-      for (std::int64_t x = 0; x < width; ++x) {
-        std::uint16_t word = 0;
-        if (bits_[k] == 16) std::memcpy(&word, bytes + 2 * x, 2);
-        plane.samples.push_back(bits_[k] == 16 ? word : bytes[x]);
-      }
+    const Place place = PlaceOf(c);
+    Plane plane{place.width, place.height, {}};
+    const auto* bytes = static_cast<const std::uint8_t*>(frame_->buffers[k]);
+    for (std::int64_t i = 0; i < place.width * place.height; ++i) {
+      const auto [x, y] = Turned(i % place.width, i / place.width, place.width, place.height);
+      const std::uint8_t* row = bytes + y * frame_->strides[k];
+      std::uint16_t word = row[x];
+      if (frame_->outBits[k] == 16) std::memcpy(&word, row + 2 * x, 2);
+      plane.samples.push_back(word);
     }
     return plane;
   }
@@ -263,11 +197,32 @@ class Host {
   KelCompressedData block_{};
   KelDecOpt options_;
   KelImage image_;
-  Frame frame_;
-  std::vector<int> reduction_, bits_;
+  std::optional<FrameRequest> frame_;
+  std::vector<Bytes> memory_;
+  std::vector<int> reduction_;
 };
 
 }  // namespace
+
+std::int64_t SampleAt(const std::uint8_t* row, std::int64_t i, const KelImageData& image,
+                      int bits) {
+  if (image.SizeOfDataType == 4) {
+    std::int32_t cell;
+    std::memcpy(&cell, row + 4 * i, 4);
+    if (image.ImageBufferType != 1) return cell;
+    return static_cast<std::int64_t>(std::bit_cast<float>(cell) * 65536.0F);
+  }
+  if (image.SizeOfDataType == 2 && bits == 16) {
+    std::uint16_t word;
+    std::memcpy(&word, row + 2 * i, 2);
+    return word;
+  }
+  std::int64_t v = 0;
+  for (std::int64_t k = i * bits; k < (i + 1) * bits; ++k) {
+    v = v << 1 | (row[k / 8] >> (7 - k % 8) & 1);
+  }
+  return v;
+}
 
 Decoded Decode(const Bytes& data, const DecodeJob& job) {
   return Host(data, job).Run();

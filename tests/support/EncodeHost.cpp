@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstring>
+#include <numeric>
 #include <random>
 
 namespace test {
@@ -29,14 +29,11 @@ Picture MakePicture(KelLong width, KelLong height, const std::vector<KelLong>& d
   Picture image{width, height, depths, sampling, sampling, {}};
   std::mt19937 random(12345);
   for (std::size_t c = 0; c < depths.size(); ++c) {
-    Plane plane;
-    plane.width = (width + sampling[c] - 1) / sampling[c];
-    plane.height = (height + sampling[c] - 1) / sampling[c];
+    Plane plane{
+        (width + sampling[c] - 1) / sampling[c], (height + sampling[c] - 1) / sampling[c], {}};
     const std::int64_t most = (std::int64_t{1} << depths[c]) - 1;
-    for (std::int64_t y = 0; y < plane.height; ++y) {
-      for (std::int64_t x = 0; x < plane.width; ++x) {
-        plane.samples.push_back(SampleOf(content, x, y, c, most, random));
-      }
+    for (std::int64_t i = 0; i < plane.width * plane.height; ++i) {
+      plane.samples.push_back(SampleOf(content, i % plane.width, i / plane.width, c, most, random));
     }
     image.planes.push_back(plane);
   }
@@ -49,7 +46,8 @@ Picture MakePicture(KelLong width, KelLong height, std::size_t components, KelLo
                      std::vector<KelLong>(components, 1), content);
 }
 
-EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight)
+EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight,
+                       const Coding& coding)
     : image(source), procs(), dataProcs(), actions() {
   KelImageGeometry geometry;
   geometry.InitImageGeometry(image.width, image.height, 0, 0, tileWidth, tileHeight, 0, 0,
@@ -57,6 +55,17 @@ EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHei
                              static_cast<KelLong>(image.Count()), image.depths.data());
   options.InitToDefaults(&geometry);
   geometry.Die();
+  options.Irreversible = coding.irreversible;
+  options.TargetQuality = coding.quality;
+  options.ComponentTransform = coding.transform;
+  options.NumLevels = coding.levels;
+  options.NumLayers = coding.layers;
+  options.ProgressionOrder = coding.order;
+  if (coding.colors >= 0) options.NumColorChannels = coding.colors;
+  options.RoiEnabled = coding.mask >= 0;
+  options.RoiMaskComponent = coding.mask;
+  options.TransparencyPresent = coding.transparency >= 0;
+  options.TransparencyComponent = coding.transparency;
 
   dataProcs.clientData = this;
   dataProcs.GetTileComponent = [](void* client, KelLong c, KelLong tile, KelLong* error) {
@@ -86,18 +95,13 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
   const bool fails = ++fetches == failFetch;
   if (fails) *error = fetchError;
   if (fails && !fetchErrorWithBuffer) return nullptr;
-  const Plane& first = image.planes[channels[0]];
   const std::size_t c0 = channels[0];
   const KelTileGeometry box(options.GeomParams, static_cast<KelLong>(c0), tile);
   BitAssembler samples;
   for (KelLong y = box.Y0; y < box.Y1; ++y) {
     for (KelLong x = box.X0; x < box.X1; ++x) {
       for (const std::size_t c : channels) {
-        const auto value = static_cast<std::uint64_t>(
-            image.planes[c].samples[static_cast<std::size_t>(y * first.width + x)]);
-        // Words of 16 bits stand in the order of the host's own.
-        const bool isSwapped = image.depths[c] == 16 && std::endian::native == std::endian::little;
-        samples.Bits(isSwapped ? (value & 0xFF) << 8 | value >> 8 : value, image.depths[c]);
+        samples.Sample(static_cast<std::uint64_t>(image.planes[c].At(x, y)), image.depths[c]);
       }
     }
     samples.Align();
@@ -115,17 +119,21 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
   return buffer;
 }
 
-KelLong EncodeHost::EncodeTo(HostStream& stream) {
+KelLong EncodeHost::Init(HostStream& stream) {
   current = this;
   if (numInterleaved != 0) {
     dataProcs.GetTileInterleaved = [](void* client, KelLong tile, KelLong* error) {
       auto& self = *static_cast<EncodeHost*>(client);
       std::vector<std::size_t> channels(static_cast<std::size_t>(self.numInterleaved));
-      for (std::size_t c = 0; c < channels.size(); ++c) channels[c] = c;
+      std::iota(channels.begin(), channels.end(), std::size_t{0});
       return self.Fetch(channels, tile, error);
     };
   }
-  KelLong code = encoder.InitEncoder(&options, &stream.stream, &procs);
+  return encoder.InitEncoder(&options, &stream.stream, &procs);
+}
+
+KelLong EncodeHost::EncodeTo(HostStream& stream) {
+  KelLong code = Init(stream);
   const KelLong numTiles = code == KelOK ? encoder.GetNumTiles() : 0;
   for (KelLong t = 0; t < numTiles && code == KelOK; ++t) {
     code = encoder.CompressAndWriteTile(t, nullptr);

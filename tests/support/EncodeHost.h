@@ -33,15 +33,30 @@ Picture MakePicture(KelLong width, KelLong height, std::size_t components, KelLo
 Picture MakePicture(KelLong width, KelLong height, const std::vector<KelLong>& depths,
                     const std::vector<KelLong>& sampling, Content content = Content::kShades);
 
+/// What tests choose most often among the options; the defaults are the option set's own.
+struct Coding {
+  KelLong irreversible = 1;
+  float quality = 40;
+  bool transform = false;
+  KelLong levels = 5, layers = 1, order = KelRLCP;
+  KelLong colors = -1;        ///< colour channels, or -1: as many as there are
+  KelLong mask = -1;          ///< component that marks a region, or -1
+  KelLong transparency = -1;  ///< component, or -1
+};
+
 /// One encoder's host. The options are those of the image; tests change them before Encode.
 class EncodeHost {
  public:
-  EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight);
-  explicit EncodeHost(const Picture& source) : EncodeHost(source, source.width, source.height) {}
+  EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHeight,
+             const Coding& coding = {});
+  explicit EncodeHost(const Picture& source, const Coding& coding = {})
+      : EncodeHost(source, source.width, source.height, coding) {}
   ~EncodeHost();
   EncodeHost(const EncodeHost&) = delete;
   EncodeHost& operator=(const EncodeHost&) = delete;
 
+  /// Initialises the encoder; the stream must outlive it.
+  KelLong Init(HostStream& stream);
   /// Initialises, codes every tile into the stream, and tears down. Returns the first code that is
   /// not 0.
   KelLong EncodeTo(HostStream& stream);

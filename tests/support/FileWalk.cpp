@@ -4,7 +4,9 @@
 
 #include <algorithm>
 
-#include "PlainBlocks.h"
+#include "DataSource.h"
+#include "KelBlockDecode.h"
+#include "KelWavelet.h"
 
 namespace test {
 namespace {
@@ -20,77 +22,43 @@ struct Cursor {
   }
 };
 
-struct Rect {
-  int x0, x1, y0, y1;
-  bool IsEmpty() const { return x0 >= x1 || y0 >= y1; }
-};
-
-int CeilHalf(std::int64_t v, int shift) {
-  return static_cast<int>((v + (std::int64_t{1} << shift) - 1) >> shift);
-}
-Rect Reduce(const Rect& r, int shift) {
-  return {CeilHalf(r.x0, shift), CeilHalf(r.x1, shift), CeilHalf(r.y0, shift),
-          CeilHalf(r.y1, shift)};
-}
-/// A band of level n: samples whose place is odd across (dx) or down (dy), at the level's spacing.
-Rect BandOf(const Rect& r, int n, int dx, int dy) {
-  const std::int64_t half = n > 0 ? std::int64_t{1} << (n - 1) : 0;
-  return {CeilHalf(r.x0 - half * dx, n), CeilHalf(r.x1 - half * dx, n),
-          CeilHalf(r.y0 - half * dy, n), CeilHalf(r.y1 - half * dy, n)};
-}
-
 /// What the main header says.
 struct Stream {
   int width = 0, height = 0, tileWidth = 1, tileHeight = 1;
   std::vector<int> across, down;
   int order = 0, layers = 0, levels = 0;
 
-  Rect TileComp(int tile, std::size_t c) const {
+  kel::Box TileComp(int tile, std::size_t c) const {
     const int columns = (width + tileWidth - 1) / tileWidth;
-    const int x = tile % columns * tileWidth;
-    const int y = tile / columns * tileHeight;
-    const auto divide = [](int v, int by) { return (v + by - 1) / by; };
-    return {divide(x, across[c]), divide(std::min(x + tileWidth, width), across[c]),
-            divide(y, down[c]), divide(std::min(y + tileHeight, height), down[c])};
+    const int x = tile % columns * tileWidth, y = tile / columns * tileHeight;
+    return {kel::CeilDiv(x, across[c]), kel::CeilDiv(std::min(x + tileWidth, width), across[c]),
+            kel::CeilDiv(y, down[c]), kel::CeilDiv(std::min(y + tileHeight, height), down[c])};
   }
 };
 
-void WalkBand(const Bytes& bytes, const Rect& band) {
-  ASSERT_GE(bytes.size(), 2U);
-  const int least = bytes[0], most = bytes[1];
-  PlainBits bits{bytes, 16};
-  int seenLeast = 127, seenMost = 0;
-  for (int y = band.y0; !band.IsEmpty() && y < band.y1; y = (y / 8 + 1) * 8) {
-    for (int x = band.x0; x < band.x1; x = (x / 8 + 1) * 8) {
-      const int width = std::min((x / 8 + 1) * 8, band.x1) - x;
-      const int height = std::min((y / 8 + 1) * 8, band.y1) - y;
-      const int planes = TakePlainBlock(bits, width, height, least, most, true).Planes();
-      seenLeast = std::min(seenLeast, planes);
-      seenMost = std::max(seenMost, planes);
-    }
-  }
-  EXPECT_EQ(seenLeast, least);
-  EXPECT_EQ(seenMost, most);
-  EXPECT_EQ((bits.position + 7) / 8, bytes.size()) << "the band's size";
-  while (bits.position % 8 != 0) EXPECT_EQ(bits.Take(), 0U) << "padding";
+/// A band must end where its size says.
+void WalkBand(const Bytes& bytes, const kel::Box& band) {
+  DataSource source(bytes, kel::Flavour::kAB);
+  std::vector<std::int32_t> cells(static_cast<std::size_t>(band.Width() * band.Height()));
+  const auto edge = [](std::int64_t v) { return static_cast<std::int32_t>(v); };
+  const kel::BandOutcome outcome =
+      DecodeBandBlocks(*source,
+                       {edge(band.x0), edge(band.x1), edge(band.y0), edge(band.y1), 3, 3,
+                        cells.data(), static_cast<std::ptrdiff_t>(band.Width())},
+                       kel::SignLayout::kSeparateSigns);
+  EXPECT_EQ(outcome.end, kel::BandEnd::kWhole);
+  EXPECT_EQ(source->GetPosition(), static_cast<std::int64_t>(bytes.size()));
 }
 
-void WalkPacket(Cursor& in, const Rect& comp, int r, int levels) {
-  const auto band = [&](std::uint32_t size, const Rect& rect) {
-    ASSERT_LE(in.at + size, in.file.size());
-    const auto begin = in.file.begin() + static_cast<std::ptrdiff_t>(in.at);
-    WalkBand(Bytes(begin, begin + size), rect);
-    in.at += size;
-  };
+void WalkPacket(Cursor& in, const kel::Box& comp, int r, int levels) {
   const std::uint32_t length = in.Take(4);
   const std::size_t end = in.at + length;
-  if (r == 0) {
-    band(length, Reduce(comp, levels));
-  } else {
-    const int n = levels - r + 1;
-    band(in.Take(4), BandOf(comp, n, 1, 0));
-    band(in.Take(4), BandOf(comp, n, 0, 1));
-    band(in.Take(4), BandOf(comp, n, 1, 1));
+  for (int b = r == 0 ? 0 : 3 * r - 2; b <= 3 * r; ++b) {
+    const std::uint32_t size = r == 0 ? length : in.Take(4);
+    ASSERT_LE(in.at + size, in.file.size());
+    const auto begin = in.file.begin() + static_cast<std::ptrdiff_t>(in.at);
+    WalkBand(Bytes(begin, begin + size), kel::SubbandBox(comp, levels, b));
+    in.at += size;
   }
   EXPECT_EQ(in.at, end) << "the packet's count";
 }
@@ -104,7 +72,7 @@ std::vector<std::vector<Packet>> PartsOf(const Stream& s, int tile) {
   std::vector<std::vector<Packet>> parts;
   const auto add = [&](std::vector<Packet> part) {
     std::erase_if(part, [&](const Packet& p) {
-      return Reduce(s.TileComp(tile, p.comp), s.levels - p.resolution).IsEmpty();
+      return kel::ReduceBox(s.TileComp(tile, p.comp), s.levels - p.resolution).IsEmpty();
     });
     if (!part.empty()) parts.push_back(part);
   };
@@ -120,11 +88,6 @@ std::vector<std::vector<Packet>> PartsOf(const Stream& s, int tile) {
     }
   }
   return parts;
-}
-
-std::string Hex2(std::uint32_t value) {
-  static const char digits[] = "0123456789ABCDEF";
-  return {digits[value >> 4 & 15], digits[value & 15]};
 }
 
 void ReadSizes(Cursor segment, Stream& s) {
@@ -157,7 +120,8 @@ std::string WalkSegments(Cursor& in, std::uint32_t until, Stream& s) {
     const std::uint32_t marker = in.Take(2);
     EXPECT_EQ(marker >> 8, 0xABU);
     if (marker == until || marker >> 8 != 0xAB) return markers;
-    markers += Hex2(marker);
+    markers += "0123456789ABCDEF"[marker >> 4 & 15];
+    markers += "0123456789ABCDEF"[marker & 15];
     if (marker == 0xAB51) ReadSizes(in, s);
     if (marker == 0xAB52) ReadCodingStyle(in, s);
     const std::size_t start = in.at;

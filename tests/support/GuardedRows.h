@@ -26,14 +26,14 @@ class GuardedRows {
 
   template <class Maker>
   void Fill(Maker make) {
-    for (std::int64_t y = 0; y < height_; ++y) {
-      for (std::int64_t x = 0; x < width_; ++x) At(x, y) = static_cast<T>(make());
+    for (std::int64_t i = 0; i < width_ * height_; ++i) {
+      At(i % width_, i / width_) = static_cast<T>(make());
     }
   }
   std::vector<double> Values() {
     std::vector<double> values;
-    for (std::int64_t y = 0; y < height_; ++y) {
-      for (std::int64_t x = 0; x < width_; ++x) values.push_back(static_cast<double>(At(x, y)));
+    for (std::int64_t i = 0; i < width_ * height_; ++i) {
+      values.push_back(static_cast<double>(At(i % width_, i / width_)));
     }
     return values;
   }

@@ -4,21 +4,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <unordered_map>
 
 namespace test {
 namespace {
 
 constexpr int kPaint = 0xCD;
 
-struct Ledger {
-  std::unordered_map<void*, std::size_t> blocks;
-  std::size_t bytes = 0, peak = 0, requests = 0, largest = 0;
-  std::size_t refuseAt = 0, limit = 0;
-  bool refused = false;
-};
-
-Ledger* ledger = nullptr;
+HostMemory::Ledger* ledger = nullptr;
 
 /// An identifier as this host makes them: the data stand behind it in the ledger's block.
 struct Buffer : KelBufID_I {
@@ -69,7 +61,7 @@ KelBufID_I* TakeBuffer(std::size_t size, std::size_t alignment) {
 }  // namespace
 
 HostMemory::HostMemory() {
-  ledger = new Ledger;
+  ledger = &ledger_;
   funcs_.AllocBuf = [](KelULong size) { return TakeBuffer(size, 16); };
   funcs_.AllocAlignedBuf = [](KelULong size, KelULong alignment) {
     return TakeBuffer(size, alignment);
@@ -92,42 +84,8 @@ HostMemory::HostMemory() {
 HostMemory::~HostMemory() {
   EXPECT_EQ(Outstanding(), 0U) << "memory of the host was not given back";
   KelLibShutDown();
-  for (auto& [block, size] : ledger->blocks) std::free(block);
-  delete ledger;
+  for (auto& [block, size] : ledger_.blocks) std::free(block);
   ledger = nullptr;
-}
-
-void HostMemory::RefuseRequest(std::size_t n) {
-  ledger->refuseAt = n;
-  ledger->refused = false;
-}
-
-bool HostMemory::HasRefused() const {
-  return ledger->refused;
-}
-void HostMemory::LimitBytes(std::size_t most) {
-  ledger->limit = most;
-}
-std::size_t HostMemory::Outstanding() const {
-  return ledger->blocks.size();
-}
-std::size_t HostMemory::Bytes() const {
-  return ledger->bytes;
-}
-std::size_t HostMemory::PeakBytes() const {
-  return ledger->peak;
-}
-
-void HostMemory::ResetPeak() {
-  ledger->peak = ledger->bytes;
-  ledger->largest = 0;
-}
-
-std::size_t HostMemory::Requests() const {
-  return ledger->requests;
-}
-std::size_t HostMemory::LargestRequest() const {
-  return ledger->largest;
 }
 
 }  // namespace test

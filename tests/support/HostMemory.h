@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <unordered_map>
 
 #include "kel/KelMemory.h"
 
@@ -20,21 +21,40 @@ class HostMemory {
   HostMemory& operator=(const HostMemory&) = delete;
 
   /// Refuses the n-th request from now on (1 = the next one), and only that; 0 refuses none.
-  void RefuseRequest(std::size_t n);
+  void RefuseRequest(std::size_t n) {
+    ledger_.refuseAt = n;
+    ledger_.refused = false;
+  }
   /// Whether a request has been refused since RefuseRequest.
-  bool HasRefused() const;
+  bool HasRefused() const { return ledger_.refused; }
   /// Refuses what would bring the bytes outstanding above a limit; 0 lifts the limit.
-  void LimitBytes(std::size_t most);
+  void LimitBytes(std::size_t most) { ledger_.limit = most; }
 
-  std::size_t Outstanding() const;  ///< blocks and buffers not given back
-  std::size_t Bytes() const;        ///< their bytes
-  std::size_t PeakBytes() const;    ///< the most since ResetPeak
-  void ResetPeak();
-  std::size_t Requests() const;        ///< so far
-  std::size_t LargestRequest() const;  ///< in bytes, since ResetPeak
+  std::size_t Outstanding() const { return ledger_.blocks.size(); }  ///< blocks not given back
+  std::size_t Bytes() const { return ledger_.bytes; }                ///< their bytes
+  std::size_t PeakBytes() const { return ledger_.peak; }             ///< the most since ResetPeak
+  void ResetPeak() {
+    ledger_.peak = ledger_.bytes;
+    ledger_.largest = 0;
+  }
+  std::size_t Requests() const { return ledger_.requests; }       ///< so far
+  std::size_t LargestRequest() const { return ledger_.largest; }  ///< in bytes, since ResetPeak
+
+  struct Ledger {
+    std::unordered_map<void*, std::size_t> blocks;
+    std::size_t bytes = 0, peak = 0, requests = 0, largest = 0;
+    std::size_t refuseAt = 0, limit = 0;
+    bool refused = false;
+  };
 
  private:
+  Ledger ledger_;
   KelMemFuncs funcs_;
+};
+
+/// A test in which the library runs on a host's memory, all of which it must give back.
+struct LibraryTest : testing::Test {
+  HostMemory memory;
 };
 
 /// Runs a flow again and again, refusing its first request, then its second, and so on, until a

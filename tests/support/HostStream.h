@@ -14,6 +14,10 @@ namespace test {
 class HostStream {
  public:
   explicit HostStream(std::vector<std::uint8_t> content = {}, bool seekable = true);
+  /// Flushes what is still held, whose buffer comes from the library.
+  ~HostStream() {
+    if (stream.wbuf != nullptr) stream.flushWriteBuffer();
+  }
   HostStream(const HostStream&) = delete;
   HostStream& operator=(const HostStream&) = delete;
 

@@ -13,22 +13,6 @@
 
 namespace test {
 
-/// Reads bits from bytes, most significant first; all ones behind the end.
-struct PlainBits {
-  const Bytes& bytes;
-  std::size_t position = 0;
-
-  unsigned Take() {
-    const std::size_t at = position++;
-    return at / 8 < bytes.size() ? bytes[at / 8] >> (7 - at % 8) & 1U : 1U;
-  }
-  std::uint64_t Take(int n) {
-    std::uint64_t value = 0;
-    while (n-- > 0) value = value << 1 | Take();
-    return value;
-  }
-};
-
 /// A block's coefficients in raster order, by magnitude and sign.
 struct PlainBlock {
   int width, height;
@@ -54,10 +38,8 @@ struct PlainBlock {
 };
 
 inline int PlainFieldBits(int minPlanes, int maxPlanes) {
-  const auto d = static_cast<std::uint32_t>(maxPlanes - minPlanes);
-  if (d >= 0x80000000U) return 32;
   int bits = 1;
-  while (bits < 31 && (std::uint32_t{1} << bits) <= d) ++bits;
+  while (1 << bits <= maxPlanes - minPlanes) ++bits;
   return bits;
 }
 
@@ -70,29 +52,20 @@ inline const std::string& PlainPatternWord(int pattern) {
 }
 
 /// The places of a plane of a block in the order in which the code visits them, as lists of
-/// columns; group says whether four columns share a pattern, or each has a flag of its own.
-struct PlainColumns {
-  bool group;
-  std::vector<std::vector<std::pair<int, int>>> columns;
-};
-inline std::vector<PlainColumns> PlainOrder(int width, int height) {
-  std::vector<PlainColumns> order;
-  const auto column = [](int x, int y, int rows) {
-    std::vector<std::pair<int, int>> places;
-    for (int i = 0; i < rows; ++i) places.push_back({x, y + i});
-    return places;
-  };
-  int y = 0;
-  for (; y + 4 <= height; y += 4) {
-    int x = 0;
-    for (; x + 4 <= width; x += 4) {
-      order.push_back({true, {}});
-      for (int j = 0; j < 4; ++j) order.back().columns.push_back(column(x + j, y, 4));
+/// columns: sets of four columns share a pattern, a column alone has a flag of its own.
+using PlainColumn = std::vector<std::pair<int, int>>;
+inline std::vector<std::vector<PlainColumn>> PlainOrder(int width, int height) {
+  std::vector<std::vector<PlainColumn>> order;
+  for (int y = 0; y < height; y += 4) {
+    const int rows = std::min(4, height - y);
+    for (int x = 0; x < width;) {
+      const int across = rows == 4 && x + 4 <= width ? 4 : 1;
+      order.emplace_back();
+      for (const int end = x + across; x < end; ++x) {
+        order.back().emplace_back();
+        for (int i = 0; i < rows; ++i) order.back().back().push_back({x, y + i});
+      }
     }
-    for (; x < width; ++x) order.push_back({false, {column(x, y, 4)}});
-  }
-  if (y < height) {
-    for (int x = 0; x < width; ++x) order.push_back({false, {column(x, y, height - y)}});
   }
   return order;
 }
@@ -103,10 +76,10 @@ inline void PutPlainBlock(BitAssembler& out, PlainBlock block, int planes, int m
   out.Bits(static_cast<std::uint64_t>(planes - minPlanes), PlainFieldBits(minPlanes, maxPlanes));
   if (planes == 0) return;
   for (int p = planes - 1; p >= 0 && p >= planes - 2; --p) {
-    for (const PlainColumns& set : PlainOrder(block.width, block.height)) {
+    for (const std::vector<PlainColumn>& set : PlainOrder(block.width, block.height)) {
       std::string columns;
       int pattern = 0;
-      for (const auto& places : set.columns) {
+      for (const PlainColumn& places : set) {
         std::string bits;
         for (const auto& [x, y] : places) bits += (block.At(x, y) >> p & 1) != 0 ? '1' : '0';
         const bool any = bits.find('1') != std::string::npos;
@@ -114,55 +87,19 @@ inline void PutPlainBlock(BitAssembler& out, PlainBlock block, int planes, int m
         if (any) columns += bits;
       }
       const std::string flag = pattern != 0 ? "1" : "0";
-      for (const char bit : (set.group ? PlainPatternWord(pattern) : flag) + columns) {
+      for (const char bit : (set.size() == 4 ? PlainPatternWord(pattern) : flag) + columns) {
         out.Bits(bit == '1', 1);
       }
     }
   }
+  const auto sign = [&](std::size_t i) {
+    if (block.magnitudes[i] != 0) out.Bits(block.negative[i], 1);
+  };
   for (std::size_t i = 0; i < block.magnitudes.size(); ++i) {
     if (planes > 2) out.Bits(block.magnitudes[i], planes - 2);
-    if (!separateSigns && block.magnitudes[i] != 0) out.Bits(block.negative[i], 1);
+    if (!separateSigns) sign(i);
   }
-  for (std::size_t i = 0; i < block.magnitudes.size() && separateSigns; ++i) {
-    if (block.magnitudes[i] != 0) out.Bits(block.negative[i], 1);
-  }
-}
-
-/// Reads a block's code.
-inline PlainBlock TakePlainBlock(PlainBits& in, int width, int height, int minPlanes, int maxPlanes,
-                                 bool separateSigns) {
-  PlainBlock block(width, height);
-  const int planes = static_cast<int>(in.Take(PlainFieldBits(minPlanes, maxPlanes))) + minPlanes;
-  if (planes == 0) return block;
-  for (int p = planes - 1; p >= 0 && p >= planes - 2; --p) {
-    for (const PlainColumns& set : PlainOrder(width, height)) {
-      int pattern = 0;
-      if (set.group) {
-        std::string word;
-        do {
-          word += in.Take() != 0 ? '1' : '0';
-          for (pattern = 0; pattern < 16 && PlainPatternWord(pattern) != word;) ++pattern;
-        } while (pattern == 16);
-      } else {
-        pattern = static_cast<int>(in.Take());
-      }
-      const int last = static_cast<int>(set.columns.size()) - 1;
-      for (int j = 0; j <= last; ++j) {
-        if ((pattern >> (last - j) & 1) == 0) continue;
-        for (const auto& [x, y] : set.columns[static_cast<std::size_t>(j)]) {
-          block.At(x, y) |= in.Take() << p;
-        }
-      }
-    }
-  }
-  for (std::size_t i = 0; i < block.magnitudes.size(); ++i) {
-    if (planes > 2) block.magnitudes[i] |= static_cast<std::uint32_t>(in.Take(planes - 2));
-    if (!separateSigns && block.magnitudes[i] != 0) block.negative[i] = in.Take() != 0;
-  }
-  for (std::size_t i = 0; i < block.magnitudes.size() && separateSigns; ++i) {
-    if (block.magnitudes[i] != 0) block.negative[i] = in.Take() != 0;
-  }
-  return block;
+  for (std::size_t i = 0; i < block.magnitudes.size() && separateSigns; ++i) sign(i);
 }
 
 /// A band's cells with guards around them.
@@ -192,16 +129,20 @@ struct PlainBand {
   int widthExponent = 3, heightExponent = 3;
   std::vector<Placed> blocks{};
 
-  /// Makes blocks of exactly so many planes each, some coefficients zero.
+  /// Makes blocks of exactly so many planes each, some coefficients zero, some blocks all ones.
   void Fill(std::mt19937& random, int leastPlanes, int mostPlanes) {
     const int w = 1 << widthExponent, h = 1 << heightExponent;
     for (int y = y0; y < y1; y = (y / h + 1) * h) {
       for (int x = x0; x < x1; x = (x / w + 1) * w) {
         PlainBlock block(std::min((x / w + 1) * w, x1) - x, std::min((y / h + 1) * h, y1) - y);
         const int n = leastPlanes + static_cast<int>(random() % (mostPlanes - leastPlanes + 1U));
-        const unsigned rarity = 1 + random() % 4;
-        for (std::size_t i = 0; i < block.magnitudes.size() && n > 0; ++i) {
-          if (random() % rarity == 0) block.magnitudes[i] = random() & 0xFFFFFFFFU >> (32 - n);
+        const unsigned rarity = 1 + random() % 5;  // 5: one coefficient alone
+        const bool ones = random() % 4 == 0;
+        const std::uint32_t most = n > 0 ? 0xFFFFFFFFU >> (32 - n) : 0;
+        for (std::size_t i = 0; i < block.magnitudes.size(); ++i) {
+          if (rarity < 5 && random() % rarity == 0) {
+            block.magnitudes[i] = ones ? most : random() & most;
+          }
           block.negative[i] = random() % 2 != 0;
         }
         if (n > 0) block.magnitudes[random() % block.magnitudes.size()] |= 1U << (n - 1);
@@ -212,14 +153,9 @@ struct PlainBand {
   Bytes Code(int minPlanes, int maxPlanes, bool separateSigns) {
     BitAssembler out;
     out.U8(static_cast<unsigned>(minPlanes)).U8(static_cast<unsigned>(maxPlanes));
-    std::size_t bits = 16;
     for (auto& [x, y, block, endBits] : blocks) {
-      BitAssembler alone;
-      PutPlainBlock(alone, block, block.Planes(), minPlanes, maxPlanes, separateSigns);
       PutPlainBlock(out, block, block.Planes(), minPlanes, maxPlanes, separateSigns);
-      PlainBits length{alone.Result()};
-      TakePlainBlock(length, block.width, block.height, minPlanes, maxPlanes, separateSigns);
-      endBits = bits += length.position;
+      endBits = out.NumBits();
     }
     return out.Result();
   }
