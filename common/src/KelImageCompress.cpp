@@ -119,7 +119,7 @@ std::uint64_t WriteCodedTile(ImageState& state, TileRecord& tile) {
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (!IsInMainStream(o, c)) continue;
     if (tile.comps[c].coded == nullptr) return 0;
-    comps[AsCount(numComps++)] = {tile.comps[c].coded, IsCodedIrreversibly(o, c)};
+    comps[AsIndex(numComps++)] = {tile.comps[c].coded, IsCodedIrreversibly(o, c)};
   }
   const std::uint64_t bytes =
       WriteTile({tile.index, comps.Data(), numComps, o.NumLevels, o.NumLayers, AnnouncedDepth(o),

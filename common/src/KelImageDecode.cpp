@@ -225,7 +225,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
 KelULong* MakeResolutions(const ImageState& state) {
   auto resolutions = OwnedArray<KelULong>::Make(AsCount(state.map.numComps));
   for (std::int32_t c = 0; c < state.map.numComps; ++c) {
-    resolutions[AsCount(c)] = static_cast<KelULong>(state.maxRes - state.map.reductions[c]);
+    resolutions[AsIndex(c)] = static_cast<KelULong>(state.maxRes - state.map.reductions[c]);
   }
   return resolutions.Release();
 }

@@ -8,6 +8,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 
@@ -54,6 +55,11 @@ constexpr std::uint64_t SaturatingAdd(std::uint64_t a, std::uint64_t b) {
 /// A size that may be negative in a host's hands, as an unsigned count (negative counts as 0).
 constexpr std::uint64_t AsCount(std::int64_t v) {
   return v > 0 ? static_cast<std::uint64_t>(v) : 0;
+}
+
+/// An index or length in memory that was obtained, which it fits on every machine.
+constexpr std::size_t AsIndex(std::int64_t v) {
+  return static_cast<std::size_t>(AsCount(v));
 }
 
 /// v limited to the range of a signed 32-bit integer.

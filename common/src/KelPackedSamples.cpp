@@ -23,14 +23,15 @@ void UnpackSamples(const PackedSamples& packed, std::uint32_t* out, std::size_t 
   // first, 57 or more remain: room for one sample of up to 32 bits, or for several.
   const int unused = 64 - packed.bitDepth;
   const std::uint64_t step = packed.stepBits;
-  const std::uint64_t perWord = static_cast<std::uint64_t>(57 - packed.bitDepth) / step + 1;
+  const auto perWord =
+      static_cast<std::size_t>(static_cast<unsigned>(57 - packed.bitDepth) / step + 1);
   const int shift = static_cast<int>(std::min<std::uint64_t>(step, 63));
   const std::uint64_t wordsEnd = packed.rowBytes >= 8 ? (packed.rowBytes - 7) * 8 : 0;
   std::uint64_t bit = packed.firstBit;
   std::size_t k = 0;
   for (; k + perWord <= count && bit < wordsEnd; k += perWord, bit += perWord * step) {
     std::uint64_t word = LoadBE64(packed.row + bit / 8) << (bit % 8);
-    for (std::uint64_t i = 0; i < perWord; ++i, word <<= shift) {
+    for (std::size_t i = 0; i < perWord; ++i, word <<= shift) {
       out[k + i] = static_cast<std::uint32_t>(word >> unused);
     }
   }

@@ -81,8 +81,8 @@ class TilePreview {
  private:
   KelLong NumComps() const { return options_.GeomParams->Csiz; }
   const KelTileGeometry& GeometryOf(KelLong c) const { return tile_.comps[c].tileGeom; }
-  const PreviewView& ViewFor(KelLong c) const { return plans_[AsCount(c)].view; }
-  PreviewRoute RouteOf(KelLong c) const { return plans_[AsCount(c)].route; }
+  const PreviewView& ViewFor(KelLong c) const { return plans_[AsIndex(c)].view; }
+  PreviewRoute RouteOf(KelLong c) const { return plans_[AsIndex(c)].route; }
   bool IsShown(KelLong c) const {
     return RouteOf(c) != PreviewRoute::kNone && !ViewFor(c).shown.IsEmpty();
   }
@@ -109,7 +109,7 @@ class TilePreview {
     for (KelLong c = 0; c < NumComps(); ++c) {
       const Box full = BoxOf(GeometryOf(c));
       const Box part = PartOfTileComp(GeometryOf(c), request_.canvas);
-      plans_[AsCount(c)] = {ChooseRoute(c), ViewOf(full, part, options_.NumLevels - resolution_)};
+      plans_[AsIndex(c)] = {ChooseRoute(c), ViewOf(full, part, options_.NumLevels - resolution_)};
       if (RouteOf(c) == PreviewRoute::kNone) continue;
       anyInTile = anyInTile || !ViewFor(c).resolution.IsEmpty();
       anyShown = anyShown || IsShown(c);
@@ -214,7 +214,7 @@ class TilePreview {
   // ---- Samples shown ----
 
   CoefficientPlane PlaneFor(const Coefficients& of) const {
-    return {of.cells.Data(), AsCount(of.window.Width()), of.window, resolution_, of.cells.Data()};
+    return {of.cells.Data(), AsIndex(of.window.Width()), of.window, resolution_, of.cells.Data()};
   }
 
   ScratchArray<std::int32_t> InverseScratch(const Box& window, int numPlanes) const {
@@ -331,7 +331,7 @@ class TilePreview {
                                  BufferLock(imageOf(2)->ImageBuffer)};
     if (!locks[0] || !locks[1] || !locks[2]) Raise(KelErrNoMemory, kModulePreview);
     InverseComponentTransform({{locks[0].As<void>(), locks[1].As<void>(), locks[2].As<void>()},
-                               AsCount(imageOf(0)->Width),
+                               AsIndex(imageOf(0)->Width),
                                {imageOf(0)->Width, imageOf(0)->Height},
                                imageOf(0)->ImageBufferType == kFloatSamples});
   }

@@ -96,11 +96,11 @@ void GatherCoefficients(const SubbandRecord* records, bool areFloats, const Box&
     const Box part = SubbandBox(window, numLevels, b);
     if (part.IsEmpty()) continue;
     const CellOffset place = MallatOffset(window, numLevels, b);
-    const std::size_t count = AsCount(part.Width());
+    const std::size_t count = AsIndex(part.Width());
     for (std::int64_t y = part.y0; y < part.y1; ++y) {
       std::int32_t* const row = cells + (place.row + y - part.y0) * stride + place.column;
       const std::int64_t bandRow = y - band.box.y0, column = part.x0 - band.box.x0;
-      CopyRow(band, areFloats, AsCount(bandRow) * band.strideCells + AsCount(column), row, count);
+      CopyRow(band, areFloats, AsIndex(bandRow) * band.strideCells + AsIndex(column), row, count);
       if (scale.marks != nullptr) {
         ScaleRow(scale.marks->Row(b, bandRow) + column, scale, row, count);
       }
@@ -133,7 +133,7 @@ WindowPlane::WindowPlane(const Box& window, KelLong sampleBytes)
 
 OwnedBuffer WindowPlane::TakePart(const Box& shown) {
   if (!(shown == window_)) {
-    return CopyPart({lock_.As<void>(), AsCount(window_.Width()), sampleBytes_, window_}, shown);
+    return CopyPart({lock_.As<void>(), AsIndex(window_.Width()), sampleBytes_, window_}, shown);
   }
   lock_ = BufferLock();
   return std::move(buffer_);
@@ -141,7 +141,7 @@ OwnedBuffer WindowPlane::TakePart(const Box& shown) {
 
 void RestoreSamples(KelImageData& image, int bitDepth) {
   const std::uint64_t rowBytes = PackedRowBytes(image.Width, bitDepth);
-  const std::size_t width = AsCount(image.Width);
+  const std::size_t width = AsIndex(image.Width);
   OwnedBuffer restored = OwnedBuffer::Make(SaturatingMul(rowBytes, AsCount(image.Height)));
   {
     const BufferLock from(image.ImageBuffer), to(restored.Get());

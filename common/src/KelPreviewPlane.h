@@ -59,7 +59,7 @@ class WindowPlane {
 
   template <class T>
   Rows<T> RowsOf() const {
-    return {lock_.As<T>(), AsCount(window_.Width())};
+    return {lock_.As<T>(), AsIndex(window_.Width())};
   }
   /// Hands over the buffer with the shown part alone. Raises 8.
   OwnedBuffer TakePart(const Box& shown);

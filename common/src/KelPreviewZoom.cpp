@@ -96,7 +96,7 @@ bool ReadSamples(const ImageState& state, const ZoomJob& job, float* cells,
 /// Rounds the result's samples and limits them to what the depth shows.
 OwnedBuffer StoreResult(const ZoomJob& job, const float* cells, std::size_t strideCells) {
   const KelLong depth = job.record.tileGeom.BitDepth;
-  const std::size_t width = AsCount(job.result.Width());
+  const std::size_t width = AsIndex(job.result.Width());
   const SamplesKernels& kernels = Kernels().samples;
   OwnedBuffer stored =
       OwnedBuffer::Make(PlaneBytes(job.result.Width(), job.result.Height(), depth / 8));
@@ -116,14 +116,14 @@ OwnedBuffer StoreResult(const ZoomJob& job, const float* cells, std::size_t stri
 }
 
 OwnedBuffer Copied(const ImageState& state, const ZoomJob& job) {
-  const std::size_t stride = AsCount(job.part.Width());
+  const std::size_t stride = AsIndex(job.part.Width());
   const auto cells = ScratchArray<float>::Make(SaturatingMul(stride, AsCount(job.part.Height())));
   if (!ReadSamples(state, job, cells.Data(), stride)) return {};
   return StoreResult(job, cells.Data(), stride);
 }
 
 OwnedBuffer Enlarged(const ImageState& state, const ZoomJob& job) {
-  const std::size_t stride = AsCount(job.result.Width());
+  const std::size_t stride = AsIndex(job.result.Width());
   const std::uint64_t count = SaturatingMul(stride, AsCount(job.result.Height()));
   // The edges are multiples of 2^k, so the low-pass band has exactly the size of the part.
   auto bands = OwnedArray<float>::Make(count);
@@ -141,7 +141,7 @@ OwnedBuffer Enlarged(const ImageState& state, const ZoomJob& job) {
 }
 
 OwnedBuffer Reduced(const ImageState& state, const ZoomJob& job) {
-  const std::size_t stride = AsCount(job.part.Width());
+  const std::size_t stride = AsIndex(job.part.Width());
   const std::uint64_t count = SaturatingMul(stride, AsCount(job.part.Height()));
   const auto samples = ScratchArray<float>::Make(count), work = ScratchArray<float>::Make(count);
   const auto scratch = ScratchArray<std::int32_t>::Make(ForwardDwtScratchCells(job.part));

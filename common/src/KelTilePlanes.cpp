@@ -26,9 +26,9 @@ LockedPlanes::LockedPlanes(const EncoderState& encoder, const TileRecord& tile)
   planes_ = OwnedArray<CodingPlane>::Make(AsCount(o.GeomParams->Csiz));
   for (KelLong c = 0; c < o.GeomParams->Csiz; ++c) {
     if (IsRegionMask(o, c)) continue;
-    CodingPlane& plane = planes_[AsCount(c)];
+    CodingPlane& plane = planes_[AsIndex(c)];
     const KelTileGeometry& box = tile.comps[c].tileGeom;
-    plane.strideCells = AsCount(std::int64_t{box.X1} - box.X0);
+    plane.strideCells = AsIndex(std::int64_t{box.X1} - box.X0);
     plane.cells = KelLockBuf(encoder.sourceBufs[c]);
     if (plane.cells == nullptr) {
       Unlock();

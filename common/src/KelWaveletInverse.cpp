@@ -154,7 +154,7 @@ void MoveLowIntoPlane(BandSource& low, const Box& lowBox, const CoefficientPlane
   const auto* from = static_cast<const Cell*>(low.cells);
   std::int32_t* to = plane.consumable;
   for (std::int64_t y = 0; y < lowBox.Height(); ++y) {
-    std::memcpy(to, from, AsCount(lowBox.Width()) * sizeof(Cell));
+    std::memcpy(to, from, AsIndex(lowBox.Width()) * sizeof(Cell));
     from += low.strideCells;
     to += plane.strideCells;
   }

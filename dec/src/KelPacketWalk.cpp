@@ -343,7 +343,7 @@ OwnedArray<ProgressionEntry> MakeEntries(const PacketWalk& walk) {
   auto entries = OwnedArray<ProgressionEntry>::Make(AsCount(changes->count));
   for (std::int32_t i = 0; i < changes->count; ++i) {
     const std::int32_t componentEnd = changes->componentEnd[i];
-    entries[AsCount(i)] = {
+    entries[AsIndex(i)] = {
         changes->order[i],
         std::min<std::int32_t>(changes->layerEnd[i], style.numLayers),
         changes->resolutionStart[i],
