@@ -225,4 +225,10 @@ TEST_F(DecDataMgr, StateAcrossFrames) {
   EXPECT_EQ(data->ReadByte(), data.bytes[23]);
 }
 
+TEST_F(DecDataMgr, RefusedWindowsNameTheModule) {
+  memory.RefuseRequest(2);  // behind the manager's own
+  const auto make = [] { DataSource(Ramp(10), Flavour::kFF, {false}); };
+  EXPECT_STREQ(RaisedBy(make).srcFile, kModuleDecDataMgr);
+}
+
 }  // namespace

@@ -22,16 +22,14 @@ struct Edges {
 
 KelLong CodeOf(KelLong XO, KelLong XT, KelLong XTO) {
   KelImageGeometry g;
-  try {
-    g.InitImageGeometry(100, 100, XO, 0, XT, 100, XTO, 0, kOne, kOne, 1, kEight);
-  } catch (const KelException& failure) {
+  const KelException failure = test::RaisedBy(
+      [&] { g.InitImageGeometry(100, 100, XO, 0, XT, 100, XTO, 0, kOne, kOne, 1, kEight); });
+  if (failure.errCode != KelOK) {
     EXPECT_EQ(failure.errLevel, 1);
     EXPECT_STREQ(failure.srcFile, "common/src/KelGeometry");
-    g.Die();
-    return failure.errCode;
   }
   g.Die();
-  return KelOK;
+  return failure.errCode;
 }
 
 // A tiling accepted that leaves out a part of the image, or refused for a sum beyond 31 bits.

@@ -71,12 +71,10 @@ TEST_F(PacketWrite, LengthsBeyondAStream) {
   const kel::TileCompToWrite comps[] = {{&comp.coded, false}};
   HostStream host;
   const auto codeOf = [&](std::int32_t numLayers) {
-    try {
-      kel::WriteTile({0, comps, 1, 1, numLayers, 8, false}, host.stream);
-      return KelLong{KelOK};
-    } catch (const KelException& failure) {
-      return failure.errCode;
-    }
+    return RaisedBy([&] {
+             kel::WriteTile({0, comps, 1, 1, numLayers, 8, false}, host.stream);
+           })
+        .errCode;
   };
   host.stream.curPos = INT32_MAX - 50;
   EXPECT_EQ(codeOf(1), KelErrUnsupported);

@@ -57,6 +57,17 @@ struct LibraryTest : testing::Test {
   HostMemory memory;
 };
 
+/// The record that a call raises; an empty one when it raises nothing.
+template <class Call>
+KelException RaisedBy(Call call) {
+  try {
+    call();
+    return {};
+  } catch (const KelException& failure) {
+    return failure;
+  }
+}
+
 /// Runs a flow again and again, refusing its first request, then its second, and so on, until a
 /// run is refused nothing. A refused run must end with one of the flow's own codes for that (8
 /// unless the flow absorbs the refusal, which allowSuccess permits); afterwards nothing may be
@@ -67,11 +78,8 @@ std::size_t SweepRefusals(HostMemory& memory, Flow flow, bool allowSuccess = fal
   for (std::size_t n = 1;; ++n) {
     memory.RefuseRequest(n);
     KelLong code = KelOK;
-    try {
-      code = flow();
-    } catch (const KelException& failure) {
-      code = failure.errCode;
-    }
+    const KelException raised = RaisedBy([&] { code = flow(); });
+    if (raised.errCode != KelOK) code = raised.errCode;
     const bool refused = memory.HasRefused();
     memory.RefuseRequest(0);
     EXPECT_EQ(memory.Outstanding(), outstandingBefore) << "leaked when request " << n << " failed";
