@@ -204,6 +204,11 @@ TEST_F(Encoder, RefusesWhatCannotBeCoded) {
                   o.ComponentTransform = true;
                   g.XRsiz[1] = g.XRsiz[2] = 2;
                 }},
+               {"transform of rows that differ",
+                [](auto&, auto& o, auto& g) {
+                  o.ComponentTransform = true;
+                  g.YRsiz[2] = 2;
+                }},
                {"mask under a transform",
                 [](auto&, auto& o, auto&) {
                   o.ComponentTransform = o.RoiEnabled = true;
@@ -224,7 +229,8 @@ TEST_F(Encoder, RefusesWhatCannotBeCoded) {
                {"depth", [](auto&, auto&, auto& g) { g.BitDepths[3] = 29; }},
                {"sampling", [](auto&, auto&, auto& g) { g.YRsiz[3] = 256; }},
                {"offsets", [](auto&, auto&, auto& g) { g.YOsiz = 1; }},
-               {"tile size", [](auto&, auto&, auto& g) { g.XTsiz = 0; }},
+               {"tile width", [](auto&, auto&, auto& g) { g.XTsiz = 0; }},
+               {"tile height", [](auto&, auto&, auto& g) { g.YTsiz = 0; }},
                {"tiles",
                 [](auto&, auto&, auto& g) {
                   g.Xsiz = 65536;
