@@ -3,12 +3,12 @@
 // resolutions, rotated, and into host buffers.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "DecodeHost.h"
 #include "HostMemory.h"
 #include "VectorFile.h"
+#include "VectorNames.h"
 
 namespace {
 
@@ -122,16 +122,7 @@ TEST_P(Vectors, RotatedReducedAndIntoHostBuffers) {
   }
 }
 
-std::vector<std::string> Names() {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(kFolder)) {
-    if (entry.path().extension() == ".json") names.push_back(entry.path().stem());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-INSTANTIATE_TEST_SUITE_P(All, Vectors, testing::ValuesIn(Names()),
+INSTANTIATE_TEST_SUITE_P(All, Vectors, testing::ValuesIn(test::VectorNames()),
                          [](const auto& test) { return test.param; });
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The two CIE colour spaces' default parameters, and which colour specifications the library's
+// The two CIE colour spaces' default parameters, and which colour descriptions the library's
 // own colour spaces cover. Exported C functions; they obtain no memory and cannot fail otherwise
 // than by their stated codes.
 #include <algorithm>

@@ -1,6 +1,6 @@
-// Reading the boxes about colour and channels: colour specifications, palette, component mapping,
+// Reading the boxes about colour and channels: colour descriptions, palette, component mapping,
 // channel definitions, opacity. A box that says a finding anew replaces it, but colour
-// specifications, which form a list.
+// descriptions, which form a list.
 //
 // Every count is checked against the box's length, and the box's bytes must have arrived, before
 // room is obtained for what it counts.

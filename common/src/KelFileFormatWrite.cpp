@@ -87,7 +87,8 @@ std::uint64_t PayloadBytes(const Record* records, KelLong count) {
   return bytes;
 }
 
-/// The specification in a list with the greatest precedence, the first of equals; null without.
+/// The colour description in a list with the greatest precedence, the first of equals; null
+/// without.
 const KelColorSpec* FirstChoice(const __tagColorSpecList& list) {
   const KelColorSpec* choice = nullptr;
   const KelColorSpec* entry = list.first;
@@ -116,7 +117,7 @@ std::uint64_t ColorBytes(const __tagColorSpecList& list) {
   return bytes;
 }
 
-/// The requirement that the chosen colour specification makes of a reader; 0 for none.
+/// The requirement that the chosen colour description makes of a reader; 0 for none.
 std::uint32_t ColorFeature(const __tagColorSpecList* list) {
   const KelColorSpec* choice = list != nullptr ? FirstChoice(*list) : nullptr;
   if (choice == nullptr) return 0;
@@ -212,7 +213,7 @@ void PutCieParams(const KelColorSpec& spec, KelOutBuffer& out) {
   }
 }
 
-/// One colour specification; methods other than 1 to 3 are not written.
+/// One colour description; methods other than 1 to 3 are not written.
 void WriteColor(const KelColorSpec& spec, KelOutBuffer& out) {
   if (spec.method < 1 || spec.method > 3) return;
   const BoxScope box(out, "colr");
@@ -228,7 +229,7 @@ void WriteColor(const KelColorSpec& spec, KelOutBuffer& out) {
   if (space == kCieLab || space == kCieJab) PutCieParams(spec, out);
 }
 
-/// The options' colour specifications, or one that follows from the number of components.
+/// The options' colour descriptions, or one that follows from the number of components.
 void WriteColors(const KelEncOpt& o, KelOutBuffer& out) {
   if (o.ColorSpecList != nullptr) {
     ForEachColor(*o.ColorSpecList, [&](const KelColorSpec& spec) { WriteColor(spec, out); });

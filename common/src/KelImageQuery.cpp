@@ -60,7 +60,7 @@ KelLong ColorsOfProfile(const __tagICCProfile& profile) {
   return is("CMYK") ? 4 : 3;
 }
 
-/// Colours that the colour specifications imply for an image of numComps components.
+/// Colours that the colour descriptions imply for an image of numComps components.
 KelLong ColorsOfSpecification(const __tagColorSpecList* list, KelLong numComps) {
   const KelColorSpec* entry = list != nullptr ? list->first : nullptr;
   for (; entry != nullptr; entry = entry->next) {

@@ -1,4 +1,4 @@
-// Colour specifications: the records behind the 'colr' boxes of a file, and the helpers that
+// Colour descriptions: the records behind the 'colr' boxes of a file, and the helpers that
 // make and recognise the default parameters of the two CIE colour spaces.
 //
 // Lists that the decoder hands out belong to the image object and live until its Die; lists
@@ -36,7 +36,7 @@ struct KelColorSpec {
   KelColorSpec* next;           ///< in the order of the file; null at the end
 };
 
-/// A list of colour specifications.
+/// A list of colour descriptions.
 struct __tagColorSpecList {
   KelULong count;       ///< number of entries
   KelColorSpec* first;  ///< null when empty

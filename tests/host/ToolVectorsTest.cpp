@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Tool.hpp"
+#include "VectorNames.h"
 
 namespace {
 
@@ -139,16 +140,7 @@ TEST_P(ToolVectors, DecodeAsExpectedAndAreDescribed) {
   ExpectInfo();
 }
 
-std::vector<std::string> Names() {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(kFolder)) {
-    if (entry.path().extension() == ".json") names.push_back(entry.path().stem());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-INSTANTIATE_TEST_SUITE_P(All, ToolVectors, testing::ValuesIn(Names()),
+INSTANTIATE_TEST_SUITE_P(All, ToolVectors, testing::ValuesIn(test::VectorNames()),
                          [](const auto& test) { return test.param; });
 
 }  // namespace
