@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "KelCompTransform.h"
-#include "KelOutputConvert.h"
 #include "kel/KelImageData.h"
 #include "kernels/KelKernels.h"
+#include "samples/KelCompTransform.h"
+#include "samples/KelOutputConvert.h"
 
 namespace {
 

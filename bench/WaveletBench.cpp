@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "KelWavelet.h"
 #include "kernels/KelKernels.h"
+#include "transform/KelWavelet.h"
 
 namespace {
 

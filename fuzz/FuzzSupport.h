@@ -7,7 +7,7 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 namespace fuzz {
 

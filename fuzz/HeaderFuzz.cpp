@@ -3,7 +3,7 @@
 #include <array>
 
 #include "FuzzSupport.h"
-#include "KelHeadersRead.h"
+#include "format/KelHeadersRead.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include "BoxText.h"
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelFileFormat.h"
-#include "KelRaise.h"
+#include "base/KelRaise.h"
+#include "format/KelFileFormat.h"
 
 namespace {
 

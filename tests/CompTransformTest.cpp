@@ -1,6 +1,6 @@
 // Component transforms and output conversion over rows: layouts of the host's samples, colour
 // transforms both ways, worked values.
-#include "KelCompTransform.h"
+#include "samples/KelCompTransform.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 
 #include "BitAssembler.h"
 #include "HostMemory.h"
-#include "KelOutputConvert.h"
+#include "samples/KelOutputConvert.h"
 
 namespace {
 

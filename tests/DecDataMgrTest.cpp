@@ -8,7 +8,7 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelRaise.h"
+#include "base/KelRaise.h"
 
 namespace {
 

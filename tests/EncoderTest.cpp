@@ -10,8 +10,8 @@
 #include "EncodeHost.h"
 #include "FileWalk.h"
 #include "HostMemory.h"
-#include "KelRaise.h"
 #include "VectorFile.h"
+#include "base/KelRaise.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Boxes byte by byte, against files assembled by hand.
-#include "KelFileFormatWrite.h"
+#include "format/KelFileFormatWrite.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelHeadersRead.h"
+#include "format/KelHeadersRead.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "HostMemory.h"
-#include "KelImageDataAccess.h"
+#include "samples/KelImageDataAccess.h"
 
 namespace {
 

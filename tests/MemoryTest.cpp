@@ -1,5 +1,5 @@
 // The library frame: memory layer and owners, failure record, guard.
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <stdexcept>
 
 #include "HostMemory.h"
-#include "KelApiGlue.h"
-#include "KelRaise.h"
+#include "api/KelApiGlue.h"
+#include "base/KelRaise.h"
 
 namespace {
 

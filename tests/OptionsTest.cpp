@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "HostMemory.h"
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "BitAssembler.h"
 #include "HostMemory.h"
 #include "HostStream.h"
-#include "KelRaise.h"
+#include "base/KelRaise.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 
 #include "EncodeHost.h"
 #include "HostMemory.h"
-#include "KelImageDecode.h"
-#include "KelRaise.h"
-#include "KelRegion.h"
 #include "WaveletTruth.h"
+#include "base/KelRaise.h"
+#include "decode/KelImageDecode.h"
+#include "encode/KelRegion.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Quantisation steps and band weights, by hand and against a plain evaluation.
-#include "KelQuant.h"
+#include "transform/KelQuant.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "KelBandWeights.h"
+#include "transform/KelBandWeights.h"
 
 namespace {
 

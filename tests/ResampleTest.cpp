@@ -6,8 +6,8 @@
 #include <random>
 
 #include "HostMemory.h"
-#include "KelImageDataAccess.h"
 #include "TestImage.h"
+#include "samples/KelImageDataAccess.h"
 
 namespace {
 

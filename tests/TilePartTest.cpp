@@ -5,8 +5,8 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "KelRaise.h"
 #include "KelTilePartIndex.h"
+#include "base/KelRaise.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <random>
 
 #include "HostMemory.h"
-#include "KelWavelet.h"
 #include "WaveletTruth.h"
+#include "transform/KelWavelet.h"
 
 namespace {
 

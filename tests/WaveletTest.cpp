@@ -1,5 +1,5 @@
 // Drivers of the wavelet transform against the definition, and their outputs against each other.
-#include "KelWavelet.h"
+#include "transform/KelWavelet.h"
 
 #include <gtest/gtest.h>
 
@@ -10,10 +10,10 @@
 
 #include "GuardedRows.h"
 #include "HostMemory.h"
-#include "KelMemFuncDefs.h"
-#include "KelWaveletStrips.h"
 #include "WaveletTruth.h"
+#include "base/KelMemFuncDefs.h"
 #include "kernels/KelKernels.h"
+#include "transform/KelWaveletStrips.h"
 
 namespace {
 

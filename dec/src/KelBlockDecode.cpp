@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cassert>
 
-#include "KelBlockGrid.h"
-#include "KelColumnPatternCode.h"
+#include "format/KelBlockGrid.h"
+#include "format/KelColumnPatternCode.h"
 #include "kernels/KelBlocksRead.h"
 #include "kernels/KelKernels.h"
 

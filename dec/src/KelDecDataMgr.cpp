@@ -11,9 +11,9 @@
 #include <cassert>
 #include <cstring>
 
-#include "KelMemFuncDefs.h"
-#include "KelRaise.h"
 #include "KelTilePartIndex.h"
+#include "base/KelMemFuncDefs.h"
+#include "base/KelRaise.h"
 
 namespace kel {
 namespace {

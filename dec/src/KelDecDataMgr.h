@@ -17,8 +17,8 @@
 
 #include <cstdint>
 
-#include "KelBytes.h"
-#include "KelSignature.h"
+#include "base/KelBytes.h"
+#include "format/KelSignature.h"
 #include "kel/KelStream.h"
 
 namespace kel {

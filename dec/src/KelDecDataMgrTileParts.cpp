@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "KelDecDataMgr.h"
-#include "KelInt.h"
 #include "KelTilePartIndex.h"
+#include "base/KelInt.h"
 
 namespace kel {
 namespace {

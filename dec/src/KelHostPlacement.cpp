@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "KelImageDataAccess.h"
+#include "samples/KelImageDataAccess.h"
 
 namespace kel {
 namespace {

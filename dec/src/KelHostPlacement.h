@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "KelFrameRequest.h"
-#include "KelImageMap.h"
+#include "decode/KelFrameRequest.h"
+#include "image/KelImageMap.h"
 
 namespace kel {
 

@@ -8,7 +8,7 @@
 
 #include "KelBlockDecode.h"
 #include "KelPacketWalk.h"
-#include "KelRaise.h"
+#include "base/KelRaise.h"
 
 namespace kel {
 namespace {

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "KelDecDataMgr.h"
-#include "KelImageMap.h"
+#include "image/KelImageMap.h"
 
 namespace kel {
 

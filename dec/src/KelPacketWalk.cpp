@@ -6,7 +6,7 @@
 #include <array>
 #include <tuple>
 
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 namespace kel {
 namespace {

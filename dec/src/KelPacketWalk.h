@@ -18,7 +18,7 @@
 
 #include <cstdint>
 
-#include "KelImageMap.h"
+#include "image/KelImageMap.h"
 
 namespace kel {
 

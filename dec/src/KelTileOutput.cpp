@@ -13,12 +13,12 @@
 #include <algorithm>
 #include <optional>
 
-#include "KelCompTransform.h"
 #include "KelHostPlacement.h"
-#include "KelImageDataAccess.h"
-#include "KelQuant.h"
-#include "KelRaise.h"
-#include "KelWavelet.h"
+#include "base/KelRaise.h"
+#include "samples/KelCompTransform.h"
+#include "samples/KelImageDataAccess.h"
+#include "transform/KelQuant.h"
+#include "transform/KelWavelet.h"
 
 namespace kel {
 namespace {

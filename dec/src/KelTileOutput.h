@@ -2,9 +2,9 @@
 #ifndef KEL_TILE_OUTPUT_H
 #define KEL_TILE_OUTPUT_H
 
-#include "KelFrameRequest.h"
-#include "KelImageMap.h"
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
+#include "decode/KelFrameRequest.h"
+#include "image/KelImageMap.h"
 
 namespace kel {
 

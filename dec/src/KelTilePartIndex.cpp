@@ -8,8 +8,8 @@
 #include <tuple>
 
 #include "KelDecDataMgr.h"
-#include "KelMemFuncDefs.h"
-#include "KelRaise.h"
+#include "base/KelMemFuncDefs.h"
+#include "base/KelRaise.h"
 
 namespace kel {
 namespace {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 namespace kel {
 namespace {

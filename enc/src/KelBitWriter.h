@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 #include "kernels/KelBlocksPut.h"
 
 namespace kel {

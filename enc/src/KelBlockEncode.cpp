@@ -10,9 +10,9 @@
 #include <cassert>
 
 #include "KelBitWriter.h"
-#include "KelBlockGrid.h"
-#include "KelColumnPatternCode.h"
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
+#include "format/KelBlockGrid.h"
+#include "format/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
 
 namespace kel {

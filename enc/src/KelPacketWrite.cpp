@@ -4,10 +4,10 @@
 
 #include <algorithm>
 
-#include "KelBytes.h"
-#include "KelHeadersWrite.h"
-#include "KelQuant.h"
-#include "KelRaise.h"
+#include "base/KelBytes.h"
+#include "base/KelRaise.h"
+#include "format/KelHeadersWrite.h"
+#include "transform/KelQuant.h"
 
 namespace kel {
 namespace {

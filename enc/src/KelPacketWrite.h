@@ -14,8 +14,8 @@
 
 #include <cstdint>
 
-#include "KelBox.h"
 #include "KelTileCoder.h"
+#include "base/KelBox.h"
 #include "kel/KelStream.h"
 
 namespace kel {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "KelInt.h"
+#include "base/KelInt.h"
 
 namespace kel {
 namespace {

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
-#include "KelMemFuncDefs.h"
-#include "KelRegion.h"
-#include "KelWavelet.h"
+#include "base/KelMemFuncDefs.h"
+#include "encode/KelRegion.h"
+#include "transform/KelWavelet.h"
 
 namespace kel {
 namespace {

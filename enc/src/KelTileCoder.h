@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "KelBlockEncode.h"
-#include "KelBox.h"
-#include "KelQuant.h"
+#include "base/KelBox.h"
+#include "transform/KelQuant.h"
 
 namespace kel {
 

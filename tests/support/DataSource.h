@@ -9,7 +9,7 @@
 #include "BitAssembler.h"
 #include "HostStream.h"
 #include "KelDecDataMgr.h"
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 
 namespace test {
 

@@ -6,7 +6,7 @@
 
 #include "DataSource.h"
 #include "KelBlockDecode.h"
-#include "KelWavelet.h"
+#include "transform/KelWavelet.h"
 
 namespace test {
 namespace {

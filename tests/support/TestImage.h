@@ -6,7 +6,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "KelMemFuncDefs.h"
+#include "base/KelMemFuncDefs.h"
 #include "kel/KelImageData.h"
 
 namespace test {

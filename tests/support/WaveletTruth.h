@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "KelBox.h"
+#include "base/KelBox.h"
 
 namespace test {
 

@@ -14,8 +14,8 @@
 #include <immintrin.h>
 #endif
 
-#include "../KelColumnPatternCode.h"
 #include "KelBlocksKernels.h"
+#include "format/KelColumnPatternCode.h"
 
 namespace kel {
 namespace {

@@ -2,8 +2,8 @@
 // header; a template serves where only the kind of sample differs.
 #include <algorithm>
 
-#include "KelInt.h"
 #include "KelSamplesKernels.h"
+#include "base/KelInt.h"
 
 namespace kel {
 namespace {

@@ -1,0 +1,106 @@
+// Exported operations of the image object: those of both directions, and decoding.
+#include "api/KelApiGlueImage.h"
+
+#include "decode/KelImageDecode.h"
+#include "decode/KelImageQuery.h"
+#include "format/KelSignature.h"
+#include "kel/KelImage.h"
+
+namespace {
+
+using kel::Guarded;
+using kel::ImageState;
+using kel::kTheCode;
+using kel::Neutral;
+using kel::Query;
+using kel::Side;
+using kel::StateOf;
+
+}  // namespace
+
+KelImage::~KelImage() = default;
+
+bool KelImage::FileIsKel(KelCodeStm* stream) {
+  return stream != nullptr && kel::RecogniseSignature(*stream).has_value();
+}
+
+bool KelImage::FileIsKel(KelCompressedData* data) {
+  return data != nullptr && kel::RecogniseSignature(*data).has_value();
+}
+
+KelLong KelImage::Die() {
+  return kel::Guard(
+      nullptr,
+      [this] {
+        kel::ReleaseState(handle_);
+        return KelLong{KelOK};
+      },
+      kTheCode);
+}
+
+KelException KelImage::GetErrorDetails() const {
+  return Query(handle_, KelException(), [](ImageState& state) { return state.failure; });
+}
+
+KelMemFuncs* KelImage::GetMemObj() const {
+  return KelGetMemObj();
+}
+
+KelLong KelImage::InitDecoder(KelCodeStm* stream, KelCompressedData* data, KelDecOpt* options,
+                              KelClientProcs* procs, KelULong** resolutions,
+                              KelDecodePixelAspectRatio aspect) {
+  Die();
+  const KelLong made = kel::Guard(
+      nullptr,
+      [this] {
+        kel::EnsureState(handle_).isEncoder = false;
+        return KelLong{KelOK};
+      },
+      kTheCode);
+  if (made != KelOK) return made;
+  return Guarded(
+      handle_, Side::kEither,
+      [&](ImageState& state) {
+        return kel::InitDecoder(state, stream, data, options, procs, resolutions, aspect);
+      },
+      kTheCode);
+}
+
+KelLong KelImage::GetNextFrame(KelCompressedData* data, KelULong*, bool skipConversion,
+                               bool skipRecast, KelFrameData* frame) {
+  ImageState* state = StateOf(handle_);
+  if (state == nullptr) return KelErrBadParam;
+  return kel::GuardKelExceptions(&state->failure, [&] {
+    if (!kel::IsOnSide(*state, Side::kDecoder)) kel::Raise(KelErrBadParam, kel::kModuleImage);
+    return kel::GetNextFrame(*state, data, skipConversion, skipRecast, frame);
+  });
+}
+
+KelULong KelImage::NumFramesDecoded() {
+  return Guarded(
+      handle_, Side::kDecoder, [](ImageState& state) { return state.decoder->framesDecoded; },
+      Neutral(KelULong{0}));
+}
+
+KelULong KelImage::BytesConsumedInLastFrame() {
+  return Guarded(
+      handle_, Side::kDecoder, [](ImageState& state) { return state.decoder->bytesLastFrame; },
+      Neutral(KelULong{0}));
+}
+
+KelLong KelImage::SetOrientationForDecode(KelImageOrientation orientation) {
+  return Guarded(
+      handle_, Side::kDecoder,
+      [&](ImageState& state) { return kel::SetOrientation(state, orientation); }, kTheCode);
+}
+
+KelImageOrientation KelImage::GetOrientationForDecode() const {
+  return Query(handle_, KelOrientation0, [](ImageState& state) {
+    return state.decoder != nullptr ? KelImageOrientation{state.decoder->orientation}
+                                    : KelOrientation0;
+  });
+}
+
+bool KelImage::TileIsComplete(KelLong tile) const {
+  return Query(handle_, false, [&](ImageState& state) { return kel::TileIsComplete(state, tile); });
+}

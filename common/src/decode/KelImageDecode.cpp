@@ -1,0 +1,305 @@
+// Initialising a decoder: recognising the data, reading boxes and main header, and preparing the
+// records of the image.
+//
+// Failures of its own checks fill the image's failure record and are returned, not raised.
+#include "decode/KelImageDecode.h"
+
+#include <algorithm>
+#include <new>
+
+#include "base/KelRaise.h"
+#include "format/KelHeadersRead.h"
+
+namespace kel {
+namespace {
+
+/// Samples that a tile-component may have records for, over all tiles, and tiles that a 16-bit
+/// tile index can name.
+constexpr std::int64_t kMostTileComps = std::int64_t{1} << 20;
+constexpr std::int64_t kMostTiles = 65535;
+
+/// Bytes asked for before the headers are read; the data may be shorter.
+constexpr std::uint64_t kHeaderBytes = 1024;
+
+constexpr float kMetresPerInch = 0.0254F;
+
+/// Records a failed check in the state and returns its code.
+KelLong Fail(ImageState& state, KelLong code, int line = __builtin_LINE()) {
+  const KelException failure = MakeFailure(code, kModuleImage, line);
+  state.failure.Clone(&failure);
+  return code;
+}
+
+/// Finds out the flavour of the data and sets the byte source up over them.
+KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData* data) {
+  DecoderState& d = *state.decoder;
+  // A stream that cannot seek back is not tested.
+  d.flavour = Flavour::kAB;
+  d.streamIsSeekable = stream != nullptr && stream->IsSeekable();
+  if (data != nullptr) {
+    const auto flavour = RecogniseSignature(*data);
+    if (!flavour) return Fail(state, KelErrUnknownFormat);
+    d.flavour = *flavour;
+  } else if (d.streamIsSeekable) {
+    // A host may have looked at the beginning, or at everything, before.
+    if (stream->seek(1, 0) != 0) return Fail(state, KelErrUnknownFormat);
+    const auto flavour = RecogniseSignature(*stream);
+    if (!flavour || stream->seek(1, 0) != 0) return Fail(state, KelErrUnknownFormat);
+    d.flavour = *flavour;
+  }
+  d.dataMgr = OwnedRecord<KelDecDataMgr>::Make().Release();
+  if (data != nullptr) {
+    d.block = *data;
+    d.dataMgr->InitFromMemory(d.block, d.flavour);
+  } else {
+    state.codeStm = stream;
+    const int result = d.dataMgr->InitFromStream(kFirstLoadBytes, kWindowBytes, stream, d.flavour);
+    if (result != kBufferedOk) return Fail(state, result);
+  }
+  d.dataMgr->EnsureBuffered(kHeaderBytes);
+  return KelOK;
+}
+
+/// Whether the data begin with a code stream, not with boxes around one.
+bool IsBareCodeStream(KelDecDataMgr& data) {
+  return data.PeekByte(0) == data.MarkerByte() || data.PeekByte(1) == 0x4F;
+}
+
+KelLong ReadFileBoxes(ImageState& state) {
+  DecoderState& d = *state.decoder;
+  if (IsBareCodeStream(*d.dataMgr)) return KelOK;
+  d.fileInfo = OwnedRecord<KelFileInfo>::Make().Release();
+  InitFileInfo(*d.fileInfo);
+  // A stream is not walked past its code stream; a block of memory is.
+  d.dataMgr->SetIndexAllowed(false);
+  const KelLong code = ReadBoxes(*d.fileInfo, *d.dataMgr);
+  d.dataMgr->SetIndexAllowed(true);
+  if (code != KelErrBoxStructure) return Fail(state, code);
+  if (!d.fileInfo->codeStreamFound) return Fail(state, KelErrBoxSignature);
+  return KelOK;
+}
+
+KelLong ReadMainHeader(ImageState& state) {
+  DecoderState& d = *state.decoder;
+  KelHeaderParams& header = d.mainHeader;
+  const KelLong made = InitHeaderParams(header, true);
+  if (made != KelOK) return Fail(state, made);
+  std::uint32_t unused = 0;
+  const HeaderResult result = ReadHeader(header, *d.dataMgr, &unused);
+  if (result.code != KelOK) return Fail(state, result.code);
+  d.dataMgr->SavePositionB();
+  if (std::any_of(header.isSigned, header.isSigned + header.Csiz,
+                  [](std::uint8_t isSigned) { return isSigned != 0; })) {
+    return Fail(state, KelErrUnsupported);
+  }
+  return KelOK;
+}
+
+/// Copies an array of bytes into longs.
+OwnedArray<KelLong> Widen(const std::uint8_t* bytes, std::int32_t count) {
+  auto longs = OwnedArray<KelLong>::Make(AsCount(count));
+  std::copy_n(bytes, longs.Size(), longs.Data());
+  return longs;
+}
+
+KelLong FromU32(std::uint32_t v) {
+  return SaturateToInt32(v);
+}
+
+/// Gives the options the description of the image: the geometry of the main header, its coding
+/// parameters, and what the boxes told.
+void DescribeImage(ImageState& state, KelEncOpt& o) {
+  const KelHeaderParams& h = state.decoder->mainHeader;
+  const KelSizParams& s = *h.sizes;
+  const auto across = Widen(s.XRsiz, h.Csiz);
+  const auto down = Widen(s.YRsiz, h.Csiz);
+  const auto depths = Widen(h.bitDepths, h.Csiz);
+  KelImageGeometry geometry;
+  ScopeGuard release([&] { geometry.Die(); });
+  geometry.InitImageGeometry(FromU32(s.Xsiz), FromU32(s.Ysiz), FromU32(s.XOsiz), FromU32(s.YOsiz),
+                             FromU32(s.XTsiz), FromU32(s.YTsiz), FromU32(s.XTOsiz),
+                             FromU32(s.YTOsiz), across.Data(), down.Data(), h.Csiz, depths.Data());
+  o.Die();
+  o.InitToDefaults(&geometry);
+  o.Irreversible = h.irreversible;
+  o.NumLayers = h.numLayers;
+  o.NumLevels = h.numLevels;
+  o.ProgressionOrder = h.progressionOrder;
+  o.ComponentTransform = h.componentTransform != 0;
+  o.RoiEnabled = h.seenRGN != 0;
+
+  const KelFileInfo* file = state.decoder->fileInfo;
+  if (file == nullptr) return;
+  o.ChannelDefPresent = file->ChannelDefPresent;
+  o.ChannelDefs = file->ChannelDefs;
+  o.PalettePresent = file->PalettePresent;
+  o.Palette = file->Palette;
+  o.XMLPresent = file->XMLPresent;
+  o.NumXMLBoxes = static_cast<KelLong>(file->NumXMLBoxes);
+  o.XMLBoxes = file->XMLBoxes;
+  o.UUIDPresent = file->UUIDPresent;
+  o.NumUUIDBoxes = static_cast<KelLong>(file->NumUUIDBoxes);
+  o.UUIDBoxes = file->UUIDBoxes;
+  o.ResolutionInfoPresent = file->ResolutionInfoPresent;
+  o.ResolutionX = file->horizontalResolution * kMetresPerInch;
+  o.ResolutionY = file->verticalResolution * kMetresPerInch;
+  o.ColorSpecList = file->ColorSpecList;
+  o.RateParamB = static_cast<KelLong>(std::min<std::uint64_t>(file->codeStreamLength, INT32_MAX));
+  o.RateMode = 3;
+}
+
+/// Levels below full size that a component is decoded at.
+KelLong Reduction(KelDecodePixelAspectRatio aspect, std::int32_t component) {
+  const bool isChroma = component == 1 || component == 2;
+  switch (aspect) {
+    case KelAspectHalfChroma:
+      return isChroma ? 1 : 0;
+    case KelAspectQuarterChroma:
+      return isChroma ? 2 : 1;
+    case KelAspectHalf:
+      return 1;
+    default:
+      return 0;
+  }
+}
+
+/// The file's depths, when it describes the code stream's components as unsigned samples.
+const std::uint8_t* FileDepths(const KelFileInfo* file, std::int32_t numComps) {
+  if (file == nullptr || file->imageHeader == nullptr) return nullptr;
+  const KelImageHeaderInfo& header = *file->imageHeader;
+  if (header.bitDepths == nullptr || header.isSigned == nullptr ||
+      header.NC != static_cast<std::uint32_t>(numComps)) {
+    return nullptr;
+  }
+  const bool isSigned = std::any_of(header.isSigned, header.isSigned + header.NC,
+                                    [](std::uint8_t flag) { return flag != 0; });
+  const bool tooDeep = std::any_of(header.bitDepths, header.bitDepths + header.NC,
+                                   [](std::uint8_t depth) { return depth > 37; });
+  return isSigned || tooDeep ? nullptr : header.bitDepths;
+}
+
+/// Prepares the records of tiles and components, and the resolutions to decode.
+KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
+  DecoderState& d = *state.decoder;
+  ImageMap& map = state.map;
+  const KelImageGeometry& geometry = *state.geometry;
+  const std::int64_t numTiles = std::int64_t{geometry.NumXTiles} * geometry.NumYTiles;
+  if (geometry.NumXTiles < 1 || geometry.NumYTiles < 1 || numTiles > kMostTiles) {
+    return Fail(state, KelErrBadMarker);
+  }
+  if (numTiles * geometry.Csiz > kMostTileComps) return Fail(state, KelErrNoMemory);
+
+  map.geometry = state.geometry;
+  map.numComps = geometry.Csiz;
+  map.numTiles = static_cast<std::int32_t>(numTiles);
+  map.encOpt = state.encOpt;
+  map.decOpt = state.decOpt;
+  map.mainHeader = &d.mainHeader;
+  map.mainParams = {d.mainHeader.codingStyle,
+                    d.mainHeader.quantisation,
+                    d.mainHeader.progressionChanges,
+                    false,
+                    false,
+                    false};
+  map.fileDepths = FileDepths(d.fileInfo, map.numComps);
+  map.reductions = OwnedArray<std::int32_t>::Make(AsCount(map.numComps)).Release();
+  state.maxRes = d.mainHeader.numLevels;
+  for (std::int32_t c = 0; c < map.numComps; ++c) {
+    map.reductions[c] = std::min(Reduction(aspect, c), state.maxRes);
+    const KelCodingStyle* own = FindComponentStyle(d.mainHeader, c);
+    const KelLong xr = geometry.XRsiz[c];
+    const KelLong yr = geometry.YRsiz[c];
+    const Box box = {CeilDiv(geometry.XOsiz, xr), CeilDiv(geometry.Xsiz, xr),
+                     CeilDiv(geometry.YOsiz, yr), CeilDiv(geometry.Ysiz, yr)};
+    if (HasLargeBlocks(own != nullptr ? *own : *d.mainHeader.codingStyle, box)) {
+      return Fail(state, KelErrUnsupported);
+    }
+  }
+  InitTileRecords(map);
+  d.dataMgr->SetTileGrid(geometry.NumXTiles, geometry.NumYTiles);
+  d.visitedUpTo = d.furthest = d.dataMgr->PositionB();
+  return KelOK;
+}
+
+/// The array of resolutions that the host receives and releases with its own Free.
+KelULong* MakeResolutions(const ImageState& state) {
+  auto resolutions = OwnedArray<KelULong>::Make(AsCount(state.map.numComps));
+  for (std::int32_t c = 0; c < state.map.numComps; ++c) {
+    resolutions[AsIndex(c)] = static_cast<KelULong>(state.maxRes - state.map.reductions[c]);
+  }
+  return resolutions.Release();
+}
+
+}  // namespace
+
+KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
+                    KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
+                    KelDecodePixelAspectRatio aspect) {
+  if ((stream == nullptr && data == nullptr) || options == nullptr || options->EncOpt == nullptr) {
+    return Fail(state, KelErrBadParam);
+  }
+  state.decoder = OwnedRecord<DecoderState>::Make().Release();
+  state.decOpt = options;
+  if (procs != nullptr) {
+    state.progress.actions = procs->UserActions;
+    state.imageDataProcs = procs->ImageDataProcs;
+  }
+  KelLong code = OpenData(state, stream, data);
+  if (code == KelOK) code = ReadFileBoxes(state);
+  if (code == KelOK) code = ReadMainHeader(state);
+  if (code != KelOK) return code;
+
+  DescribeImage(state, *options->EncOpt);
+  state.encOpt = options->EncOpt;
+  state.geometry = state.encOpt->GeomParams;
+  code = PrepareMap(state, aspect);
+  if (code != KelOK) return code;
+  if (resolutions != nullptr) *resolutions = MakeResolutions(state);
+  return KelOK;
+}
+
+KelLong SetOrientation(ImageState& state, KelLong orientation) {
+  if (orientation != KelOrientation0 && orientation != KelOrientation90 &&
+      orientation != KelOrientation180 && orientation != KelOrientation270) {
+    return Fail(state, KelErrBadParam);
+  }
+  state.decoder->orientation = orientation;
+  return KelOK;
+}
+
+void ReleaseDecoder(ImageState& state) noexcept {
+  DecoderState* d = state.decoder;
+  if (d == nullptr) return;
+  ReleaseImageMap(state.map);
+  // What the readers made belongs to the image; the options that described it must not keep
+  // addresses of it.
+  KelEncOpt* o = state.decOpt != nullptr ? state.decOpt->EncOpt : nullptr;
+  if (o != nullptr && o == state.encOpt) {
+    if (state.geometry != nullptr && o->GeomParams == state.geometry) {
+      state.geometry->Die();
+      KelFree(state.geometry);
+      o->GeomParams = nullptr;
+    }
+    o->ChannelDefs = nullptr;
+    o->Palette = nullptr;
+    o->XMLBoxes = nullptr;
+    o->UUIDBoxes = nullptr;
+    o->ColorSpecList = nullptr;
+    o->ChannelDefPresent = o->PalettePresent = o->XMLPresent = o->UUIDPresent = false;
+    o->NumXMLBoxes = o->NumUUIDBoxes = 0;
+  }
+  if (d->fileInfo != nullptr) {
+    ReleaseFileInfo(d->fileInfo);
+    KelFree(d->fileInfo);
+  }
+  ReleaseHeaderParams(&d->mainHeader);
+  if (d->dataMgr != nullptr) {
+    d->dataMgr->Release();
+    KelFree(d->dataMgr);
+  }
+  ReleaseRequest(d->request);
+  KelFree(d);
+  state.decoder = nullptr;
+}
+
+}  // namespace kel

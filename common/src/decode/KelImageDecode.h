@@ -1,0 +1,49 @@
+// The decoding flow of the image object.
+#ifndef KEL_IMAGE_DECODE_H
+#define KEL_IMAGE_DECODE_H
+
+#include "KelDecDataMgr.h"
+#include "decode/KelFrameRequest.h"
+#include "format/KelFileFormat.h"
+#include "image/KelImageState.h"
+
+namespace kel {
+
+struct DecoderState {
+  KelDecDataMgr* dataMgr;   ///< owned
+  KelCompressedData block;  ///< the last block handed in; empty in stream mode
+  bool fromStream;
+  bool streamIsSeekable;  ///< as the host declared it at initialisation
+  Flavour flavour;
+  KelFileInfo* fileInfo;       ///< owned; null for a bare code stream
+  KelHeaderParams mainHeader;  ///< owns its records
+  KelULong framesDecoded;
+  KelULong bytesLastFrame;
+  KelLong orientation;
+  FrameRequest request;  ///< of the last frame
+  bool hasRequest;
+  /// Up to here the tile-parts were read one after another. With gaps, some were passed by, and a
+  /// missing tile-part can be anywhere.
+  std::int64_t visitedUpTo;
+  bool hasGaps;
+  std::int64_t furthest;  ///< end of the furthest tile-part handled
+};
+
+/// Initialises a decoder. Returns the code, with the failure recorded in the state.
+KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
+                    KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
+                    KelDecodePixelAspectRatio aspect);
+
+/// Decodes one frame. Raises; returns codes too.
+KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConversion,
+                     bool skipRecast, KelFrameData* frame);
+
+/// Returns 0; 15, without effect, for an orientation other than 0, 90, 180 and 270.
+KelLong SetOrientation(ImageState& state, KelLong orientation);
+
+/// Releases a decoder's state; may run on a half-built one.
+void ReleaseDecoder(ImageState& state) noexcept;
+
+}  // namespace kel
+
+#endif

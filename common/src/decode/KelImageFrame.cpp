@@ -1,0 +1,123 @@
+// One frame of decoding: opens the data, visits the tiles, and leaves the source ready for the
+// next frame.
+#include "KelTileOutput.h"
+#include "base/KelRaise.h"
+#include "decode/KelImageDecode.h"
+#include "decode/KelImageQuery.h"
+#include "decode/KelImageTiles.h"
+
+namespace kel {
+namespace {
+
+/// What the reader stands on when a frame begins.
+enum class FrameSource : std::uint8_t { kReady, kNothing };
+
+/// Sets the reader up over the data of this frame, at the first tile-part. A non-zero code means
+/// that not a byte could be read there.
+FrameSource OpenFrame(ImageState& state, const KelCompressedData* block, KelLong& code) {
+  DecoderState& d = *state.decoder;
+  KelDecDataMgr& data = *d.dataMgr;
+  const bool isFirst = d.framesDecoded == 0;
+  if (block == nullptr && state.codeStm != nullptr) {
+    if (isFirst) return FrameSource::kReady;
+    if (!d.streamIsSeekable || state.codeStm->seek(1, SaturateToInt32(data.PositionB())) < 0) {
+      return FrameSource::kNothing;
+    }
+    code = data.InitFromStream(kFirstLoadBytes, kWindowBytes, state.codeStm, d.flavour);
+  } else if (block != nullptr || !isFirst) {
+    if (block != nullptr) d.block = *block;
+    data.InitFromMemory(d.block, d.flavour);
+    data.ReturnToPositionB();
+  }
+  return code == KelOK ? FrameSource::kReady : FrameSource::kNothing;
+}
+
+/// Leaves the source as the next frame expects it, whatever has happened in this one.
+void CloseFrame(ImageState& state, bool fromStream) noexcept {
+  DecoderState& d = *state.decoder;
+  d.dataMgr->ResetDataMgr();
+  if (fromStream) {
+    state.codeStm->InitKelCodeStm(0, true, true, false, false, state.codeStm->GetStmProcs());
+  }
+  ++d.framesDecoded;
+}
+
+/// Notes what is asked for. When it differs from the last frame's request, every tile is decoded
+/// again, unless the data are gone.
+void NoteRequest(ImageState& state, FrameRequest request) {
+  DecoderState& d = *state.decoder;
+  const bool isChange = d.hasRequest && !IsSameRequest(d.request, request);
+  ReleaseRequest(d.request);
+  d.request = request;
+  d.hasRequest = true;
+  if (!isChange) return;
+  for (std::int32_t t = 0; t < state.map.numTiles; ++t) RestartTile(state.map, state.map.tiles[t]);
+  d.visitedUpTo = d.furthest = d.dataMgr->PositionB();
+  d.hasGaps = false;
+}
+
+/// The components that carry colours 1 to 3, by the channel definitions when these name three
+/// different components, else the first three.
+void FindColors(const ImageState& state, std::int32_t (&components)[3]) {
+  bool isUsable = true;
+  for (std::int32_t i = 0; i < 3; ++i) {
+    const KelLong c = ChannelIndexOf(state, i + 1);
+    isUsable = isUsable && c >= 0 && c < state.map.numComps;
+    for (std::int32_t j = 0; j < i; ++j) isUsable = isUsable && components[j] != c;
+    components[i] = c;
+  }
+  for (std::int32_t i = 0; i < 3 && !isUsable; ++i) components[i] = i;
+}
+
+DeliveryContext DescribeDelivery(ImageState& state) {
+  DeliveryContext delivery{
+      state.map, state.decoder->request, state.decOpt->ForceComponentTransform != 0, {}};
+  FindColors(state, delivery.colorComponents);
+  return delivery;
+}
+
+/// Decodes and delivers the tiles in raster order, up to the first that fails.
+KelLong VisitTiles(ImageState& state) {
+  DecoderState& d = *state.decoder;
+  TilePass pass{state.map, d, d.dataMgr->GetPosition(), false};
+  const DeliveryContext delivery = DescribeDelivery(state);
+  OutputScratch scratch;
+  KelLong code = KelOK;
+  for (std::int32_t t = 0; t < state.map.numTiles && code == KelOK; ++t) {
+    TileRecord& tile = state.map.tiles[t];
+    if (HasNoSamples(state.map, tile)) continue;
+    code = ReadTile(pass, tile);
+    DeliverTile(delivery, tile, scratch);
+  }
+  return code;
+}
+
+}  // namespace
+
+KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConversion,
+                     bool skipRecast, KelFrameData* frame) {
+  DecoderState& d = *state.decoder;
+  KelDecDataMgr& reader = *d.dataMgr;
+  d.bytesLastFrame = 0;
+  const bool fromStream = data == nullptr && state.codeStm != nullptr;
+  ScopeGuard close([&] { CloseFrame(state, fromStream); });
+
+  KelLong code = KelOK;
+  if (OpenFrame(state, data, code) == FrameSource::kReady) {
+    ScopeGuard notePosition(
+        [&] { d.bytesLastFrame = static_cast<KelULong>(reader.GetPosition()); });
+    reader.FreeTilePartIndex();
+    NoteRequest(state,
+                TakeRequest(frame, state.map.numComps, skipConversion, skipRecast, d.orientation));
+    code = VisitTiles(state);
+    if (reader.IndexAllowed()) reader.MoveTo(d.furthest);
+    if (reader.IsEOCOrEnd()) reader.ReadEOC();
+  }
+  if (code != KelOK) {
+    const KelException failure = MakeFailure(code, kModuleImage);
+    state.failure.Clone(&failure);
+  }
+  return code;
+}
+
+}  // namespace kel

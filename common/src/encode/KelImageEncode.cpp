@@ -1,0 +1,259 @@
+// Initialising an encoder: checking the options, taking a private copy of them, preparing the
+// records, and writing the headers; and releasing it again.
+//
+// Failures of its own checks fill the image's failure record and are returned, not raised.
+#include "encode/KelImageEncode.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "KelRate.h"
+#include "base/KelRaise.h"
+#include "encode/KelMainStream.h"
+#include "format/KelFileFormatWrite.h"
+#include "format/KelHeadersWrite.h"
+#include "samples/KelImageDataAccess.h"
+#include "transform/KelBandWeights.h"
+
+namespace kel {
+namespace {
+
+// Limits of the code stream's fields, and of what 32-bit coefficients can hold.
+constexpr std::int64_t kMostTiles = 65535;
+constexpr KelLong kMostComponents = 16384;
+constexpr KelLong kMostPartsPerTile = 255;
+constexpr KelLong kMostLayers = 65535;
+constexpr KelLong kMostSubsampling = 255;
+constexpr KelLong kMostDepth = 28;
+
+/// Rate-control mode, code-block exponents and region style that every encoder has.
+constexpr KelLong kRateMode = 5;
+constexpr KelLong kBlockExp = 3;
+constexpr KelLong kRegionStyle = 2;
+
+bool IsWithin(KelLong v, KelLong least, KelLong most) {
+  return v >= least && v <= most;
+}
+
+/// Creates the host's debug file, or empties it. What becomes of it matters to nobody here.
+void EmptyDebugFile(const char* name) noexcept {
+  if (name == nullptr || name[0] == '\0') return;
+  if (std::FILE* file = std::fopen(name, "wb")) std::fclose(file);
+}
+
+/// Whether a geometry can be copied: its arrays are there and its tiling is allowed.
+bool GeometryIsWhole(const KelImageGeometry* g) {
+  return g != nullptr && IsWithin(g->Csiz, 1, kMostComponents) && g->XRsiz != nullptr &&
+         g->YRsiz != nullptr && g->BitDepths != nullptr && !g->ParamsAreInConsistent();
+}
+
+bool ArgumentsAreThere(const KelEncOpt* options, const KelCodeStm* stream,
+                       const KelClientProcs* procs) {
+  return options != nullptr && GeometryIsWhole(options->GeomParams) && stream != nullptr &&
+         !stream->ReadOnly() && procs != nullptr && procs->ImageDataProcs != nullptr;
+}
+
+/// The code stream carries no offsets, and tile indices of 16 bits.
+bool GeometryCanBeCoded(const KelImageGeometry& g) {
+  const bool hasOffsets = g.XOsiz != 0 || g.YOsiz != 0 || g.XTOsiz != 0 || g.YTOsiz != 0;
+  const std::int64_t numTiles = std::int64_t{g.NumXTiles} * g.NumYTiles;
+  if (hasOffsets || g.Xsiz < 1 || g.Ysiz < 1 || g.NumXTiles < 1 || g.NumYTiles < 1 ||
+      numTiles > kMostTiles) {
+    return false;
+  }
+  for (KelLong c = 0; c < g.Csiz; ++c) {
+    if (!IsWithin(g.XRsiz[c], 1, kMostSubsampling) || !IsWithin(g.YRsiz[c], 1, kMostSubsampling) ||
+        !IsWithin(g.BitDepths[c], 1, kMostDepth)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool CodingParamsAreAllowed(const KelEncOpt& o) {
+  return IsWithin(o.NumLayers, 1, kMostLayers) && IsWithin(o.NumLevels, 0, kMaxLevels) &&
+         IsWithin(o.ProgressionOrder, KelLRCP, KelCPRL) &&
+         IsWithin(o.PrecinctWidthExp, 0, kWholePrecinct) &&
+         IsWithin(o.PrecinctHeightExp, 0, kWholePrecinct);
+}
+
+/// A component transform needs three components alike, all of them written.
+bool ComponentTransformIsAllowed(const KelEncOpt& o) {
+  const KelImageGeometry& g = *o.GeomParams;
+  if (!o.ComponentTransform || g.Csiz < 3) return true;
+  const auto areAlike = [](const KelLong* factors) {
+    return factors[0] == factors[1] && factors[0] == factors[2];
+  };
+  if (!areAlike(g.XRsiz) || !areAlike(g.YRsiz)) return false;
+  return o.NumColorChannels < 3 || StreamIndex(o, 3) == 3;
+}
+
+/// Mask and transparency must be components, and two different ones; something must be written,
+/// and fit the tile-parts of its organisation.
+bool ChannelsAreAllowed(const KelEncOpt& o) {
+  const KelLong last = o.GeomParams->Csiz - 1;
+  if (o.RoiEnabled && !IsWithin(o.RoiMaskComponent, 0, last)) return false;
+  if (o.TransparencyPresent &&
+      (!IsWithin(o.TransparencyComponent, 0, last) || IsRegionMask(o, o.TransparencyComponent))) {
+    return false;
+  }
+  const KelLong numWritten = NumInMainStream(o);
+  const KelLong mostWritten = o.ProgressionOrder == KelCPRL ? kMostPartsPerTile : kMostComponents;
+  return IsWithin(numWritten, 1, mostWritten);
+}
+
+/// The encoder's own copy of the options, in checked form. Raises 8.
+void TakeSettings(EncoderState& e, const KelEncOpt& options) {
+  KelEncOpt& s = e.settings;
+  s.InitToDefaults(options.GeomParams);
+  KelImageGeometry* geometry = s.GeomParams;
+  s = options;
+  s.GeomParams = geometry;
+  s.LayerTargets = s.RateTable = nullptr;
+  s.NumColorChannels = std::min(s.NumColorChannels, geometry->Csiz);
+  s.Irreversible = s.Irreversible != 0 ? 1 : 0;
+}
+
+bool SettingsAreAllowed(const KelEncOpt& o) {
+  return GeometryCanBeCoded(*o.GeomParams) && o.NumColorChannels >= 0 &&
+         CodingParamsAreAllowed(o) && ChannelsAreAllowed(o) && ComponentTransformIsAllowed(o) &&
+         FileRecordsAreWritable(o);
+}
+
+/// Extra channels get an option set of their own, coded without loss. One serves them all: a set
+/// holds a geometry with arrays of all components. Raises 8.
+void MakeExtraOptions(ImageMap& map, KelEncOpt& options) {
+  if (map.numColorChannels == map.numComps) return;
+  map.extraOptions = OwnedRecord<KelEncOpt>::Make().Release();
+  map.extraOptions->Clone(&options);
+  map.extraOptions->Irreversible = 0;
+}
+
+void PrepareMap(ImageMap& map, EncoderState& e, KelEncOpt& options) {
+  const KelImageGeometry& g = *e.settings.GeomParams;
+  map.isEncoder = true;
+  map.geometry = e.settings.GeomParams;
+  map.encOpt = &options;
+  map.numComps = g.Csiz;
+  map.numTiles = g.NumXTiles * g.NumYTiles;
+  map.numColorChannels = e.settings.NumColorChannels;
+  MakeExtraOptions(map, options);
+  InitTileRecords(map);
+}
+
+void PrepareRateControl(EncoderState& e) {
+  const KelEncOpt& s = e.settings;
+  e.bandWeights = OwnedArray<float>::Make(AsCount(NumSubbands(s.NumLevels))).Release();
+  ComputeBandWeights(s.NumLevels, e.bandWeights);
+  e.qualitySteps = OwnedArray<KelLong>::Make(kNumQualitySteps).Release();
+  e.quality = IsWithin(s.RateParamA, 1, 100) ? s.RateParamA : QualityNumber(s.TargetQuality);
+  e.byteTarget = e.extraChannelsSize = e.transparencySize = -1;
+}
+
+/// Records a failed check and returns its code.
+KelLong Refuse(ImageState& state, int line = __builtin_LINE()) {
+  const KelException failure = MakeFailure(KelErrBadParam, kModuleImage, line);
+  state.failure.Clone(&failure);
+  return KelErrBadParam;
+}
+
+/// Writes boxes and main header; *bytes receives their size.
+KelLong WriteHeaders(ImageState& state, KelULong* bytes) {
+  const KelEncOpt& o = state.encoder->settings;
+  std::uint32_t boxBytes = 0;
+  const KelLong code = WriteBoxes(o, *state.codeStm, &boxBytes);
+  if (code != KelOK) return Refuse(state);
+  const std::uint32_t headerBytes = WriteMainHeader(o, *state.codeStm);
+  if (bytes != nullptr) *bytes = boxBytes + headerBytes;
+  return KelOK;
+}
+
+}  // namespace
+
+KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
+                    KelClientProcs* procs) {
+  const char* debugFileName = options != nullptr ? options->DebugFileName : nullptr;
+  ScopeGuard undo([&] {
+    ReleaseEncoder(state);
+    EmptyDebugFile(debugFileName);
+  });
+  if (options != nullptr) {
+    options->RateMode = kRateMode;
+    options->CodeBlockWidthExp = options->CodeBlockHeightExp = kBlockExp;
+    if (options->RoiEnabled) options->RoiStyle = kRegionStyle;
+  }
+  if (!ArgumentsAreThere(options, stream, procs)) return Refuse(state);
+  state.encoder = OwnedRecord<EncoderState>::Make().Release();
+  EncoderState& e = *state.encoder;
+  TakeSettings(e, *options);
+  if (!SettingsAreAllowed(e.settings)) return Refuse(state);
+  if (!InitSourceReader(e.reader, *procs->ImageDataProcs, *e.settings.GeomParams)) {
+    return Refuse(state);
+  }
+  state.encOpt = options;
+  state.geometry = options->GeomParams;
+  state.codeStm = stream;
+  state.imageDataProcs = procs->ImageDataProcs;
+  state.progress.actions = procs->UserActions;
+  state.maxRes = e.settings.NumLevels;
+  PrepareMap(state.map, e, *options);
+  PrepareRateControl(e);
+  e.sourceBufs = OwnedArray<KelBufID_I*>::Make(AsCount(state.map.numComps)).Release();
+  EnsureSourceBufs(e);
+  if (!e.settings.ProgressPerCall) BeginProgress(state.progress, state.map.numTiles);
+  WriteHeaders(state, nullptr);
+  undo.Disarm();
+  return KelOK;
+}
+
+void EnsureSourceBufs(const EncoderState& e) {
+  const KelEncOpt& o = e.settings;
+  const KelImageGeometry& g = *o.GeomParams;
+  const KelLong width = std::min(g.XTsiz, g.Xsiz);
+  const KelLong height = std::min(g.YTsiz, g.Ysiz);
+  for (KelLong c = 0; c < g.Csiz; ++c) {
+    if (IsRegionMask(o, c) || e.sourceBufs[c] != nullptr) continue;
+    e.sourceBufs[c] =
+        KelAllocBuf(PlaneBytes(CeilDiv(width, g.XRsiz[c]), CeilDiv(height, g.YRsiz[c]), 4));
+  }
+}
+
+KelLong WriteKelHeaders(ImageState& state, KelULong* bytes) {
+  if (bytes != nullptr) *bytes = 0;
+  KelCodeStm& stream = *state.codeStm;
+  const KelLong position = stream.GetCurPos();
+  const KelLong code = WriteHeaders(state, bytes);
+  if (code != KelOK) return code;
+  // Output behind the headers stays where it is.
+  if (stream.IsSeekable() && position > stream.GetCurPos()) {
+    stream.flushWriteBuffer();
+    stream.seek(1, position);
+  }
+  return KelOK;
+}
+
+void ReleaseEncoder(ImageState& state) noexcept {
+  EncoderState* e = state.encoder;
+  if (e == nullptr) return;
+  EndProgress(state.progress);
+  const char* debugFileName = e->settings.DebugFileName;
+  for (KelLong c = 0; e->sourceBufs != nullptr && c < state.map.numComps; ++c) {
+    if (e->sourceBufs[c] != nullptr) KelFreeBuf(e->sourceBufs[c]);
+  }
+  ReleaseImageMap(state.map);
+  state.map = {};
+  KelFree(e->sourceBufs);
+  KelFree(e->bandWeights);
+  KelFree(e->qualitySteps);
+  e->settings.Die();
+  KelFree(e);
+  state.encoder = nullptr;
+  state.encOpt = nullptr;
+  state.geometry = nullptr;
+  state.codeStm = nullptr;
+  state.imageDataProcs = nullptr;
+  state.progress = {};
+  EmptyDebugFile(debugFileName);
+}
+
+}  // namespace kel

@@ -1,0 +1,65 @@
+// The encoding flow of the image object.
+#ifndef KEL_IMAGE_ENCODE_H
+#define KEL_IMAGE_ENCODE_H
+
+#include "encode/KelSourceReader.h"
+#include "image/KelImageState.h"
+
+namespace kel {
+
+struct EncoderState {
+  /// The options as they were at initialisation, in checked form: a colour channel count within
+  /// the components, flags 0 or 1, and a geometry of its own (owned; no other array). Whatever the
+  /// host does to its options afterwards, everything structural goes by these; only the quality is
+  /// read from the host's.
+  KelEncOpt settings;
+  SourceReader reader;
+  KelBufID_I** sourceBufs;  ///< one coding plane per component; null ones are obtained when needed
+  float* bandWeights;       ///< owned; one per subband
+  bool isCompressed;        ///< every tile has been coded
+  // Rate control.
+  KelLong quality;        ///< the image's quality percentage
+  KelLong* qualitySteps;  ///< owned; kNumQualitySteps entries
+  // -1 until computed.
+  KelLong byteTarget, extraChannelsSize, transparencySize;
+};
+
+inline constexpr std::uint64_t kNumQualitySteps = 101;
+
+/// Initialises an encoder and writes the headers. Returns the code of a failed check, with the
+/// failure recorded in the state; raises 8. After a failure nothing is held.
+KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
+                    KelClientProcs* procs);
+
+/// Releases an encoder's state; may run on a half-built one.
+void ReleaseEncoder(ImageState& state) noexcept;
+
+/// Writes boxes and main header: at the start of a seekable stream, which is then where it was
+/// unless the headers reach further; else at the current position. Returns 0 or 15; raises 8.
+KelLong WriteKelHeaders(ImageState& state, KelULong* bytes);
+
+/// Codes a tile and writes it, the last one with the end marker. Raises; returns 0.
+KelLong CompressAndWriteTile(ImageState& state, KelLong tile, KelULong* bytes);
+
+/// Codes every tile for the size queries; nothing is written. Raises; returns 0.
+KelLong CompressImage(ImageState& state);
+
+/// Obtains the coding planes that are missing. Raises 8.
+void EnsureSourceBufs(const EncoderState& encoder);
+
+// Sizes and steps. Neutral values for a decoder.
+KelLong StepsOfCompressing(const ImageState& state);
+KelLong ProgressionSteps(const ImageState& state);
+KelLong NumQualitySteps(const ImageState& state);
+KelLong* QualitySteps(ImageState& state, KelLong* count);
+KelLong MinCodeStreamLength(ImageState& state);
+KelLong MaxCodeStreamLength(ImageState& state);
+KelLong ExtraChannelsSize(ImageState& state);
+KelLong TransparencySize(ImageState& state);
+KelLong QualityForTarget(ImageState& state, KelLong targetBytes);
+KelLong UpdateCodestreamSize(const ImageState& state, KelLong fromOrganisation, KelLong size,
+                             KelLong toOrganisation);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,126 @@
+// Fetching, fitting and applying the mask of the region of interest.
+#include "encode/KelRegion.h"
+
+#include <algorithm>
+#include <cmath>
+#include <span>
+
+namespace kel {
+namespace {
+
+constexpr std::uint8_t kInside = 127;
+
+Box BoxOf(const KelTileGeometry& t) {
+  return {t.X0, t.X1, t.Y0, t.Y1};
+}
+
+RegionSamples EmptyRegion(const KelTileGeometry& t) {
+  const Box box = BoxOf(t);
+  const std::uint64_t samples = SaturatingMul(AsCount(box.Width()), AsCount(box.Height()));
+  return {OwnedArray<std::uint8_t>::Make(samples), box, t.XRsiz, t.YRsiz};
+}
+
+/// The samples of the mask, along one axis, in the area that a component's sample stands for;
+/// the nearest one when there is none. Indices count from the mask's first sample.
+struct Cover {
+  std::int64_t first, end;
+};
+Cover CoverOf(std::int64_t sample, std::int64_t spacing, std::int64_t maskSpacing,
+              std::int64_t maskFirst, std::int64_t maskEnd) {
+  const std::int64_t from = CeilDiv(sample * spacing, maskSpacing);
+  const std::int64_t to = CeilDiv((sample + 1) * spacing, maskSpacing);
+  const std::int64_t first = std::max(from, maskFirst);
+  const std::int64_t end = std::min(to, maskEnd);
+  if (first < end) return {first - maskFirst, end - maskFirst};
+  const std::int64_t nearest =
+      std::clamp(FloorDiv(sample * spacing, maskSpacing), maskFirst, maskEnd - 1) - maskFirst;
+  return {nearest, nearest + 1};
+}
+
+}  // namespace
+
+bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region) {
+  region = EmptyRegion(component);
+  if (region.box.IsEmpty()) return true;
+  FetchedSamples samples;
+  if (!source.Fetch(component.Component, samples)) return false;
+  // Read one row at a time; a sample of 0 is what the level shift makes the least integer.
+  const std::int64_t width = region.box.Width();
+  auto row = OwnedArray<std::int32_t>::Make(AsCount(width));
+  const auto zero = static_cast<std::int32_t>(-(std::int64_t{1} << (component.BitDepth - 1)));
+  std::uint8_t* out = region.bytes.Data();
+  for (std::int64_t y = 0; y < region.box.Height(); ++y) {
+    SampleSource line = samples.source;
+    line.samples += AsCount(y) * line.rowBytes;
+    PreparePlane(line, {row.Data(), row.Size()}, {width, 1}, false);
+    for (const std::int32_t level : std::span(row.Data(), row.Size())) {
+      *out++ = level != zero ? kInside : 0;
+    }
+  }
+  return true;
+}
+
+RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& component) {
+  RegionSamples fitted = EmptyRegion(component);
+  if (region.box.IsEmpty()) return fitted;
+  std::uint8_t* out = fitted.bytes.Data();
+  for (std::int64_t y = fitted.box.y0; y < fitted.box.y1; ++y) {
+    const Cover rows = CoverOf(y, fitted.yRsiz, region.yRsiz, region.box.y0, region.box.y1);
+    for (std::int64_t x = fitted.box.x0; x < fitted.box.x1; ++x) {
+      const Cover columns = CoverOf(x, fitted.xRsiz, region.xRsiz, region.box.x0, region.box.x1);
+      bool isInside = false;
+      for (std::int64_t row = rows.first; row < rows.end; ++row) {
+        const std::uint8_t* line = region.bytes.Data() + row * region.box.Width();
+        isInside = isInside || std::any_of(line + columns.first, line + columns.end,
+                                           [](std::uint8_t inside) { return inside != 0; });
+      }
+      *out++ = isInside ? kInside : 0;
+    }
+  }
+  return fitted;
+}
+
+const RegionSamples& RegionFor(const KelTileGeometry& component, const RegionSamples& region,
+                               RegionSamples& fitted) {
+  if (region.box == BoxOf(component) && region.xRsiz == component.XRsiz &&
+      region.yRsiz == component.YRsiz) {
+    return region;
+  }
+  fitted = FitRegion(region, component);
+  return fitted;
+}
+
+RegionMarks::RegionMarks(const RegionSamples& region, int numLevels, bool irreversible)
+    : box_(region.box), numLevels_(numLevels) {
+  const std::uint64_t columns = AsCount(box_.Width() + 2 * kMaskMargin);
+  marks_ = OwnedArray<std::uint8_t>::Make(
+      SaturatingMul(columns, AsCount(box_.Height() + 2 * kMaskMargin)));
+  const auto scratch = ScratchArray<std::uint8_t>::Make(RegionMaskScratchBytes(box_));
+  CarryRegionMask({region.bytes.Data(), box_, numLevels, irreversible}, scratch.Data(),
+                  marks_.Data());
+}
+
+const std::uint8_t* RegionMarks::Row(int subband, std::int64_t row) const {
+  const CellOffset place = MallatOffset(box_, numLevels_, subband);
+  const std::int64_t stride = box_.Width() + 2 * kMaskMargin;
+  return marks_.Data() + (kMaskMargin + place.row + row) * stride + kMaskMargin + place.column;
+}
+
+void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,
+                    const SubbandRecord* records) {
+  const RegionMarks marks(region, numLevels, true);
+  for (int b = 0; b < NumSubbands(numLevels); ++b) {
+    const SubbandRecord& band = records[b];
+    const double step = static_cast<double>(steps[b]);
+    for (std::int64_t y = 0; y < band.box.Height(); ++y) {
+      float* row = static_cast<float*>(band.data) + AsCount(y) * band.strideCells;
+      const std::uint8_t* mark = marks.Row(b, y);
+      for (std::int64_t x = 0; x < band.box.Width(); ++x) {
+        if (mark[x] != 0) continue;
+        row[x] = static_cast<float>(std::nearbyint(static_cast<double>(row[x]) / step) * step);
+      }
+    }
+  }
+}
+
+}  // namespace kel

@@ -1,0 +1,64 @@
+// The region of interest: the mask that the host gives in one component, fitted to the others, and
+// the coarser quantisation of what lies outside.
+//
+// Outside the region a coefficient is rounded to a multiple of the step that the quality asks for;
+// inside it keeps its full precision. The stream then announces steps of 1, so a decoder needs to
+// know nothing of the region.
+#ifndef KEL_REGION_H
+#define KEL_REGION_H
+
+#include <cstdint>
+
+#include "base/KelBox.h"
+#include "base/KelMemFuncDefs.h"
+#include "encode/KelSourceReader.h"
+#include "transform/KelWavelet.h"
+
+namespace kel {
+
+/// A mask: one byte per sample of a box, row by row without gaps, not 0 inside the region.
+struct RegionSamples {
+  OwnedArray<std::uint8_t> bytes;
+  Box box{};                          ///< in the samples of its own component
+  std::int32_t xRsiz = 0, yRsiz = 0;  ///< subsampling of that component
+
+  /// Whether there is a mask at all: without samples there is none.
+  bool IsThere() const { return !box.IsEmpty(); }
+};
+
+/// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as
+/// TileSource::Fetch, and 8.
+bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region);
+
+/// The mask as a component of another size or subsampling sees it: a sample is inside when any of
+/// the mask's samples in the area of the canvas that it stands for is. Raises 8.
+RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& component);
+
+/// The mask as a component sees it: the given one when the component is like the mask's own, else
+/// fitted into `fitted`. Raises 8.
+const RegionSamples& RegionFor(const KelTileGeometry& component, const RegionSamples& region,
+                               RegionSamples& fitted);
+
+/// Which coefficients of a tile-component its region needs, in the Mallat layout of the transform.
+class RegionMarks {
+ public:
+  /// Raises 8.
+  RegionMarks(const RegionSamples& region, int numLevels, bool irreversible);
+
+  /// The marks of a subband's row, counted from its first one; not 0 inside the region.
+  const std::uint8_t* Row(int subband, std::int64_t row) const;
+
+ private:
+  Box box_;
+  int numLevels_;
+  OwnedArray<std::uint8_t> marks_;
+};
+
+/// Rounds every coefficient outside the region to a multiple of its subband's step: nearest,
+/// halves to even. The records are those of a 9/7 transform that divided by nothing. Raises 8.
+void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,
+                    const SubbandRecord* records);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,122 @@
+// Calls of the host's fetch callbacks, and the order in which a tile's planes are made.
+#include "encode/KelSourceReader.h"
+
+#include <algorithm>
+
+#include "base/KelRaise.h"
+#include "encode/KelMainStream.h"
+
+namespace kel {
+namespace {
+
+/// More channels than any image has components.
+constexpr KelLong kMostInterleaved = 65535;
+
+/// Takes over what a fetch handed out, and locks it. The host's word for the kind of the buffer
+/// does not count: what it hands over is the library's to free.
+bool TakeOver(KelBufID_I* buffer, KelLong error, FetchedSamples& samples, void*& address) {
+  if (buffer != nullptr) buffer->bufType = 1;
+  samples.buffer = OwnedBuffer(buffer);
+  if (error != KelOK) Raise(error, kModuleCompTransform);
+  if (buffer == nullptr) return false;
+  samples.lock = BufferLock(buffer);
+  if (!samples.lock) Raise(KelErrNoMemory, kModuleCompTransform);
+  address = samples.lock.As<void>();
+  return true;
+}
+
+PlaneSize SizeOf(const KelTileGeometry& t) {
+  return {std::int64_t{t.X1} - t.X0, std::int64_t{t.Y1} - t.Y0};
+}
+
+KelTileGeometry TileCompOf(const KelImageGeometry& geometry, KelLong component, KelLong tile) {
+  KelTileGeometry box;
+  box.InitKelTileGeometry(const_cast<KelImageGeometry*>(&geometry), component, tile);
+  return box;
+}
+
+bool IsEmpty(PlaneSize size) {
+  return size.width <= 0 || size.height <= 0;
+}
+
+/// Fetches three components and transforms them together.
+bool PrepareColors(TileSource& source, const KelEncOpt& options, PlaneSize size, KelLong count,
+                   const CodingPlane* planes) {
+  FetchedSamples samples[3];
+  for (KelLong c = 0; c < 3; ++c) {
+    if (!source.Fetch(c, samples[c])) return false;
+  }
+  CodingPlane wanted[3] = {};
+  std::copy_n(planes, std::min<KelLong>(count, 3), wanted);
+  PrepareColorPlanes({samples[0].source, samples[1].source, samples[2].source}, wanted, size,
+                     options.Irreversible != 0);
+  return true;
+}
+
+}  // namespace
+
+bool InitSourceReader(SourceReader& reader, const KelImageDataProcs& procs,
+                      const KelImageGeometry& geometry) {
+  reader.procs = procs;
+  reader.geometry = &geometry;
+  reader.numInterleaved = 0;
+  if (procs.GetTileInterleaved != nullptr) {
+    if (procs.GetNumInterleaved == nullptr) return false;
+    reader.numInterleaved = procs.GetNumInterleaved(procs.clientData);
+    if (reader.numInterleaved < 1 || reader.numInterleaved > kMostInterleaved) return false;
+  }
+  if (procs.GetReserved != nullptr) procs.GetReserved(procs.clientData);
+  for (KelLong c = 0; c < geometry.Csiz; ++c) {
+    if (procs.GetTileComponent == nullptr && !IsInterleaved(reader, c)) return false;
+  }
+  return true;
+}
+
+bool IsInterleaved(const SourceReader& reader, KelLong c) {
+  const KelImageGeometry& g = *reader.geometry;
+  return c < reader.numInterleaved && g.XRsiz[c] == 1 && g.YRsiz[c] == 1 &&
+         g.BitDepths[c] == g.BitDepths[0];
+}
+
+bool TileSource::Fetch(KelLong component, FetchedSamples& samples) {
+  const KelImageDataProcs& procs = reader_.procs;
+  const KelTileGeometry box = TileCompOf(*reader_.geometry, component, tile_);
+  const std::int64_t width = SizeOf(box).width;
+  KelLong error = KelOK;
+  void* address = nullptr;
+  if (!IsInterleaved(reader_, component)) {
+    KelBufID_I* buffer = procs.GetTileComponent(procs.clientData, component, tile_, &error);
+    if (!TakeOver(buffer, error, samples, address)) return false;
+    samples.source = MakeSampleSource(address, width, box.BitDepth, 1, 0);
+    return true;
+  }
+  if (!interleaved_.lock) {
+    KelBufID_I* buffer = procs.GetTileInterleaved(procs.clientData, tile_, &error);
+    if (!TakeOver(buffer, error, interleaved_, address)) return false;
+  }
+  samples.source = MakeSampleSource(interleaved_.lock.As<void>(), width, box.BitDepth,
+                                    static_cast<std::uint32_t>(reader_.numInterleaved),
+                                    static_cast<std::uint32_t>(component));
+  return true;
+}
+
+bool PrepareTileComponents(TileSource& source, const KelEncOpt& options, KelLong count,
+                           const CodingPlane* planes) {
+  const KelImageGeometry& geometry = *options.GeomParams;
+  KelLong first = 0;
+  if (count > 0 && ColorTransformApplies(options)) {
+    const PlaneSize size = SizeOf(TileCompOf(geometry, 0, source.Tile()));
+    if (!IsEmpty(size) && !PrepareColors(source, options, size, count, planes)) return false;
+    first = 3;
+  }
+  for (KelLong c = first; c < count; ++c) {
+    const PlaneSize size = SizeOf(TileCompOf(geometry, c, source.Tile()));
+    if (IsRegionMask(options, c) || planes[c].cells == nullptr || IsEmpty(size)) continue;
+    FetchedSamples samples;
+    if (!source.Fetch(c, samples)) return false;
+    PreparePlane(samples.source, planes[c], size, IsCodedIrreversibly(options, c));
+  }
+  return true;
+}
+
+}  // namespace kel

@@ -1,0 +1,68 @@
+// Fetching the samples of a tile through the host's callbacks, and preparing its coding planes.
+//
+// What a callback hands over belongs to the library: buffers are locked while they are read, and
+// unlocked and freed at the end of the scope that fetched them, also on a failure. Interleaved
+// samples are fetched once per tile and read where they are, never taken apart into copies.
+#ifndef KEL_SOURCE_READER_H
+#define KEL_SOURCE_READER_H
+
+#include <cstdint>
+
+#include "base/KelMemFuncDefs.h"
+#include "kel/KelImage.h"
+#include "samples/KelCompTransform.h"
+
+namespace kel {
+
+/// Where an encoder's samples come from. A value; owns nothing.
+struct SourceReader {
+  KelImageDataProcs procs;  ///< a copy of the host's record
+  const KelImageGeometry* geometry;
+  KelLong numInterleaved;  ///< channels of the interleaved buffer; 0 without one
+};
+
+/// Takes the callbacks and asks for the number of interleaved channels. Returns false when a
+/// callback that is needed is missing: both fetches, the number of channels, or the fetch of a
+/// component that the interleaved buffer does not bring.
+bool InitSourceReader(SourceReader& reader, const KelImageDataProcs& procs,
+                      const KelImageGeometry& geometry);
+
+/// Whether a component is taken from the interleaved buffer: its index is below the number of
+/// channels, it is not subsampled, and its depth is component 0's.
+bool IsInterleaved(const SourceReader& reader, KelLong component);
+
+/// The samples of one component, held as long as this lives.
+struct FetchedSamples {
+  OwnedBuffer buffer;  ///< empty for an interleaved component
+  BufferLock lock;
+  SampleSource source;
+};
+
+/// The samples of one tile, fetched as they are asked for.
+class TileSource {
+ public:
+  TileSource(const SourceReader& reader, KelLong tile) : reader_(reader), tile_(tile) {}
+
+  /// Fetches a component. Returns false when the host gave no buffer and no error. Raises the code
+  /// that the host reported, and 8 when a buffer cannot be locked. Interleaved samples stay valid
+  /// as long as the tile's source.
+  bool Fetch(KelLong component, FetchedSamples& samples);
+
+  KelLong Tile() const { return tile_; }
+
+ private:
+  const SourceReader& reader_;
+  KelLong tile_;
+  FetchedSamples interleaved_;
+};
+
+/// Fills the coding planes of components 0 to count - 1 of a tile: fetch, level shift, and the
+/// component transform when the options ask for it, which then needs components 0 to 2 whatever
+/// the count. The region mask and components without samples in the tile are passed over; a plane
+/// without cells is not filled. Returns false when the host gave no samples. Raises as Fetch.
+bool PrepareTileComponents(TileSource& source, const KelEncOpt& options, KelLong count,
+                           const CodingPlane* planes);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,77 @@
+// What the files of the box reader share: a box's extent, the state of one reading, the walk over
+// the children of a superbox, the reading of contents whose length the data announce.
+#ifndef KEL_FILE_FORMAT_BOXES_H
+#define KEL_FILE_FORMAT_BOXES_H
+
+#include <cstdint>
+#include <span>
+
+#include "KelDecDataMgr.h"
+#include "base/KelMemFuncDefs.h"
+#include "format/KelFileFormat.h"
+
+namespace kel {
+
+/// A box whose header has been read.
+struct BoxExtent {
+  std::uint32_t type;
+  std::uint64_t bodyLength;  ///< the largest value when it extends to the end of the data
+  bool toEnd;
+};
+
+struct BoxReader {
+  KelFileInfo& info;
+  KelDecDataMgr& data;
+  std::uint32_t signature;  ///< contents of the layout's signature box
+  // Of the compositing-layer header being read.
+  bool layerHasOpacity, layerHasChannels;
+
+  /// Whether n more bytes have arrived.
+  bool Has(std::uint64_t n) { return data.EnsureBuffered(n) == kBufferedOk; }
+  std::uint8_t U8() { return static_cast<std::uint8_t>(data.ReadUInt(1)); }
+  std::uint16_t U16() { return static_cast<std::uint16_t>(data.ReadUInt(2)); }
+  std::uint32_t U32() { return data.ReadUInt(4); }
+};
+
+/// Reads a box's contents from the first byte behind its header on. It need not read all of them,
+/// and must not read more. Returns a result code.
+struct BoxHandler {
+  std::uint32_t type;
+  KelLong (*read)(BoxReader& in, const BoxExtent& box);
+};
+
+/// A box type from its four characters.
+constexpr std::uint32_t BoxType(const char (&text)[5]) {
+  std::uint32_t type = 0;
+  for (int i = 0; i < 4; ++i) type = type << 8 | static_cast<std::uint8_t>(text[i]);
+  return type;
+}
+
+/// Reads the children of a superbox, those without a handler being passed over. A child's header
+/// that the data cut off gives cutCode.
+KelLong ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
+                     KelLong cutCode);
+
+/// Contents whose length the data announce. Room for them is obtained once they are known to be
+/// there, or, from a stream, while they arrive.
+struct Contents {
+  OwnedArray<std::uint8_t> bytes;
+  std::uint64_t length;
+
+  /// Big-endian numbers at a place inside.
+  std::uint32_t U16At(std::uint64_t offset) const { return LoadBE16(bytes.Data() + offset); }
+};
+
+/// Reads `length` bytes of contents, or with toEnd what is left; false when fewer arrive.
+bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Contents& contents);
+
+// Handlers of the boxes about colour and channels.
+KelLong ReadColorSpec(BoxReader& in, const BoxExtent& box);          // 'colr'
+KelLong ReadPalette(BoxReader& in, const BoxExtent& box);            // 'pclr'
+KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box);   // 'cmap'
+KelLong ReadChannelDefinition(BoxReader& in, const BoxExtent& box);  // 'cdef'
+KelLong ReadOpacity(BoxReader& in, const BoxExtent& box);            // 'opct'
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,213 @@
+// The coding parameters' records: making, copying, releasing, finding. Reading and writing whole
+// headers are in files of their own.
+//
+// Every array comes from the memory layer, zero-filled, with a length that does not depend on the
+// data: kQuantEntries for exponents and mantissas, kMaxLevels + 1 for precinct exponents.
+#include "format/KelHeaders.h"
+
+#include <algorithm>
+
+#include "base/KelRaise.h"
+
+namespace kel {
+namespace {
+
+/// The code with which making records ends. A refused request is one of the results that these
+/// functions state, not a failure to pass on, so this is where it becomes a code.
+template <class Step>
+KelLong CodeOf(Step step) {
+  try {
+    step();
+    return KelOK;
+  } catch (const KelException& failure) {
+    return failure.errCode;
+  }
+}
+
+template <class T>
+void ReleaseArray(T*& array) noexcept {
+  KelFree(array);
+  array = nullptr;
+}
+
+/// A copy of n elements; empty when there is nothing to copy.
+template <class T>
+OwnedArray<T> CopyOf(const T* source, std::uint64_t n) {
+  if (source == nullptr || n == 0) return {};
+  auto copy = OwnedArray<T>::Make(n);
+  KelMemCopy(copy.Data(), source, SaturatingMul(n, sizeof(T)));
+  return copy;
+}
+
+/// A component's record: by the numbers that the reader keeps, since a header may hold as many
+/// records as there are components; else by looking at each.
+template <class T>
+T* FindRecord(T* records, std::uint32_t count, const std::uint32_t* numbers, std::int32_t Csiz,
+              std::int32_t component) {
+  if (numbers != nullptr) {
+    const bool isKnown = component >= 0 && component < Csiz && numbers[component] != 0;
+    return isKnown ? records + numbers[component] - 1 : nullptr;
+  }
+  T* end = records + count;
+  T* found =
+      std::find_if(records, end, [&](const T& record) { return record.component == component; });
+  return found != end ? found : nullptr;
+}
+
+}  // namespace
+
+KelLong InitHeaderParams(KelHeaderParams& set, bool mainHeader) {
+  return CodeOf([&] {
+    ScopeGuard release([&] { ReleaseHeaderParams(&set); });
+    set.codingStyle = OwnedRecord<KelCodingStyle>::Make().Release();
+    set.quantisation = OwnedRecord<KelQuantParams>::Make().Release();
+    set.quantisation->exponents = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
+    set.quantisation->mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
+    set.progressionChanges = OwnedRecord<KelProgressionChanges>::Make().Release();
+    set.progressionChanges->kind = mainHeader ? 1 : 2;
+    set.sizes = OwnedRecord<KelSizParams>::Make().Release();
+    set.inMainHeader = mainHeader ? 1 : 0;
+    release.Disarm();
+  });
+}
+
+KelLong SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
+                         const KelCodingStyle& style, const KelQuantParams& quant) {
+  return CodeOf([&] {
+    ReleaseQuantParams(*set.quantisation);
+    KelLong code = CopyCodingStyle(set.codingStyle, &style);
+    if (code == KelOK) code = CopyQuantParams(set.quantisation, &quant);
+    if (code != KelOK) Raise(code, kModuleHeaders);
+    set.Csiz = mainHeader.Csiz;
+    set.numLevels = style.numLevels;
+    set.regions = OwnedArray<KelRoiParams>::Make(AsCount(set.Csiz)).Release();
+  });
+}
+
+void ReleaseHeaderParams(KelHeaderParams* set) noexcept {
+  if (set == nullptr) return;
+  if (set->codingStyle != nullptr) ReleaseCodingStyle(*set->codingStyle);
+  if (set->quantisation != nullptr) ReleaseQuantParams(*set->quantisation);
+  if (set->progressionChanges != nullptr) ReleaseProgressionChanges(*set->progressionChanges);
+  for (std::uint32_t i = 0; i < set->numComponentStyles; ++i) {
+    ReleaseCodingStyle(set->componentStyles[i]);
+  }
+  for (std::uint32_t i = 0; i < set->numComponentQuants; ++i) {
+    ReleaseQuantParams(set->componentQuants[i]);
+  }
+  if (set->sizes != nullptr) {
+    KelFree(set->sizes->XRsiz);
+    KelFree(set->sizes->YRsiz);
+  }
+  KelFree(set->codingStyle);
+  KelFree(set->quantisation);
+  KelFree(set->progressionChanges);
+  KelFree(set->componentStyles);
+  KelFree(set->styleNumbers);
+  KelFree(set->componentQuants);
+  KelFree(set->quantNumbers);
+  KelFree(set->sizes);
+  KelFree(set->regions);
+  KelFree(set->isSigned);
+  KelFree(set->bitDepths);
+  KelFree(set->comment);
+  *set = KelHeaderParams{};
+}
+
+void ReleaseCodingStyle(KelCodingStyle& style) noexcept {
+  ReleaseArray(style.precinctWidthExps);
+  ReleaseArray(style.precinctHeightExps);
+}
+
+void ReleaseQuantParams(KelQuantParams& quant) noexcept {
+  ReleaseArray(quant.exponents);
+  ReleaseArray(quant.mantissas);
+}
+
+void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept {
+  ReleaseArray(changes.resolutionStart);
+  ReleaseArray(changes.componentStart);
+  ReleaseArray(changes.layerEnd);
+  ReleaseArray(changes.resolutionEnd);
+  ReleaseArray(changes.componentEnd);
+  ReleaseArray(changes.order);
+  changes.count = 0;
+}
+
+KelLong CopyCodingStyle(KelCodingStyle* destination, const KelCodingStyle* source) {
+  if (destination == nullptr || source == nullptr) return KelErrBadParam;
+  return CodeOf([&] {
+    auto widths = CopyOf(source->precinctWidthExps, kMaxLevels + 1);
+    auto heights = CopyOf(source->precinctHeightExps, kMaxLevels + 1);
+    *destination = *source;
+    destination->precinctWidthExps = widths.Release();
+    destination->precinctHeightExps = heights.Release();
+  });
+}
+
+KelLong CopyQuantParams(KelQuantParams* destination, const KelQuantParams* source) {
+  if (destination == nullptr || source == nullptr) return KelErrBadParam;
+  return CodeOf([&] {
+    auto exponents = CopyOf(source->exponents, kQuantEntries);
+    auto mantissas = CopyOf(source->mantissas, kQuantEntries);
+    *destination = *source;
+    destination->exponents = exponents.Release();
+    destination->mantissas = mantissas.Release();
+  });
+}
+
+KelLong CopyProgressionChanges(KelProgressionChanges* destination,
+                               const KelProgressionChanges* source) {
+  if (destination == nullptr || source == nullptr) return KelErrBadParam;
+  const std::uint64_t n = source->present != 0 ? AsCount(source->count) : 0;
+  return CodeOf([&] {
+    auto resolutionStart = CopyOf(source->resolutionStart, n);
+    auto componentStart = CopyOf(source->componentStart, n);
+    auto layerEnd = CopyOf(source->layerEnd, n);
+    auto resolutionEnd = CopyOf(source->resolutionEnd, n);
+    auto componentEnd = CopyOf(source->componentEnd, n);
+    auto order = CopyOf(source->order, n);
+    *destination = *source;
+    destination->count = static_cast<std::int32_t>(n);
+    destination->resolutionStart = resolutionStart.Release();
+    destination->componentStart = componentStart.Release();
+    destination->layerEnd = layerEnd.Release();
+    destination->resolutionEnd = resolutionEnd.Release();
+    destination->componentEnd = componentEnd.Release();
+    destination->order = order.Release();
+  });
+}
+
+KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t count) {
+  if (changes == nullptr) return KelErrBadParam;
+  const std::uint64_t n = AsCount(count);
+  return CodeOf([&] {
+    auto resolutionStart = OwnedArray<std::uint8_t>::Make(n);
+    auto componentStart = OwnedArray<std::uint16_t>::Make(n);
+    auto layerEnd = OwnedArray<std::uint16_t>::Make(n);
+    auto resolutionEnd = OwnedArray<std::uint8_t>::Make(n);
+    auto componentEnd = OwnedArray<std::uint16_t>::Make(n);
+    auto order = OwnedArray<std::uint8_t>::Make(n);
+    ReleaseProgressionChanges(*changes);
+    changes->present = 1;
+    changes->count = count;
+    changes->resolutionStart = resolutionStart.Release();
+    changes->componentStart = componentStart.Release();
+    changes->layerEnd = layerEnd.Release();
+    changes->resolutionEnd = resolutionEnd.Release();
+    changes->componentEnd = componentEnd.Release();
+    changes->order = order.Release();
+  });
+}
+
+KelCodingStyle* FindComponentStyle(const KelHeaderParams& set, std::int32_t component) {
+  return FindRecord(set.componentStyles, set.numComponentStyles, set.styleNumbers, set.Csiz,
+                    component);
+}
+
+KelQuantParams* FindComponentQuant(const KelHeaderParams& set, std::int32_t component) {
+  return FindRecord(set.componentQuants, set.numComponentQuants, set.quantNumbers, set.Csiz,
+                    component);
+}
+
+}  // namespace kel

@@ -1,0 +1,371 @@
+// Marker segments, written field by field in the order in which a header carries them.
+//
+// Lengths count everything behind the marker. Component indices take two bytes from 257
+// components on. Relies on records that hold in-range values; nothing is checked here.
+#include "format/KelHeadersWrite.h"
+
+#include <algorithm>
+
+#include "base/KelRaise.h"
+#include "encode/KelMainStream.h"
+#include "transform/KelQuant.h"
+
+namespace kel {
+namespace {
+
+/// Second bytes of the markers; the first is kMarkerByte.
+enum Marker : std::uint8_t {
+  kSOC = 0x4F,
+  kSIZ = 0x51,
+  kCOD = 0x52,
+  kCOC = 0x53,
+  kQCD = 0x5C,
+  kQCC = 0x5D,
+  kRGN = 0x5E,
+  kPOC = 0x5F,
+  kCOM = 0x64,
+  kSOT = 0x90,
+  kSOD = 0x93,
+};
+constexpr std::uint32_t kMarkerByte = 0xAB;
+
+/// Place of Psot behind the start of a tile-part header.
+constexpr std::uint32_t kPsotOffset = 6;
+
+/// Most bytes of a comment: what Lcom can count, less itself and Rcom.
+constexpr std::uint32_t kMostCommentBytes = 65531;
+
+void PutMarker(KelOutBuffer& out, Marker marker) {
+  PutByte(out, kMarkerByte);
+  PutByte(out, marker);
+}
+
+std::uint32_t IndexBytes(const KelHeaderParams& set) {
+  return set.Csiz >= 257 ? 2 : 1;
+}
+
+void PutComponentIndex(KelOutBuffer& out, const KelHeaderParams& set, std::int32_t component) {
+  PutUInt(out, static_cast<std::uint32_t>(component), static_cast<int>(IndexBytes(set)));
+}
+
+void PutSmall(KelOutBuffer& out, std::int32_t value) {
+  PutByte(out, static_cast<std::uint32_t>(value));
+}
+
+void WriteSIZ(const KelHeaderParams& set, KelOutBuffer& out) {
+  const KelSizParams& s = *set.sizes;
+  PutMarker(out, kSIZ);
+  PutU16(out, 38 + 3 * static_cast<std::uint32_t>(set.Csiz));
+  PutU16(out, 0);  // Rsiz
+  for (const std::uint32_t size :
+       {s.Xsiz, s.Ysiz, s.XOsiz, s.YOsiz, s.XTsiz, s.YTsiz, s.XTOsiz, s.YTOsiz}) {
+    PutU32(out, size);
+  }
+  PutU16(out, static_cast<std::uint32_t>(set.Csiz));
+  for (std::int32_t c = 0; c < set.Csiz; ++c) {
+    PutByte(out, (set.bitDepths[c] - 1U) | (set.isSigned[c] != 0 ? 0x80U : 0U));
+    PutByte(out, s.XRsiz[c]);
+    PutByte(out, s.YRsiz[c]);
+  }
+}
+
+bool HasPrecincts(const KelCodingStyle& style) {
+  return style.defaultPrecinctWidthExp != kWholePrecinct ||
+         style.defaultPrecinctHeightExp != kWholePrecinct;
+}
+
+void PutPrecincts(KelOutBuffer& out, const KelCodingStyle& style, std::int32_t numLevels) {
+  if (!HasPrecincts(style)) return;
+  for (std::int32_t r = 0; r <= numLevels; ++r) {
+    PutSmall(out, style.defaultPrecinctWidthExp + 16 * style.defaultPrecinctHeightExp);
+  }
+}
+
+/// Code-block sizes, the byte of style bits, and the transformation (0 is the 9/7 filter).
+void PutBlockCoding(KelOutBuffer& out, const KelCodingStyle& style, std::int32_t irreversible) {
+  PutSmall(out, style.blockWidthExp - 2);
+  PutSmall(out, style.blockHeightExp - 2);
+  PutBit(out, false);
+  PutBit(out, false);
+  PutBit(out, style.cbSegSymbols != 0);
+  PutBit(out, style.cbPredTerm != 0);
+  PutBit(out, style.cbInterleavedSigns == 0);
+  PutBit(out, style.cbTermAll != 0);
+  PutBit(out, style.cbReset != 0);
+  PutBit(out, style.cbBypass != 0);
+  PutByte(out, irreversible == 1 ? 0 : 1);
+}
+
+void WriteCOD(const KelHeaderParams& set, KelOutBuffer& out) {
+  const KelCodingStyle& style = *set.codingStyle;
+  const bool precincts = HasPrecincts(style);
+  PutMarker(out, kCOD);
+  PutU16(out, precincts ? static_cast<std::uint32_t>(set.numLevels) + 13 : 12);
+  PutByte(out, (set.usesEPH != 0 ? 4U : 0U) + (set.usesSOP != 0 ? 2U : 0U) + (precincts ? 1U : 0U));
+  PutSmall(out, set.progressionOrder);
+  PutU16(out, static_cast<std::uint32_t>(set.numLayers));
+  PutSmall(out, set.componentTransform);
+  PutSmall(out, set.numLevels);
+  PutBlockCoding(out, style, set.irreversible);
+  PutPrecincts(out, style, set.numLevels);
+}
+
+void WriteCOC(const KelHeaderParams& set, const KelCodingStyle& style, KelOutBuffer& out) {
+  const bool precincts = HasPrecincts(style);
+  const std::uint32_t length = precincts ? static_cast<std::uint32_t>(style.numLevels) + 10 : 9;
+  PutMarker(out, kCOC);
+  PutU16(out, length + IndexBytes(set) - 1);
+  PutComponentIndex(out, set, style.component);
+  PutByte(out, precincts ? 1 : 0);
+  PutSmall(out, style.numLevels);
+  PutBlockCoding(out, style, style.irreversible);
+  PutPrecincts(out, style, style.numLevels);
+}
+
+/// The style byte and the values of a quantisation, and what they add to a segment's length.
+/// Exponents alone take a byte each, their low three bits zero; pairs take two, the exponent in
+/// the upper five bits and the mantissa below.
+struct QuantFields {
+  const KelQuantParams& quant;
+  std::int32_t numLevels;
+
+  std::uint32_t NumValues() const {
+    return quant.quantised != 0 && quant.derived != 0
+               ? 1
+               : 3 * static_cast<std::uint32_t>(numLevels) + 1;
+  }
+  std::uint32_t Bytes() const { return 1 + NumValues() * (quant.quantised != 0 ? 2 : 1); }
+
+  void Put(KelOutBuffer& out) const {
+    const std::uint32_t style = quant.quantised == 0 ? 0 : quant.derived != 0 ? 1 : 2;
+    PutByte(out, quant.guardBits * 32U + style);
+    for (std::uint32_t b = 0; b < NumValues(); ++b) {
+      const auto exponent = static_cast<std::uint32_t>(quant.exponents[b]);
+      if (quant.quantised == 0) {
+        PutByte(out, exponent * 8);
+      } else {
+        PutU16(out, (exponent * 2048 & 0xF800) | static_cast<std::uint32_t>(quant.mantissas[b]));
+      }
+    }
+  }
+};
+
+void WriteQCD(const KelHeaderParams& set, KelOutBuffer& out) {
+  const QuantFields fields{*set.quantisation, set.numLevels};
+  PutMarker(out, kQCD);
+  PutU16(out, 2 + fields.Bytes());
+  fields.Put(out);
+}
+
+void WriteQCC(const KelHeaderParams& set, const KelQuantParams& quant, KelOutBuffer& out) {
+  const QuantFields fields{quant, quant.numLevels};
+  PutMarker(out, kQCC);
+  PutU16(out, 2 + IndexBytes(set) + fields.Bytes());
+  PutComponentIndex(out, set, quant.component);
+  fields.Put(out);
+}
+
+void WriteRGN(const KelHeaderParams& set, const KelRoiParams& region, KelOutBuffer& out) {
+  PutMarker(out, kRGN);
+  PutU16(out, 4 + IndexBytes(set));
+  PutComponentIndex(out, set, region.component);
+  PutByte(out, 0);  // Srgn
+  PutSmall(out, region.shift);
+}
+
+void WritePOC(const KelHeaderParams& set, KelOutBuffer& out) {
+  const KelProgressionChanges& changes = *set.progressionChanges;
+  const int indexBytes = static_cast<int>(IndexBytes(set));
+  PutMarker(out, kPOC);
+  PutU16(out, 2 + (5 + 2 * IndexBytes(set)) * static_cast<std::uint32_t>(changes.count));
+  for (std::int32_t i = 0; i < changes.count; ++i) {
+    PutByte(out, changes.resolutionStart[i]);
+    PutUInt(out, changes.componentStart[i], indexBytes);
+    PutU16(out, changes.layerEnd[i]);
+    PutByte(out, changes.resolutionEnd[i]);
+    PutUInt(out, changes.componentEnd[i], indexBytes);
+    PutByte(out, changes.order[i]);
+  }
+}
+
+void WriteCOM(const KelHeaderParams& set, KelOutBuffer& out) {
+  PutMarker(out, kCOM);
+  PutU16(out, set.commentLength + 4U);
+  PutU16(out, 1);  // Rcom: text
+  PutBytes(out, set.comment, set.commentLength);
+}
+
+/// What the first header of an image or a tile carries beyond sizes and index.
+void WriteCodingSegments(const KelHeaderParams& set, KelOutBuffer& out) {
+  if (set.seenCOD != 0) WriteCOD(set, out);
+  if (set.seenCOC != 0) {
+    for (std::uint32_t i = 0; i < set.numComponentStyles; ++i) {
+      WriteCOC(set, set.componentStyles[i], out);
+    }
+  }
+  if (set.seenQCD != 0) WriteQCD(set, out);
+  if (set.seenQCC != 0) {
+    for (std::uint32_t i = 0; i < set.numComponentQuants; ++i) {
+      WriteQCC(set, set.componentQuants[i], out);
+    }
+  }
+  if (set.seenRGN != 0) {
+    for (std::int32_t c = 0; c < set.Csiz; ++c) WriteRGN(set, set.regions[c], out);
+  }
+}
+
+/// The records of a main header, filled from options and geometry. The set's pointers lead into
+/// the owners beside it.
+struct MainHeader {
+  KelHeaderParams set{};
+  KelCodingStyle style{};
+  KelQuantParams quant{};
+  KelSizParams sizes{};
+  std::int32_t exponents[kQuantEntries] = {};
+  std::int32_t mantissas[kQuantEntries] = {};
+  OwnedArray<std::uint8_t> samplings;  ///< across, then down
+  OwnedArray<std::uint8_t> bitDepths, isSigned;
+  OwnedArray<KelCodingStyle> componentStyles;
+  OwnedArray<KelQuantParams> componentQuants;
+};
+
+void FillSizes(const KelEncOpt& o, MainHeader& h) {
+  const KelImageGeometry& g = *o.GeomParams;
+  const std::size_t count = static_cast<std::size_t>(h.set.Csiz);
+  h.samplings = OwnedArray<std::uint8_t>::Make(2 * std::uint64_t{count});
+  h.bitDepths = OwnedArray<std::uint8_t>::Make(count);
+  h.isSigned = OwnedArray<std::uint8_t>::Make(count);
+  h.set.sizes = &h.sizes;
+  h.set.bitDepths = h.bitDepths.Data();
+  h.set.isSigned = h.isSigned.Data();
+  h.sizes.Xsiz = static_cast<std::uint32_t>(g.Xsiz);
+  h.sizes.Ysiz = static_cast<std::uint32_t>(g.Ysiz);
+  h.sizes.XTsiz = static_cast<std::uint32_t>(g.XTsiz);
+  h.sizes.YTsiz = static_cast<std::uint32_t>(g.YTsiz);
+  h.sizes.XRsiz = h.samplings.Data();
+  h.sizes.YRsiz = h.samplings.Data() + count;
+  std::fill_n(h.bitDepths.Data(), count, static_cast<std::uint8_t>(AnnouncedDepth(o)));
+  std::size_t index = 0;
+  for (KelLong c = 0; c < g.Csiz; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    h.sizes.XRsiz[index] = static_cast<std::uint8_t>(g.XRsiz[c]);
+    h.sizes.YRsiz[index++] = static_cast<std::uint8_t>(g.YRsiz[c]);
+  }
+}
+
+void FillCodingStyle(const KelEncOpt& o, MainHeader& h) {
+  h.set.codingStyle = &h.style;
+  h.set.seenCOD = 1;
+  h.set.usesEPH = o.UseEPH ? 1 : 0;
+  h.set.usesSOP = o.UseSOP ? 1 : 0;
+  h.set.numLevels = o.NumLevels;
+  h.set.progressionOrder = o.ProgressionOrder;
+  h.set.numLayers = o.NumLayers;
+  h.set.componentTransform = o.ComponentTransform && o.NumColorChannels >= 3 ? 1 : 0;
+  h.set.irreversible = o.Irreversible != 0 ? 1 : 0;
+  h.style.cbBypass = o.CbBypass ? 1 : 0;
+  h.style.cbReset = o.CbReset ? 1 : 0;
+  h.style.cbTermAll = o.CbTermAll ? 1 : 0;
+  h.style.cbVertCausal = o.CbVertCausal ? 1 : 0;
+  h.style.cbPredTerm = o.CbPredTerm ? 1 : 0;
+  h.style.cbSegSymbols = o.CbSegSymbols ? 1 : 0;
+  h.style.defaultPrecinctWidthExp = o.PrecinctWidthExp;
+  h.style.defaultPrecinctHeightExp = o.PrecinctHeightExp;
+  h.style.blockWidthExp = o.CodeBlockWidthExp;
+  h.style.blockHeightExp = o.CodeBlockHeightExp;
+}
+
+void FillQuantisation(const KelEncOpt& o, MainHeader& h) {
+  // Steps of 1 have the nominal ranges for exponents and no mantissas, as reversible coding has.
+  StepsToExpMant(nullptr, AnnouncedDepth(o), {0, o.NumLevels}, true, h.exponents, h.mantissas);
+  h.set.quantisation = &h.quant;
+  h.set.seenQCD = 1;
+  h.quant.quantised = o.Irreversible != 0 ? 1 : 0;
+  h.quant.guardBits = GuardBits(AnnouncedDepth(o));
+  h.quant.exponents = h.exponents;
+  h.quant.mantissas = h.mantissas;
+  h.quant.numLevels = o.NumLevels;
+}
+
+/// Segments of the extra channels' own: reversible, without precincts.
+void FillExtraChannels(const KelEncOpt& o, MainHeader& h) {
+  const KelLong firstExtra = StreamIndex(o, o.NumColorChannels);
+  const std::uint64_t count = AsCount(h.set.Csiz - firstExtra);
+  if (count == 0) return;
+  h.componentStyles = OwnedArray<KelCodingStyle>::Make(count);
+  h.componentQuants = OwnedArray<KelQuantParams>::Make(count);
+  h.set.seenCOC = h.set.seenQCC = 1;
+  h.set.componentStyles = h.componentStyles.Data();
+  h.set.componentQuants = h.componentQuants.Data();
+  h.set.numComponentStyles = h.set.numComponentQuants = static_cast<std::uint32_t>(count);
+  std::size_t i = 0;
+  for (KelLong c = o.NumColorChannels; c < o.GeomParams->Csiz; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    KelCodingStyle& style = h.componentStyles[i];
+    style = h.style;
+    style.component = firstExtra + static_cast<KelLong>(i);
+    style.numLevels = o.NumLevels;
+    style.defaultPrecinctWidthExp = style.defaultPrecinctHeightExp = kWholePrecinct;
+    KelQuantParams& quant = h.componentQuants[i];
+    quant = h.quant;
+    quant.component = style.component;
+    quant.quantised = 0;
+    quant.guardBits = GuardBits(o.GeomParams->BitDepths[c]);
+    ++i;
+  }
+}
+
+void FillComment(const KelEncOpt& o, MainHeader& h) {
+  const KelComment* comment = o.Comment;
+  if (comment == nullptr || comment->data == nullptr || comment->length == 0) return;
+  h.set.seenCOM = 1;
+  h.set.comment = const_cast<std::uint8_t*>(comment->data);  // only read
+  h.set.commentLength =
+      static_cast<std::uint16_t>(std::min<KelULong>(comment->length, kMostCommentBytes));
+}
+
+/// The main header's bytes. Raises 8.
+KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
+  MainHeader header;
+  header.set.inMainHeader = 1;
+  header.set.Csiz = NumInMainStream(options);
+  FillSizes(options, header);
+  FillCodingStyle(options, header);
+  FillQuantisation(options, header);
+  FillExtraChannels(options, header);
+  FillComment(options, header);
+  KelOutBuffer out = KelOutBuffer::Make(kHeaderBufferBytes);
+  WriteHeader(header.set, out);
+  return out;
+}
+
+}  // namespace
+
+void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
+  const std::uint32_t start = out.count;
+  if (set.inMainHeader != 0) {
+    PutMarker(out, kSOC);
+    WriteSIZ(set, out);
+  } else {
+    PutMarker(out, kSOT);
+    PutU16(out, 10);
+    PutU16(out, set.Isot);
+    PutU32(out, 0);
+    PutByte(out, set.TPsot);
+    PutByte(out, set.TNsot);
+  }
+  if (set.inMainHeader != 0 || set.TPsot == 0) WriteCodingSegments(set, out);
+  if (set.seenPOC != 0) WritePOC(set, out);
+  if (set.seenCOM != 0) WriteCOM(set, out);
+  if (set.inMainHeader != 0) return;
+  PutMarker(out, kSOD);
+  PatchU32(out, start + kPsotOffset, out.count - start + set.dataLength);
+}
+
+std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream) {
+  const KelOutBuffer out = NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options); });
+  stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
+  return out.count;
+}
+
+}  // namespace kel

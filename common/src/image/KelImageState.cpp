@@ -1,0 +1,61 @@
+// Making and releasing the state of an image object, and its progress reports.
+#include "image/KelImageState.h"
+
+#include "base/KelMemFuncDefs.h"
+#include "decode/KelImageDecode.h"
+#include "encode/KelImageEncode.h"
+
+namespace kel {
+
+void BeginProgress(ProgressState& progress, KelLong total) {
+  if (progress.actions == nullptr || progress.isActive) return;
+  progress.done = 0;
+  progress.total = total;
+  progress.isActive = true;
+  if (progress.actions->BeginProgress != nullptr) progress.actions->BeginProgress();
+}
+
+void StepProgress(ProgressState& progress, KelLong steps) {
+  if (!progress.isActive || progress.total < steps) return;
+  if (progress.done <= progress.total && progress.actions->ReportProgress != nullptr) {
+    progress.actions->ReportProgress(progress.done, progress.total);
+  }
+  if (progress.done < INT32_MAX) ++progress.done;
+}
+
+void EndProgress(ProgressState& progress) {
+  if (!progress.isActive) return;
+  progress.isActive = false;
+  progress.done = 0;
+  if (progress.actions->ReportProgress != nullptr) {
+    progress.actions->ReportProgress(progress.total, progress.total);
+  }
+  if (progress.actions->EndProgress != nullptr) progress.actions->EndProgress();
+}
+
+ImageState& EnsureState(ImageHandle*& handle) {
+  if (StateOf(handle) != nullptr) return *handle->state;
+  auto made = OwnedRecord<ImageHandle>::Make();
+  made->state = OwnedRecord<ImageState>::Make().Release();
+  made->state->failure.ClearErrState();
+  if (handle != nullptr) KelFree(handle);
+  handle = made.Release();
+  return *handle->state;
+}
+
+void ReleaseState(ImageHandle*& handle) noexcept {
+  if (handle == nullptr) return;
+  if (ImageState* state = handle->state) {
+    ReleaseDecoder(*state);
+    ReleaseEncoder(*state);
+    if (state->clientData != nullptr) {
+      if (state->clientData->data != nullptr) KelFree(state->clientData->data);
+      KelFree(state->clientData);
+    }
+    KelFree(state);
+  }
+  KelFree(handle);
+  handle = nullptr;
+}
+
+}  // namespace kel

@@ -1,0 +1,92 @@
+// The host's handle onto a tile-component record.
+#include "kel/KelTileComponent.h"
+
+#include "base/KelMemFuncDefs.h"
+#include "image/KelImageMap.h"
+
+namespace kel {
+
+/// What a handle points to: the cell that holds the record's address.
+struct TileCompCell {
+  TileCompRecord* record;
+};
+
+}  // namespace kel
+
+KelImageData* KelTileComponent::GetOutputImage() const {
+  return cell_->record->outputImage;
+}
+
+void KelTileComponent::SetOutputImage(KelImageData* image) {
+  cell_->record->outputImage = image;
+}
+
+KelImageData* KelTileComponent::GetProgData() const {
+  return cell_->record->progData;
+}
+
+void KelTileComponent::SetProgData(KelImageData* image) {
+  cell_->record->progData = image;
+}
+
+KelImageData* KelTileComponent::GetWaveletData() const {
+  return cell_->record->waveletData;
+}
+
+void KelTileComponent::SetWaveletData(KelImageData* image) {
+  if (image != nullptr && image->GetImageBuffer() != nullptr) image->GetImageBuffer()->bufType = 1;
+  cell_->record->waveletData = image;
+}
+
+void KelTileComponent::ReleaseWaveletData() {
+  cell_->record->waveletData = nullptr;
+}
+
+KelTileGeometry* KelTileComponent::GetTileGeometryParams() const {
+  return &cell_->record->tileGeom;
+}
+
+KelLong KelTileComponent::GetWidth() const {
+  return cell_->record->tileGeom.X1 - cell_->record->tileGeom.X0;
+}
+
+KelLong KelTileComponent::GetHeight() const {
+  return cell_->record->tileGeom.Y1 - cell_->record->tileGeom.Y0;
+}
+
+KelEncOpt* KelTileComponent::GetEncOpt() const {
+  return cell_->record->encOpt;
+}
+
+KelDecOpt* KelTileComponent::GetDecOpt() const {
+  return cell_->record->decOpt;
+}
+
+bool KelTileComponent::TileCompDataReady() const {
+  return cell_->record->dataReady;
+}
+
+void KelTileComponent::SetTileCompDataReady() {
+  cell_->record->dataReady = true;
+}
+
+void KelTileComponent::ResetTileCompDataReady() {
+  cell_->record->dataReady = false;
+}
+
+bool KelTileComponent::TileCompDataIsValid() const {
+  return cell_->record->dataValid;
+}
+
+void KelTileComponent::SetTileCompDataIsValid() {
+  cell_->record->dataValid = true;
+}
+
+void KelTileComponent::ResetTileCompDataIsValid() {
+  cell_->record->dataValid = false;
+}
+
+void KelTileComponent::Init(kel::TileCompRecord* record) {
+  cell_ = kel::OwnedRecord<kel::TileCompCell>::Make().Release();
+  cell_->record = record;
+}

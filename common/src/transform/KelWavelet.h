@@ -1,0 +1,174 @@
+// The wavelet transform of a tile-component: subband geometry, forward and inverse drivers for the
+// reversible 5/3 and the irreversible 9/7 filter, and region masks.
+//
+// A tile-component covers a box; all phases follow from the box's coordinates, never from 0. A
+// plane holds the sample (x, y) of its box at cell (y - y0) stride + (x - x0). In the Mallat
+// layout each level's box holds the quadrants LL HL / LH HH, low parts first, and the next level
+// stands in LL. Drivers never fail and obtain nothing: scratch comes from the caller, aligned to
+// 64 bytes (ScratchArray). They work in strips of columns that stay in the processor's caches.
+#ifndef KEL_WAVELET_H
+#define KEL_WAVELET_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/KelBox.h"
+
+namespace kel {
+
+/// Kinds of subbands: low or high across, then low or high down.
+enum class SubbandKind : std::uint8_t { kLL, kHL, kLH, kHH };
+
+// Subbands in code-stream order: LL of the coarsest level, then HL, LH, HH of every level from
+// the coarsest to the finest. Level numLevels is the coarsest, level 1 the finest.
+
+constexpr int NumSubbands(int numLevels) {
+  return 3 * numLevels + 1;
+}
+/// The kind of a subband, and the level it belongs to (with no level at all LL counts as 0).
+constexpr SubbandKind KindOfSubband(int subband) {
+  return subband == 0 ? SubbandKind::kLL : static_cast<SubbandKind>((subband - 1) % 3 + 1);
+}
+constexpr int LevelOfSubband(int subband, int numLevels) {
+  return subband == 0 ? numLevels : numLevels - (subband - 1) / 3;
+}
+/// Bits by which a subband's nominal range exceeds that of the samples.
+constexpr int GainOfSubband(int subband) {
+  return subband == 0 ? 0 : KindOfSubband(subband) == SubbandKind::kHH ? 2 : 1;
+}
+
+/// The coefficients of a subband in its own coordinates.
+Box SubbandBox(const Box& box, int numLevels, int subband);
+
+/// Where a subband's first coefficient stands in the Mallat layout of its box.
+struct CellOffset {
+  std::int64_t column, row;
+};
+CellOffset MallatOffset(const Box& box, int numLevels, int subband);
+
+/// One subband of a transformed tile-component.
+struct SubbandRecord {
+  Box box;
+  void* data;               ///< first coefficient: std::int32_t after 5/3, float after 9/7
+  std::size_t strideCells;  ///< from row to row
+  float step;               ///< what the coefficients were divided by; 1 when by nothing
+  float energy;             ///< sum of squares after division, when it was asked for
+  std::int32_t Rb;          ///< nominal range of the subband in bits
+  std::int32_t R;           ///< and of the tile-component
+};
+
+/// Fills the boxes of all subbands, and clears the rest.
+void ComputeSubbandBoxes(const Box& box, int numLevels, SubbandRecord* records);
+/// As above, with the places in the Mallat layout of a plane of 32-bit cells.
+void ComputeSubbandBoxes(const Box& box, int numLevels, void* cells, std::size_t strideCells,
+                         SubbandRecord* records);
+
+/// Rows of something, strideCells elements apart.
+template <class T>
+struct Rows {
+  T* data;
+  std::size_t strideCells;
+};
+
+// Inverse transforms. Coefficients are read only, but for planes marked as consumable. A lower
+// resolution is decoded from a plane that holds the box of that resolution alone, with as many
+// levels as the resolution's number: its subbands have the same boxes there, and the first entries
+// of the same list of steps.
+
+/// A tile-component's coefficients, 5/3 values or 9/7 quantisation indices, in Mallat layout.
+struct CoefficientPlane {
+  const std::int32_t* cells;
+  std::size_t strideCells;
+  Box box;
+  int numLevels;
+  /// The same cells when they are not needed afterwards, else null: the drivers of three planes
+  /// then keep the result of the coarser levels in the place of their coefficients.
+  std::int32_t* consumable = nullptr;
+};
+
+/// 32-bit cells of scratch that an inverse driver needs for planes of one box and of up to so many
+/// levels: about five sixteenths of a plane, for each plane that is not consumable, and at least
+/// once. Saturates.
+std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes = 1,
+                                     bool areConsumable = false);
+
+void InverseDwt53(const CoefficientPlane& plane, void* scratch, Rows<std::int32_t> out);
+/// Straight to 8-bit samples: v + 128, clamped.
+void InverseDwt53To8Bit(const CoefficientPlane& plane, void* scratch, Rows<std::uint8_t> out);
+
+// The general 9/7 path: double arithmetic, single-precision results. Every index is multiplied by
+// its subband's step; LL stays as it is when its step lies in 0.9999 to 1.0001.
+
+void InverseDwt97(const CoefficientPlane& plane, const float* steps, void* scratch,
+                  Rows<float> out);
+/// The same synthesis of a plane whose cells are floats, coefficients and not indices.
+void InverseDwt97OfFloats(const CoefficientPlane& plane, void* scratch, Rows<float> out);
+/// The same values straight to 8-bit samples: v + 128, to nearest, halves to even, clamped.
+void InverseDwt97GeneralTo8Bit(const CoefficientPlane& plane, const float* steps, void* scratch,
+                               Rows<std::uint8_t> out);
+
+/// The direct 9/7 path to 8-bit samples: single-precision arithmetic. The offset is added to the
+/// indices of LL before they are multiplied by their step. Samples are v + 128, clamped, rounded
+/// to nearest: halves to even when the width is a multiple of 4 and the output stride one of 16,
+/// else away from zero. Without levels no offset is added and halves go to even.
+void InverseDwt97To8Bit(const CoefficientPlane& plane, const float* steps, float offset,
+                        void* scratch, Rows<std::uint8_t> out);
+
+/// Three colour components of one box straight to 8-bit red, green and blue. The last level of
+/// the three advances in step, so no 32-bit plane is written. Level counts may differ.
+void InverseDwt53RctTo8Bit(const CoefficientPlane (&planes)[3], void* scratch,
+                           const Rows<std::uint8_t> (&out)[3]);
+void InverseDwt97IctTo8Bit(const CoefficientPlane (&planes)[3], const float* const (&steps)[3],
+                           void* scratch, const Rows<std::uint8_t> (&out)[3]);
+
+// Forward transforms. Levels alternate between the source and a work plane of the same stride;
+// both end up holding subbands, where the records say, and nothing else of use.
+
+template <class Cell>
+struct ForwardPlanes {
+  Cell* source;
+  Cell* work;
+  std::size_t strideCells;
+  Box box;
+  int numLevels;
+};
+
+/// 32-bit cells of scratch that a forward driver needs. Saturates.
+std::uint64_t ForwardDwtScratchCells(const Box& box);
+
+/// Fills NumSubbands(numLevels) records: box, place, step 1; R and Rb are 0.
+void ForwardDwt53(const ForwardPlanes<std::int32_t>& planes, void* scratch, SubbandRecord* records);
+
+/// How ForwardDwt97 divides, and whether it measures.
+struct ForwardQuantisation {
+  const float* steps;  ///< one per subband, or null: divide by nothing
+  std::int32_t R;      ///< nominal range of the samples in bits
+  bool wantEnergies;   ///< sums of squares; costs a further pass
+};
+void ForwardDwt97(const ForwardPlanes<float>& planes, const ForwardQuantisation& quantisation,
+                  void* scratch, SubbandRecord* records);
+
+// Region masks. The masked forms of the forward transforms are the drivers above plus this.
+
+/// Cells around the mask of the coefficients, on each side.
+inline constexpr std::int64_t kMaskMargin = 5;
+/// What marks a coefficient that the region needs.
+inline constexpr std::uint8_t kMaskMark = 127;
+
+/// Carries the mask of a tile-component's samples (nonzero inside the region, W x H bytes without
+/// gaps) down to its coefficients. The result has W + 10 columns and H + 10 rows; its cell
+/// (5 + i, 5 + j) belongs to the coefficient at cell (i, j) of the Mallat layout and holds
+/// kMaskMark when rebuilding a sample of the region needs that coefficient, else 0. Scratch of
+/// RegionMaskScratchBytes.
+struct RegionMask {
+  const std::uint8_t* samples;
+  Box box;
+  int numLevels;
+  bool irreversible;
+};
+std::uint64_t RegionMaskScratchBytes(const Box& box);
+void CarryRegionMask(const RegionMask& mask, std::uint8_t* scratch, std::uint8_t* coefficients);
+
+}  // namespace kel
+
+#endif
