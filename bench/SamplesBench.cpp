@@ -16,7 +16,6 @@
 #include "kel/KelImageData.h"
 #include "kernels/KelKernels.h"
 #include "samples/KelCompTransform.h"
-#include "samples/KelOutputConvert.h"
 
 namespace {
 
@@ -112,7 +111,6 @@ const Bench kKernels[] = {
     KEL_BENCH(3, inverseIctTo8Bit(in.floats[0], in.floats[1], in.floats[2], out.bytes[0],
                                   out.bytes[1], out.bytes[2], n)),
     KEL_BENCH(1, intTo8Bit(in.ints[0], out.bytes[0], n)),
-    KEL_BENCH(1, intTo8BitWrapped(in.ints[0], out.bytes[0], n)),
     KEL_BENCH(1, floatTo8Bit(in.floats[0], out.bytes[0], n)),
     KEL_BENCH(1, intsToLevels(in.ints[0], out.ints[0], n, -2048, 2047, 2048)),
     KEL_BENCH(1, floatsToLevels(in.floats[0], out.ints[0], n, -2048, 2047, 2048)),

@@ -129,7 +129,6 @@ void CompareAll(const KernelTable& table) {
   KEL_SAME(I32, U8, 1, inverseRctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(float, U8, 1, inverseIctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(I32, U8, 1, intTo8Bit(in[0], out[0], n));
-  KEL_SAME(I32, U8, 1, intTo8BitWrapped(in[0], out[0], n));
   KEL_SAME(float, U8, 1, floatTo8Bit(in[0], out[0], n));
   for (const auto& [low, high, add] :
        {std::array{-128, 127, 128}, {INT32_MIN, INT32_MAX, 1}, {-5, -5, INT32_MIN}}) {

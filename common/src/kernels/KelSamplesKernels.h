@@ -59,8 +59,8 @@ struct SamplesKernels {
   /// Inverse irreversible colour transform in place, in double precision with single-precision
   /// constants: R = Y + 1.402 Cr, G = Y - 0.34413 Cb - 0.71414 Cr, B = Y + 1.772 Cb.
   void (*inverseIct)(float* y, float* cb, float* cr, std::size_t count);
-  /// Inverse reversible colour transform and level shift of 8-bit samples: as inverseRct with
-  /// Y + 128 for Y, each result stored as its low 8 bits.
+  /// Inverse reversible colour transform and level shift of 8-bit samples: as inverseRct, each
+  /// result v as v + 128, clamped to 0..255.
   void (*inverseRctTo8Bit)(const std::int32_t* y, const std::int32_t* u, const std::int32_t* v,
                            std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count);
   /// Inverse irreversible colour transform and level shift of 8-bit samples: as inverseIct with
@@ -69,8 +69,6 @@ struct SamplesKernels {
                            std::uint8_t* g, std::uint8_t* b, std::size_t count);
   /// Level shift of 8-bit samples: v + 128, clamped to 0..255.
   void (*intTo8Bit)(const std::int32_t* in, std::uint8_t* out, std::size_t count);
-  /// Level shift of 8-bit samples: v + 128, stored as its low 8 bits.
-  void (*intTo8BitWrapped)(const std::int32_t* in, std::uint8_t* out, std::size_t count);
   /// Level shift of 8-bit samples: v + 128 in single precision, nearest, clamped to 0..255.
   void (*floatTo8Bit)(const float* in, std::uint8_t* out, std::size_t count);
 

@@ -89,6 +89,10 @@ std::uint8_t ClampToByte(std::int32_t v) {
   return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
 }
 
+std::uint8_t ShiftToByte(std::int32_t v) {
+  return ClampToByte(std::clamp(v, -128, 127) + 128);
+}
+
 std::uint8_t RoundToByte(float v) {
   return ClampToByte(RoundToInt32(double{v}));
 }
@@ -114,10 +118,10 @@ void InverseIct(float* y, float* cb, float* cr, std::size_t count) {
 void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::int32_t* v,
                       std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    const Integers pixel = InverseRctOf(std::int64_t{y[i]} + 128, u[i], v[i]);
-    r[i] = LowByte(pixel.r);
-    g[i] = LowByte(pixel.g);
-    b[i] = LowByte(pixel.b);
+    const Integers pixel = InverseRctOf(y[i], u[i], v[i]);
+    r[i] = ShiftToByte(pixel.r);
+    g[i] = ShiftToByte(pixel.g);
+    b[i] = ShiftToByte(pixel.b);
   }
 }
 
@@ -132,13 +136,7 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
 }
 
 void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    out[i] = ClampToByte(std::clamp(in[i], -128, 127) + 128);
-  }
-}
-
-void IntTo8BitWrapped(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = LowByte(Wrapped(std::int64_t{in[i]} + 128));
+  for (std::size_t i = 0; i < count; ++i) out[i] = ShiftToByte(in[i]);
 }
 
 void FloatTo8Bit(const float* in, std::uint8_t* out, std::size_t count) {
@@ -199,7 +197,6 @@ void FillScalarSamplesKernels(SamplesKernels& table) noexcept {
       .inverseRctTo8Bit = InverseRctTo8Bit,
       .inverseIctTo8Bit = InverseIctTo8Bit,
       .intTo8Bit = IntTo8Bit,
-      .intTo8BitWrapped = IntTo8BitWrapped,
       .floatTo8Bit = FloatTo8Bit,
       .intsToLevels = IntsToLevels,
       .floatsToLevels = FloatsToLevels,

@@ -215,18 +215,24 @@ void Split(const Sample* in, std::size_t step, Sample* a, Sample* b, Sample* c, 
 
 // --- From planes to samples ---
 
+/// Half a step of the inverse reversible transform.
+KEL_INLINE void InverseRctHalf(const std::int32_t* const (&in)[3], VUInt (&rgb)[3]) {
+  const VUInt blue = Load<VUInt>(in[1]), red = Load<VUInt>(in[2]);
+  const VInt quarter = __builtin_bit_cast(VInt, blue + red) >> 2;
+  rgb[1] = Load<VUInt>(in[0]) - __builtin_bit_cast(VUInt, quarter);
+  rgb[0] = red + rgb[1];
+  rgb[2] = blue + rgb[1];
+}
+
 void InverseRct(std::int32_t* y, std::int32_t* u, std::int32_t* v, std::size_t count) {
-  Sweep<3, 3, std::int32_t>(
-      {y, u, v}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
-        for (int at = 0; at < kStep; at += kLanes) {
-          const VUInt blue = Load<VUInt>(from[1] + at), red = Load<VUInt>(from[2] + at);
-          const VInt quarter = __builtin_bit_cast(VInt, blue + red) >> 2;
-          const VUInt green = Load<VUInt>(from[0] + at) - __builtin_bit_cast(VUInt, quarter);
-          Store(to[0] + at, red + green);
-          Store(to[1] + at, green);
-          Store(to[2] + at, blue + green);
-        }
-      });
+  Sweep<3, 3, std::int32_t>({y, u, v}, {y, u, v}, count,
+                            [](const auto& from, const auto& to) KEL_FORCED {
+                              for (int at = 0; at < kStep; at += kLanes) {
+                                VUInt rgb[3];
+                                InverseRctHalf({from[0] + at, from[1] + at, from[2] + at}, rgb);
+                                for (int k = 0; k < 3; ++k) Store(to[k] + at, rgb[k]);
+                              }
+                            });
 }
 
 /// Half a step of the inverse irreversible transform, from luma plus an offset.
@@ -277,6 +283,33 @@ KEL_INLINE VInt Clamp(VInt v, std::int32_t lowest, std::int32_t highest) {
   return v > high ? high : v;
 }
 
+/// Stores two vectors of integers limited to -128..127, and 128 added: which inverts the top bit.
+KEL_INLINE void StoreShifted(std::uint8_t* address, VInt a, VInt b) {
+#if KEL_VECTOR_BYTES == 64 && defined(__AVX512F__)
+  const __m128i flip = _mm_set1_epi8(-128);
+  const auto narrow = [](VInt v) KEL_FORCED {
+    return _mm512_maskz_cvtsepi32_epi8(0xFFFF, __builtin_bit_cast(__m512i, v));
+  };
+  StoreFrom(address, _mm_xor_si128(narrow(a), flip));
+  StoreFrom(address + kLanes, _mm_xor_si128(narrow(b), flip));
+#elif KEL_VECTOR_BYTES == 32 && defined(__AVX2__)
+  // Packing works on the halves of vectors: a0 b0 a1 b1 for a0 a1 and b0 b1.
+  const __m256i packed =
+      _mm256_packs_epi32(__builtin_bit_cast(__m256i, a), __builtin_bit_cast(__m256i, b));
+  const __m256i words = _mm256_permute4x64_epi64(packed, 0xD8);
+  const __m128i bytes =
+      _mm_packs_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
+  StoreFrom(address, _mm_xor_si128(bytes, _mm_set1_epi8(-128)));
+#elif KEL_VECTOR_BYTES == 16 && defined(__SSE2__)
+  const __m128i words =
+      _mm_packs_epi32(__builtin_bit_cast(__m128i, a), __builtin_bit_cast(__m128i, b));
+  const __m128i bytes = _mm_xor_si128(_mm_packs_epi16(words, words), _mm_set1_epi8(-128));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(address), bytes);
+#else
+  StoreBytes(address, Clamp(a, -128, 127) + 128, Clamp(b, -128, 127) + 128);
+#endif
+}
+
 /// Lanes whose low bytes hold the nearest integers, clamped to 0..255: added to 2^23, a number
 /// below it is rounded to an integer, halves to even, in the low bits of its representation. The
 /// first comparison is false for NaN.
@@ -290,19 +323,14 @@ KEL_INLINE VInt NearestBytes(VFloat v) {
 void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::int32_t* v,
                       std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
   Sweep({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    // The low bytes of the results depend on the low 10 bits of the inputs alone.
-    Words narrow[3];
-    for (int k = 0; k < 3; ++k) {
-      narrow[k] = LowHalves(Load<VInt>(from[k]), Load<VInt>(from[k] + kLanes));
+    VInt rgb[3][2];
+    for (int half = 0; half < 2; ++half) {
+      VUInt pixels[3];
+      InverseRctHalf({from[0] + half * kLanes, from[1] + half * kLanes, from[2] + half * kLanes},
+                     pixels);
+      for (int k = 0; k < 3; ++k) rgb[k][half] = __builtin_bit_cast(VInt, pixels[k]);
     }
-    const Words sum = narrow[1] + narrow[2];
-    const Words green = narrow[0] + std::uint16_t{128} - (sum >> 2);
-    const Words rgb[] = {narrow[2] + green, green, narrow[1] + green};
-    for (int k = 0; k < 3; ++k) {
-      Bytes bytes;
-      Convert(bytes, rgb[k]);
-      StoreFrom(to[k], bytes);
-    }
+    for (int k = 0; k < 3; ++k) StoreShifted(to[k], rgb[k][0], rgb[k][1]);
   });
 }
 
@@ -318,15 +346,7 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
 
 void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
   Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    StoreBytes(to[0], Clamp(Load<VInt>(from[0]), -128, 127) + 128,
-               Clamp(Load<VInt>(from[0] + kLanes), -128, 127) + 128);
-  });
-}
-
-void IntTo8BitWrapped(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    // Inverting the top bit of a byte is adding 128 to it, modulo 256.
-    StoreBytes(to[0], Load<VInt>(from[0]) ^ 128, Load<VInt>(from[0] + kLanes) ^ 128);
+    StoreShifted(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
   });
 }
 
@@ -428,7 +448,6 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
       .inverseRctTo8Bit = samples::InverseRctTo8Bit,
       .inverseIctTo8Bit = samples::InverseIctTo8Bit,
       .intTo8Bit = samples::IntTo8Bit,
-      .intTo8BitWrapped = samples::IntTo8BitWrapped,
       .floatTo8Bit = samples::FloatTo8Bit,
       .intsToLevels = samples::IntsToLevels,
       .floatsToLevels = samples::FloatsToLevels,

@@ -14,9 +14,10 @@ namespace {
 template <class Cell>
 void SynthesiseRow53(const Cell* low, const Cell* high, Cell* out, std::size_t pairs) {
   using U = std::make_unsigned_t<Cell>;
+  const Cell* const highBefore = high - 1;
   for (std::size_t n = 0; n < pairs; ++n) {
     const U h = static_cast<U>(high[n]);
-    const U even = EvenSample53<U>(static_cast<U>(low[n]), static_cast<U>(high[n - 1]), h);
+    const U even = EvenSample53<U>(static_cast<U>(low[n]), static_cast<U>(highBefore[n]), h);
     const U evenAfter = EvenSample53<U>(static_cast<U>(low[n + 1]), h, static_cast<U>(high[n + 1]));
     out[2 * n] = static_cast<Cell>(even);
     out[2 * n + 1] = static_cast<Cell>(OddSample53<U>(h, even, evenAfter));
@@ -73,13 +74,14 @@ float EvenAt(const float* low, const float* high) {
 
 template <class S>
 void SynthesiseRow97(const float* low, const float* high, float* out, std::size_t pairs) {
+  const float* const highBefore = high - 1;
   float even = EvenAt<S>(low, high);
   for (std::size_t n = 0; n < pairs; ++n) {
     const float evenAfter = EvenAt<S>(low + n + 1, high + n + 1);
     out[2 * n] = even;
     out[2 * n + 1] = static_cast<float>(
-        OddSample97<S, S>({S{low[n]}, S{low[n + 1]}}, {S{high[n - 1]}, S{high[n]}, S{high[n + 1]}},
-                          {S{even}, S{evenAfter}}));
+        OddSample97<S, S>({S{low[n]}, S{low[n + 1]}},
+                          {S{highBefore[n]}, S{high[n]}, S{high[n + 1]}}, {S{even}, S{evenAfter}}));
     even = evenAfter;
   }
 }
