@@ -1,6 +1,6 @@
 // Reads the boxes of arbitrary data in either layout and touches everything that was found.
 #include "FuzzSupport.h"
-#include "format/KelFileFormat.h"
+#include "decode/KelFileFormatRead.h"
 
 namespace {
 

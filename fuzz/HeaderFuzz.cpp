@@ -3,7 +3,7 @@
 #include <array>
 
 #include "FuzzSupport.h"
-#include "format/KelHeadersRead.h"
+#include "decode/KelHeadersRead.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "DataSource.h"
 #include "HostMemory.h"
 #include "base/KelRaise.h"
-#include "format/KelFileFormat.h"
+#include "decode/KelFileFormatRead.h"
 
 namespace {
 

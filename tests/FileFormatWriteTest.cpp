@@ -1,5 +1,5 @@
 // Boxes byte by byte, against files assembled by hand.
-#include "format/KelFileFormatWrite.h"
+#include "encode/KelFileFormatWrite.h"
 
 #include <gtest/gtest.h>
 

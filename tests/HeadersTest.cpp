@@ -8,7 +8,7 @@
 
 #include "DataSource.h"
 #include "HostMemory.h"
-#include "format/KelHeadersRead.h"
+#include "decode/KelHeadersRead.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
 // Segments byte by byte. Whole headers are compared with another encoder's in EncoderTest.
+#include "encode/KelMainHeader.h"
 #include "format/KelHeadersWrite.h"
 
 #include <gtest/gtest.h>

@@ -10,10 +10,11 @@
 
 #include "EncodeHost.h"
 #include "HostMemory.h"
+#include "KelRegion.h"
 #include "WaveletTruth.h"
+#include "api/KelApiGlueImage.h"
 #include "base/KelRaise.h"
 #include "decode/KelImageDecode.h"
-#include "encode/KelRegion.h"
 
 namespace {
 

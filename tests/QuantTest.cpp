@@ -7,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "format/KelHeaders.h"
 #include "transform/KelBandWeights.h"
 
 namespace {
@@ -73,18 +74,18 @@ TEST(Quant, DecoderStepsOfTheThreeStyles) {
   quant.mantissas = mantissas.data();
   float steps[7];
   quant.quantised = 1;
-  kel::MakeDecoderSteps(quant, 8, 2, steps);
+  kel::MakeDecoderSteps(kel::StepsSaid(quant), 8, 2, steps);
   EXPECT_EQ(steps[0], 1.5F / 4);
   EXPECT_EQ(steps[3], (1.0F + 1027.0F / 2048) / 8) << "HH has two bits more";
   EXPECT_EQ(steps[4], (1.0F + 1028.0F / 2048) / 32);
   quant.derived = 1;
-  kel::MakeDecoderSteps(quant, 8, 2, steps);
+  kel::MakeDecoderSteps(kel::StepsSaid(quant), 8, 2, steps);
   EXPECT_EQ(steps[0], 1.5F / 4);
   EXPECT_EQ(steps[1], 1.5F / 2) << "HL of the coarsest level has the exponent of LL";
   EXPECT_EQ(steps[4], 1.5F) << "one less a level further";
   EXPECT_EQ(steps[6], 3.0F);
   quant.derived = quant.quantised = 0;
-  kel::MakeDecoderSteps(quant, 8, 2, steps);
+  kel::MakeDecoderSteps(kel::StepsSaid(quant), 8, 2, steps);
   EXPECT_EQ(steps[0], 1.0F / 4);
   EXPECT_EQ(steps[6], 1.0F / 64);
 }

@@ -11,8 +11,8 @@
 #include <cassert>
 
 #include "format/KelBlockGrid.h"
-#include "format/KelColumnPatternCode.h"
 #include "kernels/KelBlocksRead.h"
+#include "kernels/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
 
 namespace kel {

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "decode/KelFrameRequest.h"
+#include "KelFrameRequest.h"
 #include "image/KelImageMap.h"
 
 namespace kel {

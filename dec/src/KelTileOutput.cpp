@@ -71,8 +71,8 @@ struct Steps {
   float values[kMaxSubbands];
 
   Steps(const ImageMap& map, const TileCompRecord& record) {
-    MakeDecoderSteps(*record.params.quant, map.geometry->BitDepths[record.tileGeom.Component],
-                     record.numLevels, values);
+    MakeDecoderSteps(StepsSaid(*record.params.quant),
+                     map.geometry->BitDepths[record.tileGeom.Component], record.numLevels, values);
   }
 };
 

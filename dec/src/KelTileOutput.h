@@ -2,8 +2,8 @@
 #ifndef KEL_TILE_OUTPUT_H
 #define KEL_TILE_OUTPUT_H
 
+#include "KelFrameRequest.h"
 #include "base/KelMemFuncDefs.h"
-#include "decode/KelFrameRequest.h"
 #include "image/KelImageMap.h"
 
 namespace kel {

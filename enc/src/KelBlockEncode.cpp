@@ -12,7 +12,7 @@
 #include "KelBitWriter.h"
 #include "base/KelMemFuncDefs.h"
 #include "format/KelBlockGrid.h"
-#include "format/KelColumnPatternCode.h"
+#include "kernels/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
 
 namespace kel {

@@ -8,8 +8,8 @@
 
 #include <algorithm>
 
+#include "KelRegion.h"
 #include "base/KelMemFuncDefs.h"
-#include "encode/KelRegion.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {

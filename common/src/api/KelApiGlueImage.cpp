@@ -1,8 +1,10 @@
 // Exported operations of the image object: those of both directions, and decoding.
 #include "api/KelApiGlueImage.h"
 
+#include "base/KelMemFuncDefs.h"
 #include "decode/KelImageDecode.h"
 #include "decode/KelImageQuery.h"
+#include "encode/KelImageEncode.h"
 #include "format/KelSignature.h"
 #include "kel/KelImage.h"
 
@@ -17,6 +19,25 @@ using kel::Side;
 using kel::StateOf;
 
 }  // namespace
+
+namespace kel {
+
+void ReleaseState(ImageHandle*& handle) noexcept {
+  if (handle == nullptr) return;
+  if (ImageState* state = handle->state) {
+    ReleaseDecoder(*state);
+    ReleaseEncoder(*state);
+    if (state->clientData != nullptr) {
+      if (state->clientData->data != nullptr) KelFree(state->clientData->data);
+      KelFree(state->clientData);
+    }
+    KelFree(state);
+  }
+  KelFree(handle);
+  handle = nullptr;
+}
+
+}  // namespace kel
 
 KelImage::~KelImage() = default;
 

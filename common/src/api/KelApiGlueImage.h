@@ -28,6 +28,9 @@ inline bool IsOnSide(const ImageState& state, Side side) {
                           : state.decoder != nullptr && side == Side::kDecoder);
 }
 
+/// Releases what a state owns, half-built states included, then the state and its handle.
+void ReleaseState(ImageHandle*& handle) noexcept;
+
 /// Runs a guarded operation on a state of the given side. Without a state the result is what
 /// onFailure makes of 31, on the other side of 15.
 template <class Work, class OnFailure>

@@ -8,7 +8,8 @@
 #include <new>
 
 #include "base/KelRaise.h"
-#include "format/KelHeadersRead.h"
+#include "decode/KelFileFormatRead.h"
+#include "decode/KelHeadersRead.h"
 
 namespace kel {
 namespace {

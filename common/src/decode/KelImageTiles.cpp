@@ -13,7 +13,7 @@
 #include "KelPacketWalk.h"
 #include "KelTilePartStash.h"
 #include "base/KelRaise.h"
-#include "format/KelHeadersRead.h"
+#include "decode/KelHeadersRead.h"
 
 namespace kel {
 namespace {

@@ -4,11 +4,11 @@
 // A tile's planes are the image's, one per component, locked while the tile is coded. Whatever
 // fails, the tile's records are empty again and the encoder can go on.
 #include "KelPacketWrite.h"
+#include "KelRegion.h"
 #include "KelTileCoder.h"
 #include "base/KelRaise.h"
 #include "encode/KelImageEncode.h"
 #include "encode/KelMainStream.h"
-#include "encode/KelRegion.h"
 #include "encode/KelTilePlanes.h"
 #include "format/KelPartition.h"
 

@@ -9,9 +9,9 @@
 
 #include "KelRate.h"
 #include "base/KelRaise.h"
+#include "encode/KelFileFormatWrite.h"
+#include "encode/KelMainHeader.h"
 #include "encode/KelMainStream.h"
-#include "format/KelFileFormatWrite.h"
-#include "format/KelHeadersWrite.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelBandWeights.h"
 

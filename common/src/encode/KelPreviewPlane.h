@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "encode/KelRegion.h"
+#include "KelRegion.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelWavelet.h"
 

@@ -2,6 +2,7 @@
 #include "encode/KelSourceReader.h"
 
 #include <algorithm>
+#include <span>
 
 #include "base/KelRaise.h"
 #include "encode/KelMainStream.h"
@@ -97,6 +98,27 @@ bool TileSource::Fetch(KelLong component, FetchedSamples& samples) {
   samples.source = MakeSampleSource(interleaved_.lock.As<void>(), width, box.BitDepth,
                                     static_cast<std::uint32_t>(reader_.numInterleaved),
                                     static_cast<std::uint32_t>(component));
+  return true;
+}
+
+bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region) {
+  region = EmptyRegion(component);
+  if (region.box.IsEmpty()) return true;
+  FetchedSamples samples;
+  if (!source.Fetch(component.Component, samples)) return false;
+  // Read one row at a time; a sample of 0 is what the level shift makes the least integer.
+  const std::int64_t width = region.box.Width();
+  auto row = OwnedArray<std::int32_t>::Make(AsCount(width));
+  const auto zero = static_cast<std::int32_t>(-(std::int64_t{1} << (component.BitDepth - 1)));
+  std::uint8_t* out = region.bytes.Data();
+  for (std::int64_t y = 0; y < region.box.Height(); ++y) {
+    SampleSource line = samples.source;
+    line.samples += AsCount(y) * line.rowBytes;
+    PreparePlane(line, {row.Data(), row.Size()}, {width, 1}, false);
+    for (const std::int32_t level : std::span(row.Data(), row.Size())) {
+      *out++ = level != zero ? kInsideRegion : 0;
+    }
+  }
   return true;
 }
 

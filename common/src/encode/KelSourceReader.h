@@ -1,4 +1,5 @@
-// Fetching the samples of a tile through the host's callbacks, and preparing its coding planes.
+// Fetching the samples of a tile and the mask of its region through the host's callbacks, and
+// preparing the tile's coding planes.
 //
 // What a callback hands over belongs to the library: buffers are locked while they are read, and
 // unlocked and freed at the end of the scope that fetched them, also on a failure. Interleaved
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 
+#include "KelRegion.h"
 #include "base/KelMemFuncDefs.h"
 #include "kel/KelImage.h"
 #include "samples/KelCompTransform.h"
@@ -55,6 +57,10 @@ class TileSource {
   KelLong tile_;
   FetchedSamples interleaved_;
 };
+
+/// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as
+/// TileSource::Fetch, and 8.
+bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region);
 
 /// Fills the coding planes of components 0 to count - 1 of a tile: fetch, level shift, and the
 /// component transform when the options ask for it, which then needs components 0 to 2 whatever

@@ -1,5 +1,5 @@
-// What the boxes of a file say beside the code stream: the record that the box readers fill and
-// the box writer serialises, its release, and the reading of boxes.
+// What the boxes of a file say beside the code stream: the record that the box readers fill,
+// its making and its release.
 //
 // A box is a 4-byte length that counts the whole box, a 4-byte type and the contents; length 1
 // means that an 8-byte length follows the type, length 0 that the box extends to the end of the
@@ -13,11 +13,6 @@
 #include "kel/KelFileRecords.h"
 
 namespace kel {
-
-class KelDecDataMgr;
-
-/// Bytes that the window of a stream must be able to hold for the box readers.
-inline constexpr std::uint32_t kBoxWindowBytes = 65535;
 
 /// The image header ('ihdr', 'bpcc').
 struct KelImageHeaderInfo {
@@ -70,12 +65,6 @@ struct KelFileInfo {
 
 /// Obtains the image header record; raises 8.
 void InitFileInfo(KelFileInfo& info);
-
-/// Reads boxes in the layout of the data's flavour and leaves the reader on the first byte of the
-/// code stream. Where the data may not be walked, or the code-stream box extends to their end, that
-/// box is the last one read. Returns 23 at the end of the boxes (info.codeStreamFound tells whether
-/// there was a code stream), else 21, 22, 25 or 26; raises 8 in the name of the layout's module.
-KelLong ReadBoxes(KelFileInfo& info, KelDecDataMgr& data);
 
 /// Releases everything, half-built findings included; may run twice. The record itself belongs to
 /// the caller. Accepts null.

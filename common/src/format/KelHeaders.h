@@ -1,5 +1,5 @@
 // Coding parameters: the records that hold the marker segments of a main header or of a tile-part
-// header, their making, copying and release, and the reading and writing of whole headers.
+// header, their making, copying and release.
 //
 // Fields hold the segments' values; where a record differs (an offset added, a flag inverted) the
 // field says so. Names such as Psot and Csiz are those of the format. A KelHeaderParams owns its
@@ -10,17 +10,12 @@
 #include <cstdint>
 
 #include "base/KelMemFuncDefs.h"
+#include "transform/KelQuant.h"
 
 namespace kel {
 
-class KelDecDataMgr;
-struct KelOutBuffer;
-
-/// Most decomposition levels of the format; the subbands of so many levels; and the length of
-/// every exponent and mantissa array, whatever the level count, so that a count which changes
-/// between segments never lets a reader or a copy run past an array.
-inline constexpr int kMaxLevels = 32;
-inline constexpr int kMaxSubbands = 3 * kMaxLevels + 1;
+/// The length of every exponent and mantissa array, whatever the level count, so that a count
+/// which changes between segments never lets a reader or a copy run past an array.
 inline constexpr int kQuantEntries = 100;
 
 /// Precinct exponent that means: not partitioned in this direction.
@@ -76,6 +71,11 @@ struct KelQuantParams {
   std::int32_t hasRegion;
   std::int32_t regionShift;
 };
+
+/// The steps that a quantisation says.
+inline SignalledSteps StepsSaid(const KelQuantParams& quant) {
+  return {quant.exponents, quant.quantised != 0 ? quant.mantissas : nullptr, quant.derived != 0};
+}
 
 /// Region of interest of one component (RGN).
 struct KelRoiParams {

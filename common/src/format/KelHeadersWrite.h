@@ -4,8 +4,6 @@
 
 #include "base/KelOutBuffer.h"
 #include "format/KelHeaders.h"
-#include "kel/KelOptions.h"
-#include "kel/KelStream.h"
 
 namespace kel {
 
@@ -22,11 +20,6 @@ constexpr std::uint8_t GuardBits(std::int32_t bitDepth) {
 /// first tile-part of a tile carries segments of coding style, quantisation and region. The set
 /// is only read; what a flag does not announce may be null. Raises 8.
 void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out);
-
-/// Writes the main header of an image to a stream; returns its bytes. The options must have passed
-/// the encoder's checks. Quantisation is announced as steps of 1: tiles whose steps are others say
-/// so in their own headers, so that a quality can still be chosen. Raises 8.
-std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream);
 
 }  // namespace kel
 

@@ -1,9 +1,7 @@
-// Making and releasing the state of an image object, and its progress reports.
+// Making the state of an image object, and its progress reports.
 #include "image/KelImageState.h"
 
 #include "base/KelMemFuncDefs.h"
-#include "decode/KelImageDecode.h"
-#include "encode/KelImageEncode.h"
 
 namespace kel {
 
@@ -41,21 +39,6 @@ ImageState& EnsureState(ImageHandle*& handle) {
   if (handle != nullptr) KelFree(handle);
   handle = made.Release();
   return *handle->state;
-}
-
-void ReleaseState(ImageHandle*& handle) noexcept {
-  if (handle == nullptr) return;
-  if (ImageState* state = handle->state) {
-    ReleaseDecoder(*state);
-    ReleaseEncoder(*state);
-    if (state->clientData != nullptr) {
-      if (state->clientData->data != nullptr) KelFree(state->clientData->data);
-      KelFree(state->clientData);
-    }
-    KelFree(state);
-  }
-  KelFree(handle);
-  handle = nullptr;
 }
 
 }  // namespace kel

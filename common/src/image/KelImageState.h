@@ -50,9 +50,6 @@ struct ImageHandle {
 /// The handle with an empty state, made if need be. Raises 8, with the handle null.
 ImageState& EnsureState(ImageHandle*& handle);
 
-/// Releases what a state owns, half-built states included, then the state and its handle.
-void ReleaseState(ImageHandle*& handle) noexcept;
-
 /// The state behind a handle, or null.
 inline ImageState* StateOf(const ImageHandle* handle) {
   return handle != nullptr ? handle->state : nullptr;

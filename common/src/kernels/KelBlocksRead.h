@@ -15,7 +15,7 @@
 #endif
 
 #include "KelBlocksKernels.h"
-#include "format/KelColumnPatternCode.h"
+#include "kernels/KelColumnPatternCode.h"
 
 namespace kel {
 namespace {

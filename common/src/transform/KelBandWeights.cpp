@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "format/KelHeaders.h"
-
 namespace kel {
 namespace {
 

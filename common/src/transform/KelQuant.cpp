@@ -79,12 +79,12 @@ void ExpMantToSteps(const std::int32_t* exponents, const std::int32_t* mantissas
   }
 }
 
-void MakeDecoderSteps(const KelQuantParams& quant, std::int32_t R, int numLevels, float* steps) {
+void MakeDecoderSteps(const SignalledSteps& said, std::int32_t R, int numLevels, float* steps) {
   for (int b = 0; b < NumSubbands(numLevels); ++b) {
-    const int from = quant.derived != 0 ? 0 : b;
-    const std::int32_t finer = quant.derived != 0 ? numLevels - LevelOfSubband(b, numLevels) : 0;
-    steps[b] = StepOf(quant.exponents[from] - finer,
-                      quant.quantised != 0 ? quant.mantissas[from] : 0, R + GainOfSubband(b));
+    const int from = said.isDerived ? 0 : b;
+    const std::int32_t finer = said.isDerived ? numLevels - LevelOfSubband(b, numLevels) : 0;
+    steps[b] = StepOf(said.exponents[from] - finer,
+                      said.mantissas != nullptr ? said.mantissas[from] : 0, R + GainOfSubband(b));
   }
 }
 

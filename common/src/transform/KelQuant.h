@@ -7,7 +7,6 @@
 
 #include <cstdint>
 
-#include "format/KelHeaders.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {
@@ -29,9 +28,9 @@ void DeriveQuantSteps(const QuantTarget& target, int numLevels, const SubbandRec
 /// The steps of an irreversible tile-component as the code stream can say them: one entry per
 /// subband, and the steps are exactly those that the pairs stand for.
 struct ChosenSteps {
-  std::int32_t exponents[kQuantEntries];
-  std::int32_t mantissas[kQuantEntries];
-  float steps[kQuantEntries];
+  std::int32_t exponents[kMaxSubbands];
+  std::int32_t mantissas[kMaxSubbands];
+  float steps[kMaxSubbands];
 };
 
 /// The steps that a tile-component of a box is divided by: derived for the target, cut to what
@@ -58,10 +57,17 @@ void ClampExpMant(int numLevels, std::int32_t* exponents, std::int32_t* mantissa
 void ExpMantToSteps(const std::int32_t* exponents, const std::int32_t* mantissas, std::int32_t R,
                     LevelRange levels, float* steps);
 
+/// What a code stream says of its steps: a pair per subband, or in the derived style that of LL.
+struct SignalledSteps {
+  const std::int32_t* exponents;
+  const std::int32_t* mantissas;  ///< null: exponents alone, which count as mantissas of 0
+  bool isDerived;
+};
+
 /// The decoder's steps for a tile-component of numLevels levels, from what the code stream said.
 /// In the derived style only the pair of LL counts; a subband of level nb (1 the finest) then has
-/// the exponent of LL less numLevels plus nb. Exponents without mantissas count as mantissa 0.
-void MakeDecoderSteps(const KelQuantParams& quant, std::int32_t R, int numLevels, float* steps);
+/// the exponent of LL less numLevels plus nb.
+void MakeDecoderSteps(const SignalledSteps& said, std::int32_t R, int numLevels, float* steps);
 
 /// Most magnitude bit-planes that any subband can need with a number of guard bits.
 std::int32_t MaxBitPlanes(const std::int32_t* exponents, std::int32_t guardBits, int numLevels);

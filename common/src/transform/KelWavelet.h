@@ -25,6 +25,9 @@ enum class SubbandKind : std::uint8_t { kLL, kHL, kLH, kHH };
 constexpr int NumSubbands(int numLevels) {
   return 3 * numLevels + 1;
 }
+/// Most levels that a code stream can ask for, and the subbands of so many.
+inline constexpr int kMaxLevels = 32;
+inline constexpr int kMaxSubbands = NumSubbands(kMaxLevels);
 /// The kind of a subband, and the level it belongs to (with no level at all LL counts as 0).
 constexpr SubbandKind KindOfSubband(int subband) {
   return subband == 0 ? SubbandKind::kLL : static_cast<SubbandKind>((subband - 1) % 3 + 1);

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <utility>
 
-#include "format/KelHeaders.h"
 #include "kernels/KelKernels.h"
 #include "transform/KelWavelet.h"
 #include "transform/KelWaveletStrips.h"

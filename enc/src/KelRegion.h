@@ -11,7 +11,7 @@
 
 #include "base/KelBox.h"
 #include "base/KelMemFuncDefs.h"
-#include "encode/KelSourceReader.h"
+#include "kel/KelGeometry.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {
@@ -26,9 +26,11 @@ struct RegionSamples {
   bool IsThere() const { return !box.IsEmpty(); }
 };
 
-/// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as
-/// TileSource::Fetch, and 8.
-bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region);
+/// What a mask holds inside the region.
+inline constexpr std::uint8_t kInsideRegion = 127;
+
+/// A mask of a component's size with nothing inside. Raises 8.
+RegionSamples EmptyRegion(const KelTileGeometry& component);
 
 /// The mask as a component of another size or subsampling sees it: a sample is inside when any of
 /// the mask's samples in the area of the canvas that it stands for is. Raises 8.

@@ -4,7 +4,7 @@
 // A box is its length and its type (32 bits each) and its contents. Everything is gathered in an
 // output buffer; a box's length is filled in when its contents stand behind it. Relies on records
 // that FileRecordsAreWritable found in order.
-#include "format/KelFileFormatWrite.h"
+#include "encode/KelFileFormatWrite.h"
 
 #include <algorithm>
 

@@ -2,6 +2,7 @@
 #ifndef KEL_HEADERS_READ_H
 #define KEL_HEADERS_READ_H
 
+#include "KelDecDataMgr.h"
 #include "format/KelHeaders.h"
 
 namespace kel {

@@ -4,7 +4,7 @@
 // A segment is a marker and a 16-bit length that counts itself and the parameters, which must have
 // arrived whole. Its reader takes the fields one after another, and the next marker is looked for
 // right behind the last field taken; the length decides only what the layouts leave open.
-#include "format/KelHeadersRead.h"
+#include "decode/KelHeadersRead.h"
 
 #include <algorithm>
 #include <iterator>

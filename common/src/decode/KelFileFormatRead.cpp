@@ -4,12 +4,14 @@
 // After every box the reader stands on the box's first byte plus its length, or behind what was
 // read where a child reached further than its superbox; so it always moves forward. Nothing is
 // obtained for bytes that have not arrived.
+#include "decode/KelFileFormatRead.h"
+
 #include <algorithm>
 #include <array>
 #include <cfloat>
 
 #include "base/KelRaise.h"
-#include "format/KelFileFormatBoxes.h"
+#include "decode/KelFileFormatBoxes.h"
 
 namespace kel {
 namespace {

@@ -1,6 +1,6 @@
 // Taking the host's frame data: values out of range are brought into it, and missing arrays count
 // as not asked for.
-#include "decode/KelFrameRequest.h"
+#include "KelFrameRequest.h"
 
 #include <algorithm>
 

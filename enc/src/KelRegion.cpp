@@ -1,23 +1,14 @@
-// Fetching, fitting and applying the mask of the region of interest.
-#include "encode/KelRegion.h"
+// Fitting and applying the mask of the region of interest.
+#include "KelRegion.h"
 
 #include <algorithm>
 #include <cmath>
-#include <span>
 
 namespace kel {
 namespace {
 
-constexpr std::uint8_t kInside = 127;
-
 Box BoxOf(const KelTileGeometry& t) {
   return {t.X0, t.X1, t.Y0, t.Y1};
-}
-
-RegionSamples EmptyRegion(const KelTileGeometry& t) {
-  const Box box = BoxOf(t);
-  const std::uint64_t samples = SaturatingMul(AsCount(box.Width()), AsCount(box.Height()));
-  return {OwnedArray<std::uint8_t>::Make(samples), box, t.XRsiz, t.YRsiz};
 }
 
 /// The samples of the mask, along one axis, in the area that a component's sample stands for;
@@ -39,25 +30,10 @@ Cover CoverOf(std::int64_t sample, std::int64_t spacing, std::int64_t maskSpacin
 
 }  // namespace
 
-bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region) {
-  region = EmptyRegion(component);
-  if (region.box.IsEmpty()) return true;
-  FetchedSamples samples;
-  if (!source.Fetch(component.Component, samples)) return false;
-  // Read one row at a time; a sample of 0 is what the level shift makes the least integer.
-  const std::int64_t width = region.box.Width();
-  auto row = OwnedArray<std::int32_t>::Make(AsCount(width));
-  const auto zero = static_cast<std::int32_t>(-(std::int64_t{1} << (component.BitDepth - 1)));
-  std::uint8_t* out = region.bytes.Data();
-  for (std::int64_t y = 0; y < region.box.Height(); ++y) {
-    SampleSource line = samples.source;
-    line.samples += AsCount(y) * line.rowBytes;
-    PreparePlane(line, {row.Data(), row.Size()}, {width, 1}, false);
-    for (const std::int32_t level : std::span(row.Data(), row.Size())) {
-      *out++ = level != zero ? kInside : 0;
-    }
-  }
-  return true;
+RegionSamples EmptyRegion(const KelTileGeometry& t) {
+  const Box box = BoxOf(t);
+  const std::uint64_t samples = SaturatingMul(AsCount(box.Width()), AsCount(box.Height()));
+  return {OwnedArray<std::uint8_t>::Make(samples), box, t.XRsiz, t.YRsiz};
 }
 
 RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& component) {
@@ -74,7 +50,7 @@ RegionSamples FitRegion(const RegionSamples& region, const KelTileGeometry& comp
         isInside = isInside || std::any_of(line + columns.first, line + columns.end,
                                            [](std::uint8_t inside) { return inside != 0; });
       }
-      *out++ = isInside ? kInside : 0;
+      *out++ = isInside ? kInsideRegion : 0;
     }
   }
   return fitted;

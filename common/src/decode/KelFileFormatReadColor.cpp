@@ -6,7 +6,7 @@
 // room is obtained for what it counts.
 #include <algorithm>
 
-#include "format/KelFileFormatBoxes.h"
+#include "decode/KelFileFormatBoxes.h"
 
 namespace kel {
 namespace {

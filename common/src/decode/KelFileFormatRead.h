@@ -1,0 +1,23 @@
+// Reading the boxes of a file into the record of their findings.
+#ifndef KEL_FILE_FORMAT_READ_H
+#define KEL_FILE_FORMAT_READ_H
+
+#include <cstdint>
+
+#include "KelDecDataMgr.h"
+#include "format/KelFileFormat.h"
+
+namespace kel {
+
+/// Bytes that the window of a stream must be able to hold for the box readers.
+inline constexpr std::uint32_t kBoxWindowBytes = 65535;
+
+/// Reads boxes in the layout of the data's flavour and leaves the reader on the first byte of the
+/// code stream. Where the data may not be walked, or the code-stream box extends to their end, that
+/// box is the last one read. Returns 23 at the end of the boxes (info.codeStreamFound tells whether
+/// there was a code stream), else 21, 22, 25 or 26; raises 8 in the name of the layout's module.
+KelLong ReadBoxes(KelFileInfo& info, KelDecDataMgr& data);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,152 @@
+// The main header's records, filled from options and geometry, and its writing.
+//
+// The options must have passed the encoder's checks: nothing is checked here.
+#include "encode/KelMainHeader.h"
+
+#include <algorithm>
+
+#include "base/KelRaise.h"
+#include "encode/KelMainStream.h"
+#include "format/KelHeadersWrite.h"
+#include "transform/KelQuant.h"
+
+namespace kel {
+namespace {
+
+/// Most bytes of a comment: what Lcom can count, less itself and Rcom.
+constexpr std::uint32_t kMostCommentBytes = 65531;
+
+/// The records of a main header, filled from options and geometry. The set's pointers lead into
+/// the owners beside it.
+struct MainHeader {
+  KelHeaderParams set{};
+  KelCodingStyle style{};
+  KelQuantParams quant{};
+  KelSizParams sizes{};
+  std::int32_t exponents[kQuantEntries] = {};
+  std::int32_t mantissas[kQuantEntries] = {};
+  OwnedArray<std::uint8_t> samplings;  ///< across, then down
+  OwnedArray<std::uint8_t> bitDepths, isSigned;
+  OwnedArray<KelCodingStyle> componentStyles;
+  OwnedArray<KelQuantParams> componentQuants;
+};
+
+void FillSizes(const KelEncOpt& o, MainHeader& h) {
+  const KelImageGeometry& g = *o.GeomParams;
+  const std::size_t count = static_cast<std::size_t>(h.set.Csiz);
+  h.samplings = OwnedArray<std::uint8_t>::Make(2 * std::uint64_t{count});
+  h.bitDepths = OwnedArray<std::uint8_t>::Make(count);
+  h.isSigned = OwnedArray<std::uint8_t>::Make(count);
+  h.set.sizes = &h.sizes;
+  h.set.bitDepths = h.bitDepths.Data();
+  h.set.isSigned = h.isSigned.Data();
+  h.sizes.Xsiz = static_cast<std::uint32_t>(g.Xsiz);
+  h.sizes.Ysiz = static_cast<std::uint32_t>(g.Ysiz);
+  h.sizes.XTsiz = static_cast<std::uint32_t>(g.XTsiz);
+  h.sizes.YTsiz = static_cast<std::uint32_t>(g.YTsiz);
+  h.sizes.XRsiz = h.samplings.Data();
+  h.sizes.YRsiz = h.samplings.Data() + count;
+  std::fill_n(h.bitDepths.Data(), count, static_cast<std::uint8_t>(AnnouncedDepth(o)));
+  std::size_t index = 0;
+  for (KelLong c = 0; c < g.Csiz; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    h.sizes.XRsiz[index] = static_cast<std::uint8_t>(g.XRsiz[c]);
+    h.sizes.YRsiz[index++] = static_cast<std::uint8_t>(g.YRsiz[c]);
+  }
+}
+
+void FillCodingStyle(const KelEncOpt& o, MainHeader& h) {
+  h.set.codingStyle = &h.style;
+  h.set.seenCOD = 1;
+  h.set.usesEPH = o.UseEPH ? 1 : 0;
+  h.set.usesSOP = o.UseSOP ? 1 : 0;
+  h.set.numLevels = o.NumLevels;
+  h.set.progressionOrder = o.ProgressionOrder;
+  h.set.numLayers = o.NumLayers;
+  h.set.componentTransform = o.ComponentTransform && o.NumColorChannels >= 3 ? 1 : 0;
+  h.set.irreversible = o.Irreversible != 0 ? 1 : 0;
+  h.style.cbBypass = o.CbBypass ? 1 : 0;
+  h.style.cbReset = o.CbReset ? 1 : 0;
+  h.style.cbTermAll = o.CbTermAll ? 1 : 0;
+  h.style.cbVertCausal = o.CbVertCausal ? 1 : 0;
+  h.style.cbPredTerm = o.CbPredTerm ? 1 : 0;
+  h.style.cbSegSymbols = o.CbSegSymbols ? 1 : 0;
+  h.style.defaultPrecinctWidthExp = o.PrecinctWidthExp;
+  h.style.defaultPrecinctHeightExp = o.PrecinctHeightExp;
+  h.style.blockWidthExp = o.CodeBlockWidthExp;
+  h.style.blockHeightExp = o.CodeBlockHeightExp;
+}
+
+void FillQuantisation(const KelEncOpt& o, MainHeader& h) {
+  // Steps of 1 have the nominal ranges for exponents and no mantissas, as reversible coding has.
+  StepsToExpMant(nullptr, AnnouncedDepth(o), {0, o.NumLevels}, true, h.exponents, h.mantissas);
+  h.set.quantisation = &h.quant;
+  h.set.seenQCD = 1;
+  h.quant.quantised = o.Irreversible != 0 ? 1 : 0;
+  h.quant.guardBits = GuardBits(AnnouncedDepth(o));
+  h.quant.exponents = h.exponents;
+  h.quant.mantissas = h.mantissas;
+  h.quant.numLevels = o.NumLevels;
+}
+
+/// Segments of the extra channels' own: reversible, without precincts.
+void FillExtraChannels(const KelEncOpt& o, MainHeader& h) {
+  const KelLong firstExtra = StreamIndex(o, o.NumColorChannels);
+  const std::uint64_t count = AsCount(h.set.Csiz - firstExtra);
+  if (count == 0) return;
+  h.componentStyles = OwnedArray<KelCodingStyle>::Make(count);
+  h.componentQuants = OwnedArray<KelQuantParams>::Make(count);
+  h.set.seenCOC = h.set.seenQCC = 1;
+  h.set.componentStyles = h.componentStyles.Data();
+  h.set.componentQuants = h.componentQuants.Data();
+  h.set.numComponentStyles = h.set.numComponentQuants = static_cast<std::uint32_t>(count);
+  std::size_t i = 0;
+  for (KelLong c = o.NumColorChannels; c < o.GeomParams->Csiz; ++c) {
+    if (!IsInMainStream(o, c)) continue;
+    KelCodingStyle& style = h.componentStyles[i];
+    style = h.style;
+    style.component = firstExtra + static_cast<KelLong>(i);
+    style.numLevels = o.NumLevels;
+    style.defaultPrecinctWidthExp = style.defaultPrecinctHeightExp = kWholePrecinct;
+    KelQuantParams& quant = h.componentQuants[i];
+    quant = h.quant;
+    quant.component = style.component;
+    quant.quantised = 0;
+    quant.guardBits = GuardBits(o.GeomParams->BitDepths[c]);
+    ++i;
+  }
+}
+
+void FillComment(const KelEncOpt& o, MainHeader& h) {
+  const KelComment* comment = o.Comment;
+  if (comment == nullptr || comment->data == nullptr || comment->length == 0) return;
+  h.set.seenCOM = 1;
+  h.set.comment = const_cast<std::uint8_t*>(comment->data);  // only read
+  h.set.commentLength =
+      static_cast<std::uint16_t>(std::min<KelULong>(comment->length, kMostCommentBytes));
+}
+
+/// The main header's bytes. Raises 8.
+KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
+  MainHeader header;
+  header.set.inMainHeader = 1;
+  header.set.Csiz = NumInMainStream(options);
+  FillSizes(options, header);
+  FillCodingStyle(options, header);
+  FillQuantisation(options, header);
+  FillExtraChannels(options, header);
+  FillComment(options, header);
+  KelOutBuffer out = KelOutBuffer::Make(kHeaderBufferBytes);
+  WriteHeader(header.set, out);
+  return out;
+}
+
+}  // namespace
+
+std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream) {
+  const KelOutBuffer out = NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options); });
+  stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
+  return out.count;
+}
+
+}  // namespace kel
