@@ -65,7 +65,7 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
   host::Rotate(image, options.rotate);
   if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix);
   if (!task.output.empty()) {
-    OutputFile output(task.output);
+    OutputFile output(task.output, task.onExisting);
     WriteImage(image, format, output);
   }
   return WarnOfMissing(task.input, report);
@@ -76,8 +76,10 @@ int RunDecode(const DecodeOptions& options) {
   if (!options.rawPrefix.empty() && !options.files.outputDir.empty()) {
     throw UsageError("--raw-planes is for one file");
   }
-  const TaskSettings settings{"." + options.format, !options.rawPrefix.empty(),
-                              "; --max-memory SIZE raises the limit"};
+  const TaskSettings settings{.ending = "." + options.format,
+                              .outputOptional = !options.rawPrefix.empty(),
+                              .memoryAdvice = "; --max-memory SIZE raises the limit",
+                              .isInput = IsEncodedName};
   return RunTasks(options.files, settings,
                   [&](const Task& task) { return DecodeTask(options, task); });
 }
@@ -107,7 +109,9 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       ->check(CLI::Range(1, 32));
   command
       .add_option("--raw-planes", options->rawPrefix,
-                  "write bare samples to PREFIX.cN.raw, described in PREFIX.json")
+                  "write bare samples to PREFIX.cN.raw, described in PREFIX.json\n"
+                  "Samples lie row by row without padding: one byte each up to 8 bits, two bytes, "
+                  "least significant first, up to 16, four above. OUT can be left out then.")
       ->type_name("PREFIX");
   command
       .add_option("--format", options->format, "format for --output-dir and for standard output")
@@ -116,10 +120,13 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       ->check(CLI::IsMember({"png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg"}));
   command
       .add_option("--max-memory", options->maxMemory,
-                  "refuse images that need more; 0: never [half of the machine's memory]")
+                  "refuse images that need more; 0: never [half of the machine's memory]\n"
+                  "Units are K, M and G (of 1024).")
       ->type_name("SIZE")
       ->transform(CLI::AsSizeValue(false));
-  command.add_flag("--strict", options->strict, "treat incomplete data as an error");
+  command.add_flag("--strict", options->strict,
+                   "treat incomplete data as an error\n"
+                   "Without it, what is there is decoded and written.");
   command.footer(
       "Examples:\n"
       "  kel decode photo.kel photo.png\n"

@@ -74,22 +74,26 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
   params.regionMask = mask == nullptr ? nullptr : &mask->planes[0];
   params.threads = task.threads;
   params.progress = task.progress;
-  OutputFile output(task.output);
+  OutputFile output(task.output, task.onExisting);
   const auto start = std::chrono::steady_clock::now();
   const host::EncodeReport report = host::Encode(image, params, output);
-  if (task.verbose || task.progress) {
+  if (task.announce) {
     PrintMessage(task.output + ": " + Summary(image, report) + ", " + Speed(image, start));
   }
   return kDone;
 }
 
-int RunEncode(const EncodeOptions& options) {
+int RunEncode(EncodeOptions& options) {
   const host::Session session(2 * HalfOfMemory());
   std::unique_ptr<host::Image> mask;
   if (!options.coding.mask.empty()) {
+    options.files.otherInputs = {options.coding.mask};
     mask = std::make_unique<host::Image>(ReadMask(options.coding.mask));
   }
-  return RunTasks(options.files, {".kel", false, {}},
+  const TaskSettings settings{.ending = ".kel", .isInput = [](const std::string& name) {
+                                return FormatOfName(name).has_value();
+                              }};
+  return RunTasks(options.files, settings,
                   [&](const Task& task) { return EncodeTask(options, mask.get(), task); });
 }
 
@@ -102,7 +106,10 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
       ->type_name("N")
       ->check(CLI::Range(1, 100))
       ->excludes(lossless);
-  command.add_option("--tile", options.tile, "size of tiles [one up to 2048x2048, else 1024x1024]")
+  command
+      .add_option("--tile", options.tile,
+                  "size of tiles [one up to 2048x2048, else 1024x1024]\n"
+                  "Tiles are what threads can work on side by side.")
       ->type_name("WxH")
       ->check(CheckTile);
   command.add_option("--levels", options.levels, "wavelet decompositions")
@@ -149,18 +156,28 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   CLI::App& command = *app.add_subcommand("encode", "turn image files into Kel files");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
-  command.add_option("--size", options->size, "best quality whose file has at most BYTES")
+  command
+      .add_option("--size", options->size,
+                  "best quality whose file has at most BYTES\n"
+                  "It is found by encoding several times. Units are K, M and G (of 1024).")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::PositiveNumber)
       ->excludes("--lossless")
       ->excludes("--quality");
-  command.add_option("--order", options->order, "rlcp: coarse to fine; cprl: by component")
+  command
+      .add_option("--order", options->order,
+                  "rlcp: coarse to fine; cprl: by component\n"
+                  "Data are ordered from coarse to fine over the whole tile, or component after "
+                  "component.")
       ->capture_default_str()
       ->type_name("ORDER")
       ->check(CLI::IsMember({"rlcp", "cprl"}, CLI::ignore_case))
       ->transform(CLI::IsMember({"rlcp", "cprl"}, CLI::ignore_case));
-  command.add_option("--layers", options->layers, "layers, each of which repeats the data")
+  command
+      .add_option("--layers", options->layers,
+                  "layers, each of which repeats the data\n"
+                  "They make files larger, not better.")
       ->capture_default_str()
       ->type_name("N")
       ->check(CLI::Range(1, 65535));

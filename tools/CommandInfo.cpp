@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "Commands.hpp"
+#include "Console.hpp"
 #include "Files.hpp"
 
 namespace kel::tool {
@@ -332,24 +333,29 @@ Json InfoJson(const std::string& name, const Info& info) {
 int RunInfo(const std::vector<std::string>& files, bool asJson) {
   const host::Session session(2 * HalfOfMemory());
   Json all = Json::array();
+  int code = kDone;
   for (const std::string& file : files) {
-    const host::Bytes bytes = ReadInput(file);
-    host::MemorySource source(bytes);
-    Info info;
     try {
-      info = host::Probe(source);
+      const host::Bytes bytes = ReadInput(file);
+      host::MemorySource source(bytes);
+      const Info info = host::Probe(source);
+      if (asJson) {
+        all.push_back(InfoJson(NameOf(file), info));
+      } else {
+        PrintInfo(NameOf(file), info);
+      }
     } catch (const host::Error& error) {
-      throw host::Error(error.Kind(), NameOf(file), Describe(error));
-    }
-    if (asJson) {
-      all.push_back(InfoJson(NameOf(file), info));
-    } else {
-      PrintInfo(NameOf(file), info);
+      std::cout.flush();
+      PrintMessage((error.File().empty() ? NameOf(file) + ": " : "") + Describe(error));
+      code = WorseOf(code, ExitCodeOf(error));
+      if (asJson) all.push_back({{"file", NameOf(file)}, {"error", Describe(error)}});
     }
   }
   const auto replace = Json::error_handler_t::replace;
-  if (asJson) std::cout << (files.size() == 1 ? all[0] : all).dump(2, ' ', false, replace) << '\n';
-  return kDone;
+  if (asJson && (files.size() > 1 || code == kDone)) {
+    std::cout << (files.size() == 1 ? all[0] : all).dump(2, ' ', false, replace) << '\n';
+  }
+  return code;
 }
 
 }  // namespace
@@ -364,7 +370,12 @@ void AddInfoCommand(CLI::App& app, Run& run) {
   command.add_option("files", options->files, "files; - is standard input")
       ->required()
       ->type_name("FILE");
-  command.add_flag("--json", options->json, "for programs: an object, or an array for many files");
+  command.add_flag(
+      "--json", options->json,
+      "for programs: an object, or an array for many files\n"
+      "A component has box_depth and box_signed when the boxes of the file describe its "
+      "samples otherwise than the code stream does. The latter counts, here and in "
+      "decode. A file that cannot be read has an error in the array.");
   command.footer(
       "Examples:\n"
       "  kel info photo.kel\n"

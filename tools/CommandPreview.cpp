@@ -70,7 +70,7 @@ int PreviewTask(const PreviewOptions& options, const Task& task) {
     PrintMessage(NameOf(task.input) + ": preview of " + std::to_string(preview.width) + " x " +
                  std::to_string(preview.height) + ", " + Speed(preview, start));
   }
-  OutputFile output(task.output);
+  OutputFile output(task.output, task.onExisting);
   WriteImage(preview, name, output);
   return WarnOfMissing(task.input, report);
 }
@@ -90,7 +90,11 @@ void AddPreviewCommand(CLI::App& app, Run& run) {
   command.callback([options, &run] {
     run = [options] {
       const host::Session session(2 * HalfOfMemory());
-      return RunTasks(options->files, {".png", false, {}},
+      if (!options->coding.mask.empty()) options->files.otherInputs = {options->coding.mask};
+      const TaskSettings settings{.ending = ".png", .isInput = [](const std::string& name) {
+                                    return IsEncodedName(name) || FormatOfName(name).has_value();
+                                  }};
+      return RunTasks(options->files, settings,
                       [&](const Task& task) { return PreviewTask(*options, task); });
     };
   });

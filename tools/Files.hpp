@@ -8,8 +8,11 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "OutputFile.hpp"
 
 namespace CLI {
 class App;
@@ -31,6 +34,9 @@ enum ExitCode : int {
   kMemoryLimit = 5
 };
 
+/// The worse of two ways to end: what was lost altogether before what is incomplete.
+int WorseOf(int a, int b);
+
 /// A command line that contradicts itself; ends with exit code 1.
 class UsageError : public std::runtime_error {
  public:
@@ -39,37 +45,60 @@ class UsageError : public std::runtime_error {
 
 /// Options that every command on files has.
 struct FileOptions {
-  std::vector<std::string> files;  ///< IN OUT, or any number of INs with a folder
+  std::vector<std::string> files;  ///< IN OUT, IN... DIR, or INs with a folder or an output named
+  std::string output;              ///< of a single input
   std::string outputDir;
+  std::string filesFrom;                 ///< a file that lists further inputs
+  std::vector<std::string> otherInputs;  ///< read beside each of the files
+  bool recursive = false;
+  bool overwrite = false, noOverwrite = false, skipExisting = false;
+  std::string report;  ///< a file that gets a line of JSON for each input
   unsigned jobs = 0;
+  std::string progress = "auto";
   bool quiet = false;
   bool verbose = false;
 };
 void AddFileOptions(CLI::App& command, FileOptions& options);
 
+/// What work tells of itself beyond its exit code.
+struct TaskNotes {
+  std::optional<double> psnr;  ///< of the output against the input, where it was measured
+  std::vector<std::string> warnings;
+};
+
 /// One file to work on.
 struct Task {
   std::string input, output;  ///< output is empty when the command needs none
+  OnExisting onExisting = OnExisting::kReplace;
   unsigned threads = 1;
-  host::Progress progress;
-  bool verbose = false;  ///< tell what was done
+  host::Progress progress;  ///< empty when nobody looks
+  bool verbose = false;     ///< tell what was done
+  bool announce = false;    ///< tell the result
+  TaskNotes* notes = nullptr;
+
+  /// Prints a warning about the input and notes it for the report.
+  void Warn(const std::string& text) const;
 };
 
 /// What is left to vary in RunTasks.
 struct TaskSettings {
-  std::string ending;           ///< of output files in a folder, ".kel"
-  bool outputOptional = false;  ///< IN alone is allowed
-  std::string memoryAdvice;     ///< appended to messages about the memory limit
+  std::string ending = {};        ///< of output files in a folder, ".kel"
+  bool outputOptional = false;    ///< IN alone is allowed
+  std::string memoryAdvice = {};  ///< appended to messages about the memory limit
+  /// Whether a file found in a folder is an input, by its name.
+  std::function<bool(const std::string&)> isInput = [](const std::string&) { return true; };
 };
 
 /// Runs work on the files: one file on all threads, or several side by side on one thread each.
-/// Failures are printed, at the end when there are several files, and the rest is done. work
-/// returns an exit code; so does RunTasks: the first failure's.
+/// Failures are told as they happen, and the rest is done. work returns an exit code; so does
+/// RunTasks: the worst.
 int RunTasks(const FileOptions& options, const TaskSettings& settings,
              const std::function<int(const Task&)>& work);
 
 /// Everything of a file; "-" is standard input. Throws Error (kInput).
 host::Bytes ReadInput(const std::string& path);
+/// Whether a name is one that Kel files and code streams have: .kel in any case.
+bool IsEncodedName(const std::string& name);
 /// The name of a file for messages.
 std::string NameOf(const std::string& path);
 

@@ -13,6 +13,8 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <utility>
 
 namespace kel::tool {
@@ -59,12 +61,25 @@ void OnSignal(int signal) {
   raise(signal);
 }
 
-/// The file that a path leads to, links followed, also when it does not exist yet.
+constexpr int kMostLinks = 40;  // as the system has it
+
+/// The file that a path leads to, links followed, also when it does not exist yet: a link may
+/// lead to a file that is still to be made.
 std::string Resolve(const std::string& path) {
+  namespace fs = std::filesystem;
   std::error_code error;
-  const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, error);
-  return error ? path : resolved.string();
+  fs::path target = path;
+  for (int i = 0; i < kMostLinks && fs::is_symlink(fs::symlink_status(target, error)); ++i) {
+    target = target.parent_path() / fs::read_symlink(target, error);
+  }
+  const fs::path resolved = fs::weakly_canonical(target, error);
+  return error ? target.string() : resolved.string();
 }
+
+/// A file, whatever its names.
+using FileId = std::pair<dev_t, ino_t>;
+std::set<FileId> protectedFiles;
+std::mutex protectedMutex;
 
 std::atomic<unsigned> temporaryCount{0};
 
@@ -81,17 +96,39 @@ std::string TemporaryName(const std::string& target) {
 
 }  // namespace
 
-OutputFile::OutputFile(const std::string& path) : path_(path) {
+void ProtectFiles(const std::vector<std::string>& paths) {
+  std::set<FileId> files;
+  for (const std::string& path : paths) {
+    struct stat status {};
+    const int result =
+        path == kStandardStream ? fstat(STDIN_FILENO, &status) : stat(path.c_str(), &status);
+    if (result == 0 && S_ISREG(status.st_mode)) files.emplace(status.st_dev, status.st_ino);
+  }
+  const std::lock_guard lock(protectedMutex);
+  protectedFiles.swap(files);
+}
+
+bool IsProtected(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return false;
+  const std::lock_guard lock(protectedMutex);
+  return protectedFiles.contains({status.st_dev, status.st_ino});
+}
+
+OutputFile::OutputFile(const std::string& path, OnExisting onExisting)
+    : path_(path), onExisting_(onExisting) {
   if (path == kStandardStream) return;
   target_ = Resolve(path);
   struct stat existing {};
   const bool exists = stat(target_.c_str(), &existing) == 0;
+  if (exists && IsProtected(target_)) Fail("is one of the inputs, and stays as it is");
   if (exists && S_ISDIR(existing.st_mode)) Fail("is a directory");
   if (exists && !S_ISREG(existing.st_mode)) {
     file_ = std::fopen(target_.c_str(), "wb");
     if (file_ == nullptr) Fail(std::string("cannot be opened: ") + std::strerror(errno));
     return;
   }
+  if (exists && onExisting == OnExisting::kKeep) Fail("exists already");
   if (exists && access(target_.c_str(), W_OK) != 0) {
     Fail(std::string("cannot be replaced: ") + std::strerror(errno));
   }
@@ -151,6 +188,21 @@ void OutputFile::Close() {
   if (!closed) Fail(std::string("cannot be written: ") + std::strerror(errno));
 }
 
+void OutputFile::PutInPlace() {
+  // A second name for the file fails where the name is taken; renaming would replace.
+  const bool keep = onExisting_ == OnExisting::kKeep;
+  if (keep && link(temporary_.c_str(), target_.c_str()) == 0) {
+    unlink(temporary_.c_str());
+    return;
+  }
+  if (keep && errno == EEXIST) Fail("exists already");
+  // Where a file system has no second names, there is no way but to look and then rename.
+  if (keep && access(target_.c_str(), F_OK) == 0) Fail("exists already");
+  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
+    Fail(std::string("cannot be put in place: ") + std::strerror(errno));
+  }
+}
+
 void OutputFile::Finish() {
   if (path_ == kStandardStream) {
     const bool written = std::fwrite(held_.data(), 1, held_.size(), stdout) == held_.size();
@@ -162,9 +214,7 @@ void OutputFile::Finish() {
   }
   Close();
   if (temporary_.empty()) return;
-  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
-    Fail(std::string("cannot be put in place: ") + std::strerror(errno));
-  }
+  PutInPlace();
   temporary_.clear();
   ForgetName(slot_);
   slot_ = -1;
@@ -174,7 +224,7 @@ void RemoveOutputWhenInterrupted() {
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU, SIGXFSZ}) {
     struct sigaction current {};
     sigaction(signal, nullptr, &current);
     if (current.sa_handler != SIG_IGN) sigaction(signal, &action, nullptr);

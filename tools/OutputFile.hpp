@@ -7,17 +7,28 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace kel::tool {
 
 /// The name that stands for standard input and output.
 inline const std::string kStandardStream = "-";
 
+/// What becomes of a file that has the output's name already.
+enum class OnExisting { kReplace, kKeep };
+
+/// From now on no output will replace these files, whatever names they are called by; for the
+/// inputs. Those that do not exist are passed over. "-" is what standard input is read from.
+void ProtectFiles(const std::vector<std::string>& paths);
+/// Whether a path leads to a protected file.
+bool IsProtected(const std::string& path);
+
 class OutputFile : public host::Sink {
  public:
   /// "-" is standard output, which is written to in Finish only. A device or pipe is written to
-  /// directly. Throws Error (kOutput), as do all operations.
-  explicit OutputFile(const std::string& path);
+  /// directly. Throws Error (kOutput), as do all operations; also for a protected file, and with
+  /// kKeep for one that exists, be it that it appeared while the output was written.
+  explicit OutputFile(const std::string& path, OnExisting onExisting = OnExisting::kReplace);
   /// Removes what was written unless Finish has been called.
   ~OutputFile() override;
   OutputFile(const OutputFile&) = delete;
@@ -32,13 +43,15 @@ class OutputFile : public host::Sink {
 
  private:
   void OpenBeside();
+  void PutInPlace();
   void Discard();
   [[noreturn]] void Fail(const std::string& what) const;
 
   std::string path_;       ///< as given, for messages
   std::string target_;     ///< with links followed
   std::string temporary_;  ///< empty when written to directly
-  int slot_ = -1;          ///< where the temporary name is noted for an interruption
+  OnExisting onExisting_;
+  int slot_ = -1;  ///< where the temporary name is noted for an interruption
   std::FILE* file_ = nullptr;
   host::Bytes held_;  ///< for standard output
 };

@@ -1,0 +1,65 @@
+// Declaring the command line, and the layout of --help.
+#include "CommandLine.hpp"
+
+#include <kel/KelMemory.h>
+
+namespace kel::tool {
+namespace {
+
+/// Options with their argument, default and the first line of their description, without the lists
+/// that are derived from checks.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(26); }
+  std::string make_usage(const CLI::App* app, std::string) const override {
+    const std::string name = app->get_name();
+    if (app->get_parent() == nullptr) return "Usage: kel COMMAND [OPTIONS] FILE...\n";
+    if (name == "info") return "\nUsage: kel info [OPTIONS] FILE...\n";
+    if (name == "compare") return "\nUsage: kel compare [OPTIONS] A B\n";
+    return "\nUsage: kel " + name + " [OPTIONS] IN OUT\n       kel " + name +
+           " [OPTIONS] IN... DIR\n";
+  }
+  std::string make_positionals(const CLI::App*) const override { return {}; }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    const std::string text = option->get_description();
+    return text.substr(0, text.find('\n'));
+  }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    if (option->get_type_size() == 0) return {};
+    const std::string type = option->get_type_name();
+    const std::string preset = option->get_default_str();
+    return " " + type.substr(0, type.find(':')) + (preset.empty() ? "" : " [" + preset + "]");
+  }
+};
+
+std::string FailureMessage(const CLI::App*, const CLI::Error& error) {
+  const bool noFiles = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+  return std::string("kel: ") + (noFiles ? "files are missing" : error.what()) +
+         "; --help tells what is possible\n";
+}
+
+}  // namespace
+
+void DeclareCommandLine(CLI::App& app, Run& run) {
+  app.name("kel");
+  app.description("Encodes and decodes images with the Kel wavelet codec.");
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.failure_message(FailureMessage);
+  AddEncodeCommand(app, run);
+  AddDecodeCommand(app, run);
+  AddInfoCommand(app, run);
+  AddPreviewCommand(app, run);
+  AddCompareCommand(app, run);
+  app.require_subcommand(1);
+  app.set_version_flag(
+      "--version", std::string("kel ") + KelLibVersion() + ", library built " + KelLibBuildDate());
+  app.footer(
+      "Examples:\n"
+      "  kel encode photo.png photo.kel       a photo into a small file\n"
+      "  kel decode photo.kel back.png        and back\n"
+      "  kel compare photo.png back.png       how far it is from the original\n"
+      "  kel info photo.kel                   what is in the file\n"
+      "kel COMMAND --help tells the options of a command.\n");
+}
+
+}  // namespace kel::tool
