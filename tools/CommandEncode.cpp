@@ -40,13 +40,21 @@ std::string CheckTile(const std::string& text) {
 }
 
 /// Lossy coding of indices would mix up colours; some palettes the format does not hold.
-void SettlePalette(host::Image& image, bool lossless) {
-  if (!image.palette) return;
-  const bool held = lossless && image.palette->columns[0].entries.size() <= kMostPaletteEntries &&
-                    std::ranges::all_of(image.palette->columns, [](const auto& column) {
-                      return column.role == host::ChannelRole::kColour;
-                    });
-  if (!held) host::ExpandPalette(image);
+bool KeepsPalette(const host::Image& image, bool lossless) {
+  return lossless && image.palette->columns[0].entries.size() <= kMostPaletteEntries &&
+         std::ranges::all_of(image.palette->columns, [](const auto& column) {
+           return column.role == host::ChannelRole::kColour;
+         });
+}
+
+/// The rows to be encoded: the file's, or those of its image with the palette looked up.
+std::unique_ptr<host::RowSource> OpenRows(host::BufferedSource& source, bool lossless) {
+  auto rows = OpenImage(source);
+  const host::Image& description = rows->Description();
+  if (!description.palette || KeepsPalette(description, lossless)) return rows;
+  host::Image image = host::ReadImage(*rows);
+  host::ExpandPalette(image);
+  return std::make_unique<host::ImageRowSource>(std::move(image));
 }
 
 std::string Summary(const host::Image& image, const host::EncodeReport& report) {
@@ -61,8 +69,10 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
   if (FormatOfName(task.output)) {
     throw UsageError(task.output + ": a Kel file under the name of an image; let it end in .kel");
   }
-  host::Image image = ReadImage(ReadInput(task.input));
-  SettlePalette(image, options.coding.lossless);
+  const auto input = OpenInput(task.input);
+  host::BufferedSource source(*input);
+  const auto rows = OpenRows(source, options.coding.lossless);
+  host::Image& image = rows->Description();
   if (!options.comment.empty()) image.comment = options.comment;
   if (options.resolution > 0) image.resolution = {options.resolution, options.resolution};
 
@@ -76,7 +86,7 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
   params.progress = task.progress;
   OutputFile output(task.output, task.onExisting);
   const auto start = std::chrono::steady_clock::now();
-  const host::EncodeReport report = host::Encode(image, params, output);
+  const host::EncodeReport report = host::Encode(*rows, params, output);
   if (task.announce) {
     PrintMessage(task.output + ": " + Summary(image, report) + ", " + Speed(image, start));
   }
@@ -191,7 +201,12 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
       "  kel encode --lossless scan.tif scan.kel         every sample exactly\n"
       "  kel encode --size 500K photo.jpg photo.kel      the best in 500 KiB\n"
       "  kel encode -q 80 --output-dir out *.png         many files side by side\n"
-      "A dash stands for standard input and output.\n"
+      "A dash stands for standard input and output. A picture is read as it is coded, a row of "
+      "tiles\n"
+      "at a time; held whole in memory are pictures with --size or a palette to be looked up,\n"
+      "interlaced or odd-depth PNG, PNG with metadata at its end, TIFF from a pipe or in one "
+      "strip\n"
+      "per channel, and progressive JPEG. Metadata at the end of a PNG from a pipe are left out.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 4 output not written, 5 memory limit\n");
   command.callback([options, &run] { run = [options] { return RunEncode(*options); }; });
 }

@@ -19,11 +19,14 @@ int WorseOf(int a, int b) {
   return badness(a) < badness(b) ? b : a;
 }
 
+std::unique_ptr<host::Source> OpenInput(const std::string& path) {
+  if (path == kStandardStream) return std::make_unique<host::FileSource>(stdin, NameOf(path));
+  return std::make_unique<host::FileSource>(path);
+}
+
 host::Bytes ReadInput(const std::string& path) {
-  host::FileSource source =
-      path == kStandardStream ? host::FileSource(stdin, NameOf(path)) : host::FileSource(path);
   host::Bytes bytes;
-  host::ReadAll(source, bytes);
+  host::ReadAll(*OpenInput(path), bytes);
   return bytes;
 }
 

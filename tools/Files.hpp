@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -95,6 +96,8 @@ struct TaskSettings {
 int RunTasks(const FileOptions& options, const TaskSettings& settings,
              const std::function<int(const Task&)>& work);
 
+/// A file to read; "-" is standard input. Throws Error (kInput).
+std::unique_ptr<host::Source> OpenInput(const std::string& path);
 /// Everything of a file; "-" is standard input. Throws Error (kInput).
 host::Bytes ReadInput(const std::string& path);
 /// Whether a name is one that Kel files and code streams have: .kel in any case.

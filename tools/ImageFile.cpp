@@ -32,6 +32,8 @@ constexpr std::array<std::pair<std::string_view, ImageFormat>, 10> kEndings = {{
     {".jpeg", ImageFormat::kJpeg},
 }};
 
+constexpr std::size_t kMagicBytes = 16;
+
 std::string EndingOf(const std::string& name) {
   const std::size_t dot = name.rfind('.');
   if (dot == std::string::npos) return {};
@@ -73,48 +75,66 @@ std::optional<ImageFormat> FormatOfName(const std::string& name) {
   return found == kEndings.end() ? std::nullopt : std::optional(found->second);
 }
 
-Image ReadImage(host::ByteView bytes) {
-  const std::optional<ImageFormat> format = RecogniseImage(bytes);
-  if (bytes.empty()) throw Error(Failure::kInput, "the file is empty");
+std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source) {
+  const host::ByteView first = source.Peek(kMagicBytes);
+  if (first.empty()) throw Error(Failure::kInput, "the file is empty");
+  const std::optional<ImageFormat> format = RecogniseImage(first);
   if (!format) throw Error(Failure::kInput, "not a PNG, PNM, TIFF or JPEG image");
   switch (*format) {
     case ImageFormat::kPng:
-      return ReadPng(bytes);
+      return OpenPng(source);
     case ImageFormat::kTiff:
-      return ReadTiff(bytes);
+      return OpenTiff(source);
     case ImageFormat::kJpeg:
-      return ReadJpeg(bytes);
+      return OpenJpeg(source);
+    default:
+      return host::OpenPnm(source);
+  }
+}
+
+std::unique_ptr<host::RowSink> MakeImageFile(const std::string& name, host::Sink& sink) {
+  switch (FormatOfName(name).value()) {
+    case ImageFormat::kPng:
+      return MakePng(sink);
+    case ImageFormat::kTiff:
+      return MakeTiff(sink);
+    case ImageFormat::kJpeg:
+      return MakeJpeg(sink);
     default:
       break;
   }
-  host::MemorySource source(bytes);
-  return host::ReadPnm(source);
+  const std::string ending = EndingOf(name);
+  return host::MakePnm(sink, ending == ".pbm"   ? PnmKind::kPbm
+                             : ending == ".pam" ? PnmKind::kPam
+                                                : PnmKind::kPlainest);
+}
+
+bool KeepsPalette(const std::string& name, const Image& description) {
+  const ImageFormat format = FormatOfName(name).value();
+  const bool has = format == ImageFormat::kPng || format == ImageFormat::kTiff;
+  return has && HasSmallPalette(description);
+}
+
+Image ReadImage(host::ByteView bytes) {
+  host::MemorySource memory(bytes);
+  host::BufferedSource source(memory);
+  return host::ReadImage(*OpenImage(source));
 }
 
 void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {
-  const ImageFormat format = FormatOfName(name).value();
-  Image ordinary = image;
-  const bool keepsPalette = format == ImageFormat::kPng || format == ImageFormat::kTiff;
-  if (!keepsPalette || !HasSmallPalette(image)) host::MakeOrdinary(ordinary);
-  const std::string ending = EndingOf(name);
-  const PnmKind kind = ending == ".pbm"   ? PnmKind::kPbm
-                       : ending == ".pam" ? PnmKind::kPam
-                                          : PnmKind::kPlainest;
-  switch (format) {
-    case ImageFormat::kPng:
-      WritePng(ordinary, sink);
-      break;
-    case ImageFormat::kTiff:
-      WriteTiff(ordinary, sink);
-      break;
-    case ImageFormat::kJpeg:
-      WriteJpeg(ordinary, sink);
-      break;
-    case ImageFormat::kPnm:
-      host::WritePnm(ordinary, sink, kind);
-      break;
+  const auto write = [&](const Image& ordinary) {
+    const auto file = MakeImageFile(name, sink);
+    if (!host::HasPlainRows(ordinary)) file->Begin(ordinary);  // which says what is not held
+    host::ImageRowSource rows(ordinary);
+    host::CopyRows(rows, *file);
+  };
+  if (KeepsPalette(name, image)) {
+    write(image);
+    return;
   }
-  sink.Finish();
+  Image ordinary = image;
+  host::MakeOrdinary(ordinary);
+  write(ordinary);
 }
 
 void CheckFits(const Image& image, const FormatLimits& limits) {

@@ -1,14 +1,17 @@
 // Image files as images and back: PNG, PNM, TIFF and JPEG, told apart by their first bytes when
 // read and by the ending of their name when written.
 //
-// Every format has a module of its own, ImageFile + its name. A reader takes a whole file in
-// memory and throws Error (kInput); a writer takes an ordinary image (kel::host::MakeOrdinary;
-// PNG and TIFF take palettes too) and throws Error (kOutput) for what its format cannot hold.
+// Every format has a module of its own, ImageFile + its name. A reader delivers rows as they are
+// asked for and throws Error (kInput); a writer takes rows of an ordinary image
+// (kel::host::MakeOrdinary; PNG and TIFF take palettes too), throws Error (kOutput) for what its
+// format cannot hold, and finishes the sink of bytes. Sources and sinks of bytes outlive them.
 #ifndef KEL_TOOLS_IMAGE_FILE_HPP
 #define KEL_TOOLS_IMAGE_FILE_HPP
 
-#include <kel/host/image.hpp>
+#include <kel/host/row_streams.hpp>
+#include <kel/host/streams.hpp>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -21,18 +24,24 @@ std::optional<ImageFormat> RecogniseImage(host::ByteView bytes);
 /// The format that the ending of a name stands for.
 std::optional<ImageFormat> FormatOfName(const std::string& name);
 
-/// Reads an image file of any of the formats.
+/// Opens an image file of any of the formats. Whether its rows come without the picture being held
+/// tells RowSource::HoldsPicture.
+std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source);
+/// A file in the format of the name's ending, which FormatOfName must know.
+std::unique_ptr<host::RowSink> MakeImageFile(const std::string& name, host::Sink& sink);
+/// Whether a file of that name keeps the image's palette, which is looked up for others.
+bool KeepsPalette(const std::string& name, const host::Image& description);
+
+/// All of an image file, and all of an image, made ordinary for its format.
 host::Image ReadImage(host::ByteView bytes);
-/// Writes an image in the format of the name's ending, which FormatOfName must know, and finishes
-/// the sink.
 void WriteImage(const host::Image& image, const std::string& name, host::Sink& sink);
 
-host::Image ReadPng(host::ByteView bytes);
-void WritePng(const host::Image& image, host::Sink& sink);
-host::Image ReadTiff(host::ByteView bytes);
-void WriteTiff(const host::Image& image, host::Sink& sink);
-host::Image ReadJpeg(host::ByteView bytes);
-void WriteJpeg(const host::Image& image, host::Sink& sink);
+std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source);
+std::unique_ptr<host::RowSink> MakePng(host::Sink& sink);
+std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source);
+std::unique_ptr<host::RowSink> MakeTiff(host::Sink& sink);
+std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source);
+std::unique_ptr<host::RowSink> MakeJpeg(host::Sink& sink);
 
 /// What a format can hold beside grey and RGB of one size and depth.
 struct FormatLimits {

@@ -3,13 +3,13 @@
 // libjpeg reports failures by a function that must not return; ours jumps back with longjmp. So
 // every call into it stands in a function that holds nothing with a destructor.
 #include <kel/host/errors.hpp>
-#include <kel/host/rows.hpp>
 
 #include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string_view>
 
 #include <jpeglib.h>
@@ -31,6 +31,7 @@ constexpr int kQuality = 95;
 constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2;
 constexpr unsigned kLongestMarker = 0xFFFF;
 constexpr std::size_t kMostMarkerData = 65533;
+constexpr std::size_t kPieceBytes = 65536;  // read or written at once
 constexpr std::string_view kExifName("Exif\0\0", 6);
 constexpr std::string_view kXmpName("http://ns.adobe.com/xap/1.0/\0", 29);
 constexpr double kCentimetresPerInch = 2.54;
@@ -39,6 +40,7 @@ constexpr double kCentimetresPerInch = 2.54;
 struct ErrorManager : jpeg_error_mgr {
   std::jmp_buf back;
   char message[JMSG_LENGTH_MAX] = {};
+  std::exception_ptr thrown;  ///< by a source or sink, behind which libjpeg stands
 };
 
 [[noreturn]] void OnError(j_common_ptr common) {
@@ -61,18 +63,49 @@ void SetUp(ErrorManager& errors) {
 // ---- Reading ----
 
 struct JpegReader {
-  explicit JpegReader(ByteView all) : bytes(all) { SetUp(errors); }
+  explicit JpegReader(host::BufferedSource& from) : source(from), piece(kPieceBytes) {
+    SetUp(errors);
+  }
   ~JpegReader() {
     jpeg_destroy_decompress(&jpeg);
     std::free(profile);
   }
 
-  ByteView bytes;
+  host::BufferedSource& source;
+  host::Bytes piece;  ///< what libjpeg reads from
+  jpeg_source_mgr manager{};
   ErrorManager errors;
   jpeg_decompress_struct jpeg{};
   JOCTET* profile = nullptr;
   unsigned profileBytes = 0;
 };
+
+/// At the end of the data libjpeg is given an end marker, after a warning that OnMessage catches.
+boolean FillInput(j_decompress_ptr jpeg) {
+  static constexpr JOCTET kEnd[] = {0xFF, JPEG_EOI};
+  auto& reader = *static_cast<JpegReader*>(jpeg->client_data);
+  std::size_t count = 0;
+  try {
+    count = reader.source.Read(reader.piece);
+  } catch (...) {
+    reader.errors.thrown = std::current_exception();
+  }
+  if (count == 0) WARNMS(jpeg, JWRN_JPEG_EOF);
+  reader.manager.next_input_byte = count == 0 ? kEnd : reader.piece.data();
+  reader.manager.bytes_in_buffer = count == 0 ? sizeof kEnd : count;
+  return TRUE;
+}
+
+void SkipInput(j_decompress_ptr jpeg, long count) {
+  jpeg_source_mgr& manager = *jpeg->src;
+  auto left = static_cast<std::size_t>(std::max(count, 0L));
+  while (left > manager.bytes_in_buffer) {
+    left -= manager.bytes_in_buffer;
+    FillInput(jpeg);
+  }
+  manager.next_input_byte += left;
+  manager.bytes_in_buffer -= left;
+}
 
 bool ReadHeader(JpegReader& r) {
   r.jpeg.err = &r.errors;
@@ -80,7 +113,13 @@ bool ReadHeader(JpegReader& r) {
   jpeg_create_decompress(&r.jpeg);
   jpeg_save_markers(&r.jpeg, kMetadataMarker, kLongestMarker);
   jpeg_save_markers(&r.jpeg, kProfileMarker, kLongestMarker);
-  jpeg_mem_src(&r.jpeg, r.bytes.data(), static_cast<unsigned long>(r.bytes.size()));
+  r.jpeg.client_data = &r;
+  r.manager.init_source = [](j_decompress_ptr) {};
+  r.manager.fill_input_buffer = FillInput;
+  r.manager.skip_input_data = SkipInput;
+  r.manager.resync_to_restart = jpeg_resync_to_restart;
+  r.manager.term_source = [](j_decompress_ptr) {};
+  r.jpeg.src = &r.manager;
   jpeg_read_header(&r.jpeg, TRUE);
   if (jpeg_read_icc_profile(&r.jpeg, &r.profile, &r.profileBytes) == 0) r.profileBytes = 0;
   return true;
@@ -107,6 +146,7 @@ bool FinishReading(JpegReader& r) {
 
 void Require(const JpegReader& reader, bool success) {
   if (success) return;
+  if (reader.errors.thrown) std::rethrow_exception(reader.errors.thrown);
   throw Error(Failure::kInput, std::string("damaged JPEG file: ") + reader.errors.message);
 }
 
@@ -135,18 +175,43 @@ void ReadMetadata(const JpegReader& reader, Image& image) {
 // ---- Writing ----
 
 struct JpegWriter {
-  JpegWriter() { SetUp(errors); }
-  ~JpegWriter() {
-    jpeg_destroy_compress(&jpeg);
-    std::free(buffer);
-  }
+  explicit JpegWriter(host::Sink& to) : sink(to), piece(kPieceBytes) { SetUp(errors); }
+  ~JpegWriter() { jpeg_destroy_compress(&jpeg); }
 
+  host::Sink& sink;
+  host::Bytes piece;  ///< what libjpeg writes to
+  jpeg_destination_mgr manager{};
   ErrorManager errors;
   jpeg_compress_struct jpeg{};
-  unsigned char* buffer = nullptr;  ///< libjpeg's, growing
-  unsigned long bufferBytes = 0;
   host::Bytes exif, xmp;  ///< whole markers' data; empty for none
 };
+
+/// Writes what the piece holds and begins it anew.
+void PassOn(j_compress_ptr jpeg, std::size_t count) {
+  auto& writer = *static_cast<JpegWriter*>(jpeg->client_data);
+  try {
+    writer.sink.Write(ByteView(writer.piece).first(count));
+  } catch (...) {
+    writer.errors.thrown = std::current_exception();
+  }
+  if (writer.errors.thrown) ERREXIT(jpeg, JERR_FILE_WRITE);
+  writer.manager.next_output_byte = writer.piece.data();
+  writer.manager.free_in_buffer = writer.piece.size();
+}
+
+void SetDestination(JpegWriter& w) {
+  w.jpeg.client_data = &w;
+  w.manager.init_destination = [](j_compress_ptr jpeg) { PassOn(jpeg, 0); };
+  w.manager.empty_output_buffer = [](j_compress_ptr jpeg) -> boolean {
+    PassOn(jpeg, static_cast<JpegWriter*>(jpeg->client_data)->piece.size());
+    return TRUE;
+  };
+  w.manager.term_destination = [](j_compress_ptr jpeg) {
+    const auto& writer = *static_cast<JpegWriter*>(jpeg->client_data);
+    PassOn(jpeg, writer.piece.size() - writer.manager.free_in_buffer);
+  };
+  w.jpeg.dest = &w.manager;
+}
 
 void SetDensity(jpeg_compress_struct& jpeg, const Image& image) {
   if (!image.resolution) return;
@@ -162,7 +227,7 @@ bool StartWriting(JpegWriter& w, const Image& image) {
   w.jpeg.err = &w.errors;
   if (setjmp(w.errors.back) != 0) return false;
   jpeg_create_compress(&w.jpeg);
-  jpeg_mem_dest(&w.jpeg, &w.buffer, &w.bufferBytes);
+  SetDestination(w);
   w.jpeg.image_width = image.width;
   w.jpeg.image_height = image.height;
   w.jpeg.input_components = static_cast<int>(image.planes.size());
@@ -200,6 +265,7 @@ bool FinishWriting(JpegWriter& w) {
 
 void Require(const JpegWriter& writer, bool success) {
   if (success) return;
+  if (writer.errors.thrown) std::rethrow_exception(writer.errors.thrown);
   throw Error(Failure::kOutput, std::string("cannot be written as JPEG: ") + writer.errors.message);
 }
 
@@ -213,52 +279,79 @@ host::Bytes MarkerData(std::string_view name, const Payload& payload) {
   return data;
 }
 
+class JpegSource final : public host::RowSource {
+ public:
+  explicit JpegSource(host::BufferedSource& source) : reader_(source) {
+    Require(reader_, ReadHeader(reader_));
+    const J_COLOR_SPACE space = reader_.jpeg.jpeg_color_space;
+    if (space == JCS_CMYK || space == JCS_YCCK) {
+      throw Error(Failure::kInput,
+                  "a CMYK image; only grey and RGB images can be read, so convert "
+                  "it to RGB first");
+    }
+    if (space != JCS_GRAYSCALE && space != JCS_YCbCr && space != JCS_RGB) {
+      throw Error(Failure::kInput, "a JPEG file of an unknown colour space");
+    }
+    description_ = host::DescribeNewImage(reader_.jpeg.image_width, reader_.jpeg.image_height,
+                                          space == JCS_GRAYSCALE ? 1 : 3, 8);
+    ReadMetadata(reader_, description_);
+    Require(reader_, StartReading(reader_));
+  }
+
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    for (; count > 0; --count, to += strideBytes) Require(reader_, ReadRow(reader_, to));
+    if (reader_.jpeg.output_scanline == reader_.jpeg.output_height) {
+      Require(reader_, FinishReading(reader_));
+    }
+  }
+
+  /// libjpeg keeps the coefficients of a progressive file.
+  bool HoldsPicture() const override { return reader_.jpeg.progressive_mode != FALSE; }
+
+ private:
+  JpegReader reader_;
+};
+
+class JpegSink final : public host::RowSink {
+ public:
+  explicit JpegSink(host::Sink& sink) : writer_(sink) {}
+
+  void Begin(const Image& description) override {
+    CheckFits(description, {"JPEG", 8, false, false, false});
+    if (description.planes[0].Depth() != 8) {
+      throw Error(Failure::kOutput, "JPEG files hold 8 bits per sample; add --bits 8");
+    }
+    if (std::max(description.width, description.height) > JPEG_MAX_DIMENSION) {
+      throw Error(Failure::kOutput, "JPEG files hold at most 65500 columns and rows");
+    }
+    writer_.exif = MarkerData(kExifName, FindExif(description));
+    if (const std::string* xmp = FindXmp(description)) writer_.xmp = MarkerData(kXmpName, *xmp);
+    Require(writer_, StartWriting(writer_, description));
+  }
+
+  void Write(std::uint32_t count, const std::uint8_t* rows, std::size_t strideBytes) override {
+    for (; count > 0; --count, rows += strideBytes) {
+      Require(writer_, WriteRow(writer_, const_cast<JSAMPROW>(rows)));
+    }
+  }
+
+  void Finish() override {
+    Require(writer_, FinishWriting(writer_));
+    writer_.sink.Finish();
+  }
+
+ private:
+  JpegWriter writer_;
+};
+
 }  // namespace
 
-Image ReadJpeg(ByteView bytes) {
-  JpegReader reader(bytes);
-  Require(reader, ReadHeader(reader));
-  const J_COLOR_SPACE space = reader.jpeg.jpeg_color_space;
-  if (space == JCS_CMYK || space == JCS_YCCK) {
-    throw Error(Failure::kInput,
-                "a CMYK image; only grey and RGB images can be read, so convert "
-                "it to RGB first");
-  }
-  if (space != JCS_GRAYSCALE && space != JCS_YCbCr && space != JCS_RGB) {
-    throw Error(Failure::kInput, "a JPEG file of an unknown colour space");
-  }
-  Image image = host::MakeImage(reader.jpeg.image_width, reader.jpeg.image_height,
-                                space == JCS_GRAYSCALE ? 1 : 3, 8);
-  ReadMetadata(reader, image);  // libjpeg forgets them when it has finished
-  Require(reader, StartReading(reader));
-  std::vector<JSAMPLE> row(image.width * image.planes.size());
-  for (std::uint32_t y = 0; y < image.height; ++y) {
-    Require(reader, ReadRow(reader, row.data()));
-    host::SplitRow(row.data(), image, y);
-  }
-  Require(reader, FinishReading(reader));
-  return image;
+std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source) {
+  return std::make_unique<JpegSource>(source);
 }
 
-void WriteJpeg(const Image& image, host::Sink& sink) {
-  CheckFits(image, {"JPEG", 8, false, false, false});
-  if (image.planes[0].Depth() != 8) {
-    throw Error(Failure::kOutput, "JPEG files hold 8 bits per sample; add --bits 8");
-  }
-  if (std::max(image.width, image.height) > JPEG_MAX_DIMENSION) {
-    throw Error(Failure::kOutput, "JPEG files hold at most 65500 columns and rows");
-  }
-  JpegWriter writer;
-  writer.exif = MarkerData(kExifName, FindExif(image));
-  if (const std::string* xmp = FindXmp(image)) writer.xmp = MarkerData(kXmpName, *xmp);
-  Require(writer, StartWriting(writer, image));
-  std::vector<JSAMPLE> row(image.width * image.planes.size());
-  for (std::uint32_t y = 0; y < image.height; ++y) {
-    host::JoinRow(image, y, row.data());
-    Require(writer, WriteRow(writer, row.data()));
-  }
-  Require(writer, FinishWriting(writer));
-  sink.Write(ByteView(writer.buffer, writer.bufferBytes));
+std::unique_ptr<host::RowSink> MakeJpeg(host::Sink& sink) {
+  return std::make_unique<JpegSink>(sink);
 }
 
 }  // namespace kel::tool

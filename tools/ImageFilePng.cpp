@@ -11,11 +11,14 @@
 #include <kel/host/convert.hpp>
 #include <kel/host/errors.hpp>
 #include <kel/host/rows.hpp>
+#include <kel/host/session.hpp>
 
 #include <algorithm>
 #include <bit>
 #include <csetjmp>
 #include <cstring>
+#include <exception>
+#include <string_view>
 
 #include "ImageFile.hpp"
 #include "Metadata.hpp"
@@ -35,9 +38,11 @@ constexpr double kInchesPerMetre = 39.37007874015748;
 constexpr const char* kXmpKeyword = "XML:com.adobe.xmp";
 constexpr int kCompression = 4;  // nearly as small as the default, in half the time
 constexpr png_uint_32 kMostSide = 0x7FFFFFFF;
+constexpr std::size_t kPieceBytes = 256 * 1024;  // of compressed data, written at once
 
 struct Failures {
   char message[200] = {};
+  std::exception_ptr thrown;  ///< by a source or sink, behind which libpng stands
 };
 
 void OnError(png_structp png, png_const_charp message) {
@@ -52,11 +57,10 @@ void OnWarning(png_structp, png_const_charp) {}
 
 /// What the file says, as far as an image needs it.
 struct PngReader {
-  explicit PngReader(ByteView all) : bytes(all) {}
+  explicit PngReader(host::BufferedSource& from) : source(from) {}
   ~PngReader() { png_destroy_read_struct(&png, &info, nullptr); }
 
-  ByteView bytes;
-  std::size_t at = 0;
+  host::BufferedSource& source;
   Failures failures;
   png_structp png = nullptr;
   png_infop info = nullptr;
@@ -67,9 +71,13 @@ struct PngReader {
 
 void ReadBytes(png_structp png, png_bytep to, png_size_t count) {
   auto& reader = *static_cast<PngReader*>(png_get_io_ptr(png));
-  if (count > reader.bytes.size() - reader.at) png_error(png, "the file is cut off");
-  std::memcpy(to, reader.bytes.data() + reader.at, count);
-  reader.at += count;
+  bool read = false;
+  try {
+    read = reader.source.ReadExactly({to, count});
+  } catch (...) {
+    reader.failures.thrown = std::current_exception();
+  }
+  if (!read) png_error(png, "the file is cut off");
 }
 
 bool ReadHeader(PngReader& r) {
@@ -112,57 +120,34 @@ bool ReadEnd(PngReader& r) {
 
 void Require(const PngReader& reader, bool success) {
   if (success) return;
+  if (reader.failures.thrown) std::rethrow_exception(reader.failures.thrown);
   throw Error(Failure::kInput, std::string("damaged PNG file: ") + reader.failures.message);
 }
 
-void SplitPngRow(const PngReader& reader, const png_byte* row, Image& image, std::uint32_t y) {
-  if (reader.depth == 16) {
-    host::SplitRow(reinterpret_cast<const std::uint16_t*>(row), image, y);
-  } else {
-    host::SplitRow(row, image, y);
-  }
-}
-
-void ReadSamples(PngReader& reader, Image& image) {
-  const std::size_t numRows = reader.passes > 1 ? reader.height : 1;
-  Bytes buffer(reader.rowBytes * numRows);
-  if (reader.passes > 1) {
-    std::vector<png_bytep> rows;
-    for (std::size_t y = 0; y < numRows; ++y) rows.push_back(&buffer[y * reader.rowBytes]);
-    Require(reader, ReadAllRows(reader, rows.data()));
-    for (std::uint32_t y = 0; y < reader.height; ++y) SplitPngRow(reader, rows[y], image, y);
-    return;
-  }
-  for (std::uint32_t y = 0; y < reader.height; ++y) {
-    Require(reader, ReadRow(reader, buffer.data()));
-    SplitPngRow(reader, buffer.data(), image, y);
-  }
-}
-
-/// Turns the one colour that the file declares transparent into an opacity plane.
-void AddOpacityOfKey(const Image& image, const png_color_16& key, Plane& opacity) {
-  const std::uint32_t values[] = {image.planes.size() == 1 ? key.gray : key.red, key.green,
-                                  key.blue};
-  for (std::uint32_t y = 0; y < image.height; ++y) {
-    for (std::uint32_t x = 0; x < image.width; ++x) {
-      bool matches = true;
-      for (std::size_t c = 0; c < image.planes.size(); ++c) {
-        matches = matches && image.planes[c].At(x, y) == values[c];
-      }
-      opacity.Set(x, y, matches ? 0 : opacity.MaxValue());
+/// Pixels with an opacity behind them, which is none for the one colour that the file declares
+/// transparent.
+template <class Sample>
+void AddOpacity(const Sample* pixels, std::size_t count, std::size_t channels, const Sample* key,
+                Sample most, Sample* to) {
+  for (std::size_t x = 0; x < count; ++x, pixels += channels) {
+    bool matches = true;
+    for (std::size_t c = 0; c < channels; ++c) {
+      matches = matches && pixels[c] == key[c];
+      *to++ = pixels[c];
     }
+    *to++ = matches ? Sample{0} : most;
   }
 }
 
-/// The palette; one with opacity is applied to the image at once.
-void ReadPalette(PngReader& reader, Image& image) {
+/// The palette, with a fourth column where it has opacity.
+host::Palette ReadPalette(const PngReader& reader) {
   png_colorp entries = nullptr;
   int count = 0;
   png_get_PLTE(reader.png, reader.info, &entries, &count);
   png_bytep opacity = nullptr;
   int opacityCount = 0;
   png_get_tRNS(reader.png, reader.info, &opacity, &opacityCount, nullptr);
-  host::Palette& palette = image.palette.emplace();
+  host::Palette palette;
   palette.columns.resize(opacityCount > 0 ? 4 : 3);
   for (int i = 0; i < count; ++i) {
     palette.columns[0].entries.push_back(entries[i].red);
@@ -172,21 +157,8 @@ void ReadPalette(PngReader& reader, Image& image) {
       palette.columns[3].entries.push_back(i < opacityCount ? opacity[i] : 255U);
     }
   }
-  image.colourSpace = host::ColourSpace::kSrgb;
-  if (opacityCount == 0) return;
-  palette.columns[3].role = ChannelRole::kOpacity;
-  host::ExpandPalette(image);
-}
-
-void ReadTransparency(PngReader& reader, Image& image) {
-  png_color_16p key = nullptr;
-  png_get_tRNS(reader.png, reader.info, nullptr, nullptr, &key);
-  if (key == nullptr || host::OpacityPlane(image) != nullptr) return;
-  Plane opacity(image.width, image.height, image.planes[0].Depth());
-  opacity.role = ChannelRole::kOpacity;
-  opacity.colour = 0;
-  AddOpacityOfKey(image, *key, opacity);
-  image.planes.push_back(std::move(opacity));
+  if (opacityCount > 0) palette.columns[3].role = ChannelRole::kOpacity;
+  return palette;
 }
 
 /// The depth that the sBIT chunk notes for all channels; 0 without one or when they differ.
@@ -203,15 +175,10 @@ unsigned NotedDepth(const PngReader& reader) {
 
 /// Brings the image back to the noted depth if that loses nothing.
 void ApplyNotedDepth(Image& image, unsigned noted) {
-  const unsigned depth = image.planes[0].Depth();
-  if (noted == 0 || noted >= depth || image.palette) return;
-  Image reduced;
-  reduced.width = image.width;
-  reduced.height = image.height;
-  reduced.planes = image.planes;
+  Image reduced = image;
   host::ChangeDepth(reduced, noted);
   Image restored = reduced;
-  host::ChangeDepth(restored, depth);
+  host::ChangeDepth(restored, image.planes[0].Depth());
   if (host::Compare(restored, image).identical) image.planes = std::move(reduced.planes);
 }
 
@@ -240,16 +207,129 @@ void ReadMetadata(PngReader& reader, Image& image) {
   }
 }
 
+/// Whether a file that can be read anywhere has metadata behind its samples. In a pipe they would
+/// be found too late, and are passed over.
+bool HasLateMetadata(const host::Source& source) {
+  constexpr std::size_t kHeader = 8, kChecksum = 4;  // around a chunk's data
+  bool samples = false;
+  std::uint8_t header[kHeader];
+  for (std::uint64_t at = kHeader; source.Size() && at < *source.Size();) {
+    if (source.ReadAt(at, header) < kHeader) return false;
+    const std::string_view type(reinterpret_cast<const char*>(header) + 4, 4);
+    samples = samples || type == "IDAT";
+    if (samples && (type == "eXIf" || type == "iTXt")) return true;
+    at += kHeader + kChecksum + png_get_uint_32(header);
+  }
+  return false;
+}
+
+/// Rows as libpng reads them, with opacity made of a transparent colour or palette entries.
+class PngSource final : public host::RowSource {
+ public:
+  explicit PngSource(host::BufferedSource& source) : reader_(source) {
+    Require(reader_, ReadHeader(reader_));
+    const bool colour = (reader_.colourType & PNG_COLOR_MASK_COLOR) != 0;
+    const bool opacity = (reader_.colourType & PNG_COLOR_MASK_ALPHA) != 0;
+    const bool indexed = (reader_.colourType & PNG_COLOR_MASK_PALETTE) != 0;
+    if (indexed) palette_ = ReadPalette(reader_);
+    expands_ = indexed && palette_.columns.size() == 4;
+    if (!indexed) FindKey(colour ? 3 : 1, opacity);
+    description_ = host::DescribeNewImage(
+        reader_.width, reader_.height, colour && (!indexed || expands_) ? 3 : 1,
+        expands_ ? 8U : static_cast<unsigned>(reader_.depth), opacity || expands_ || hasKey_);
+    if (indexed) description_.colourSpace = host::ColourSpace::kSrgb;
+    if (indexed && !expands_) description_.palette = palette_;
+    ReadMetadata(reader_, description_);
+  }
+
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    if (HoldsPicture() && nextRow_ == 0) ReadInterlaced();
+    for (; count > 0; --count, ++nextRow_, to += strideBytes) {
+      const bool direct = !expands_ && !hasKey_ && !HoldsPicture();
+      if (!HoldsPicture()) {
+        if (!direct) all_.resize(reader_.rowBytes);
+        Require(reader_, ReadRow(reader_, direct ? to : all_.data()));
+      }
+      if (!direct) Convert(all_.data() + (HoldsPicture() ? nextRow_ * reader_.rowBytes : 0), to);
+    }
+    if (nextRow_ == reader_.height && !HoldsPicture()) Require(reader_, ReadEnd(reader_));
+  }
+
+  bool HoldsPicture() const override { return reader_.passes > 1; }
+  /// Everything beside the samples once more, when all rows have been read.
+  void ReadLateMetadata(Image& image) {
+    image.xml.clear();
+    image.uuids.clear();
+    ReadMetadata(reader_, image);
+  }
+  /// The depth that all channels are noted to have had; 0 when it is the file's.
+  unsigned Noted() const {
+    const unsigned noted = NotedDepth(reader_);
+    const bool below = noted < static_cast<unsigned>(reader_.depth);
+    return below && palette_.columns.empty() ? noted : 0;
+  }
+
+ private:
+  void FindKey(unsigned colours, bool opacity) {
+    png_color_16p key = nullptr;
+    png_get_tRNS(reader_.png, reader_.info, nullptr, nullptr, &key);
+    hasKey_ = key != nullptr && !opacity;
+    if (!hasKey_) return;
+    key_[0] = colours == 1 ? key->gray : key->red;
+    key_[1] = key->green;
+    key_[2] = key->blue;
+  }
+
+  void ReadInterlaced() {
+    const host::MemoryReservation room(std::uint64_t{reader_.rowBytes} * reader_.height,
+                                       "an interlaced PNG file");
+    all_.resize(reader_.rowBytes * reader_.height);
+    std::vector<png_bytep> rows;
+    for (std::size_t y = 0; y < reader_.height; ++y) rows.push_back(&all_[y * reader_.rowBytes]);
+    Require(reader_, ReadAllRows(reader_, rows.data()));
+    Require(reader_, ReadEnd(reader_));
+  }
+
+  void Convert(const std::uint8_t* row, std::uint8_t* to) const {
+    if (expands_) {
+      const std::size_t last = palette_.columns[0].entries.size() - 1;
+      for (std::size_t x = 0; x < reader_.width; ++x) {
+        for (const host::Palette::Column& column : palette_.columns) {
+          *to++ = static_cast<std::uint8_t>(column.entries[std::min<std::size_t>(row[x], last)]);
+        }
+      }
+    } else if (hasKey_) {
+      const std::size_t channels = description_.planes.size() - 1;
+      host::WithSampleType(description_.planes[0].BytesPerSample(), [&](auto sample) {
+        using Sample = decltype(sample);
+        const Sample key[3] = {static_cast<Sample>(key_[0]), static_cast<Sample>(key_[1]),
+                               static_cast<Sample>(key_[2])};
+        AddOpacity(reinterpret_cast<const Sample*>(row), reader_.width, channels, key,
+                   static_cast<Sample>(description_.planes[0].MaxValue()),
+                   reinterpret_cast<Sample*>(to));
+      });
+    } else {
+      std::copy_n(row, host::RowBytes(description_), to);
+    }
+  }
+
+  PngReader reader_;
+  host::Palette palette_;  ///< no columns when there is none
+  bool expands_ = false;   ///< rows of indices become colours and opacity
+  bool hasKey_ = false;    ///< one colour is transparent
+  std::uint16_t key_[3] = {};
+  std::uint32_t nextRow_ = 0;
+  Bytes all_;  ///< the picture when interlaced, else a row to be converted
+};
+
 // ---- Writing ----
 
 struct PngWriter {
-  PngWriter(const Image& source, host::Sink& to) : image(source), sink(to) {}
+  explicit PngWriter(host::Sink& to) : sink(to) {}
   ~PngWriter() { png_destroy_write_struct(&png, &info); }
 
-  const Image& image;
   host::Sink& sink;
-  Bytes waiting;
-  bool outOfMemory = false;
+  Image image;  ///< without samples
   Failures failures;
   png_structp png = nullptr;
   png_infop info = nullptr;
@@ -262,12 +342,12 @@ struct PngWriter {
 void WriteBytes(png_structp png, png_bytep from, png_size_t count) {
   auto& writer = *static_cast<PngWriter*>(png_get_io_ptr(png));
   try {
-    writer.waiting.insert(writer.waiting.end(), from, from + count);
+    writer.sink.Write({from, count});
     return;
-  } catch (const std::exception&) {
-    writer.outOfMemory = true;
+  } catch (...) {
+    writer.failures.thrown = std::current_exception();
   }
-  png_error(png, "out of memory");
+  png_error(png, "not written");
 }
 
 void Flush(png_structp) {}
@@ -339,6 +419,7 @@ bool WriteHeader(PngWriter& w) {
   png_set_benign_errors(w.png, 1);  // a profile that libpng does not like is left out
   png_set_user_limits(w.png, kMostSide, kMostSide);
   png_set_compression_level(w.png, kCompression);
+  png_set_compression_buffer_size(w.png, kPieceBytes);
   png_set_IHDR(w.png, w.info, w.image.width, w.image.height, w.depth, w.colourType,
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   if (w.numEntries != 0) png_set_PLTE(w.png, w.info, w.entries, w.numEntries);
@@ -368,71 +449,74 @@ bool WriteEnd(PngWriter& w) {
 
 void Require(const PngWriter& writer, bool success) {
   if (success) return;
-  throw Error(writer.outOfMemory ? Failure::kMemory : Failure::kOutput,
+  if (writer.failures.thrown) std::rethrow_exception(writer.failures.thrown);
+  throw Error(Failure::kOutput,
               std::string("cannot be written as PNG: ") + writer.failures.message);
 }
 
-/// Joins a row into pixels, scaled to the depth of the file.
-template <class Value>
-void JoinScaled(const PngWriter& writer, std::uint32_t y, std::vector<Value>& pixels) {
-  host::JoinRow(writer.image, y, pixels.data());
-  if (writer.image.palette) {
-    const auto last = static_cast<Value>(writer.numEntries - 1);
-    for (Value& index : pixels) index = std::min(index, last);
-    return;
-  }
-  const std::uint32_t from = writer.image.planes[0].MaxValue();
-  const std::uint32_t to = (1U << writer.depth) - 1;
-  if (from == to) return;
-  for (Value& value : pixels) value = static_cast<Value>((value * to + from / 2) / from);
-}
+class PngSink final : public host::RowSink {
+ public:
+  explicit PngSink(host::Sink& sink) : writer_(sink) {}
 
-template <class Value>
-void WriteRows(PngWriter& writer) {
-  std::vector<Value> pixels(writer.image.width * writer.image.planes.size());
-  for (std::uint32_t y = 0; y < writer.image.height; ++y) {
-    JoinScaled(writer, y, pixels);
-    Require(writer, WriteRow(writer, reinterpret_cast<const std::uint8_t*>(pixels.data())));
-    writer.sink.Write(writer.waiting);
-    writer.waiting.clear();
+  void Begin(const Image& description) override {
+    CheckFits(description, {"PNG", 16, true, false, false});
+    CopyDescription(description, writer_.image);
+    writer_.xmp = FindXmp(writer_.image);
+    ChooseForm(writer_);
+    Require(writer_, WriteHeader(writer_));
   }
-}
+
+  void Write(std::uint32_t count, const std::uint8_t* rows, std::size_t strideBytes) override {
+    const std::uint32_t from = writer_.image.planes[0].MaxValue();
+    const std::uint32_t to = (1U << writer_.depth) - 1;
+    for (; count > 0; --count, rows += strideBytes) {
+      const std::uint8_t* row = rows;
+      if (writer_.image.palette || from != to) {
+        row_.assign(rows, rows + host::RowBytes(writer_.image));
+        Convert(from, to);
+        row = row_.data();
+      }
+      Require(writer_, WriteRow(writer_, row));
+    }
+  }
+
+  void Finish() override {
+    Require(writer_, WriteEnd(writer_));
+    writer_.sink.Finish();
+  }
+
+ private:
+  /// Indices are brought into the palette, samples to the depth of the file.
+  void Convert(std::uint32_t from, std::uint32_t to) {
+    if (writer_.image.palette) {
+      const auto last = static_cast<std::uint8_t>(writer_.numEntries - 1);
+      for (std::uint8_t& index : row_) index = std::min(index, last);
+    } else if (writer_.depth == 16) {
+      host::Rescale(reinterpret_cast<std::uint16_t*>(row_.data()), row_.size() / 2, from, to);
+    } else {
+      host::Rescale(row_.data(), row_.size(), from, to);
+    }
+  }
+
+  PngWriter writer_;
+  Bytes row_;
+};
 
 }  // namespace
 
-Image ReadPng(ByteView bytes) {
-  PngReader reader(bytes);
-  Require(reader, ReadHeader(reader));
-  const bool colour = (reader.colourType & PNG_COLOR_MASK_COLOR) != 0;
-  const bool opacity = (reader.colourType & PNG_COLOR_MASK_ALPHA) != 0;
-  const bool palette = (reader.colourType & PNG_COLOR_MASK_PALETTE) != 0;
-  Image image = host::MakeImage(reader.width, reader.height, colour && !palette ? 3 : 1,
-                                static_cast<unsigned>(reader.depth), opacity);
-  ReadSamples(reader, image);
-  Require(reader, ReadEnd(reader));
-  ReadMetadata(reader, image);
-  if (palette) {
-    ReadPalette(reader, image);
-  } else {
-    ReadTransparency(reader, image);
-    ApplyNotedDepth(image, NotedDepth(reader));
-  }
-  return image;
+std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source) {
+  const bool late = HasLateMetadata(source);
+  auto png = std::make_unique<PngSource>(source);
+  const unsigned noted = png->Noted();
+  if (noted == 0 && !late) return png;
+  Image image = host::ReadImage(*png);
+  if (late) png->ReadLateMetadata(image);
+  if (noted != 0) ApplyNotedDepth(image, noted);
+  return std::make_unique<host::ImageRowSource>(std::move(image));
 }
 
-void WritePng(const Image& image, host::Sink& sink) {
-  if (!image.palette) CheckFits(image, {"PNG", 16, true, false, false});
-  PngWriter writer(image, sink);
-  writer.xmp = FindXmp(image);
-  ChooseForm(writer);
-  Require(writer, WriteHeader(writer));
-  if (writer.depth == 16) {
-    WriteRows<std::uint16_t>(writer);
-  } else {
-    WriteRows<std::uint8_t>(writer);
-  }
-  Require(writer, WriteEnd(writer));
-  sink.Write(writer.waiting);
+std::unique_ptr<host::RowSink> MakePng(host::Sink& sink) {
+  return std::make_unique<PngSink>(sink);
 }
 
 }  // namespace kel::tool

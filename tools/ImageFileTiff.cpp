@@ -7,11 +7,12 @@
 #include <kel/host/convert.hpp>
 #include <kel/host/errors.hpp>
 #include <kel/host/rows.hpp>
+#include <kel/host/session.hpp>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <memory>
 
 #include "ImageFile.hpp"
@@ -26,49 +27,86 @@ using host::ChannelRole;
 using host::Error;
 using host::Failure;
 using host::Image;
-using host::Plane;
 
 constexpr std::uint32_t kStripBytes = 65536;
+constexpr std::size_t kHeldBytes = 1024 * 1024;  // written, until they are passed on
 constexpr double kCentimetresPerInch = 2.54;
 constexpr unsigned kMostChannels = 255;
+constexpr std::uint64_t kMostClassicBytes = 0xF0000000;  // positions of plain TIFF have 32 bits
 
-/// A TIFF file in memory, for both directions, with the first thing that libtiff complained of.
-struct MemoryFile {
-  ByteView input;  ///< when reading
-  Bytes output;    ///< when writing
+/// A TIFF file behind libtiff, with the first thing that libtiff complained of. A source is read
+/// anywhere, or stands in memory. What was written first is changed at the end; a sink that does
+/// not allow that gets everything then.
+struct TiffFile {
+  host::Source* source = nullptr;  ///< when reading, unless in memory
+  ByteView input;
+  host::Sink* sink = nullptr;  ///< when writing
+  Bytes held;                  ///< written, but not passed on
+  std::uint64_t numPassed = 0;
   std::uint64_t at = 0;
-  bool outOfMemory = false;
+  std::exception_ptr thrown;  ///< by source or sink
   char message[300] = {};
 
-  std::uint64_t Size() const { return input.data() != nullptr ? input.size() : output.size(); }
+  std::uint64_t Size() const {
+    return sink != nullptr     ? numPassed + held.size()
+           : source != nullptr ? *source->Size()
+                               : input.size();
+  }
 };
 
 tmsize_t OnRead(thandle_t handle, void* to, tmsize_t count) {
-  auto& file = *static_cast<MemoryFile*>(handle);
-  const ByteView all = file.input.data() != nullptr ? file.input : ByteView(file.output);
-  const std::uint64_t left = file.at < all.size() ? all.size() - file.at : 0;
-  const auto taken = static_cast<std::size_t>(std::min(left, static_cast<std::uint64_t>(count)));
-  if (taken != 0) std::memcpy(to, all.data() + file.at, taken);
+  auto& file = *static_cast<TiffFile*>(handle);
+  const std::span<std::uint8_t> place(static_cast<std::uint8_t*>(to),
+                                      static_cast<std::size_t>(count));
+  std::size_t taken = 0;
+  try {
+    if (file.source != nullptr) {
+      taken = file.source->ReadAt(file.at, place);
+    } else if (file.at < file.input.size()) {
+      const ByteView from = file.input.subspan(static_cast<std::size_t>(file.at));
+      taken = std::min(from.size(), place.size());
+      std::copy_n(from.begin(), taken, place.begin());
+    }
+  } catch (...) {
+    file.thrown = std::current_exception();
+    return -1;
+  }
   file.at += taken;
   return static_cast<tmsize_t>(taken);
 }
 
+/// Puts bytes where libtiff stands: behind the others, or in place of some.
+void Put(TiffFile& file, ByteView bytes) {
+  if (file.at < file.numPassed) {
+    if (file.at + bytes.size() > file.numPassed || !file.sink->Rewrite(file.at, bytes)) {
+      throw Error(Failure::kOutput, "cannot be changed after it was written");
+    }
+    return;
+  }
+  const auto offset = static_cast<std::size_t>(file.at - file.numPassed);
+  if (file.held.size() < offset + bytes.size()) file.held.resize(offset + bytes.size());
+  std::copy(bytes.begin(), bytes.end(), file.held.begin() + static_cast<std::ptrdiff_t>(offset));
+  if (file.held.size() < kHeldBytes || !file.sink->Rewrite(0, {})) return;
+  file.sink->Write(file.held);
+  file.numPassed += file.held.size();
+  file.held.clear();
+}
+
 tmsize_t OnWrite(thandle_t handle, void* from, tmsize_t count) {
-  auto& file = *static_cast<MemoryFile*>(handle);
-  const std::uint64_t end = file.at + static_cast<std::uint64_t>(count);
+  auto& file = *static_cast<TiffFile*>(handle);
+  const auto size = static_cast<std::size_t>(count);
   try {
-    if (file.output.size() < end) file.output.resize(end);
-  } catch (const std::exception&) {
-    file.outOfMemory = true;
+    Put(file, {static_cast<const std::uint8_t*>(from), size});
+  } catch (...) {
+    file.thrown = std::current_exception();
     return -1;
   }
-  std::memcpy(file.output.data() + file.at, from, static_cast<std::size_t>(count));
-  file.at = end;
+  file.at += size;
   return count;
 }
 
 toff_t OnSeek(thandle_t handle, toff_t offset, int origin) {
-  auto& file = *static_cast<MemoryFile*>(handle);
+  auto& file = *static_cast<TiffFile*>(handle);
   if (origin == SEEK_SET) file.at = offset;
   if (origin == SEEK_CUR) file.at += offset;
   if (origin == SEEK_END) file.at = file.Size() + offset;
@@ -76,11 +114,11 @@ toff_t OnSeek(thandle_t handle, toff_t offset, int origin) {
 }
 
 toff_t OnSize(thandle_t handle) {
-  return static_cast<MemoryFile*>(handle)->Size();
+  return static_cast<TiffFile*>(handle)->Size();
 }
 
 int OnError(TIFF*, void* user, const char*, const char* format, va_list arguments) {
-  auto& file = *static_cast<MemoryFile*>(user);
+  auto& file = *static_cast<TiffFile*>(user);
   if (file.message[0] == 0) std::vsnprintf(file.message, sizeof file.message, format, arguments);
   return 1;
 }
@@ -91,7 +129,7 @@ int OnWarning(TIFF*, void*, const char*, const char*, va_list) {
 
 using TiffHandle = std::unique_ptr<TIFF, void (*)(TIFF*)>;
 
-TiffHandle OpenTiff(MemoryFile& file, const char* mode) {
+TiffHandle OpenHandle(TiffFile& file, const char* mode) {
   TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
   TIFFOpenOptionsSetErrorHandlerExtR(options, OnError, &file);
   TIFFOpenOptionsSetWarningHandlerExtR(options, OnWarning, nullptr);
@@ -117,7 +155,8 @@ struct Layout {
   throw Error(Failure::kInput, sentence);
 }
 
-[[noreturn]] void RefuseDamaged(const MemoryFile& file) {
+[[noreturn]] void RefuseDamaged(const TiffFile& file) {
+  if (file.thrown) std::rethrow_exception(file.thrown);
   RefuseInput(std::string("damaged TIFF file: ") + file.message);
 }
 
@@ -174,13 +213,13 @@ unsigned ColoursOf(const Layout& layout) {
   }
 }
 
-/// An empty image with a plane for every channel.
-Image MakePlanes(TIFF* tiff, const Layout& layout) {
+/// An image with a plane for every channel, without samples.
+Image Describe(TIFF* tiff, const Layout& layout) {
   const unsigned colours = ColoursOf(layout);
   if (layout.channels < colours || layout.channels > kMostChannels) {
     RefuseInput("a TIFF file of " + std::to_string(layout.channels) + " channels");
   }
-  Image image = host::MakeImage(layout.width, layout.height, layout.channels, layout.depth);
+  Image image = host::DescribeNewImage(layout.width, layout.height, layout.channels, layout.depth);
   image.colourSpace = colours == 1 ? host::ColourSpace::kGrey : host::ColourSpace::kSrgb;
   std::uint16_t numExtra = 0;
   std::uint16_t* extra = nullptr;
@@ -195,54 +234,8 @@ Image MakePlanes(TIFF* tiff, const Layout& layout) {
   return image;
 }
 
-/// Puts one piece's samples into their places: `channels` of them per pixel, from plane first on.
-void PlacePiece(const Layout& layout, const std::uint8_t* piece, std::uint32_t x0, std::uint32_t y0,
-                unsigned first, Image& image) {
-  const unsigned channels = layout.separate ? 1 : layout.channels;
-  const std::uint64_t rowSamples = std::uint64_t{layout.pieceWidth} * channels;
-  const std::uint64_t rowBytes = host::PackedRowBytes(rowSamples, layout.depth);
-  const std::uint32_t width = std::min(layout.pieceWidth, layout.width - x0);
-  const std::uint32_t height = std::min(layout.pieceHeight, layout.height - y0);
-  for (std::uint32_t y = 0; y < height; ++y, piece += rowBytes) {
-    host::PackedRowReader packed(piece);
-    const auto* words = reinterpret_cast<const std::uint16_t*>(piece);
-    for (std::size_t x = 0; x < width; ++x) {
-      for (unsigned c = 0; c < channels; ++c) {
-        // libtiff hands out words of 16 bits in the order of the machine.
-        const std::uint32_t value =
-            layout.depth == 16 ? words[x * channels + c] : packed.Get(layout.depth);
-        image.planes[first + c].Set(x0 + static_cast<std::uint32_t>(x), y0 + y, value);
-      }
-    }
-  }
-}
-
-void ReadPieces(TIFF* tiff, const MemoryFile& file, const Layout& layout, Image& image) {
-  const tmsize_t size = layout.tiled ? TIFFTileSize(tiff) : TIFFStripSize(tiff);
-  const unsigned channels = layout.separate ? 1 : layout.channels;
-  const std::uint64_t needed =
-      host::PackedRowBytes(std::uint64_t{layout.pieceWidth} * channels, layout.depth) *
-      layout.pieceHeight;
-  if (size <= 0 || static_cast<std::uint64_t>(size) < needed) RefuseDamaged(file);
-  Bytes piece(static_cast<std::size_t>(size));
-  for (unsigned first = 0; first < layout.channels; first += channels) {
-    const auto sample = static_cast<std::uint16_t>(first);
-    for (std::uint32_t y = 0; y < layout.height; y += layout.pieceHeight) {
-      for (std::uint32_t x = 0; x < layout.width; x += layout.pieceWidth) {
-        const tmsize_t read =
-            layout.tiled
-                ? TIFFReadEncodedTile(tiff, TIFFComputeTile(tiff, x, y, 0, sample), piece.data(),
-                                      size)
-                : TIFFReadEncodedStrip(tiff, TIFFComputeStrip(tiff, y, sample), piece.data(), size);
-        if (read < 0) RefuseDamaged(file);
-        PlacePiece(layout, piece.data(), x, y, first, image);
-      }
-    }
-  }
-}
-
 /// Columns of 16 bits, or of 8 where they say no more than that.
-void ReadColourMap(TIFF* tiff, const MemoryFile& file, Image& image) {
+void ReadColourMap(TIFF* tiff, const TiffFile& file, Image& image) {
   std::uint16_t* maps[3] = {};
   if (TIFFGetField(tiff, TIFFTAG_COLORMAP, &maps[0], &maps[1], &maps[2]) == 0) RefuseDamaged(file);
   const std::size_t count = std::size_t{1} << image.planes[0].Depth();
@@ -279,13 +272,139 @@ void ReadMetadata(TIFF* tiff, Image& image) {
   }
 }
 
-void Invert(Plane& plane) {
-  for (std::uint32_t y = 0; y < plane.Height(); ++y) {
-    for (std::uint32_t x = 0; x < plane.Width(); ++x) {
-      plane.Set(x, y, plane.MaxValue() - plane.At(x, y));
+/// Rows out of strips of pixels one by one; else a row of pieces at a time.
+class TiffSource final : public host::RowSource {
+ public:
+  explicit TiffSource(host::BufferedSource& source) {
+    if (source.Size()) {
+      file_.source = &source;
+    } else {
+      file_.input = host::ReadAll(source, storage_);
+    }
+    handle_ = OpenHandle(file_, "rm");
+    if (!handle_) RefuseDamaged(file_);
+    layout_ = ReadLayout(handle_.get());
+    description_ = Describe(handle_.get(), layout_);
+    if (layout_.photometric == PHOTOMETRIC_PALETTE) {
+      ReadColourMap(handle_.get(), file_, description_);
+    }
+    ReadMetadata(handle_.get(), description_);
+    byRows_ = !layout_.tiled && !layout_.separate;
+    channels_ = layout_.separate ? 1 : layout_.channels;
+    CheckSizes();
+  }
+
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    const std::size_t rowBytes = host::RowBytes(description_);
+    for (; count > 0; --count, ++nextRow_, to += strideBytes) {
+      if (byRows_) {
+        if (TIFFReadScanline(handle_.get(), packed_.data(), nextRow_, 0) < 0) RefuseDamaged(file_);
+        Unpack(packed_.data(), std::size_t{layout_.width} * layout_.channels, to);
+      } else {
+        const std::uint32_t inPiece = nextRow_ % layout_.pieceHeight;
+        if (inPiece == 0) ReadPieces();
+        std::copy_n(rows_.data() + inPiece * rowBytes, rowBytes, to);
+      }
+      if (layout_.photometric == PHOTOMETRIC_MINISWHITE) Invert(to);
     }
   }
-}
+
+  bool HoldsPicture() const override {
+    return !storage_.empty() || (!byRows_ && layout_.pieceHeight >= layout_.height);
+  }
+
+ private:
+  /// libtiff must fill no more than is there, and no less than is taken.
+  void CheckSizes() {
+    TIFF* tiff = handle_.get();
+    const tmsize_t size = byRows_         ? TIFFScanlineSize(tiff)
+                          : layout_.tiled ? TIFFTileSize(tiff)
+                                          : TIFFStripSize(tiff);
+    pieceRowBytes_ =
+        host::PackedRowBytes(std::uint64_t{layout_.pieceWidth} * channels_, layout_.depth);
+    const std::uint64_t needed = pieceRowBytes_ * (byRows_ ? 1 : layout_.pieceHeight);
+    if (size <= 0 || static_cast<std::uint64_t>(size) < needed) RefuseDamaged(file_);
+    room_ = host::MemoryReservation(
+        static_cast<std::uint64_t>(size) +
+            (byRows_ ? 0 : std::uint64_t{host::RowBytes(description_)} * layout_.pieceHeight),
+        "the rows of a TIFF file at work");
+    packed_.resize(static_cast<std::size_t>(size));
+    if (!byRows_) rows_.resize(host::RowBytes(description_) * layout_.pieceHeight);
+  }
+
+  void Unpack(const std::uint8_t* packed, std::size_t count, std::uint8_t* to) const {
+    host::WithSampleType(description_.planes[0].BytesPerSample(), [&](auto sample) {
+      host::UnpackSamples(packed, count, layout_.depth, reinterpret_cast<decltype(sample)*>(to));
+    });
+  }
+
+  /// Fills rows_ with the pieces that the next row lies in.
+  void ReadPieces() {
+    for (unsigned first = 0; first < layout_.channels; first += channels_) {
+      for (std::uint32_t x = 0; x < layout_.width; x += layout_.pieceWidth) {
+        ReadPiece(x, static_cast<std::uint16_t>(first));
+        PlacePiece(x, first);
+      }
+    }
+  }
+
+  void ReadPiece(std::uint32_t x, std::uint16_t sample) {
+    TIFF* tiff = handle_.get();
+    const auto size = static_cast<tmsize_t>(packed_.size());
+    const tmsize_t read =
+        layout_.tiled ? TIFFReadEncodedTile(tiff, TIFFComputeTile(tiff, x, nextRow_, 0, sample),
+                                            packed_.data(), size)
+                      : TIFFReadEncodedStrip(tiff, TIFFComputeStrip(tiff, nextRow_, sample),
+                                             packed_.data(), size);
+    if (read < 0) RefuseDamaged(file_);
+  }
+
+  /// Puts a piece's samples into their places: channels_ of them per pixel, from plane first on.
+  void PlacePiece(std::uint32_t x0, unsigned first) {
+    const std::uint32_t width = std::min(layout_.pieceWidth, layout_.width - x0);
+    const std::uint32_t height = std::min(layout_.pieceHeight, layout_.height - nextRow_);
+    const std::size_t step = layout_.channels;
+    host::WithSampleType(description_.planes[0].BytesPerSample(), [&](auto sample) {
+      using Sample = decltype(sample);
+      std::vector<Sample> plane(width);
+      for (std::uint32_t y = 0; y < height; ++y) {
+        const std::uint8_t* from = packed_.data() + y * pieceRowBytes_;
+        auto* to = reinterpret_cast<Sample*>(rows_.data() + y * host::RowBytes(description_)) +
+                   x0 * step + first;
+        if (!layout_.separate) {
+          host::UnpackSamples(from, width * step, layout_.depth, to);
+          continue;
+        }
+        host::UnpackSamples(from, width, layout_.depth, plane.data());
+        for (std::size_t x = 0; x < width; ++x) to[x * step] = plane[x];
+      }
+    });
+  }
+
+  /// The grey of pixels whose zero is white.
+  void Invert(std::uint8_t* row) const {
+    const std::uint32_t most = description_.planes[0].MaxValue();
+    host::WithSampleType(description_.planes[0].BytesPerSample(), [&](auto sample) {
+      auto* pixels = reinterpret_cast<decltype(sample)*>(row);
+      const std::size_t step = layout_.channels, end = layout_.width * step;
+      for (std::size_t i = 0; i < end; i += step) {
+        pixels[i] = static_cast<decltype(sample)>(most - pixels[i]);
+      }
+    });
+  }
+
+  Bytes storage_;  ///< of a source that can be read once only
+  TiffFile file_;
+  TiffHandle handle_{nullptr, TIFFClose};
+  Layout layout_;
+  bool byRows_ = false;
+  unsigned channels_ = 1;  ///< of a piece
+  std::uint64_t pieceRowBytes_ = 0;
+  host::MemoryReservation room_;
+  std::uint32_t nextRow_ = 0;
+  Bytes packed_;  ///< a row or a piece, as libtiff delivers it
+  Bytes rows_;    ///< a row of pieces
+};
 
 // ---- Writing ----
 
@@ -348,69 +467,74 @@ void SetMetadata(TIFF* tiff, const Image& image) {
   }
 }
 
-/// One row in the form that libtiff takes.
-void PackPixels(const Image& image, const std::vector<std::uint16_t>& pixels, Bytes& packed) {
-  const unsigned depth = image.planes[0].Depth();
-  if (depth == 16) {
-    std::memcpy(packed.data(), pixels.data(), packed.size());
-    return;
-  }
-  host::PackedRowWriter writer(packed.data());
-  for (const std::uint16_t value : pixels) writer.Put(value, depth);
-  writer.Finish();
-}
+class TiffSink final : public host::RowSink {
+ public:
+  explicit TiffSink(host::Sink& sink) { file_.sink = &sink; }
 
-bool WriteRows(TIFF* tiff, const Image& image) {
-  std::vector<std::uint16_t> pixels(image.width * image.planes.size());
-  Bytes packed(host::PackedRowBytes(pixels.size(), image.planes[0].Depth()));
-  const auto rows =
-      static_cast<std::uint32_t>(kStripBytes / std::max<std::size_t>(packed.size(), 1));
-  TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, std::clamp(rows, 1U, image.height));
-  for (std::uint32_t y = 0; y < image.height; ++y) {
-    host::JoinRow(image, y, pixels.data());
-    PackPixels(image, pixels, packed);
-    if (TIFFWriteScanline(tiff, packed.data(), y, 0) < 0) return false;
+  void Begin(const Image& description) override {
+    CheckFits(description, {"TIFF", 16, true, true, true});
+    CopyDescription(description, image_);
+    const std::uint64_t bytes = std::uint64_t{host::RowBytes(image_)} * image_.height;
+    handle_ = OpenHandle(file_, bytes > kMostClassicBytes ? "w8" : "w");
+    if (!handle_) Refuse();
+    TIFF* tiff = handle_.get();
+    SetTags(tiff, image_);
+    if (image_.palette) SetColourMap(tiff, image_);
+    SetMetadata(tiff, image_);
+    rowSamples_ = std::size_t{image_.width} * image_.planes.size();
+    packed_.resize(host::PackedRowBytes(rowSamples_, image_.planes[0].Depth()));
+    const auto rows =
+        static_cast<std::uint32_t>(kStripBytes / std::max<std::size_t>(packed_.size(), 1));
+    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, std::clamp(rows, 1U, image_.height));
   }
-  return TIFFFlush(tiff) != 0;
-}
+
+  void Write(std::uint32_t count, const std::uint8_t* rows, std::size_t strideBytes) override {
+    const host::Plane& plane = image_.planes[0];
+    for (; count > 0; --count, ++nextRow_, rows += strideBytes) {
+      host::WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+        host::PackSamples(reinterpret_cast<const decltype(sample)*>(rows), rowSamples_,
+                          plane.Depth(), packed_.data());
+      });
+      if (TIFFWriteScanline(handle_.get(), packed_.data(), nextRow_, 0) < 0) Refuse();
+    }
+  }
+
+  void Finish() override {
+    const bool written = TIFFFlush(handle_.get()) != 0;
+    handle_.reset();
+    if (!written || file_.message[0] != 0 || file_.thrown) Refuse();
+    file_.sink->Write(file_.held);
+    file_.sink->Finish();
+  }
+
+ private:
+  [[noreturn]] void Refuse() {
+    if (file_.thrown) std::rethrow_exception(file_.thrown);
+    throw Error(Failure::kOutput, std::string("cannot be written as TIFF: ") + file_.message);
+  }
+
+  Image image_;  ///< without samples
+  TiffFile file_;
+  TiffHandle handle_{nullptr, TIFFClose};
+  std::size_t rowSamples_ = 0;
+  std::uint32_t nextRow_ = 0;
+  Bytes packed_;
+};
 
 }  // namespace
 
-Image ReadTiff(ByteView bytes) {
-  MemoryFile file;
-  file.input = bytes;
-  const TiffHandle tiff = OpenTiff(file, "rm");
-  if (!tiff) RefuseDamaged(file);
-  const Layout layout = ReadLayout(tiff.get());
-  Image image = MakePlanes(tiff.get(), layout);
-  ReadPieces(tiff.get(), file, layout, image);
-  if (layout.photometric == PHOTOMETRIC_MINISWHITE) Invert(image.planes[0]);
-  if (layout.photometric == PHOTOMETRIC_PALETTE) {
-    ReadColourMap(tiff.get(), file, image);
-    if (image.planes.size() > 1) host::ExpandPalette(image);
-  }
-  ReadMetadata(tiff.get(), image);
-  return image;
+std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source) {
+  auto rows = std::make_unique<TiffSource>(source);
+  const Image& description = rows->Description();
+  if (!description.palette || description.planes.size() == 1) return rows;
+  Image image = host::ReadImage(*rows);  // indices with further channels
+  host::ExpandPalette(image);
+  if (!host::HasPlainRows(image)) host::ChangeDepth(image, image.planes[0].Depth());
+  return std::make_unique<host::ImageRowSource>(std::move(image));
 }
 
-void WriteTiff(const Image& image, host::Sink& sink) {
-  if (!image.palette) CheckFits(image, {"TIFF", 16, true, true, true});
-  MemoryFile file;
-  bool written = false;
-  {
-    const TiffHandle tiff = OpenTiff(file, "w");
-    if (tiff) {
-      SetTags(tiff.get(), image);
-      if (image.palette) SetColourMap(tiff.get(), image);
-      SetMetadata(tiff.get(), image);
-      written = WriteRows(tiff.get(), image);
-    }
-  }
-  if (!written || file.message[0] != 0) {
-    throw Error(file.outOfMemory ? Failure::kMemory : Failure::kOutput,
-                std::string("cannot be written as TIFF: ") + file.message);
-  }
-  sink.Write(file.output);
+std::unique_ptr<host::RowSink> MakeTiff(host::Sink& sink) {
+  return std::make_unique<TiffSink>(sink);
 }
 
 }  // namespace kel::tool

@@ -175,11 +175,20 @@ void OutputFile::Fail(const std::string& what) const {
 }
 
 void OutputFile::Write(host::ByteView bytes) {
-  if (file_ == nullptr) {
-    held_.insert(held_.end(), bytes.begin(), bytes.end());
-  } else if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) {
+  std::FILE* const file = path_ == kStandardStream ? stdout : file_;
+  if (std::fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
     Fail(std::string("cannot be written: ") + std::strerror(errno));
   }
+}
+
+bool OutputFile::Rewrite(std::uint64_t offset, host::ByteView bytes) {
+  if (temporary_.empty()) return false;
+  if (bytes.empty()) return true;
+  const bool written = fseeko(file_, static_cast<off_t>(offset), SEEK_SET) == 0 &&
+                       std::fwrite(bytes.data(), 1, bytes.size(), file_) == bytes.size() &&
+                       fseeko(file_, 0, SEEK_END) == 0;
+  if (!written) Fail(std::string("cannot be written: ") + std::strerror(errno));
+  return true;
 }
 
 void OutputFile::Close() {
@@ -205,11 +214,7 @@ void OutputFile::PutInPlace() {
 
 void OutputFile::Finish() {
   if (path_ == kStandardStream) {
-    const bool written = std::fwrite(held_.data(), 1, held_.size(), stdout) == held_.size();
-    if (!written || std::fflush(stdout) != 0) {
-      Fail(std::string("cannot be written: ") + std::strerror(errno));
-    }
-    held_.clear();
+    if (std::fflush(stdout) != 0) Fail(std::string("cannot be written: ") + std::strerror(errno));
     return;
   }
   Close();

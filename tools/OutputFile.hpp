@@ -25,9 +25,9 @@ bool IsProtected(const std::string& path);
 
 class OutputFile : public host::Sink {
  public:
-  /// "-" is standard output, which is written to in Finish only. A device or pipe is written to
-  /// directly. Throws Error (kOutput), as do all operations; also for a protected file, and with
-  /// kKeep for one that exists, be it that it appeared while the output was written.
+  /// "-" is standard output. That, a device or a pipe is written to directly. Throws Error
+  /// (kOutput), as do all operations; also for a protected file, and with kKeep for one that
+  /// exists, be it that it appeared while the output was written.
   explicit OutputFile(const std::string& path, OnExisting onExisting = OnExisting::kReplace);
   /// Removes what was written unless Finish has been called.
   ~OutputFile() override;
@@ -35,6 +35,7 @@ class OutputFile : public host::Sink {
   OutputFile& operator=(const OutputFile&) = delete;
 
   void Write(host::ByteView bytes) override;
+  bool Rewrite(std::uint64_t offset, host::ByteView bytes) override;
   /// Nothing more will be written: closes the file, which has yet to get its name. A program can
   /// have many outputs unfinished then without having many files open.
   void Close();
@@ -53,7 +54,6 @@ class OutputFile : public host::Sink {
   OnExisting onExisting_;
   int slot_ = -1;  ///< where the temporary name is noted for an interruption
   std::FILE* file_ = nullptr;
-  host::Bytes held_;  ///< for standard output
 };
 
 /// Makes the signals that end a program remove all unfinished output first.

@@ -6,7 +6,7 @@
 #include <map>
 #include <mutex>
 
-#include "TileEncoder.hpp"
+#include "RowBands.hpp"
 
 namespace kel::host {
 namespace {
@@ -22,9 +22,14 @@ class OrderedWriter {
     Write(first);
   }
 
-  void Put(std::size_t number, Bytes piece) {
+  void Put(std::size_t number, ByteView piece) {
     const std::lock_guard lock(mutex_);
-    waiting_.emplace(number, std::move(piece));
+    if (number == next_) {
+      Write(piece);
+      ++next_;
+    } else {
+      waiting_.emplace(number, Bytes(piece.begin(), piece.end()));
+    }
     for (auto it = waiting_.find(next_); it != waiting_.end(); it = waiting_.find(next_)) {
       Write(it->second);
       waiting_.erase(it);
@@ -53,15 +58,21 @@ class OrderedWriter {
 };
 
 /// Returns the number of bytes written.
-std::uint64_t EncodeOnce(const Image& image, const EncodeParams& params, int quality, Sink& sink) {
+std::uint64_t EncodeOnce(const Image& image, TileSamples& samples, const EncodeParams& params,
+                         int quality, Sink& sink) {
   std::vector<std::unique_ptr<TileEncoder>> encoders(params.threads);
-  encoders[0] = std::make_unique<TileEncoder>(image, params, quality);
+  encoders[0] = std::make_unique<TileEncoder>(image, samples, params, quality);
   const std::size_t numTiles = encoders[0]->NumTiles();
   OrderedWriter writer(sink, encoders[0]->Headers(), params.progress, numTiles);
   ForEachIndex(numTiles, params.threads, [&](unsigned worker, std::size_t tile) {
-    std::unique_ptr<TileEncoder>& encoder = encoders[worker];
-    if (!encoder) encoder = std::make_unique<TileEncoder>(image, params, quality);
-    writer.Put(tile, encoder->EncodeTile(tile));
+    try {
+      std::unique_ptr<TileEncoder>& encoder = encoders[worker];
+      if (!encoder) encoder = std::make_unique<TileEncoder>(image, samples, params, quality);
+      writer.Put(tile, encoder->EncodeTile(tile));
+    } catch (...) {
+      samples.Abandon();
+      throw;
+    }
   });
   return writer.BytesWritten();
 }
@@ -69,7 +80,8 @@ std::uint64_t EncodeOnce(const Image& image, const EncodeParams& params, int qua
 /// The best quality whose file is not larger than the limit, by halving the range of qualities;
 /// at most eight trials on real coded sizes, the first at the quality of the parameters. 100 is
 /// left out: it is finer than 99 in some bands and coarser in others.
-EncodeReport EncodeToSize(const Image& image, const EncodeParams& params, Sink& sink) {
+EncodeReport EncodeToSize(const Image& image, TileSamples& samples, const EncodeParams& params,
+                          Sink& sink) {
   EncodeReport report;
   report.trials = 0;
   Bytes best;
@@ -77,7 +89,7 @@ EncodeReport EncodeToSize(const Image& image, const EncodeParams& params, Sink& 
   for (int low = 1, high = 99; low <= high;) {
     const int quality = report.trials == 0 ? std::min(params.quality, high) : (low + high) / 2;
     MemorySink trial;
-    const std::uint64_t bytes = EncodeOnce(image, params, quality, trial);
+    const std::uint64_t bytes = EncodeOnce(image, samples, params, quality, trial);
     ++report.trials;
     if (bytes <= params.sizeLimit) {
       best = std::move(trial.bytes);
@@ -98,19 +110,31 @@ EncodeReport EncodeToSize(const Image& image, const EncodeParams& params, Sink& 
   return report;
 }
 
+EncodeReport EncodeAll(const Image& image, TileSamples& samples, const EncodeParams& params,
+                       Sink& sink) {
+  EncodeReport report;
+  report.quality = params.lossless ? 0 : params.quality;
+  report.bytes = EncodeOnce(image, samples, params, params.quality, sink);
+  sink.Finish();
+  return report;
+}
+
 }  // namespace
 
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink) {
   const EncodeParams checked = CheckedParams(image, params);
-  EncodeReport report;
-  if (checked.sizeLimit != 0) {
-    report = EncodeToSize(image, checked, sink);
-  } else {
-    report.quality = checked.lossless ? 0 : checked.quality;
-    report.bytes = EncodeOnce(image, checked, checked.quality, sink);
-  }
+  PlaneSamples samples(image);
+  if (checked.sizeLimit == 0) return EncodeAll(image, samples, checked, sink);
+  const EncodeReport report = EncodeToSize(image, samples, checked, sink);
   sink.Finish();
   return report;
+}
+
+EncodeReport Encode(RowSource& rows, const EncodeParams& params, Sink& sink) {
+  if (params.sizeLimit != 0) return Encode(ReadImage(rows), params, sink);
+  const EncodeParams checked = CheckedParams(rows.Description(), params);
+  RowBands bands(rows, checked);
+  return EncodeAll(rows.Description(), bands, checked, sink);
 }
 
 }  // namespace kel::host

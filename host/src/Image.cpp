@@ -2,6 +2,7 @@
 #include "kel/host/image.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "kel/host/errors.hpp"
 #include "kel/host/session.hpp"
@@ -22,15 +23,31 @@ std::uint64_t Product(std::uint64_t a, std::uint64_t b) {
   return a != 0 && b > UINT64_MAX / a ? UINT64_MAX : a * b;
 }
 
+/// What a plane holds and where its samples lie.
+void CopyMeaning(const Plane& from, Plane& to) {
+  to.role = from.role;
+  to.colour = from.colour;
+  to.xStep = from.xStep;
+  to.yStep = from.yStep;
+}
+
 }  // namespace
 
-Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
+Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth, Shape)
     : width_(width), height_(height), depth_(depth) {
   if (depth < 1 || depth > 32) {
     throw Error(Failure::kParameter,
                 "samples of " + std::to_string(depth) + " bits; 1 to 32 are possible");
   }
   stride_ = static_cast<std::size_t>(RowBytes(width, depth));
+}
+
+Plane Plane::WithoutSamples(std::uint32_t width, std::uint32_t height, unsigned depth) {
+  return {width, height, depth, Shape()};
+}
+
+Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
+    : Plane(width, height, depth, Shape()) {
   const std::uint64_t size = Product(stride_, height);
   const auto refuse = [&] {
     throw Error(Failure::kMemory, "there is no memory for " + FormatBytes(size) + " of samples");
@@ -54,23 +71,58 @@ void Plane::Set(std::uint32_t x, std::uint32_t y, std::uint32_t value) {
   });
 }
 
-Image MakeImage(std::uint32_t width, std::uint32_t height, unsigned numColours, unsigned depth,
-                bool withOpacity) {
-  const unsigned numPlanes = numColours + (withOpacity ? 1 : 0);
-  // Held only while the planes are made: from then on they are the caller's to account for.
-  const MemoryReservation room(SampleBytes(width, height, numPlanes, depth), "the samples");
+Image DescribeNewImage(std::uint32_t width, std::uint32_t height, unsigned numColours,
+                       unsigned depth, bool withOpacity) {
   Image image;
   image.width = width;
   image.height = height;
   image.colourSpace = numColours == 1   ? ColourSpace::kGrey
                       : numColours == 3 ? ColourSpace::kSrgb
                                         : ColourSpace::kUnspecified;
-  for (unsigned i = 0; i < numPlanes; ++i) {
-    Plane& plane = image.planes.emplace_back(width, height, depth);
+  for (unsigned i = 0; i < numColours + (withOpacity ? 1 : 0); ++i) {
+    Plane& plane = image.planes.emplace_back(Plane::WithoutSamples(width, height, depth));
     plane.role = i < numColours ? ChannelRole::kColour : ChannelRole::kOpacity;
     plane.colour = i < numColours ? i + 1 : 0;
   }
   return image;
+}
+
+Image MakeImage(std::uint32_t width, std::uint32_t height, unsigned numColours, unsigned depth,
+                bool withOpacity) {
+  Image image = DescribeNewImage(width, height, numColours, depth, withOpacity);
+  MakeSamples(image);
+  return image;
+}
+
+void CopyDescription(const Image& from, Image& to) {
+  to.width = from.width;
+  to.height = from.height;
+  to.planes.clear();
+  for (const Plane& plane : from.planes) {
+    to.planes.push_back(Plane::WithoutSamples(plane.Width(), plane.Height(), plane.Depth()));
+    CopyMeaning(plane, to.planes.back());
+  }
+  to.colourSpace = from.colourSpace;
+  to.iccProfile = from.iccProfile;
+  to.palette = from.palette;
+  to.resolution = from.resolution;
+  to.comment = from.comment;
+  to.xml = from.xml;
+  to.uuids = from.uuids;
+}
+
+void MakeSamples(Image& image) {
+  std::uint64_t bytes = 0;
+  for (const Plane& plane : image.planes) {
+    const std::uint64_t more = SampleBytes(plane.Width(), plane.Height(), 1, plane.Depth());
+    bytes = more > UINT64_MAX - bytes ? UINT64_MAX : bytes + more;
+  }
+  // Held only while the planes are made: from then on they are the caller's to account for.
+  const MemoryReservation room(bytes, "the samples");
+  for (Plane& plane : image.planes) {
+    const Plane shape = std::exchange(plane, Plane(plane.Width(), plane.Height(), plane.Depth()));
+    CopyMeaning(shape, plane);
+  }
 }
 
 unsigned NumColours(const Image& image) {

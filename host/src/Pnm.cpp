@@ -3,9 +3,10 @@
 // or bits, or (plain forms) decimal numbers. In PBM a set bit is black.
 #include "kel/host/pnm.hpp"
 
+#include <algorithm>
 #include <bit>
 #include <cctype>
-#include <string_view>
+#include <string>
 
 #include "kel/host/errors.hpp"
 #include "kel/host/rows.hpp"
@@ -20,7 +21,7 @@ struct Header {
   bool opacity = false;
 
   bool IsPlain() const { return form <= '3'; }
-  bool IsBits() const { return form == '1' || form == '4'; }
+  bool IsBits() const { return form == '1' || form == '4'; }  ///< where a set one is black
   unsigned Depth() const { return static_cast<unsigned>(std::bit_width(maxValue)); }
 };
 
@@ -30,10 +31,10 @@ struct Header {
 
 class Parser {
  public:
-  explicit Parser(ByteView bytes) : bytes_(bytes) {}
+  explicit Parser(BufferedSource& source) : source_(source) {}
 
-  int Next() { return at_ < bytes_.size() ? bytes_[at_++] : -1; }
-  int Peek() const { return at_ < bytes_.size() ? bytes_[at_] : -1; }
+  int Next() { return source_.NextByte(); }
+  int Peek() { return source_.PeekByte(); }
   void SkipBlanks() {
     while (std::isspace(Peek()) != 0 || Peek() == '#') {
       if (Next() == '#') {
@@ -58,23 +59,24 @@ class Parser {
     if (digit != '0' && digit != '1') Refuse("its samples are damaged or cut off");
     return digit == '1';
   }
-  std::string_view Word() {
+  std::string Word() {
     SkipBlanks();
-    const std::size_t first = at_;
-    while (Peek() >= 0 && std::isspace(Peek()) == 0) Next();
-    return {reinterpret_cast<const char*>(bytes_.data()) + first, at_ - first};
+    std::string word;
+    while (Peek() >= 0 && std::isspace(Peek()) == 0 && word.size() < kLongestWord) {
+      word.push_back(static_cast<char>(Next()));
+    }
+    return word;
   }
-  /// The rest, after the single blank that ends a header.
-  ByteView Rest() const { return bytes_.subspan(at_); }
 
  private:
-  ByteView bytes_;
-  std::size_t at_ = 0;
+  static constexpr std::size_t kLongestWord = 64;
+
+  BufferedSource& source_;
 };
 
 void ReadPamHeader(Parser& parser, Header& header) {
   for (;;) {
-    const std::string_view word = parser.Word();
+    const std::string word = parser.Word();
     if (word == "ENDHDR") return;
     if (word == "WIDTH") {
       header.width = parser.Number();
@@ -115,48 +117,101 @@ Header ReadHeader(Parser& parser) {
   return header;
 }
 
-/// Numbers one after another, in the order of the file.
-class Samples {
+/// Bytes of a row in the file; of plain forms the least that can be.
+std::uint64_t FileRowBytes(const Header& header) {
+  const std::uint64_t samples = std::uint64_t{header.width} * header.channels;
+  if (header.form == '4') return PackedRowBytes(samples, 1);
+  return header.IsPlain() || header.maxValue <= 255 ? samples : samples * 2;
+}
+
+class PnmSource final : public RowSource {
  public:
-  /// Refuses a file that is too short before memory for its image is asked for.
-  Samples(const Header& header, Parser& parser) : header_(header), parser_(parser) {
-    if (!header.IsPlain()) parser.Next();  // the blank that ends the header
-    rest_ = parser.Rest();
-    const std::uint64_t rowSamples = std::uint64_t{header.width} * header.channels;
-    const std::uint64_t rowBytes = header.form == '4' ? PackedRowBytes(rowSamples, 1)
-                                   : header.IsPlain() || header.maxValue <= 255 ? rowSamples
-                                                                                : rowSamples * 2;
-    if (rest_.size() / rowBytes < header.height) Refuse("its samples are cut off");
+  explicit PnmSource(Source& source) : source_(source) {
+    Parser parser(source_);
+    header_ = ReadHeader(parser);
+    if (!header_.IsPlain()) parser.Next();  // the blank that ends the header
+    // A file that is too short is refused before memory for its image is asked for.
+    const auto left = source_.NumLeft();
+    if (left && *left / FileRowBytes(header_) < header_.height) RefuseShort();
+    const unsigned colours = header_.channels - (header_.opacity ? 1U : 0U);
+    description_ =
+        DescribeNewImage(header_.width, header_.height, colours, header_.Depth(), header_.opacity);
   }
-  void BeginRow() { bit_ = 8; }
-  std::uint32_t Next() {
-    if (header_.form == '1') return parser_.Digit() ? 0 : 1;
-    if (header_.IsPlain()) return Checked(parser_.Number());
-    if (header_.IsBits()) {
-      if (bit_ == 8) {
-        current_ = Byte();
-        bit_ = 0;
-      }
-      return (current_ >> (7 - bit_++) & 1) ^ 1U;
+
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    const std::size_t rowBytes = host::RowBytes(description_);
+    const bool asTheyAre = !header_.IsPlain() && !header_.IsBits();
+    if (asTheyAre && strideBytes == rowBytes) {  // in one piece
+      Fill({to, count * rowBytes});
+      Settle(to, std::size_t{count} * header_.width * header_.channels);
+      return;
     }
-    const std::uint32_t high = Byte();
-    return Checked(header_.maxValue <= 255 ? high : high << 8 | Byte());
+    for (; count > 0; --count, to += strideBytes) {
+      if (asTheyAre) {
+        Fill({to, rowBytes});
+      } else {
+        ReadOther(to);
+      }
+      Settle(to, std::size_t{header_.width} * header_.channels);
+    }
   }
 
  private:
-  std::uint32_t Byte() { return rest_[at_++]; }
-  std::uint32_t Checked(std::uint32_t value) const {
-    if (value > header_.maxValue)
-      Refuse("a sample is above the largest value that its header says");
-    return value;
+  [[noreturn]] static void RefuseShort() { Refuse("its samples are cut off"); }
+
+  void Fill(std::span<std::uint8_t> to) {
+    if (!source_.ReadExactly(to)) RefuseShort();
   }
 
-  const Header& header_;
-  Parser& parser_;
-  ByteView rest_;
-  std::size_t at_ = 0;
-  std::uint32_t current_ = 0;
-  unsigned bit_ = 8;
+  /// A row of bits or of numbers in digits. Words come out big-endian, as the raw forms hold them.
+  void ReadOther(std::uint8_t* to) {
+    const std::size_t samples = std::size_t{header_.width} * header_.channels;
+    Parser parser(source_);
+    if (header_.form == '4') {
+      packed_.resize(FileRowBytes(header_));
+      Fill(packed_);
+      UnpackSamples(packed_.data(), samples, 1, to);
+    } else if (header_.form == '1') {
+      for (std::size_t i = 0; i < samples; ++i) to[i] = parser.Digit();
+    } else {
+      for (std::size_t i = 0; i < samples; ++i) {
+        const std::uint32_t value = parser.Number();
+        if (value > header_.maxValue) RefuseLarge();
+        if (header_.maxValue > 255) *to++ = static_cast<std::uint8_t>(value >> 8);
+        *to++ = static_cast<std::uint8_t>(value);
+      }
+    }
+    if (!header_.IsBits()) return;
+    for (std::size_t i = 0; i < samples; ++i) to[i] ^= 1;
+  }
+
+  [[noreturn]] static void RefuseLarge() {
+    Refuse("a sample is above the largest value that its header says");
+  }
+
+  /// Makes samples as the file holds them what a description promises.
+  void Settle(std::uint8_t* bytes, std::size_t count) const {
+    if (header_.maxValue <= 255) {
+      SettleAs(bytes, count);
+    } else {
+      auto* words = reinterpret_cast<std::uint16_t*>(bytes);
+      SwapBigEndian(words, count);
+      SettleAs(words, count);
+    }
+  }
+
+  template <class Sample>
+  void SettleAs(Sample* samples, std::size_t count) const {
+    constexpr Sample kMost = static_cast<Sample>(~Sample{0});
+    if (header_.maxValue == kMost) return;
+    if (Largest(samples, count) > header_.maxValue) RefuseLarge();
+    const std::uint32_t full = description_.planes[0].MaxValue();
+    if (full != header_.maxValue) Rescale(samples, count, header_.maxValue, full);
+  }
+
+  BufferedSource source_;
+  Header header_;
+  Bytes packed_;
 };
 
 void CheckWritable(const Image& image, PnmKind kind) {
@@ -193,53 +248,79 @@ std::string MakeHeader(const Image& image, PnmKind kind) {
          (opacity ? "_ALPHA" : "") + "\nENDHDR\n";
 }
 
+class PnmSink final : public RowSink {
+ public:
+  PnmSink(Sink& sink, PnmKind kind) : sink_(sink), kind_(kind) {}
+
+  void Begin(const Image& description) override {
+    CheckWritable(description, kind_);
+    const std::string head = MakeHeader(description, kind_);
+    sink_.Write({reinterpret_cast<const std::uint8_t*>(head.data()), head.size()});
+    rowSamples_ = std::size_t{description.width} * description.planes.size();
+    words_ = description.planes[0].Depth() > 8;
+  }
+
+  void Write(std::uint32_t count, const std::uint8_t* rows, std::size_t strideBytes) override {
+    const std::size_t rowBytes = rowSamples_ * (words_ ? 2 : 1);
+    if (kind_ != PnmKind::kPbm && strideBytes == rowBytes) {
+      WriteSamples(rows, count * rowSamples_);
+      return;
+    }
+    for (; count > 0; --count, rows += strideBytes) {
+      if (kind_ == PnmKind::kPbm) {
+        WriteBits(rows);
+      } else {
+        WriteSamples(rows, rowSamples_);
+      }
+    }
+  }
+
+  void Finish() override { sink_.Finish(); }
+
+ private:
+  void WriteSamples(const std::uint8_t* samples, std::size_t count) {
+    if (!words_) {
+      sink_.Write({samples, count});
+      return;
+    }
+    bytes_.assign(samples, samples + 2 * count);
+    SwapBigEndian(reinterpret_cast<std::uint16_t*>(bytes_.data()), count);
+    sink_.Write(bytes_);
+  }
+
+  void WriteBits(const std::uint8_t* row) {
+    bytes_.assign(row, row + rowSamples_);
+    for (std::uint8_t& value : bytes_) value ^= 1;
+    packed_.resize(PackedRowBytes(rowSamples_, 1));
+    PackSamples(bytes_.data(), rowSamples_, 1, packed_.data());
+    sink_.Write(packed_);
+  }
+
+  Sink& sink_;
+  PnmKind kind_;
+  std::size_t rowSamples_ = 0;
+  bool words_ = false;
+  Bytes bytes_, packed_;
+};
+
 }  // namespace
 
+std::unique_ptr<RowSource> OpenPnm(Source& source) {
+  return std::make_unique<PnmSource>(source);
+}
+
 Image ReadPnm(Source& source) {
-  Bytes storage;
-  Parser parser(ReadAll(source, storage));
-  const Header header = ReadHeader(parser);
-  Samples samples(header, parser);
-  Image image = MakeImage(header.width, header.height, header.channels - (header.opacity ? 1 : 0),
-                          header.Depth(), header.opacity);
-  const std::uint32_t full = image.planes[0].MaxValue();
-  std::vector<std::uint32_t> row(std::size_t{header.width} * header.channels);
-  for (std::uint32_t y = 0; y < header.height; ++y) {
-    samples.BeginRow();
-    for (std::uint32_t& value : row) {
-      value = samples.Next();
-      if (full != header.maxValue) value = (value * full + header.maxValue / 2) / header.maxValue;
-    }
-    SplitRow(row.data(), image, y);
-  }
-  return image;
+  return ReadImage(*OpenPnm(source));
+}
+
+std::unique_ptr<RowSink> MakePnm(Sink& sink, PnmKind kind) {
+  return std::make_unique<PnmSink>(sink, kind);
 }
 
 void WritePnm(const Image& image, Sink& sink, PnmKind kind) {
   CheckWritable(image, kind);
-  const std::string head = MakeHeader(image, kind);
-  sink.Write(ByteView(reinterpret_cast<const std::uint8_t*>(head.data()), head.size()));
-
-  std::vector<std::uint32_t> row(image.width * image.planes.size());
-  Bytes bytes;
-  for (std::uint32_t y = 0; y < image.height; ++y) {
-    JoinRow(image, y, row.data());
-    bytes.clear();
-    if (kind == PnmKind::kPbm) {
-      bytes.resize(PackedRowBytes(row.size(), 1));
-      PackedRowWriter writer(bytes.data());
-      for (const std::uint32_t value : row) writer.Put(value ^ 1U, 1);
-      writer.Finish();
-    } else {
-      const bool words = image.planes[0].Depth() > 8;
-      for (const std::uint32_t value : row) {
-        if (words) bytes.push_back(static_cast<std::uint8_t>(value >> 8));
-        bytes.push_back(static_cast<std::uint8_t>(value));
-      }
-    }
-    sink.Write(bytes);
-  }
-  sink.Finish();
+  ImageRowSource rows(image);
+  CopyRows(rows, *MakePnm(sink, kind));
 }
 
 }  // namespace kel::host

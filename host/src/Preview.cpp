@@ -27,13 +27,14 @@ void CopyTile(const KelTileComponent& component, Plane& plane) {
   KelMemFuncs& memory = *KelGetMemObj();
   const auto* from = static_cast<const std::uint8_t*>(memory.LockBuf(data->GetImageBuffer()));
   for (std::uint32_t y = 0; y < height; ++y, from += rowBytes) {
-    PackedRowReader packed(from);
-    const auto* words = reinterpret_cast<const std::uint16_t*>(from);
-    for (std::uint32_t x = 0; x < width; ++x) {
-      const std::uint64_t value = depth == 8 ? from[x] : depth == 16 ? words[x] : packed.Get(depth);
-      plane.Set(static_cast<std::uint32_t>(place.X0) + x, static_cast<std::uint32_t>(place.Y0) + y,
-                static_cast<std::uint32_t>(std::min((value * most + scale / 2) / scale, most)));
-    }
+    WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+      using Sample = decltype(sample);
+      Sample* to = plane.Row<Sample>(static_cast<std::uint32_t>(place.Y0) + y) + place.X0;
+      UnpackSamples(from, width, depth, to);
+      for (std::uint32_t x = 0; x < width; ++x) {
+        to[x] = static_cast<Sample>(std::min((to[x] * most + scale / 2) / scale, most));
+      }
+    });
   }
   memory.UnlockBuf(data->GetImageBuffer());
 }
@@ -45,11 +46,14 @@ Image Preview(const Image& image, const EncodeParams& params) {
   Image preview = image;  // opacity and other extra channels are coded without loss
   if (checked.lossless) return preview;
   std::vector<std::unique_ptr<TileEncoder>> encoders(checked.threads);
-  encoders[0] = std::make_unique<TileEncoder>(image, checked, checked.quality);
+  PlaneSamples samples(image);
+  encoders[0] = std::make_unique<TileEncoder>(image, samples, checked, checked.quality);
   const std::size_t numTiles = encoders[0]->NumTiles();
   ForEachIndex(numTiles, checked.threads, [&](unsigned worker, std::size_t tile) {
     std::unique_ptr<TileEncoder>& encoder = encoders[worker];
-    if (!encoder) encoder = std::make_unique<TileEncoder>(image, checked, checked.quality);
+    if (!encoder) {
+      encoder = std::make_unique<TileEncoder>(image, samples, checked, checked.quality);
+    }
     KelImage& object = encoder->Object();
     Check(object.GetPreviewData(static_cast<KelLong>(tile)), object, Failure::kParameter);
     for (unsigned c = 0; c < NumColours(image); ++c) {

@@ -1,6 +1,9 @@
 // Sources and sinks over files and memory.
 #include "kel/host/streams.hpp"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -28,10 +31,36 @@ std::string Reason() {
 FileSource::FileSource(const std::string& path)
     : owned_(std::fopen(path.c_str(), "rb"), std::fclose), file_(owned_.get()), name_(path) {
   if (file_ == nullptr) throw Error(Failure::kInput, path, "cannot be opened: " + Reason());
+  Measure();
 }
 
 FileSource::FileSource(std::FILE* file, const std::string& name)
-    : owned_(nullptr, KeepOpen), file_(file), name_(name) {}
+    : owned_(nullptr, KeepOpen), file_(file), name_(name) {
+  Measure();
+}
+
+/// Pipes and devices have no size.
+void FileSource::Measure() {
+  struct stat status {};
+  const off_t position = ftello(file_);
+  if (fstat(fileno(file_), &status) != 0 || !S_ISREG(status.st_mode) || position < 0) return;
+  start_ = static_cast<std::uint64_t>(position);
+  const auto end = static_cast<std::uint64_t>(status.st_size);
+  if (end > start_) size_ = end - start_;  // files of a system's state say 0 and have bytes
+}
+
+std::size_t FileSource::ReadAt(std::uint64_t offset, std::span<std::uint8_t> to) const {
+  std::size_t filled = 0;
+  while (filled < to.size()) {
+    const ssize_t count = pread(fileno(file_), to.data() + filled, to.size() - filled,
+                                static_cast<off_t>(start_ + offset + filled));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw Error(Failure::kInput, name_, "cannot be read: " + Reason());
+    if (count == 0) break;
+    filled += static_cast<std::size_t>(count);
+  }
+  return filled;
+}
 
 std::size_t FileSource::Read(std::span<std::uint8_t> to) {
   const std::size_t count = std::fread(to.data(), 1, to.size(), file_);
@@ -48,8 +77,63 @@ std::size_t MemorySource::Read(std::span<std::uint8_t> to) {
   return count;
 }
 
+std::size_t MemorySource::ReadAt(std::uint64_t offset, std::span<std::uint8_t> to) const {
+  if (offset >= all_.size()) return 0;
+  const ByteView from = all_.subspan(static_cast<std::size_t>(offset));
+  const std::size_t count = std::min(to.size(), from.size());
+  std::copy_n(from.begin(), count, to.begin());
+  return count;
+}
+
 std::optional<ByteView> MemorySource::View() {
   return std::exchange(left_, ByteView());
+}
+
+BufferedSource::BufferedSource(Source& source) : source_(source) {
+  if (const auto view = source.View()) {
+    window_ = *view;
+    isWhole_ = true;
+  }
+}
+
+ByteView BufferedSource::Peek(std::size_t count) {
+  if (window_.size() >= count || isWhole_) return window_.first(std::min(count, window_.size()));
+  buffer_.resize(kMostAhead);
+  std::copy(window_.begin(), window_.end(), buffer_.begin());
+  std::size_t filled = window_.size();
+  while (filled < count) {
+    const std::size_t more = source_.Read(std::span(buffer_).subspan(filled));
+    if (more == 0) break;
+    filled += more;
+    numTaken_ += more;
+  }
+  window_ = ByteView(buffer_).first(filled);
+  return window_.first(std::min(count, filled));
+}
+
+std::size_t BufferedSource::Read(std::span<std::uint8_t> to) {
+  const std::size_t ahead = std::min(to.size(), window_.size());
+  std::copy_n(window_.begin(), ahead, to.begin());
+  window_ = window_.subspan(ahead);
+  std::size_t filled = ahead;
+  while (filled < to.size() && !isWhole_) {
+    const std::size_t more = source_.Read(to.subspan(filled));
+    if (more == 0) break;
+    filled += more;
+    numTaken_ += more;
+  }
+  return filled;
+}
+
+std::optional<ByteView> BufferedSource::View() {
+  if (!isWhole_) return std::nullopt;
+  return std::exchange(window_, ByteView());
+}
+
+std::optional<std::uint64_t> BufferedSource::NumLeft() const {
+  if (isWhole_) return window_.size();
+  const auto size = source_.Size();
+  return size ? std::optional(*size - std::min(*size, numTaken_) + window_.size()) : std::nullopt;
 }
 
 FileSink::FileSink(const std::string& path)

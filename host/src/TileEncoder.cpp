@@ -3,6 +3,7 @@
 #include "TileEncoder.hpp"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "EncoderOptions.hpp"
@@ -16,11 +17,6 @@ constexpr std::uint32_t kTileSize = 1024;
 constexpr unsigned kMostLevels = 32, kMostLayers = 65535, kMostDepth = 28;
 constexpr std::uint64_t kMostTiles = 65535;
 
-/// Left, top, width and height of a tile in the samples of one component.
-struct TileBox {
-  std::uint32_t x, y, width, height;
-};
-
 TileBox BoxOf(KelImage& image, KelLong component, KelLong tile) {
   const KelImageGeometry& geometry = *image.GetGeometryParams();
   KelLong x0 = 0, x1 = 0, y0 = 0, y1 = 0;
@@ -31,25 +27,12 @@ TileBox BoxOf(KelImage& image, KelLong component, KelLong tile) {
           static_cast<std::uint32_t>(std::max(y1 - y0, 0))};
 }
 
-/// A stretch of a row in the form that the encoder takes: bytes for a depth of 8, words for 16,
-/// else packed bits.
-void CopyRow(const Plane& plane, const TileBox& box, std::uint32_t y, std::uint8_t* to) {
-  WithSampleType(plane.BytesPerSample(), [&](auto sample) {
-    using Sample = decltype(sample);
-    const Sample* from = plane.Row<Sample>(y) + box.x;
-    if (plane.Depth() == 8 * sizeof(Sample)) {
-      std::copy_n(reinterpret_cast<const std::uint8_t*>(from), box.width * sizeof(Sample), to);
-      return;
-    }
-    PackedRowWriter writer(to);
-    for (std::uint32_t x = 0; x < box.width; ++x) writer.Put(from[x], plane.Depth());
-    writer.Finish();
-  });
-}
-
 /// A stretch of a row of the region mask: one byte per sample, nonzero inside.
 void CopyMaskRow(const Plane& mask, const TileBox& box, std::uint32_t y, std::uint8_t* to) {
-  for (std::uint32_t x = 0; x < box.width; ++x) to[x] = mask.At(box.x + x, y) != 0 ? 255 : 0;
+  WithSampleType(mask.BytesPerSample(), [&](auto sample) {
+    const auto* from = mask.Row<decltype(sample)>(y) + box.x;
+    for (std::uint32_t x = 0; x < box.width; ++x) to[x] = from[x] != 0 ? 255 : 0;
+  });
 }
 
 void Require(bool allowed, const std::string& sentence) {
@@ -123,18 +106,32 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   return checked;
 }
 
+void PlaneSamples::Copy(std::size_t component, const TileBox& box, std::uint8_t* to) {
+  const Plane& plane = image_.planes[component];
+  const std::uint64_t rowBytes = PackedRowBytes(box.width, plane.Depth());
+  WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+    for (std::uint32_t y = 0; y < box.height; ++y, to += rowBytes) {
+      PackSamples(plane.Row<decltype(sample)>(box.y + y) + box.x, box.width, plane.Depth(), to);
+    }
+  });
+}
+
 struct TileEncoder::State {
-  State(const Image& source, const EncodeParams& params, int quality)
-      : image(source), mask(params.regionMask), options(source, params, quality) {
+  State(const Image& source, TileSamples& itsSamples, const EncodeParams& params, int quality)
+      : image(source),
+        samples(itsSamples),
+        mask(params.regionMask),
+        options(source, params, quality) {
     streamProcs.clientData = this;
     streamProcs.Read = [](void*, void*, KelLong) -> KelLong { return 0; };
     streamProcs.Write = Write;
     streamProcs.Seek = StayAtEnd;
     stream.InitKelCodeStm(0, true, true, false, true, &streamProcs);
     dataProcs.clientData = this;
-    dataProcs.GetTileInterleaved = nullptr;
+    const bool together = samples.Interleaved();
+    dataProcs.GetTileInterleaved = together ? FetchTile : nullptr;
     dataProcs.GetTileComponent = FetchTileComponent;
-    dataProcs.GetNumInterleaved = nullptr;
+    dataProcs.GetNumInterleaved = together ? CountInterleaved : nullptr;
     dataProcs.GetReserved = nullptr;
     clientProcs.UserActions = nullptr;
     clientProcs.ImageDataProcs = &dataProcs;
@@ -143,12 +140,18 @@ struct TileEncoder::State {
 
   static KelLong Write(void* client, const void* source, KelLong count);
   static KelLong StayAtEnd(void* client, KelLong origin, KelLong offset);
+  static KelLong CountInterleaved(void* client);
+  static KelBufID_I* FetchTile(void* client, KelLong tile, KelLong* error);
   static KelBufID_I* FetchTileComponent(void* client, KelLong component, KelLong tile,
                                         KelLong* error);
-  /// What the object has written since the last call.
-  Bytes TakeWritten();
+  /// A buffer of the library's with rowBytes x height bytes that `fill` writes; null with an error.
+  template <class Fill>
+  KelBufID_I* MakeBuffer(std::uint64_t rowBytes, const TileBox& box, KelLong* error, Fill&& fill);
+  /// Makes sure that all of the object's bytes have been written.
+  void Flush();
 
   const Image& image;
+  TileSamples& samples;
   const Plane* mask;
   EncoderOptions options;
   KelStreamProcs streamProcs;
@@ -156,9 +159,10 @@ struct TileEncoder::State {
   KelClientProcs clientProcs;
   KelCodeStm stream;
   KelImage object;
-  Bytes written;             ///< since they were taken last
-  KelLong position = 0;      ///< bytes written altogether
-  bool outOfMemory = false;  ///< while taking bytes, where no exception may pass
+  Bytes written;         ///< of the tile at work
+  KelLong position = 0;  ///< bytes written altogether
+  /// What was thrown in a callback, through which no exception may pass.
+  std::exception_ptr failure;
   Bytes headers;
 };
 
@@ -167,8 +171,8 @@ KelLong TileEncoder::State::Write(void* client, const void* source, KelLong coun
   const auto* first = static_cast<const std::uint8_t*>(source);
   try {
     self.written.insert(self.written.end(), first, first + count);
-  } catch (const std::exception&) {
-    self.outOfMemory = true;
+  } catch (...) {
+    self.failure = std::current_exception();
     return -1;
   }
   self.position += count;
@@ -180,13 +184,9 @@ KelLong TileEncoder::State::StayAtEnd(void* client, KelLong, KelLong offset) {
   return offset == static_cast<State*>(client)->position ? offset : -1;
 }
 
-KelBufID_I* TileEncoder::State::FetchTileComponent(void* client, KelLong component, KelLong tile,
-                                                   KelLong* error) {
-  auto& self = *static_cast<State*>(client);
-  const bool isMask = static_cast<std::size_t>(component) == self.image.planes.size();
-  const Plane& plane = isMask ? *self.mask : self.image.planes[static_cast<std::size_t>(component)];
-  const TileBox box = BoxOf(self.object, component, tile);
-  const std::uint64_t rowBytes = PackedRowBytes(box.width, isMask ? 8 : plane.Depth());
+template <class Fill>
+KelBufID_I* TileEncoder::State::MakeBuffer(std::uint64_t rowBytes, const TileBox& box,
+                                           KelLong* error, Fill&& fill) {
   const std::uint64_t size = rowBytes * box.height;
   KelMemFuncs& memory = *KelGetMemObj();
   KelBufID_I* buffer = size <= UINT32_MAX ? memory.AllocBuf(static_cast<KelULong>(size)) : nullptr;
@@ -194,31 +194,60 @@ KelBufID_I* TileEncoder::State::FetchTileComponent(void* client, KelLong compone
     *error = KelErrNoMemory;
     return nullptr;
   }
-  auto* to = static_cast<std::uint8_t*>(memory.LockBuf(buffer));
-  for (std::uint32_t y = 0; y < box.height; ++y, to += rowBytes) {
-    if (isMask) {
-      CopyMaskRow(plane, box, box.y + y, to);
-    } else {
-      CopyRow(plane, box, box.y + y, to);
-    }
+  try {
+    fill(static_cast<std::uint8_t*>(memory.LockBuf(buffer)));
+  } catch (...) {
+    failure = std::current_exception();
+    *error = KelErrAborted;
   }
   memory.UnlockBuf(buffer);
   return buffer;
 }
 
-Bytes TileEncoder::State::TakeWritten() {
-  stream.flushWriteBuffer();
-  if (outOfMemory) throw Error(Failure::kMemory, "out of memory for the coded bytes");
-  return std::exchange(written, {});
+KelLong TileEncoder::State::CountInterleaved(void* client) {
+  return static_cast<KelLong>(static_cast<State*>(client)->image.planes.size());
 }
 
-TileEncoder::TileEncoder(const Image& image, const EncodeParams& params, int quality) {
+KelBufID_I* TileEncoder::State::FetchTile(void* client, KelLong tile, KelLong* error) {
+  auto& self = *static_cast<State*>(client);
+  const auto& planes = self.image.planes;
+  const TileBox box = BoxOf(self.object, 0, tile);
+  const std::uint64_t rowBytes =
+      PackedRowBytes(std::uint64_t{box.width} * planes.size(), planes[0].Depth());
+  return self.MakeBuffer(rowBytes, box, error,
+                         [&](std::uint8_t* to) { self.samples.Copy(0, box, to); });
+}
+
+KelBufID_I* TileEncoder::State::FetchTileComponent(void* client, KelLong component, KelLong tile,
+                                                   KelLong* error) {
+  auto& self = *static_cast<State*>(client);
+  const auto index = static_cast<std::size_t>(component);
+  const TileBox box = BoxOf(self.object, component, tile);
+  if (index < self.image.planes.size()) {
+    return self.MakeBuffer(PackedRowBytes(box.width, self.image.planes[index].Depth()), box, error,
+                           [&](std::uint8_t* to) { self.samples.Copy(index, box, to); });
+  }
+  return self.MakeBuffer(box.width, box, error, [&](std::uint8_t* to) {
+    for (std::uint32_t y = 0; y < box.height; ++y, to += box.width) {
+      CopyMaskRow(*self.mask, box, box.y + y, to);
+    }
+  });
+}
+
+void TileEncoder::State::Flush() {
+  stream.flushWriteBuffer();
+  if (failure) std::rethrow_exception(failure);
+}
+
+TileEncoder::TileEncoder(const Image& image, TileSamples& samples, const EncodeParams& params,
+                         int quality) {
   RequireSession();
-  state_ = std::make_unique<State>(image, params, quality);
+  state_ = std::make_unique<State>(image, samples, params, quality);
   State& state = *state_;
   Check(state.object.InitEncoder(state.options.Get(), &state.stream, &state.clientProcs),
         state.object, Failure::kParameter);
-  state.headers = state.TakeWritten();
+  state.Flush();
+  state.headers = state.written;
 }
 
 TileEncoder::~TileEncoder() = default;
@@ -235,10 +264,13 @@ KelImage& TileEncoder::Object() {
   return state_->object;
 }
 
-Bytes TileEncoder::EncodeTile(std::size_t tile) {
-  Check(state_->object.CompressAndWriteTile(static_cast<KelLong>(tile), nullptr), state_->object,
-        Failure::kParameter);
-  return state_->TakeWritten();
+ByteView TileEncoder::EncodeTile(std::size_t tile) {
+  state_->written.clear();
+  const KelLong code = state_->object.CompressAndWriteTile(static_cast<KelLong>(tile), nullptr);
+  if (state_->failure) std::rethrow_exception(state_->failure);
+  Check(code, state_->object, Failure::kParameter);
+  state_->Flush();
+  return state_->written;
 }
 
 }  // namespace kel::host

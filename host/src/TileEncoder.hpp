@@ -12,14 +12,45 @@
 
 namespace kel::host {
 
+/// Left, top, width and height of a tile in the samples of one component.
+struct TileBox {
+  std::uint32_t x, y, width, height;
+};
+
+/// Where the samples of tiles come from. Used by all encoders of an image together.
+class TileSamples {
+ public:
+  virtual ~TileSamples() = default;
+  /// Whether Copy gives all components of a tile together, pixel after pixel.
+  virtual bool Interleaved() const = 0;
+  /// Writes the samples of a rectangle in the form that the library takes: bytes for a depth of 8,
+  /// words for 16, else packed bits; rows fill whole bytes. component is for single ones. May
+  /// throw.
+  virtual void Copy(std::size_t component, const TileBox& box, std::uint8_t* to) = 0;
+  /// Some tile will not be taken: nobody waits for that any longer.
+  virtual void Abandon() {}
+};
+
+/// The planes of an image that outlives this.
+class PlaneSamples final : public TileSamples {
+ public:
+  explicit PlaneSamples(const Image& image) : image_(image) {}
+  bool Interleaved() const override { return false; }
+  void Copy(std::size_t component, const TileBox& box, std::uint8_t* to) override;
+
+ private:
+  const Image& image_;
+};
+
 /// The parameters with every default filled in. Throws Error (kParameter) for an image or
 /// parameters that cannot be encoded.
 EncodeParams CheckedParams(const Image& image, const EncodeParams& params);
 
 class TileEncoder {
  public:
-  /// image and params, as CheckedParams returned them, outlive the encoder.
-  TileEncoder(const Image& image, const EncodeParams& params, int quality);
+  /// All of these, the parameters as CheckedParams returned them, outlive the encoder. The planes
+  /// of the image need not hold samples.
+  TileEncoder(const Image& image, TileSamples& samples, const EncodeParams& params, int quality);
   ~TileEncoder();
   TileEncoder(const TileEncoder&) = delete;
   TileEncoder& operator=(const TileEncoder&) = delete;
@@ -28,7 +59,8 @@ class TileEncoder {
   /// Boxes and main header.
   const Bytes& Headers() const;
   /// All tile-parts of a tile; the last tile's end with the end marker. Tiles in increasing order.
-  Bytes EncodeTile(std::size_t tile);
+  /// The bytes stand until the next call.
+  ByteView EncodeTile(std::size_t tile);
   KelImage& Object();
 
  private:

@@ -20,6 +20,7 @@
 #include "host/parallel.hpp"
 #include "host/pnm.hpp"
 #include "host/probe.hpp"
+#include "host/row_streams.hpp"
 #include "host/rows.hpp"
 #include "host/session.hpp"
 #include "host/streams.hpp"

@@ -4,6 +4,7 @@
 
 #include "image.hpp"
 #include "parallel.hpp"
+#include "row_streams.hpp"
 #include "streams.hpp"
 
 namespace kel::host {
@@ -39,6 +40,10 @@ struct EncodeReport {
 /// size that the grid and its steps give. Throws Error: kParameter for an image or parameters that
 /// are not allowed, kMemory, kOutput.
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink);
+
+/// The same of rows, of which no more than two rows of tiles stand in memory (one with one thread).
+/// A sizeLimit takes several trials, and so the whole picture.
+EncodeReport Encode(RowSource& rows, const EncodeParams& params, Sink& sink);
 
 /// What a decoder will make of the image encoded with these parameters, without encoding it.
 /// Samples of 8 bits are what decoding delivers, but for the rounding of few; those of other

@@ -35,6 +35,9 @@ class Plane {
   Plane() = default;
   /// All samples zero. Throws Error (kParameter) for a depth outside 1 to 32.
   Plane(std::uint32_t width, std::uint32_t height, unsigned depth);
+  /// A plane that tells its size and depth and holds no samples, for descriptions of images whose
+  /// rows come one after another. Throws as above.
+  static Plane WithoutSamples(std::uint32_t width, std::uint32_t height, unsigned depth);
 
   std::uint32_t Width() const { return width_; }
   std::uint32_t Height() const { return height_; }
@@ -64,6 +67,9 @@ class Plane {
   std::uint32_t xStep = 1, yStep = 1;
 
  private:
+  struct Shape {};
+  Plane(std::uint32_t width, std::uint32_t height, unsigned depth, Shape);
+
   std::uint32_t width_ = 0, height_ = 0;
   unsigned depth_ = 8;
   std::size_t stride_ = 0;
@@ -118,6 +124,15 @@ struct Image {
 /// its samples would exceed the session's limit.
 Image MakeImage(std::uint32_t width, std::uint32_t height, unsigned numColours, unsigned depth,
                 bool withOpacity = false);
+
+/// The same without samples, of any size.
+Image DescribeNewImage(std::uint32_t width, std::uint32_t height, unsigned numColours,
+                       unsigned depth, bool withOpacity = false);
+
+/// Everything of an image but its samples.
+void CopyDescription(const Image& from, Image& to);
+/// Gives every plane of a described image its samples, all zero. Throws as MakeImage.
+void MakeSamples(Image& image);
 
 /// Number of colour planes.
 unsigned NumColours(const Image& image);

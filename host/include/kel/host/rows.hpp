@@ -1,12 +1,14 @@
-// Rows of samples as files hold them: pixel after pixel, or packed without gaps, most significant
-// bit first. PBM and TIFF files and the library's own sample buffers pack depths that do not fill
-// whole bytes.
+// What happens to rows of samples on their way between images, files and the library: joining and
+// splitting of pixels, byte order, depth, and packing without gaps, as PBM and TIFF files and the
+// library do it with depths that do not fill whole bytes.
+//
+// Leaf functions over plain arrays, written so that the compiler makes vectors of them. Sample is
+// std::uint8_t, std::uint16_t or std::uint32_t.
 #ifndef KEL_HOST_ROWS_HPP
 #define KEL_HOST_ROWS_HPP
 
+#include <cstddef>
 #include <cstdint>
-
-#include "image.hpp"
 
 namespace kel::host {
 
@@ -14,70 +16,39 @@ inline std::uint64_t PackedRowBytes(std::uint64_t samples, unsigned depth) {
   return (samples * depth + 7) / 8;
 }
 
-/// Writes samples of up to 32 bits one after another; Finish fills the last byte with zero bits.
-class PackedRowWriter {
- public:
-  explicit PackedRowWriter(std::uint8_t* to) : to_(to) {}
-  void Put(std::uint32_t value, unsigned depth) {
-    pending_ = pending_ << depth | value;
-    for (pendingBits_ += depth; pendingBits_ >= 8; pendingBits_ -= 8) {
-      *to_++ = static_cast<std::uint8_t>(pending_ >> (pendingBits_ - 8));
-    }
-  }
-  void Finish() {
-    if (pendingBits_ != 0) *to_++ = static_cast<std::uint8_t>(pending_ << (8 - pendingBits_));
-    pendingBits_ = 0;
-  }
+/// pixels[x * channels + c] = planes[c][x].
+template <class Sample>
+void JoinSamples(const Sample* const* planes, std::size_t channels, std::size_t width,
+                 Sample* pixels);
 
- private:
-  std::uint8_t* to_;
-  std::uint64_t pending_ = 0;  // its low pendingBits_ bits, at most 7 between calls
-  unsigned pendingBits_ = 0;
-};
+/// The reverse of JoinSamples.
+template <class Sample>
+void SplitSamples(const Sample* pixels, std::size_t channels, std::size_t width,
+                  Sample* const* planes);
 
-/// Reads what a PackedRowWriter wrote.
-class PackedRowReader {
- public:
-  explicit PackedRowReader(const std::uint8_t* from) : from_(from) {}
-  std::uint32_t Get(unsigned depth) {
-    for (; pendingBits_ < depth; pendingBits_ += 8) pending_ = pending_ << 8 | *from_++;
-    pendingBits_ -= depth;
-    return static_cast<std::uint32_t>(pending_ >> pendingBits_) & (UINT32_MAX >> (32 - depth));
-  }
+/// Exchanges the bytes of every word.
+void SwapBytes(std::uint16_t* words, std::size_t count);
+/// From big-endian words to the machine's, or back.
+void SwapBigEndian(std::uint16_t* words, std::size_t count);
 
- private:
-  const std::uint8_t* from_;
-  std::uint64_t pending_ = 0;  // its low pendingBits_ bits, at most 7 between calls
-  unsigned pendingBits_ = 0;
-};
+void ShiftDown(std::uint16_t* words, std::size_t count, unsigned bits);
 
-/// Spreads a row of pixels, one value per plane each, over the planes of an image of full size.
-template <class Value>
-void SplitRow(const Value* pixels, Image& image, std::uint32_t y) {
-  const std::size_t channels = image.planes.size();
-  for (std::size_t c = 0; c < channels; ++c) {
-    WithSampleType(image.planes[c].BytesPerSample(), [&](auto sample) {
-      auto* row = image.planes[c].Row<decltype(sample)>(y);
-      for (std::size_t x = 0; x < image.width; ++x) {
-        row[x] = static_cast<decltype(sample)>(pixels[x * channels + c]);
-      }
-    });
-  }
-}
+/// Largest of the samples; 0 for none.
+template <class Sample>
+Sample Largest(const Sample* samples, std::size_t count);
 
-/// The reverse of SplitRow.
-template <class Value>
-void JoinRow(const Image& image, std::uint32_t y, Value* pixels) {
-  const std::size_t channels = image.planes.size();
-  for (std::size_t c = 0; c < channels; ++c) {
-    WithSampleType(image.planes[c].BytesPerSample(), [&](auto sample) {
-      const auto* row = image.planes[c].Row<decltype(sample)>(y);
-      for (std::size_t x = 0; x < image.width; ++x) {
-        pixels[x * channels + c] = static_cast<Value>(row[x]);
-      }
-    });
-  }
-}
+/// samples[i] = (samples[i] * to + from / 2) / from, for largest values below 2^16. What is above
+/// `from` comes out above `to` or cut to the sample's bits.
+template <class Sample>
+void Rescale(Sample* samples, std::size_t count, std::uint32_t from, std::uint32_t to);
+
+/// Samples of `depth` bits one after another, most significant bit first; the last byte is filled
+/// with zero bits. Depths of the sample's own size are words in the machine's order.
+template <class Sample>
+void PackSamples(const Sample* samples, std::size_t count, unsigned depth, std::uint8_t* packed);
+/// The reverse of PackSamples.
+template <class Sample>
+void UnpackSamples(const std::uint8_t* packed, std::size_t count, unsigned depth, Sample* samples);
 
 }  // namespace kel::host
 

@@ -1,0 +1,62 @@
+// Tiles cut out of the rows of a picture that is read from top to bottom, without holding it: a
+// band of rows stands in memory for every row of tiles at work.
+#ifndef KEL_HOST_ROW_BANDS_HPP
+#define KEL_HOST_ROW_BANDS_HPP
+
+#include <array>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+
+#include "TileEncoder.hpp"
+#include "kel/host/row_streams.hpp"
+#include "kel/host/session.hpp"
+
+namespace kel::host {
+
+/// The workers that encode tiles read the bands themselves, one at a time: a band when its first
+/// tile is wanted, and where there are several workers the one below it then, so that reading and
+/// coding go on side by side. Every tile is copied once; a band whose tiles all have been makes
+/// room for the next.
+class RowBands final : public TileSamples {
+ public:
+  /// source outlives this. Throws Error (kMemory) beyond the session's limit.
+  RowBands(RowSource& source, const EncodeParams& params);
+  bool Interleaved() const override { return true; }
+  void Copy(std::size_t, const TileBox& box, std::uint8_t* to) override;
+  void Abandon() override;
+
+ private:
+  struct Band {
+    std::size_t index = SIZE_MAX;  ///< SIZE_MAX: free to be read into
+    std::size_t numCopied = 0;
+    std::unique_ptr<std::uint8_t[]> rows;
+  };
+  using Lock = std::unique_lock<std::mutex>;
+
+  Band& BandOf(std::size_t index) { return bands_[index % numBands_]; }
+  /// Waits for a band, or reads it.
+  const Band& Ready(std::size_t index);
+  /// Whether the caller can read this band now, and is the one to do it.
+  bool ClaimReading(std::size_t index, const Lock&);
+  /// Reads a claimed band.
+  void ReadClaimed(std::size_t index);
+  /// A tile as wide as the picture, straight from the source.
+  void ReadTile(const TileBox& box, std::uint8_t* to);
+
+  RowSource& source_;
+  const std::uint32_t width_, height_, bandHeight_;
+  const std::size_t tilesAcross_, numBands_, rowBytes_;
+  std::array<Band, 2> bands_;
+  MemoryReservation room_;
+
+  std::mutex mutex_;  ///< of what follows, and of the bands' numbers
+  std::condition_variable changed_;
+  bool reading_ = false;
+  std::size_t nextBand_ = 0;
+  std::exception_ptr failure_;
+};
+
+}  // namespace kel::host
+
+#endif
