@@ -34,7 +34,9 @@ ResolutionRecord ResolutionOf(const Box& box, int widthExp, int heightExp) {
 /// A tile with hand-made records, as laying it out would leave them.
 struct Tile {
   TileRecord record{};
+  DecTile decTile{};
   std::vector<TileCompRecord> comps;
+  std::vector<DecTileComp> decComps;
   std::vector<std::vector<ResolutionRecord>> resolutions;
   KelCodingStyle style{};
   KelProgressionChanges changes{};
@@ -48,10 +50,12 @@ struct Tile {
     const auto exponent = [&] { return pick(0, 3) == 0 ? kWholePrecinct : pick(1, 4); };
     record.box = {pick(0, 9), pick(10, 40), pick(0, 9), pick(10, 40)};
     comps.resize(std::size_t(pick(1, 4)));
+    decComps.resize(comps.size());
     resolutions.resize(comps.size());
     const int numLevels = pick(0, 3);
     for (std::size_t c = 0; c < comps.size(); ++c) {
       const int across = c == 0 ? 1 : pick(1, 3), down = c == 0 ? 1 : pick(1, 3);
+      comps[c].dec = &decComps[c];
       comps[c].tileGeom.XRsiz = across;
       comps[c].tileGeom.YRsiz = down;
       const Box box = {CeilDiv(record.box.x0, across), CeilDiv(record.box.x1, across),
@@ -65,13 +69,14 @@ struct Tile {
     style.numLayers = pick(1, 3);
     style.progressionOrder = pick(0, 4);
     record.comps = comps.data();
-    record.params.style = &style;
-    record.params.changes = &changes;
+    record.dec = &decTile;
+    record.dec->params.style = &style;
+    record.dec->params.changes = &changes;
   }
   void SetResolutions(std::size_t c, const std::vector<ResolutionRecord>& all) {
     resolutions[c] = all;
-    comps[c].numLevels = static_cast<int>(all.size()) - 1;
-    comps[c].resolutions = resolutions[c].data();
+    comps[c].dec->numLevels = static_cast<int>(all.size()) - 1;
+    comps[c].dec->resolutions = resolutions[c].data();
   }
   int NumComps() const { return static_cast<int>(comps.size()); }
   const auto& Grid(int c, int r) const {
@@ -83,7 +88,7 @@ struct Tile {
     const auto& grid = Grid(c, r);
     const std::int64_t column = p % grid.across, row = p / grid.across;
     const auto edge = [&](std::int64_t i, int exponent, int sub) {
-      return (i << (comp.numLevels - r + exponent)) * sub;
+      return (i << (comp.dec->numLevels - r + exponent)) * sub;
     };
     return {
         column == 0 ? record.box.x0
@@ -104,7 +109,7 @@ struct Tile {
     changes = {1, count, rs.data(), cs.data(), ly.data(), re.data(), ce.data(), order.data(), 1};
   }
   ~Tile() {
-    ReleasePacketWalk(record.walk);
+    ReleasePacketWalk(record.dec->walk);
     for (auto& comp : resolutions) {
       for (ResolutionRecord& resolution : comp) {
         if (resolution.pages == nullptr) continue;
@@ -145,7 +150,7 @@ Packets ExpectedOfEntry(const Tile& tile, const ProgressionEntry& e) {
 /// The entries that a tile's changes mean, and their packets without those met before.
 Packets Expected(const Tile& tile, const Packets& handled = {}) {
   std::vector<ProgressionEntry> entries;
-  const int resolutions = tile.comps[0].numLevels + 1;
+  const int resolutions = tile.comps[0].dec->numLevels + 1;
   for (int i = 0; i < tile.changes.count; ++i) {
     const auto k = std::size_t(i);
     const int ce = tile.ce[k] == 0 ? tile.NumComps() : tile.ce[k];
@@ -186,17 +191,17 @@ TEST_F(PacketWalks, EveryOrderAndChange) {
   for (int round = 0; round < 1500; ++round) {
     Tile tile(random);
     if (round % 3 != 0) tile.SetChanges(random, round % 4);
-    tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
+    tile.record.dec->walk = MakePacketWalk(tile.record, tile.NumComps());
     const Packets expected = Expected(tile);
     if (round % 2 == 0) {
-      ASSERT_EQ(Walk(*tile.record.walk), expected)
+      ASSERT_EQ(Walk(*tile.record.dec->walk), expected)
           << "order " << tile.style.progressionOrder << " round " << round;
       continue;
     }
-    const Packets handled = Walk(*tile.record.walk, random() % 40);
+    const Packets handled = Walk(*tile.record.dec->walk, random() % 40);
     tile.SetChanges(random, 1 + round % 3);
-    ReplaceProgression(*tile.record.walk);
-    ASSERT_EQ(Walk(*tile.record.walk), Expected(tile, handled)) << "round " << round;
+    ReplaceProgression(*tile.record.dec->walk);
+    ASSERT_EQ(Walk(*tile.record.dec->walk), Expected(tile, handled)) << "round " << round;
   }
 }
 
@@ -207,13 +212,14 @@ TEST_F(PacketWalks, AnEmptyTilePartIsAComponentsTurn) {
   while (!made || made->NumComps() < 3) made.emplace(random);
   Tile& tile = *made;
   tile.style.progressionOrder = KelCPRL;
-  tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-  PassEmptyTilePart(*tile.record.walk);
-  EXPECT_EQ(CurrentPacket(*tile.record.walk)->component, 1);
-  while (CurrentPacket(*tile.record.walk)->component == 1) PacketHandled(*tile.record.walk);
-  EXPECT_EQ(CurrentPacket(*tile.record.walk)->component, 2);
-  PassEmptyTilePart(*tile.record.walk);
-  const PacketId* at = CurrentPacket(*tile.record.walk);
+  tile.record.dec->walk = MakePacketWalk(tile.record, tile.NumComps());
+  PassEmptyTilePart(*tile.record.dec->walk);
+  EXPECT_EQ(CurrentPacket(*tile.record.dec->walk)->component, 1);
+  while (CurrentPacket(*tile.record.dec->walk)->component == 1)
+    PacketHandled(*tile.record.dec->walk);
+  EXPECT_EQ(CurrentPacket(*tile.record.dec->walk)->component, 2);
+  PassEmptyTilePart(*tile.record.dec->walk);
+  const PacketId* at = CurrentPacket(*tile.record.dec->walk);
   EXPECT_TRUE(at == nullptr || at->component == 3);
 }
 
@@ -232,13 +238,13 @@ TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
     const auto start = std::chrono::steady_clock::now();
     for (int round = 0; round < 200; ++round) {
       tile.style.progressionOrder = round % 5;
-      tile.record.walk = MakePacketWalk(tile.record, tile.NumComps());
-      const PacketId* at = CurrentPacket(*tile.record.walk);
+      tile.record.dec->walk = MakePacketWalk(tile.record, tile.NumComps());
+      const PacketId* at = CurrentPacket(*tile.record.dec->walk);
       ASSERT_EQ(at != nullptr, !box.IsEmpty());
       for (int c = 0; at != nullptr && round % 5 == KelCPRL && c < tile.NumComps(); ++c) {
-        PassEmptyTilePart(*tile.record.walk);
+        PassEmptyTilePart(*tile.record.dec->walk);
       }
-      ReleasePacketWalk(tile.record.walk);
+      ReleasePacketWalk(tile.record.dec->walk);
     }
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     EXPECT_LT(seconds.count(), 1.0) << (box.IsEmpty() ? "no samples" : "one resolution");
@@ -251,8 +257,8 @@ TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
   tile.SetChanges(random, 2);
   tile.rs = {0, 0}, tile.re = {1, 1}, tile.cs = {1, 1}, tile.ce = {2, 2}, tile.ly = {1, 1};
   tile.order = {KelRPCL, KelRPCL};
-  tile.record.walk = MakePacketWalk(tile.record, 2);
-  EXPECT_EQ(Walk(*tile.record.walk), (Packets{{0, 0, 1, 0}}));
+  tile.record.dec->walk = MakePacketWalk(tile.record, 2);
+  EXPECT_EQ(Walk(*tile.record.dec->walk), (Packets{{0, 0, 1, 0}}));
 }
 
 }  // namespace

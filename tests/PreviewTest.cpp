@@ -115,14 +115,14 @@ std::vector<std::vector<Plane>> DecodeTiles(const Bytes& file, int reduction,
   const KelLong count = state.map.numComps;
   FrameRequest frame(std::vector<KelLong>(static_cast<std::size_t>(count), 8));
   std::fill(frame.inBits.begin(), frame.inBits.end(), 0);
-  std::fill_n(state.map.reductions, count, reduction);
+  std::fill_n(state.map.dec->reductions, count, reduction);
   EXPECT_EQ(kel::GetNextFrame(state, &block, skipConversion, false, &frame.data), KelOK);
   for (KelLong t = 0; t < state.map.numTiles; ++t) {
     tiles.emplace_back();
     for (KelLong c = 0; c < count; ++c) {
       const kel::TileCompRecord& record = state.map.tiles[t].comps[c];
-      tiles.back().push_back(
-          SamplesOf(record.outputImage, 8, static_cast<KelLong>(record.resolutionBox.Width())));
+      tiles.back().push_back(SamplesOf(record.outputImage, 8,
+                                       static_cast<KelLong>(record.dec->resolutionBox.Width())));
     }
   }
   kel::ReleaseState(handle);

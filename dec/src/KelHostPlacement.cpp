@@ -15,7 +15,7 @@ Box DecodedImageBox(const ImageMap& map, std::int32_t component) {
   const KelLong yr = g.YRsiz[component];
   return ReduceBox(
       {CeilDiv(g.XOsiz, xr), CeilDiv(g.Xsiz, xr), CeilDiv(g.YOsiz, yr), CeilDiv(g.Ysiz, yr)},
-      map.reductions[component]);
+      map.dec->reductions[component]);
 }
 
 /// A box inside an image of the given size, after rotating the image.
@@ -43,7 +43,7 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
   if (channel.buffer == nullptr || !channel.hasFormat || !isWhole) return {};
 
   const Box image = DecodedImageBox(map, c);
-  const Box& box = record.resolutionBox;
+  const Box& box = record.dec->resolutionBox;
   if (box.IsEmpty() || box.x0 < image.x0 || box.x1 > image.x1 || box.y0 < image.y0 ||
       box.y1 > image.y1) {
     return {};

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "KelDecMap.h"
 #include "KelFrameRequest.h"
-#include "image/KelImageMap.h"
 
 namespace kel {
 

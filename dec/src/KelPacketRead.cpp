@@ -8,6 +8,7 @@
 
 #include "KelBlockDecode.h"
 #include "KelPacketWalk.h"
+#include "KelTileLayout.h"
 #include "base/KelRaise.h"
 
 namespace kel {
@@ -43,14 +44,14 @@ bool AtPartEnd(PartReading& part) {
 /// when it needs bytes behind the end of the data.
 bool DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
                 const PacketId& at, std::int64_t bandEnd) {
-  BandRecord& band = record.bands[b];
-  const GridPartition& precincts = record.resolutions[at.resolution].precincts;
+  BandRecord& band = record.dec->bands[b];
+  const GridPartition& precincts = record.dec->resolutions[at.resolution].precincts;
   const bool isLowest = at.resolution == 0;
   const int halving = isLowest ? 0 : 1;
   // Decoding fills a band that is one precinct; otherwise it is filled with zeros first.
   if (precincts.Count() > 1) EnsureBandFilled(record, b, cells);
 
-  const KelCodingStyle& style = *record.params.style;
+  const KelCodingStyle& style = *record.dec->params.style;
   const Box box = PrecinctOfBand(band.box, precincts, at.precinct, isLowest);
   const BandBlocks blocks = {
       static_cast<std::int32_t>(box.x0),
@@ -59,9 +60,9 @@ bool DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells
       static_cast<std::int32_t>(box.y1),
       static_cast<std::uint8_t>(std::min(style.blockWidthExp, precincts.widthExp - halving)),
       static_cast<std::uint8_t>(std::min(style.blockHeightExp, precincts.heightExp - halving)),
-      cells + (band.row + box.y0 - band.box.y0) * record.rowStride + band.column + box.x0 -
+      cells + (band.row + box.y0 - band.box.y0) * record.dec->rowStride + band.column + box.x0 -
           band.box.x0,
-      static_cast<std::ptrdiff_t>(record.rowStride)};
+      static_cast<std::ptrdiff_t>(record.dec->rowStride)};
   const SignLayout layout =
       style.cbInterleavedSigns != 0 ? SignLayout::kInterleavedSigns : SignLayout::kSeparateSigns;
 
@@ -146,7 +147,7 @@ bool HandlePacket(const PartReading& part, TileCompRecord& record, const PacketI
   for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
     lengthBytes = lengthBytes << 8 | data.PeekByte(k);
   }
-  const bool isWanted = at.resolution <= record.decodeRes && lengthBytes != 0;
+  const bool isWanted = at.resolution <= record.dec->decodeRes && lengthBytes != 0;
   // A length that points behind the tile-part is damaged. The bands need not be: they tell
   // themselves where they end.
   const std::uint64_t left = AsCount(part.end - data.GetPosition() - std::int64_t{kLengthBytes});
@@ -166,14 +167,14 @@ bool HandlePacket(const PartReading& part, TileCompRecord& record, const PacketI
     data.SkipForward(kLengthBytes);
     const bool isWhole = DecodePacketBands(data, record, at, lengthBytes);
     if (!isWhole && !part.endIsChecked) {
-      part.tile.progress.isChanged = true;
+      part.tile.dec->progress.isChanged = true;
       data.MoveTo(start);
       return false;
     }
   } else {
     data.SkipForward(packetBytes);
   }
-  record.decodedBytes += packetBytes;
+  record.dec->decodedBytes += packetBytes;
   return true;
 }
 
@@ -195,24 +196,24 @@ BoundaryCheck CheckBoundary(KelDecDataMgr& data, std::int64_t position) {
 }
 
 PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile) {
-  TileProgress& progress = tile.progress;
+  TileProgress& progress = tile.dec->progress;
   PartReading part{data, tile, progress.partStart + progress.partLength, false,
                    progress.partLength == 0};
   bool isEmpty = !progress.partIsOpen;
   progress.partIsOpen = true;
   progress.resumePosition = data.GetPosition();
-  while (const PacketId* at = CurrentPacket(*tile.walk)) {
+  while (const PacketId* at = CurrentPacket(*tile.dec->walk)) {
     if (AtPartEnd(part)) {
       // The end of the data ends the tile-part only where its length says so.
       const bool dataEnded = data.EnsureBuffered(2) != kBufferedOk;
       if (dataEnded && (progress.partLength == 0 || data.GetPosition() != part.end)) {
         return PartEnd::kCutOff;
       }
-      if (isEmpty) PassEmptyTilePart(*tile.walk);
+      if (isEmpty) PassEmptyTilePart(*tile.dec->walk);
       return PartEnd::kPartEnded;
     }
     if (!HandlePacket(part, tile.comps[at->component], *at)) return PartEnd::kCutOff;
-    PacketHandled(*tile.walk);
+    PacketHandled(*tile.dec->walk);
     progress.resumePosition = data.GetPosition();
     progress.isChanged = true;
     isEmpty = false;

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "KelDecDataMgr.h"
-#include "image/KelImageMap.h"
+#include "KelDecMap.h"
 
 namespace kel {
 
@@ -20,8 +20,8 @@ enum class PartEnd : std::uint8_t {
   kCutOff         ///< the next packet has not arrived whole; the reader stands on it if it can
 };
 
-/// Reads the packets of the tile-part that tile.progress describes, from the read position on, and
-/// keeps the progress. The tile has been laid out and has a walk. Raises 8.
+/// Reads the packets of the tile-part that tile.dec->progress describes, from the read position on,
+/// and keeps the progress. The tile has been laid out and has a walk. Raises 8.
 PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile);
 
 /// Whether a position is where a tile-part may end: on SOT, EOC or the end of the data. Looks only

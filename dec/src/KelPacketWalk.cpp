@@ -30,12 +30,12 @@ const ProgressionEntry& Entry(const PacketWalk& walk) {
 
 ResolutionRecord& ResolutionOf(const PacketWalk& walk, std::int32_t component,
                                std::int32_t resolution) {
-  return walk.tile->comps[component].resolutions[resolution];
+  return walk.tile->comps[component].dec->resolutions[resolution];
 }
 
 std::int64_t PrecinctCount(const PacketWalk& walk, std::int32_t component,
                            std::int32_t resolution) {
-  if (resolution > walk.tile->comps[component].numLevels) return 0;
+  if (resolution > walk.tile->comps[component].dec->numLevels) return 0;
   return ResolutionOf(walk, component, resolution).precincts.Count();
 }
 
@@ -246,8 +246,8 @@ std::int64_t CornerOnCanvas(std::int64_t index, std::int64_t first, int exponent
 
 void PlaceItem(const PacketWalk& walk, PositionItem& item) {
   const TileCompRecord& record = walk.tile->comps[item.component];
-  const GridPartition& grid = record.resolutions[item.resolution].precincts;
-  const int levelsBelow = record.numLevels - item.resolution;
+  const GridPartition& grid = record.dec->resolutions[item.resolution].precincts;
+  const int levelsBelow = record.dec->numLevels - item.resolution;
   item.x = CornerOnCanvas(item.precinct % grid.across, grid.firstColumn, grid.widthExp,
                           walk.tile->box.x0, record.tileGeom.XRsiz, levelsBelow);
   item.y = CornerOnCanvas(item.precinct / grid.across, grid.firstRow, grid.heightExp,
@@ -332,8 +332,8 @@ void FindPacket(PacketWalk& walk) {
 
 /// The entries of the tile's progression changes, or the one of its coding style.
 OwnedArray<ProgressionEntry> MakeEntries(const PacketWalk& walk) {
-  const KelCodingStyle& style = *walk.tile->params.style;
-  const KelProgressionChanges* changes = walk.tile->params.changes;
+  const KelCodingStyle& style = *walk.tile->dec->params.style;
+  const KelProgressionChanges* changes = walk.tile->dec->params.changes;
   const std::int32_t resolutions = walk.maxLevel + 1;
   if (changes == nullptr || changes->present == 0 || changes->count == 0) {
     auto entries = OwnedArray<ProgressionEntry>::Make(1);
@@ -388,7 +388,7 @@ PacketWalk* MakePacketWalk(TileRecord& tile, std::int32_t numComps) {
   ScopeGuard release([&] { ReleasePacketWalk(walk); });
   walk->tile = &tile;
   walk->numComps = numComps;
-  walk->maxLevel = tile.comps[0].numLevels;
+  walk->maxLevel = tile.comps[0].dec->numLevels;
   ListActive(*walk);
   SetEntries(*walk, MakeEntries(*walk));
   walk->keepsCounters = walk->numEntries > 1;

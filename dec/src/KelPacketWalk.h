@@ -18,7 +18,7 @@
 
 #include <cstdint>
 
-#include "image/KelImageMap.h"
+#include "KelDecMap.h"
 
 namespace kel {
 

@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "KelHostPlacement.h"
+#include "KelTileLayout.h"
 #include "base/KelRaise.h"
 #include "samples/KelCompTransform.h"
 #include "samples/KelImageDataAccess.h"
@@ -36,7 +37,7 @@ ChannelRequest ChannelOf(const FrameRequest& request, std::int32_t component) {
 }
 
 bool IsIrreversible(const TileCompRecord& record) {
-  return record.params.style->irreversible != 0;
+  return record.dec->params.style->irreversible != 0;
 }
 
 /// A locked coefficient plane; every band of it holds values.
@@ -46,13 +47,13 @@ class Coefficients {
     EnsureCoefficients(record);
     lock_ = BufferLock(record.waveletData->ImageBuffer);
     if (!lock_) Raise(KelErrNoMemory, kModuleImageMap);
-    for (int b = 0; b < NumSubbands(record.decodeRes); ++b) {
+    for (int b = 0; b < NumSubbands(record.dec->decodeRes); ++b) {
       EnsureBandFilled(record, b, lock_.As<std::int32_t>());
     }
   }
   CoefficientPlane Plane() const {
-    return {lock_.As<const std::int32_t>(), static_cast<std::size_t>(record_.rowStride),
-            record_.resolutionBox, record_.decodeRes};
+    return {lock_.As<const std::int32_t>(), static_cast<std::size_t>(record_.dec->rowStride),
+            record_.dec->resolutionBox, record_.dec->decodeRes};
   }
   /// The plane when its values are not needed again.
   CoefficientPlane ConsumablePlane() const {
@@ -71,8 +72,9 @@ struct Steps {
   float values[kMaxSubbands];
 
   Steps(const ImageMap& map, const TileCompRecord& record) {
-    MakeDecoderSteps(StepsSaid(*record.params.quant),
-                     map.geometry->BitDepths[record.tileGeom.Component], record.numLevels, values);
+    MakeDecoderSteps(StepsSaid(*record.dec->params.quant),
+                     map.geometry->BitDepths[record.tileGeom.Component], record.dec->numLevels,
+                     values);
   }
 };
 
@@ -80,9 +82,9 @@ struct Steps {
 class SamplePlane {
  public:
   SamplePlane(const TileCompRecord& record, KelLong sampleBytes)
-      : width_(record.resolutionBox.Width()),
-        stride_(record.rowStride),
-        height_(record.resolutionBox.Height()),
+      : width_(record.dec->resolutionBox.Width()),
+        stride_(record.dec->rowStride),
+        height_(record.dec->resolutionBox.Height()),
         sampleBytes_(sampleBytes),
         buffer_(OwnedBuffer::MakeAligned(PlaneBytes(stride_, height_, sampleBytes))),
         lock_(buffer_.Get()) {
@@ -127,33 +129,33 @@ class Delivery {
         tile_(tile),
         scratch_(scratch),
         isPlain8Bit_(AsksPlain8Bit(request_, context.map.numComps) && request_.orientation == 0),
-        transformIsCoded_(tile.params.style->componentTransform != 0) {}
+        transformIsCoded_(tile.dec->params.style->componentTransform != 0) {}
 
   void Run() {
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) Clear(tile_.comps[c]);
     if (TakesColorRoute()) DeliverColors();
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
-      if (!tile_.comps[c].frameDone && TakesDirectRoute(tile_.comps[c])) {
+      if (!tile_.comps[c].dec->frameDone && TakesDirectRoute(tile_.comps[c])) {
         DeliverDirect(tile_.comps[c]);
       }
     }
     if (TakesInverseTransform()) DeliverTriple();
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
-      if (!tile_.comps[c].frameDone) DeliverAlone(tile_.comps[c]);
+      if (!tile_.comps[c].dec->frameDone) DeliverAlone(tile_.comps[c]);
     }
   }
 
  private:
   static void Clear(TileCompRecord& record) {
     if (record.outputImage == nullptr) record.outputImage = NewImage();
-    record.frameDone = record.resolutionBox.IsEmpty();
+    record.dec->frameDone = record.dec->resolutionBox.IsEmpty();
     record.dataReady = record.dataValid = false;
   }
 
   // ---- Routes ----
 
   bool IsPlainByteComponent(const TileCompRecord& record) const {
-    return record.sampleDepth == 8 && !record.resolutionBox.IsEmpty();
+    return record.dec->sampleDepth == 8 && !record.dec->resolutionBox.IsEmpty();
   }
 
   /// The components of colours 1 to 3.
@@ -167,7 +169,8 @@ class Delivery {
     const TileCompRecord& first = Color(0);
     for (int i = 0; i < 3; ++i) {
       const TileCompRecord& other = Color(i);
-      if (other.resolutionBox.IsEmpty() || !(other.resolutionBox == first.resolutionBox) ||
+      if (other.dec->resolutionBox.IsEmpty() ||
+          !(other.dec->resolutionBox == first.dec->resolutionBox) ||
           IsIrreversible(other) != IsIrreversible(first) ||
           other.tileGeom.BitDepth != first.tileGeom.BitDepth ||
           other.tileGeom.XRsiz != first.tileGeom.XRsiz ||
@@ -183,12 +186,12 @@ class Delivery {
     if (!transformIsCoded_ && !context_.forceComponentTransform) return false;
     return Color(0).tileGeom.XRsiz == 1 && Color(0).tileGeom.YRsiz == 1 &&
            std::all_of(tile_.comps, tile_.comps + context_.map.numComps,
-                       [](const TileCompRecord& record) { return record.sampleDepth == 8; });
+                       [](const TileCompRecord& record) { return record.dec->sampleDepth == 8; });
   }
 
   bool TakesInverseTransform() const {
-    return !request_.skipConversion && transformIsCoded_ && ColorsMatch() && !Color(0).frameDone &&
-           !Color(1).frameDone && !Color(2).frameDone;
+    return !request_.skipConversion && transformIsCoded_ && ColorsMatch() &&
+           !Color(0).dec->frameDone && !Color(1).dec->frameDone && !Color(2).dec->frameDone;
   }
 
   bool TakesDirectRoute(const TileCompRecord& record) const {
@@ -203,7 +206,7 @@ class Delivery {
     // Alignment only matters where there is something to synthesise.
     const auto address = reinterpret_cast<std::uintptr_t>(channel.buffer);
     const auto stride = static_cast<std::uintptr_t>(channel.stride);
-    return record.decodeRes == 0 || (address | stride) % kDirectAlignment == 0;
+    return record.dec->decodeRes == 0 || (address | stride) % kDirectAlignment == 0;
   }
 
   // ---- Delivering ----
@@ -212,13 +215,13 @@ class Delivery {
     std::optional<Coefficients> coefficients[3];
     std::optional<SamplePlane> bytes[3];
     CoefficientPlane planes[3];
-    const bool isLast = tile_.progress.isComplete;
+    const bool isLast = tile_.dec->progress.isComplete;
     for (int i = 0; i < 3; ++i) {
       const Coefficients& of = coefficients[i].emplace(Color(i));
       planes[i] = isLast ? of.ConsumablePlane() : of.Plane();
     }
-    void* cells =
-        scratch_.Cells(InverseDwtScratchCells(Color(0).resolutionBox, MostLevels(), 3, isLast));
+    void* cells = scratch_.Cells(
+        InverseDwtScratchCells(Color(0).dec->resolutionBox, MostLevels(), 3, isLast));
     for (int i = 0; i < 3; ++i) bytes[i].emplace(Color(i), 1);
     const Rows<std::uint8_t> out[3] = {bytes[0]->RowsOf<std::uint8_t>(),
                                        bytes[1]->RowsOf<std::uint8_t>(),
@@ -239,7 +242,7 @@ class Delivery {
   }
 
   int MostLevels() const {
-    return std::max({Color(0).decodeRes, Color(1).decodeRes, Color(2).decodeRes});
+    return std::max({Color(0).dec->decodeRes, Color(1).dec->decodeRes, Color(2).dec->decodeRes});
   }
 
   void DeliverDirect(TileCompRecord& record) {
@@ -252,7 +255,7 @@ class Delivery {
     }
     record.outputImage->FreeImageBuffer();
     DescribeOutput(record);
-    record.frameDone = record.dataReady = true;
+    record.dec->frameDone = record.dataReady = true;
     ReleaseCoefficients(record);
   }
 
@@ -280,9 +283,9 @@ class Delivery {
                                    BufferLock(Color(1).outputImage->ImageBuffer),
                                    BufferLock(Color(2).outputImage->ImageBuffer)};
       if (!locks[0] || !locks[1] || !locks[2]) Raise(KelErrNoMemory, kModuleImageMap);
-      const Box& box = Color(0).resolutionBox;
+      const Box& box = Color(0).dec->resolutionBox;
       InverseComponentTransform({{locks[0].As<void>(), locks[1].As<void>(), locks[2].As<void>()},
-                                 static_cast<std::size_t>(Color(0).rowStride),
+                                 static_cast<std::size_t>(Color(0).dec->rowStride),
                                  {box.Width(), box.Height()},
                                  IsIrreversible(Color(0))});
     }
@@ -320,10 +323,10 @@ class Delivery {
     const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
     if (!request_.skipRecast && channel.hasFormat) {
       if (request_.orientation != 0) {
-        CompactRows(*record.outputImage, static_cast<KelLong>(record.resolutionBox.Width()));
+        CompactRows(*record.outputImage, static_cast<KelLong>(record.dec->resolutionBox.Width()));
       }
       const KelLong code = record.outputImage->RecastData_Rotation(
-          record.sampleDepth, false, channel.outBitDepth, channel.outMax, channel.outMin,
+          record.dec->sampleDepth, false, channel.outBitDepth, channel.outMax, channel.outMin,
           KelRecastNominal, KelImageOrientation{request_.orientation});
       if (code != KelOK) Raise(code, kModuleImageMap);
     }
@@ -332,7 +335,7 @@ class Delivery {
 
   /// The output image holds the samples: gives the host its copy.
   void Finish(TileCompRecord& record) {
-    record.frameDone = record.dataReady = record.dataValid = true;
+    record.dec->frameDone = record.dataReady = record.dataValid = true;
     CopyToHostBuffer(context_.map, request_, record);
     ReleaseCoefficients(record);
   }
@@ -340,12 +343,12 @@ class Delivery {
   // ---- Memory ----
 
   void* ScratchFor(const TileCompRecord& record) {
-    return scratch_.Cells(InverseDwtScratchCells(record.resolutionBox, record.decodeRes));
+    return scratch_.Cells(InverseDwtScratchCells(record.dec->resolutionBox, record.dec->decodeRes));
   }
 
   /// Coefficients of a complete tile are not needed again.
   void ReleaseCoefficients(TileCompRecord& record) {
-    if (tile_.progress.isComplete) ReleaseImage(record.waveletData);
+    if (tile_.dec->progress.isComplete) ReleaseImage(record.waveletData);
   }
 
   const DeliveryContext& context_;
@@ -361,18 +364,18 @@ void CountDecodedBytes(const ImageMap& map, TileRecord& tile) {
   for (std::int32_t c = 0; c < map.numComps; ++c) {
     TileCompRecord& record = tile.comps[c];
     if (map.encOpt->RateMode == 0) {
-      const std::uint64_t sum = AsCount(map.encOpt->RateParamB) + record.decodedBytes;
+      const std::uint64_t sum = AsCount(map.encOpt->RateParamB) + record.dec->decodedBytes;
       map.encOpt->RateParamB =
           SaturateToInt32(static_cast<std::int64_t>(std::min<std::uint64_t>(sum, INT32_MAX)));
     }
-    record.decodedBytes = 0;
+    record.dec->decodedBytes = 0;
   }
 }
 
 }  // namespace
 
 void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
-  TileProgress& progress = tile.progress;
+  TileProgress& progress = tile.dec->progress;
   if (progress.isChanged) {
     // A failed delivery has released some coefficients already: the tile must be decoded again.
     ScopeGuard restart([&] { RestartTile(context.map, tile); });

@@ -2,9 +2,9 @@
 #ifndef KEL_TILE_OUTPUT_H
 #define KEL_TILE_OUTPUT_H
 
+#include "KelDecMap.h"
 #include "KelFrameRequest.h"
 #include "base/KelMemFuncDefs.h"
-#include "image/KelImageMap.h"
 
 namespace kel {
 

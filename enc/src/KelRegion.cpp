@@ -4,12 +4,10 @@
 #include <algorithm>
 #include <cmath>
 
+#include "format/KelTileBox.h"
+
 namespace kel {
 namespace {
-
-Box BoxOf(const KelTileGeometry& t) {
-  return {t.X0, t.X1, t.Y0, t.Y1};
-}
 
 /// The samples of the mask, along one axis, in the area that a component's sample stands for;
 /// the nearest one when there is none. Indices count from the mask's first sample.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <new>
 
+#include "KelTileLayout.h"
 #include "base/KelRaise.h"
 #include "decode/KelFileFormatRead.h"
 #include "decode/KelHeadersRead.h"
@@ -195,18 +196,20 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   map.numTiles = static_cast<std::int32_t>(numTiles);
   map.encOpt = state.encOpt;
   map.decOpt = state.decOpt;
-  map.mainHeader = &d.mainHeader;
-  map.mainParams = {d.mainHeader.codingStyle,
-                    d.mainHeader.quantisation,
-                    d.mainHeader.progressionChanges,
-                    false,
-                    false,
-                    false};
-  map.fileDepths = FileDepths(d.fileInfo, map.numComps);
-  map.reductions = OwnedArray<std::int32_t>::Make(AsCount(map.numComps)).Release();
+  map.firstExtra = map.numComps;
+  map.dec = OwnedRecord<DecMap>::Make().Release();
+  map.dec->mainHeader = &d.mainHeader;
+  map.dec->mainParams = {d.mainHeader.codingStyle,
+                         d.mainHeader.quantisation,
+                         d.mainHeader.progressionChanges,
+                         false,
+                         false,
+                         false};
+  map.dec->fileDepths = FileDepths(d.fileInfo, map.numComps);
+  map.dec->reductions = OwnedArray<std::int32_t>::Make(AsCount(map.numComps)).Release();
   state.maxRes = d.mainHeader.numLevels;
   for (std::int32_t c = 0; c < map.numComps; ++c) {
-    map.reductions[c] = std::min(Reduction(aspect, c), state.maxRes);
+    map.dec->reductions[c] = std::min(Reduction(aspect, c), state.maxRes);
     const KelCodingStyle* own = FindComponentStyle(d.mainHeader, c);
     const KelLong xr = geometry.XRsiz[c];
     const KelLong yr = geometry.YRsiz[c];
@@ -217,6 +220,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
     }
   }
   InitTileRecords(map);
+  InitDecTiles(map);
   d.dataMgr->SetTileGrid(geometry.NumXTiles, geometry.NumYTiles);
   d.visitedUpTo = d.furthest = d.dataMgr->PositionB();
   return KelOK;
@@ -226,7 +230,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
 KelULong* MakeResolutions(const ImageState& state) {
   auto resolutions = OwnedArray<KelULong>::Make(AsCount(state.map.numComps));
   for (std::int32_t c = 0; c < state.map.numComps; ++c) {
-    resolutions[AsIndex(c)] = static_cast<KelULong>(state.maxRes - state.map.reductions[c]);
+    resolutions[AsIndex(c)] = static_cast<KelULong>(state.maxRes - state.map.dec->reductions[c]);
   }
   return resolutions.Release();
 }
@@ -271,6 +275,7 @@ KelLong SetOrientation(ImageState& state, KelLong orientation) {
 void ReleaseDecoder(ImageState& state) noexcept {
   DecoderState* d = state.decoder;
   if (d == nullptr) return;
+  ReleaseDecMap(state.map);
   ReleaseImageMap(state.map);
   // What the readers made belongs to the image; the options that described it must not keep
   // addresses of it.

@@ -3,6 +3,7 @@
 #define KEL_IMAGE_DECODE_H
 
 #include "KelDecDataMgr.h"
+#include "KelDecMap.h"
 #include "KelFrameRequest.h"
 #include "format/KelFileFormat.h"
 #include "image/KelImageState.h"

@@ -89,10 +89,10 @@ KelLong LevelsOfTile(ImageState& state, KelLong t) {
   if (t < 0 || t >= state.map.numTiles) return -1;
   if (state.isEncoder) return state.maxRes;
   TileRecord& tile = state.map.tiles[t];
-  EnsureTileComps(state.map, tile);
-  const KelLong levels = tile.comps[0].params.style->numLevels;
+  EnsureDecTileComps(state.map, tile);
+  const KelLong levels = tile.comps[0].dec->params.style->numLevels;
   for (KelLong c = 1; c < state.map.numComps; ++c) {
-    if (tile.comps[c].params.style->numLevels != levels) return -1;
+    if (tile.comps[c].dec->params.style->numLevels != levels) return -1;
   }
   return levels;
 }
@@ -102,14 +102,14 @@ KelTileComponent* TileComponentOf(ImageState& state, KelLong t, KelLong componen
     return nullptr;
   }
   TileRecord& tile = state.map.tiles[t];
-  EnsureTileComps(state.map, tile);
+  EnsureDecTileComps(state.map, tile);
   return &tile.comps[component].handle;
 }
 
 bool TileIsComplete(const ImageState& state, KelLong t) {
   if (state.isEncoder || t < 0 || t >= state.map.numTiles) return false;
   const TileRecord& tile = state.map.tiles[t];
-  return tile.progress.isComplete || HasNoSamples(state.map, tile);
+  return tile.dec->progress.isComplete || HasNoSamples(state.map, tile);
 }
 
 __tagICCProfile* ICCProfileOf(const ImageState& state) {

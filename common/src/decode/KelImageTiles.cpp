@@ -11,6 +11,7 @@
 
 #include "KelPacketRead.h"
 #include "KelPacketWalk.h"
+#include "KelTileLayout.h"
 #include "KelTilePartStash.h"
 #include "base/KelRaise.h"
 #include "decode/KelHeadersRead.h"
@@ -34,24 +35,25 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   const std::int64_t start = data.GetPosition();
   KelLong code = InitHeaderParams(header, false);
   if (code == KelOK)
-    code = SeedHeaderParams(header, *map.mainHeader, *tile.params.style, *tile.params.quant);
+    code = SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
+                            *tile.dec->params.quant);
   if (code != KelOK) Raise(code, kModuleImageMap);
   std::uint32_t length = 0;
   const HeaderResult result = ReadHeader(header, data, &length);
   if (result.code != KelOK || result.incomplete) return result;
 
-  TileProgress& progress = tile.progress;
+  TileProgress& progress = tile.dec->progress;
   // The tile's first header fixes its parameters. Another that claims to be the first would make
   // the tile be laid out anew, which can cost far more than the few bytes that it takes.
   const bool onlyProgression = header.TPsot != 0 || progress.numParts > 0;
   ScopeGuard restart([&] { RestartTile(map, tile); });
   ApplyTileParams(map, tile, header, onlyProgression);
-  if (tile.walk == nullptr || !onlyProgression) {
+  if (tile.dec->walk == nullptr || !onlyProgression) {
     LayOutTile(map, tile);
-    ReleasePacketWalk(tile.walk);
-    tile.walk = MakePacketWalk(tile, map.numComps);
+    ReleasePacketWalk(tile.dec->walk);
+    tile.dec->walk = MakePacketWalk(tile, map.numComps);
   } else if (header.seenPOC != 0) {
-    ReplaceProgression(*tile.walk);
+    ReplaceProgression(*tile.dec->walk);
   }
   restart.Disarm();
   // A tile that has arrived without packets is delivered too, as zeros.
@@ -89,7 +91,7 @@ bool LeavePart(KelDecDataMgr& data, const TileProgress& progress) {
 /// Reads the packets of the tile-part that has been opened, and closes it if it has arrived whole.
 /// False when the end of the data cuts it off.
 bool ReadOpenPart(KelDecDataMgr& data, TileRecord& tile) {
-  TileProgress& progress = tile.progress;
+  TileProgress& progress = tile.dec->progress;
   const PartEnd end = ReadTilePartPackets(data, tile);
   if (end == PartEnd::kCutOff) {
     // Data behind the tile-part mean that it is damaged, not cut off.
@@ -105,13 +107,13 @@ void ContinuePart(TilePass& pass, TileRecord& tile) {
   DecoderState& d = pass.decoder;
   KelDecDataMgr& data = *d.dataMgr;
   if (!ReadOpenPart(data, tile)) {
-    d.furthest = std::max(d.furthest, tile.progress.resumePosition);
+    d.furthest = std::max(d.furthest, tile.dec->progress.resumePosition);
     pass.dataEnded = true;
     return;
   }
-  const bool more = LeavePart(data, tile.progress);
+  const bool more = LeavePart(data, tile.dec->progress);
   if (!more) pass.dataEnded = true;
-  tile.progress.resumePosition = data.GetPosition();
+  tile.dec->progress.resumePosition = data.GetPosition();
   d.furthest = std::max(d.furthest, data.GetPosition());
   if (!d.hasGaps) d.visitedUpTo = data.GetPosition();
 }
@@ -120,7 +122,7 @@ void ContinuePart(TilePass& pass, TileRecord& tile) {
 KelLong ReadPart(TilePass& pass, TileRecord& tile) {
   DecoderState& d = pass.decoder;
   KelDecDataMgr& data = *d.dataMgr;
-  EnsureTileComps(pass.map, tile);
+  EnsureDecTileComps(pass.map, tile);
   const std::int64_t start = data.GetPosition();
   const HeaderResult header = ReadTilePartHeader(pass.map, data, tile);
   if (header.code != KelOK) return header.code;
@@ -136,19 +138,19 @@ KelLong ReadPart(TilePass& pass, TileRecord& tile) {
 /// Reads the tile's next tile-part from the stash. False when it is not there. The code is that of
 /// its header.
 bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
-  StashedPart* stashed = TakeStashedPart(tile.early, tile.progress.numParts);
+  StashedPart* stashed = TakeStashedPart(tile.dec->early, tile.dec->progress.numParts);
   if (stashed == nullptr) return false;
   ScopeGuard drop([&] { DropStashedPart(stashed); });
   KelDecDataMgr part{};
   part.InitFromMemory({stashed->bytes, static_cast<KelULong>(stashed->length)},
                       pass.decoder.flavour);
   part.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
-  EnsureTileComps(pass.map, tile);
+  EnsureDecTileComps(pass.map, tile);
   const HeaderResult header = ReadTilePartHeader(pass.map, part, tile);
   code = header.code;
   if (header.code == KelOK && !header.incomplete) ReadOpenPart(part, tile);
-  tile.progress.partIsOpen = false;
-  tile.progress.resumePosition = pass.decoder.dataMgr->GetPosition();
+  tile.dec->progress.partIsOpen = false;
+  tile.dec->progress.resumePosition = pass.decoder.dataMgr->GetPosition();
   return true;
 }
 
@@ -164,19 +166,19 @@ KelLong PassPart(TilePass& pass) {
     return KelOK;
   }
   TileRecord& tile = pass.map.tiles[tileIndex];
-  if (tile.progress.isComplete || HasNoSamples(pass.map, tile)) {
+  if (tile.dec->progress.isComplete || HasNoSamples(pass.map, tile)) {
     const std::uint32_t length = data.PeekSotPsot();
     data.SkipForward(std::max(length, kLeastPartLength));
     if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();
     return KelOK;
   }
-  if (part > tile.progress.numParts) {
-    StashTilePart(tile.early, data);
+  if (part > tile.dec->progress.numParts) {
+    StashTilePart(tile.dec->early, data);
     if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();
     return KelOK;
   }
   KelLong code = ReadPart(pass, tile);
-  while (code == KelOK && !tile.progress.isComplete && ReadStashedPart(pass, tile, code)) {
+  while (code == KelOK && !tile.dec->progress.isComplete && ReadStashedPart(pass, tile, code)) {
   }
   return code;
 }
@@ -186,7 +188,7 @@ bool FindByIndex(TilePass& pass, const TileRecord& tile) {
   KelDecDataMgr& data = *pass.decoder.dataMgr;
   if (!data.IndexAllowed()) return false;
   const std::int64_t here = data.GetPosition();
-  if (data.GoToTilePart(tile.index, tile.progress.numParts)) return true;
+  if (data.GoToTilePart(tile.index, tile.dec->progress.numParts)) return true;
   data.MoveTo(here);
   return false;
 }
@@ -195,9 +197,9 @@ bool FindByIndex(TilePass& pass, const TileRecord& tile) {
 /// other tiles are there, but none of this one.
 Search FindPart(TilePass& pass, TileRecord& tile, KelLong& code) {
   KelDecDataMgr& data = *pass.decoder.dataMgr;
-  if (tile.progress.numParts >= kMostParts) return Search::kNothing;
+  if (tile.dec->progress.numParts >= kMostParts) return Search::kNothing;
   bool isForeign = false;
-  while (!pass.dataEnded && code == KelOK && !tile.progress.isComplete) {
+  while (!pass.dataEnded && code == KelOK && !tile.dec->progress.isComplete) {
     if (!data.IsSOT()) {
       // A boundary without a whole SOT segment is the end of what has arrived.
       const bool isEnd = data.AtTilePartBoundary();
@@ -211,32 +213,32 @@ Search FindPart(TilePass& pass, TileRecord& tile, KelLong& code) {
     const auto sotPart = static_cast<std::int32_t>(data.PeekSotTPsot());
     const bool isOwn = sotTile == tile.index;
     if (data.IndexAllowed()) {
-      if (isOwn && sotPart == tile.progress.numParts) return Search::kFound;
+      if (isOwn && sotPart == tile.dec->progress.numParts) return Search::kFound;
       if (FindByIndex(pass, tile)) return Search::kFound;
       // Tile-parts may be numbered badly: one that lies ahead with a number that was read already
       // counts as the next. One with a later number must wait for those before it.
-      const bool isRepeated = sotPart < tile.progress.numParts;
-      if (isOwn && isRepeated && data.GetPosition() > tile.progress.partStart) {
+      const bool isRepeated = sotPart < tile.dec->progress.numParts;
+      if (isOwn && isRepeated && data.GetPosition() > tile.dec->progress.partStart) {
         return Search::kFound;
       }
       isForeign = !isOwn;
       break;
     }
-    if (isOwn && sotPart <= tile.progress.numParts) return Search::kFound;
+    if (isOwn && sotPart <= tile.dec->progress.numParts) return Search::kFound;
     code = PassPart(pass);
   }
-  if (code != KelOK || tile.progress.isComplete) return Search::kNothing;
+  if (code != KelOK || tile.dec->progress.isComplete) return Search::kNothing;
   if (pass.dataEnded && pass.decoder.hasGaps && FindByIndex(pass, tile)) {
     pass.dataEnded = false;
     return Search::kFound;
   }
-  return isForeign && tile.progress.numParts == 0 ? Search::kMissing : Search::kNothing;
+  return isForeign && tile.dec->progress.numParts == 0 ? Search::kMissing : Search::kNothing;
 }
 
 }  // namespace
 
 KelLong ReadTile(TilePass& pass, TileRecord& tile) {
-  TileProgress& progress = tile.progress;
+  TileProgress& progress = tile.dec->progress;
   KelDecDataMgr& data = *pass.decoder.dataMgr;
   if (progress.isComplete) {
     if (data.IndexAllowed()) pass.position = progress.resumePosition;

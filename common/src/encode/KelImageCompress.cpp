@@ -11,15 +11,12 @@
 #include "encode/KelMainStream.h"
 #include "encode/KelTilePlanes.h"
 #include "format/KelPartition.h"
+#include "format/KelTileBox.h"
 
 namespace kel {
 namespace {
 
 constexpr std::uint8_t kEndMarker[2] = {0xAB, 0xD9};
-
-Box BoxOf(const KelTileGeometry& t) {
-  return {t.X0, t.X1, t.Y0, t.Y1};
-}
 
 /// Drops what an earlier coding of a tile left.
 void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {

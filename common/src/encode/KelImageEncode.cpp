@@ -8,10 +8,12 @@
 #include <cstdio>
 
 #include "KelRate.h"
+#include "KelTileCoder.h"
 #include "base/KelRaise.h"
 #include "encode/KelFileFormatWrite.h"
 #include "encode/KelMainHeader.h"
 #include "encode/KelMainStream.h"
+#include "format/KelHeaders.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelBandWeights.h"
 
@@ -123,7 +125,7 @@ bool SettingsAreAllowed(const KelEncOpt& o) {
 /// Extra channels get an option set of their own, coded without loss. One serves them all: a set
 /// holds a geometry with arrays of all components. Raises 8.
 void MakeExtraOptions(ImageMap& map, KelEncOpt& options) {
-  if (map.numColorChannels == map.numComps) return;
+  if (map.firstExtra == map.numComps) return;
   map.extraOptions = OwnedRecord<KelEncOpt>::Make().Release();
   map.extraOptions->Clone(&options);
   map.extraOptions->Irreversible = 0;
@@ -131,12 +133,11 @@ void MakeExtraOptions(ImageMap& map, KelEncOpt& options) {
 
 void PrepareMap(ImageMap& map, EncoderState& e, KelEncOpt& options) {
   const KelImageGeometry& g = *e.settings.GeomParams;
-  map.isEncoder = true;
   map.geometry = e.settings.GeomParams;
   map.encOpt = &options;
   map.numComps = g.Csiz;
   map.numTiles = g.NumXTiles * g.NumYTiles;
-  map.numColorChannels = e.settings.NumColorChannels;
+  map.firstExtra = e.settings.NumColorChannels;
   MakeExtraOptions(map, options);
   InitTileRecords(map);
 }
@@ -148,6 +149,16 @@ void PrepareRateControl(EncoderState& e) {
   e.qualitySteps = OwnedArray<KelLong>::Make(kNumQualitySteps).Release();
   e.quality = IsWithin(s.RateParamA, 1, 100) ? s.RateParamA : QualityNumber(s.TargetQuality);
   e.byteTarget = e.extraChannelsSize = e.transparencySize = -1;
+}
+
+/// Releases what has been coded and not been written.
+void ReleaseCodedTiles(const ImageMap& map) noexcept {
+  for (std::int32_t t = 0; map.tiles != nullptr && t < map.numTiles; ++t) {
+    TileCompRecord* const comps = map.tiles[t].comps;
+    for (std::int32_t c = 0; comps != nullptr && c < map.numComps; ++c) {
+      ReleaseCoded(comps[c].coded);
+    }
+  }
 }
 
 /// Records a failed check and returns its code.
@@ -240,6 +251,7 @@ void ReleaseEncoder(ImageState& state) noexcept {
   for (KelLong c = 0; e->sourceBufs != nullptr && c < state.map.numComps; ++c) {
     if (e->sourceBufs[c] != nullptr) KelFreeBuf(e->sourceBufs[c]);
   }
+  ReleaseCodedTiles(state.map);
   ReleaseImageMap(state.map);
   state.map = {};
   KelFree(e->sourceBufs);

@@ -1,0 +1,108 @@
+// Making, restarting and releasing the decoder's records.
+#include "KelDecMap.h"
+
+#include "KelPacketWalk.h"
+#include "KelTileLayout.h"
+#include "KelTilePartStash.h"
+#include "base/KelMemFuncDefs.h"
+#include "samples/KelImageDataAccess.h"
+
+namespace kel {
+namespace {
+
+/// Fills the decoder's part of a component. May run again on what a failure left half-built.
+void InitDecTileComp(const ImageMap& map, const TileRecord& tile, TileCompRecord& record,
+                     std::int32_t c) {
+  DecTileComp& comp = *record.dec;
+  comp.sampleDepth =
+      map.dec->fileDepths != nullptr ? map.dec->fileDepths[c] + 1 : map.geometry->BitDepths[c];
+  if (record.outputImage == nullptr) record.outputImage = NewImage();
+  ReleaseParamSet(comp.params);
+  comp.params.style = tile.dec->params.style;
+  comp.params.quant = tile.dec->params.quant;
+  ApplyComponentSegments(comp.params, c, *map.dec->mainHeader);
+  SizeTileComp(map, record);
+}
+
+void ReleaseDecTileComp(TileCompRecord& record) noexcept {
+  if (record.dec == nullptr) return;
+  ReleaseLayout(record);
+  ReleaseParamSet(record.dec->params);
+}
+
+}  // namespace
+
+void InitDecTiles(ImageMap& map) {
+  map.dec->tiles = OwnedArray<DecTile>::Make(AsCount(map.numTiles)).Release();
+  for (std::int32_t t = 0; t < map.numTiles; ++t) {
+    map.tiles[t].dec = &map.dec->tiles[t];
+    map.dec->tiles[t].params = SharedParams(map.dec->mainParams);
+  }
+}
+
+void EnsureDecTileComps(ImageMap& map, TileRecord& tile) {
+  EnsureTileComps(map, tile);
+  if (tile.dec == nullptr || tile.dec->compsAreReady) return;
+  if (tile.comps[0].dec == nullptr) {
+    auto* parts = static_cast<DecTileComp*>(AllocFromMemPool(
+        map.recordPool, SaturatingMul(AsCount(map.numComps), sizeof(DecTileComp))));
+    for (std::int32_t c = 0; c < map.numComps; ++c) tile.comps[c].dec = &parts[c];
+  }
+  for (std::int32_t c = 0; c < map.numComps; ++c) InitDecTileComp(map, tile, tile.comps[c], c);
+  tile.dec->compsAreReady = true;
+}
+
+void ReleaseTileWork(const ImageMap& map, TileRecord& tile) noexcept {
+  ReleasePacketWalk(tile.dec->walk);
+  for (std::int32_t c = 0; tile.comps != nullptr && c < map.numComps; ++c) {
+    if (tile.comps[c].dec != nullptr) ReleaseLayout(tile.comps[c]);
+  }
+}
+
+void RestartTile(ImageMap& map, TileRecord& tile) noexcept {
+  ReleaseTileWork(map, tile);
+  ReleaseParamSet(tile.dec->params);
+  tile.dec->params = SharedParams(map.dec->mainParams);
+  tile.dec->progress = {};
+  tile.dec->compsAreReady = false;
+}
+
+void ApplyTileParams(ImageMap& map, TileRecord& tile, const KelHeaderParams& header,
+                     bool onlyProgression) {
+  ParamSet& ofTile = tile.dec->params;
+  if (header.seenPOC != 0) OwnChanges(ofTile, *header.progressionChanges);
+  if (onlyProgression) return;
+  if (header.seenCOD != 0) OwnStyle(ofTile, *header.codingStyle);
+  if (header.seenQCD != 0) OwnQuant(ofTile, *header.quantisation);
+  for (std::int32_t c = 0; c < map.numComps; ++c) {
+    ParamSet& set = tile.comps[c].dec->params;
+    const bool hadRegion = set.style->hasRegion != 0;
+    const std::int32_t shift = set.style->regionShift;
+    if (FindComponentStyle(*map.dec->mainHeader, c) == nullptr) ShareStyle(set, ofTile);
+    if (FindComponentQuant(*map.dec->mainHeader, c) == nullptr) ShareQuant(set, ofTile);
+    if (hadRegion) SetRegion(set, shift);
+    ApplyComponentSegments(set, c, header);
+  }
+}
+
+void ReleaseDecMap(ImageMap& map) noexcept {
+  if (map.dec == nullptr) return;
+  for (std::int32_t t = 0; map.dec->tiles != nullptr && t < map.numTiles; ++t) {
+    DecTile& tile = map.dec->tiles[t];
+    ReleasePacketWalk(tile.walk);
+    ReleaseStash(tile.early);
+    TileCompRecord* const comps = map.tiles[t].comps;
+    for (std::int32_t c = 0; comps != nullptr && c < map.numComps; ++c) {
+      ReleaseDecTileComp(comps[c]);
+    }
+    ReleaseParamSet(tile.params);
+    map.tiles[t].dec = nullptr;
+  }
+  KelFree(map.dec->tiles);
+  KelFree(map.dec->reductions);
+  ReleaseParamSet(map.dec->mainParams);
+  KelFree(map.dec);
+  map.dec = nullptr;
+}
+
+}  // namespace kel
