@@ -58,9 +58,7 @@ std::string Describe(const KelFileInfo& f) {
     const __tagKelPalette& p = *f.Palette;
     text += "\npclr" + List({p.numEntries}) + List(p.depths, p.numColumns);
     for (KelULong i = 0; i < p.numColumns; ++i) {
-      const bool isMapped = p.mapType != nullptr && p.mapType[i] != 0;
-      const std::uint32_t depth = p.depths[isMapped ? p.mapColumn[i] : i];
-      text += List(p.columns[i], p.numEntries * ((depth + 7U) / 8));
+      text += List(p.columns[i], p.numEntries * ((p.depths[i] + 7U) / 8));
     }
     if (p.mapComponent != nullptr) {
       text += " cmap" + List(p.mapComponent, p.numColumns) + List(p.mapType, p.numColumns) +
@@ -113,7 +111,7 @@ const std::string kDescription =
     "ihdr 56,48,3,1,1 7,11,12 0,1,0\ncolr 1,2,3,16 2,0,0,0 icc 170,187,204 1,0,0,14"
     " 1,100,0,170,2048,200,3072,1,4470064,0 1,0,0,14 1,1,2,3,4,5,6,2,0,4660 1,0,0,19"
     " 2,100,0,255,2048,255,4096,0,0,0 1,0,0,19 2,1,2,3,4,5,6,0,0,0 9,1,1,0 1,0,0,17"
-    "\npclr 2 7,15,0 34,51,85,102 17,68 cmap 0,1,2 1,1,0 1,0,0"
+    "\npclr 2 7,15,0 17,68 34,51,85,102 cmap 0,1,2 1,1,0 1,0,0"
     "\ncdef 0,1,2 0,0,1 2,1,0 1,0,2\nres 30000.000000 0.150000\nopct 2 133,-4095";
 
 // A field read from the wrong place, a box not put behind, a layout or a way of delivery that
@@ -230,11 +228,11 @@ std::string Found(const std::string& children, const std::string& further = "") 
 TEST_F(Boxes, Findings) {
   const std::string pclr = "pclr:0002 02 07 07 01 02 03 04,";
   EXPECT_EQ(Found(pclr), "\npclr 2 7,7 1,3 2,4");
-  EXPECT_EQ(Found(pclr + "cmap:0005 01 01"), "\npclr 2 7,7 2,4 2,4 cmap 5,0 1,0 1,0")
+  EXPECT_EQ(Found(pclr + "cmap:0005 01 01"), "\npclr 2 7,7 1,3 2,4 cmap 5,0 1,0 1,0")
       << "a mapping of fewer channels than columns";
   EXPECT_EQ(Found(pclr + "cmap:0000 01 01 0000 01 01 0000 01 00,cmap:0000 01 01 0000 01 00"),
-            "\npclr 2 7,7 2,4 1,3 cmap 0,0 1,1 1,0")
-      << "the second mapping is of the columns as they were read";
+            "\npclr 2 7,7 1,3 2,4 cmap 0,0 1,1 1,0")
+      << "the last mapping counts";
   EXPECT_EQ(Found("pclr:0001 03 00 00 08 99,cmap:0000 01 00"),
             "\npclr 1 0,0,8 153 cmap 0,0,0 1,0,0 0,0,0");
   EXPECT_EQ(Found(pclr + "pclr:0001 01 0F ABCD"), "\npclr 1 15 171,205");

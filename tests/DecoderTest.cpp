@@ -95,6 +95,9 @@ TEST_F(Decoder, LevelsOfTilesWhoseComponentsDiffer) {
     EXPECT_EQ(d.image.GetNextFrame(nullptr, nullptr, false, false, nullptr), KelOK);
     EXPECT_EQ(d.image.GetTileComponent(0, 0)->GetOutputImage()->GetImageBuffer(), nullptr);
     EXPECT_FALSE(d.image.GetTileComponent(0, 0)->TileCompDataReady());
+    EXPECT_EQ(d.image.GetChannelIndex(2), 1);
+    EXPECT_EQ(d.image.GetChannelIndex(INT32_MIN), -1);
+    d.image.GetTileComponent(0, 0)->SetOutputImage(nullptr);  // releases the image it replaces
   }
   MemoryDecoder d(Vector("tiles_8x8_grid"));
   EXPECT_GE(d.image.GetMaxRes(63), 0);
@@ -155,6 +158,23 @@ TEST_F(Decoder, QueriesTellWhatTheFileHolds) {
 
 // Host buffers must be filled once and left alone while nothing changes, and filled again when the
 // request does.
+// The data that a frame did not use are given back by a seek, while nothing may be thrown.
+TEST_F(Decoder, ASeekThatThrowsDoesNotEndTheProgram) {
+  Bytes data = Vector("rev53_grey_5_levels");
+  data.resize(data.size() + 100, 0x55);
+  HostStream stream(data);
+  KelDecOpt options;
+  options.InitToDefaults();
+  KelImage image;
+  ASSERT_EQ(image.InitDecoder(stream.Stream(), nullptr, &options, nullptr, nullptr, KelAspectFull),
+            KelOK);
+  stream.procs.Seek = [](void*, KelLong, KelLong) -> KelLong { throw 1; };
+  EXPECT_EQ(image.GetNextFrame(nullptr, nullptr, false, true, nullptr), KelOK);
+  EXPECT_TRUE(image.TileIsComplete(0));
+  image.Die();
+  options.Die();
+}
+
 TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   MemoryDecoder d(Vector("rev53_rgb_rct"));
   const KelImageGeometry& g = *d.image.GetGeometryParams();

@@ -102,6 +102,8 @@ TEST_F(Geometry, TileGeometryTakesItsComponentsValues) {
 
 TEST_F(Geometry, DeepCopyAndRefusals) {
   EXPECT_THROW(KelImageGeometry().InitImageGeometry(nullptr), KelException);
+  EXPECT_THROW(KelImageGeometry(10, 10, 0, 0, 10, 10, 1, 0, kOne, kOne, 1, kEight), KelException)
+      << "nobody could release its arrays";
   test::SweepRefusals(memory, [] {
     KelImageGeometry source(10, 10, 0, 0, 10, 10, 0, 0, kOne, kOne, 1, kEight);
     KelImageGeometry copy;

@@ -46,7 +46,7 @@ TEST(Memory, SizeZeroAndRealloc) {
   KelMemFuncs funcs{};
   funcs.Malloc = [](KelULong) -> void* { return nullptr; };
   funcs.AllocBuf = [](KelULong) -> KelBufID_I* { return nullptr; };
-  KelLibInit(&funcs);
+  RegisterMemFuncs(&funcs);
   EXPECT_TRUE(KelMalloc(0) == nullptr && KelCalloc(0, 8) == nullptr && KelAllocBuf(0) == nullptr);
   KelLibShutDown();
   EXPECT_EQ(KelGetMemObj(), nullptr);
@@ -63,13 +63,36 @@ TEST(Memory, SizeZeroAndRealloc) {
   KelFree(block);
 }
 
+// A host with a callback less would crash in the first operation that needs it.
+TEST(Memory, AnIncompleteHostIsRefused) {
+  const HostMemory memory;
+  KelMemFuncs* const host = KelGetMemObj();
+  EXPECT_EQ(KelLibInit(nullptr), KelErrBadParam);
+  const auto refusesWithout = [&](auto field) {
+    KelMemFuncs some = *host;
+    some.*field = nullptr;
+    return KelLibInit(&some) == KelErrBadParam && KelGetMemObj() == host;
+  };
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::AllocBuf));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::AllocAlignedBuf));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::LockBuf));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::UnlockBuf));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::FreeBuf));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::Malloc));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::Free));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::AlignedMalloc));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::AlignedFree));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::MemCopy));
+  EXPECT_TRUE(refusesWithout(&KelMemFuncs::MemSet));
+}
+
 TEST(Memory, OnlyTheLibrarysBuffersAreTouched) {
   KelMemFuncs funcs{};
   static int calls;
   calls = 0;
   funcs.LockBuf = [](KelBufID_I*) -> void* { return ++calls, &calls; };
   funcs.UnlockBuf = funcs.FreeBuf = [](KelBufID_I*) { ++calls; };
-  KelLibInit(&funcs);
+  RegisterMemFuncs(&funcs);
   for (const std::uint8_t type : {0, 2, 7, 8, 255}) {
     KelBufID_I foreign;
     foreign.bufType = type;

@@ -62,7 +62,7 @@ TEST_F(Options, RefusedRequestsLeakNothingAndNameTheModule) {
   EXPECT_THROW(KelEncOpt().InitToDefaults(nullptr), KelException);
   EXPECT_THROW(KelEncOpt().InitToDefaults(10, 10, 0, 10, 1, 8), KelException);
   test::SweepRefusals(memory, []() -> KelLong {
-    KelEncOpt source{};
+    KelEncOpt source;
     KelDecOpt decoder;
     KelDecOpt copy;
     kel::ScopeGuard release([&] {

@@ -178,6 +178,31 @@ TEST_F(RoundTrip, RegionKeepsItsPrecision) {
   }
 }
 
+// A decoder's palette goes to an encoder as it is: columns that follow the mapping while depths do
+// not would be read beyond their end, and come out exchanged.
+TEST_F(RoundTrip, PalettesPassThrough) {
+  const Picture indices = MakePicture(4, 4, 1, 8);
+  std::uint8_t depths[] = {15, 7}, wide[] = {1, 2, 3, 4, 5, 6}, narrow[] = {7, 8, 9};
+  std::uint8_t *columns[] = {wide, narrow}, mapType[] = {1, 1}, mapColumn[] = {1, 0};
+  KelULong mapComponent[] = {0, 0};
+  __tagKelPalette palette{3, 2, depths, columns, 0, mapComponent, mapType, mapColumn};
+  const auto encode = [&](__tagKelPalette* p) {
+    EncodeHost host(indices);
+    host.options.PalettePresent = true;
+    host.options.Palette = p;
+    return host.Encode();
+  };
+  const Bytes file = encode(&palette);
+  KelCompressedData data{file.data(), static_cast<KelULong>(file.size())};
+  KelDecOpt options;
+  options.InitToDefaults();
+  KelImage decoder;
+  ASSERT_EQ(decoder.InitDecoder(nullptr, &data, &options, nullptr, nullptr, KelAspectFull), KelOK);
+  EXPECT_EQ(encode(decoder.GetPalette()), file);
+  decoder.Die();
+  options.Die();
+}
+
 // A plane more than the route from coefficients to bytes needs, or one kept once a tile is done.
 TEST_F(RoundTrip, MemoryOfDecoding) {
   constexpr std::size_t kPositions = 1024 * 1024, kFixed = 400000;

@@ -18,13 +18,18 @@ cat >"$work/source/main.cpp" <<'CPP'
 #include <cstring>
 
 int main() {
-  KelMemFuncs memory{};
+  KelMemFuncs memory;
+  memory.AllocBuf = [](KelULong) -> KelBufID_I* { return nullptr; };  // no samples here
+  memory.AllocAlignedBuf = [](KelULong, KelULong) -> KelBufID_I* { return nullptr; };
+  memory.LockBuf = [](KelBufID_I*) -> void* { return nullptr; };
+  memory.UnlockBuf = memory.FreeBuf = [](KelBufID_I*) {};
   memory.Malloc = [](KelULong size) { return std::malloc(size); };
-  memory.Free = [](void* address) { std::free(address); };
+  memory.AlignedMalloc = [](KelULong, KelULong) -> void* { return nullptr; };
+  memory.Free = memory.AlignedFree = [](void* address) { std::free(address); };
   memory.MemSet = [](void* to, KelLong value, KelULong count) { std::memset(to, value, count); };
   memory.MemCopy = [](void* to, const void* from, KelULong n) { std::memcpy(to, from, n); };
-  KelLibInit(&memory);
-  KelEncOpt options{};
+  if (KelLibInit(&memory) != KelOK) return 4;
+  KelEncOpt options;
   try {
     options.InitToDefaults(nullptr);
     return 1;

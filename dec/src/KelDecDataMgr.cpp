@@ -65,12 +65,12 @@ int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacit
 
 void KelDecDataMgr::ResetDataMgr() {
   const std::uint64_t unread = Available();
+  ReleaseWindow();
+  SetWindow(nullptr, 0);
   if (!memoryMode_ && stream_ != nullptr && stream_->IsSeekable() && unread != 0) {
     const KelLong back = -static_cast<KelLong>(unread);
     if (stream_->seek(kOriginRelative, back) >= 0) streamPosition_ += back;
   }
-  ReleaseWindow();
-  SetWindow(nullptr, 0);
 }
 
 void KelDecDataMgr::Release() noexcept {

@@ -98,7 +98,7 @@ std::optional<Palette> DescribePalette(const KelImage& image, const StreamScan& 
     const KelChannelType type = image.GetComponentType(static_cast<KelLong>(i));
     const bool opacity = type == KelChannelOpacity || type == KelChannelPremultiplied;
     described.role = opacity ? RoleOf(type) : ChannelRole::kColour;
-    described.entries = ReadEntries(found->columns[i], found->numEntries, depth);
+    described.entries = ReadEntries(found->columns[column], found->numEntries, depth);
   }
   return palette;
 }

@@ -21,7 +21,9 @@ struct __tagKelUUID {
   const std::uint8_t* data;  ///< the payload
 };
 
-/// A palette and the mapping of channels to its columns.
+/// A palette and the mapping of channels to its columns. depths[i] and columns[i] speak of the same
+/// column, whatever the mapping; channel c shows column mapColumn[c]. What the decoder hands out
+/// can be given to the encoder, which writes one mapping per column.
 struct __tagKelPalette {
   KelULong numEntries;   ///< NE
   KelULong numColumns;   ///< NPC
@@ -31,7 +33,7 @@ struct __tagKelPalette {
   /// column, in column order.
   std::uint8_t** columns;
   KelULong layout;          ///< 0 by column (what the decoder produces), 1 by entry
-  KelULong* mapComponent;   ///< CMP per channel, or null when the file has no mapping
+  KelULong* mapComponent;   ///< CMP per channel, numColumns or more; null: no mapping in the file
   std::uint8_t* mapType;    ///< MTYP per channel: 0 direct, 1 through the palette
   std::uint8_t* mapColumn;  ///< PCOL per channel
 };

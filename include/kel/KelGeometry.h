@@ -13,10 +13,10 @@
 /// only Die releases them. Copies made by the language share the arrays with their source.
 class KEL_API KelImageGeometry {
  public:
-  KelImageGeometry() {}  ///< Initialises nothing; an initialisation must follow.
+  KelImageGeometry() {}  ///< Without arrays; an initialisation must follow.
   KelImageGeometry(const KelImageGeometry& source) = default;
   KelImageGeometry& operator=(const KelImageGeometry& source) = default;
-  /// As the twelve-value InitImageGeometry.
+  /// As the twelve-value InitImageGeometry, but what raises keeps nothing.
   KelImageGeometry(KelLong xsiz, KelLong ysiz, KelLong xosiz, KelLong yosiz, KelLong xtsiz,
                    KelLong ytsiz, KelLong xtosiz, KelLong ytosiz, const KelLong* xrsiz,
                    const KelLong* yrsiz, KelLong csiz, const KelLong* bitDepths);
@@ -61,11 +61,11 @@ class KEL_API KelImageGeometry {
   void Die();
 
   KelLong Csiz;                  ///< number of components
-  KelLong* BitDepths;            ///< bits per sample of each component
+  KelLong* BitDepths = nullptr;  ///< bits per sample of each component
   KelLong Xsiz, Ysiz;            ///< right and bottom edges of the canvas (exclusive)
   KelLong XOsiz, YOsiz;          ///< left and top edges of the image area (inclusive)
-  KelLong* XRsiz;                ///< horizontal subsampling factor of each component
-  KelLong* YRsiz;                ///< vertical subsampling factor of each component
+  KelLong* XRsiz = nullptr;      ///< horizontal subsampling factor of each component
+  KelLong* YRsiz = nullptr;      ///< vertical subsampling factor of each component
   KelLong XTsiz, YTsiz;          ///< tile width and height
   KelLong XTOsiz, YTOsiz;        ///< left and top edges of the tile grid
   KelLong NumXTiles, NumYTiles;  ///< tiles across and down, derived

@@ -26,13 +26,14 @@ namespace kel {
 struct ImageHandle;
 }
 
-/// Progress and abort callbacks; each may be null.
+/// Progress and abort callbacks; each may be null. Only AbortRequested may throw: the others also
+/// run while an operation that has failed is put in order.
 class KEL_API KelUserActions {
  public:
-  KelLong (*AbortRequested)();                          ///< nonzero: stop the work
-  void (*BeginProgress)();                              ///< a progress run starts
-  void (*EndProgress)();                                ///< it ends, after a last report
-  void (*ReportProgress)(KelLong done, KelLong total);  ///< steps done of all
+  KelLong (*AbortRequested)() = nullptr;                          ///< nonzero: stop the work
+  void (*BeginProgress)() = nullptr;                              ///< a progress run starts
+  void (*EndProgress)() = nullptr;                                ///< it ends, after a last report
+  void (*ReportProgress)(KelLong done, KelLong total) = nullptr;  ///< steps done of all
 };
 
 /// Where the encoder fetches its samples. At least one of the two fetch callbacks must be set.
@@ -43,26 +44,26 @@ class KEL_API KelUserActions {
 /// unsigned: one byte each for a depth of 8, one word in the host's byte order for 16, and for
 /// other depths packed, most significant bit first. A callback that fails stores a result code
 /// in *error (0 before the call), which the encoding operation returns; null without an error
-/// ends the tile without coding it.
+/// ends the tile without coding it. A callback may throw: guarded operations then return 31.
 class KEL_API KelImageDataProcs {
  public:
   KelImageDataProcs& operator=(const KelImageDataProcs& source) = default;
   KelImageDataProcs(const KelImageDataProcs& source) = default;
   KelImageDataProcs() = default;
 
-  void* clientData;  ///< first argument of every callback
+  void* clientData = nullptr;  ///< first argument of every callback
   /// All interleaved channels of one tile, sample by sample; may be null. A component is taken
   /// from it when its index is below GetNumInterleaved, it is not subsampled and its depth equals
   /// component 0's.
-  KelBufID_I* (*GetTileInterleaved)(void* clientData, KelLong tile, KelLong* error);
+  KelBufID_I* (*GetTileInterleaved)(void* clientData, KelLong tile, KelLong* error) = nullptr;
   /// One component of one tile, as many samples as its tile-component has (GetWidth, GetHeight
   /// of KelTileComponent); may be null.
   KelBufID_I* (*GetTileComponent)(void* clientData, KelLong component, KelLong tile,
-                                  KelLong* error);
+                                  KelLong* error) = nullptr;
   /// How many channels the interleaved buffer holds; required with GetTileInterleaved.
-  KelLong (*GetNumInterleaved)(void* clientData);
+  KelLong (*GetNumInterleaved)(void* clientData) = nullptr;
   /// Asked once at InitEncoder; its value is not used. May be null.
-  KelLong (*GetReserved)(void* clientData);
+  KelLong (*GetReserved)(void* clientData) = nullptr;
 };
 
 /// The host's callbacks for one image object.
@@ -72,8 +73,8 @@ class KEL_API KelClientProcs {
   KelClientProcs(const KelClientProcs& source) = default;
   KelClientProcs() = default;
 
-  KelUserActions* UserActions;        ///< may be null
-  KelImageDataProcs* ImageDataProcs;  ///< required by the encoder
+  KelUserActions* UserActions = nullptr;        ///< may be null
+  KelImageDataProcs* ImageDataProcs = nullptr;  ///< required by the encoder
 };
 
 /// What the host wants a frame to deliver, per channel (component). Arrays have NumChannels
@@ -97,7 +98,7 @@ class KEL_API KelFrameData {
 /// The image's client-data record.
 class KEL_API KelClientData {
  public:
-  void* data;  ///< released by Die
+  void* data = nullptr;  ///< released by Die
 };
 
 /// Type of a channel.

@@ -2,7 +2,7 @@
 // row without gaps, in a buffer of the host.
 //
 // Ownership: FreeImageBuffer releases the buffer through the host's callbacks, whoever obtained
-// it. The constructor initialises nothing and the destructor releases nothing. Copies share the
+// it. The constructor makes an empty container, the destructor releases nothing. Copies share the
 // buffer, so only one of them may release it. Recasts return the code of a failure; the other
 // operations have no guard: where one is documented to raise, a KelException passes to the host.
 #ifndef KEL_IMAGE_DATA_H
@@ -103,13 +103,14 @@ class KEL_API KelImageData {
   KelLong GetDynRangeAndSpillOverRatios(KelLong lowLimit, KelLong highLimit, float* minimum,
                                         float* maximum, float* belowRatio, float* aboveRatio);
 
-  KelLong Width;            ///< samples per row
-  KelLong Height;           ///< rows
-  KelLong SizeOfDataType;   ///< bytes per sample: 1, 2 or 4 (0: packed rows)
-  KelLong ImageBufferType;  ///< 0 integers (unsigned 8, unsigned 16, signed 32 bits), 1 floats
-  KelBufID_I* ImageBuffer;  ///< the samples; null when none
-  float DynRangeMin;        ///< cached range; invalid while the maximum is below the minimum
-  float DynRangeMax;
+  KelLong Width = 0;           ///< samples per row
+  KelLong Height = 0;          ///< rows
+  KelLong SizeOfDataType = 0;  ///< bytes per sample: 1, 2 or 4 (0: packed rows)
+  /// 0 integers (unsigned 8, unsigned 16, signed 32 bits), 1 floats
+  KelLong ImageBufferType = 0;
+  KelBufID_I* ImageBuffer = nullptr;  ///< the samples; null when none
+  float DynRangeMin = 1;  ///< cached range; invalid while the maximum is below the minimum
+  float DynRangeMax = 0;
 };
 
 #if UINTPTR_MAX == 0xFFFFFFFFu

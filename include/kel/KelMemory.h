@@ -23,43 +23,49 @@ class KEL_API KelBufID_I {
   /// How the buffer was obtained. The library stores 1 into every identifier that AllocBuf or
   /// AllocAlignedBuf returns and never locks, unlocks or frees an identifier holding another
   /// value; 0 means no buffer.
-  std::uint8_t bufType;
+  std::uint8_t bufType = 0;
   /// The host's own word, typically its handle or the data address; never read or written here.
-  std::uintptr_t clientRef;
+  std::uintptr_t clientRef = 0;
 };
 
 /// The host's memory callbacks. The object is registered by address, not copied: it must
 /// outlive the library's use. All eleven fields must be set before KelLibInit. Sizes and counts
 /// are in bytes. Callbacks may run on any thread that calls into the library.
+///
+/// Null is how the host refuses a request. AllocBuf, AllocAlignedBuf, LockBuf, Malloc and
+/// AlignedMalloc may throw instead, which ends the operation like any other failure. The others run
+/// while the library gives back what it holds: throwing there ends the program (std::terminate). No
+/// callback of the library, these or others, may call an operation of the object on whose behalf it
+/// runs.
 class KEL_API KelMemFuncs {
  public:
-  KelMemFuncs() {}  ///< Initialises nothing: the fields are undefined until the host fills them.
+  KelMemFuncs() {}  ///< All fields null, for the host to fill.
   KelMemFuncs(const KelMemFuncs& source) = default;
   KelMemFuncs& operator=(const KelMemFuncs& source) = default;
   virtual ~KelMemFuncs();
 
   /// Obtains a sample buffer; null when out of memory. A null for size 0 is not a failure.
-  KelBufID_I* (*AllocBuf)(KelULong sizeBytes);
+  KelBufID_I* (*AllocBuf)(KelULong sizeBytes) = nullptr;
   /// As AllocBuf, with the data aligned to the given boundary (the library asks for 16).
-  KelBufID_I* (*AllocAlignedBuf)(KelULong sizeBytes, KelULong alignmentBytes);
+  KelBufID_I* (*AllocAlignedBuf)(KelULong sizeBytes, KelULong alignmentBytes) = nullptr;
   /// The address of a buffer's bytes, valid until the matching UnlockBuf.
-  void* (*LockBuf)(KelBufID_I* buffer);
+  void* (*LockBuf)(KelBufID_I* buffer) = nullptr;
   /// Ends an access begun by LockBuf. May also come for a buffer that is not locked.
-  void (*UnlockBuf)(KelBufID_I* buffer);
+  void (*UnlockBuf)(KelBufID_I* buffer) = nullptr;
   /// Releases a buffer and its identifier.
-  void (*FreeBuf)(KelBufID_I* buffer);
+  void (*FreeBuf)(KelBufID_I* buffer) = nullptr;
   /// Plain allocation, contents undefined; null when out of memory.
-  void* (*Malloc)(KelULong sizeBytes);
+  void* (*Malloc)(KelULong sizeBytes) = nullptr;
   /// Releases what Malloc gave; must accept null.
-  void (*Free)(void* address);
+  void (*Free)(void* address) = nullptr;
   /// Aligned allocation (the library asks for 16); null when out of memory.
-  void* (*AlignedMalloc)(KelULong sizeBytes, KelULong alignmentBytes);
+  void* (*AlignedMalloc)(KelULong sizeBytes, KelULong alignmentBytes) = nullptr;
   /// Releases what AlignedMalloc gave; must accept null.
-  void (*AlignedFree)(void* address);
+  void (*AlignedFree)(void* address) = nullptr;
   /// Copies bytes between areas that do not overlap.
-  void (*MemCopy)(void* destination, const void* source, KelULong countBytes);
+  void (*MemCopy)(void* destination, const void* source, KelULong countBytes) = nullptr;
   /// Fills bytes with a value from 0 to 255.
-  void (*MemSet)(void* destination, KelLong value, KelULong countBytes);
+  void (*MemSet)(void* destination, KelLong value, KelULong countBytes) = nullptr;
 };
 
 /// The failure record, and the one class that the library throws. Guarded operations return its
@@ -88,7 +94,7 @@ extern "C" {
 
 /// Registers the host's memory callbacks (by address) and chooses the kernels for this machine.
 /// A second call replaces the registration. Must not run while any other operation runs.
-/// Returns 0.
+/// Returns 0; 15, with the registration as it was, for null or when a callback is missing.
 KEL_API KelLong KelLibInit(KelMemFuncs* memFuncs);
 
 /// Clears the registration. Every image object must have been torn down before. Returns 0.

@@ -25,8 +25,9 @@ enum KelDecodePixelAspectRatio : KelLong {
 };
 
 /// Options of the encoder; for a decoder, what was found in the stream. Fields are undefined
-/// until InitToDefaults or Clone; defaults stand in brackets. Copies made by the language share
-/// the pointers. Text, comment and file records are not owned.
+/// until InitToDefaults or Clone, but for the owned ones, which are null: Die may be called in any
+/// case. Defaults stand in brackets. Copies made by the language share the pointers. Text, comment
+/// and file records are not owned.
 class KEL_API KelEncOpt {
  public:
   /// Makes a geometry of the given canvas, tile size, component count and depth, without
@@ -49,13 +50,14 @@ class KEL_API KelEncOpt {
   KelImageGeometry* GetGeomParams() const { return GeomParams; }
 
   // Image. The encoder goes by GeomParams; the five numbers inform.
-  KelLong ImageWidth;            ///< canvas width
-  KelLong ImageHeight;           ///< canvas height
-  KelLong TileWidth;             ///< tile width
-  KelLong TileHeight;            ///< tile height
-  KelLong NumComponents;         ///< number of components
-  KelLong Reserved0;             ///< not interpreted [not set]
-  KelImageGeometry* GeomParams;  ///< canvas and tiling; owned [a new geometry]
+  KelLong ImageWidth;     ///< canvas width
+  KelLong ImageHeight;    ///< canvas height
+  KelLong TileWidth;      ///< tile width
+  KelLong TileHeight;     ///< tile height
+  KelLong NumComponents;  ///< number of components
+  KelLong Reserved0;      ///< not interpreted [not set]
+  /// canvas and tiling; owned [a new geometry]
+  KelImageGeometry* GeomParams = nullptr;
   /// Path of a file that is created or emptied when InitEncoder fails and when an encoder is
   /// torn down; null or empty for none [null]
   const char* DebugFileName;
@@ -113,11 +115,11 @@ class KEL_API KelEncOpt {
   /// False: InitEncoder begins a progress run over the tiles. True: CompressImage begins and ends
   /// its own [false]
   bool ProgressPerCall;
-  KelLong NumLayers;           ///< quality layers, 1 to 65535; each repeats the same data [1]
-  KelLong* LayerTargets;       ///< NumLayers values from the registered Malloc; owned [null]
-  KelLong ProgressionOrder;    ///< a ProgressionOrder; 1 and 4 can be written [1]
-  KelLong CodeBlockWidthExp;   ///< InitEncoder sets 3: blocks of 8 x 8 [5]
-  KelLong CodeBlockHeightExp;  ///< [5]
+  KelLong NumLayers;                ///< quality layers, 1 to 65535; each repeats the same data [1]
+  KelLong* LayerTargets = nullptr;  ///< NumLayers values from the registered Malloc; owned [null]
+  KelLong ProgressionOrder;         ///< a ProgressionOrder; 1 and 4 can be written [1]
+  KelLong CodeBlockWidthExp;        ///< InitEncoder sets 3: blocks of 8 x 8 [5]
+  KelLong CodeBlockHeightExp;       ///< [5]
   // Code-block style bits, announced in the header; they do not change the block coding [false]
   bool CbBypass;
   bool CbReset;
@@ -133,8 +135,8 @@ class KEL_API KelEncOpt {
   /// Quality of irreversible coding, 1 to 100 (rounded, clamped), read when a tile is coded. 100
   /// means a step of 1 in every subband; it is not lossless [40]
   float TargetQuality;
-  KelLong* RateTable;      ///< RateTableCount values from the registered Malloc; owned [null]
-  KelLong RateTableCount;  ///< [0]
+  KelLong* RateTable = nullptr;  ///< RateTableCount values from the registered Malloc; owned [null]
+  KelLong RateTableCount;        ///< [0]
 };
 
 /// Options of the decoder.

@@ -8,7 +8,8 @@
 
 #include "KelTypes.h"
 
-/// The host's stream callbacks.
+/// The host's stream callbacks. They may throw: guarded operations then return 31, but for
+/// GetNextFrame, which lets pass what is no KelException.
 class KEL_API KelStreamProcs {
  public:
   KelStreamProcs& operator=(const KelStreamProcs& source) = default;
@@ -16,22 +17,23 @@ class KEL_API KelStreamProcs {
   KelStreamProcs() = default;
 
   /// First argument of every callback; never read by the library.
-  void* clientData;
+  void* clientData = nullptr;
   /// Delivers up to count bytes; returns their number, 0 at the end of data, negative on failure.
   /// Fewer bytes than asked are allowed at any time.
-  KelLong (*Read)(void* clientData, void* destination, KelLong count);
+  KelLong (*Read)(void* clientData, void* destination, KelLong count) = nullptr;
   /// Takes count bytes; returns the number taken, negative on failure.
-  KelLong (*Write)(void* clientData, const void* source, KelLong count);
+  KelLong (*Write)(void* clientData, const void* source, KelLong count) = nullptr;
   /// Moves to a position; returns it, negative on failure. The library always passes origin 1,
   /// which means that the offset counts from the start of the data.
-  KelLong (*Seek)(void* clientData, KelLong origin, KelLong offset);
+  KelLong (*Seek)(void* clientData, KelLong origin, KelLong offset) = nullptr;
 };
 
 /// A block of compressed bytes in memory, owned by the host.
 class KEL_API KelCompressedData {
  public:
-  const std::uint8_t* data;  ///< the bytes; they must stay valid during each call that uses them
-  KelULong length;           ///< their number
+  /// the bytes; they must stay valid during each call that uses them
+  const std::uint8_t* data = nullptr;
+  KelULong length = 0;  ///< their number
 };
 
 /// A stream object over the host's callbacks, with the library's own position and a write
@@ -41,7 +43,7 @@ class KEL_API KelCompressedData {
 /// bytes; a stream that is not seekable keeps all output in memory until flushWriteBuffer.
 class KEL_API KelCodeStm {
  public:
-  KelCodeStm() {}  ///< Initialises nothing; InitKelCodeStm must follow.
+  KelCodeStm() {}  ///< Without callbacks; InitKelCodeStm must follow.
   KelCodeStm(const KelCodeStm& source) = default;
   KelCodeStm& operator=(const KelCodeStm& source) = default;
   virtual ~KelCodeStm();  ///< Releases nothing: flushWriteBuffer releases the write buffer.
@@ -78,17 +80,17 @@ class KEL_API KelCodeStm {
   bool ReadOnly() const { return readOnly; }
   bool WriteOnly() const { return writeOnly; }
 
-  KelLong totalLength;    ///< data length that the host declared, in bytes; never updated
-  bool lengthUnknown;     ///< the host does not know the length
-  bool seekable;          ///< Seek can position anywhere; selects the write strategy
-  bool readOnly;          ///< the encoder refuses such a stream
-  bool writeOnly;         ///< the stream cannot be read
-  KelStreamProcs* procs;  ///< not owned
-  KelLong curPos;         ///< the library's idea of the absolute position
-  std::uint8_t* wbuf;     ///< write buffer, null when none
-  KelLong wbufCap;        ///< its capacity in bytes
+  KelLong totalLength = 0;          ///< data length that the host declared, in bytes; never updated
+  bool lengthUnknown = false;       ///< the host does not know the length
+  bool seekable = false;            ///< Seek can position anywhere; selects the write strategy
+  bool readOnly = false;            ///< the encoder refuses such a stream
+  bool writeOnly = false;           ///< the stream cannot be read
+  KelStreamProcs* procs = nullptr;  ///< not owned
+  KelLong curPos = 0;               ///< the library's idea of the absolute position
+  std::uint8_t* wbuf = nullptr;     ///< write buffer, null when none
+  KelLong wbufCap = 0;              ///< its capacity in bytes
   /// Write index in the buffer; curPos - wbufFill is the position of the buffer's first byte.
-  KelLong wbufFill;
+  KelLong wbufFill = 0;
 };
 
 #if UINTPTR_MAX == 0xFFFFFFFFu

@@ -2,7 +2,8 @@
 //
 // Handles belong to the image object and live until its Die. Images read through a handle belong
 // to the image object; an image set through it is handed over: the library releases its buffer
-// and the object itself, which must therefore come from the registered Malloc.
+// and the object itself, which must therefore come from the registered Malloc. What it replaces is
+// released at once.
 #ifndef KEL_TILE_COMPONENT_H
 #define KEL_TILE_COMPONENT_H
 
@@ -17,7 +18,7 @@ struct TileCompCell;
 
 class KEL_API KelTileComponent {
  public:
-  KelTileComponent() {}
+  KelTileComponent() : cell_(nullptr) {}
   KelTileComponent(const KelTileComponent& source) = default;
   KelTileComponent& operator=(const KelTileComponent& source) = default;
 

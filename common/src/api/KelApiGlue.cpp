@@ -28,6 +28,7 @@ void KelException::Clone(const KelException* source) {
 extern "C" {
 
 KelLong KelLibInit(KelMemFuncs* memFuncs) {
+  if (!kel::IsComplete(memFuncs)) return KelErrBadParam;
   kel::RegisterMemFuncs(memFuncs);
   kel::ChooseKernels();
   return KelOK;

@@ -33,6 +33,12 @@ void RegisterMemFuncs(KelMemFuncs* memFuncs) noexcept {
   registered = memFuncs;
 }
 
+bool IsComplete(const KelMemFuncs* m) noexcept {
+  return m != nullptr && m->AllocBuf && m->AllocAlignedBuf && m->LockBuf && m->UnlockBuf &&
+         m->FreeBuf && m->Malloc && m->Free && m->AlignedMalloc && m->AlignedFree && m->MemCopy &&
+         m->MemSet;
+}
+
 void* KelMalloc(std::uint64_t sizeBytes) {
   if (!CanAsk(sizeBytes)) RaiseNoMemory();
   void* address = registered->Malloc(static_cast<KelULong>(sizeBytes));
@@ -114,7 +120,7 @@ KelBufID_I* KelAllocAlignedBuf(std::uint64_t sizeBytes, KelULong alignmentBytes)
   return buffer;
 }
 
-void* KelLockBuf(KelBufID_I* buffer) noexcept {
+void* KelLockBuf(KelBufID_I* buffer) {
   return registered != nullptr && buffer->bufType == 1 ? registered->LockBuf(buffer) : nullptr;
 }
 

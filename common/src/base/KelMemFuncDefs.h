@@ -22,6 +22,8 @@ inline constexpr KelULong kAlignment = 16;
 /// The registered callbacks; null while the library is not started.
 KelMemFuncs* RegisteredMemFuncs() noexcept;
 void RegisterMemFuncs(KelMemFuncs* memFuncs) noexcept;
+/// Whether a host has set all eleven.
+bool IsComplete(const KelMemFuncs* memFuncs) noexcept;
 
 // Plain memory. All raise 8 when a request of non-zero size is refused; a null for size 0 is
 // handed on.
@@ -43,7 +45,7 @@ void KelMemSet(void* destination, int value, std::uint64_t countBytes) noexcept;
 // of one yields null.
 KelBufID_I* KelAllocBuf(std::uint64_t sizeBytes);
 KelBufID_I* KelAllocAlignedBuf(std::uint64_t sizeBytes, KelULong alignmentBytes = kAlignment);
-void* KelLockBuf(KelBufID_I* buffer) noexcept;
+void* KelLockBuf(KelBufID_I* buffer);
 void KelUnlockBuf(KelBufID_I* buffer) noexcept;
 void KelFreeBuf(KelBufID_I* buffer) noexcept;
 
@@ -193,7 +195,7 @@ class OwnedBuffer {
 class BufferLock {
  public:
   BufferLock() noexcept = default;
-  explicit BufferLock(KelBufID_I* buffer) noexcept
+  explicit BufferLock(KelBufID_I* buffer)
       : buffer_(buffer), address_(buffer != nullptr ? KelLockBuf(buffer) : nullptr) {}
   BufferLock(BufferLock&& other) noexcept
       : buffer_(std::exchange(other.buffer_, nullptr)),

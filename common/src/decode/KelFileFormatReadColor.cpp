@@ -173,9 +173,8 @@ KelLong ReadPalette(BoxReader& in, const BoxExtent& box) {
   return KelOK;
 }
 
-/// 'cmap': CMP (2) MTYP PCOL per channel. Column i becomes the column that channel i uses; where
-/// no mapping says so, it stays. All arrays have an entry for every column at least. Without a
-/// palette the box means nothing.
+/// 'cmap': CMP (2) MTYP PCOL per channel. All three arrays have an entry for every column at least.
+/// Without a palette the box means nothing.
 KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
   if (info.Palette == nullptr) return KelOK;
@@ -187,24 +186,18 @@ KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   auto components = OwnedArray<KelULong>::Make(size);
   auto types = OwnedArray<std::uint8_t>::Make(size);
   auto indices = OwnedArray<std::uint8_t>::Make(size);
-  auto columns = OwnedArray<std::uint8_t*>::Make(size);
-  std::copy_n(info.paletteColumns, palette.numColumns, columns.Data());
   for (std::size_t i = 0; i < count; ++i) {
     components[i] = mappings.U16At(4 * i);
     types[i] = mappings.bytes[4 * i + 2];
     indices[i] = mappings.bytes[4 * i + 3];
-    if (types[i] == 0) continue;
-    if (indices[i] >= palette.numColumns) return KelErrBoxSignature;
-    columns[i] = info.paletteColumns[indices[i]];
+    if (types[i] != 0 && indices[i] >= palette.numColumns) return KelErrBoxSignature;
   }
   KelFree(palette.mapComponent);
   KelFree(palette.mapType);
   KelFree(palette.mapColumn);
-  KelFree(palette.columns);
   palette.mapComponent = components.Release();
   palette.mapType = types.Release();
   palette.mapColumn = indices.Release();
-  palette.columns = columns.Release();
   return KelOK;
 }
 

@@ -35,7 +35,11 @@ FrameSource OpenFrame(ImageState& state, const KelCompressedData* block, KelLong
 /// Leaves the source as the next frame expects it, whatever has happened in this one.
 void CloseFrame(ImageState& state, bool fromStream) noexcept {
   DecoderState& d = *state.decoder;
-  d.dataMgr->ResetDataMgr();
+  try {
+    d.dataMgr->ResetDataMgr();
+  } catch (...) {
+    // The host's Seek threw. That is a move refused, which the frame's own outcome outlives.
+  }
   if (fromStream) {
     state.codeStm->InitKelCodeStm(0, true, true, false, false, state.codeStm->GetStmProcs());
   }

@@ -140,7 +140,7 @@ KelChannelType ComponentTypeOf(const ImageState& state, KelLong component) {
 
 KelLong ChannelIndexOf(const ImageState& state, KelLong n) {
   const KelChannelDefinition* definitions = DefinitionsOf(state);
-  if (definitions == nullptr) return n - 1;
+  if (definitions == nullptr) return n < 1 ? -1 : n - 1;
   if (!state.isEncoder) {
     const bool isListed = n >= 1 && static_cast<KelULong>(n) <= definitions->N;
     return isListed && definitions->order != nullptr ? definitions->order[n - 1] : -1;

@@ -57,8 +57,11 @@ KelImageGeometry::KelImageGeometry(KelLong xsiz, KelLong ysiz, KelLong xosiz, Ke
                                    KelLong xtsiz, KelLong ytsiz, KelLong xtosiz, KelLong ytosiz,
                                    const KelLong* xrsiz, const KelLong* yrsiz, KelLong csiz,
                                    const KelLong* bitDepths) {
+  // An object that is not made has nobody to call its Die.
+  kel::ScopeGuard release([this] { Die(); });
   InitImageGeometry(xsiz, ysiz, xosiz, yosiz, xtsiz, ytsiz, xtosiz, ytosiz, xrsiz, yrsiz, csiz,
                     bitDepths);
+  release.Disarm();
 }
 
 KelImageGeometry::~KelImageGeometry() = default;

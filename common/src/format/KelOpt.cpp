@@ -20,7 +20,6 @@ template <class... Arguments>
 KelImageGeometry* NewGeometry(Arguments... arguments) {
   auto memory = kel::OwnedRecord<kel::Storage<KelImageGeometry>>::Make();
   auto* geometry = new (memory.Get()) KelImageGeometry;
-  geometry->BitDepths = geometry->XRsiz = geometry->YRsiz = nullptr;
   kel::ScopeGuard release([&] { geometry->Die(); });
   geometry->InitImageGeometry(arguments...);
   release.Disarm();

@@ -3,6 +3,7 @@
 
 #include "base/KelMemFuncDefs.h"
 #include "image/KelImageMap.h"
+#include "samples/KelImageDataAccess.h"
 
 namespace kel {
 
@@ -11,6 +12,15 @@ struct TileCompCell {
   TileCompRecord* record;
 };
 
+namespace {
+
+/// Puts an image in a place that owns its own, unless another place holds that one too.
+void Replace(KelImageData*& place, KelImageData* image, const KelImageData* elsewhere) noexcept {
+  if (place != image && place != elsewhere) ReleaseImage(place);
+  place = image;
+}
+
+}  // namespace
 }  // namespace kel
 
 KelImageData* KelTileComponent::GetOutputImage() const {
@@ -18,7 +28,7 @@ KelImageData* KelTileComponent::GetOutputImage() const {
 }
 
 void KelTileComponent::SetOutputImage(KelImageData* image) {
-  cell_->record->outputImage = image;
+  kel::Replace(cell_->record->outputImage, image, cell_->record->progData);
 }
 
 KelImageData* KelTileComponent::GetProgData() const {
@@ -26,7 +36,7 @@ KelImageData* KelTileComponent::GetProgData() const {
 }
 
 void KelTileComponent::SetProgData(KelImageData* image) {
-  cell_->record->progData = image;
+  kel::Replace(cell_->record->progData, image, cell_->record->outputImage);
 }
 
 KelImageData* KelTileComponent::GetWaveletData() const {
@@ -35,7 +45,7 @@ KelImageData* KelTileComponent::GetWaveletData() const {
 
 void KelTileComponent::SetWaveletData(KelImageData* image) {
   if (image != nullptr && image->GetImageBuffer() != nullptr) image->GetImageBuffer()->bufType = 1;
-  cell_->record->waveletData = image;
+  kel::Replace(cell_->record->waveletData, image, nullptr);
 }
 
 void KelTileComponent::ReleaseWaveletData() {

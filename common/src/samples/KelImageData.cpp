@@ -12,14 +12,7 @@
 namespace kel {
 
 KelImageData* NewImage() {
-  auto* image = new (KelCalloc(1, sizeof(KelImageData))) KelImageData;
-  image->Width = 0;
-  image->Height = 0;
-  image->SizeOfDataType = 0;
-  image->ImageBufferType = kIntegerSamples;
-  image->ImageBuffer = nullptr;
-  ForgetDynRange(*image);
-  return image;
+  return new (KelMalloc(sizeof(KelImageData))) KelImageData;
 }
 
 void ReleaseImage(KelImageData*& image) noexcept {
