@@ -9,12 +9,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
 #include <utility>
 
+#include "KeptBlocks.hpp"
 #include "kel/host/errors.hpp"
 
 namespace kel::host {
@@ -24,6 +24,7 @@ struct Ledger {
   std::atomic<bool> running{false};
   std::atomic<std::uint64_t> limit{0}, current{0}, peak{0};
   KelMemFuncs callbacks;
+  KeptBlocks kept;
 };
 
 Ledger ledger;
@@ -47,10 +48,10 @@ void Refund(std::uint64_t bytes) {
 
 /// Stands in front of every block.
 struct BlockHeader {
-  std::uint64_t size;  ///< as asked for
-  void* start;         ///< what the heap gave
+  std::uint64_t size;      ///< as asked for
+  KeptBlocks::Block heap;  ///< what it stands in
 };
-constexpr std::size_t kHeaderBytes = 16;
+constexpr std::size_t kHeaderBytes = 32;
 static_assert(sizeof(BlockHeader) <= kHeaderBytes);
 
 BlockHeader* HeaderOf(void* address) {
@@ -62,15 +63,15 @@ void* Take(std::uint64_t size, std::size_t alignment) {
   alignment = std::max(alignment, kHeaderBytes);
   const std::uint64_t total = size + kHeaderBytes + alignment;
   if (total > PTRDIFF_MAX || !Charge(size)) return nullptr;
-  void* start = std::malloc(static_cast<std::size_t>(total));
-  if (start == nullptr) {
+  const KeptBlocks::Block heap = ledger.kept.Take(static_cast<std::size_t>(total));
+  if (heap.start == nullptr) {
     Refund(size);
     return nullptr;
   }
-  const auto first = reinterpret_cast<std::uintptr_t>(start) + kHeaderBytes;
-  const std::uintptr_t aligned = (first + alignment - 1) / alignment * alignment;
-  void* address = static_cast<char*>(start) + (aligned - reinterpret_cast<std::uintptr_t>(start));
-  new (HeaderOf(address)) BlockHeader{size, start};
+  const auto start = reinterpret_cast<std::uintptr_t>(heap.start);
+  const std::uintptr_t aligned = (start + kHeaderBytes + alignment - 1) / alignment * alignment;
+  void* address = static_cast<char*>(heap.start) + (aligned - start);
+  new (HeaderOf(address)) BlockHeader{size, heap};
   return address;
 }
 
@@ -78,7 +79,7 @@ void Give(void* address) {
   if (address == nullptr) return;
   const BlockHeader header = *HeaderOf(address);
   Refund(header.size);
-  std::free(header.start);
+  ledger.kept.Return(header.heap);
 }
 
 /// Room for a buffer's identifier in front of its bytes, which stay aligned to it.
@@ -124,6 +125,7 @@ Session::Session(std::uint64_t memoryLimit) {
 
 Session::~Session() {
   KelLibShutDown();
+  ledger.kept.GiveBack(SIZE_MAX);
   ledger.limit = 0;
   ledger.running = false;
 }
@@ -139,6 +141,9 @@ std::uint64_t Session::CurrentBytes() {
 }
 std::uint64_t Session::PeakBytes() {
   return ledger.peak;
+}
+std::uint64_t Session::KeptBytes() {
+  return ledger.kept.Bytes();
 }
 void Session::ResetPeak() {
   ledger.peak = ledger.current.load();

@@ -51,6 +51,28 @@ TEST(Session, LimitIsExactAndGivenBack) {
   EXPECT_EQ(Session::CurrentBytes(), 0U) << "refused requests must not be charged";
 }
 
+TEST(Session, KeepsBlocksForTheirSizeUntilAnotherNeedsThem) {
+  const Session session;
+  KelMemFuncs& memory = *KelGetMemObj();
+  constexpr KelULong kSize = 1 << 20;
+  void* first = memory.Malloc(kSize);
+  memory.Free(first);
+  EXPECT_GE(Session::KeptBytes(), kSize);
+  EXPECT_EQ(Session::CurrentBytes(), 0U);
+  void* again = memory.Malloc(kSize - 1000);
+  EXPECT_EQ(again, first) << "a little less fits too";
+  EXPECT_EQ(Session::KeptBytes(), 0U);
+  void* second = memory.Malloc(kSize);
+  memory.Free(again);
+  memory.Free(second);
+  void* larger = memory.Malloc(3 * kSize);
+  EXPECT_EQ(Session::KeptBytes(), 0U) << "kept blocks would add to the peak";
+  memory.Free(larger);
+  void* small = memory.Malloc(kSize / 2);
+  EXPECT_EQ(Session::KeptBytes(), 0U) << "nor may a small request sit beside a large kept block";
+  memory.Free(small);
+}
+
 TEST(Session, ReservationsCountAgainstTheLimitWhileTheyLive) {
   const Session session(std::uint64_t{64} << 20);
   KelMemFuncs& memory = *KelGetMemObj();

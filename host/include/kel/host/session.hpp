@@ -25,6 +25,9 @@ class Session {
   static std::uint64_t CurrentBytes();  ///< held by the library now, and reserved
   static std::uint64_t PeakBytes();     ///< the most since the start or ResetPeak
   static void ResetPeak();
+  /// Freed by the library and kept for its next request of that size, until another needs them.
+  /// With what is held now these are no more than was held at some time.
+  static std::uint64_t KeptBytes();
 };
 
 /// Counts bytes that do not come from the library, such as an image's samples, against the
