@@ -3,6 +3,7 @@
 #include <kel/host/decode.hpp>
 #include <kel/host/errors.hpp>
 #include <kel/host/session.hpp>
+#include <kel/host/similarity.hpp>
 
 #include <CLI/CLI.hpp>
 #include <cmath>
@@ -22,7 +23,10 @@ std::string Decibels(double psnr) {
   return text;
 }
 
-void PrintDifference(const host::Image& image, const host::Difference& difference) {
+/// Exit code for two images that can be compared and are not the same.
+constexpr int kDifferent = 1;
+
+void PrintDifference(const host::Image& image, const host::Difference& difference, double ssim) {
   std::printf("%-12s %12s %10s %18s\n", "component", "PSNR", "largest", "differing samples");
   for (std::size_t i = 0; i < difference.planes.size(); ++i) {
     const auto& plane = difference.planes[i];
@@ -31,6 +35,7 @@ void PrintDifference(const host::Image& image, const host::Difference& differenc
                 100.0 * static_cast<double>(plane.count) / samples);
   }
   std::printf("%-12s %12s\n", "all", Decibels(difference.psnr).c_str());
+  std::printf("%-12s %12.5f\n", "SSIM", ssim);
   std::puts(difference.identical ? "The images are identical." : "The images differ.");
 }
 
@@ -39,12 +44,13 @@ int RunCompare(const std::vector<std::string>& files, unsigned threads) {
   const host::Image a = LoadAnyImage(files[0], threads);
   const host::Image b = LoadAnyImage(files[1], threads);
   try {
-    PrintDifference(a, host::Compare(a, b));
+    const host::Difference difference = host::Compare(a, b);
+    PrintDifference(a, difference, difference.identical ? 1.0 : host::Ssim(a, b));
+    return difference.identical ? kDone : kDifferent;
   } catch (const host::Error& error) {
     if (error.Kind() != host::Failure::kParameter) throw;
     throw host::Error(host::Failure::kInput, files[0] + " and " + files[1], error.Sentence());
   }
-  return kDone;
 }
 
 }  // namespace
@@ -85,7 +91,8 @@ void AddCompareCommand(CLI::App& app, Run& run) {
       ->check(CLI::Range(1, 1024));
   command.footer(
       "Prints the PSNR of every component (10 log10 of the squared largest sample value over the\n"
-      "mean squared difference), the largest difference and the share of samples that differ.\n"
+      "mean squared difference), the largest difference, the share of samples that differ, and\n"
+      "the structural similarity. Exit codes: 0 identical, 1 different, 2 not comparable\n"
       "Example: kel compare photo.png photo.kel\n");
   command.callback(
       [options, &run] { run = [options] { return RunCompare(options->files, options->jobs); }; });

@@ -185,4 +185,31 @@ TEST(Convert, DifferencesAreMeasured) {
   EXPECT_EQ(ErrorOf([&] { Compare(a, MakeImage(10, 10, 1, 8)); }).Kind(), Failure::kParameter);
 }
 
+// The sliding sums against the definition, one window at a time.
+TEST(Similarity, IsThatOfTheDefinition) {
+  Image a = NoiseImage(13, 12, 1, 8), b = a;
+  for (std::uint32_t y = 0; y < 12; ++y) b.planes[0].Set(y, y, 255 - b.planes[0].At(y, y));
+  const auto weight = [](int i) { return std::exp(-(i - 5) * (i - 5) / 4.5); };
+  double norm = 0, total = 0;
+  for (int i = 0; i < 11; ++i) norm += weight(i);
+  for (std::uint32_t y0 = 0; y0 < 2; ++y0) {
+    for (std::uint32_t x0 = 0; x0 < 3; ++x0) {
+      double ma = 0, mb = 0, aa = 0, bb = 0, ab = 0;
+      for (int i = 0; i < 121; ++i) {
+        const int x = i % 11, y = i / 11;
+        const double w = weight(x) * weight(y) / (norm * norm);
+        const double va = a.planes[0].At(x0 + unsigned(x), y0 + unsigned(y));
+        const double vb = b.planes[0].At(x0 + unsigned(x), y0 + unsigned(y));
+        ma += w * va, mb += w * vb, aa += w * va * va, bb += w * vb * vb, ab += w * va * vb;
+      }
+      const double c1 = 2.55 * 2.55, c2 = 7.65 * 7.65;
+      total += (2 * ma * mb + c1) * (2 * (ab - ma * mb) + c2) / (ma * ma + mb * mb + c1) /
+               (aa - ma * ma + bb - mb * mb + c2);
+    }
+  }
+  EXPECT_NEAR(Ssim(a, b), total / 6, 1e-9);
+  EXPECT_NEAR(Ssim(a, a), 1, 1e-12);
+  EXPECT_NEAR(Ssim(NoiseImage(3, 40, 3, 16), NoiseImage(3, 40, 3, 16)), 1, 1e-12);
+}
+
 }  // namespace

@@ -207,6 +207,8 @@ TEST(Tool, StandardStreams) {
   ExpectSamePlanes(image, tool.GetImage("out.ppm"));
   EXPECT_NE(tool.Do("compare in.png - <out.ppm").find("The images are identical."),
             std::string::npos);
+  tool.Do("encode -q 5 in.png lossy.kel");
+  EXPECT_EQ(tool.Run("compare in.png lossy.kel").code, 1) << "they differ";
   const Tool::Result full = tool.Run("encode in.png - >/dev/full");
   EXPECT_EQ(full.code, 4);
   EXPECT_EQ(full.err, "kel: standard output: cannot be written: No space left on device\n");

@@ -23,6 +23,7 @@
 #include "host/row_streams.hpp"
 #include "host/rows.hpp"
 #include "host/session.hpp"
+#include "host/similarity.hpp"
 #include "host/streams.hpp"
 
 #endif
