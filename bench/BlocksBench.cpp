@@ -191,8 +191,8 @@ void DecodeBand(benchmark::State& state) {
   const KelCompressedData block{bytes.data(), static_cast<KelULong>(bytes.size())};
   for (auto _ : state) {
     reader.InitFromMemory(block, kel::Flavour::kAB);
-    DecodeBandBlocks(reader, {0, plane.side, 0, plane.side, 3, 3, plane.cells.data(), plane.side},
-                     kel::SignLayout::kSeparateSigns);
+    DecodeBandBlocks(reader, {0, plane.side, 0, plane.side, 3, 3, kel::SignLayout::kSeparateSigns},
+                     plane.cells.data(), plane.side);
     benchmark::ClobberMemory();
   }
   Report(state, plane.Blocks(), static_cast<double>(coded.numBytes));

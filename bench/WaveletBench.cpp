@@ -67,7 +67,13 @@ struct Workload {
         records(steps.size()) {}
 
   std::size_t Count() const { return stride * static_cast<std::size_t>(box.Height()); }
-  kel::CoefficientPlane Plane(int p) { return {ints[p].Data(), stride, box, kLevels}; }
+  kel::ComponentBands Bands53(int p) {
+    return kel::BandsOfInts({ints[p].Data(), stride, box, kLevels});
+  }
+  kel::ComponentBands Bands97(int p) {
+    return kel::BandsOfIndices({ints[p].Data(), stride, box, kLevels},
+                               kel::GeneralSteps(steps.data()));
+  }
   kel::Rows<std::uint8_t> Bytes(std::size_t p) { return {bytes.Data() + p * Count(), stride}; }
 };
 
@@ -92,32 +98,28 @@ const Driver kDrivers[] = {
      }},
     {"InverseDwt53", 1,
      [](Workload& w) {
-       kel::InverseDwt53(w.Plane(0), w.scratch.Data(), {w.ints[1].Data(), w.stride});
+       kel::InverseDwt53(w.Bands53(0), w.scratch.Data(), {w.ints[1].Data(), w.stride});
      }},
     {"InverseDwt53To8Bit", 1,
-     [](Workload& w) { kel::InverseDwt53To8Bit(w.Plane(0), w.scratch.Data(), w.Bytes(0)); }},
+     [](Workload& w) { kel::InverseDwt53To8Bit(w.Bands53(0), w.scratch.Data(), w.Bytes(0)); }},
     {"InverseDwt53RctTo8Bit", 3,
      [](Workload& w) {
-       kel::InverseDwt53RctTo8Bit({w.Plane(0), w.Plane(1), w.Plane(2)}, w.scratch.Data(),
+       kel::InverseDwt53RctTo8Bit({w.Bands53(0), w.Bands53(1), w.Bands53(2)}, w.scratch.Data(),
                                   {w.Bytes(0), w.Bytes(1), w.Bytes(2)});
      }},
     {"InverseDwt97", 1,
      [](Workload& w) {
-       kel::InverseDwt97(w.Plane(0), w.steps.data(), w.scratch.Data(),
-                         {w.floats[0].Data(), w.stride});
+       kel::InverseDwt97(w.Bands97(0), w.scratch.Data(), {w.floats[0].Data(), w.stride});
      }},
     {"InverseDwt97GeneralTo8Bit", 1,
      [](Workload& w) {
-       kel::InverseDwt97GeneralTo8Bit(w.Plane(0), w.steps.data(), w.scratch.Data(), w.Bytes(0));
+       kel::InverseDwt97GeneralTo8Bit(w.Bands97(0), w.scratch.Data(), w.Bytes(0));
      }},
     {"InverseDwt97To8Bit", 1,
-     [](Workload& w) {
-       kel::InverseDwt97To8Bit(w.Plane(0), w.steps.data(), 0.5F, w.scratch.Data(), w.Bytes(0));
-     }},
+     [](Workload& w) { kel::InverseDwt97To8Bit(w.Bands97(0), w.scratch.Data(), w.Bytes(0)); }},
     {"InverseDwt97IctTo8Bit", 3,
      [](Workload& w) {
-       const float* const steps[3] = {w.steps.data(), w.steps.data(), w.steps.data()};
-       kel::InverseDwt97IctTo8Bit({w.Plane(0), w.Plane(1), w.Plane(2)}, steps, w.scratch.Data(),
+       kel::InverseDwt97IctTo8Bit({w.Bands97(0), w.Bands97(1), w.Bands97(2)}, w.scratch.Data(),
                                   {w.Bytes(0), w.Bytes(1), w.Bytes(2)});
      }},
 };

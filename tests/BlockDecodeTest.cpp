@@ -31,9 +31,32 @@ Cells Decode(DataSource& source, const PlainBand& band, bool separate, kel::Band
   outcome = DecodeBandBlocks(
       *source,
       {band.x0, band.x1, band.y0, band.y1, static_cast<std::uint8_t>(band.widthExponent),
-       static_cast<std::uint8_t>(band.heightExponent), cells.First(), cells.Stride()},
-      LayoutOf(separate));
+       static_cast<std::uint8_t>(band.heightExponent), LayoutOf(separate)},
+      cells.First(), cells.Stride());
   return cells;
+}
+
+/// Decodes a band into cells of another kind, a row of blocks at a time, and compares them.
+template <class Cell>
+void ExpectCells(DataSource& source, const PlainBand& band, bool isStrict, float step) {
+  test::BandCells<Cell> cells{band.x0, band.x1, band.y0, band.y1};
+  kel::BandDecoder decoder;
+  decoder.Begin(*source,
+                {band.x0, band.x1, band.y0, band.y1, static_cast<std::uint8_t>(band.widthExponent),
+                 static_cast<std::uint8_t>(band.heightExponent), SignLayout::kSeparateSigns},
+                isStrict, step);
+  for (Cell* at = cells.First(); !decoder.IsOver();) {
+    at += decoder.DecodeRow(*source, at, cells.Stride()) * cells.Stride();
+  }
+  EXPECT_EQ(decoder.Outcome().end, BandEnd::kWhole);
+  test::BandCells<Cell> expected{band.x0, band.x1, band.y0, band.y1};
+  Cells exact = band.Cells<std::int32_t>(band.blocks.size());
+  for (int y = band.y0; y < band.y1; ++y) {
+    for (int x = band.x0; x < band.x1; ++x) {
+      expected.At(x, y) = static_cast<Cell>(static_cast<Cell>(exact.At(x, y)) * Cell(step));
+    }
+  }
+  ASSERT_EQ(cells.cells, expected.cells);
 }
 
 // Worked by hand, against an understanding of the code that the plain coder shares: a block that
@@ -64,7 +87,7 @@ TEST_F(BlockDecode, WorkedByHand) {
 TEST_F(BlockDecode, ABandWithoutSamplesIsItsHeader) {
   DataSource source(Hex("0909 EE"), kel::Flavour::kAB);
   const kel::BandOutcome outcome =
-      DecodeBandBlocks(*source, {0, 1, 0, 0, 6, 6, nullptr, 16}, SignLayout::kSeparateSigns);
+      DecodeBandBlocks(*source, {0, 1, 0, 0, 6, 6, SignLayout::kSeparateSigns}, nullptr, 16);
   EXPECT_EQ(outcome.end, BandEnd::kWhole);
   EXPECT_EQ(source->ReadByte(), 0xEEU);
 }
@@ -129,6 +152,38 @@ TEST_F(BlockDecode, GridsAndWindows) {
       }
     }
   });
+}
+
+// Cells of 16 bits and dequantised ones: lost bits of coefficients of many planes, a step not
+// applied to edge blocks or to those that no vector kernel takes, stores outside the block.
+TEST_F(BlockDecode, OtherKindsOfCells) {
+  std::mt19937 random(5);
+  test::WithEverySet([&](const kel::KernelTable&) {
+    for (int round = 0; round < 66; ++round) {
+      const int most = round % 33, x = round % 9;
+      PlainBand band{x, x + 9 + round % 30, round % 5, 20};
+      band.Fill(random, most / 2, most);
+      Bytes bytes = band.Code(most / 2, most, true);
+      if (round < 33) bytes.resize(bytes.size() + 500, 0xA5);
+      DataSource floats(bytes, kel::Flavour::kAB), shorts(bytes, kel::Flavour::kAB);
+      ExpectCells<float>(floats, band, true, 0.3F);
+      if (most <= 15) ExpectCells<std::int16_t>(shorts, band, true, 1.0F);
+    }
+  });
+}
+
+// A block of more planes than the header says, which the sums of 16 bits would not hold.
+TEST_F(BlockDecode, StrictBandsKeepTheirHeader) {
+  for (const std::size_t behind : {0U, 400U}) {
+    Bytes bytes = Hex("0002 C0");  // a field of 2 bits: 3 planes
+    bytes.resize(bytes.size() + behind);
+    DataSource source(bytes, kel::Flavour::kAB);
+    std::vector<std::int16_t> cells(64);
+    kel::BandDecoder decoder;
+    decoder.Begin(*source, {0, 8, 0, 8, 3, 3, SignLayout::kSeparateSigns}, true, 1.0F);
+    decoder.DecodeRow(*source, cells.data(), 8);
+    EXPECT_EQ(decoder.Outcome().end, BandEnd::kOutOfRange);
+  }
 }
 
 // Filler from behind the end of the data taken for coefficients, at any cut: in small blocks and

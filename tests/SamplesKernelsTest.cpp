@@ -109,6 +109,7 @@ void Compare(const KernelTable& table, const char* name, std::size_t perSample, 
 void CompareAll(const KernelTable& table) {
   using U8 = std::uint8_t;
   using U16 = std::uint16_t;
+  using I16 = std::int16_t;
   using I32 = std::int32_t;
   for (const std::size_t step : {3U, 4U, 5U}) {
     KEL_SAME(U8, U8, step, splitBytes(in[0], step, out[0], out[1], out[2], n));
@@ -128,7 +129,9 @@ void CompareAll(const KernelTable& table) {
   KEL_SAME(float, float, 1, inverseIct(out[0], out[1], out[2], n));
   KEL_SAME(I32, U8, 1, inverseRctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(float, U8, 1, inverseIctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(I16, U8, 1, inverseRctShortsTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(I32, U8, 1, intTo8Bit(in[0], out[0], n));
+  KEL_SAME(I16, U8, 1, shortTo8Bit(in[0], out[0], n));
   KEL_SAME(float, U8, 1, floatTo8Bit(in[0], out[0], n));
   for (const auto& [low, high, add] :
        {std::array{-128, 127, 128}, {INT32_MIN, INT32_MAX, 1}, {-5, -5, INT32_MIN}}) {

@@ -22,7 +22,7 @@ template <class T>
 T Hard(std::mt19937& random) {
   const std::int32_t ints[] = {INT32_MIN, INT32_MAX, 0, -1, 1, 2, -2, INT32_MAX / 2};
   const float floats[] = {0.0F, -0.0F, 1e30F, -1e30F, 1e-42F, -3e-39F, 16777217.0F, 0.1F};
-  if constexpr (std::is_same_v<T, std::int32_t>) {
+  if constexpr (std::is_integral_v<T>) {
     return static_cast<T>(random() % 2 == 0 ? ints[random() % 8]
                                             : static_cast<std::int32_t>(random()));
   } else {
@@ -92,6 +92,7 @@ void CompareSynthesis(kel::SynthesisKernels<Cell> kel::WaveletKernels::*kernels)
 
 TEST(WaveletKernels, SynthesisHasTheSameBitsInEverySet) {
   CompareSynthesis(&kel::WaveletKernels::synthesis53);
+  CompareSynthesis(&kel::WaveletKernels::synthesis53Short);
   CompareSynthesis(&kel::WaveletKernels::synthesis97);
   CompareSynthesis(&kel::WaveletKernels::synthesis97Single);
 }

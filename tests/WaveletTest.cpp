@@ -36,6 +36,10 @@ std::mt19937& Random() {
   return generator;
 }
 
+constexpr std::size_t AsUnsigned(std::int64_t v) {
+  return static_cast<std::size_t>(v);
+}
+
 int Sample() {
   return static_cast<int>(Random()() % 256) - 128;
 }
@@ -134,7 +138,7 @@ void CheckInverse(const Box& box, int levels) {
   std::vector<double> truth = cells.Values();
   test::TransformTruly(truth, box, levels, {true, false});
   GuardedRows<std::int32_t> ints(box.Width(), box.Height(), 7);
-  kel::InverseDwt53(plane, scratch.Data(), {ints.Data(), ints.Stride()});
+  kel::InverseDwt53(BandsOfInts(plane), scratch.Data(), {ints.Data(), ints.Stride()});
   ASSERT_EQ(ints.Values(), truth);
   ASSERT_TRUE(ints.MarginIntact());
 
@@ -143,7 +147,8 @@ void CheckInverse(const Box& box, int levels) {
                      [&](auto b, auto, auto, auto cell) { truth[cell] *= double{kSteps[b]}; });
   test::TransformTruly(truth, box, levels, {true, true});
   GuardedRows<float> floats(box.Width(), box.Height(), 7);
-  kel::InverseDwt97(plane, kSteps, scratch.Data(), {floats.Data(), floats.Stride()});
+  kel::InverseDwt97(BandsOfIndices(plane, kel::GeneralSteps(kSteps)), scratch.Data(),
+                    {floats.Data(), floats.Stride()});
   const std::vector<double> found = floats.Values();
   for (std::size_t i = 0; i < truth.size(); ++i) ASSERT_NEAR(found[i], truth[i], 1e-3);
   ASSERT_TRUE(floats.MarginIntact());
@@ -180,15 +185,18 @@ TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
     std::vector<GuardedRows<std::uint8_t>> bytes(3, {box.Width(), box.Height()}), expected = bytes;
     const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, 3, 3));
     void* const at = scratch.Data();
-    kel::CoefficientPlane planes[3];
+    kel::ComponentBands bands53[3], bands97[3];
     kel::Rows<std::uint8_t> out[3];
     for (std::size_t p = 0; p < 3; ++p) {
       cells[p].Fill([] { return Sample() / 2; });
       // One plane has no levels at all.
-      planes[p] = {cells[p].Data(), cells[p].Stride(), box, p == 2 ? 0 : 3 - static_cast<int>(p)};
+      const int levels = p == 2 ? 0 : 3 - static_cast<int>(p);
+      const kel::CoefficientPlane plane = {cells[p].Data(), cells[p].Stride(), box, levels};
+      bands53[p] = BandsOfInts(plane);
+      bands97[p] = BandsOfIndices(plane, kel::GeneralSteps(kSteps));
       out[p] = {bytes[p].Data(), bytes[p].Stride()};
-      kel::InverseDwt53(planes[p], at, {ints[p].Data(), ints[p].Stride()});
-      kel::InverseDwt97(planes[p], kSteps, at, {floats[p].Data(), floats[p].Stride()});
+      kel::InverseDwt53(bands53[p], at, {ints[p].Data(), ints[p].Stride()});
+      kel::InverseDwt97(bands97[p], at, {floats[p].Data(), floats[p].Stride()});
     }
     const auto expectSame = [&](const char* what, auto convertRow) {
       for (std::int64_t y = 0; y < box.Height(); ++y) {
@@ -196,38 +204,69 @@ TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
       }
       for (std::size_t p = 0; p < 3; ++p) EXPECT_TRUE(bytes[p] == expected[p]) << what << p;
     };
-    for (std::size_t p = 0; p < 3; ++p) kel::InverseDwt53To8Bit(planes[p], at, out[p]);
+    for (std::size_t p = 0; p < 3; ++p) kel::InverseDwt53To8Bit(bands53[p], at, out[p]);
     expectSame("5/3 ", [&](auto row) {
       for (std::size_t p = 0; p < 3; ++p) convert.intTo8Bit(row(ints, p), row(expected, p), w);
     });
     for (std::size_t p = 0; p < 3; ++p) {
-      kel::InverseDwt97GeneralTo8Bit(planes[p], kSteps, at, out[p]);
+      kel::InverseDwt97GeneralTo8Bit(bands97[p], at, out[p]);
     }
     expectSame("9/7 ", [&](auto row) {
       for (std::size_t p = 0; p < 3; ++p) convert.floatTo8Bit(row(floats, p), row(expected, p), w);
     });
-    kel::InverseDwt97To8Bit(planes[0], kSteps, 0.0F, at, out[0]);
+    kel::InverseDwt97To8Bit(bands97[0], at, out[0]);
     const std::vector<double> direct = bytes[0].Values(), general = expected[0].Values();
     for (std::size_t i = 0; i < direct.size(); ++i) ASSERT_NEAR(direct[i], general[i], 1);
-    // Planes that may be overwritten need less scratch and give the same.
-    const auto copies = cells;
-    const Scratch little = Scratch::Make(kel::InverseDwtScratchCells(box, 3, 3, true));
-    for (const bool consuming : {false, true}) {
-      void* const room = consuming ? little.Data() : at;
-      kel::InverseDwt53RctTo8Bit(planes, room, out);
-      expectSame("RCT ", [&](auto row) {
-        convert.inverseRctTo8Bit(row(ints, 0), row(ints, 1), row(ints, 2), row(expected, 0),
-                                 row(expected, 1), row(expected, 2), w);
-      });
-      cells = copies;
-      kel::InverseDwt97IctTo8Bit(planes, {kSteps, kSteps, kSteps}, room, out);
-      expectSame("ICT ", [&](auto row) {
-        convert.inverseIctTo8Bit(row(floats, 0), row(floats, 1), row(floats, 2), row(expected, 0),
-                                 row(expected, 1), row(expected, 2), w);
-      });
-      cells = copies;
-      for (std::size_t p = 0; p < 3; ++p) planes[p].consumable = cells[p].Data();
+    kel::InverseDwt53RctTo8Bit(bands53, at, out);
+    expectSame("RCT ", [&](auto row) {
+      convert.inverseRctTo8Bit(row(ints, 0), row(ints, 1), row(ints, 2), row(expected, 0),
+                               row(expected, 1), row(expected, 2), w);
+    });
+    kel::InverseDwt97IctTo8Bit(bands97, at, out);
+    expectSame("ICT ", [&](auto row) {
+      convert.inverseIctTo8Bit(row(floats, 0), row(floats, 1), row(floats, 2), row(expected, 0),
+                               row(expected, 1), row(expected, 2), w);
+    });
+  }
+}
+
+// Cells of 16 bits must give what those of 32 give up to the limit that is stated for them: bands
+// of the largest values that fit, with signs that add up, are grown until no band can be larger.
+TEST_F(Wavelet, ShortCellsHoldWhatFitsThem) {
+  const Box box = {3, 70, 2, 45};
+  for (int round = 0; round < 60; ++round) {
+    const int levels = round % 6;
+    std::uint8_t bits[kel::NumSubbands(6)] = {};
+    for (int tries = 0; tries < 60; ++tries) {
+      std::uint8_t& some = bits[Random()() % AsUnsigned(kel::NumSubbands(levels))];
+      if (!kel::FitsShorts(levels, bits, INT16_MAX)) break;
+      ++some;
+      if (!kel::FitsShorts(levels, bits, INT16_MAX)) --some;
     }
+    GuardedRows<std::int32_t> ints(box.Width(), box.Height());
+    ForEachCoefficient(box, levels, [&](auto b, auto x, auto y, auto cell) {
+      const int most = (1 << bits[b]) - 1;
+      const bool negative = round % 2 == 0 ? ((x ^ y) & 1) != 0 : Random()() % 2 != 0;
+      ints.Data()[cell / AsUnsigned(box.Width()) * ints.Stride() + cell % AsUnsigned(box.Width())] =
+          negative ? -most : most;
+    });
+    const kel::CoefficientPlane plane = {ints.Data(), ints.Stride(), box, levels};
+    const kel::ComponentBands bands = BandsOfInts(plane);
+    // The same cells, narrowed, as bands of their own.
+    std::vector<std::int16_t> shorts(ints.Stride() * AsUnsigned(box.Height()));
+    std::copy_n(ints.Data(), shorts.size() - (ints.Stride() - AsUnsigned(box.Width())),
+                shorts.begin());
+    kel::ComponentBands narrow = bands;
+    narrow.cells = kel::CellKind::kShorts;
+    for (kel::BandRows& rows : narrow.bands) {
+      if (rows.next == nullptr) continue;
+      rows.next = shorts.data() + (static_cast<std::int32_t*>(rows.next) - ints.Data());
+    }
+    const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, levels));
+    GuardedRows<std::uint8_t> expected(box.Width(), box.Height()), found = expected;
+    kel::InverseDwt53To8Bit(bands, scratch.Data(), {expected.Data(), expected.Stride()});
+    kel::InverseDwt53To8Bit(narrow, scratch.Data(), {found.Data(), found.Stride()});
+    ASSERT_TRUE(found == expected) << levels << " levels";
   }
 }
 
@@ -241,7 +280,8 @@ TEST_F(Wavelet, DirectPathTo8Bit) {
     GuardedRows<std::uint8_t> out(width, 1, padding);
     const float steps[] = {1, 1, 1, 1};
     const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, levels));
-    kel::InverseDwt97To8Bit({cells.Data(), cells.Stride(), box, levels}, steps, 0.5F,
+    const kel::CoefficientPlane plane = {cells.Data(), cells.Stride(), box, levels};
+    kel::InverseDwt97To8Bit(BandsOfIndices(plane, kel::OffsetSteps(steps, levels, 0.5F)),
                             scratch.Data(), {out.Data(), out.Stride()});
     EXPECT_TRUE(out.MarginIntact());
     return int{out.At(0, 0)};
@@ -262,7 +302,8 @@ TEST_F(Wavelet, NeutralSteps) {
   float out = 0;
   for (const auto& [step, expected] :
        {std::pair{1.00009F, 100000.0F}, {0.99991F, 100000.0F}, {1.00011F, 100000.0F * 1.00011F}}) {
-    kel::InverseDwt97({&index, 1, box, 0}, &step, scratch.Data(), {&out, 1});
+    kel::InverseDwt97(kel::BandsOfIndices({&index, 1, box, 0}, kel::GeneralSteps(&step)),
+                      scratch.Data(), {&out, 1});
     EXPECT_EQ(out, expected);
   }
   float source = 3, work = 0;

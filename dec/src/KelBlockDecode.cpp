@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <type_traits>
 
 #include "format/KelBlockGrid.h"
 #include "kernels/KelBlocksRead.h"
@@ -155,128 +156,156 @@ void DecodeCodeBlock(Bits& bits, unsigned planes, SignLayout layout, const Block
   }
 }
 
-// ---- A band ----
-
-/// A band's decoding: the reader, or, while the window is open, a place in its window.
-class BandDecoder {
- public:
-  BandDecoder(KelDecDataMgr& reader, SignLayout layout, int minPlanes, int maxPlanes)
-      : reader_(reader), layout_(layout), source_{} {
-    source_.fieldBits = PlaneCountFieldBits(minPlanes, maxPlanes);
-    source_.minPlanes = static_cast<unsigned>(minPlanes);
-  }
-
-  bool AnyNonZero() const { return source_.planesSeen != 0; }
-
-  /// Decodes whole blocks that follow each other in a row, up to `count`. Returns how many: none
-  /// when the next one must be decoded singly.
-  std::int64_t DecodeRun(std::int32_t* cells, std::ptrdiff_t strideCells, std::int64_t count) {
-    if (!OpenWindow()) return 0;
-    const BlocksKernels& kernels = Kernels().blocks;
-    auto* const decode = layout_ == SignLayout::kSeparateSigns ? kernels.decodeSeparateSigns
-                                                               : kernels.decodeInterleavedSigns;
-    return static_cast<std::int64_t>(
-        decode(source_, cells, strideCells, static_cast<std::size_t>(count)));
-  }
-
-  BandEnd DecodeOne(const Block& block) {
-    if (OpenWindow()) {
-      WindowBits bits{source_.window, source_.bitPosition};
-      const BandEnd end = DecodeFrom(bits, block);
-      source_.bitPosition = bits.position;
-      return end;
-    }
-    ReaderBits bits{reader_};
-    const BandEnd end = DecodeFrom(bits, block);
-    if (!reader_.ReadPastEnd()) return end;
-    StoreZeros(block);
-    return BandEnd::kCutOff;
-  }
-
-  /// Gives the place in the window back to the reader.
-  void CloseWindow() {
-    if (!windowOpen_) return;
-    windowOpen_ = false;
-    const std::uint64_t next = (source_.bitPosition + 7) / 8;
-    const auto unread = static_cast<int>(8 * next - source_.bitPosition);
-    reader_.ResumeAt(source_.window + next, unread);
-  }
-
- private:
-  /// Whether the next block, whatever it is, can be decoded from the window.
-  bool OpenWindow() {
-    if (windowOpen_ && source_.bitPosition <= source_.lastStart) return true;
-    CloseWindow();
-    constexpr std::uint64_t kReach = kMostBlockBytes + kLoadSlackBytes;
-    if (reader_.EnsureBuffered(kReach) != kBufferedOk) return false;
-    // While bits are unread, the byte that holds them stands before the read position.
-    const unsigned unread = static_cast<unsigned>(reader_.UnreadBits());
-    const unsigned before = unread != 0 ? 1 : 0;
-    source_.window = reader_.ReadPointer() - before;
-    source_.bitPosition = 8 * before - unread;
-    source_.lastStart = 8 * (reader_.Available() - kReach) + 7;
-    windowOpen_ = true;
-    return true;
-  }
-
-  template <class Bits>
-  BandEnd DecodeFrom(Bits& bits, const Block& block) {
-    const std::uint64_t planes = std::uint64_t{bits.Take(source_.fieldBits)} + source_.minPlanes;
-    if (planes > kMostPlanes) return BandEnd::kOutOfRange;
-    source_.planesSeen |= static_cast<unsigned>(planes);
-    DecodeCodeBlock(bits, static_cast<unsigned>(planes), layout_, block);
-    return BandEnd::kWhole;
-  }
-
-  KelDecDataMgr& reader_;
-  SignLayout layout_;
-  bool windowOpen_ = false;
-  BlockSource source_;
-};
-
-/// Decodes one row of blocks; `y` is its first row of coefficients, of which it has `height`.
-BandEnd DecodeRowOfBlocks(BandDecoder& decoder, const BandBlocks& band, std::int64_t y,
-                          std::int64_t height) {
-  std::int32_t* const row = band.cells + (y - band.y0) * band.strideCells;
-  std::int64_t x = band.x0;
-  while (x < band.x1) {
-    std::int32_t* const cells = row + (x - band.x0);
-    const std::int64_t width = BlockEnd(x, band.x1, band.widthExponent) - x;
-    if (width == kBlockSide && height == kBlockSide) {
-      const std::int64_t done =
-          decoder.DecodeRun(cells, band.strideCells, (band.x1 - x) / kBlockSide);
-      x += done * kBlockSide;
-      if (done != 0) continue;
-    }
-    const BandEnd end = decoder.DecodeOne(
-        {static_cast<int>(width), static_cast<int>(height), cells, band.strideCells});
-    if (end != BandEnd::kWhole) return end;
-    x += width;
-  }
-  return BandEnd::kWhole;
+/// A coefficient as a cell holds it.
+std::int16_t ToCell(std::int32_t coefficient, float, std::int16_t) {
+  return static_cast<std::int16_t>(coefficient);
+}
+float ToCell(std::int32_t coefficient, float step, float) {
+  return static_cast<float>(coefficient) * step;
 }
 
 }  // namespace
 
-BandOutcome DecodeBandBlocks(KelDecDataMgr& reader, const BandBlocks& band, SignLayout layout) {
+// ---- A band ----
+
+void BandDecoder::Begin(KelDecDataMgr& reader, const BandPart& part, bool isStrict, float step) {
+  part_ = part;
+  windowIsOpen_ = false;
+  nextRow_ = part.IsEmpty() ? part.y1 : part.y0;
+  source_ = {};
   const int minPlanes = static_cast<std::int8_t>(reader.ReadByte());
   const int maxPlanes = static_cast<std::int8_t>(reader.ReadByte());
-  if (reader.ReadPastEnd()) return {BandEnd::kCutOff, false};
-  if (band.x0 >= band.x1 || band.y0 >= band.y1) return {BandEnd::kWhole, false};
-  assert(band.widthExponent <= kBlockExponent && band.heightExponent <= kBlockExponent);
+  end_ = reader.ReadPastEnd() ? BandEnd::kCutOff : BandEnd::kWhole;
+  if (IsOver()) return;
+  assert(part.widthExponent <= kBlockExponent && part.heightExponent <= kBlockExponent);
   if (minPlanes < 0 || maxPlanes > int{kMostPlanes} || maxPlanes < minPlanes) {
-    return {BandEnd::kOutOfRange, false};
+    end_ = BandEnd::kOutOfRange;
+    return;
   }
-  BandDecoder decoder(reader, layout, minPlanes, maxPlanes);
-  BandEnd end = BandEnd::kWhole;
-  for (std::int64_t y = band.y0; y < band.y1 && end == BandEnd::kWhole;) {
-    const std::int64_t yEnd = BlockEnd(y, band.y1, band.heightExponent);
-    end = DecodeRowOfBlocks(decoder, band, y, yEnd - y);
-    y = yEnd;
+  source_.fieldBits = PlaneCountFieldBits(minPlanes, maxPlanes);
+  source_.minPlanes = static_cast<unsigned>(minPlanes);
+  if (isStrict) source_.mostPlanes = static_cast<unsigned>(maxPlanes);
+  source_.step = step;
+}
+
+/// Whether the next block, whatever it is, can be decoded from the window.
+bool BandDecoder::OpenWindow(KelDecDataMgr& reader) {
+  if (windowIsOpen_ && source_.bitPosition <= source_.lastStart) return true;
+  CloseWindow(reader);
+  constexpr std::uint64_t kReach = kMostBlockBytes + kLoadSlackBytes;
+  if (reader.EnsureBuffered(kReach) != kBufferedOk) return false;
+  // While bits are unread, the byte that holds them stands before the read position.
+  const unsigned unread = static_cast<unsigned>(reader.UnreadBits());
+  const unsigned before = unread != 0 ? 1 : 0;
+  source_.window = reader.ReadPointer() - before;
+  source_.bitPosition = 8 * before - unread;
+  source_.lastStart = 8 * (reader.Available() - kReach) + 7;
+  windowIsOpen_ = true;
+  return true;
+}
+
+/// Gives the place in the window back to the reader.
+void BandDecoder::CloseWindow(KelDecDataMgr& reader) {
+  if (!windowIsOpen_) return;
+  windowIsOpen_ = false;
+  const std::uint64_t next = (source_.bitPosition + 7) / 8;
+  const auto unread = static_cast<int>(8 * next - source_.bitPosition);
+  reader.ResumeAt(source_.window + next, unread);
+}
+
+/// Decodes whole blocks that follow each other in a row, up to `count`. Returns how many: none
+/// when the next one must be decoded singly.
+template <class Cell>
+std::int64_t BandDecoder::DecodeRun(KelDecDataMgr& reader, Cell* cells, std::ptrdiff_t strideCells,
+                                    std::int64_t count) {
+  if (!OpenWindow(reader)) return 0;
+  const BlocksKernels& kernels = Kernels().blocks;
+  const auto decode = [&] {
+    if constexpr (std::is_same_v<Cell, std::int16_t>) {
+      return kernels.decodeShorts;
+    } else if constexpr (std::is_same_v<Cell, float>) {
+      return kernels.decodeFloats;
+    } else {
+      return part_.layout == SignLayout::kSeparateSigns ? kernels.decodeSeparateSigns
+                                                        : kernels.decodeInterleavedSigns;
+    }
+  }();
+  return static_cast<std::int64_t>(
+      decode(source_, cells, strideCells, static_cast<std::size_t>(count)));
+}
+
+template <class Bits>
+BandEnd BandDecoder::DecodeFrom(Bits& bits, int width, int height, std::int32_t* cells,
+                                std::ptrdiff_t strideCells) {
+  const std::uint64_t planes = std::uint64_t{bits.Take(source_.fieldBits)} + source_.minPlanes;
+  if (planes > source_.mostPlanes) return BandEnd::kOutOfRange;
+  source_.planesSeen |= static_cast<unsigned>(planes);
+  DecodeCodeBlock(bits, static_cast<unsigned>(planes), part_.layout,
+                  {width, height, cells, strideCells});
+  return BandEnd::kWhole;
+}
+
+BandEnd BandDecoder::DecodeOne(KelDecDataMgr& reader, int width, int height, std::int32_t* cells,
+                               std::ptrdiff_t strideCells) {
+  if (OpenWindow(reader)) {
+    WindowBits bits{source_.window, source_.bitPosition};
+    const BandEnd end = DecodeFrom(bits, width, height, cells, strideCells);
+    source_.bitPosition = bits.position;
+    return end;
   }
-  decoder.CloseWindow();
-  reader.AlignToByte();
-  return {end, decoder.AnyNonZero()};
+  ReaderBits bits{reader};
+  const BandEnd end = DecodeFrom(bits, width, height, cells, strideCells);
+  if (!reader.ReadPastEnd()) return end;
+  StoreZeros({width, height, cells, strideCells});
+  return BandEnd::kCutOff;
+}
+
+template <class Cell>
+std::int32_t BandDecoder::DecodeRow(KelDecDataMgr& reader, Cell* cells,
+                                    std::ptrdiff_t strideCells) {
+  const auto rowEnd = static_cast<std::int32_t>(BlockEnd(nextRow_, part_.y1, part_.heightExponent));
+  const int height = rowEnd - nextRow_;
+  nextRow_ = rowEnd;
+  for (std::int64_t x = part_.x0; x < part_.x1 && end_ == BandEnd::kWhole;) {
+    Cell* const to = cells + (x - part_.x0);
+    const auto width = static_cast<int>(BlockEnd(x, part_.x1, part_.widthExponent) - x);
+    if (width == kBlockSide && height == kBlockSide) {
+      const std::int64_t done = DecodeRun(reader, to, strideCells, (part_.x1 - x) / kBlockSide);
+      x += done * kBlockSide;
+      if (done != 0) continue;
+    }
+    if constexpr (std::is_same_v<Cell, std::int32_t>) {
+      end_ = DecodeOne(reader, width, height, to, strideCells);
+    } else {
+      std::int32_t block[kBlockSide * kBlockSide];
+      end_ = DecodeOne(reader, width, height, block, kBlockSide);
+      for (int y = 0; y < height && end_ == BandEnd::kWhole; ++y) {
+        for (int i = 0; i < width; ++i) {
+          to[y * strideCells + i] = ToCell(block[y * kBlockSide + i], source_.step, Cell{});
+        }
+      }
+    }
+    x += width;
+  }
+  if (IsOver()) {
+    CloseWindow(reader);
+    reader.AlignToByte();
+  }
+  return height;
+}
+
+template std::int32_t BandDecoder::DecodeRow(KelDecDataMgr&, std::int32_t*, std::ptrdiff_t);
+template std::int32_t BandDecoder::DecodeRow(KelDecDataMgr&, std::int16_t*, std::ptrdiff_t);
+template std::int32_t BandDecoder::DecodeRow(KelDecDataMgr&, float*, std::ptrdiff_t);
+
+BandOutcome DecodeBandBlocks(KelDecDataMgr& reader, const BandPart& part, std::int32_t* cells,
+                             std::ptrdiff_t strideCells) {
+  BandDecoder decoder;
+  decoder.Begin(reader, part, false, 1.0F);
+  while (!decoder.IsOver()) {
+    cells += decoder.DecodeRow(reader, cells, strideCells) * strideCells;
+  }
+  return decoder.Outcome();
 }
 
 }  // namespace kel

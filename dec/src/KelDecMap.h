@@ -25,15 +25,19 @@ struct ResolutionRecord {
   std::uint16_t** pages;
   std::int32_t leastHandled;  ///< the least of the counters,
   std::int64_t numAtLeast;    ///< and how many precincts have it
+  std::uint8_t* codedCopy;    ///< of a packet that was taken, where the data do not stay; owned
 };
 
 inline constexpr std::int64_t kCounterPage = 4096;
 
 /// One band of a tile-component.
 struct BandRecord {
-  Box box;                   ///< in band coordinates
-  std::int64_t column, row;  ///< its first cell in the coefficient plane
-  bool isFilled;             ///< every cell holds a value, decoded or zero
+  Box box;                      ///< in band coordinates
+  std::int64_t column, row;     ///< its first cell in the coefficient plane
+  bool isFilled;                ///< every cell holds a value, decoded or zero
+  const std::uint8_t* coded;    ///< its bytes, where these are taken; null: it is zero
+  std::uint64_t codedBytes;     ///< how many they are,
+  std::uint64_t readableBytes;  ///< and how many can be read from there on
 };
 
 /// The decoder's part of a tile-component. Bands and resolutions exist from the first header to the
@@ -61,6 +65,11 @@ struct TileProgress {
   bool isComplete;              ///< every packet was decoded
   bool isChanged;               ///< packets, or the first header, were read since the last output
   bool isDelivered;             ///< complete, and its output made: later frames leave it alone
+  /// Bands are not decoded as they are read: where their bytes are is noted, and a tile whose
+  /// packets have all been read is decoded while it is delivered. Until then nothing else may
+  /// happen to it.
+  bool takesBands;
+  bool mustNotTake;  ///< a packet was met that has to be decoded as it is read
 };
 
 /// The decoder's part of a tile.

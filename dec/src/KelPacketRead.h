@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "KelDecDataMgr.h"
+#include "KelBlockDecode.h"
 #include "KelDecMap.h"
 
 namespace kel {
@@ -21,8 +21,13 @@ enum class PartEnd : std::uint8_t {
 };
 
 /// Reads the packets of the tile-part that tile.dec->progress describes, from the read position on,
-/// and keeps the progress. The tile has been laid out and has a walk. Raises 8.
+/// and keeps the progress. The tile has been laid out and has a walk. With progress.takesBands,
+/// bands are not decoded; when that cannot be done, progress.mustNotTake is set, and the reader
+/// stands anywhere. Raises 8.
 PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile);
+
+/// The part of a component's band that a precinct holds.
+BandPart PartOfBand(const TileCompRecord& record, std::int32_t band, std::int64_t precinct);
 
 /// Whether a position is where a tile-part may end: on SOT, EOC or the end of the data. Looks only
 /// at what the window can hold; the read position stays. Nothing when that is too far away.

@@ -25,6 +25,8 @@ void ReleaseResolutions(TileCompRecord& record) noexcept {
   if (comp.resolutions == nullptr) return;
   for (std::int32_t r = 0; r <= comp.numLevels; ++r) {
     ResolutionRecord& resolution = comp.resolutions[r];
+    if (resolution.codedCopy != nullptr) KelFree(resolution.codedCopy);
+    resolution.codedCopy = nullptr;
     if (resolution.pages == nullptr) continue;
     const std::int64_t numPages = CeilDiv(resolution.precincts.Count(), kCounterPage);
     for (std::int64_t page = 0; page < numPages; ++page) KelFree(resolution.pages[page]);
@@ -41,8 +43,10 @@ void LayOutBands(TileCompRecord& record) {
   comp.bands = OwnedArray<BandRecord>::Make(AsCount(numBands)).Release();
   for (int b = 0; b < numBands; ++b) {
     const CellOffset place = MallatOffset(comp.resolutionBox, comp.decodeRes, b);
-    comp.bands[b] = {SubbandBox(comp.resolutionBox, comp.decodeRes, b), place.column, place.row,
-                     false};
+    BandRecord& band = comp.bands[b];
+    band.box = SubbandBox(comp.resolutionBox, comp.decodeRes, b);
+    band.column = place.column;
+    band.row = place.row;
   }
 }
 

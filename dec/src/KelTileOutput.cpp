@@ -13,9 +13,11 @@
 #include <algorithm>
 #include <optional>
 
+#include "KelBandSource.h"
 #include "KelHostPlacement.h"
 #include "KelTileLayout.h"
 #include "base/KelRaise.h"
+#include "kernels/KelSamplesKernels.h"
 #include "samples/KelCompTransform.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelQuant.h"
@@ -39,33 +41,6 @@ ChannelRequest ChannelOf(const FrameRequest& request, std::int32_t component) {
 bool IsIrreversible(const TileCompRecord& record) {
   return record.dec->params.style->irreversible != 0;
 }
-
-/// A locked coefficient plane; every band of it holds values.
-class Coefficients {
- public:
-  explicit Coefficients(TileCompRecord& record) : record_(record) {
-    EnsureCoefficients(record);
-    lock_ = BufferLock(record.waveletData->ImageBuffer);
-    if (!lock_) Raise(KelErrNoMemory, kModuleImageMap);
-    for (int b = 0; b < NumSubbands(record.dec->decodeRes); ++b) {
-      EnsureBandFilled(record, b, lock_.As<std::int32_t>());
-    }
-  }
-  CoefficientPlane Plane() const {
-    return {lock_.As<const std::int32_t>(), static_cast<std::size_t>(record_.dec->rowStride),
-            record_.dec->resolutionBox, record_.dec->decodeRes};
-  }
-  /// The plane when its values are not needed again.
-  CoefficientPlane ConsumablePlane() const {
-    CoefficientPlane plane = Plane();
-    plane.consumable = lock_.As<std::int32_t>();
-    return plane;
-  }
-
- private:
-  TileCompRecord& record_;
-  BufferLock lock_;
-};
 
 /// The steps of a component's bands; the first entries serve lower resolutions.
 struct Steps {
@@ -129,10 +104,15 @@ class Delivery {
         tile_(tile),
         scratch_(scratch),
         isPlain8Bit_(AsksPlain8Bit(request_, context.map.numComps) && request_.orientation == 0),
-        transformIsCoded_(tile.dec->params.style->componentTransform != 0) {}
+        transformIsCoded_(tile.dec->params.style->componentTransform != 0),
+        isTaken_(tile.dec->progress.takesBands) {}
 
-  void Run() {
-    for (std::int32_t c = 0; c < context_.map.numComps; ++c) Clear(tile_.comps[c]);
+  /// False when a coded band that was taken did not end where its length says.
+  bool Run() {
+    for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
+      Clear(tile_.comps[c]);
+      if (isTaken_ && tile_.comps[c].dec->frameDone) CheckBandsWithoutSamples(tile_.comps[c]);
+    }
     if (TakesColorRoute()) DeliverColors();
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
       if (!tile_.comps[c].dec->frameDone && TakesDirectRoute(tile_.comps[c])) {
@@ -143,6 +123,7 @@ class Delivery {
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
       if (!tile_.comps[c].dec->frameDone) DeliverAlone(tile_.comps[c]);
     }
+    return bandsAreSound_;
   }
 
  private:
@@ -209,50 +190,122 @@ class Delivery {
     return record.dec->decodeRes == 0 || (address | stride) % kDirectAlignment == 0;
   }
 
+  // ---- Bands ----
+
+  /// The bands of components that are synthesised together, and the working memory for that. Bands
+  /// come from the coded bytes when these were taken, else from the planes of coefficients.
+  struct Source {
+    std::int32_t count;
+    TileCompRecord* records[3];
+    std::optional<LockedPlane> planes[3];
+    BandMemory memory[3];
+    ComponentBands bands[3];
+    void* scratch;
+  };
+
+  /// Obtains the working memory of a source whose records are known.
+  void PrepareSource(Source& source) {
+    int levels = 0, numBands = 0;
+    std::uint64_t rowBytes = 0;
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      const TileCompRecord& record = *source.records[i];
+      levels = std::max(levels, record.dec->decodeRes);
+      if (!isTaken_) continue;
+      numBands += NumSubbands(record.dec->decodeRes);
+      rowBytes = SaturatingAdd(rowBytes, CodedRowBytes(record));
+    }
+    const std::uint64_t cells =
+        InverseDwtScratchCells(source.records[0]->dec->resolutionBox, levels, source.count);
+    source.scratch = scratch_.Cells(SaturatingAdd(cells, rowBytes / sizeof(std::uint32_t)));
+    if (!isTaken_) return;
+    CodedBand* bands = scratch_.Bands(AsCount(numBands));
+    std::uint32_t* rows = static_cast<std::uint32_t*>(source.scratch) + cells;
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      source.memory[i] = {bands, rows};
+      bands += NumSubbands(source.records[i]->dec->decodeRes);
+      rows += CodedRowBytes(*source.records[i]) / sizeof(std::uint32_t);
+    }
+  }
+
+  /// Makes the bands of the records, for cells of a kind other than floats.
+  void OpenSource(Source& source, CellKind cells) {
+    PrepareSource(source);
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      TileCompRecord& record = *source.records[i];
+      source.bands[i] = isTaken_ ? BandsOfCodedBytes(record, cells, nullptr, source.memory[i])
+                                 : BandsOfInts(source.planes[i].emplace(record).Plane());
+    }
+  }
+
+  /// Makes the bands of the records for the 9/7 filter; on the direct path with an offset.
+  void OpenSource97(Source& source, bool isDirect) {
+    PrepareSource(source);
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      TileCompRecord& record = *source.records[i];
+      const Steps said(context_.map, record);
+      const IndexSteps steps = isDirect ? OffsetSteps(said.values, record.dec->decodeRes, 0.5F)
+                                        : GeneralSteps(said.values);
+      source.bands[i] = isTaken_
+                            ? BandsOfCodedBytes(record, CellKind::kFloats, &steps, source.memory[i])
+                            : BandsOfIndices(source.planes[i].emplace(record).Plane(), steps);
+    }
+  }
+
+  /// Ends the use of a source whose rows have all been taken.
+  void CloseSource(Source& source) {
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      source.planes[i].reset();
+      bandsAreSound_ = bandsAreSound_ &&
+                       (!isTaken_ || CodedBandsEndedWell(*source.records[i], source.memory[i]));
+    }
+  }
+
+  /// The cells for the 5/3 filter of samples that end as bytes: 16 bits where that surely suffices.
+  CellKind ShortestCells(const Source& source, std::int64_t mostSample) const {
+    bool fit = isTaken_;
+    for (std::int32_t i = 0; i < source.count; ++i) {
+      fit = fit && CodedBandsFitShorts(*source.records[i], mostSample);
+    }
+    return fit ? CellKind::kShorts : CellKind::kInts;
+  }
+
+  /// Bands of a component without samples can have data all the same.
+  void CheckBandsWithoutSamples(TileCompRecord& record) {
+    Source source{1, {&record}, {}, {}, {}, nullptr};
+    OpenSource(source, CellKind::kInts);
+    CloseSource(source);
+  }
+
   // ---- Delivering ----
 
   void DeliverColors() {
-    std::optional<Coefficients> coefficients[3];
+    Source source{3, {&Color(0), &Color(1), &Color(2)}, {}, {}, {}, nullptr};
     std::optional<SamplePlane> bytes[3];
-    CoefficientPlane planes[3];
-    const bool isLast = tile_.dec->progress.isComplete;
-    for (int i = 0; i < 3; ++i) {
-      const Coefficients& of = coefficients[i].emplace(Color(i));
-      planes[i] = isLast ? of.ConsumablePlane() : of.Plane();
-    }
-    void* cells = scratch_.Cells(
-        InverseDwtScratchCells(Color(0).dec->resolutionBox, MostLevels(), 3, isLast));
     for (int i = 0; i < 3; ++i) bytes[i].emplace(Color(i), 1);
     const Rows<std::uint8_t> out[3] = {bytes[0]->RowsOf<std::uint8_t>(),
                                        bytes[1]->RowsOf<std::uint8_t>(),
                                        bytes[2]->RowsOf<std::uint8_t>()};
     if (IsIrreversible(Color(0))) {
-      const Steps steps[3] = {
-          {context_.map, Color(0)}, {context_.map, Color(1)}, {context_.map, Color(2)}};
-      const float* const values[3] = {steps[0].values, steps[1].values, steps[2].values};
-      InverseDwt97IctTo8Bit(planes, values, cells, out);
+      OpenSource97(source, false);
+      InverseDwt97IctTo8Bit(source.bands, source.scratch, out);
     } else {
-      InverseDwt53RctTo8Bit(planes, cells, out);
+      OpenSource(source, ShortestCells(source, kMostShortColor));
+      InverseDwt53RctTo8Bit(source.bands, source.scratch, out);
     }
+    CloseSource(source);
     for (int i = 0; i < 3; ++i) {
-      coefficients[i].reset();
       bytes[i]->Install(Color(i), kIntegerSamples);
       Finish(Color(i));
     }
   }
 
-  int MostLevels() const {
-    return std::max({Color(0).dec->decodeRes, Color(1).dec->decodeRes, Color(2).dec->decodeRes});
-  }
-
   void DeliverDirect(TileCompRecord& record) {
     const HostPlacement place = PlaceInHostBuffer(context_.map, request_, record);
-    {
-      const Coefficients coefficients(record);
-      const Steps steps(context_.map, record);
-      InverseDwt97To8Bit(coefficients.Plane(), steps.values, 0.5F, ScratchFor(record),
-                         {place.address, static_cast<std::size_t>(place.stride)});
-    }
+    Source source{1, {&record}, {}, {}, {}, nullptr};
+    OpenSource97(source, true);
+    InverseDwt97To8Bit(source.bands[0], source.scratch,
+                       {place.address, static_cast<std::size_t>(place.stride)});
+    CloseSource(source);
     record.outputImage->FreeImageBuffer();
     DescribeOutput(record);
     record.dec->frameDone = record.dataReady = true;
@@ -262,16 +315,15 @@ class Delivery {
   /// Reconstructs a component as 32-bit samples.
   void Reconstruct(TileCompRecord& record) {
     SamplePlane samples(record, 4);
-    {
-      const Coefficients coefficients(record);
-      void* cells = ScratchFor(record);
-      if (IsIrreversible(record)) {
-        const Steps steps(context_.map, record);
-        InverseDwt97(coefficients.Plane(), steps.values, cells, samples.RowsOf<float>());
-      } else {
-        InverseDwt53(coefficients.Plane(), cells, samples.RowsOf<std::int32_t>());
-      }
+    Source source{1, {&record}, {}, {}, {}, nullptr};
+    if (IsIrreversible(record)) {
+      OpenSource97(source, false);
+      InverseDwt97(source.bands[0], source.scratch, samples.RowsOf<float>());
+    } else {
+      OpenSource(source, CellKind::kInts);
+      InverseDwt53(source.bands[0], source.scratch, samples.RowsOf<std::int32_t>());
     }
+    CloseSource(source);
     samples.Install(record, IsIrreversible(record) ? kFloatSamples : kIntegerSamples);
     ReleaseCoefficients(record);
   }
@@ -303,17 +355,15 @@ class Delivery {
       return;
     }
     SamplePlane bytes(record, 1);
-    {
-      const Coefficients coefficients(record);
-      void* cells = ScratchFor(record);
-      if (IsIrreversible(record)) {
-        const Steps steps(context_.map, record);
-        InverseDwt97GeneralTo8Bit(coefficients.Plane(), steps.values, cells,
-                                  bytes.RowsOf<std::uint8_t>());
-      } else {
-        InverseDwt53To8Bit(coefficients.Plane(), cells, bytes.RowsOf<std::uint8_t>());
-      }
+    Source source{1, {&record}, {}, {}, {}, nullptr};
+    if (IsIrreversible(record)) {
+      OpenSource97(source, false);
+      InverseDwt97GeneralTo8Bit(source.bands[0], source.scratch, bytes.RowsOf<std::uint8_t>());
+    } else {
+      OpenSource(source, ShortestCells(source, INT16_MAX));
+      InverseDwt53To8Bit(source.bands[0], source.scratch, bytes.RowsOf<std::uint8_t>());
     }
+    CloseSource(source);
     bytes.Install(record, kIntegerSamples);
     Finish(record);
   }
@@ -342,10 +392,6 @@ class Delivery {
 
   // ---- Memory ----
 
-  void* ScratchFor(const TileCompRecord& record) {
-    return scratch_.Cells(InverseDwtScratchCells(record.dec->resolutionBox, record.dec->decodeRes));
-  }
-
   /// Coefficients of a complete tile are not needed again.
   void ReleaseCoefficients(TileCompRecord& record) {
     if (tile_.dec->progress.isComplete) ReleaseImage(record.waveletData);
@@ -357,6 +403,8 @@ class Delivery {
   OutputScratch& scratch_;
   bool isPlain8Bit_;
   bool transformIsCoded_;
+  bool isTaken_;  ///< the bands' coded bytes were taken, and there are no planes
+  bool bandsAreSound_ = true;
 };
 
 /// Adds the bytes decoded since the last frame to the options' count.
@@ -374,12 +422,12 @@ void CountDecodedBytes(const ImageMap& map, TileRecord& tile) {
 
 }  // namespace
 
-void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
+bool DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
   TileProgress& progress = tile.dec->progress;
   if (progress.isChanged) {
     // A failed delivery has released some coefficients already: the tile must be decoded again.
     ScopeGuard restart([&] { RestartTile(context.map, tile); });
-    Delivery(context, tile, scratch).Run();
+    if (!Delivery(context, tile, scratch).Run()) return false;
     restart.Disarm();
     CountDecodedBytes(context.map, tile);
     progress.isChanged = false;
@@ -388,6 +436,7 @@ void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch
     ReleaseTileWork(context.map, tile);
     progress.isDelivered = true;
   }
+  return true;
 }
 
 }  // namespace kel

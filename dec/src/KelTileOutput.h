@@ -2,7 +2,7 @@
 #ifndef KEL_TILE_OUTPUT_H
 #define KEL_TILE_OUTPUT_H
 
-#include "KelDecMap.h"
+#include "KelBandSource.h"
 #include "KelFrameRequest.h"
 #include "base/KelMemFuncDefs.h"
 
@@ -19,8 +19,17 @@ class OutputScratch {
     }
     return cells_.Data();
   }
+  /// At least so many, contents undefined. Raises 8.
+  CodedBand* Bands(std::uint64_t count) {
+    if (bands_.Size() < count || !bands_) {
+      bands_ = {};
+      bands_ = ScratchArray<CodedBand>::Make(count);
+    }
+    return bands_.Data();
+  }
 
  private:
+  ScratchArray<CodedBand> bands_;
   ScratchArray<std::uint32_t> cells_;
 };
 
@@ -35,8 +44,9 @@ struct DeliveryContext {
 /// Reconstructs the samples of a tile from what has been decoded, in the form that the request
 /// describes, into the components' output images and the host's buffers. A tile that has not
 /// changed is left alone. A complete tile's coefficients are released on the way. Raises 8; the
-/// tile then starts anew.
-void DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch);
+/// tile then starts anew. So it does, with false, when it was taken and a band did not end where
+/// its length says: it must be decoded as it is read.
+bool DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch);
 
 }  // namespace kel
 

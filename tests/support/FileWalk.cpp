@@ -44,8 +44,8 @@ void WalkBand(const Bytes& bytes, const kel::Box& band) {
   const kel::BandOutcome outcome =
       DecodeBandBlocks(*source,
                        {edge(band.x0), edge(band.x1), edge(band.y0), edge(band.y1), 3, 3,
-                        cells.data(), static_cast<std::ptrdiff_t>(band.Width())},
-                       kel::SignLayout::kSeparateSigns);
+                        kel::SignLayout::kSeparateSigns},
+                       cells.data(), static_cast<std::ptrdiff_t>(band.Width()));
   EXPECT_EQ(outcome.end, kel::BandEnd::kWhole);
   EXPECT_EQ(source->GetPosition(), static_cast<std::int64_t>(bytes.size()));
 }

@@ -80,6 +80,48 @@ DeliveryContext DescribeDelivery(ImageState& state) {
   return delivery;
 }
 
+/// Where reading stands between two tiles.
+struct ReadingPlace {
+  std::int64_t position, passPosition, visitedUpTo, furthest;
+  bool dataEnded, hasGaps;
+};
+
+ReadingPlace NotePlace(const TilePass& pass) {
+  const DecoderState& d = pass.decoder;
+  return {d.dataMgr->GetPosition(), pass.position, d.visitedUpTo, d.furthest,
+          pass.dataEnded,           d.hasGaps};
+}
+
+void ReturnTo(const ReadingPlace& place, TilePass& pass) {
+  DecoderState& d = pass.decoder;
+  pass.position = place.passPosition;
+  pass.dataEnded = place.dataEnded;
+  d.visitedUpTo = place.visitedUpTo;
+  d.furthest = place.furthest;
+  d.hasGaps = place.hasGaps;
+  d.dataMgr->MoveTo(place.position);
+}
+
+/// Reads a tile's packets without decoding them, and decodes them while it delivers the tile, so
+/// that no plane of coefficients is made. False, and the tile and the reading are as before, when
+/// that cannot be: the tile has begun, does not arrive whole, or is irregular.
+bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
+              OutputScratch& scratch) {
+  if (tile.dec->progress.numParts != 0 || !pass.decoder.dataMgr->IndexAllowed()) return false;
+  const ReadingPlace place = NotePlace(pass);
+  ScopeGuard restart([&] {
+    RestartTile(pass.map, tile);
+    ReturnTo(place, pass);
+  });
+  tile.dec->progress.takesBands = true;
+  const KelLong code = ReadTile(pass, tile);
+  const bool isWhole =
+      code == KelOK && tile.dec->progress.isComplete && !tile.dec->progress.mustNotTake;
+  if (!isWhole || !DeliverTile(delivery, tile, scratch)) return false;
+  restart.Disarm();
+  return true;
+}
+
 /// Decodes and delivers the tiles in raster order, up to the first that fails.
 KelLong VisitTiles(ImageState& state) {
   DecoderState& d = *state.decoder;
@@ -90,6 +132,7 @@ KelLong VisitTiles(ImageState& state) {
   for (std::int32_t t = 0; t < state.map.numTiles && code == KelOK; ++t) {
     TileRecord& tile = state.map.tiles[t];
     if (HasNoSamples(state.map, tile)) continue;
+    if (TakeTile(pass, delivery, tile, scratch)) continue;
     code = ReadTile(pass, tile);
     DeliverTile(delivery, tile, scratch);
   }

@@ -213,13 +213,14 @@ class TilePreview {
 
   // ---- Samples shown ----
 
-  CoefficientPlane PlaneFor(const Coefficients& of) const {
-    return {of.cells.Data(), AsIndex(of.window.Width()), of.window, resolution_, of.cells.Data()};
+  ComponentBands BandsFor(const Coefficients& of, bool areIndices) const {
+    const CoefficientPlane plane = {of.cells.Data(), AsIndex(of.window.Width()), of.window,
+                                    resolution_};
+    return areIndices ? BandsOfIndices(plane, GeneralSteps(of.steps)) : BandsOfInts(plane);
   }
 
   ScratchArray<std::int32_t> InverseScratch(const Box& window, int numPlanes) const {
-    return ScratchArray<std::int32_t>::Make(
-        InverseDwtScratchCells(window, resolution_, numPlanes, numPlanes > 1));
+    return ScratchArray<std::int32_t>::Make(InverseDwtScratchCells(window, resolution_, numPlanes));
   }
 
   /// Whether the planes of the three colours are a transformed triple. Like the decoder, this does
@@ -242,15 +243,16 @@ class TilePreview {
     const Box& window = made[0].window;
     WindowPlane bytes[3] = {{window, 1}, {window, 1}, {window, 1}};
     const auto scratch = InverseScratch(window, 3);
-    const CoefficientPlane planes[3] = {PlaneFor(made[0]), PlaneFor(made[1]), PlaneFor(made[2])};
+    const bool areIndices = options_.Irreversible != 0;
+    const ComponentBands bands[3] = {BandsFor(made[0], areIndices), BandsFor(made[1], areIndices),
+                                     BandsFor(made[2], areIndices)};
     const Rows<std::uint8_t> out[3] = {bytes[0].RowsOf<std::uint8_t>(),
                                        bytes[1].RowsOf<std::uint8_t>(),
                                        bytes[2].RowsOf<std::uint8_t>()};
-    if (options_.Irreversible != 0) {
-      InverseDwt97IctTo8Bit(planes, {made[0].steps, made[1].steps, made[2].steps}, scratch.Data(),
-                            out);
+    if (areIndices) {
+      InverseDwt97IctTo8Bit(bands, scratch.Data(), out);
     } else {
-      InverseDwt53RctTo8Bit(planes, scratch.Data(), out);
+      InverseDwt53RctTo8Bit(bands, scratch.Data(), out);
     }
     for (KelLong c = 0; c < 3; ++c) {
       Install(c, bytes[c].TakePart(ViewFor(c).shown), 1, kIntegerSamples);
@@ -274,10 +276,9 @@ class TilePreview {
     WindowPlane bytes(made.window, 1);
     const auto scratch = InverseScratch(made.window, 1);
     if (IsCodedIrreversibly(options_, c)) {
-      InverseDwt97GeneralTo8Bit(PlaneFor(made), made.steps, scratch.Data(),
-                                bytes.RowsOf<std::uint8_t>());
+      InverseDwt97GeneralTo8Bit(BandsFor(made, true), scratch.Data(), bytes.RowsOf<std::uint8_t>());
     } else {
-      InverseDwt53To8Bit(PlaneFor(made), scratch.Data(), bytes.RowsOf<std::uint8_t>());
+      InverseDwt53To8Bit(BandsFor(made, false), scratch.Data(), bytes.RowsOf<std::uint8_t>());
     }
     Install(c, bytes.TakePart(ViewFor(c).shown), 1, kIntegerSamples);
   }
@@ -290,9 +291,9 @@ class TilePreview {
     const auto scratch = InverseScratch(made.window, 1);
     const bool areFloats = IsCodedIrreversibly(options_, c);
     if (areFloats) {
-      InverseDwt97(PlaneFor(made), made.steps, scratch.Data(), samples.RowsOf<float>());
+      InverseDwt97(BandsFor(made, true), scratch.Data(), samples.RowsOf<float>());
     } else {
-      InverseDwt53(PlaneFor(made), scratch.Data(), samples.RowsOf<std::int32_t>());
+      InverseDwt53(BandsFor(made, false), scratch.Data(), samples.RowsOf<std::int32_t>());
     }
     Install(c, samples.TakePart(ViewFor(c).shown), 4, areFloats ? kFloatSamples : kIntegerSamples);
   }

@@ -132,9 +132,8 @@ OwnedBuffer Enlarged(const ImageState& state, const ZoomJob& job) {
   {
     const auto scratch =
         ScratchArray<std::int32_t>::Make(InverseDwtScratchCells(job.result, job.in));
-    const void* cells = bands.Data();
-    InverseDwt97OfFloats({static_cast<const std::int32_t*>(cells), stride, job.result, job.in},
-                         scratch.Data(), {samples.Data(), stride});
+    InverseDwt97(BandsOfFloats({bands.Data(), stride, job.result, job.in}), scratch.Data(),
+                 {samples.Data(), stride});
   }
   bands = {};
   return StoreResult(job, samples.Data(), stride);

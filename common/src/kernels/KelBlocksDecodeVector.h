@@ -127,11 +127,25 @@ struct BitsBefore {
 };
 constexpr BitsBefore kBitsBefore;
 
+// A row of coefficients, to cells of each kind.
+KEL_INLINE void StoreCells(__m256i values, float, std::int32_t* cells) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(cells), values);
+}
+KEL_INLINE void StoreCells(__m256i values, float, std::int16_t* cells) {
+  const __m128i packed =
+      _mm_packs_epi32(_mm256_castsi256_si128(values), _mm256_extracti128_si256(values, 1));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(cells), packed);
+}
+KEL_INLINE void StoreCells(__m256i values, float step, float* cells) {
+  _mm256_storeu_ps(cells, _mm256_mul_ps(_mm256_cvtepi32_ps(values), _mm256_set1_ps(step)));
+}
+
 /// Stores rows of magnitudes with the signs of those that are not zero. `nonZero` is a plane in
 /// raster order, and the signs are the first bits of a word. Each lane shifts its row's signs so
 /// far that its own is the highest bit.
+template <class Cell>
 KEL_INLINE void StoreWithSigns(const __m256i* rows, std::uint64_t signs, std::uint64_t nonZero,
-                               std::int32_t* cells, std::ptrdiff_t strideCells) {
+                               float step, Cell* cells, std::ptrdiff_t strideCells) {
   for (int y = 0; y < 8; ++y, nonZero <<= 8, cells += strideCells) {
     const std::uint64_t row = nonZero >> 56;
     const __m256i before = _mm256_cvtepu8_epi32(
@@ -140,7 +154,7 @@ KEL_INLINE void StoreWithSigns(const __m256i* rows, std::uint64_t signs, std::ui
         _mm256_sllv_epi32(_mm256_set1_epi32(static_cast<int>(signs >> 32)), before);
     const __m256i direction = _mm256_or_si256(sign, _mm256_set1_epi32(1));
     const __m256i values = _mm256_sign_epi32(rows[y], direction);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(cells), values);
+    StoreCells(values, step, cells);
     signs <<= __builtin_popcountll(row);
   }
 }
@@ -151,8 +165,9 @@ KEL_INLINE std::uint64_t CountBits(std::uint64_t word) {
   return static_cast<unsigned>(__builtin_popcountll(word));
 }
 
+template <class Cell>
 KEL_INLINE std::uint64_t DecodeBlock(const std::uint8_t* window, std::uint64_t bits,
-                                     std::uint64_t start, unsigned planes, std::int32_t* cells,
+                                     std::uint64_t start, unsigned planes, float step, Cell* cells,
                                      std::ptrdiff_t strideCells) {
   GroupWalk walk{window, start, bits};
   // A single plane takes the part of the lower one.
@@ -187,17 +202,24 @@ KEL_INLINE std::uint64_t DecodeBlock(const std::uint8_t* window, std::uint64_t b
   }
   const std::uint64_t position = walk.position + 64 * lowBits;
   const std::uint64_t nonZero = ~HighestBits(ReversedRaster(zero[0]), ReversedRaster(zero[1]));
-  StoreWithSigns(rows, LoadAllBits(window, position), nonZero, cells, strideCells);
+  StoreWithSigns(rows, LoadAllBits(window, position), nonZero, step, cells, strideCells);
   return position + 64 - numZero;
 }
 
 /// Blocks of more planes than the vector kernel takes go to the scalar one.
-std::size_t DecodeRunVector(BlockSource& source, std::int32_t* cells, std::ptrdiff_t strideCells,
+template <class Cell>
+std::size_t DecodeRunVector(BlockSource& source, Cell* cells, std::ptrdiff_t strideCells,
                             std::size_t count) {
+  constexpr unsigned kMost =
+      kMostVectorLowBits + 2 < kMostPlanesOf<Cell> ? kMostVectorLowBits + 2 : kMostPlanesOf<Cell>;
+  const float step = source.step;
   std::size_t done = 0;
   while (true) {
-    done += DecodeRun(source, cells + 8 * done, strideCells, count - done, kMostVectorLowBits + 2,
-                      DecodeBlock);
+    done += DecodeRun(source, cells + 8 * done, strideCells, count - done, kMost,
+                      [step](const std::uint8_t* window, std::uint64_t bits, std::uint64_t start,
+                             unsigned planes, Cell* to, std::ptrdiff_t stride) {
+                        return DecodeBlock(window, bits, start, planes, step, to, stride);
+                      });
     if (done == count) return done;
     if (DecodeSeparateSignsScalar(source, cells + 8 * done, strideCells, 1) == 0) return done;
     ++done;

@@ -20,8 +20,9 @@
 
 namespace kel {
 
-/// Most magnitude bits of a coefficient.
+/// Most magnitude bits of a coefficient, and of one in a cell of 16 bits.
 inline constexpr unsigned kMostPlanes = 32;
+inline constexpr unsigned kMostShortPlanes = 15;
 
 /// Most bytes that a block's code can touch: a field of 6 bits, two planes of four groups of 20
 /// bits, 30 low bits for each of 64 coefficients, 64 signs: 2150 bits, at any phase in a byte.
@@ -38,9 +39,11 @@ struct BlockSource {
   /// Last position at which a block may begin, so that kMostBlockBytes and the slack behind them
   /// are readable.
   std::uint64_t lastStart;
-  unsigned fieldBits;   ///< width of the plane-count field, 1 to 6
-  unsigned minPlanes;   ///< the band's smallest plane count
-  unsigned planesSeen;  ///< the plane counts met, ORed together
+  unsigned fieldBits;                 ///< width of the plane-count field, 1 to 6
+  unsigned minPlanes;                 ///< the band's smallest plane count
+  unsigned planesSeen;                ///< the plane counts met, ORed together
+  unsigned mostPlanes = kMostPlanes;  ///< decoding stops in front of a block that has more
+  float step = 1.0F;                  ///< what floats are multiplied by
 };
 
 /// Where bits are put, most significant first, and the state of a band's encoding.
@@ -54,12 +57,17 @@ struct BlockSink {
 
 struct BlocksKernels {
   /// Decode up to `count` blocks, neighbours in a row of blocks, into cells of the given stride.
-  /// They stop in front of a block that begins after lastStart or whose plane count is above 32,
-  /// and return the number of blocks decoded. Magnitudes of 2^31 and more wrap around.
-  using Decode = std::size_t(BlockSource& source, std::int32_t* cells, std::ptrdiff_t strideCells,
+  /// They stop in front of a block that begins after lastStart or has more than mostPlanes, and
+  /// return the number of blocks decoded. Magnitudes of 2^31 and more wrap around.
+  template <class Cell>
+  using Decode = std::size_t(BlockSource& source, Cell* cells, std::ptrdiff_t strideCells,
                              std::size_t count);
-  Decode* decodeSeparateSigns;
-  Decode* decodeInterleavedSigns;
+  Decode<std::int32_t>* decodeSeparateSigns;
+  Decode<std::int32_t>* decodeInterleavedSigns;
+  /// The same with separate signs, of blocks of up to 15 planes; they stop in front of others.
+  Decode<std::int16_t>* decodeShorts;
+  /// The same, each coefficient converted to single precision and then multiplied by the step.
+  Decode<float>* decodeFloats;
 
   /// Encode `count` blocks, neighbours in a row of blocks, with separate signs. The sink has room
   /// for them and for the slack. Integers of -2^31 count as -(2^31 - 1). Floats are rounded to the
@@ -80,8 +88,9 @@ struct BlocksKernels {
 };
 
 // Scalar kernels that vector kernels fall back on for blocks of many planes.
-std::size_t DecodeSeparateSignsScalar(BlockSource& source, std::int32_t* cells,
-                                      std::ptrdiff_t strideCells, std::size_t count);
+template <class Cell>
+std::size_t DecodeSeparateSignsScalar(BlockSource& source, Cell* cells, std::ptrdiff_t strideCells,
+                                      std::size_t count);
 void EncodeIntegersScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
                           const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink);
 void EncodeFloatsScalar(const float* cells, std::ptrdiff_t strideCells,

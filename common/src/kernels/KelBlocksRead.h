@@ -111,15 +111,20 @@ struct GroupWalk {
   }
 };
 
+/// Most planes of a block that goes to cells of a kind.
+template <class Cell>
+inline constexpr unsigned kMostPlanesOf = sizeof(Cell) == 2 ? kMostShortPlanes : kMostPlanes;
+
 /// Decodes a run of blocks: the plane counts, blocks without planes, and when to stop, which
-/// includes a block of more than `mostPlanes`. The rest of a block is decodeBlock(window, bits,
-/// position, planes, cells, strideCells), which returns the position behind it; `bits` are those
-/// from the position on, 51 of them valid.
-template <class DecodeBlock>
-[[maybe_unused]] KEL_INLINE std::size_t DecodeRun(BlockSource& source, std::int32_t* cells,
+/// includes a block of more than `mostPlanes` or source.mostPlanes. The rest of a block is
+/// decodeBlock(window, bits, position, planes, cells, strideCells), which returns the position
+/// behind it; `bits` are those from the position on, 51 of them valid.
+template <class Cell, class DecodeBlock>
+[[maybe_unused]] KEL_INLINE std::size_t DecodeRun(BlockSource& source, Cell* cells,
                                                   std::ptrdiff_t strideCells, std::size_t count,
                                                   unsigned mostPlanes, DecodeBlock decodeBlock) {
   const BlockSource start = source;
+  if (mostPlanes > start.mostPlanes) mostPlanes = start.mostPlanes;
   std::uint64_t position = start.bitPosition;
   unsigned planesSeen = start.planesSeen;
   std::size_t done = 0;

@@ -2,6 +2,7 @@
 // here it is taken a word at a time: planes as 64-bit words, low bits of several coefficients from
 // one load.
 #include <bit>
+#include <type_traits>
 
 #include "KelBlocksPut.h"
 #include "KelBlocksRead.h"
@@ -121,8 +122,19 @@ std::int32_t WithSign(std::uint32_t magnitude, std::uint32_t signMask) {
   return static_cast<std::int32_t>((magnitude ^ signMask) - signMask);
 }
 
+/// A coefficient as a cell holds it.
+template <class Cell>
+Cell ToCell(std::int32_t coefficient, float step) {
+  if constexpr (std::is_same_v<Cell, float>) {
+    return static_cast<float>(coefficient) * step;
+  } else {
+    return static_cast<Cell>(coefficient);
+  }
+}
+
+template <class Cell>
 std::uint64_t DecodeSeparateSigns(const std::uint8_t* window, std::uint64_t bits,
-                                  std::uint64_t position, unsigned planes, std::int32_t* cells,
+                                  std::uint64_t position, unsigned planes, float step, Cell* cells,
                                   std::ptrdiff_t strideCells) {
   std::uint32_t magnitudes[64];
   ReadTopPlanes(window, bits, position, planes, magnitudes);
@@ -142,7 +154,8 @@ std::uint64_t DecodeSeparateSigns(const std::uint8_t* window, std::uint64_t bits
   for (int y = 0; y < 8; ++y, cells += strideCells) {
     const std::uint32_t row = RowOfPlane(negative, y);
     for (int x = 0; x < 8; ++x) {
-      cells[x] = WithSign(magnitudes[8 * y + x], (row & kColumnBits[x]) != 0 ? 0xFFFFFFFF : 0);
+      const std::uint32_t signMask = (row & kColumnBits[x]) != 0 ? 0xFFFFFFFF : 0;
+      cells[x] = ToCell<Cell>(WithSign(magnitudes[8 * y + x], signMask), step);
     }
   }
   return position + static_cast<unsigned>(std::popcount(nonZero));
@@ -229,10 +242,20 @@ std::size_t DecodeInterleavedSignsScalar(BlockSource& source, std::int32_t* cell
 
 }  // namespace
 
-std::size_t DecodeSeparateSignsScalar(BlockSource& source, std::int32_t* cells,
-                                      std::ptrdiff_t strideCells, std::size_t count) {
-  return DecodeRun(source, cells, strideCells, count, kMostPlanes, DecodeSeparateSigns);
+template <class Cell>
+std::size_t DecodeSeparateSignsScalar(BlockSource& source, Cell* cells, std::ptrdiff_t strideCells,
+                                      std::size_t count) {
+  const float step = source.step;
+  return DecodeRun(source, cells, strideCells, count, kMostPlanesOf<Cell>,
+                   [step](const std::uint8_t* window, std::uint64_t bits, std::uint64_t position,
+                          unsigned planes, Cell* to, std::ptrdiff_t stride) {
+                     return DecodeSeparateSigns(window, bits, position, planes, step, to, stride);
+                   });
 }
+
+template BlocksKernels::Decode<std::int32_t> DecodeSeparateSignsScalar<std::int32_t>;
+template BlocksKernels::Decode<std::int16_t> DecodeSeparateSignsScalar<std::int16_t>;
+template BlocksKernels::Decode<float> DecodeSeparateSignsScalar<float>;
 
 void EncodeIntegersScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
                           const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
@@ -245,7 +268,9 @@ void EncodeFloatsScalar(const float* cells, std::ptrdiff_t strideCells,
 }
 
 void FillScalarBlocksKernels(BlocksKernels& table) noexcept {
-  table.decodeSeparateSigns = DecodeSeparateSignsScalar;
+  table.decodeSeparateSigns = DecodeSeparateSignsScalar<std::int32_t>;
+  table.decodeShorts = DecodeSeparateSignsScalar<std::int16_t>;
+  table.decodeFloats = DecodeSeparateSignsScalar<float>;
   table.decodeInterleavedSigns = DecodeInterleavedSignsScalar;
   table.encodeIntegers = EncodeIntegersScalar;
   table.encodeFloats = EncodeFloatsScalar;

@@ -17,7 +17,9 @@ namespace kel {
 namespace {
 
 inline void OverwriteWithVector(BlocksKernels& table) noexcept {
-  table.decodeSeparateSigns = DecodeRunVector;
+  table.decodeSeparateSigns = DecodeRunVector<std::int32_t>;
+  table.decodeShorts = DecodeRunVector<std::int16_t>;
+  table.decodeFloats = DecodeRunVector<float>;
   table.encodeIntegers = EncodeRunVector<std::int32_t>;
   table.encodeFloats = EncodeRunVector<float>;
   table.countPlanesOfIntegers = CountPlanesVector<std::int32_t>;

@@ -20,6 +20,10 @@ struct LevelScale {
   std::int32_t lowest, highest;
 };
 
+/// With |Y|, |U|, |V| up to this, no sum of the inverse reversible colour transform exceeds 16
+/// bits: |U + V| <= 2 M, |G| <= M + (M + 1) / 2, and |R|, |B| <= M + |G| <= 2.5 M + 1 <= 32767.
+inline constexpr std::int32_t kMostShortColor = 13106;
+
 struct SamplesKernels {
   // From samples to coding planes. Bytes and words are unsigned and lose 128 and 32768; 32-bit
   // samples come with the level shift done.
@@ -63,12 +67,18 @@ struct SamplesKernels {
   /// result v as v + 128, clamped to 0..255.
   void (*inverseRctTo8Bit)(const std::int32_t* y, const std::int32_t* u, const std::int32_t* v,
                            std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count);
+  /// The same from cells of 16 bits, in sums of that width: right while no cell is above
+  /// kMostShortColor in magnitude.
+  void (*inverseRctShortsTo8Bit)(const std::int16_t* y, const std::int16_t* u,
+                                 const std::int16_t* v, std::uint8_t* r, std::uint8_t* g,
+                                 std::uint8_t* b, std::size_t count);
   /// Inverse irreversible colour transform and level shift of 8-bit samples: as inverseIct with
   /// Y + 128 for Y, each result rounded to single precision, then nearest and clamped to 0..255.
   void (*inverseIctTo8Bit)(const float* y, const float* cb, const float* cr, std::uint8_t* r,
                            std::uint8_t* g, std::uint8_t* b, std::size_t count);
   /// Level shift of 8-bit samples: v + 128, clamped to 0..255.
   void (*intTo8Bit)(const std::int32_t* in, std::uint8_t* out, std::size_t count);
+  void (*shortTo8Bit)(const std::int16_t* in, std::uint8_t* out, std::size_t count);
   /// Level shift of 8-bit samples: v + 128 in single precision, nearest, clamped to 0..255.
   void (*floatTo8Bit)(const float* in, std::uint8_t* out, std::size_t count);
 

@@ -125,6 +125,17 @@ void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::i
   }
 }
 
+void InverseRctShortsTo8Bit(const std::int16_t* y, const std::int16_t* u, const std::int16_t* v,
+                            std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto green =
+        static_cast<std::int16_t>(y[i] - (static_cast<std::int16_t>(u[i] + v[i]) >> 2));
+    r[i] = ShiftToByte(static_cast<std::int16_t>(v[i] + green));
+    g[i] = ShiftToByte(green);
+    b[i] = ShiftToByte(static_cast<std::int16_t>(u[i] + green));
+  }
+}
+
 void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uint8_t* r,
                       std::uint8_t* g, std::uint8_t* b, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
@@ -135,7 +146,8 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
   }
 }
 
-void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
+template <class Cell>
+void IntTo8Bit(const Cell* in, std::uint8_t* out, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) out[i] = ShiftToByte(in[i]);
 }
 
@@ -195,8 +207,10 @@ void FillScalarSamplesKernels(SamplesKernels& table) noexcept {
       .inverseRct = InverseRct,
       .inverseIct = InverseIct,
       .inverseRctTo8Bit = InverseRctTo8Bit,
+      .inverseRctShortsTo8Bit = InverseRctShortsTo8Bit,
       .inverseIctTo8Bit = InverseIctTo8Bit,
-      .intTo8Bit = IntTo8Bit,
+      .intTo8Bit = IntTo8Bit<std::int32_t>,
+      .shortTo8Bit = IntTo8Bit<std::int16_t>,
       .floatTo8Bit = FloatTo8Bit,
       .intsToLevels = IntsToLevels,
       .floatsToLevels = FloatsToLevels,

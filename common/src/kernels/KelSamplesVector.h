@@ -310,6 +310,30 @@ KEL_INLINE void StoreShifted(std::uint8_t* address, VInt a, VInt b) {
 #endif
 }
 
+/// The same of a vector of 16-bit lanes.
+KEL_INLINE void StoreShifted(std::uint8_t* address, Shorts v) {
+#if KEL_VECTOR_BYTES == 64 && defined(__AVX512BW__)
+  const __m256i bytes = _mm512_maskz_cvtsepi16_epi8(0xFFFFFFFF, __builtin_bit_cast(__m512i, v));
+  StoreFrom(address, _mm256_xor_si256(bytes, _mm256_set1_epi8(-128)));
+#elif KEL_VECTOR_BYTES == 32 && defined(__AVX2__)
+  const __m256i words = __builtin_bit_cast(__m256i, v);
+  const __m128i bytes =
+      _mm_packs_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
+  StoreFrom(address, _mm_xor_si128(bytes, _mm_set1_epi8(-128)));
+#elif KEL_VECTOR_BYTES == 16 && defined(__SSE2__)
+  const __m128i words = __builtin_bit_cast(__m128i, v);
+  const __m128i bytes = _mm_xor_si128(_mm_packs_epi16(words, words), _mm_set1_epi8(-128));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(address), bytes);
+#else
+  const Shorts low = Shorts{} - std::int16_t{128}, high = Shorts{} + std::int16_t{127};
+  v = v < low ? low : v;
+  v = (v > high ? high : v) + std::int16_t{128};
+  Bytes bytes;
+  Convert(bytes, v);
+  StoreFrom(address, bytes);
+#endif
+}
+
 /// Lanes whose low bytes hold the nearest integers, clamped to 0..255: added to 2^23, a number
 /// below it is rounded to an integer, halves to even, in the low bits of its representation. The
 /// first comparison is false for NaN.
@@ -334,6 +358,20 @@ void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::i
   });
 }
 
+void InverseRctShortsTo8Bit(const std::int16_t* y, const std::int16_t* u, const std::int16_t* v,
+                            std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
+  Sweep({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    Shorts luma, blue, red;
+    LoadTo(luma, from[0]);
+    LoadTo(blue, from[1]);
+    LoadTo(red, from[2]);
+    const Shorts green = luma - ((blue + red) >> 2);
+    StoreShifted(to[0], red + green);
+    StoreShifted(to[1], green);
+    StoreShifted(to[2], blue + green);
+  });
+}
+
 void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uint8_t* r,
                       std::uint8_t* g, std::uint8_t* b, std::size_t count) {
   Sweep({y, cb, cr}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
@@ -347,6 +385,14 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
 void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
   Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreShifted(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
+  });
+}
+
+void ShortTo8Bit(const std::int16_t* in, std::uint8_t* out, std::size_t count) {
+  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    Shorts v;
+    LoadTo(v, from[0]);
+    StoreShifted(to[0], v);
   });
 }
 
@@ -446,8 +492,10 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
       .inverseRct = samples::InverseRct,
       .inverseIct = samples::InverseIct,
       .inverseRctTo8Bit = samples::InverseRctTo8Bit,
+      .inverseRctShortsTo8Bit = samples::InverseRctShortsTo8Bit,
       .inverseIctTo8Bit = samples::InverseIctTo8Bit,
       .intTo8Bit = samples::IntTo8Bit,
+      .shortTo8Bit = samples::ShortTo8Bit,
       .floatTo8Bit = samples::FloatTo8Bit,
       .intsToLevels = samples::IntsToLevels,
       .floatsToLevels = samples::FloatsToLevels,

@@ -26,8 +26,9 @@ struct SynthesisKernels {
 };
 
 struct WaveletKernels {
-  /// The reversible 5/3 filter.
+  /// The reversible 5/3 filter. Sums are those of the cells' width.
   SynthesisKernels<std::int32_t> synthesis53;
+  SynthesisKernels<std::int16_t> synthesis53Short;
   /// The irreversible 9/7 filter, double arithmetic, results rounded to single precision.
   SynthesisKernels<float> synthesis97;
   /// The same filter with single-precision arithmetic throughout.

@@ -145,6 +145,7 @@ void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t count) {
 
 void FillScalarWaveletKernels(WaveletKernels& table) noexcept {
   table.synthesis53 = {SynthesiseRow53<std::int32_t>, SynthesiseRows53<std::int32_t>};
+  table.synthesis53Short = {SynthesiseRow53<std::int16_t>, SynthesiseRows53<std::int16_t>};
   table.synthesis97 = {SynthesiseRow97<double>, SynthesiseRows97<double>};
   table.synthesis97Single = {SynthesiseRow97<float>, SynthesiseRows97<float>};
   table.dequantise = Dequantise;

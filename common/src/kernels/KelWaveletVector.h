@@ -41,6 +41,10 @@ template <>
 struct SignedTwin<CellVector<std::int32_t>::V> {
   using Type = VInt;
 };
+template <>
+struct SignedTwin<CellVector<std::int16_t>::V> {
+  typedef std::int16_t Type __attribute__((vector_size(KEL_VECTOR_BYTES)));
+};
 
 template <class Cell>
 void SynthesiseRow53(const Cell* low, const Cell* high, Cell* out, std::size_t pairs) {
@@ -325,6 +329,7 @@ inline void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t coun
 
 inline void OverwriteWithVector(WaveletKernels& table) noexcept {
   table.synthesis53 = {SynthesiseRow53<std::int32_t>, SynthesiseRows53<std::int32_t>};
+  table.synthesis53Short = {SynthesiseRow53<std::int16_t>, SynthesiseRows53<std::int16_t>};
   table.synthesis97 = {SynthesiseRow97<double>, SynthesiseRows97<double>};
   table.synthesis97Single = {SynthesiseRow97<float>, SynthesiseRows97<float>};
   table.dequantise = Dequantise;

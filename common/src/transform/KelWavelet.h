@@ -73,56 +73,102 @@ struct Rows {
   std::size_t strideCells;
 };
 
-// Inverse transforms. Coefficients are read only, but for planes marked as consumable. A lower
-// resolution is decoded from a plane that holds the box of that resolution alone, with as many
-// levels as the resolution's number: its subbands have the same boxes there, and the first entries
-// of the same list of steps.
+// Inverse transforms. They run row by row through all levels at once: samples come out from the
+// first row to the last, and the rows of every band are taken in that order, each once, when they
+// are needed. A lower resolution is decoded from the bands of that resolution alone, with as many
+// levels as the resolution's number: they have the same boxes there, and the first entries of the
+// same list of steps.
 
-/// A tile-component's coefficients, 5/3 values or 9/7 quantisation indices, in Mallat layout.
+/// Most levels of a transform.
+inline constexpr int kMostLevels = 32;
+
+/// Cells around a row of a band that the synthesis may write, if the band says so.
+inline constexpr std::int64_t kBandRowMargin = 32;
+
+/// The rows of a band that have not been taken: coefficients of the component's kind of cells, or
+/// indices that are dequantised as they are taken.
+struct BandRows {
+  std::int64_t width;       ///< cells of a row
+  void* next;               ///< the next row, when one is ahead; only read unless it has margins
+  std::size_t strideCells;  ///< from row to row
+  std::int64_t rowsAhead;   ///< that can be taken
+  /// Called when none is ahead: makes further ones ready, at least one, and describes them in the
+  /// three fields above. Rows taken before need not stay. Null when all rows are ahead.
+  void (*refill)(BandRows& band);
+  void* source;     ///< for refill's use
+  bool hasMargins;  ///< kBandRowMargin cells before and behind each row may be written
+  bool areIndices;  ///< std::int32_t, for the 9/7 filter: (index + offset) step
+  float step, offset;
+};
+
+/// What a component's bands hold: coefficients of the 5/3 filter, in cells of 32 or 16 bits, or of
+/// the 9/7 filter.
+enum class CellKind : std::uint8_t { kInts, kShorts, kFloats };
+
+/// A tile-component as its bands.
+struct ComponentBands {
+  Box box;
+  int numLevels;
+  CellKind cells;
+  BandRows bands[NumSubbands(kMostLevels)];
+};
+
+/// How the indices of the 9/7 filter are dequantised.
+struct IndexSteps {
+  const float* steps;  ///< one per subband
+  float lowStep;       ///< that of LL
+  float lowOffset;
+};
+/// Every index is multiplied by its subband's step; LL stays as it is when its step lies in 0.9999
+/// to 1.0001.
+IndexSteps GeneralSteps(const float* steps);
+/// The offset is added to the indices of LL before they are multiplied by their step, unless there
+/// are no levels.
+IndexSteps OffsetSteps(const float* steps, int numLevels, float offset);
+
+/// A tile-component's coefficients in Mallat layout: std::int32_t, 5/3 values or 9/7 indices, or
+/// floats.
 struct CoefficientPlane {
-  const std::int32_t* cells;
+  const void* cells;
   std::size_t strideCells;
   Box box;
   int numLevels;
-  /// The same cells when they are not needed afterwards, else null: the drivers of three planes
-  /// then keep the result of the coarser levels in the place of their coefficients.
-  std::int32_t* consumable = nullptr;
 };
 
-/// 32-bit cells of scratch that an inverse driver needs for planes of one box and of up to so many
-/// levels: about five sixteenths of a plane, for each plane that is not consumable, and at least
-/// once. Saturates.
-std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes = 1,
-                                     bool areConsumable = false);
+/// The bands of a plane. Planes are only read.
+ComponentBands BandsOfInts(const CoefficientPlane& plane);
+ComponentBands BandsOfIndices(const CoefficientPlane& plane, const IndexSteps& steps);
+ComponentBands BandsOfFloats(const CoefficientPlane& plane);
 
-void InverseDwt53(const CoefficientPlane& plane, void* scratch, Rows<std::int32_t> out);
+/// Whether a component whose bands have magnitudes of at most so many bits can be synthesised with
+/// the 5/3 filter in cells of 16 bits, with samples of at most `mostSample` in magnitude.
+bool FitsShorts(int numLevels, const std::uint8_t* bandBits, std::int64_t mostSample);
+
+/// 32-bit cells of scratch that an inverse driver needs for components of one box and of up to so
+/// many levels: some two dozen rows of each. Saturates.
+std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numComponents = 1);
+
+void InverseDwt53(const ComponentBands& bands, void* scratch, Rows<std::int32_t> out);
 /// Straight to 8-bit samples: v + 128, clamped.
-void InverseDwt53To8Bit(const CoefficientPlane& plane, void* scratch, Rows<std::uint8_t> out);
+void InverseDwt53To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out);
 
-// The general 9/7 path: double arithmetic, single-precision results. Every index is multiplied by
-// its subband's step; LL stays as it is when its step lies in 0.9999 to 1.0001.
+// The general 9/7 path: double arithmetic, single-precision results.
 
-void InverseDwt97(const CoefficientPlane& plane, const float* steps, void* scratch,
-                  Rows<float> out);
-/// The same synthesis of a plane whose cells are floats, coefficients and not indices.
-void InverseDwt97OfFloats(const CoefficientPlane& plane, void* scratch, Rows<float> out);
+void InverseDwt97(const ComponentBands& bands, void* scratch, Rows<float> out);
 /// The same values straight to 8-bit samples: v + 128, to nearest, halves to even, clamped.
-void InverseDwt97GeneralTo8Bit(const CoefficientPlane& plane, const float* steps, void* scratch,
-                               Rows<std::uint8_t> out);
+void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out);
 
-/// The direct 9/7 path to 8-bit samples: single-precision arithmetic. The offset is added to the
-/// indices of LL before they are multiplied by their step. Samples are v + 128, clamped, rounded
-/// to nearest: halves to even when the width is a multiple of 4 and the output stride one of 16,
-/// else away from zero. Without levels no offset is added and halves go to even.
-void InverseDwt97To8Bit(const CoefficientPlane& plane, const float* steps, float offset,
-                        void* scratch, Rows<std::uint8_t> out);
+/// The direct 9/7 path to 8-bit samples: single-precision arithmetic. Samples are v + 128, clamped,
+/// rounded to nearest: halves to even when the width is a multiple of 4 and the output stride one
+/// of 16, or without levels, else away from zero.
+void InverseDwt97To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out);
 
-/// Three colour components of one box straight to 8-bit red, green and blue. The last level of
-/// the three advances in step, so no 32-bit plane is written. Level counts may differ.
-void InverseDwt53RctTo8Bit(const CoefficientPlane (&planes)[3], void* scratch,
+/// Three colour components of one box and kind straight to 8-bit red, green and blue. Level counts
+/// may differ.
+void InverseDwt53RctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
                            const Rows<std::uint8_t> (&out)[3]);
-void InverseDwt97IctTo8Bit(const CoefficientPlane (&planes)[3], const float* const (&steps)[3],
-                           void* scratch, const Rows<std::uint8_t> (&out)[3]);
+void InverseDwt97IctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
+                           const Rows<std::uint8_t> (&out)[3]);
 
 // Forward transforms. Levels alternate between the source and a work plane of the same stride;
 // both end up holding subbands, where the records say, and nothing else of use.

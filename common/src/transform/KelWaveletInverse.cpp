@@ -1,272 +1,172 @@
-// Drivers of the inverse wavelet transform: the walk over the levels and the sinks of the last
-// one.
-//
-// The coarser levels of each plane go, in turn, to two areas of scratch: one for the result of the
-// last level but one, a quarter of a plane, and one for the level before that, a sixteenth. The
-// last level goes to a sink: a plane of cells, or 8-bit samples of one or three planes. Three
-// planes need those areas one after the other only, when each may take the result back into the
-// place of its coarse coefficients.
+// Drivers of the inverse wavelet transform: the bands of a plane, and where the rows of samples go:
+// to a plane of cells, or to 8-bit samples of one component or three.
+#include <cassert>
+
 #include "transform/KelWavelet.h"
-
-#include <cstring>
-
 #include "transform/KelWaveletSynthesis.h"
 
 namespace kel {
 namespace {
 
-/// Cells of scratch for the result of a level with a given box.
-std::uint64_t ResultCells(const Box& box) {
-  return box.IsEmpty() ? 0
-                       : SaturatingMul(AsCount(RoundUp(box.Width(), 16)), AsCount(box.Height()));
-}
-
-/// How the bands of a plane are dequantised.
-struct BandSteps {
-  const float* steps;  ///< null: not at all
-  float lowStep;       ///< of LL
-  float lowOffset;
-  bool areIndices = true;  ///< false: the 9/7 filter's coefficients are floats
-};
-
-BandSource BandOf(const CoefficientPlane& plane, const BandSteps& steps, int subband) {
-  BandSource band = {plane.cells, plane.strideCells, steps.areIndices, 1.0F, 0.0F};
-  if (SubbandBox(plane.box, plane.numLevels, subband).IsEmpty()) return band;
-  const CellOffset offset = MallatOffset(plane.box, plane.numLevels, subband);
-  band.cells = plane.cells + static_cast<std::size_t>(offset.row) * plane.strideCells +
-               static_cast<std::size_t>(offset.column);
-  if (steps.steps != nullptr) {
-    band.step = subband == 0 ? steps.lowStep : steps.steps[subband];
-    band.offset = subband == 0 ? steps.lowOffset : 0.0F;
-  }
-  return band;
-}
-
-/// The bands of a level, counted from the coarsest, 1; level 0 is LL alone.
-LevelBands BandsOfLevel(const CoefficientPlane& plane, const BandSteps& steps,
-                        const BandSource& low, int level) {
-  LevelBands bands = {};
-  bands.box = ReduceBox(plane.box, plane.numLevels - level);
-  bands.bands[0] = low;
-  bands.isFlat = level == 0;
-  for (int kind = 1; kind < 4 && !bands.isFlat; ++kind) {
-    bands.bands[kind] = BandOf(plane, steps, 3 * (level - 1) + kind);
+/// The bands of a plane whose cells are kept as they are.
+ComponentBands BandsOf(const CoefficientPlane& plane, CellKind cells) {
+  ComponentBands bands = {plane.box, plane.numLevels, cells, {}};
+  for (int b = 0; b < NumSubbands(plane.numLevels); ++b) {
+    const Box box = SubbandBox(plane.box, plane.numLevels, b);
+    if (box.IsEmpty()) continue;
+    const CellOffset offset = MallatOffset(plane.box, plane.numLevels, b);
+    BandRows& rows = bands.bands[b];
+    const std::size_t first = static_cast<std::size_t>(offset.row) * plane.strideCells +
+                              static_cast<std::size_t>(offset.column);
+    // Rows without margins are only read. Both kinds of cells have the same size.
+    static_assert(sizeof(float) == sizeof(std::int32_t));
+    rows.next = const_cast<std::int32_t*>(static_cast<const std::int32_t*>(plane.cells) + first);
+    rows.width = box.Width();
+    rows.strideCells = plane.strideCells;
+    rows.rowsAhead = box.Height();
   }
   return bands;
 }
 
-/// Rows go to a plane of cells.
-template <class Cell>
-struct PlaneSink {
-  Rows<Cell> out;
-
-  Cell* RowPiece(int, std::int64_t row, std::int64_t column) const {
-    return out.data + static_cast<std::size_t>(row) * out.strideCells +
-           static_cast<std::size_t>(column);
-  }
-  void Complete(std::int64_t, std::int64_t, std::int64_t) const {}
-};
-
-/// Rows of one plane or three go to 8-bit samples by way of a few row pieces; four, because an
-/// even row is still read when the row after the next is complete.
-template <class Cell, int kPlanes>
-struct ByteSink {
-  Rows<std::uint8_t> out[kPlanes];
-  Cell* pieces[kPlanes];
-  std::int64_t pieceCells;
-  void (*convertOne)(const Cell* in, std::uint8_t* out, std::size_t count);
-  void (*convertThree)(const Cell*, const Cell*, const Cell*, std::uint8_t*, std::uint8_t*,
-                       std::uint8_t*, std::size_t);
-
-  Cell* RowPiece(int plane, std::int64_t row, std::int64_t) const {
-    return pieces[plane] + (row & 3) * pieceCells;
-  }
-  void Complete(std::int64_t row, std::int64_t column, std::int64_t cells) const {
-    const auto to = [&](int p) {
-      return out[p].data + static_cast<std::size_t>(row) * out[p].strideCells +
-             static_cast<std::size_t>(column);
-    };
-    const std::size_t count = static_cast<std::size_t>(cells);
-    if constexpr (kPlanes == 1) {
-      convertOne(RowPiece(0, row, 0), to(0), count);
-    } else {
-      convertThree(RowPiece(0, row, 0), RowPiece(1, row, 0), RowPiece(2, row, 0), to(0), to(1),
-                   to(2), count);
-    }
-  }
-};
-
-template <class Cell, int kPlanes>
-void TakePieces(ByteSink<Cell, kPlanes>& sink, const Box& box, ScratchCutter& scratch) {
-  sink.pieceCells = ScratchRowCells(box.Width());
-  for (Cell*& piece : sink.pieces) piece = scratch.Take<Cell>(4 * sink.pieceCells);
+template <class T>
+T* RowOf(const Rows<T>& rows, std::int64_t y) {
+  return rows.data + static_cast<std::size_t>(y) * rows.strideCells;
 }
 
-/// Undoes all levels but the last and returns the bands of that one.
-template <class Cell>
-LevelBands RunToLastLevel(const CoefficientPlane& plane, const BandSteps& steps,
-                          const SynthesisKernels<Cell>& kernels, ScratchCutter& scratch) {
-  Cell* areas[2] = {};
-  for (int area = 0; area < 2 && area + 1 < plane.numLevels; ++area) {
-    const std::uint64_t cells = ResultCells(ReduceBox(plane.box, area + 1));
-    areas[area] = scratch.Take<Cell>(static_cast<std::int64_t>(cells));
-  }
-  BandSource low = BandOf(plane, steps, 0);
-  for (int level = 1; level < plane.numLevels; ++level) {
-    const LevelBands bands = BandsOfLevel(plane, steps, low, level);
-    if (bands.box.IsEmpty()) continue;
-    ScratchCutter rest = scratch;
-    StripSynthesis<Cell> strips;
-    InitStripSynthesis(strips, bands, kernels, rest);
-    const std::size_t stride = static_cast<std::size_t>(RoundUp(bands.box.Width(), 16));
-    PlaneSink<Cell> sink = {{areas[(plane.numLevels - level - 1) & 1], stride}};
-    RunLevel(&strips, 1, sink);
-    low = {sink.out.data, stride, false, 1.0F, 0.0F};
-  }
-  return BandsOfLevel(plane, steps, low, plane.numLevels);
-}
-
-/// The whole inverse transform of one plane into a sink of one plane.
-template <class Cell, class Sink>
-void RunPlane(const CoefficientPlane& plane, const BandSteps& steps,
-              const SynthesisKernels<Cell>& kernels, ScratchCutter& scratch, Sink& sink) {
-  if (plane.box.IsEmpty()) return;
-  const LevelBands last = RunToLastLevel(plane, steps, kernels, scratch);
-  StripSynthesis<Cell> strips;
-  InitStripSynthesis(strips, last, kernels, scratch);
-  RunLevel(&strips, 1, sink);
-}
-
-template <class Cell>
-void RunPlaneTo8Bit(const CoefficientPlane& plane, const BandSteps& steps,
-                    const SynthesisKernels<Cell>& kernels, ByteSink<Cell, 1> sink, void* scratch) {
+/// Gives every row of a component's samples to `take`.
+template <class Cell, class Take>
+void ForEachRow(const ComponentBands& bands, const SynthesisKernels<Cell>& kernels, void* scratch,
+                Take take) {
+  if (bands.box.IsEmpty()) return;
   ScratchCutter cutter(scratch);
-  TakePieces(sink, plane.box, cutter);
-  RunPlane(plane, steps, kernels, cutter, sink);
-}
-
-/// Takes the result of the coarser levels, the LL of the last one, back into the plane: over the
-/// coefficients that it was made of, which lie in the same quarter.
-template <class Cell>
-void MoveLowIntoPlane(BandSource& low, const Box& lowBox, const CoefficientPlane& plane) {
-  static_assert(sizeof(Cell) == sizeof(std::int32_t));
-  if (low.cells == plane.cells || lowBox.IsEmpty()) return;
-  const auto* from = static_cast<const Cell*>(low.cells);
-  std::int32_t* to = plane.consumable;
-  for (std::int64_t y = 0; y < lowBox.Height(); ++y) {
-    std::memcpy(to, from, AsIndex(lowBox.Width()) * sizeof(Cell));
-    from += low.strideCells;
-    to += plane.strideCells;
-  }
-  low.cells = plane.consumable;
-  low.strideCells = plane.strideCells;
+  ComponentSynthesis<Cell> samples;
+  samples.Init(bands, kernels, cutter);
+  for (std::int64_t y = 0; y < bands.box.Height(); ++y) take(samples.Next(), y);
 }
 
 template <class Cell>
-void RunTripleTo8Bit(const CoefficientPlane (&planes)[3], const BandSteps (&steps)[3],
-                     const SynthesisKernels<Cell>& kernels, ByteSink<Cell, 3> sink, void* scratch) {
-  if (planes[0].box.IsEmpty()) return;
+void ToPlane(const ComponentBands& bands, const SynthesisKernels<Cell>& kernels, void* scratch,
+             Rows<Cell> out) {
+  const auto bytes = static_cast<std::size_t>(bands.box.Width()) * sizeof(Cell);
+  ForEachRow(bands, kernels, scratch,
+             [&](const Cell* row, std::int64_t y) { std::memcpy(RowOf(out, y), row, bytes); });
+}
+
+template <class Cell>
+void ToBytes(const ComponentBands& bands, const SynthesisKernels<Cell>& kernels, void* scratch,
+             void (*convert)(const Cell*, std::uint8_t*, std::size_t), Rows<std::uint8_t> out) {
+  const auto width = static_cast<std::size_t>(bands.box.Width());
+  ForEachRow(bands, kernels, scratch,
+             [&](const Cell* row, std::int64_t y) { convert(row, RowOf(out, y), width); });
+}
+
+/// Three components advance in step, row by row.
+template <class Cell>
+void ColorsToBytes(const ComponentBands (&bands)[3], const SynthesisKernels<Cell>& kernels,
+                   void* scratch,
+                   void (*convert)(const Cell*, const Cell*, const Cell*, std::uint8_t*,
+                                   std::uint8_t*, std::uint8_t*, std::size_t),
+                   const Rows<std::uint8_t> (&out)[3]) {
+  const Box& box = bands[0].box;
+  if (box.IsEmpty()) return;
   ScratchCutter cutter(scratch);
-  TakePieces(sink, planes[0].box, cutter);
-  LevelBands last[3];
-  for (int p = 0; p < 3; ++p) {
-    const CoefficientPlane& plane = planes[p];
-    ScratchCutter passing = cutter;
-    const bool isConsumable = plane.consumable != nullptr;
-    last[p] = RunToLastLevel(plane, steps[p], kernels, isConsumable ? passing : cutter);
-    if (isConsumable && plane.numLevels > 1) {
-      MoveLowIntoPlane<Cell>(last[p].bands[0], ReduceBox(plane.box, 1), plane);
-    }
+  ComponentSynthesis<Cell> samples[3];
+  for (int c = 0; c < 3; ++c) samples[c].Init(bands[c], kernels, cutter);
+  const auto width = static_cast<std::size_t>(box.Width());
+  for (std::int64_t y = 0; y < box.Height(); ++y) {
+    const Cell* rows[3];
+    for (int c = 0; c < 3; ++c) rows[c] = samples[c].Next();
+    convert(rows[0], rows[1], rows[2], RowOf(out[0], y), RowOf(out[1], y), RowOf(out[2], y), width);
   }
-  StripSynthesis<Cell> strips[3];
-  for (int p = 0; p < 3; ++p) InitStripSynthesis(strips[p], last[p], kernels, cutter);
-  RunLevel(strips, 3, sink);
-}
-
-constexpr BandSteps kNoSteps = {nullptr, 1.0F, 0.0F};
-
-/// Steps of the general path: an LL step close to 1 counts as 1.
-BandSteps GeneralSteps(const float* steps) {
-  const double low = double{steps[0]};
-  return {steps, low >= 0.9999 && low <= 1.0001 ? 1.0F : steps[0], 0.0F};
 }
 
 }  // namespace
 
-std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numPlanes,
-                                     bool areConsumable) {
-  if (box.IsEmpty()) return 0;
-  const std::int64_t rows = StripSynthesisCells(box.Width()) + 4 * ScratchRowCells(box.Width());
-  std::uint64_t areas = 0;
-  for (int level = 1; level <= 2 && level < numLevels; ++level) {
-    areas = SaturatingAdd(areas, ResultCells(ReduceBox(box, level)));
+IndexSteps GeneralSteps(const float* steps) {
+  const double low = double{steps[0]};
+  return {steps, low >= 0.9999 && low <= 1.0001 ? 1.0F : steps[0], 0.0F};
+}
+
+IndexSteps OffsetSteps(const float* steps, int numLevels, float offset) {
+  return {steps, steps[0], numLevels == 0 ? 0.0F : offset};
+}
+
+ComponentBands BandsOfInts(const CoefficientPlane& plane) {
+  return BandsOf(plane, CellKind::kInts);
+}
+
+ComponentBands BandsOfFloats(const CoefficientPlane& plane) {
+  return BandsOf(plane, CellKind::kFloats);
+}
+
+ComponentBands BandsOfIndices(const CoefficientPlane& plane, const IndexSteps& steps) {
+  ComponentBands bands = BandsOf(plane, CellKind::kFloats);
+  for (int b = 0; b < NumSubbands(plane.numLevels); ++b) {
+    BandRows& rows = bands.bands[b];
+    rows.areIndices = true;
+    rows.step = b == 0 ? steps.lowStep : steps.steps[b];
+    rows.offset = b == 0 ? steps.lowOffset : 0.0F;
   }
-  return SaturatingAdd(SaturatingMul(AsCount(rows), AsCount(numPlanes)),
-                       SaturatingMul(areas, areConsumable ? 1 : AsCount(numPlanes)));
+  return bands;
 }
 
-void InverseDwt53(const CoefficientPlane& plane, void* scratch, Rows<std::int32_t> out) {
-  ScratchCutter cutter(scratch);
-  PlaneSink<std::int32_t> sink = {out};
-  RunPlane(plane, kNoSteps, Kernels().wavelet.synthesis53, cutter, sink);
+std::uint64_t InverseDwtScratchCells(const Box& box, int numLevels, int numComponents) {
+  if (box.IsEmpty()) return 0;
+  std::uint64_t cells = 0;
+  for (int level = 0; level < std::max(numLevels, 1); ++level) {
+    const std::int64_t row = SynthesisRowCells(ReduceBox(box, level).Width());
+    cells = SaturatingAdd(cells, SaturatingMul(AsCount(row), kMostLevelRows));
+  }
+  return SaturatingMul(cells, AsCount(numComponents));
 }
 
-void InverseDwt53To8Bit(const CoefficientPlane& plane, void* scratch, Rows<std::uint8_t> out) {
-  ByteSink<std::int32_t, 1> sink = {};
-  sink.out[0] = out;
-  sink.convertOne = Kernels().samples.intTo8Bit;
-  RunPlaneTo8Bit(plane, kNoSteps, Kernels().wavelet.synthesis53, sink, scratch);
+void InverseDwt53(const ComponentBands& bands, void* scratch, Rows<std::int32_t> out) {
+  assert(bands.cells == CellKind::kInts);
+  ToPlane(bands, Kernels().wavelet.synthesis53, scratch, out);
 }
 
-void InverseDwt97(const CoefficientPlane& plane, const float* steps, void* scratch,
-                  Rows<float> out) {
-  ScratchCutter cutter(scratch);
-  PlaneSink<float> sink = {out};
-  RunPlane(plane, GeneralSteps(steps), Kernels().wavelet.synthesis97, cutter, sink);
+void InverseDwt53To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out) {
+  const KernelTable& kernels = Kernels();
+  if (bands.cells == CellKind::kShorts) {
+    ToBytes(bands, kernels.wavelet.synthesis53Short, scratch, kernels.samples.shortTo8Bit, out);
+  } else {
+    ToBytes(bands, kernels.wavelet.synthesis53, scratch, kernels.samples.intTo8Bit, out);
+  }
 }
 
-void InverseDwt97OfFloats(const CoefficientPlane& plane, void* scratch, Rows<float> out) {
-  ScratchCutter cutter(scratch);
-  PlaneSink<float> sink = {out};
-  RunPlane(plane, {nullptr, 1.0F, 0.0F, false}, Kernels().wavelet.synthesis97, cutter, sink);
+void InverseDwt97(const ComponentBands& bands, void* scratch, Rows<float> out) {
+  ToPlane(bands, Kernels().wavelet.synthesis97, scratch, out);
 }
 
-void InverseDwt97GeneralTo8Bit(const CoefficientPlane& plane, const float* steps, void* scratch,
-                               Rows<std::uint8_t> out) {
-  ByteSink<float, 1> sink = {};
-  sink.out[0] = out;
-  sink.convertOne = Kernels().samples.floatTo8Bit;
-  RunPlaneTo8Bit(plane, GeneralSteps(steps), Kernels().wavelet.synthesis97, sink, scratch);
+void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out) {
+  const KernelTable& kernels = Kernels();
+  ToBytes(bands, kernels.wavelet.synthesis97, scratch, kernels.samples.floatTo8Bit, out);
 }
 
-void InverseDwt97To8Bit(const CoefficientPlane& plane, const float* steps, float offset,
-                        void* scratch, Rows<std::uint8_t> out) {
+void InverseDwt97To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out) {
+  const KernelTable& kernels = Kernels();
   const bool halvesToEven =
-      plane.numLevels == 0 || (plane.box.Width() % 4 == 0 && out.strideCells % 16 == 0);
-  ByteSink<float, 1> sink = {};
-  sink.out[0] = out;
-  sink.convertOne =
-      halvesToEven ? Kernels().samples.floatTo8Bit : Kernels().wavelet.floatTo8BitAway;
-  const BandSteps bandSteps = {steps, steps[0], plane.numLevels == 0 ? 0.0F : offset};
-  RunPlaneTo8Bit(plane, bandSteps, Kernels().wavelet.synthesis97Single, sink, scratch);
+      bands.numLevels == 0 || (bands.box.Width() % 4 == 0 && out.strideCells % 16 == 0);
+  ToBytes(bands, kernels.wavelet.synthesis97Single, scratch,
+          halvesToEven ? kernels.samples.floatTo8Bit : kernels.wavelet.floatTo8BitAway, out);
 }
 
-void InverseDwt53RctTo8Bit(const CoefficientPlane (&planes)[3], void* scratch,
+void InverseDwt53RctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
                            const Rows<std::uint8_t> (&out)[3]) {
-  ByteSink<std::int32_t, 3> sink = {};
-  for (int p = 0; p < 3; ++p) sink.out[p] = out[p];
-  sink.convertThree = Kernels().samples.inverseRctTo8Bit;
-  RunTripleTo8Bit(planes, {kNoSteps, kNoSteps, kNoSteps}, Kernels().wavelet.synthesis53, sink,
-                  scratch);
+  const KernelTable& kernels = Kernels();
+  if (bands[0].cells == CellKind::kShorts) {
+    ColorsToBytes(bands, kernels.wavelet.synthesis53Short, scratch,
+                  kernels.samples.inverseRctShortsTo8Bit, out);
+  } else {
+    ColorsToBytes(bands, kernels.wavelet.synthesis53, scratch, kernels.samples.inverseRctTo8Bit,
+                  out);
+  }
 }
 
-void InverseDwt97IctTo8Bit(const CoefficientPlane (&planes)[3], const float* const (&steps)[3],
-                           void* scratch, const Rows<std::uint8_t> (&out)[3]) {
-  ByteSink<float, 3> sink = {};
-  for (int p = 0; p < 3; ++p) sink.out[p] = out[p];
-  sink.convertThree = Kernels().samples.inverseIctTo8Bit;
-  RunTripleTo8Bit(planes, {GeneralSteps(steps[0]), GeneralSteps(steps[1]), GeneralSteps(steps[2])},
-                  Kernels().wavelet.synthesis97, sink, scratch);
+void InverseDwt97IctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
+                           const Rows<std::uint8_t> (&out)[3]) {
+  const KernelTable& kernels = Kernels();
+  ColorsToBytes(bands, kernels.wavelet.synthesis97, scratch, kernels.samples.inverseIctTo8Bit, out);
 }
 
 }  // namespace kel

@@ -48,18 +48,16 @@ inline std::int64_t ScratchRowCells(std::int64_t width) {
 /// Hands out pieces of a scratch block, each on a cache line.
 class ScratchCutter {
  public:
-  explicit ScratchCutter(void* block) : next_(static_cast<std::uint32_t*>(block)) {}
+  explicit ScratchCutter(void* block) : next_(static_cast<std::uint8_t*>(block)) {}
   template <class T>
   T* Take(std::int64_t count) {
-    static_assert(sizeof(T) % sizeof(std::uint32_t) == 0);
     T* const taken = reinterpret_cast<T*>(next_);
-    const std::int64_t cells = count * static_cast<std::int64_t>(sizeof(T) / sizeof(std::uint32_t));
-    next_ += RoundUp(cells, 16);
+    next_ += RoundUp(count * static_cast<std::int64_t>(sizeof(T)), 64);
     return taken;
   }
 
  private:
-  std::uint32_t* next_;
+  std::uint8_t* next_;
 };
 
 }  // namespace kel

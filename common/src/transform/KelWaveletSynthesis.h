@@ -1,218 +1,220 @@
-// One level of the inverse transform over a strip of columns, two rows per step.
+// The inverse transform of one tile-component, row by row through all its levels at once.
 //
-// A step takes the next row of low-pass and of high-pass bands, synthesises each across into a
-// ring of rows, and synthesises down from the ring. Borders are mirrored: across by cells around
-// the row pieces, down by the choice of ring rows. Internal to the wavelet transform.
+// Whoever wants samples asks the finest level for its next row. A level asks the level below for
+// rows of its LL band, and the bands for theirs; it synthesises each across into a ring of rows,
+// and down from the rings, two rows per step. So every level keeps only the rows that its filter
+// needs. Borders are mirrored: across by cells around the rows, down by the choice of ring rows.
+// Internal to the wavelet transform.
 #ifndef KEL_WAVELET_SYNTHESIS_H
 #define KEL_WAVELET_SYNTHESIS_H
 
 #include <cstring>
 #include <type_traits>
 
-#include "base/KelBox.h"
 #include "kernels/KelKernels.h"
+#include "transform/KelWavelet.h"
 #include "transform/KelWaveletStrips.h"
 
 namespace kel {
 
-/// The coefficients of one band, or the result of a coarser level. Indices of the 9/7 filter are
-/// dequantised as they are read.
-struct BandSource {
-  const void* cells;
-  std::size_t strideCells;
-  bool areIndices;
-  float step, offset;
-};
-
-/// The bands of one level by kind, and the box that they rebuild. A flat level has no high-pass
+/// One level: the bands by kind, and the box that they rebuild. A flat level has no high-pass
 /// bands; LL is the result.
-struct LevelBands {
-  Box box;
-  BandSource bands[4];
-  bool isFlat;
-};
-
 template <class Cell>
-struct StripSynthesis {
-  static constexpr std::int64_t kRingRows = 4;
+struct LevelSynthesis {
+  // Rows that the filter needs down, low and high; powers of two. The 5/3 filter needs one low
+  // row and its two high neighbours, the 9/7 filter three and four.
+  static constexpr std::int64_t kRingRows[2] = {std::is_same_v<Cell, float> ? 4 : 1,
+                                                std::is_same_v<Cell, float> ? 4 : 2};
 
-  LevelBands level;
+  Box box;
+  bool isFlat;
+  LevelSynthesis* below;  ///< gives the rows of LL; null: LL is a band
+  BandRows bands[4];
   const SynthesisKernels<Cell>* kernels;
   std::int64_t rowCells;
-  Cell* pieces[2];              ///< low and high samples of one row with mirrored neighbours
-  Cell* rings[2];               ///< rows low down, and rows high down, by index modulo kRingRows
-  Cell* spareRows[2];           ///< take rows outside the box, of even and of odd position
-  std::int64_t c0, c1;          ///< columns of the strip
+  Cell* pieces[2];              ///< low and high samples of a row, with mirrored neighbours
+  Cell* rings[2];               ///< rows low down, and rows high down, by index
+  Cell* evenRows[2];            ///< the last results of even position
+  Cell* oddRow;                 ///< and of odd position
   std::int64_t nextIndices[2];  ///< of the rows that have not been synthesised across yet
-  const Cell* evenBefore;       ///< the last row of even position
+  std::int64_t lastStep;        ///< step n yields the rows of positions 2n + 1 and 2n + 2
+  std::int64_t nextPosition;    ///< of the row that is given next
 };
 
-/// Cells that InitStripSynthesis takes from scratch.
-inline std::int64_t StripSynthesisCells(std::int64_t width) {
-  return 12 * ScratchRowCells(width);
+/// Cells before the first one of a row of scratch, of which the filters touch the last three, and
+/// behind its last one.
+inline constexpr std::int64_t kRowMargin = kBandRowMargin;
+
+inline std::int64_t SynthesisRowCells(std::int64_t width) {
+  return RoundUp(width, kRowMargin) + 2 * kRowMargin;
 }
 
+/// Rows of scratch that a level takes at most.
+inline constexpr std::int64_t kMostLevelRows = 2 + 4 + 4 + 2 + 1;
+
 template <class Cell>
-void InitStripSynthesis(StripSynthesis<Cell>& s, const LevelBands& level,
-                        const SynthesisKernels<Cell>& kernels, ScratchCutter& scratch) {
-  s.level = level;
-  s.kernels = &kernels;
-  s.rowCells = ScratchRowCells(level.box.Width());
-  for (int kind = 0; kind < 2; ++kind) {
-    s.pieces[kind] = scratch.Take<Cell>(s.rowCells);
-    s.rings[kind] = scratch.Take<Cell>(s.rowCells * StripSynthesis<Cell>::kRingRows);
+void InitLevel(LevelSynthesis<Cell>& s, ScratchCutter& scratch) {
+  s.rowCells = SynthesisRowCells(s.box.Width());
+  for (Cell*& piece : s.pieces) piece = scratch.Take<Cell>(s.rowCells) + kRowMargin;
+  if (s.isFlat) return;
+  for (int high = 0; high < 2; ++high) {
+    s.rings[high] = scratch.Take<Cell>(s.rowCells * s.kRingRows[high]);
+    s.evenRows[high] = scratch.Take<Cell>(s.rowCells) + kRowMargin;
+    s.nextIndices[high] = BandEdge(s.box.y0, high == 1);
   }
-  for (Cell*& row : s.spareRows) row = scratch.Take<Cell>(s.rowCells);
+  s.oddRow = scratch.Take<Cell>(s.rowCells) + kRowMargin;
+  s.lastStep = FloorShift(s.box.y0, 1) - 2;
+  s.nextPosition = s.box.y0;
 }
 
 template <class Cell>
-void BeginStrip(StripSynthesis<Cell>& s, std::int64_t c0, std::int64_t c1) {
-  s.c0 = c0;
-  s.c1 = c1;
-  for (int kind = 0; kind < 2; ++kind) s.nextIndices[kind] = BandEdge(s.level.box.y0, kind == 1);
-  // The first step's odd row lies outside the box, so what it is computed from does not matter.
-  s.evenBefore = s.rings[0];
-}
+Cell* NextRow(LevelSynthesis<Cell>& s);
 
-/// Reads cells of one row of a band; row and column count from the band's first cell.
+/// The next row of a band, with cells around it that may be written. It stays until the band's
+/// next row is asked for, or goes to `piece`.
 template <class Cell>
-void ReadBand(const BandSource& band, std::int64_t row, std::int64_t column, std::int64_t count,
-              Cell* out) {
-  const std::size_t at =
-      static_cast<std::size_t>(row) * band.strideCells + static_cast<std::size_t>(column);
-  const std::size_t cells = static_cast<std::size_t>(count);
+Cell* NextBandRow(LevelSynthesis<Cell>& s, int kind, Cell* piece) {
+  if (kind == 0 && s.below != nullptr) return NextRow(*s.below);
+  BandRows& band = s.bands[kind];
+  if (band.rowsAhead == 0) band.refill(band);
+  --band.rowsAhead;
+  const auto count = static_cast<std::size_t>(band.width);
   if constexpr (std::is_same_v<Cell, float>) {
     if (band.areIndices) {
-      Kernels().wavelet.dequantise(static_cast<const std::int32_t*>(band.cells) + at, out, cells,
-                                   band.step, band.offset);
-      return;
+      auto* const row = static_cast<std::int32_t*>(band.next);
+      band.next = row + band.strideCells;
+      Kernels().wavelet.dequantise(row, piece, count, band.step, band.offset);
+      return piece;
     }
   }
-  std::memcpy(out, static_cast<const Cell*>(band.cells) + at, cells * sizeof(Cell));
+  auto* const row = static_cast<Cell*>(band.next);
+  band.next = row + band.strideCells;
+  if (band.hasMargins) return row;
+  std::memcpy(piece, row, count * sizeof(Cell));
+  return piece;
 }
 
 /// A high-pass sample of a signal of one sample, whose filter doubles it.
-inline std::int32_t Halved(std::int32_t v) {
-  return v / 2;
-}
-inline float Halved(float v) {
-  return v * 0.5F;
+template <class Cell>
+Cell Halved(Cell v) {
+  return static_cast<Cell>(v / 2);
 }
 
-/// Reads the samples [first, end) of one kind across into out, those outside the box mirrored.
+/// Mirrors a row of low or high samples into the cells around it, `before` and `behind` the pairs
+/// of the box, which is at least two samples wide. Returns the place of the first pair's sample.
 template <class Cell>
-void ReadPiece(const StripSynthesis<Cell>& s, const BandSource& band, bool high, std::int64_t row,
-               std::int64_t first, std::int64_t end, Cell* out) {
-  const Box& box = s.level.box;
-  const std::int64_t bandFirst = BandEdge(box.x0, high);
-  const std::int64_t from = std::max(first, bandFirst);
-  const std::int64_t to = std::min(end, BandEdge(box.x1, high));
-  ReadBand(band, row, from - bandFirst, to - from, out + (from - first));
+Cell* MirrorAround(Cell* row, bool high, const Box& box, std::int64_t before, std::int64_t behind) {
+  const std::int64_t firstPair = FloorShift(box.x0, 1), endPair = CeilShift(box.x1, 1);
+  const std::int64_t first = BandEdge(box.x0, high), end = BandEdge(box.x1, high);
   const auto mirror = [&](std::int64_t n) {
-    out[n - first] = out[BandEdge(Mirror(2 * n + (high ? 1 : 0), box.x0, box.x1), high) - first];
+    const std::int64_t shown = Mirror(2 * n + (high ? 1 : 0), box.x0, box.x1);
+    row[n - first] = row[BandEdge(shown, high) - first];
   };
-  for (std::int64_t n = first; n < from; ++n) mirror(n);
-  for (std::int64_t n = to; n < end; ++n) mirror(n);
+  for (std::int64_t n = firstPair - before; n < first; ++n) mirror(n);
+  for (std::int64_t n = end; n < endPair + behind; ++n) mirror(n);
+  return row - (first - firstPair);
 }
 
 /// Synthesises across the row of a given index, low or high down, into its place in the ring.
 template <class Cell>
-void SynthesiseAcross(StripSynthesis<Cell>& s, bool highDown, std::int64_t index) {
-  const Box& box = s.level.box;
-  const std::int64_t row = index - BandEdge(box.y0, highDown);
-  const BandSource* bands = s.level.bands + (highDown ? 2 : 0);
-  Cell* const out =
-      s.rings[highDown] + (index & (StripSynthesis<Cell>::kRingRows - 1)) * s.rowCells;
+void SynthesiseAcross(LevelSynthesis<Cell>& s, bool highDown, std::int64_t index) {
+  const Box& box = s.box;
+  const int kind = highDown ? 2 : 0;
+  Cell* const out = s.rings[highDown] + (index & (s.kRingRows[highDown] - 1)) * s.rowCells;
   if (box.Width() == 1) {
     const bool odd = (box.x0 & 1) != 0;
-    Cell* const sample = out + (odd ? 1 : 0);
-    ReadBand(bands[odd], row, 0, 1, sample);
-    if (odd) *sample = Halved(*sample);
+    const Cell sample = *NextBandRow(s, kind + (odd ? 1 : 0), s.pieces[0]);
+    out[odd] = odd ? Halved(sample) : sample;
     return;
   }
-  const std::int64_t first = FloorShift(s.c0, 1), end = CeilShift(s.c1, 1);
-  Cell *const low = s.pieces[0] + kRowLead, *const high = s.pieces[1] + kRowLead;
-  ReadPiece(s, bands[0], false, row, first - 1, end + 2, low - 1);
-  ReadPiece(s, bands[1], true, row, first - 2, end + 2, high - 2);
-  s.kernels->row(low, high, out, static_cast<std::size_t>(end - first));
+  Cell* const low = MirrorAround(NextBandRow(s, kind, s.pieces[0]), false, box, 1, 2);
+  Cell* const high = MirrorAround(NextBandRow(s, kind + 1, s.pieces[1]), true, box, 2, 2);
+  const std::int64_t pairs = CeilShift(box.x1, 1) - FloorShift(box.x0, 1);
+  s.kernels->row(low, high, out, static_cast<std::size_t>(pairs));
 }
 
-/// The ring's rows that show the positions 2 (first + i) + kind, i < count, at the strip's first
-/// column; rows that have not been synthesised across yet are.
+/// The ring's row that shows the position 2 index + high; rows up to it that have not been
+/// synthesised across yet are.
 template <class Cell>
-void ShowRows(StripSynthesis<Cell>& s, bool high, std::int64_t first, int count,
-              const Cell** rows) {
-  const Box& box = s.level.box;
-  std::int64_t indices[StripSynthesis<Cell>::kRingRows];
-  for (int i = 0; i < count; ++i) {
-    indices[i] = BandEdge(Mirror(2 * (first + i) + (high ? 1 : 0), box.y0, box.y1), high);
-    while (s.nextIndices[high] <= indices[i]) SynthesiseAcross(s, high, s.nextIndices[high]++);
-  }
-  for (int i = 0; i < count; ++i) {
-    rows[i] = s.rings[high] + (indices[i] & (StripSynthesis<Cell>::kRingRows - 1)) * s.rowCells +
-              (s.c0 & 1);
-  }
+const Cell* ShowRow(LevelSynthesis<Cell>& s, bool high, std::int64_t index) {
+  const Box& box = s.box;
+  const std::int64_t shown = BandEdge(Mirror(2 * index + (high ? 1 : 0), box.y0, box.y1), high);
+  while (s.nextIndices[high] <= shown) SynthesiseAcross(s, high, s.nextIndices[high]++);
+  return s.rings[high] + (shown & (s.kRingRows[high] - 1)) * s.rowCells + (box.x0 & 1);
 }
 
-/// The row at a position of a level without filtering down: a flat one, or of one row.
+/// Computes the rows of positions 2n + 1 and 2n + 2 from that of 2n and the rings. The first step
+/// yields the box's first row second, or the row before it.
 template <class Cell>
-void CopyRow(StripSynthesis<Cell>& s, std::int64_t position, Cell* out) {
-  const Box& box = s.level.box;
-  const std::int64_t count = s.c1 - s.c0;
-  if (s.level.isFlat) {
-    ReadBand(s.level.bands[0], position - box.y0, s.c0 - box.x0, count, out);
-    return;
-  }
-  const bool high = (position & 1) != 0;
-  const std::int64_t index = FloorShift(position, 1);
-  SynthesiseAcross(s, high, index);
-  const Cell* const row =
-      s.rings[high] + (index & (StripSynthesis<Cell>::kRingRows - 1)) * s.rowCells + (s.c0 & 1);
-  for (std::int64_t i = 0; i < count; ++i) out[i] = high ? Halved(row[i]) : row[i];
-}
-
-/// Computes the rows of positions 2n + 1 and 2n + 2. Steps begin with the n that yields the box's
-/// first row second, or the row before it; rows outside the box go to s.spareRows. The even row
-/// must stay until the next step, which reads it.
-template <class Cell>
-void Step(StripSynthesis<Cell>& s, std::int64_t n, Cell* odd, Cell* even) {
-  const Box& box = s.level.box;
-  if (s.level.isFlat || box.Height() == 1) {
-    if (2 * n + 1 >= box.y0 && 2 * n + 1 < box.y1) CopyRow(s, 2 * n + 1, odd);
-    if (2 * n + 2 >= box.y0 && 2 * n + 2 < box.y1) CopyRow(s, 2 * n + 2, even);
-    return;
-  }
+void Step(LevelSynthesis<Cell>& s, std::int64_t n) {
   const Cell* low[3];
   const Cell* high[4];
-  ShowRows(s, false, n, 3, low);
-  ShowRows(s, true, n - 1, 4, high);
-  s.kernels->rows(low, high, s.evenBefore, odd, even, static_cast<std::size_t>(s.c1 - s.c0));
-  s.evenBefore = even;
+  // What lies further on is shown first: rings keep what the mirrored position needs.
+  if constexpr (std::is_same_v<Cell, float>) {
+    for (int i = 2; i >= 0; --i) low[i] = ShowRow(s, false, n + i);
+    for (int i = 3; i >= 0; --i) high[i] = ShowRow(s, true, n - 1 + i);
+  } else {
+    low[1] = ShowRow(s, false, n + 1);
+    high[2] = ShowRow(s, true, n + 1);
+    high[1] = ShowRow(s, true, n);
+  }
+  s.kernels->rows(low, high, s.evenRows[n & 1], s.oddRow, s.evenRows[(n + 1) & 1],
+                  static_cast<std::size_t>(s.box.Width()));
 }
 
-/// Runs one level of several planes of the same box in step. The sink says where row pieces go,
-/// and is told when a row piece of all planes is complete.
-template <class Cell, class Sink>
-void RunLevel(StripSynthesis<Cell>* planes, int numPlanes, Sink& sink) {
-  const Box& box = planes[0].level.box;
-  for (std::int64_t c0 = box.x0; c0 < box.x1;) {
-    const std::int64_t c1 = StripEnd(c0, box.x1);
-    for (int p = 0; p < numPlanes; ++p) BeginStrip(planes[p], c0, c1);
-    const auto rowOf = [&](int p, std::int64_t y) {
-      return y >= box.y0 && y < box.y1 ? sink.RowPiece(p, y - box.y0, c0 - box.x0)
-                                       : planes[p].spareRows[y & 1];
-    };
-    for (std::int64_t n = FloorShift(box.y0, 1) - 1; 2 * n + 1 < box.y1; ++n) {
-      for (int p = 0; p < numPlanes; ++p) {
-        Step(planes[p], n, rowOf(p, 2 * n + 1), rowOf(p, 2 * n + 2));
-      }
-      for (std::int64_t y = 2 * n + 1; y <= 2 * n + 2; ++y) {
-        if (y >= box.y0 && y < box.y1) sink.Complete(y - box.y0, c0 - box.x0, c1 - c0);
-      }
-    }
-    c0 = c1;
-  }
+/// The row of a level of one row, which is not filtered down.
+template <class Cell>
+Cell* OnlyRow(LevelSynthesis<Cell>& s) {
+  const bool high = (s.box.y0 & 1) != 0;
+  const std::int64_t index = FloorShift(s.box.y0, 1);
+  SynthesiseAcross(s, high, index);
+  const Cell* const row =
+      s.rings[high] + (index & (s.kRingRows[high] - 1)) * s.rowCells + (s.box.x0 & 1);
+  for (std::int64_t i = 0; i < s.box.Width(); ++i) s.oddRow[i] = high ? Halved(row[i]) : row[i];
+  return s.oddRow;
 }
+
+/// The next row of a level, with kRowMargin cells around it that may be written. It stays until
+/// the next one is asked for.
+template <class Cell>
+Cell* NextRow(LevelSynthesis<Cell>& s) {
+  if (s.isFlat) return NextBandRow(s, 0, s.pieces[0]);
+  if (s.box.Height() == 1) return OnlyRow(s);
+  const std::int64_t y = s.nextPosition++;
+  for (const std::int64_t step = CeilShift(y, 1) - 1; s.lastStep < step;) Step(s, ++s.lastStep);
+  return (y & 1) != 0 ? s.oddRow : s.evenRows[(y >> 1) & 1];
+}
+
+/// All levels of a tile-component.
+template <class Cell>
+class ComponentSynthesis {
+ public:
+  void Init(const ComponentBands& bands, const SynthesisKernels<Cell>& kernels,
+            ScratchCutter& scratch) {
+    LevelSynthesis<Cell>* below = nullptr;
+    for (int level = bands.numLevels == 0 ? 0 : 1; level <= bands.numLevels; ++level) {
+      LevelSynthesis<Cell>& s = levels_[level];
+      s.box = ReduceBox(bands.box, bands.numLevels - level);
+      s.isFlat = level == 0;
+      s.below = below;
+      s.kernels = &kernels;
+      s.bands[0] = bands.bands[0];
+      for (int kind = 1; kind < 4 && level > 0; ++kind) {
+        s.bands[kind] = bands.bands[3 * (level - 1) + kind];
+      }
+      InitLevel(s, scratch);
+      below = &s;
+    }
+    finest_ = &levels_[bands.numLevels];
+  }
+
+  /// The next row of samples, which stays until the one after it is asked for.
+  const Cell* Next() { return NextRow(*finest_); }
+
+ private:
+  LevelSynthesis<Cell> levels_[kMostLevels + 1];
+  LevelSynthesis<Cell>* finest_;
+};
 
 }  // namespace kel
 
