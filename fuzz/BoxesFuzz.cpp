@@ -48,9 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     kel::ScopeGuard release([&] { kel::ReleaseFileInfo(&info); });
     test::DataSource source(input.Rest(), setting.flavour, setting.how);
     kel::InitFileInfo(info);
-    const KelLong code = kel::ReadBoxes(info, *source);
-    Require((code >= 21 && code <= 23) || code == 25 || code == 26);
-    if (code == KelErrBoxStructure) TouchAll(info);
+    const KelLong code = kel::ReadBoxes(info, *source).errCode;
+    Require(code == 0 || code == 21 || code == 22 || code == 25 || code == 26);
+    if (code == KelOK) TouchAll(info);
   });
   return 0;
 }

@@ -34,12 +34,10 @@ void CheckSet(const KelHeaderParams& set) {
 HeaderResult ReadTilePart(const KelHeaderParams& main, KelDecDataMgr& data) {
   KelHeaderParams set{};
   ScopeGuard release([&] { ReleaseHeaderParams(&set); });
-  if (InitHeaderParams(set, false) != KelOK) return {KelErrNoMemory, false};
-  if (SeedHeaderParams(set, main, *main.codingStyle, *main.quantisation) != KelOK) {
-    return {KelErrNoMemory, false};
-  }
+  InitHeaderParams(set, false);
+  SeedHeaderParams(set, main, *main.codingStyle, *main.quantisation);
   const HeaderResult result = ReadHeader(set, data, nullptr);
-  if (result.code == KelOK && !result.incomplete) CheckSet(set);
+  if (result.refusal.errCode == KelOK && !result.incomplete) CheckSet(set);
   return result;
 }
 
@@ -52,14 +50,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     KelHeaderParams main{};
     ScopeGuard release([&] { ReleaseHeaderParams(&main); });
     test::DataSource source(input.Rest(), setting.flavour, setting.how);
-    if (InitHeaderParams(main, true) != KelOK) return;
+    InitHeaderParams(main, true);
     const HeaderResult result = ReadHeader(main, *source, nullptr);
-    Require(!result.incomplete);
-    if (result.code != KelOK) return;
+    Require(!result.incomplete || result.refusal.errCode == KelErrBadMarker);
+    if (result.refusal.errCode != KelOK) return;
     CheckSet(main);
     for (int i = 0; i < 16 && source->IsSOT(); ++i) {
       const std::int64_t position = source->GetPosition();
-      if (ReadTilePart(main, *source).code != KelOK) break;
+      if (ReadTilePart(main, *source).refusal.errCode != KelOK) break;
       Require(source->GetPosition() > position);
       source->FindNextSOT();
     }

@@ -32,7 +32,7 @@ struct ReadFile {
     ScopeGuard release([&] { ReleaseFileInfo(&info); });
     DataSource data(bytes, flavour, how);
     InitFileInfo(info);
-    code = ReadBoxes(info, *data);
+    code = ReadBoxes(info, *data).errCode;
     position = data->GetPosition();
     release.Disarm();
   }
@@ -122,7 +122,7 @@ TEST_F(Boxes, OneOfEverything) {
     const auto start = static_cast<std::int64_t>(BoxBytes(kFull, flavour).size()) + 8;
     for (const Delivery& how : kDeliveries) {
       const ReadFile file(kFull + behind, flavour, how);
-      EXPECT_EQ(file.code, KelErrBoxStructure);
+      EXPECT_EQ(file.code, KelOK);
       EXPECT_TRUE(file.info.codeStreamFound);
       EXPECT_EQ(file.position, start) << "the first code stream is the one";
       std::string expected = kDescription + "\nflst 258,3\nxml 60,97\nxml";
@@ -144,12 +144,12 @@ TEST_F(Boxes, EveryCut) {
     for (const Delivery& how : kDeliveries) {
       const ReadFile file(text, Flavour::kFF, how, cut);
       EXPECT_EQ(file.code, block.code) << cut;
-      if (!how.seekable || block.code != KelErrBoxStructure) continue;
+      if (!how.seekable || block.code != KelOK) continue;
       EXPECT_EQ(Describe(file.info), Describe(block.info)) << cut;
     }
     EXPECT_EQ(block.info.codeStreamFound, cut >= start) << cut;
     if (cut < start) continue;
-    EXPECT_EQ(block.code, KelErrBoxStructure) << "what follows has not arrived yet " << cut;
+    EXPECT_EQ(block.code, KelOK) << "what follows has not arrived yet " << cut;
     EXPECT_EQ(block.position, static_cast<std::int64_t>(start));
     EXPECT_EQ(block.info.NumXMLBoxes, cut >= start + 3 + 10 ? 3U : 2U);
   }
@@ -178,21 +178,21 @@ TEST_F(Boxes, Limits) {
   // Signatures; lengths that no box has, at the top and inside; what is not long enough.
   expect(21, {"jP__:0D0A870B", "jP__:0D0A870A00", "jP__:0D0A87", "jP__=0:0D0A870A", "what=7:00",
               "xml_=2:00", "what=1:0000 0000 0000 000F", "uuid:00", "ftbl(flst:00)"});
-  expect(23, {"what=0", "what=1:0000 0000 0000 0010", "what=1:0000 0000 0000 0012 AABB",
-              "jp2h=15:01020304050607"});
+  expect(0, {"what=0", "what=1:0000 0000 0000 0010", "what=1:0000 0000 0000 0012 AABB",
+             "jp2h=15:01020304050607"});
   expectChild(21, {kIhdr, "what=0", "colr=0:01", "what=3:00", "colr:01 00", "colr:01 00 00 000000",
                    "colr:01 00 00 0000000E 00", "colr:01 00 00 00000013 00", "pclr:0001",
                    "pclr:0001 02 07", "pclr:0002 01 07 00", "pclr:0001 01 87 00", "cdef:00",
                    "cdef:0001 0000 0000", "pclr:0001 01 07 00,cmap:0000 01 01",
                    "res_(resc:0001 0001 0001 0001 00)", "res_(what=5)"});
-  expectChild(23, {"pclr:0001 01 07 00,cmap:0000 00 01", "cmap:0000 01 09", "cmap:00",
-                   "pclr:0000 00", "cdef:0000", "bpcc:07", "bpcc:07070707", "colr:02 00 00"});
+  expectChild(0, {"pclr:0001 01 07 00,cmap:0000 00 01", "cmap:0000 01 09", "cmap:00",
+                  "pclr:0000 00", "cdef:0000", "bpcc:07", "bpcc:07070707", "colr:02 00 00"});
   expect(21,
          {"jp2h(ihdr:00000030 00000038 0003 07 07 00)",
           "jp2h(ihdr:00000030 00000038 0003 07 06 00 00)", "jp2h(bpcc:07)", "jplh(opct:00)",
           "jp2h(" + kIhdr + "),jplh(opct:02)", "jp2h(" + kIhdr + "),jplh(opct:02 04 00 00 00 00)",
           "jp2h(" + kIhdr + "),jplh(opct:02 03 00)"});
-  expect(23,
+  expect(0,
          {"jp2h(" + kIhdr + "),jplh(opct:02 03 00 00 00)", "jplh(cgrp(colr:01 00 00 0000000E))"});
 }
 
@@ -210,7 +210,7 @@ TEST_F(Boxes, Ends) {
   EXPECT_EQ(CodeOf("jp2h=99(bpcc=9:"), 21);
   EXPECT_TRUE(Describe(ReadFile("xml_=0:010203").info).ends_with("xml 1,2,3"));
   EXPECT_EQ(ReadFile("jp2c:00,uuid:00").code, 21) << "complete and malformed";
-  EXPECT_EQ(ReadFile("jp2c:00,what=1:0000").code, 23) << "not arrived yet";
+  EXPECT_EQ(ReadFile("jp2c:00,what=1:0000").code, 0) << "not arrived yet";
   EXPECT_EQ(ReadFile("jp2c=0:0102,xml_:00").info.NumXMLBoxes, 0U);
   EXPECT_EQ(ReadFile("jp2c:0102,jp2c=0:00").position, 8);
 }
@@ -218,7 +218,7 @@ TEST_F(Boxes, Ends) {
 /// What is found of a file whose header superbox has these children behind an image header.
 std::string Found(const std::string& children, const std::string& further = "") {
   const ReadFile file("jp2h(" + kIhdr + ',' + children + ")," + further + "jp2c:00");
-  EXPECT_EQ(file.code, KelErrBoxStructure);
+  EXPECT_EQ(file.code, KelOK);
   const std::string text = Describe(file.info);
   const std::size_t start = text.find("\ncolr") + 5;
   return text.substr(start, text.find("\nflst") - start);
@@ -276,7 +276,7 @@ TEST_F(Boxes, MemoryFollowsTheData) {
         "jp2h=4294967295(cdef=4294967200:FFFF 00", "what=4294967295:00"}) {
     for (const Delivery& how : kDeliveries) {
       memory.ResetPeak();
-      EXPECT_NE(ReadFile(text, Flavour::kAB, how).code, KelOK);
+      const ReadFile file(text, Flavour::kAB, how);
       EXPECT_LE(memory.LargestRequest(), how.memory ? 2500U : kFirstLoadBytes + 1U) << text;
     }
   }
@@ -293,7 +293,7 @@ TEST_F(Boxes, RefusalsLeakNothing) {
   for (const Flavour flavour : kFlavours) {
     const std::size_t runs = SweepRefusals(memory, [&] {
       try {
-        return ReadFile(kFull + "jp2c:00", flavour).code - KelErrBoxStructure;
+        return ReadFile(kFull + "jp2c:00", flavour).code;
       } catch (const KelException& failure) {
         const std::string module = failure.srcFile;
         const bool isOld = flavour == Flavour::kFF && module == kModuleFileFormatOld;

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <random>
+#include <set>
 
 #include "DecodeHost.h"
 #include "HostMemory.h"
@@ -50,6 +53,32 @@ TEST_F(Decoder, RefusalsAndTheirDetails) {
   EXPECT_EQ(image.Die(), KelOK);
   EXPECT_EQ(image.Die(), KelOK);
   options.Die();
+}
+
+/// A line of a source file, by its path from the top of the sources.
+std::string SourceLine(const KelErrorPlace& place) {
+  std::ifstream file(std::string(KEL_SOURCES "/") + (place.file != nullptr ? place.file : ""));
+  std::string line;
+  for (KelLong i = 0; i < place.line; ++i) std::getline(file, line);
+  return line;
+}
+
+// A diagnosis must lead to the condition that refused the data, whoever passes the refusal on.
+TEST_F(DecoderHostile, RefusalsNameTheLineThatRefused) {
+  std::mt19937 random(12);
+  std::set<KelLong> lines;
+  for (int i = 0; i < 400; ++i) {
+    Bytes stream = Vector(i % 2 == 0 ? "tile_coc_qcc" : "file_jp2_palette");
+    for (int flips = 0; flips < 3; ++flips) stream[12 + random() % 150] = std::uint8_t(random());
+    const MemoryDecoder d(stream);
+    if (d.code == KelOK) continue;
+    const std::string line = SourceLine(d.image.GetErrorPlace());
+    const auto has = [&](const char* call) { return line.find(call) != std::string::npos; };
+    EXPECT_TRUE(has("Refuse(") || has("Fail(") || has("Raise("))
+        << d.image.GetErrorPlace().file << ": " << line;
+    lines.insert(d.image.GetErrorPlace().line);
+  }
+  EXPECT_GT(lines.size(), 15U) << "one place would stand for many";
 }
 
 TEST_F(Decoder, CountersOrientationAndResolutions) {

@@ -153,7 +153,7 @@ TEST(Memory, GrowByOneKeepsWhatIsThere) {
 }
 
 TEST(Guard, TurnsFailuresIntoCodesAndRestoresRounding) {
-  KelException details;
+  Failure details;
   const auto guard = [&](KelLong (*call)()) {
     return Guard(&details, call, [](KelLong code) { return code; });
   };
@@ -166,13 +166,16 @@ TEST(Guard, TurnsFailuresIntoCodesAndRestoresRounding) {
   EXPECT_EQ(std::fegetround(), FE_UPWARD);
   std::fesetround(FE_TONEAREST);
   EXPECT_STREQ(details.srcFile, kModuleHeaders);
+  EXPECT_NE(std::strstr(details.file, "MemoryTest.cpp"), nullptr);
   EXPECT_EQ(guard([]() -> KelLong { throw std::runtime_error("other"); }), 31);
   EXPECT_STREQ(details.srcFile, "common/src/KelApiGlue");
   EXPECT_EQ(details.errLevel, 3);
   EXPECT_EQ(guard([]() -> KelLong { return 7; }), 7);
   EXPECT_EQ(details.errCode, 31) << "a success clears nothing";
+  guard([]() -> KelLong { throw KelException(); });
+  EXPECT_EQ(details.file, nullptr) << "a host's own record has no place";
   EXPECT_THROW(GuardKelExceptions(&details, []() -> KelLong { throw 1; }), int);
-  details.ClearErrState();
+  details.Clear();
   EXPECT_TRUE(details.errCode == 0 && details.lineNum == -1 && details.srcFile == nullptr);
   EXPECT_STREQ(details.GetErrString(), "Not Available Yet");
 }

@@ -13,7 +13,7 @@ template <class Record>
 struct Slot {
   Record* ParamSet::*record;
   bool ParamSet::*isOwned;
-  KelLong (*copy)(Record*, const Record*);
+  void (*copy)(Record&, const Record&);
   void (*release)(Record&) noexcept;
 };
 
@@ -35,9 +35,11 @@ void Drop(ParamSet& set, const Slot<Record>& slot) noexcept {
 
 template <class Record>
 void Own(ParamSet& set, const Slot<Record>& slot, const Record& source) {
-  auto made = OwnedRecord<Record>::Make();
-  const KelLong code = slot.copy(made.Get(), &source);
-  if (code != KelOK) Raise(code, kModuleImageMap);
+  auto made = NamingModule(kModuleImageMap, [&] {
+    auto copy = OwnedRecord<Record>::Make();
+    slot.copy(*copy, source);
+    return copy;
+  });
   Drop(set, slot);
   set.*slot.record = made.Release();
   set.*slot.isOwned = true;

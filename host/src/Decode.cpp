@@ -27,6 +27,7 @@ struct Job {
   DecodeReport report;
   std::size_t numTilesWithSamples = 0;
   KelException failure;  ///< the first one
+  KelErrorPlace place{nullptr, -1};
 };
 
 /// Decodes a file or code stream that covers a rectangle of the planes.
@@ -49,6 +50,7 @@ void DecodePart(Job& job, ByteView bytes) {
   job.numTilesWithSamples += numReady;
   if (code != KelOK && job.failure.errCode == KelOK) {
     job.failure = object.GetErrorDetails();
+    job.place = object.GetErrorPlace();
     job.failure.errCode = code;
     job.report.problem = CodeSentence(code);
   }
@@ -119,7 +121,7 @@ Plane Halved(const Plane& plane, ComponentArea& area) {
 /// Ends a decode that brought nothing, or less than was asked for.
 void SettleReport(Job& job, const DecodeParams& params) {
   if (job.numTilesWithSamples == 0) {
-    if (job.failure.errCode != KelOK) ThrowFailure(job.failure, Failure::kInput);
+    if (job.failure.errCode != KelOK) ThrowFailure(job.failure, Failure::kInput, job.place);
     throw Error(Failure::kInput, "the data end before the first samples");
   }
   DecodeReport& report = job.report;

@@ -48,11 +48,10 @@ const CodeText* Find(KelLong code) {
   return nullptr;
 }
 
-std::string DescribeRaise(const KelException& raised) {
+std::string DescribeRaise(const KelException& raised, const KelErrorPlace& place) {
   std::string text(CodeName(raised.errCode));
-  if (raised.srcFile != nullptr) {
-    text += ", " + std::string(raised.srcFile) + ":" + std::to_string(raised.lineNum);
-  }
+  const char* file = place.file != nullptr ? place.file : raised.srcFile;
+  if (file != nullptr) text += ", " + std::string(file) + ":" + std::to_string(raised.lineNum);
   return text;
 }
 
@@ -64,11 +63,12 @@ Error::Error(Failure kind, const std::string& sentence)
 Error::Error(Failure kind, const std::string& file, const std::string& sentence)
     : std::runtime_error(file + ": " + sentence), kind_(kind), sentence_(sentence), file_(file) {}
 
-Error::Error(Failure kind, const std::string& sentence, const KelException& raised)
+Error::Error(Failure kind, const std::string& sentence, const KelException& raised,
+             const KelErrorPlace& place)
     : std::runtime_error(sentence),
       kind_(kind),
       sentence_(sentence),
-      details_(DescribeRaise(raised)),
+      details_(DescribeRaise(raised, place)),
       code_(raised.errCode) {}
 
 std::string_view CodeName(KelLong code) {

@@ -13,7 +13,7 @@ void RequireSession() {
   }
 }
 
-void ThrowFailure(const KelException& raised, Failure kind) {
+void ThrowFailure(const KelException& raised, Failure kind, const KelErrorPlace& place) {
   std::string sentence(CodeSentence(raised.errCode));
   if (raised.errCode == KelErrNoMemory) {
     kind = Failure::kMemory;
@@ -21,17 +21,19 @@ void ThrowFailure(const KelException& raised, Failure kind) {
       sentence = "more memory is needed than the limit of " + FormatBytes(Session::Limit());
     }
   }
-  throw Error(kind, sentence, raised);
+  throw Error(kind, sentence, raised, place);
 }
 
 void Check(KelLong code, const KelImage& image, Failure kind) {
   if (code == KelOK) return;
   KelException raised = image.GetErrorDetails();
+  KelErrorPlace place = image.GetErrorPlace();
   if (raised.errCode != code) {  // a code that was returned without being recorded
     raised.ClearErrState();
     raised.errCode = code;
+    place = {nullptr, -1};
   }
-  ThrowFailure(raised, kind);
+  ThrowFailure(raised, kind, place);
 }
 
 KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::size_t component) {

@@ -16,7 +16,8 @@ namespace kel::host {
 void RequireSession();
 
 /// Throws what a failure of the library means: kMemory for code 8, else the kind given.
-[[noreturn]] void ThrowFailure(const KelException& raised, Failure kind);
+[[noreturn]] void ThrowFailure(const KelException& raised, Failure kind,
+                               const KelErrorPlace& place = {nullptr, -1});
 
 /// Checks the result of an operation of an image object.
 void Check(KelLong code, const KelImage& image, Failure kind);

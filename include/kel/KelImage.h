@@ -137,6 +137,8 @@ class KEL_API KelImage {
   KelLong Die();
   /// A copy of the details of the last failure; cleared by an initialisation, never by a success.
   KelException GetErrorDetails() const;
+  /// The place of the failure that GetErrorDetails tells of; line -1 without one.
+  KelErrorPlace GetErrorPlace() const;
   KelMemFuncs* GetMemObj() const;
 
   // Decoding.

@@ -90,6 +90,13 @@ class KEL_API KelException {
   KelLong errLevel;     ///< 1 for parameter checks of the geometry, 3 otherwise; 0 when clear
 };
 
+/// Where a failure was noticed: a source file of the library, by its path from the top of the
+/// sources, and a line of it. Modules are named by fixed paths; this is the file as it stands.
+struct KelErrorPlace {
+  const char* file;  ///< constant text; null when nothing failed, or a host's callback threw
+  KelLong line;      ///< lineNum of the failure record
+};
+
 extern "C" {
 
 /// Registers the host's memory callbacks (by address) and chooses the kernels for this machine.

@@ -120,6 +120,8 @@ TEST(Errors, CarryTheLibrarysDetails) {
   raised.srcFile = "common/src/KelHeaders";
   const Error error(Failure::kInput, std::string(CodeSentence(raised.errCode)), raised);
   EXPECT_EQ(error.Details(), "KelErrBadMarker, common/src/KelHeaders:120");
+  const Error placed(Failure::kInput, "refused", raised, {"common/src/decode/X.cpp", 120});
+  EXPECT_EQ(placed.Details(), "KelErrBadMarker, common/src/decode/X.cpp:120");
   EXPECT_EQ(error.Code(), KelErrBadMarker);
   const Error file(Failure::kInput, "x.kel", "cannot be opened");
   EXPECT_STREQ(file.what(), "x.kel: cannot be opened");

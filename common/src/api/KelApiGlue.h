@@ -29,32 +29,45 @@ class RoundingScope {
   int hostMode_;
 };
 
+/// The record of a KelException that a host's callback threw: nobody knows its place.
+inline Failure HostsFailure(const KelException& thrown) {
+  Failure failure;
+  failure.Clone(&thrown);
+  return failure;
+}
+
 /// Runs work and returns its result. On a failure the record goes to *failure (unless null) and
-/// the result is what onFailure makes of the code. The line, the entry point's own, names the
+/// the result is what onFailure makes of the code. The place, the entry point's own, names the
 /// entry in records of failures that are not KelExceptions.
 template <class Work, class OnFailure>
-auto Guard(KelException* failure, Work work, OnFailure onFailure, int line = __builtin_LINE()) {
+auto Guard(Failure* failure, Work work, OnFailure onFailure,
+           SourcePlace place = SourcePlace::Here()) {
   const RoundingScope rounding;
   try {
     return work();
-  } catch (const KelException& caught) {
-    if (failure != nullptr) failure->Clone(&caught);
+  } catch (const Failure& caught) {
+    if (failure != nullptr) *failure = caught;
+    return static_cast<decltype(work())>(onFailure(caught.errCode));
+  } catch (const KelException& caught) {  // a host's
+    if (failure != nullptr) *failure = HostsFailure(caught);
     return static_cast<decltype(work())>(onFailure(caught.errCode));
   } catch (...) {
-    const KelException unexpected = MakeFailure(KelErrUnexpected, kModuleApiGlue, line);
-    if (failure != nullptr) failure->Clone(&unexpected);
-    return static_cast<decltype(work())>(onFailure(unexpected.errCode));
+    if (failure != nullptr) *failure = MakeFailure(KelErrUnexpected, kModuleApiGlue, place);
+    return static_cast<decltype(work())>(onFailure(KelErrUnexpected));
   }
 }
 
 /// The second form, for the one entry through which other exceptions pass to the host.
 template <class Work>
-KelLong GuardKelExceptions(KelException* failure, Work work) {
+KelLong GuardKelExceptions(Failure* failure, Work work) {
   const RoundingScope rounding;
   try {
     return work();
-  } catch (const KelException& caught) {
-    if (failure != nullptr) failure->Clone(&caught);
+  } catch (const Failure& caught) {
+    if (failure != nullptr) *failure = caught;
+    return caught.errCode;
+  } catch (const KelException& caught) {  // a host's
+    if (failure != nullptr) *failure = HostsFailure(caught);
     return caught.errCode;
   }
 }

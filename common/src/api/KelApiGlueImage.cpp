@@ -63,6 +63,12 @@ KelException KelImage::GetErrorDetails() const {
   return Query(handle_, KelException(), [](ImageState& state) { return state.failure; });
 }
 
+KelErrorPlace KelImage::GetErrorPlace() const {
+  return Query(handle_, KelErrorPlace{nullptr, -1}, [](ImageState& state) {
+    return KelErrorPlace{state.failure.file, state.failure.lineNum};
+  });
+}
+
 KelMemFuncs* KelImage::GetMemObj() const {
   return KelGetMemObj();
 }

@@ -35,17 +35,17 @@ void ReleaseState(ImageHandle*& handle) noexcept;
 /// onFailure makes of 31, on the other side of 15.
 template <class Work, class OnFailure>
 auto Guarded(ImageHandle* handle, Side side, Work work, OnFailure onFailure,
-             int line = __builtin_LINE()) {
+             SourcePlace place = SourcePlace::Here()) {
   using Result = decltype(work(std::declval<ImageState&>()));
   ImageState* state = StateOf(handle);
   if (state == nullptr) return static_cast<Result>(onFailure(KelErrUnexpected));
   return Guard(
       &state->failure,
       [&] {
-        if (!IsOnSide(*state, side)) Raise(KelErrBadParam, kModuleImage, line);
+        if (!IsOnSide(*state, side)) Raise(KelErrBadParam, kModuleImage, place);
         return work(*state);
       },
-      onFailure, line);
+      onFailure, place);
 }
 
 /// A field or query of the state, or a neutral value without one.

@@ -19,8 +19,8 @@ bool CanAsk(std::uint64_t sizeBytes) noexcept {
   return registered != nullptr && sizeBytes <= kMostBytes;
 }
 
-[[noreturn]] void RaiseNoMemory(int line = __builtin_LINE()) {
-  Raise(KelErrNoMemory, kModuleMemFuncDefs, line);
+[[noreturn]] void RaiseNoMemory(SourcePlace place = SourcePlace::Here()) {
+  Raise(KelErrNoMemory, kModuleMemFuncDefs, place);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // Raising failures, and the names of the modules that raise them.
 //
-// A raise site is one line: the condition, then Raise with the code and the module's name. The
-// line number is taken from the call by itself. What is raised is a KelException by value; only
-// the public boundary catches it.
+// A raise site is one line: the condition, then Raise with the code and the module's name. Line
+// and file are taken from the call by themselves. Caught is at the public boundary, and in the two
+// helpers below.
 #ifndef KEL_RAISE_H
 #define KEL_RAISE_H
 
@@ -28,32 +28,57 @@ inline constexpr char kModuleDecDataMgr[] = "dec/src/KelDecDataMgr";
 inline constexpr KelLong kLevelParameters = 1;
 inline constexpr KelLong kLevelFailure = 3;
 
-/// The record of a failure. The line is that of the caller unless given.
-inline KelException MakeFailure(KelLong code, const char* module, int line = __builtin_LINE(),
-                                KelLong level = kLevelFailure) {
-  KelException failure;
-  failure.errCode = code;
-  failure.lineNum = line;
-  failure.srcFile = module;
-  failure.errLevel = level;
-  return failure;
-}
+/// A place in the sources. As a default argument it is the caller's.
+struct SourcePlace {
+  const char* file;  ///< as the compiler was given it
+  int line;
+
+  static SourcePlace Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {file, line};
+  }
+};
+
+/// What is raised inside: the public record, and the file that its line is of. The record names
+/// modules by fixed paths, where the sources may be arranged otherwise. Hosts' handlers for
+/// KelExceptions catch it like any other.
+struct Failure : KelException {
+  const char* file = nullptr;  ///< path from the top of the sources; null when clear
+
+  Failure() { ClearErrState(); }
+  void Clear() { *this = Failure(); }
+};
+
+/// The record of a failure, at the caller's place unless given.
+Failure MakeFailure(KelLong code, const char* module, SourcePlace place = SourcePlace::Here(),
+                    KelLong level = kLevelFailure);
 
 /// Throws the record of a failure.
-[[noreturn]] inline void Raise(KelLong code, const char* module, int line = __builtin_LINE(),
-                               KelLong level = kLevelFailure) {
-  throw MakeFailure(code, module, line, level);
-}
+[[noreturn]] void Raise(KelLong code, const char* module, SourcePlace place = SourcePlace::Here(),
+                        KelLong level = kLevelFailure);
 
 /// Runs a step that obtains memory, and lets its want of memory be reported in the name of the
-/// module that needed it instead of the memory layer's. Other failures pass unchanged.
+/// module that needed it instead of the memory layer's: names are part of what hosts see. Only the
+/// name of the failure in flight changes; place and code stay. Other failures pass unchanged.
 template <class Step>
-auto NamingModule(const char* module, Step step, int line = __builtin_LINE()) {
+auto NamingModule(const char* module, Step step) {
   try {
     return step();
-  } catch (const KelException& failure) {
-    if (failure.errCode == KelErrNoMemory) Raise(KelErrNoMemory, module, line);
+  } catch (Failure& failure) {
+    if (failure.errCode == KelErrNoMemory) failure.srcFile = module;
     throw;
+  }
+}
+
+/// Runs a step that reads data, for a caller to whom it is an outcome that these are refused: the
+/// refusal, or a clear record. Want of memory is none, and passes on.
+template <class Step>
+[[nodiscard]] Failure RefusalBy(Step step) {
+  try {
+    step();
+    return {};
+  } catch (const Failure& failure) {
+    if (failure.errCode == KelErrNoMemory) throw;
+    return failure;
   }
 }
 

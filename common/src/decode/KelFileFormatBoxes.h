@@ -8,6 +8,7 @@
 
 #include "KelDecDataMgr.h"
 #include "base/KelMemFuncDefs.h"
+#include "base/KelRaise.h"
 #include "format/KelFileFormat.h"
 
 namespace kel {
@@ -19,12 +20,18 @@ struct BoxExtent {
   bool toEnd;
 };
 
+/// The record of refused boxes names the flow that reads them.
+[[noreturn]] inline void Refuse(KelLong code, SourcePlace place = SourcePlace::Here()) {
+  Raise(code, kModuleImage, place);
+}
+
 struct BoxReader {
   KelFileInfo& info;
   KelDecDataMgr& data;
   std::uint32_t signature;  ///< contents of the layout's signature box
   // Of the compositing-layer header being read.
   bool layerHasOpacity, layerHasChannels;
+  bool stop;  ///< the code stream is the last box to be read
 
   /// Whether n more bytes have arrived.
   bool Has(std::uint64_t n) { return data.EnsureBuffered(n) == kBufferedOk; }
@@ -34,10 +41,10 @@ struct BoxReader {
 };
 
 /// Reads a box's contents from the first byte behind its header on. It need not read all of them,
-/// and must not read more. Returns a result code.
+/// and must not read more. Raises what it refuses.
 struct BoxHandler {
   std::uint32_t type;
-  KelLong (*read)(BoxReader& in, const BoxExtent& box);
+  void (*read)(BoxReader& in, const BoxExtent& box);
 };
 
 /// A box type from its four characters.
@@ -48,9 +55,9 @@ constexpr std::uint32_t BoxType(const char (&text)[5]) {
 }
 
 /// Reads the children of a superbox, those without a handler being passed over. A child's header
-/// that the data cut off gives cutCode.
-KelLong ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
-                     KelLong cutCode);
+/// that the data cut off is refused with cutCode.
+void ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
+                  KelLong cutCode);
 
 /// Contents whose length the data announce. Room for them is obtained once they are known to be
 /// there, or, from a stream, while they arrive.
@@ -66,11 +73,11 @@ struct Contents {
 bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Contents& contents);
 
 // Handlers of the boxes about colour and channels.
-KelLong ReadColorSpec(BoxReader& in, const BoxExtent& box);          // 'colr'
-KelLong ReadPalette(BoxReader& in, const BoxExtent& box);            // 'pclr'
-KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box);   // 'cmap'
-KelLong ReadChannelDefinition(BoxReader& in, const BoxExtent& box);  // 'cdef'
-KelLong ReadOpacity(BoxReader& in, const BoxExtent& box);            // 'opct'
+void ReadColorSpec(BoxReader& in, const BoxExtent& box);          // 'colr'
+void ReadPalette(BoxReader& in, const BoxExtent& box);            // 'pclr'
+void ReadComponentMapping(BoxReader& in, const BoxExtent& box);   // 'cmap'
+void ReadChannelDefinition(BoxReader& in, const BoxExtent& box);  // 'cdef'
+void ReadOpacity(BoxReader& in, const BoxExtent& box);            // 'opct'
 
 }  // namespace kel
 

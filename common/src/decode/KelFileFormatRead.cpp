@@ -20,46 +20,43 @@ constexpr std::uint64_t kBoxHeaderBytes = 8;
 constexpr std::uint64_t kFirstPiece = 65536;  // of contents that arrive by a stream
 
 /// Reads the header of a box: length and type, and for length 1 the long length. No box is
-/// shorter than its header.
-KelLong ReadBoxHeader(BoxReader& in, BoxExtent& box) {
-  if (!in.Has(kBoxHeaderBytes)) return KelErrBoxHeader;
+/// shorter than its header. False when the data cut it off.
+[[nodiscard]] bool ReadBoxHeader(BoxReader& in, BoxExtent& box) {
+  if (!in.Has(kBoxHeaderBytes)) return false;
   std::uint64_t length = in.U32();
   std::uint64_t headerBytes = kBoxHeaderBytes;
   box.type = in.U32();
   box.toEnd = length == 0;
   if (length == 1) {
     headerBytes = 16;
-    if (!in.Has(8)) return KelErrBoxHeader;
+    if (!in.Has(8)) return false;
     length = in.U32();
     length = length << 32 | in.U32();
   }
-  if (!box.toEnd && length < headerBytes) return KelErrBoxSignature;
+  if (!box.toEnd && length < headerBytes) Refuse(KelErrBoxSignature);
   box.bodyLength = box.toEnd ? UINT64_MAX : length - headerBytes;
-  return KelOK;
+  return true;
 }
 
 /// Lets a box's handler read it, if there is one, and passes over what is left of it.
-KelLong ReadBody(BoxReader& in, const BoxExtent& box, std::span<const BoxHandler> handlers) {
+void ReadBody(BoxReader& in, const BoxExtent& box, std::span<const BoxHandler> handlers) {
   const std::int64_t bodyStart = in.data.GetPosition();
   const auto handler = std::find_if(handlers.begin(), handlers.end(),
                                     [&](const BoxHandler& h) { return h.type == box.type; });
-  if (handler == handlers.end() && box.toEnd) return KelOK;
-  if (handler != handlers.end()) {
-    const KelLong code = handler->read(in, box);
-    if (code != KelOK) return code;
-  }
+  if (handler == handlers.end() && box.toEnd) return;
+  if (handler != handlers.end()) handler->read(in, box);
+  if (in.stop) return;
   const std::uint64_t used = AsCount(in.data.GetPosition() - bodyStart);
   if (used < box.bodyLength) in.data.SkipForward(box.bodyLength - used);
-  return KelOK;
 }
 
 // ---- Header superbox, compositing-layer header, and their children ----
 
 /// 'ihdr': HEIGHT WIDTH (4 bytes each) NC (2) BPC C UnkC IPR. BPC 255 leaves the depths to 'bpcc'.
-KelLong ReadImageHeader(BoxReader& in, const BoxExtent& box) {
+void ReadImageHeader(BoxReader& in, const BoxExtent& box) {
   KelImageHeaderInfo& header = *in.info.imageHeader;
-  if (box.bodyLength != 14 || header.bitDepths != nullptr) return KelErrBoxSignature;
-  if (!in.Has(14)) return KelErrBoxTruncated;
+  if (box.bodyLength != 14 || header.bitDepths != nullptr) Refuse(KelErrBoxSignature);
+  if (!in.Has(14)) Refuse(KelErrBoxTruncated);
   header.HEIGHT = in.U32();
   header.WIDTH = in.U32();
   const std::uint32_t count = in.U16();
@@ -72,24 +69,22 @@ KelLong ReadImageHeader(BoxReader& in, const BoxExtent& box) {
     std::fill_n(header.bitDepths, count, static_cast<std::uint8_t>(depth & 0x7F));
     std::fill_n(header.isSigned, count, static_cast<std::uint8_t>(depth >> 7));
   }
-  if (in.U8() != 7) return KelErrBoxSignature;
+  if (in.U8() != 7) Refuse(KelErrBoxSignature);
   header.colorSpaceUnknown = in.U8() != 0;
   in.info.IPR = in.U8() != 0;
-  return KelOK;
 }
 
 /// 'bpcc': a byte per component, sign in bit 7 and depth minus one below.
-KelLong ReadComponentDepths(BoxReader& in, const BoxExtent& box) {
+void ReadComponentDepths(BoxReader& in, const BoxExtent& box) {
   KelImageHeaderInfo& header = *in.info.imageHeader;
-  if (header.bitDepths == nullptr) return KelErrBoxSignature;
+  if (header.bitDepths == nullptr) Refuse(KelErrBoxSignature);
   const std::uint64_t count = std::min<std::uint64_t>(header.NC, box.bodyLength);
-  if (!in.Has(count)) return KelErrBoxTruncated;
+  if (!in.Has(count)) Refuse(KelErrBoxTruncated);
   for (std::uint64_t c = 0; c < count; ++c) {
     const std::uint8_t depth = in.U8();
     header.bitDepths[c] = depth & 0x7F;
     header.isSigned[c] = depth >> 7;
   }
-  return KelOK;
 }
 
 /// A resolution value: numerator over denominator, times ten to a signed power.
@@ -101,23 +96,22 @@ float ResolutionOf(double numerator, double denominator, std::int8_t exponent) {
 }
 
 /// 'resc': VRcN VRcD HRcN HRcD (2 bytes each) VRcE HRcE.
-KelLong ReadCaptureResolution(BoxReader& in, const BoxExtent& box) {
-  if (box.bodyLength != 10) return KelErrBoxSignature;
-  if (!in.Has(10)) return KelErrBoxTruncated;
+void ReadCaptureResolution(BoxReader& in, const BoxExtent& box) {
+  if (box.bodyLength != 10) Refuse(KelErrBoxSignature);
+  if (!in.Has(10)) Refuse(KelErrBoxTruncated);
   const double verticalN = in.U16(), verticalD = in.U16();
   const double horizontalN = in.U16(), horizontalD = in.U16();
   const auto verticalE = static_cast<std::int8_t>(in.U8());
   const auto horizontalE = static_cast<std::int8_t>(in.U8());
   in.info.verticalResolution = ResolutionOf(verticalN, verticalD, verticalE);
   in.info.horizontalResolution = ResolutionOf(horizontalN, horizontalD, horizontalE);
-  return KelOK;
 }
 
 constexpr BoxHandler kResolutionChildren[] = {{BoxType("resc"), ReadCaptureResolution}};
 
-KelLong ReadResolution(BoxReader& in, const BoxExtent& box) {
+void ReadResolution(BoxReader& in, const BoxExtent& box) {
   in.info.ResolutionInfoPresent = true;
-  return ReadChildren(in, box, kResolutionChildren, KelErrBoxHeader);
+  ReadChildren(in, box, kResolutionChildren, KelErrBoxHeader);
 }
 
 constexpr BoxHandler kHeaderChildren[] = {
@@ -126,28 +120,28 @@ constexpr BoxHandler kHeaderChildren[] = {
     {BoxType("cmap"), ReadComponentMapping}, {BoxType("cdef"), ReadChannelDefinition},
     {BoxType("res "), ReadResolution}};
 
-KelLong ReadHeaderSuperbox(BoxReader& in, const BoxExtent& box) {
-  return ReadChildren(in, box, kHeaderChildren, KelErrBoxHeader);
+void ReadHeaderSuperbox(BoxReader& in, const BoxExtent& box) {
+  ReadChildren(in, box, kHeaderChildren, KelErrBoxHeader);
 }
 
 constexpr BoxHandler kGroupChildren[] = {{BoxType("colr"), ReadColorSpec}};
 
-KelLong ReadColorGroup(BoxReader& in, const BoxExtent& box) {
-  return ReadChildren(in, box, kGroupChildren, KelErrBoxTruncated);
+void ReadColorGroup(BoxReader& in, const BoxExtent& box) {
+  ReadChildren(in, box, kGroupChildren, KelErrBoxTruncated);
 }
 
 /// The first 'opct' of a layer counts, unless channels were defined before it there.
-KelLong ReadLayerOpacity(BoxReader& in, const BoxExtent& box) {
-  if (in.layerHasOpacity || in.layerHasChannels) return KelOK;
+void ReadLayerOpacity(BoxReader& in, const BoxExtent& box) {
+  if (in.layerHasOpacity || in.layerHasChannels) return;
   in.layerHasOpacity = true;
-  return ReadOpacity(in, box);
+  ReadOpacity(in, box);
 }
 
 /// The first 'cdef' of a layer counts, unless the file gave an opacity anywhere.
-KelLong ReadLayerChannels(BoxReader& in, const BoxExtent& box) {
-  if (in.info.opacityPresent || in.layerHasChannels) return KelOK;
+void ReadLayerChannels(BoxReader& in, const BoxExtent& box) {
+  if (in.info.opacityPresent || in.layerHasChannels) return;
   in.layerHasChannels = true;
-  return ReadChannelDefinition(in, box);
+  ReadChannelDefinition(in, box);
 }
 
 constexpr BoxHandler kLayerChildren[] = {{BoxType("opct"), ReadLayerOpacity},
@@ -155,85 +149,80 @@ constexpr BoxHandler kLayerChildren[] = {{BoxType("opct"), ReadLayerOpacity},
                                          {BoxType("cgrp"), ReadColorGroup},
                                          {BoxType("res "), ReadResolution}};
 
-KelLong ReadLayerHeader(BoxReader& in, const BoxExtent& box) {
+void ReadLayerHeader(BoxReader& in, const BoxExtent& box) {
   in.layerHasOpacity = in.layerHasChannels = false;
-  return ReadChildren(in, box, kLayerChildren, KelErrBoxTruncated);
+  ReadChildren(in, box, kLayerChildren, KelErrBoxTruncated);
 }
 
 // ---- Boxes of the top level ----
 
-KelLong ReadSignature(BoxReader& in, const BoxExtent& box) {
-  if (box.bodyLength != 4) return KelErrBoxSignature;
-  if (!in.Has(4)) return KelErrBoxTruncated;
-  return in.U32() == in.signature ? KelOK : KelErrBoxSignature;
+void ReadSignature(BoxReader& in, const BoxExtent& box) {
+  if (box.bodyLength != 4) Refuse(KelErrBoxSignature);
+  if (!in.Has(4)) Refuse(KelErrBoxTruncated);
+  if (in.U32() != in.signature) Refuse(KelErrBoxSignature);
 }
 
 /// Brand and compatibility list are not looked at, but must be there.
-KelLong PassFileType(BoxReader& in, const BoxExtent& box) {
+void PassFileType(BoxReader& in, const BoxExtent& box) {
   const std::uint64_t passed = in.data.SkipForward(box.bodyLength);
-  return box.toEnd || passed == box.bodyLength ? KelOK : KelErrBoxTruncated;
+  if (!box.toEnd && passed != box.bodyLength) Refuse(KelErrBoxTruncated);
 }
 
-KelLong PassBox(BoxReader&, const BoxExtent&) {
-  return KelOK;
-}
+void PassBox(BoxReader&, const BoxExtent&) {}
 
 /// 'flst': NF, then the fragments, which are not followed.
-KelLong ReadFragmentList(BoxReader& in, const BoxExtent& box) {
-  if (box.bodyLength < 2) return KelErrBoxSignature;
-  if (!in.Has(2)) return KelErrBoxTruncated;
+void ReadFragmentList(BoxReader& in, const BoxExtent& box) {
+  if (box.bodyLength < 2) Refuse(KelErrBoxSignature);
+  if (!in.Has(2)) Refuse(KelErrBoxTruncated);
   in.info.numFragments = in.U16();
-  return KelOK;
 }
 
 constexpr BoxHandler kFragmentChildren[] = {{BoxType("flst"), ReadFragmentList}};
 
-KelLong ReadFragmentTable(BoxReader& in, const BoxExtent& box) {
-  return ReadChildren(in, box, kFragmentChildren, KelErrBoxHeader);
+void ReadFragmentTable(BoxReader& in, const BoxExtent& box) {
+  ReadChildren(in, box, kFragmentChildren, KelErrBoxHeader);
 }
 
-KelLong ReadXML(BoxReader& in, const BoxExtent& box) {
+void ReadXML(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
   Contents contents{};
-  if (!ReadContents(in.data, box.bodyLength, box.toEnd, contents)) return KelErrBoxRange;
+  if (!ReadContents(in.data, box.bodyLength, box.toEnd, contents)) Refuse(KelErrBoxRange);
   GrowByOne(info.XMLBoxes, info.NumXMLBoxes, info.obtainedXMLBoxes);
   __tagKelXML& xml = info.XMLBoxes[info.NumXMLBoxes++];
   xml.length = static_cast<KelULong>(contents.length);
   xml.data = contents.bytes.Release();
   info.XMLPresent = true;
-  return KelOK;
 }
 
-KelLong ReadUUID(BoxReader& in, const BoxExtent& box) {
+void ReadUUID(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
   __tagKelUUID uuid{};
-  if (box.bodyLength < sizeof uuid.uuid) return KelErrBoxSignature;
-  if (!in.Has(sizeof uuid.uuid)) return KelErrBoxTruncated;
+  if (box.bodyLength < sizeof uuid.uuid) Refuse(KelErrBoxSignature);
+  if (!in.Has(sizeof uuid.uuid)) Refuse(KelErrBoxTruncated);
   in.data.ReadBytes(uuid.uuid, sizeof uuid.uuid);
   Contents contents{};
   if (!ReadContents(in.data, box.bodyLength - sizeof uuid.uuid, box.toEnd, contents)) {
-    return KelErrBoxRange;
+    Refuse(KelErrBoxRange);
   }
   GrowByOne(info.UUIDBoxes, info.NumUUIDBoxes, info.obtainedUUIDBoxes);
   uuid.length = static_cast<KelULong>(contents.length);
   uuid.data = contents.bytes.Release();
   info.UUIDBoxes[info.NumUUIDBoxes++] = uuid;
   info.UUIDPresent = true;
-  return KelOK;
 }
 
 /// The first code stream is the one to decode. Boxes behind it are read where the data may be
 /// walked.
-KelLong ReadCodeStreamBox(BoxReader& in, const BoxExtent& box) {
+void ReadCodeStreamBox(BoxReader& in, const BoxExtent& box) {
   const bool isFirst = !in.info.codeStreamFound;
   if (isFirst) {
     in.data.SavePositionA();
     in.info.codeStreamFound = true;
     in.info.codeStreamLength = box.toEnd ? 0 : box.bodyLength;
   }
-  if (!box.toEnd && in.data.IndexAllowed()) return KelOK;
+  if (!box.toEnd && in.data.IndexAllowed()) return;
   if (!isFirst) in.data.ReturnToPositionA();
-  return KelErrBoxStructure;
+  in.stop = true;
 }
 
 // ---- Layouts ----
@@ -280,37 +269,33 @@ bool IsComplete(KelDecDataMgr& data, const BoxExtent& box) {
   return data.MoveTo(bodyStart) && isComplete;
 }
 
-KelLong ReadTopLevel(BoxReader& in, const BoxLayout& layout) {
-  while (in.Has(kBoxHeaderBytes)) {
+void ReadTopLevel(BoxReader& in, const BoxLayout& layout) {
+  while (!in.stop && in.Has(kBoxHeaderBytes)) {
     BoxExtent box{};
-    const KelLong headerCode = ReadBoxHeader(in, box);
+    const bool hasHeader = ReadBoxHeader(in, box);
     // Behind the code stream, what is cut off has not arrived yet and is no failure.
     const bool isBehind = in.info.codeStreamFound;
-    if (isBehind && headerCode == KelErrBoxHeader) break;
-    if (headerCode != KelOK) return headerCode;
+    if (isBehind && !hasHeader) break;
+    if (!hasHeader) Refuse(KelErrBoxHeader);
     if (isBehind && !IsComplete(in.data, box)) break;
-    const KelLong code = ReadBody(in, box, layout.boxes);
-    if (code != KelOK) return code;
+    ReadBody(in, box, layout.boxes);
   }
-  if (in.info.codeStreamFound) in.data.ReturnToPositionA();
-  return KelErrBoxStructure;
+  if (in.info.codeStreamFound && !in.stop) in.data.ReturnToPositionA();
 }
 
 }  // namespace
 
-KelLong ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
-                     KelLong cutCode) {
+void ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
+                  KelLong cutCode) {
   const std::int64_t start = in.data.GetPosition();
   for (;;) {
     const std::uint64_t walked = AsCount(in.data.GetPosition() - start);
-    if (walked >= parent.bodyLength || parent.bodyLength - walked < kBoxHeaderBytes) return KelOK;
-    if (parent.toEnd && in.data.AtEnd()) return KelOK;
+    if (walked >= parent.bodyLength || parent.bodyLength - walked < kBoxHeaderBytes) return;
+    if (parent.toEnd && in.data.AtEnd()) return;
     BoxExtent child{};
-    const KelLong headerCode = ReadBoxHeader(in, child);
-    if (headerCode != KelOK) return headerCode == KelErrBoxHeader ? cutCode : headerCode;
-    if (child.toEnd) return KelErrBoxSignature;
-    const KelLong code = ReadBody(in, child, handlers);
-    if (code != KelOK) return code;
+    if (!ReadBoxHeader(in, child)) Refuse(cutCode);
+    if (child.toEnd) Refuse(KelErrBoxSignature);
+    ReadBody(in, child, handlers);
   }
 }
 
@@ -335,11 +320,11 @@ bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Content
   return true;
 }
 
-KelLong ReadBoxes(KelFileInfo& info, KelDecDataMgr& data) {
+Failure ReadBoxes(KelFileInfo& info, KelDecDataMgr& data) {
   const BoxLayout& layout = data.GetFlavour() == Flavour::kFF ? kStandardLayout : kOwnLayout;
   return NamingModule(layout.module, [&] {
-    BoxReader in{info, data, layout.signature, false, false};
-    return ReadTopLevel(in, layout);
+    BoxReader in{info, data, layout.signature, false, false, false};
+    return RefusalBy([&] { ReadTopLevel(in, layout); });
   });
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "KelDecDataMgr.h"
+#include "base/KelRaise.h"
 #include "format/KelFileFormat.h"
 
 namespace kel {
@@ -13,10 +14,11 @@ namespace kel {
 inline constexpr std::uint32_t kBoxWindowBytes = 65535;
 
 /// Reads boxes in the layout of the data's flavour and leaves the reader on the first byte of the
-/// code stream. Where the data may not be walked, or the code-stream box extends to their end, that
-/// box is the last one read. Returns 23 at the end of the boxes (info.codeStreamFound tells whether
-/// there was a code stream), else 21, 22, 25 or 26; raises 8 in the name of the layout's module.
-KelLong ReadBoxes(KelFileInfo& info, KelDecDataMgr& data);
+/// code stream; info.codeStreamFound tells whether there was one. Where the data may not be walked,
+/// or the code-stream box extends to their end, that box is the last one read. The result is what
+/// the data were refused with, 21, 22, 25 or 26, or a clear record. Raises 8 in the name of the
+/// layout's module.
+[[nodiscard]] Failure ReadBoxes(KelFileInfo& info, KelDecDataMgr& data);
 
 }  // namespace kel
 

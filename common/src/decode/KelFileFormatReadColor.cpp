@@ -39,20 +39,20 @@ KelColorSpec& AppendColorSpec(KelFileInfo& info) {
 
 /// The parameters of the two CIE spaces: six ranges and offsets; for CIELab also an illuminant or,
 /// behind the characters CT, a colour temperature. A box without them means the defaults.
-KelLong ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t bytesLeft) {
+void ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t bytesLeft) {
   cie.kind = isLab ? 1 : 2;
   if (bytesLeft == 0) {
     InitDefaultCIEParams(cie.kind, &cie, DepthOf(in.info, 1), DepthOf(in.info, 2));
-    return KelOK;
+    return;
   }
   const std::uint64_t needed = isLab ? 28 : 24;
-  if (bytesLeft < needed) return KelErrBoxSignature;
-  if (!in.Has(needed)) return KelErrBoxTruncated;
+  if (bytesLeft < needed) Refuse(KelErrBoxSignature);
+  if (!in.Has(needed)) Refuse(KelErrBoxTruncated);
   for (KelULong* field :
        {&cie.rangeL, &cie.offsetL, &cie.rangeA, &cie.offsetA, &cie.rangeB, &cie.offsetB}) {
     *field = in.U32();
   }
-  if (!isLab) return KelOK;
+  if (!isLab) return;
   const std::uint32_t first = in.U16();
   const std::uint16_t second = in.U16();
   if (first == kColorTemperature) {
@@ -62,17 +62,15 @@ KelLong ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_
     cie.illuminantKind = 1;
     cie.illuminant = first << 16 | second;
   }
-  return KelOK;
 }
 
-KelLong ReadICCProfile(BoxReader& in, const BoxExtent& box, KelColorSpec& entry) {
+void ReadICCProfile(BoxReader& in, const BoxExtent& box, KelColorSpec& entry) {
   in.info.ICCPresent = true;
   entry.iccProfile = OwnedRecord<__tagICCProfile>::Make().Release();
   Contents contents{};
-  if (!ReadContents(in.data, box.bodyLength - 3, box.toEnd, contents)) return KelErrBoxRange;
+  if (!ReadContents(in.data, box.bodyLength - 3, box.toEnd, contents)) Refuse(KelErrBoxRange);
   entry.iccProfile->size = static_cast<KelULong>(contents.length);
   entry.iccProfile->data = contents.bytes.Release();
-  return KelOK;
 }
 
 /// Room for NE entries of every column. Columns without bytes share one block of zeros, an entry a
@@ -120,46 +118,49 @@ void DeriveChannelOrder(KelChannelDefinition& channels) {
 
 /// 'colr': METH PREC APPROX, then EnumCS (4) and its parameters for method 1, an ICC profile for
 /// methods 2 and 3, nothing known for others.
-KelLong ReadColorSpec(BoxReader& in, const BoxExtent& box) {
-  if (box.bodyLength < 3) return KelErrBoxSignature;
-  if (!in.Has(3)) return KelErrBoxTruncated;
+void ReadColorSpec(BoxReader& in, const BoxExtent& box) {
+  if (box.bodyLength < 3) Refuse(KelErrBoxSignature);
+  if (!in.Has(3)) Refuse(KelErrBoxTruncated);
   KelColorSpec& entry = AppendColorSpec(in.info);
   entry.method = in.U8();
   entry.precedence = in.U8();
   entry.approximation = in.U8();
-  if (entry.method == 2 || entry.method == 3) return ReadICCProfile(in, box, entry);
-  if (entry.method != 1) return KelOK;
-  if (box.bodyLength < 7) return KelErrBoxSignature;
-  if (!in.Has(4)) return KelErrBoxTruncated;
+  if (entry.method == 2 || entry.method == 3) {
+    ReadICCProfile(in, box, entry);
+    return;
+  }
+  if (entry.method != 1) return;
+  if (box.bodyLength < 7) Refuse(KelErrBoxSignature);
+  if (!in.Has(4)) Refuse(KelErrBoxTruncated);
   entry.enumeratedSpace = in.info.enumeratedSpace = in.U32();
   in.info.enumeratedPresent = true;
   const bool isLab = entry.enumeratedSpace == kCIELab;
-  if (!isLab && entry.enumeratedSpace != kCIEJab) return KelOK;
-  return ReadCIEParams(in, entry.cie, isLab, box.bodyLength - 7);
+  if (!isLab && entry.enumeratedSpace != kCIEJab) return;
+  ReadCIEParams(in, entry.cie, isLab, box.bodyLength - 7);
 }
 
 /// 'pclr': NE (2) NPC (1), a depth byte per column, then the entries, each with all its columns.
-KelLong ReadPalette(BoxReader& in, const BoxExtent& box) {
+void ReadPalette(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
-  if (box.bodyLength < 3) return KelErrBoxSignature;
-  if (!in.Has(3)) return KelErrBoxTruncated;
+  if (box.bodyLength < 3) Refuse(KelErrBoxSignature);
+  if (!in.Has(3)) Refuse(KelErrBoxTruncated);
   ReleasePalette(info);
   info.PalettePresent = true;
   info.Palette = OwnedRecord<__tagKelPalette>::Make().Release();
   __tagKelPalette& palette = *info.Palette;
   palette.numEntries = in.U16();
   const std::uint32_t numColumns = in.U8();
-  if (box.bodyLength < 3 + numColumns) return KelErrBoxSignature;
+  if (box.bodyLength < 3 + numColumns) Refuse(KelErrBoxSignature);
   palette.depths = OwnedArray<std::uint8_t>::Make(numColumns).Release();
   palette.columns = OwnedArray<std::uint8_t*>::Make(numColumns).Release();
   palette.numColumns = numColumns;
-  if (in.data.ReadBytes(palette.depths, numColumns) < numColumns) return KelErrBoxTruncated;
+  if (in.data.ReadBytes(palette.depths, numColumns) < numColumns) Refuse(KelErrBoxTruncated);
   std::uint64_t entryBytes = 0;
   for (std::uint32_t i = 0; i < numColumns; ++i) entryBytes += BytesOf(palette.depths[i]);
   const std::uint64_t allBytes = SaturatingMul(entryBytes, palette.numEntries);
-  if (allBytes > box.bodyLength - 3 - numColumns) return KelErrBoxSignature;
+  if (allBytes > box.bodyLength - 3 - numColumns) Refuse(KelErrBoxSignature);
   Contents entries{};
-  if (!ReadContents(in.data, allBytes, false, entries)) return KelErrBoxTruncated;
+  if (!ReadContents(in.data, allBytes, false, entries)) Refuse(KelErrBoxTruncated);
   ObtainColumns(info, palette);
   const std::uint8_t* next = entries.bytes.Data();
   for (KelULong j = 0; j < palette.numEntries; ++j) {
@@ -170,18 +171,17 @@ KelLong ReadPalette(BoxReader& in, const BoxExtent& box) {
     }
   }
   std::copy_n(info.paletteColumns, numColumns, palette.columns);
-  return KelOK;
 }
 
 /// 'cmap': CMP (2) MTYP PCOL per channel. All three arrays have an entry for every column at least.
 /// Without a palette the box means nothing.
-KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
+void ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
-  if (info.Palette == nullptr) return KelOK;
+  if (info.Palette == nullptr) return;
   __tagKelPalette& palette = *info.Palette;
   const std::uint64_t count = box.bodyLength / 4;
   Contents mappings{};
-  if (!ReadContents(in.data, 4 * count, false, mappings)) return KelErrBoxTruncated;
+  if (!ReadContents(in.data, 4 * count, false, mappings)) Refuse(KelErrBoxTruncated);
   const std::uint64_t size = std::max<std::uint64_t>(count, palette.numColumns);
   auto components = OwnedArray<KelULong>::Make(size);
   auto types = OwnedArray<std::uint8_t>::Make(size);
@@ -190,7 +190,7 @@ KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
     components[i] = mappings.U16At(4 * i);
     types[i] = mappings.bytes[4 * i + 2];
     indices[i] = mappings.bytes[4 * i + 3];
-    if (types[i] != 0 && indices[i] >= palette.numColumns) return KelErrBoxSignature;
+    if (types[i] != 0 && indices[i] >= palette.numColumns) Refuse(KelErrBoxSignature);
   }
   KelFree(palette.mapComponent);
   KelFree(palette.mapType);
@@ -198,17 +198,16 @@ KelLong ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   palette.mapComponent = components.Release();
   palette.mapType = types.Release();
   palette.mapColumn = indices.Release();
-  return KelOK;
 }
 
 /// 'cdef': N (2), then Cn Typ Asoc (2 each) per entry.
-KelLong ReadChannelDefinition(BoxReader& in, const BoxExtent& box) {
-  if (box.bodyLength < 2) return KelErrBoxSignature;
-  if (!in.Has(2)) return KelErrBoxTruncated;
+void ReadChannelDefinition(BoxReader& in, const BoxExtent& box) {
+  if (box.bodyLength < 2) Refuse(KelErrBoxSignature);
+  if (!in.Has(2)) Refuse(KelErrBoxTruncated);
   const std::uint32_t count = in.U16();
-  if (box.bodyLength - 2 < 6 * std::uint64_t{count}) return KelErrBoxSignature;
+  if (box.bodyLength - 2 < 6 * std::uint64_t{count}) Refuse(KelErrBoxSignature);
   Contents entries{};
-  if (!ReadContents(in.data, 6 * std::uint64_t{count}, false, entries)) return KelErrBoxTruncated;
+  if (!ReadContents(in.data, 6 * std::uint64_t{count}, false, entries)) Refuse(KelErrBoxTruncated);
   ReleaseChannelDefinition(in.info);
   in.info.ChannelDefPresent = true;
   in.info.ChannelDefs = OwnedRecord<KelChannelDefinition>::Make().Release();
@@ -224,28 +223,27 @@ KelLong ReadChannelDefinition(BoxReader& in, const BoxExtent& box) {
     channels.Asoc[i] = static_cast<KelLong>(entries.U16At(6 * i + 4));
   }
   DeriveChannelOrder(channels);
-  return KelOK;
 }
 
 /// 'opct': Otyp; for a chroma key Nch, then a value per channel as long as its stored depth asks.
-KelLong ReadOpacity(BoxReader& in, const BoxExtent& box) {
+void ReadOpacity(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
   const KelImageHeaderInfo& header = *info.imageHeader;
-  if (header.bitDepths == nullptr || box.bodyLength < 1) return KelErrBoxSignature;
-  if (!in.Has(1)) return KelErrBoxTruncated;
+  if (header.bitDepths == nullptr || box.bodyLength < 1) Refuse(KelErrBoxSignature);
+  if (!in.Has(1)) Refuse(KelErrBoxTruncated);
   ReleaseOpacity(info);
   info.opacityPresent = true;
   info.opacity = OwnedRecord<KelOpacityInfo>::Make().Release();
   info.opacity->Otyp = in.U8();
-  if (info.opacity->Otyp != 2) return KelOK;
-  if (box.bodyLength < 2) return KelErrBoxSignature;
-  if (!in.Has(1)) return KelErrBoxTruncated;
+  if (info.opacity->Otyp != 2) return;
+  if (box.bodyLength < 2) Refuse(KelErrBoxSignature);
+  if (!in.Has(1)) Refuse(KelErrBoxTruncated);
   const std::uint32_t count = in.U8();
-  if (count > header.NC) return KelErrBoxSignature;
+  if (count > header.NC) Refuse(KelErrBoxSignature);
   std::uint64_t allBytes = 0;
   for (std::uint32_t c = 0; c < count; ++c) allBytes += BytesOf(header.bitDepths[c]);
-  if (box.bodyLength - 2 < allBytes) return KelErrBoxSignature;
-  if (!in.Has(allBytes)) return KelErrBoxTruncated;
+  if (box.bodyLength - 2 < allBytes) Refuse(KelErrBoxSignature);
+  if (!in.Has(allBytes)) Refuse(KelErrBoxTruncated);
   info.opacity->chromaKey = OwnedRecord<KelChromaKey>::Make().Release();
   KelChromaKey& key = *info.opacity->chromaKey;
   key.values = OwnedArray<KelLong>::Make(count).Release();
@@ -257,7 +255,6 @@ KelLong ReadOpacity(BoxReader& in, const BoxExtent& box) {
     value &= 0xFFFFFFFF >> (8 * numBytes - header.bitDepths[c]);
     key.values[c] = static_cast<KelLong>(header.isSigned[c] != 0 ? 0 - value : value);
   }
-  return KelOK;
 }
 
 }  // namespace kel

@@ -15,7 +15,12 @@
 namespace kel {
 namespace {
 
-/// One reading of a header. A segment's reader returns a result code; it may end the header, with
+/// The record of a refused header names the flow that reads headers.
+[[noreturn]] void Refuse(KelLong code, SourcePlace place = SourcePlace::Here()) {
+  Raise(code, kModuleImage, place);
+}
+
+/// One reading of a header. A segment's reader raises what it refuses; it may end the header, with
 /// `stop`, or find that the data end before the segment does, with `cutOff`.
 struct HeaderReader {
   KelHeaderParams& set;
@@ -62,10 +67,10 @@ bool CheckSizes(KelSizParams& sizes) {
   return across * down <= 65535;
 }
 
-KelLong ReadComponentSizes(HeaderReader& in) {
+void ReadComponentSizes(HeaderReader& in) {
   KelHeaderParams& set = in.set;
   const auto count = static_cast<std::uint64_t>(set.Csiz);
-  if (!in.Has(3 * count)) return KelOK;
+  if (!in.Has(3 * count)) return;
   set.sizes->XRsiz = OwnedArray<std::uint8_t>::Make(count).Release();
   set.sizes->YRsiz = OwnedArray<std::uint8_t>::Make(count).Release();
   set.isSigned = OwnedArray<std::uint8_t>::Make(count).Release();
@@ -77,15 +82,14 @@ KelLong ReadComponentSizes(HeaderReader& in) {
     set.bitDepths[c] = static_cast<std::uint8_t>((depth & 0x7F) + 1);
     set.sizes->XRsiz[c] = in.U8();
     set.sizes->YRsiz[c] = in.U8();
-    if (set.bitDepths[c] > 38) return KelErrBadMarker;
-    if (set.sizes->XRsiz[c] == 0 || set.sizes->YRsiz[c] == 0) return KelErrBadMarker;
+    if (set.bitDepths[c] > 38) Refuse(KelErrBadMarker);
+    if (set.sizes->XRsiz[c] == 0 || set.sizes->YRsiz[c] == 0) Refuse(KelErrBadMarker);
   }
   in.seenSIZ = true;
-  return KelOK;
 }
 
-KelLong ReadSIZ(HeaderReader& in) {
-  if (!in.InMainHeader() || in.set.regions != nullptr || in.length < 41) return KelErrBadMarker;
+void ReadSIZ(HeaderReader& in) {
+  if (!in.InMainHeader() || in.set.regions != nullptr || in.length < 41) Refuse(KelErrBadMarker);
   KelSizParams& sizes = *in.set.sizes;
   in.set.Rsiz = in.U16();
   sizes.Xsiz = in.U32();
@@ -97,8 +101,8 @@ KelLong ReadSIZ(HeaderReader& in) {
   sizes.XTOsiz = in.U32();
   sizes.YTOsiz = in.U32();
   in.set.Csiz = in.U16();
-  if (!CheckSizes(sizes) || in.set.Csiz == 0) return KelErrBadMarker;
-  return ReadComponentSizes(in);
+  if (!CheckSizes(sizes) || in.set.Csiz == 0) Refuse(KelErrBadMarker);
+  ReadComponentSizes(in);
 }
 
 // ---- Coding style ----
@@ -111,28 +115,27 @@ void SetDefaultPrecincts(KelCodingStyle& style, std::int32_t exponent) {
 /// The precinct exponents of every resolution: bytes with the width in the low four bits, unless
 /// the default says that nothing is partitioned. A detail resolution has bands of half its size,
 /// so that its precincts cannot be one sample wide or high.
-KelLong ReadPrecincts(HeaderReader& in, KelCodingStyle& style) {
+void ReadPrecincts(HeaderReader& in, KelCodingStyle& style) {
   ReleaseCodingStyle(style);
   style.precinctWidthExps = OwnedArray<std::int32_t>::Make(kMaxLevels + 1).Release();
   style.precinctHeightExps = OwnedArray<std::int32_t>::Make(kMaxLevels + 1).Release();
   const bool isPartitioned = style.defaultPrecinctWidthExp != kWholePrecinct ||
                              style.defaultPrecinctHeightExp != kWholePrecinct;
-  if (isPartitioned && !in.Has(static_cast<std::uint64_t>(style.numLevels) + 1)) return KelOK;
+  if (isPartitioned && !in.Has(static_cast<std::uint64_t>(style.numLevels) + 1)) return;
   for (std::int32_t r = 0; r <= style.numLevels; ++r) {
     const std::uint32_t exponents = isPartitioned ? in.U8() : 0xFF;
     style.precinctWidthExps[r] = exponents & 0x0F;
     style.precinctHeightExps[r] = static_cast<std::int32_t>(exponents >> 4);
     const bool isEmpty = style.precinctWidthExps[r] == 0 || style.precinctHeightExps[r] == 0;
-    if (r > 0 && isEmpty) return KelErrBadMarker;
+    if (r > 0 && isEmpty) Refuse(KelErrBadMarker);
   }
-  return KelOK;
 }
 
 /// The fields that COD and COC share, from the number of levels on.
-KelLong ReadStyleFields(HeaderReader& in, KelCodingStyle& style) {
-  if (!in.Has(5)) return KelOK;
+void ReadStyleFields(HeaderReader& in, KelCodingStyle& style) {
+  if (!in.Has(5)) return;
   style.numLevels = in.U8();
-  if (style.numLevels > kMaxLevels) return KelErrBadMarker;
+  if (style.numLevels > kMaxLevels) Refuse(KelErrBadMarker);
   style.blockWidthExp = in.U8() + 2;
   style.blockHeightExp = in.U8() + 2;
   const std::uint32_t bits = in.U8();
@@ -143,36 +146,34 @@ KelLong ReadStyleFields(HeaderReader& in, KelCodingStyle& style) {
   style.cbPredTerm = bits >> 4 & 1;
   style.cbSegSymbols = bits >> 5 & 1;
   style.irreversible = in.U8() == 0 ? 1 : 0;
-  return ReadPrecincts(in, style);
+  ReadPrecincts(in, style);
 }
 
 /// The first COD of a header holds; later ones are passed over. Without precinct sizes it is 12
 /// bytes long.
-KelLong ReadCOD(HeaderReader& in) {
-  if (in.InMainHeader() && !in.seenSIZ) return KelErrBadMarker;
+void ReadCOD(HeaderReader& in) {
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
   KelHeaderParams& set = in.set;
   KelCodingStyle& style = *set.codingStyle;
   set.seenCOD = 1;
-  if (!in.Has(1)) return KelOK;
+  if (!in.Has(1)) return;
   const std::uint32_t flags = in.U8();
   const bool hasPrecincts = in.length != 12;
-  if (hasPrecincts ? flags == 0 : (flags & 1) != 0) return KelErrBadSegmentValue;
-  if (in.length < 12) return KelErrBadMarker;
+  if (hasPrecincts ? flags == 0 : (flags & 1) != 0) Refuse(KelErrBadSegmentValue);
+  if (in.length < 12) Refuse(KelErrBadMarker);
   SetDefaultPrecincts(style, hasPrecincts ? 0 : kWholePrecinct);
   set.usesSOP = style.usesSOP = flags >> 1 & 1;
   set.usesEPH = style.usesEPH = flags >> 2 & 1;
   set.progressionOrder = style.progressionOrder = in.U8();
   set.numLayers = style.numLayers = in.U16();
   set.componentTransform = style.componentTransform = in.U8();
-  if (style.progressionOrder > 4 || style.numLayers == 0) return KelErrBadMarker;
-  const KelLong code = ReadStyleFields(in, style);
-  if (code != KelOK) return code;
+  if (style.progressionOrder > 4 || style.numLayers == 0) Refuse(KelErrBadMarker);
+  ReadStyleFields(in, style);
   set.numLevels = set.quantisation->numLevels = style.numLevels;
   set.irreversible = style.irreversible;
   for (std::uint32_t i = 0; i < set.numComponentQuants; ++i) {
     set.componentQuants[i].numLevels = style.numLevels;
   }
-  return KelOK;
 }
 
 /// The record of a component in an array of them, the one that it has already or else a new one;
@@ -190,14 +191,14 @@ T& RecordOf(T*& records, std::uint32_t& used, std::uint32_t& obtained, std::uint
 
 /// A component's style begins as a copy of the COD's. Its segment has precinct sizes when Scoc says
 /// so and it is longer than its other fields.
-KelLong ReadCOC(HeaderReader& in) {
+void ReadCOC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (in.InMainHeader() && !in.seenSIZ) return KelErrBadMarker;
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
   const std::uint32_t plainLength = 8U + static_cast<std::uint32_t>(in.IndexBytes());
-  if (in.length < plainLength) return KelErrBadMarker;
+  if (in.length < plainLength) Refuse(KelErrBadMarker);
   set.seenCOC = 1;
   const std::int32_t component = in.Index();
-  if (component >= set.Csiz) return KelErrBadMarker;
+  if (component >= set.Csiz) Refuse(KelErrBadMarker);
   KelCodingStyle& style =
       RecordOf(set.componentStyles, set.numComponentStyles, set.obtainedComponentStyles,
                set.styleNumbers, set.Csiz, component);
@@ -207,11 +208,10 @@ KelLong ReadCOC(HeaderReader& in) {
   style.component = component;
   const bool hasPrecincts = (in.U8() & 1) != 0 && in.length > plainLength;
   SetDefaultPrecincts(style, hasPrecincts ? 0 : kWholePrecinct);
-  const KelLong code = ReadStyleFields(in, style);
-  if (code != KelOK || in.cutOff) return code;
+  ReadStyleFields(in, style);
+  if (in.cutOff) return;
   style.defaultPrecinctWidthExp = style.precinctWidthExps[0];
   style.defaultPrecinctHeightExp = style.precinctHeightExps[0];
-  return KelOK;
 }
 
 // ---- Quantisation ----
@@ -233,7 +233,7 @@ void DeriveSteps(KelQuantParams& quant) {
 }
 
 /// The rest of QCD or QCC from the style byte on, `numBytes` of them behind it.
-KelLong ReadSteps(HeaderReader& in, KelQuantParams& quant, std::uint32_t numBytes) {
+void ReadSteps(HeaderReader& in, KelQuantParams& quant, std::uint32_t numBytes) {
   const std::uint32_t style = in.U8();
   quant.guardBits = static_cast<std::uint8_t>(style >> 5);
   quant.quantised = (style & 3) != 0 ? 1 : 0;
@@ -241,13 +241,13 @@ KelLong ReadSteps(HeaderReader& in, KelQuantParams& quant, std::uint32_t numByte
   std::fill_n(quant.exponents, kQuantEntries, 0);
   std::fill_n(quant.mantissas, kQuantEntries, 0);
   if (quant.derived != 0) {
-    if (numBytes < 2) return KelErrBadMarker;
+    if (numBytes < 2) Refuse(KelErrBadMarker);
     ReadStep(in, quant, 0);
     DeriveSteps(quant);
-    return KelOK;
+    return;
   }
   const std::uint32_t count = quant.quantised != 0 ? numBytes / 2 : numBytes;
-  if (count > kQuantEntries) return KelErrBadMarker;
+  if (count > kQuantEntries) Refuse(KelErrBadMarker);
   for (std::uint32_t i = 0; i < count; ++i) {
     if (quant.quantised != 0) {
       ReadStep(in, quant, i);
@@ -255,25 +255,24 @@ KelLong ReadSteps(HeaderReader& in, KelQuantParams& quant, std::uint32_t numByte
       quant.exponents[i] = in.U8() >> 3;
     }
   }
-  return KelOK;
 }
 
 /// A later QCD replaces an earlier one.
-KelLong ReadQCD(HeaderReader& in) {
-  if (in.InMainHeader() && !in.seenSIZ) return KelErrBadMarker;
-  if (in.length < 3) return KelErrBadMarker;
+void ReadQCD(HeaderReader& in) {
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
+  if (in.length < 3) Refuse(KelErrBadMarker);
   in.set.seenQCD = 1;
-  return ReadSteps(in, *in.set.quantisation, in.length - 3);
+  ReadSteps(in, *in.set.quantisation, in.length - 3);
 }
 
-KelLong ReadQCC(HeaderReader& in) {
+void ReadQCC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (in.InMainHeader() && !in.seenSIZ) return KelErrBadMarker;
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
   const std::uint32_t fixedLength = 3U + static_cast<std::uint32_t>(in.IndexBytes());
-  if (in.length < fixedLength) return KelErrBadMarker;
+  if (in.length < fixedLength) Refuse(KelErrBadMarker);
   set.seenQCC = 1;
   const std::int32_t component = in.Index();
-  if (component >= set.Csiz) return KelErrBadMarker;
+  if (component >= set.Csiz) Refuse(KelErrBadMarker);
   auto exponents = OwnedArray<std::int32_t>::Make(kQuantEntries);
   auto mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries);
   KelQuantParams& quant =
@@ -284,37 +283,35 @@ KelLong ReadQCC(HeaderReader& in) {
   quant.exponents = exponents.Release();
   quant.mantissas = mantissas.Release();
   quant.component = component;
-  return ReadSteps(in, quant, in.length - fixedLength);
+  ReadSteps(in, quant, in.length - fixedLength);
 }
 
 // ---- Region, progression changes, comment ----
 
-KelLong ReadRGN(HeaderReader& in) {
+void ReadRGN(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (set.regions == nullptr) return KelErrBadMarker;
+  if (set.regions == nullptr) Refuse(KelErrBadMarker);
   set.seenRGN = 1;
-  if (in.length != 5 && in.length != 6) return KelErrBadSegmentValue;
+  if (in.length != 5 && in.length != 6) Refuse(KelErrBadSegmentValue);
   const std::int32_t component = in.length == 5 ? in.U8() : in.U16();
-  if (component >= set.Csiz) return KelErrBadMarker;
+  if (component >= set.Csiz) Refuse(KelErrBadMarker);
   KelRoiParams& region = set.regions[component];
   region.component = component;
   region.present = 1;
-  if ((in.U8() & 1) != 0) return KelErrBadSegmentValue;
+  if ((in.U8() & 1) != 0) Refuse(KelErrBadSegmentValue);
   region.shift = in.U8();
-  return KelOK;
 }
 
 /// The first POC of a header holds; later ones are passed over.
-KelLong ReadPOC(HeaderReader& in) {
+void ReadPOC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (in.InMainHeader() && !in.seenSIZ) return KelErrBadMarker;
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
   KelProgressionChanges& changes = *set.progressionChanges;
   const std::uint32_t entryBytes = 5U + 2U * static_cast<std::uint32_t>(in.IndexBytes());
-  if (in.length < 2 + entryBytes) return KelErrBadMarker;
+  if (in.length < 2 + entryBytes) Refuse(KelErrBadMarker);
   set.seenPOC = 1;
   const auto count = static_cast<std::int32_t>((in.length - 2) / entryBytes);
-  const KelLong code = AllocProgressionChanges(&changes, count);
-  if (code != KelOK) return code;
+  AllocProgressionChanges(changes, count);
   set.numProgressionChanges = count;
   for (std::int32_t i = 0; i < count; ++i) {
     changes.resolutionStart[i] = in.U8();
@@ -323,14 +320,13 @@ KelLong ReadPOC(HeaderReader& in) {
     changes.resolutionEnd[i] = in.U8();
     changes.componentEnd[i] = static_cast<std::uint16_t>(in.Index());
     changes.order[i] = in.U8();
-    if (changes.order[i] > 4) return KelErrBadMarker;
+    if (changes.order[i] > 4) Refuse(KelErrBadMarker);
   }
-  return KelOK;
 }
 
 /// A later comment replaces an earlier one.
-KelLong ReadCOM(HeaderReader& in) {
-  if (in.length < 4) return KelErrBadMarker;
+void ReadCOM(HeaderReader& in) {
+  if (in.length < 4) Refuse(KelErrBadMarker);
   in.set.seenCOM = 1;
   in.U16();  // Rcom: binary or Latin-1 text, not kept
   auto comment = OwnedArray<std::uint8_t>::Make(in.length - 4);
@@ -338,83 +334,75 @@ KelLong ReadCOM(HeaderReader& in) {
   KelFree(in.set.comment);
   in.set.commentLength = static_cast<std::uint16_t>(comment.Size());
   in.set.comment = comment.Release();
-  return KelOK;
 }
 
 // ---- Delimiters ----
 
-KelLong ReadSOC(HeaderReader& in) {
+void ReadSOC(HeaderReader& in) {
   in.data.SkipForward(2);
-  return in.InMainHeader() ? KelOK : KelErrBadMarker;
+  if (!in.InMainHeader()) Refuse(KelErrBadMarker);
 }
 
 /// Ends a main header, unread. Begins a tile-part header, which holds no other.
-KelLong ReadSOT(HeaderReader& in) {
+void ReadSOT(HeaderReader& in) {
   in.stop = in.InMainHeader();
-  if (in.stop || !in.Has(12)) return KelOK;
+  if (in.stop || !in.Has(12)) return;
   in.data.SkipForward(2);
-  if (in.U16() != 10 || in.seenSOT) return KelErrBadMarker;
+  if (in.U16() != 10 || in.seenSOT) Refuse(KelErrBadMarker);
   in.seenSOT = true;
   in.set.Isot = in.U16();
   const std::uint32_t length = in.U32();
   if (in.tilePartLength != nullptr) *in.tilePartLength = length;
   in.set.TPsot = in.U8();
   in.set.TNsot = in.U8();
-  return KelOK;
 }
 
 /// Ends a tile-part header.
-KelLong ReadSOD(HeaderReader& in) {
+void ReadSOD(HeaderReader& in) {
   in.data.SkipForward(2);
   in.stop = true;
-  return in.InMainHeader() ? KelErrBadMarker : KelOK;
+  if (in.InMainHeader()) Refuse(KelErrBadMarker);
 }
 
-KelLong ReadEOC(HeaderReader& in) {
+void ReadEOC(HeaderReader& in) {
   in.data.SkipForward(2);
   in.stop = true;
-  return KelOK;
 }
 
-KelLong PassSOP(HeaderReader& in) {
+void PassSOP(HeaderReader& in) {
   if (in.Has(6)) in.data.SkipForward(6);
-  return KelOK;
 }
 
-KelLong PassEPH(HeaderReader& in) {
+void PassEPH(HeaderReader& in) {
   in.data.SkipForward(2);
-  return KelOK;
 }
 
-KelLong RefusePackedHeaders(HeaderReader&) {
-  return KelErrUnsupported;
+void RefusePackedHeaders(HeaderReader&) {
+  Refuse(KelErrUnsupported);
 }
 
-/// Passes over a segment from its length on; not whole when the data end before it does.
-KelLong PassSegment(KelDecDataMgr& data, bool& isWhole) {
-  isWhole = data.EnsureBuffered(2) == kBufferedOk;
-  if (!isWhole) return KelOK;
+/// Passes over a segment from its length on. False when the data end before it does.
+bool PassSegment(KelDecDataMgr& data) {
+  if (data.EnsureBuffered(2) != kBufferedOk) return false;
   const std::uint32_t length = data.ReadUInt(2);
-  if (length < 2) return KelErrBadMarker;
-  isWhole = data.SkipForward(length - 2) == length - 2;
-  return KelOK;
+  if (length < 2) Refuse(KelErrBadMarker);
+  return data.SkipForward(length - 2) == length - 2;
 }
 
 /// Passes over what the table does not name, from behind its marker: nothing more for the markers
-/// xx30 to xx3F, which stand alone.
-KelLong PassUnknown(KelDecDataMgr& data, std::uint32_t marker, bool& isWhole) {
+/// xx30 to xx3F, which stand alone. False when the data end before the segment does.
+bool PassUnknown(KelDecDataMgr& data, std::uint32_t marker) {
   const std::uint32_t first = data.MarkerByte() << 8;
-  isWhole = true;
-  if (marker < first) return KelErrBadMarker;
-  if (marker >= first + 0x30 && marker <= first + 0x3F) return KelOK;
-  return PassSegment(data, isWhole);
+  if (marker < first) Refuse(KelErrBadMarker);
+  if (marker >= first + 0x30 && marker <= first + 0x3F) return true;
+  return PassSegment(data);
 }
 
 // ---- The table of segments ----
 
 struct SegmentReader {
   std::uint32_t code;  ///< second byte of the marker
-  KelLong (*read)(HeaderReader& in);
+  void (*read)(HeaderReader& in);
   bool hasLength;                       ///< read from behind the length field, the segment complete
   std::uint8_t KelHeaderParams::*seen;  ///< set: this is a repetition, to be passed over
 };
@@ -440,7 +428,7 @@ constexpr SegmentReader kSegments[] = {
 
 constexpr std::uint32_t kTLM = 0x55;  // noted, not read
 
-KelLong ReadSegment(HeaderReader& in) {
+void ReadSegment(HeaderReader& in) {
   const std::uint32_t marker = in.data.PeekByte(0) << 8 | in.data.PeekByte(1);
   const std::uint32_t code = marker - (in.data.MarkerByte() << 8);
   const SegmentReader* end = std::end(kSegments);
@@ -451,37 +439,28 @@ KelLong ReadSegment(HeaderReader& in) {
   if (code == kTLM) in.set.seenTLM = 1;
   const bool isRepeated = found != end && found->seen != nullptr && in.set.*found->seen != 0;
   if (found == end || isRepeated) {
-    bool isWhole = false;
-    const KelLong result = PassUnknown(in.data, marker, isWhole);
-    in.cutOff = !isWhole;
-    return result;
+    in.cutOff = !PassUnknown(in.data, marker);
+    return;
   }
-  if (!in.Has(2)) return KelOK;
+  if (!in.Has(2)) return;
   in.length = in.U16();
-  if (in.length < 2) return KelErrBadMarker;
-  return in.Has(in.length - 2) ? found->read(in) : KelOK;
+  if (in.length < 2) Refuse(KelErrBadMarker);
+  if (in.Has(in.length - 2)) found->read(in);
 }
 
 }  // namespace
 
 HeaderResult ReadHeader(KelHeaderParams& set, KelDecDataMgr& data, std::uint32_t* tilePartLength) {
   HeaderReader in{set, data, tilePartLength, 0, false, false, false, false};
-  while (!in.stop && in.Has(2)) {
-    const KelLong code = ReadSegment(in);
-    if (code != KelOK) return {code, false};
-  }
-  if (in.InMainHeader()) {
+  const Failure refusal = RefusalBy([&] {
+    while (!in.stop && in.Has(2)) ReadSegment(in);
+    if (!in.InMainHeader()) return;
     const bool isWhole = !in.cutOff && in.seenSIZ && set.seenCOD != 0 && set.seenQCD != 0;
-    return {isWhole ? KelOK : KelErrBadMarker, false};
-  }
+    if (!isWhole) Refuse(KelErrBadMarker);
+  });
+  if (refusal.errCode != KelOK) return {refusal, in.InMainHeader() && in.cutOff};
   if (in.cutOff) data.SkipForward(UINT64_MAX);
-  return {KelOK, in.cutOff};
-}
-
-KelLong SkipMarkerSegment(KelDecDataMgr& data, std::uint32_t marker) {
-  bool isWhole = false;
-  const KelLong code = PassUnknown(data, marker, isWhole);
-  return isWhole ? code : KelErrBadMarker;
+  return {refusal, in.cutOff};
 }
 
 }  // namespace kel

@@ -3,6 +3,7 @@
 #define KEL_HEADERS_READ_H
 
 #include "KelDecDataMgr.h"
+#include "base/KelRaise.h"
 #include "format/KelHeaders.h"
 
 namespace kel {
@@ -11,9 +12,9 @@ namespace kel {
 inline constexpr std::uint32_t kHeaderWindowBytes = 3 * 65535;
 
 /// How the reading of a header ended.
-struct HeaderResult {
-  KelLong code;     ///< 0; 8, 10, 18 or 29
-  bool incomplete;  ///< a tile-part header that the end of the data cuts off (code 0)
+struct [[nodiscard]] HeaderResult {
+  Failure refusal;  ///< code 0; 10, 18 or 29 with the line that refused the header
+  bool incomplete;  ///< the end of the data cuts the header off (code 0; a main header's is 10)
 };
 
 /// Reads a header into a set made by InitHeaderParams, in the flavour of the data.
@@ -23,12 +24,8 @@ struct HeaderResult {
 /// the tile's current records, Csiz and region records, and *tilePartLength receives Psot. Where
 /// the data end inside a tile-part header, the reader is moved to the end and the result is
 /// incomplete; in a main header that is 10. On a failure what was filled stays in the set. Memory
-/// that cannot be obtained raises 8, or is the result 8.
+/// that cannot be obtained raises 8.
 HeaderResult ReadHeader(KelHeaderParams& set, KelDecDataMgr& data, std::uint32_t* tilePartLength);
-
-/// Passes over a segment whose marker has been read. Returns 0, or 10 for a marker below the
-/// flavour's range, a length below 2, or a segment that the data do not hold whole.
-KelLong SkipMarkerSegment(KelDecDataMgr& data, std::uint32_t marker);
 
 }  // namespace kel
 

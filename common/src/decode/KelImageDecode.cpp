@@ -26,10 +26,15 @@ constexpr std::uint64_t kHeaderBytes = 1024;
 constexpr float kMetresPerInch = 0.0254F;
 
 /// Records a failed check in the state and returns its code.
-KelLong Fail(ImageState& state, KelLong code, int line = __builtin_LINE()) {
-  const KelException failure = MakeFailure(code, kModuleImage, line);
-  state.failure.Clone(&failure);
+KelLong Fail(ImageState& state, KelLong code, SourcePlace place = SourcePlace::Here()) {
+  state.failure = MakeFailure(code, kModuleImage, place);
   return code;
+}
+
+/// The same for what a reader has refused.
+KelLong Fail(ImageState& state, const Failure& refusal) {
+  state.failure = refusal;
+  return refusal.errCode;
 }
 
 /// Finds out the flavour of the data and sets the byte source up over them.
@@ -74,9 +79,9 @@ KelLong ReadFileBoxes(ImageState& state) {
   InitFileInfo(*d.fileInfo);
   // A stream is not walked past its code stream; a block of memory is.
   d.dataMgr->SetIndexAllowed(false);
-  const KelLong code = ReadBoxes(*d.fileInfo, *d.dataMgr);
+  const Failure refusal = ReadBoxes(*d.fileInfo, *d.dataMgr);
   d.dataMgr->SetIndexAllowed(true);
-  if (code != KelErrBoxStructure) return Fail(state, code);
+  if (refusal.errCode != KelOK) return Fail(state, refusal);
   if (!d.fileInfo->codeStreamFound) return Fail(state, KelErrBoxSignature);
   return KelOK;
 }
@@ -84,11 +89,10 @@ KelLong ReadFileBoxes(ImageState& state) {
 KelLong ReadMainHeader(ImageState& state) {
   DecoderState& d = *state.decoder;
   KelHeaderParams& header = d.mainHeader;
-  const KelLong made = InitHeaderParams(header, true);
-  if (made != KelOK) return Fail(state, made);
+  InitHeaderParams(header, true);
   std::uint32_t unused = 0;
   const HeaderResult result = ReadHeader(header, *d.dataMgr, &unused);
-  if (result.code != KelOK) return Fail(state, result.code);
+  if (result.refusal.errCode != KelOK) return Fail(state, result.refusal);
   d.dataMgr->SavePositionB();
   if (std::any_of(header.isSigned, header.isSigned + header.Csiz,
                   [](std::uint8_t isSigned) { return isSigned != 0; })) {

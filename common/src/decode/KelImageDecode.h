@@ -18,6 +18,7 @@ struct DecoderState {
   Flavour flavour;
   KelFileInfo* fileInfo;       ///< owned; null for a bare code stream
   KelHeaderParams mainHeader;  ///< owns its records
+  Failure refusal;             ///< of the first tile-part header that this frame refused
   KelULong framesDecoded;
   KelULong bytesLastFrame;
   KelLong orientation;

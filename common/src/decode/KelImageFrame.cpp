@@ -146,6 +146,7 @@ KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConver
   DecoderState& d = *state.decoder;
   KelDecDataMgr& reader = *d.dataMgr;
   d.bytesLastFrame = 0;
+  d.refusal.Clear();
   const bool fromStream = data == nullptr && state.codeStm != nullptr;
   ScopeGuard close([&] { CloseFrame(state, fromStream); });
 
@@ -161,8 +162,7 @@ KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConver
     if (reader.IsEOCOrEnd()) reader.ReadEOC();
   }
   if (code != KelOK) {
-    const KelException failure = MakeFailure(code, kModuleImage);
-    state.failure.Clone(&failure);
+    state.failure = d.refusal.errCode == code ? d.refusal : MakeFailure(code, kModuleImage);
   }
   return code;
 }

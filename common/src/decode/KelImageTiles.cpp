@@ -33,14 +33,14 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   KelHeaderParams header{};
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
   const std::int64_t start = data.GetPosition();
-  KelLong code = InitHeaderParams(header, false);
-  if (code == KelOK)
-    code = SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
-                            *tile.dec->params.quant);
-  if (code != KelOK) Raise(code, kModuleImageMap);
+  NamingModule(kModuleImageMap, [&] {
+    InitHeaderParams(header, false);
+    SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
+                     *tile.dec->params.quant);
+  });
   std::uint32_t length = 0;
   const HeaderResult result = ReadHeader(header, data, &length);
-  if (result.code != KelOK || result.incomplete) return result;
+  if (result.refusal.errCode != KelOK || result.incomplete) return result;
 
   TileProgress& progress = tile.dec->progress;
   // The tile's first header fixes its parameters. Another that claims to be the first would make
@@ -63,6 +63,12 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   progress.partLength = length < kLeastPartLength ? 0 : length;
   progress.partIsOpen = false;
   return result;
+}
+
+/// Keeps what the first refused header of a frame was refused with; returns the result's code.
+KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {
+  if (d.refusal.errCode == KelOK) d.refusal = header.refusal;
+  return header.refusal.errCode;
 }
 
 /// Moves to where a tile-part's length says that it ends, when a boundary stands there.
@@ -125,7 +131,7 @@ KelLong ReadPart(TilePass& pass, TileRecord& tile) {
   EnsureDecTileComps(pass.map, tile);
   const std::int64_t start = data.GetPosition();
   const HeaderResult header = ReadTilePartHeader(pass.map, data, tile);
-  if (header.code != KelOK) return header.code;
+  if (header.refusal.errCode != KelOK) return NoteRefusal(d, header);
   if (header.incomplete) {
     pass.dataEnded = true;
     return KelOK;
@@ -147,8 +153,8 @@ bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
   part.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
   EnsureDecTileComps(pass.map, tile);
   const HeaderResult header = ReadTilePartHeader(pass.map, part, tile);
-  code = header.code;
-  if (header.code == KelOK && !header.incomplete) ReadOpenPart(part, tile);
+  code = NoteRefusal(pass.decoder, header);
+  if (code == KelOK && !header.incomplete) ReadOpenPart(part, tile);
   tile.dec->progress.partIsOpen = false;
   tile.dec->progress.resumePosition = pass.decoder.dataMgr->GetPosition();
   return true;

@@ -162,9 +162,8 @@ void ReleaseCodedTiles(const ImageMap& map) noexcept {
 }
 
 /// Records a failed check and returns its code.
-KelLong Refuse(ImageState& state, int line = __builtin_LINE()) {
-  const KelException failure = MakeFailure(KelErrBadParam, kModuleImage, line);
-  state.failure.Clone(&failure);
+KelLong Refuse(ImageState& state, SourcePlace place = SourcePlace::Here()) {
+  state.failure = MakeFailure(KelErrBadParam, kModuleImage, place);
   return KelErrBadParam;
 }
 

@@ -95,14 +95,16 @@ KelLong KelImageGeometry::InitImageGeometry(KelLong xsiz, KelLong ysiz, KelLong 
   NumXTiles = CountTiles(Xsiz, XTOsiz, XTsiz);
   NumYTiles = CountTiles(Ysiz, YTOsiz, YTsiz);
   if (ParamsAreInConsistent()) {
-    kel::Raise(KelErrBadParam, kel::kModuleGeometry, __LINE__, kel::kLevelParameters);
+    kel::Raise(KelErrBadParam, kel::kModuleGeometry, kel::SourcePlace::Here(),
+               kel::kLevelParameters);
   }
   return KelOK;
 }
 
 KelLong KelImageGeometry::InitImageGeometry(const KelImageGeometry* source) {
   if (source == nullptr) {
-    kel::Raise(KelErrBadParam, kel::kModuleGeometry, __LINE__, kel::kLevelParameters);
+    kel::Raise(KelErrBadParam, kel::kModuleGeometry, kel::SourcePlace::Here(),
+               kel::kLevelParameters);
   }
   return InitImageGeometry(source->Xsiz, source->Ysiz, source->XOsiz, source->YOsiz, source->XTsiz,
                            source->YTsiz, source->XTOsiz, source->YTOsiz, source->XRsiz,

@@ -12,18 +12,6 @@
 namespace kel {
 namespace {
 
-/// The code with which making records ends. A refused request is one of the results that these
-/// functions state, not a failure to pass on, so this is where it becomes a code.
-template <class Step>
-KelLong CodeOf(Step step) {
-  try {
-    step();
-    return KelOK;
-  } catch (const KelException& failure) {
-    return failure.errCode;
-  }
-}
-
 template <class T>
 void ReleaseArray(T*& array) noexcept {
   KelFree(array);
@@ -56,32 +44,27 @@ T* FindRecord(T* records, std::uint32_t count, const std::uint32_t* numbers, std
 
 }  // namespace
 
-KelLong InitHeaderParams(KelHeaderParams& set, bool mainHeader) {
-  return CodeOf([&] {
-    ScopeGuard release([&] { ReleaseHeaderParams(&set); });
-    set.codingStyle = OwnedRecord<KelCodingStyle>::Make().Release();
-    set.quantisation = OwnedRecord<KelQuantParams>::Make().Release();
-    set.quantisation->exponents = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
-    set.quantisation->mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
-    set.progressionChanges = OwnedRecord<KelProgressionChanges>::Make().Release();
-    set.progressionChanges->kind = mainHeader ? 1 : 2;
-    set.sizes = OwnedRecord<KelSizParams>::Make().Release();
-    set.inMainHeader = mainHeader ? 1 : 0;
-    release.Disarm();
-  });
+void InitHeaderParams(KelHeaderParams& set, bool mainHeader) {
+  ScopeGuard release([&] { ReleaseHeaderParams(&set); });
+  set.codingStyle = OwnedRecord<KelCodingStyle>::Make().Release();
+  set.quantisation = OwnedRecord<KelQuantParams>::Make().Release();
+  set.quantisation->exponents = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
+  set.quantisation->mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
+  set.progressionChanges = OwnedRecord<KelProgressionChanges>::Make().Release();
+  set.progressionChanges->kind = mainHeader ? 1 : 2;
+  set.sizes = OwnedRecord<KelSizParams>::Make().Release();
+  set.inMainHeader = mainHeader ? 1 : 0;
+  release.Disarm();
 }
 
-KelLong SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
-                         const KelCodingStyle& style, const KelQuantParams& quant) {
-  return CodeOf([&] {
-    ReleaseQuantParams(*set.quantisation);
-    KelLong code = CopyCodingStyle(set.codingStyle, &style);
-    if (code == KelOK) code = CopyQuantParams(set.quantisation, &quant);
-    if (code != KelOK) Raise(code, kModuleHeaders);
-    set.Csiz = mainHeader.Csiz;
-    set.numLevels = style.numLevels;
-    set.regions = OwnedArray<KelRoiParams>::Make(AsCount(set.Csiz)).Release();
-  });
+void SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
+                      const KelCodingStyle& style, const KelQuantParams& quant) {
+  ReleaseQuantParams(*set.quantisation);
+  CopyCodingStyle(*set.codingStyle, style);
+  CopyQuantParams(*set.quantisation, quant);
+  set.Csiz = mainHeader.Csiz;
+  set.numLevels = style.numLevels;
+  set.regions = OwnedArray<KelRoiParams>::Make(AsCount(set.Csiz)).Release();
 }
 
 void ReleaseHeaderParams(KelHeaderParams* set) noexcept {
@@ -134,70 +117,58 @@ void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept {
   changes.count = 0;
 }
 
-KelLong CopyCodingStyle(KelCodingStyle* destination, const KelCodingStyle* source) {
-  if (destination == nullptr || source == nullptr) return KelErrBadParam;
-  return CodeOf([&] {
-    auto widths = CopyOf(source->precinctWidthExps, kMaxLevels + 1);
-    auto heights = CopyOf(source->precinctHeightExps, kMaxLevels + 1);
-    *destination = *source;
-    destination->precinctWidthExps = widths.Release();
-    destination->precinctHeightExps = heights.Release();
-  });
+void CopyCodingStyle(KelCodingStyle& destination, const KelCodingStyle& source) {
+  auto widths = CopyOf(source.precinctWidthExps, kMaxLevels + 1);
+  auto heights = CopyOf(source.precinctHeightExps, kMaxLevels + 1);
+  destination = source;
+  destination.precinctWidthExps = widths.Release();
+  destination.precinctHeightExps = heights.Release();
 }
 
-KelLong CopyQuantParams(KelQuantParams* destination, const KelQuantParams* source) {
-  if (destination == nullptr || source == nullptr) return KelErrBadParam;
-  return CodeOf([&] {
-    auto exponents = CopyOf(source->exponents, kQuantEntries);
-    auto mantissas = CopyOf(source->mantissas, kQuantEntries);
-    *destination = *source;
-    destination->exponents = exponents.Release();
-    destination->mantissas = mantissas.Release();
-  });
+void CopyQuantParams(KelQuantParams& destination, const KelQuantParams& source) {
+  auto exponents = CopyOf(source.exponents, kQuantEntries);
+  auto mantissas = CopyOf(source.mantissas, kQuantEntries);
+  destination = source;
+  destination.exponents = exponents.Release();
+  destination.mantissas = mantissas.Release();
 }
 
-KelLong CopyProgressionChanges(KelProgressionChanges* destination,
-                               const KelProgressionChanges* source) {
-  if (destination == nullptr || source == nullptr) return KelErrBadParam;
-  const std::uint64_t n = source->present != 0 ? AsCount(source->count) : 0;
-  return CodeOf([&] {
-    auto resolutionStart = CopyOf(source->resolutionStart, n);
-    auto componentStart = CopyOf(source->componentStart, n);
-    auto layerEnd = CopyOf(source->layerEnd, n);
-    auto resolutionEnd = CopyOf(source->resolutionEnd, n);
-    auto componentEnd = CopyOf(source->componentEnd, n);
-    auto order = CopyOf(source->order, n);
-    *destination = *source;
-    destination->count = static_cast<std::int32_t>(n);
-    destination->resolutionStart = resolutionStart.Release();
-    destination->componentStart = componentStart.Release();
-    destination->layerEnd = layerEnd.Release();
-    destination->resolutionEnd = resolutionEnd.Release();
-    destination->componentEnd = componentEnd.Release();
-    destination->order = order.Release();
-  });
+void CopyProgressionChanges(KelProgressionChanges& destination,
+                            const KelProgressionChanges& source) {
+  const std::uint64_t n = source.present != 0 ? AsCount(source.count) : 0;
+  auto resolutionStart = CopyOf(source.resolutionStart, n);
+  auto componentStart = CopyOf(source.componentStart, n);
+  auto layerEnd = CopyOf(source.layerEnd, n);
+  auto resolutionEnd = CopyOf(source.resolutionEnd, n);
+  auto componentEnd = CopyOf(source.componentEnd, n);
+  auto order = CopyOf(source.order, n);
+  destination = source;
+  destination.count = static_cast<std::int32_t>(n);
+  destination.resolutionStart = resolutionStart.Release();
+  destination.componentStart = componentStart.Release();
+  destination.layerEnd = layerEnd.Release();
+  destination.resolutionEnd = resolutionEnd.Release();
+  destination.componentEnd = componentEnd.Release();
+  destination.order = order.Release();
 }
 
-KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t count) {
-  if (changes == nullptr) return KelErrBadParam;
+void AllocProgressionChanges(KelProgressionChanges& changes, std::int32_t count) {
   const std::uint64_t n = AsCount(count);
-  return CodeOf([&] {
-    auto resolutionStart = OwnedArray<std::uint8_t>::Make(n);
-    auto componentStart = OwnedArray<std::uint16_t>::Make(n);
-    auto layerEnd = OwnedArray<std::uint16_t>::Make(n);
-    auto resolutionEnd = OwnedArray<std::uint8_t>::Make(n);
-    auto componentEnd = OwnedArray<std::uint16_t>::Make(n);
-    auto order = OwnedArray<std::uint8_t>::Make(n);
-    ReleaseProgressionChanges(*changes);
-    changes->present = 1;
-    changes->count = count;
-    changes->resolutionStart = resolutionStart.Release();
-    changes->componentStart = componentStart.Release();
-    changes->layerEnd = layerEnd.Release();
-    changes->resolutionEnd = resolutionEnd.Release();
-    changes->componentEnd = componentEnd.Release();
-    changes->order = order.Release();
-  });
+  auto resolutionStart = OwnedArray<std::uint8_t>::Make(n);
+  auto componentStart = OwnedArray<std::uint16_t>::Make(n);
+  auto layerEnd = OwnedArray<std::uint16_t>::Make(n);
+  auto resolutionEnd = OwnedArray<std::uint8_t>::Make(n);
+  auto componentEnd = OwnedArray<std::uint16_t>::Make(n);
+  auto order = OwnedArray<std::uint8_t>::Make(n);
+  ReleaseProgressionChanges(changes);
+  changes.present = 1;
+  changes.count = count;
+  changes.resolutionStart = resolutionStart.Release();
+  changes.componentStart = componentStart.Release();
+  changes.layerEnd = layerEnd.Release();
+  changes.resolutionEnd = resolutionEnd.Release();
+  changes.componentEnd = componentEnd.Release();
+  changes.order = order.Release();
 }
 
 KelCodingStyle* FindComponentStyle(const KelHeaderParams& set, std::int32_t component) {

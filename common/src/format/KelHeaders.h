@@ -127,26 +127,26 @@ struct KelHeaderParams {
   std::uint8_t seenTLM;
 };
 
-/// Fills a zero-filled set with empty records, the quantisation with its two arrays. Returns 0,
-/// or 8 after releasing what it had obtained.
-KelLong InitHeaderParams(KelHeaderParams& set, bool mainHeader);
+/// Fills a zero-filled set with empty records, the quantisation with its two arrays. Raises 8 after
+/// releasing what it had obtained.
+void InitHeaderParams(KelHeaderParams& set, bool mainHeader);
 
 /// Seeds a set for a tile-part header with copies of the records in force for the tile, and with
-/// the component count and region records of the main header. Returns 0 or 8; what was copied
-/// until then is in the set.
-KelLong SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
-                         const KelCodingStyle& style, const KelQuantParams& quant);
+/// the component count and region records of the main header. Raises 8; what was copied until then
+/// is in the set.
+void SeedHeaderParams(KelHeaderParams& set, const KelHeaderParams& mainHeader,
+                      const KelCodingStyle& style, const KelQuantParams& quant);
 
 /// Releases everything that a set owns, half-built ones included, and clears it; may run twice.
 /// The set itself belongs to the caller. Accepts null.
 void ReleaseHeaderParams(KelHeaderParams* set) noexcept;
 
-// Deep copies into a record whose old arrays are not released. Return 0; 15 for a null argument;
-// 8 when memory runs out, with nothing left behind. Null arrays copy to null.
-KelLong CopyCodingStyle(KelCodingStyle* destination, const KelCodingStyle* source);
-KelLong CopyQuantParams(KelQuantParams* destination, const KelQuantParams* source);
-KelLong CopyProgressionChanges(KelProgressionChanges* destination,
-                               const KelProgressionChanges* source);
+// Deep copies into a record whose old arrays are not released. Raise 8 with nothing left behind.
+// Null arrays copy to null.
+void CopyCodingStyle(KelCodingStyle& destination, const KelCodingStyle& source);
+void CopyQuantParams(KelQuantParams& destination, const KelQuantParams& source);
+void CopyProgressionChanges(KelProgressionChanges& destination,
+                            const KelProgressionChanges& source);
 
 // Release the arrays of a record and set them to null; the record belongs to the caller.
 void ReleaseCodingStyle(KelCodingStyle& style) noexcept;
@@ -154,8 +154,8 @@ void ReleaseQuantParams(KelQuantParams& quant) noexcept;
 void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept;
 
 /// Sets the present flag and the count and obtains the six zero-filled arrays in place of earlier
-/// ones. Returns 0; 15 for a null record; 8.
-KelLong AllocProgressionChanges(KelProgressionChanges* changes, std::int32_t count);
+/// ones. Raises 8, with the record as it was.
+void AllocProgressionChanges(KelProgressionChanges& changes, std::int32_t count);
 
 /// The COC or QCC record of a component, or null.
 KelCodingStyle* FindComponentStyle(const KelHeaderParams& set, std::int32_t component);

@@ -35,7 +35,7 @@ ImageState& EnsureState(ImageHandle*& handle) {
   if (StateOf(handle) != nullptr) return *handle->state;
   auto made = OwnedRecord<ImageHandle>::Make();
   made->state = OwnedRecord<ImageState>::Make().Release();
-  made->state->failure.ClearErrState();
+  made->state->failure.Clear();
   if (handle != nullptr) KelFree(handle);
   handle = made.Release();
   return *handle->state;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "base/KelRaise.h"
 #include "format/KelSignature.h"
 #include "image/KelImageMap.h"
 #include "kel/KelImage.h"
@@ -33,7 +34,7 @@ struct ImageState {
   KelEncOpt* encOpt;  ///< the options that describe the image: a decoder's lie in decOpt
   KelDecOpt* decOpt;
   KelClientData* clientData;
-  KelException failure;
+  Failure failure;  ///< the last one
   KelCodeStm* codeStm;
   KelImageDataProcs* imageDataProcs;
   ProgressState progress;

@@ -26,14 +26,16 @@ class Error : public std::runtime_error {
   Error(Failure kind, const std::string& sentence);
   /// The same about a file, whose name what() puts in front of the sentence.
   Error(Failure kind, const std::string& file, const std::string& sentence);
-  /// A failure of the library.
-  Error(Failure kind, const std::string& sentence, const KelException& raised);
+  /// A failure of the library, with its place where that is known.
+  Error(Failure kind, const std::string& sentence, const KelException& raised,
+        const KelErrorPlace& place = {nullptr, -1});
 
   Failure Kind() const { return kind_; }
   const std::string& Sentence() const { return sentence_; }
   const std::string& File() const { return file_; }  ///< empty when not about a file
   KelLong Code() const { return code_; }             ///< the library's; 0 when it did not fail
-  /// "KelErrBadMarker, common/src/KelHeaders:120"; empty when the library did not fail.
+  /// "KelErrBadMarker, common/src/decode/KelHeadersRead.cpp:120"; empty when the library did not
+  /// fail.
   const std::string& Details() const { return details_; }
 
  private:
