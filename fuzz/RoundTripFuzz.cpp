@@ -52,6 +52,7 @@ void Choose(KelEncOpt& options, fuzz::Input& input, const test::Picture& picture
   options.ProgressionOrder = (flags & 4) != 0 ? KelCPRL : KelRLCP;
   options.TransparencyPresent = (flags & 8) != 0 && picture.Count() == 4;
   options.TransparencyComponent = 3;
+  if (options.TransparencyPresent) options.NumColorChannels = 3;
   options.NumLevels = Between(input, 0, 8);
   options.NumLayers = Between(input, 1, 3);
   options.TargetQuality = static_cast<float>(Between(input, 1, 100));

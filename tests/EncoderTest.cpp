@@ -216,9 +216,15 @@ TEST_F(Encoder, RefusesWhatCannotBeCoded) {
                 }},
                {"no mask", [](auto&, auto& o, auto&) { o.RoiEnabled = true; }},
                {"transparency", [](auto&, auto& o, auto&) { o.TransparencyPresent = true; }},
+               {"opacity among the colours",
+                [](auto&, auto& o, auto&) {
+                  o.TransparencyPresent = true;
+                  o.TransparencyComponent = 3;
+                }},
                {"mask and transparency in one",
                 [](auto&, auto& o, auto&) {
                   o.RoiEnabled = o.TransparencyPresent = true;
+                  o.NumColorChannels = 3;
                   o.RoiMaskComponent = o.TransparencyComponent = 3;
                 }},
                {"nothing to write",
@@ -343,14 +349,61 @@ TEST_F(Encoder, EveryRefusedRequest) {
   }
 }
 
-// A write that fails, or takes nothing, must not crash or leak.
+// A write that fails, or takes a part, and nobody hears of it: whichever write it is, of the
+// headers, of a tile-part, past the cache, or at the end. An encoder that is given up then, or
+// before its first tile, holds a buffer that only the library can release.
 TEST_F(Encoder, StreamsThatFail) {
-  for (const KelLong result : {-1, 0}) {
-    for (const bool seekable : {false, true}) {
-      EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300, {.irreversible = 0});
-      HostStream stream({}, seekable);
-      stream.writeResult = result;
-      EXPECT_EQ(host.EncodeTo(stream), KelOK);
+  for (const bool seekable : {false, true}) {
+    EncodeHost host(MakePicture(300, 300, 1, 8, Content::kNoise), 150, 300, {.irreversible = 0});
+    HostStream undisturbed({}, seekable);
+    ASSERT_EQ(host.EncodeTo(undisturbed), KelOK);
+    for (const KelLong result : {-1, 0, 1}) {
+      for (int n = 0; n < undisturbed.writes; ++n) {
+        HostStream stream({}, seekable);
+        stream.writesToFail = n;
+        stream.failedResult = result;
+        EXPECT_EQ(host.EncodeTo(stream), KelErrWriteFailed) << n;
+        EXPECT_EQ(stream.writes, n + 1) << "goes on";
+      }
+    }
+    HostStream stream({}, seekable);
+    ASSERT_EQ(host.Init(stream), KelOK);
+    host.encoder.Die();
+    EXPECT_EQ(stream.stream.wbuf, nullptr);
+  }
+}
+
+// A host that obtains what the bound says and runs out; or a bound that says nothing.
+TEST_F(Encoder, NoFileIsLongerThanItsBound) {
+  const struct {
+    std::size_t components;
+    KelLong depth, tile;
+    Coding coding;
+  } cases[] = {{1, 8, 256, {.irreversible = 0}},
+               {3, 8, 256, {.irreversible = 0, .transform = true}},
+               {3, 8, 256, {.quality = 100, .transform = true}},
+               {3, 8, 100, {.quality = 99, .transform = true, .layers = 2}},
+               {4, 8, 256, {.quality = 1, .order = KelCPRL, .colors = 3, .transparency = 3}},
+               {2, 8, 256, {.quality = 50, .mask = 1}},
+               {1, 16, 256, {.quality = 99, .levels = 2}},
+               {1, 12, 256, {.irreversible = 0, .levels = 0}},
+               {1, 1, 256, {.irreversible = 0}},
+               {3, 8, 3, {.irreversible = 0, .transform = true}}};
+  for (const auto& [components, depth, tile, coding] : cases) {
+    for (const Content content : {Content::kNoise, Content::kExtremes, Content::kShades}) {
+      EncodeHost host(MakePicture(61, 53, components, depth, content), tile, tile, coding);
+      HostStream stream;
+      ASSERT_EQ(host.Init(stream), KelOK);
+      const auto bound = static_cast<std::size_t>(host.encoder.GetCodeStreamLengthBound());
+      host.encoder.Die();
+      const std::size_t length = host.Encode().size();
+      const std::string what =
+          testing::PrintToString(std::vector{static_cast<KelLong>(components), depth, tile}) +
+          " quality " + std::to_string(coding.quality);
+      EXPECT_LE(length, bound) << what;
+      if (content == Content::kNoise && tile > 3 && coding.quality >= 40) {
+        EXPECT_LE(2 * bound, 5 * length + 1000) << what;
+      }
     }
   }
 }
@@ -380,7 +433,12 @@ TEST_F(Encoder, ProgressAndAbort) {
   EXPECT_EQ(host.encoder.GetErrorDetails().errCode, KelErrAborted);
   EXPECT_EQ(host.progress, "B 0/8 1/8 8/8 E");
   host.abortAfter = -1;
-  for (KelLong t = 0; t < 4; ++t) EXPECT_EQ(host.encoder.CompressTile(t), KelOK) << "goes on";
+  EXPECT_EQ(host.encoder.CompressTile(0), KelOK) << "goes on";
+  host.abortAfter = 1;
+  EXPECT_EQ(host.encoder.CompressTile(1), KelErrAborted) << "while a tile is coded for the stream";
+  host.abortAfter = -1;
+  for (KelLong t = 1; t < 4; ++t) EXPECT_EQ(host.encoder.CompressTile(t), KelOK) << "goes on";
+  test::WalkFile(stream.bytes);
   host.encoder.Die();
 }
 

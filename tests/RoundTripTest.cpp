@@ -22,8 +22,9 @@ Decoded Decoding(EncodeHost& host, const test::DecodeJob& job = {}) {
 
 /// The planes as they are before recasting, which is exact up to 24 bits only and goes by the depth
 /// of the first component, with the level shift undone.
-std::vector<Plane> RawPlanes(EncodeHost& host) {
-  std::vector<Plane> planes = Decoding(host, {.skipRecast = true}).planes;
+std::vector<Plane> RawPlanes(EncodeHost& host, bool useHostBuffers = false) {
+  std::vector<Plane> planes =
+      Decoding(host, {.skipRecast = true, .useHostBuffers = useHostBuffers}).planes;
   for (std::size_t c = 0; c < planes.size(); ++c) {
     for (std::int64_t& v : planes[c].samples) v += std::int64_t{1} << (host.image.depths[c] - 1);
   }
@@ -75,6 +76,8 @@ TEST_F(RoundTrip, ReversibleIsExact) {
                      .order = mode.order});
     EXPECT_TRUE((mode.depth > 24 ? RawPlanes(host) : Decoding(host).planes) == image.planes)
         << &mode - kModes << ": components " << mode.components << ", depth " << mode.depth;
+    EXPECT_TRUE(mode.depth != 8 || RawPlanes(host, true) == image.planes)
+        << "bytes, because the host has buffers for them";
   }
 }
 

@@ -163,7 +163,10 @@ class Delivery {
   }
 
   bool TakesColorRoute() const {
-    if (request_.skipConversion || !isPlain8Bit_ || !ColorsMatch()) return false;
+    // Its result is bytes, which is no answer to who asks for 32-bit samples.
+    if (request_.skipConversion || request_.skipRecast || !isPlain8Bit_ || !ColorsMatch()) {
+      return false;
+    }
     if (!transformIsCoded_ && !context_.forceComponentTransform) return false;
     return Color(0).tileGeom.XRsiz == 1 && Color(0).tileGeom.YRsiz == 1 &&
            std::all_of(tile_.comps, tile_.comps + context_.map.numComps,

@@ -117,6 +117,9 @@ std::uint64_t MostBitsOfBlock(unsigned planes, unsigned fieldBits) {
   return fieldBits + (planes == 1 ? 80 : 160 + 64 * std::uint64_t{planes - 2}) + 64;
 }
 
+/// Bytes of a band's header.
+constexpr std::uint64_t kBandHeaderBytes = 2;
+
 /// The most bytes that a band takes, its header included.
 std::uint64_t MostBytesOf(const BandPlanes& planes) {
   const unsigned fieldBits = PlaneCountFieldBits(planes.minPlanes, planes.maxPlanes);
@@ -124,7 +127,7 @@ std::uint64_t MostBytesOf(const BandPlanes& planes) {
   for (std::uint64_t i = 0; i < planes.numBlocks; ++i) {
     bits += MostBitsOfBlock(planes.planeCounts[i], fieldBits);
   }
-  return 2 + (bits + 7) / 8;
+  return kBandHeaderBytes + (bits + 7) / 8;
 }
 
 // ---- One block ----
@@ -342,6 +345,12 @@ void EncodeTileComponent(const EncodeBand* bands, std::int32_t numLevels, Coeffi
   coded.obtainedBytes = writer.ObtainedBytes();
   coded.bytes = writer.Release();
   release.Disarm();
+}
+
+std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes) {
+  const std::uint64_t bits =
+      MostBitsOfBlock(planes, PlaneCountFieldBits(0, static_cast<int>(planes)));
+  return SaturatingAdd(kBandHeaderBytes, SaturatingAdd(SaturatingMul(numBlocks, bits), 7) / 8);
 }
 
 void TrimCodedBytes(CodedTileComponent& coded) {

@@ -62,6 +62,9 @@ struct CodedTileComponent {
 void EncodeTileComponent(const EncodeBand* bands, std::int32_t numLevels, CoefficientKind kind,
                          bool keepRates, CodedTileComponent& coded);
 
+/// The most bytes of a band of so many blocks, none of which has more planes than given.
+std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes);
+
 /// Gives back what the bytes' block has too much, which is a fraction of them: for many components
 /// that wait to be written together. Raises 8 with everything kept.
 void TrimCodedBytes(CodedTileComponent& coded);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "KelStreamWrite.h"
 #include "base/KelBytes.h"
 #include "base/KelRaise.h"
 #include "format/KelHeadersWrite.h"
@@ -24,7 +25,8 @@ struct PartRange {
   int firstRes, endRes;
 };
 
-/// The tile-parts of a tile that hold packets.
+/// The tile-parts of a tile: those that hold packets, and one for each component where components
+/// have their own, so that a reader who counts them keeps step.
 struct Parts {
   PartRange ranges[kMostParts];
   std::uint64_t dataBytes[kMostParts];
@@ -60,7 +62,7 @@ Parts DivideTile(const TileToWrite& tile) {
     const PartRange range =
         tile.isByComponent ? PartRange{i, i + 1, 0, numRes} : PartRange{0, tile.numComps, i, i + 1};
     const std::uint64_t bytes = DataBytes(tile, range);
-    if (bytes == 0) continue;
+    if (bytes == 0 && !tile.isByComponent) continue;
     parts.ranges[parts.count] = range;
     parts.dataBytes[parts.count++] = bytes;
   }
@@ -119,12 +121,12 @@ class TileQuantisation {
 void WriteU32(KelCodeStm& stream, std::uint64_t value) {
   std::uint8_t bytes[4];
   StoreBE32(bytes, static_cast<std::uint32_t>(value));
-  stream.write(bytes, 4);
+  WriteOut(stream, bytes, 4);
 }
 
 void WriteCounted(KelCodeStm& stream, const std::uint8_t* bytes, std::uint32_t count) {
   WriteU32(stream, count);
-  if (count != 0) stream.write(bytes, static_cast<KelLong>(count));
+  if (count != 0) WriteOut(stream, bytes, count);
 }
 
 void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
@@ -172,10 +174,10 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
     set.dataLength = static_cast<std::uint32_t>(parts.dataBytes[i]);
     header.count = 0;
     WriteHeader(set, header);
-    stream.write(header.bytes.Data(), static_cast<KelLong>(header.count));
+    WriteOut(stream, header.bytes.Data(), header.count);
     ForEachPacket(tile, parts.ranges[i],
                   [&](const CodedTileComp& coded, int r) { WritePacket(coded, r, stream); });
-    stream.flushWriteBuffer();
+    FlushOut(stream);
   }
   return total;
 }

@@ -8,7 +8,8 @@
 // where each count covers what stands behind it in the packet or band. Every quality layer repeats
 // the same packets. A tile's parts follow each other; with one part per resolution a part holds
 // the packets of all components layer by layer, with one per component those of all resolutions.
-// What is empty has no packets, and a part without packets does not exist.
+// What is empty has no packets. A resolution's part without packets does not exist; a component's
+// does, as a header alone.
 #ifndef KEL_PACKET_WRITE_H
 #define KEL_PACKET_WRITE_H
 
@@ -42,8 +43,9 @@ struct TileToWrite {
 
 /// Writes a tile and flushes the stream behind each tile-part; returns the bytes written. Coded
 /// bytes go to the stream from where they are. The first header of the tile announces steps that
-/// differ from those of the main header. What the stream reports is not looked at. Raises 8; and
-/// 29, with nothing written, when the stream would pass 2^31 - 1 bytes.
+/// differ from those of the main header. Raises 8; 29, with
+/// nothing written, when the stream would pass 2^31 - 1 bytes; 32 when the host does not take what
+/// is written.
 std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream);
 
 }  // namespace kel

@@ -15,10 +15,6 @@
 namespace kel {
 namespace {
 
-/// Bytes of a packet's counts: one in resolution 0, else one of its own and one per band.
-constexpr std::uint64_t kCountsOfLowest = 4;
-constexpr std::uint64_t kCountsOfOthers = 16;
-
 struct Bands {
   SubbandRecord records[kMaxSubbands];
 };
@@ -92,7 +88,7 @@ CodedTileComp* CodeTileComp(const TileCompJob& job) {
 
 std::uint64_t PacketBytes(const CodedTileComp& coded, int r) {
   if (coded.box.IsEmpty() || ReduceBox(coded.box, coded.code.numLevels - r).IsEmpty()) return 0;
-  return coded.code.resSize[r] + (r == 0 ? kCountsOfLowest : kCountsOfOthers);
+  return coded.code.resSize[r] + (r == 0 ? kLowestCountBytes : kPacketCountBytes);
 }
 
 void ReleaseCode(CodedTileComp& coded) noexcept {

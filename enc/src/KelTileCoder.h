@@ -13,6 +13,10 @@ namespace kel {
 
 struct RegionSamples;
 
+/// Bytes of a packet's counts: one of its own and one per band, but in resolution 0 one in all.
+inline constexpr std::uint64_t kPacketCountBytes = 16;
+inline constexpr std::uint64_t kLowestCountBytes = 4;
+
 /// A tile-component as it was coded. Without samples all sizes are 0, and there are no tables.
 struct CodedTileComp {
   Box box;

@@ -39,6 +39,7 @@ constexpr std::array kCodes = {
              "the data use a feature that is not supported, or are coded in another way"},
     CodeText{KelErrNotImplemented, "KelErrNotImplemented", "the operation does not exist"},
     CodeText{KelErrUnexpected, "KelErrUnexpected", "an unexpected failure inside the library"},
+    CodeText{KelErrWriteFailed, "KelErrWriteFailed", "the output could not be written"},
 };
 
 const CodeText* Find(KelLong code) {

@@ -212,10 +212,12 @@ class KEL_API KelImage {
   /// code-block exponents 3, and RoiStyle 2 with a region. options, stream and procs must outlive
   /// Die.
   ///
-  /// Returns 0; 8; 15 for a missing argument, a read-only stream, or options that cannot be
+  /// Returns 0; 8; 32 when the stream did not take the headers; 15 for a missing argument, a
+  /// read-only stream, or options that cannot be
   /// coded: an image offset or tile-grid offset, an empty image, more than 65535 tiles, subsampling
   /// outside 1..255, unequal subsampling under a colour transform, depths outside 1..28, levels
-  /// outside 0..32, and indices of mask or transparency channels out of range.
+  /// outside 0..32, indices of mask or transparency channels out of range, and a transparency
+  /// channel among the colour channels (below NumColorChannels).
   KelLong InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientProcs* procs);
   /// Guarded. Writes the boxes and the main header again at the start of a seekable stream, else
   /// at its current position; *bytes, unless null, receives their size. For use before the first
@@ -224,14 +226,17 @@ class KEL_API KelImage {
   /// Guarded. Fetches, codes and writes one tile; the last tile also writes the end marker and
   /// flushes the stream. *bytes, unless null, receives the tile's size plus 2. Returns 0; the
   /// fetch's code; 8; 15 for a tile out of range, a progression order other than 1 and 4, or
-  /// precincts that divide the tile; 29 when a tile-part or the stream would pass 2^31 - 1 bytes.
+  /// precincts that divide the tile; 28 when the abort callback, asked after each component, wants
+  /// it, with nothing of the tile written; 29 when a tile-part or the stream would pass 2^31 - 1
+  /// bytes; 32 when the stream did not take what was written, which cannot be gone on with.
   KelLong CompressAndWriteTile(KelLong tile, KelULong* bytes);
   /// Guarded. CompressAndWriteTile without the count.
   KelLong CompressTile(KelLong tile);
   /// Guarded. Codes every tile without writing, for the size queries. Returns 28 when the abort
   /// callback asked for it.
   KelLong CompressImage();
-  /// Guarded. Steps that CompressImage reports: tiles times components.
+  /// Guarded. Tiles times components: the steps that CompressImage reports, which with a region
+  /// leaves out the component of its mask.
   KelLong NumProgresionStepsInCompressImage();
   /// Guarded. Tile-parts that the chosen order writes.
   KelLong NumProgressionStepsInEncodeImage();
@@ -240,17 +245,25 @@ class KEL_API KelImage {
   /// Guarded (null). The list of quality steps, 101 entries; *count receives 0. The first entry
   /// holds the quality percentage when the byte target is at most 100.
   KelLong* FindQualityNumbersEmbedded(KelLong* count);
-  /// Bounds on the length of the code stream in bytes.
+  /// Byte counts by which a host may offer targets to choose from: about a hundredth of the colour
+  /// channels' uncompressed size, and about 107 % of it, with the headers. They follow from the
+  /// geometry alone and bound nothing: a flat picture takes less, noise without loss more.
   KelLong GetMinCodeStreamLength();
   KelLong GetMaxCodeStreamLength();
+  /// Guarded (-1). A length that the file does not pass whatever its samples are, coded at the
+  /// options' present quality, from its first byte to its last; 2^31 - 1 when it may pass that, and
+  /// coding may then return 29. Typically twice the uncompressed size: what to obtain for a stream
+  /// that must not run out.
+  KelLong GetCodeStreamLengthBound();
   /// Guarded. Coded bytes of the extra channels; -1 before everything is compressed.
   KelLong GetAlphaChannelCodeStreamSize();
   /// Coded bytes of the transparency channel; -1 before everything is compressed.
   KelLong GetTransparencyCodeStreamSize();
-  /// Chooses the quality number whose data size comes nearest to a target in bytes, by the
-  /// library's table, and stores it as the options' TargetQuality (1 to 100). Returns the
-  /// effective target. Valid after InitEncoder and before the first tile. The choice is
-  /// conservative, not exact.
+  /// Reads a target in bytes as a share of the colour channels' uncompressed size and stores the
+  /// percentage, less a few per cent of it by a fixed table, as the options' TargetQuality (1 to
+  /// 100). Returns the target less those per cent. The samples are not looked at, so what the file
+  /// takes may be far below the target or above it: whoever needs a size codes and compares. Valid
+  /// after InitEncoder and before the first tile.
   KelLong QualityForTarget(KelLong targetBytes);
   /// Guarded. A size adjusted for the tile-part headers of another organisation: 0 layers,
   /// 1 resolutions, 4 components; -1 for any other.
@@ -260,7 +273,8 @@ class KEL_API KelImage {
   KelLong GetNumComponentsDoneInProgPlay() const;                      ///< always 30
 
   // Preview (encoder). After InitEncoder, in any order with the coding of tiles, which it does not
-  // affect.
+  // affect. A host that has set RateMode to something other than 5 after InitEncoder gets them
+  // without quantisation.
 
   /// Guarded. What a decoder would make of a tile coded with the present options, at full
   /// resolution: the samples of every colour component.

@@ -78,7 +78,7 @@ class KEL_API KelEncOpt {
   KelLong NumColorChannels;       ///< leading components that are colours [number of components]
   bool TransparencyPresent;       ///< [false]
   bool TransparencyCoded;         ///< the transparency channel is written [true]
-  KelLong TransparencyComponent;  ///< its component [-1]
+  KelLong TransparencyComponent;  ///< its component, NumColorChannels or above [-1]
   KelLong TransparencyType;       ///< 1 opacity, 2 premultiplied opacity [1]
   /// Apply the colour transform to components 0 to 2 (three colour channels of equal
   /// subsampling): reversible or irreversible as Irreversible says [false]
@@ -106,7 +106,8 @@ class KEL_API KelEncOpt {
   // Coding.
   KelLong NumLevels;     ///< wavelet decomposition levels, 0 to 32 [5]
   KelLong Irreversible;  ///< 1 the 9/7 filter, 0 the reversible 5/3 filter (lossless) [1]
-  KelLong RateMode;      ///< InitEncoder sets 5, a decoder 3 for a boxed file [0]
+  /// InitEncoder sets 5, a decoder 3 for a boxed file. Previews alone read it later [0]
+  KelLong RateMode;
   bool RateFlag;         ///< the byte target is the whole uncompressed size [false]
   KelLong RateParamA;    ///< quality percentage for the size queries when 1 to 100 [0]
   KelLong RateParamB;    ///< decoder: decoded bytes, or of the boxed file [0]

@@ -57,13 +57,14 @@ class KEL_API KelCodeStm {
   KelLong read(std::uint8_t* destination, KelLong count);
 
   /// Writes count bytes by the strategy of the stream. Returns the number taken, or the host's
-  /// negative result with the position unchanged. Raises 8 when the write buffer cannot be
-  /// obtained.
+  /// negative result with the position unchanged; a negative number also when the host does not
+  /// take all that was held from earlier writes, which is lost then. Raises 8 when the write buffer
+  /// cannot be obtained.
   KelLong write(const std::uint8_t* source, KelLong count);
 
   /// Moves to offset (origin 1) or by offset (origin 0). Returns the new position; -8 for
-  /// another origin, a negative target or a host refusal; -4 when the stream is not seekable and
-  /// the target lies outside the write buffer.
+  /// another origin, a negative target or a host that refuses the move or what was held; -4 when
+  /// the stream is not seekable and the target lies outside the write buffer.
   KelLong seek(KelLong origin, KelLong offset);
 
   /// Hands the buffered bytes to Write, releases the buffer and returns Write's result; 0 when

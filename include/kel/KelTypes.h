@@ -37,7 +37,8 @@ enum KelResult : KelLong {
   KelErrAborted = 28,          ///< the host's abort callback asked the encoder to stop
   KelErrUnsupported = 29,      ///< the data use a feature that the library does not support
   KelErrNotImplemented = 30,   ///< the operation is not implemented
-  KelErrUnexpected = 31        ///< a failure other than a KelException reached the boundary
+  KelErrUnexpected = 31,       ///< a failure other than a KelException reached the boundary
+  KelErrWriteFailed = 32       ///< the host's stream did not take what was written
 };
 
 static_assert(sizeof(KelLong) == 4 && sizeof(KelULong) == 4 && sizeof(bool) == 1,

@@ -74,7 +74,7 @@ std::vector<std::vector<Packet>> PartsOf(const Stream& s, int tile) {
     std::erase_if(part, [&](const Packet& p) {
       return kel::ReduceBox(s.TileComp(tile, p.comp), s.levels - p.resolution).IsEmpty();
     });
-    if (!part.empty()) parts.push_back(part);
+    if (!part.empty() || s.order == 4) parts.push_back(part);
   };
   std::vector<Packet> part;
   for (int r = 0; s.order == 1 && r <= s.levels; ++r, add(part), part.clear()) {

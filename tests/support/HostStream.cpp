@@ -23,7 +23,7 @@ HostStream::HostStream(std::vector<std::uint8_t> content, bool seekable)
   };
   procs.Write = [](void* client, const void* source, KelLong count) -> KelLong {
     auto& self = *static_cast<HostStream*>(client);
-    ++self.writes;
+    if (self.writes++ == self.writesToFail) return self.failedResult;
     if (self.writeResult != INT32_MIN) return self.writeResult;
     const std::size_t end = self.position + static_cast<std::size_t>(count);
     if (self.bytes.size() < end) self.bytes.resize(end);

@@ -29,6 +29,8 @@ class HostStream {
   KelLong mostPerRead = INT32_MAX;  ///< delivers no more than this at once
   KelLong readResult = INT32_MIN;   ///< unless INT32_MIN: what every read returns
   KelLong writeResult = INT32_MIN;  ///< unless INT32_MIN: what every write returns
+  int writesToFail = -1;            ///< number of the write that fails, from 0 on, or -1
+  KelLong failedResult = 0;         ///< what that one returns
   bool refuseSeek = false;
   int reads = 0, writes = 0, seeks = 0;
 

@@ -84,6 +84,12 @@ KelLong KelImage::GetMaxCodeStreamLength() {
                [](ImageState& state) { return kel::MaxCodeStreamLength(state); });
 }
 
+KelLong KelImage::GetCodeStreamLengthBound() {
+  return Guarded(
+      handle_, Side::kEncoder, [](ImageState& state) { return kel::CodeStreamLengthBound(state); },
+      Neutral(KelLong{-1}));
+}
+
 KelLong KelImage::GetAlphaChannelCodeStreamSize() {
   return Guarded(
       handle_, Side::kEncoder, [](ImageState& state) { return kel::ExtraChannelsSize(state); },

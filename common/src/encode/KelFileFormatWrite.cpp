@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "KelStreamWrite.h"
 #include "base/KelBytes.h"
 #include "base/KelOutBuffer.h"
 #include "base/KelRaise.h"
@@ -374,7 +375,7 @@ KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* 
   if (!FileRecordsAreWritable(options)) return KelErrBadParam;
   const KelOutBuffer out = NamingModule(kModuleFileFormat, [&] { return MakeBoxes(options); });
   if (stream.IsSeekable()) stream.seek(1, 0);
-  stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
+  WriteOut(stream, out.bytes.Data(), out.count);
   *length = out.count;
   return KelOK;
 }

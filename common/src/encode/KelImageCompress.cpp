@@ -5,6 +5,7 @@
 // fails, the tile's records are empty again and the encoder can go on.
 #include "KelPacketWrite.h"
 #include "KelRegion.h"
+#include "KelStreamWrite.h"
 #include "KelTileCoder.h"
 #include "base/KelRaise.h"
 #include "encode/KelImageEncode.h"
@@ -50,7 +51,7 @@ void CodeComponent(ImageState& state, TileRecord& tile, KelLong c, const CodingP
   job.irreversible = IsCodedIrreversibly(o, c);
   job.source = plane.cells;
   job.work = work;
-  job.quant = QuantTargetOf(state, record);
+  job.quant = QuantTargetOf(state, record.tileGeom);
   job.bandWeights = e.bandWeights;
   RegionSamples fitted;
   if (region.IsThere() && job.irreversible) {
@@ -153,12 +154,14 @@ KelLong CompressAndWriteTile(ImageState& state, KelLong t, KelULong* bytes) {
   ScopeGuard undo([&] { ForgetTile(e, tile); });
   {
     const WorkPlane work(*e.settings.GeomParams);
-    CodeTile(state, tile, work.lock.As<void>(), [](const TileCompRecord&) {});
+    CodeTile(state, tile, work.lock.As<void>(), [&](const TileCompRecord&) {
+      if (IsAbortRequested(state.progress)) Raise(KelErrAborted, kModuleImage);
+    });
   }
   const std::uint64_t written = WriteCodedTile(state, tile);
   if (isLast) {
-    state.codeStm->write(kEndMarker, sizeof kEndMarker);
-    state.codeStm->flushWriteBuffer();
+    WriteOut(*state.codeStm, kEndMarker, sizeof kEndMarker);
+    FlushOut(*state.codeStm);
   }
   undo.Disarm();
   StepProgress(state.progress, 1);

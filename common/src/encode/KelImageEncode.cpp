@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "KelRate.h"
+#include "KelStreamWrite.h"
 #include "KelTileCoder.h"
 #include "base/KelRaise.h"
 #include "encode/KelFileFormatWrite.h"
@@ -90,13 +91,14 @@ bool ComponentTransformIsAllowed(const KelEncOpt& o) {
   return o.NumColorChannels < 3 || StreamIndex(o, 3) == 3;
 }
 
-/// Mask and transparency must be components, and two different ones; something must be written,
-/// and fit the tile-parts of its organisation.
+/// Mask and transparency must be components, two different ones, and the latter no colour: it would
+/// be coded with loss and not be marked. Something must be written, and fit the tile-parts of its
+/// organisation.
 bool ChannelsAreAllowed(const KelEncOpt& o) {
   const KelLong last = o.GeomParams->Csiz - 1;
   if (o.RoiEnabled && !IsWithin(o.RoiMaskComponent, 0, last)) return false;
-  if (o.TransparencyPresent &&
-      (!IsWithin(o.TransparencyComponent, 0, last) || IsRegionMask(o, o.TransparencyComponent))) {
+  if (o.TransparencyPresent && (!IsWithin(o.TransparencyComponent, o.NumColorChannels, last) ||
+                                IsRegionMask(o, o.TransparencyComponent))) {
     return false;
   }
   const KelLong numWritten = NumInMainStream(o);
@@ -161,6 +163,14 @@ void ReleaseCodedTiles(const ImageMap& map) noexcept {
   }
 }
 
+/// Releases what an encoder that is given up has not handed to the host: the buffer comes from the
+/// library, and nobody else would.
+void DropHeldOutput(KelCodeStm& stream) noexcept {
+  KelFree(stream.wbuf);
+  stream.wbuf = nullptr;
+  stream.wbufCap = stream.wbufFill = 0;
+}
+
 /// Records a failed check and returns its code.
 KelLong Refuse(ImageState& state, SourcePlace place = SourcePlace::Here()) {
   state.failure = MakeFailure(KelErrBadParam, kModuleImage, place);
@@ -174,6 +184,7 @@ KelLong WriteHeaders(ImageState& state, KelULong* bytes) {
   const KelLong code = WriteBoxes(o, *state.codeStm, &boxBytes);
   if (code != KelOK) return Refuse(state);
   const std::uint32_t headerBytes = WriteMainHeader(o, *state.codeStm);
+  state.encoder->headerBytes = boxBytes + headerBytes;
   if (bytes != nullptr) *bytes = boxBytes + headerBytes;
   return KelOK;
 }
@@ -236,7 +247,7 @@ KelLong WriteKelHeaders(ImageState& state, KelULong* bytes) {
   if (code != KelOK) return code;
   // Output behind the headers stays where it is.
   if (stream.IsSeekable() && position > stream.GetCurPos()) {
-    stream.flushWriteBuffer();
+    FlushOut(stream);
     stream.seek(1, position);
   }
   return KelOK;
@@ -246,6 +257,7 @@ void ReleaseEncoder(ImageState& state) noexcept {
   EncoderState* e = state.encoder;
   if (e == nullptr) return;
   EndProgress(state.progress);
+  if (state.codeStm != nullptr) DropHeldOutput(*state.codeStm);
   const char* debugFileName = e->settings.DebugFileName;
   for (KelLong c = 0; e->sourceBufs != nullptr && c < state.map.numComps; ++c) {
     if (e->sourceBufs[c] != nullptr) KelFreeBuf(e->sourceBufs[c]);

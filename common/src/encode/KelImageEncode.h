@@ -17,6 +17,7 @@ struct EncoderState {
   KelBufID_I** sourceBufs;  ///< one coding plane per component; null ones are obtained when needed
   float* bandWeights;       ///< owned; one per subband
   bool isCompressed;        ///< every tile has been coded
+  std::uint32_t headerBytes;  ///< of boxes and main header
   // Rate control.
   KelLong quality;        ///< the image's quality percentage
   KelLong* qualitySteps;  ///< owned; kNumQualitySteps entries
@@ -35,7 +36,7 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
 void ReleaseEncoder(ImageState& state) noexcept;
 
 /// Writes boxes and main header: at the start of a seekable stream, which is then where it was
-/// unless the headers reach further; else at the current position. Returns 0 or 15; raises 8.
+/// unless the headers reach further; else at the current position. Returns 0 or 15; raises 8, 32.
 KelLong WriteKelHeaders(ImageState& state, KelULong* bytes);
 
 /// Codes a tile and writes it, the last one with the end marker. Raises; returns 0.
@@ -57,6 +58,7 @@ KelLong MaxCodeStreamLength(ImageState& state);
 KelLong ExtraChannelsSize(ImageState& state);
 KelLong TransparencySize(ImageState& state);
 KelLong QualityForTarget(ImageState& state, KelLong targetBytes);
+KelLong CodeStreamLengthBound(ImageState& state);
 KelLong UpdateCodestreamSize(const ImageState& state, KelLong fromOrganisation, KelLong size,
                              KelLong toOrganisation);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "KelStreamWrite.h"
 #include "base/KelRaise.h"
 #include "encode/KelMainStream.h"
 #include "format/KelHeadersWrite.h"
@@ -145,7 +146,7 @@ KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
 
 std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream) {
   const KelOutBuffer out = NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options); });
-  stream.write(out.bytes.Data(), static_cast<KelLong>(out.count));
+  WriteOut(stream, out.bytes.Data(), out.count);
   return out.count;
 }
 

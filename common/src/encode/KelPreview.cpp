@@ -181,8 +181,7 @@ class TilePreview {
     const Box box = BoxOf(GeometryOf(c));
     const int numLevels = options_.NumLevels;
     ChosenSteps chosen;
-    ChooseSteps(QuantTargetOf(state_, tile_.comps[c]), box, numLevels, encoder_.bandWeights,
-                chosen);
+    ChooseSteps(QuantTargetOf(state_, GeometryOf(c)), box, numLevels, encoder_.bandWeights, chosen);
     if (isDirect_ && !region_.IsThere()) std::copy_n(chosen.steps, NumSubbands(numLevels), steps);
     ForwardDwt97(PlanesOf<float>(c, numLevels), {steps, AnnouncedDepth(options_), false},
                  ForwardScratch(box).Data(), records);
@@ -229,12 +228,10 @@ class TilePreview {
     return !request_.luminanceOnly && ColorTransformApplies(options_) && IsShown(0);
   }
 
-  /// Whether three colours go to bytes in lockstep. Reversible ones do so unlimited, which is
-  /// right only where they come out as they went in.
+  /// Whether three colours go to bytes in lockstep.
   bool ShowsColorsTogether() const {
     return InvertsColors() && GeometryOf(0).BitDepth == 8 && GeometryOf(1).BitDepth == 8 &&
-           GeometryOf(2).BitDepth == 8 &&
-           (options_.Irreversible != 0 || (isDirect_ && resolution_ == options_.NumLevels));
+           GeometryOf(2).BitDepth == 8;
   }
 
   void ShowColors() {

@@ -50,9 +50,8 @@ WorkPlane::WorkPlane(const KelImageGeometry& g)
   if (!lock) Raise(KelErrNoMemory, kModuleImage);
 }
 
-QuantTarget QuantTargetOf(const ImageState& state, const TileCompRecord& record) {
+QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& box) {
   const KelEncOpt& o = state.encoder->settings;
-  const KelTileGeometry& box = record.tileGeom;
   return {QualityNumber(state.encOpt->TargetQuality), box.X1 - box.X0, box.Y1 - box.Y0,
           AnnouncedDepth(o), BudgetFactor(o, box.Component)};
 }

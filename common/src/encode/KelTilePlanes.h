@@ -34,7 +34,7 @@ struct WorkPlane {
 };
 
 /// What the steps of an irreversible component follow from, at the host's present quality.
-QuantTarget QuantTargetOf(const ImageState& state, const TileCompRecord& record);
+QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component);
 
 }  // namespace kel
 

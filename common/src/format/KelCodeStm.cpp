@@ -14,6 +14,7 @@ namespace {
 constexpr KelLong kCacheBytes = 65536;      // write cache of a seekable stream
 constexpr KelLong kLargestCached = 32768;   // longer writes bypass an empty cache
 constexpr KelLong kGrowthBytes = 10240;     // growth step of a held output
+constexpr KelLong kCutShort = -1;          // the host took a part of what it was given
 constexpr KelLong kSeekRefused = -8;        // bad origin or target, or the host refused
 constexpr KelLong kSeekOutsideBuffer = -4;  // not seekable, and outside what is held
 constexpr KelLong kOriginRelative = 0;
@@ -51,7 +52,9 @@ KelLong KelCodeStm::write(const std::uint8_t* source, KelLong count) {
   const bool hasRoom = wbufCap - wbufFill >= count;
   if (seekable) {
     if (wbuf == nullptr || !hasRoom) {
-      flushWriteBuffer();
+      const KelLong held = wbufFill;
+      const KelLong taken = flushWriteBuffer();
+      if (taken < held) return taken < 0 ? taken : kCutShort;
       if (count > kLargestCached) {
         const KelLong result = procs->Write(procs->clientData, source, count);
         if (result > 0) curPos = kel::SaturateToInt32(std::int64_t{curPos} + result);
@@ -94,7 +97,8 @@ KelLong KelCodeStm::seek(KelLong origin, KelLong offset) {
       return position;
     }
     if (!seekable) return kSeekOutsideBuffer;
-    flushWriteBuffer();
+    const KelLong held = wbufFill;
+    if (flushWriteBuffer() < held) return kSeekRefused;
   }
   const KelLong reached = procs->Seek(procs->clientData, kOriginAbsolute, position);
   if (reached < 0) return kSeekRefused;
