@@ -72,7 +72,7 @@ struct Workload {
   }
   kel::ComponentBands Bands97(int p) {
     return kel::BandsOfIndices({ints[p].Data(), stride, box, kLevels},
-                               kel::GeneralSteps(steps.data()));
+                               kel::StepsOfIndices(steps.data()));
   }
   kel::Rows<std::uint8_t> Bytes(std::size_t p) { return {bytes.Data() + p * Count(), stride}; }
 };
@@ -211,7 +211,7 @@ const Kernel kKernels[] = {
      }},
     {"dequantise", kRowCells,
      [](const kel::WaveletKernels& k, KernelRows& r) {
-       k.dequantise(r.Int(0), r.FloatOut(0), kRowCells, 0.5F, 0.5F);
+       k.dequantise(r.Int(0), r.FloatOut(0), kRowCells, 0.5F);
      }},
     {"floatTo8BitAway", kRowCells,
      [](const kel::WaveletKernels& k, KernelRows& r) {

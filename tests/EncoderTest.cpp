@@ -402,7 +402,7 @@ TEST_F(Encoder, NoFileIsLongerThanItsBound) {
           " quality " + std::to_string(coding.quality);
       EXPECT_LE(length, bound) << what;
       if (content == Content::kNoise && tile > 3 && coding.quality >= 40) {
-        EXPECT_LE(2 * bound, 5 * length + 1000) << what;
+        EXPECT_LE(bound, 3 * length + 500) << what;
       }
     }
   }

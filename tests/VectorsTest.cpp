@@ -34,11 +34,8 @@ class Vectors : public testing::TestWithParam<std::string> {
     data_ = test::ReadFile(kFolder + std::string(description_["file"]));
   }
 
-  /// Largest difference allowed; host buffers may be filled by the direct path.
-  std::int64_t Tolerance(bool direct) const {
-    const char* key = direct ? "tolerance_direct_8bit" : "tolerance";
-    return description_.value(key, description_.value("tolerance", 0));
-  }
+  /// Largest difference allowed.
+  std::int64_t Tolerance() const { return description_.value("tolerance", 0); }
 
   void ExpectPlanes(const std::vector<Plane>& planes, const json& components,
                     std::int64_t tolerance, const std::string& what) const {
@@ -86,8 +83,7 @@ TEST_P(Vectors, FromEverySourceInEveryPiece) {
       if (source == Source::kUnseekable && piece != 0) continue;
       const std::string what =
           "source " + std::to_string(int(source)) + " piece " + std::to_string(piece);
-      ExpectPlanes(Run({.source = source, .piece = piece}).planes, components, Tolerance(false),
-                   what);
+      ExpectPlanes(Run({.source = source, .piece = piece}).planes, components, Tolerance(), what);
       if (HasFailure()) FAIL() << what;
     }
   }
@@ -100,7 +96,7 @@ TEST_P(Vectors, RotatedReducedAndIntoHostBuffers) {
   for (const KelLong orientation : {90, 180, 270}) {
     // Rotated 16-bit output has no shift, so that every depth can be compared.
     ExpectPlanes(Run({.orientation = KelImageOrientation{orientation}}).planes, components,
-                 Tolerance(false), "rotated by " + std::to_string(orientation));
+                 Tolerance(), "rotated by " + std::to_string(orientation));
     if (HasFailure()) return;
   }
   const auto wholeBytes = [](const json& c) {
@@ -109,16 +105,16 @@ TEST_P(Vectors, RotatedReducedAndIntoHostBuffers) {
   if (std::all_of(components.begin(), components.end(), wholeBytes)) {
     for (const int misalign : {0, 1}) {
       ExpectPlanes(Run({.useHostBuffers = true, .misalign = misalign}).hostPlanes, components,
-                   Tolerance(true), "host buffers");
+                   Tolerance(), "host buffers");
       if (HasFailure()) return;
     }
     const Decoded turned = Run({.orientation = KelOrientation270, .useHostBuffers = true});
-    ExpectPlanes(turned.hostPlanes, components, Tolerance(false), "rotated host buffers");
+    ExpectPlanes(turned.hostPlanes, components, Tolerance(), "rotated host buffers");
   }
   if (!d.contains("reduced")) return;
   for (const auto& [aspect, reduced] : d["reduced"].items()) {
     const DecodeJob job{.piece = 211, .aspect = KelDecodePixelAspectRatio(std::stoi(aspect))};
-    ExpectPlanes(Run(job).planes, reduced, Tolerance(false), "aspect " + aspect);
+    ExpectPlanes(Run(job).planes, reduced, Tolerance(), "aspect " + aspect);
   }
 }
 

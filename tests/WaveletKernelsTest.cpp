@@ -123,7 +123,7 @@ TEST(WaveletKernels, AnalysisHasTheSameBitsInEverySet) {
 TEST(WaveletKernels, ConversionsHaveTheSameBitsInEverySet) {
   CompareSets<std::int32_t>(
       [](const kel::WaveletKernels& table, Case<std::int32_t>& c, std::size_t count) {
-        table.dequantise(c.In(0), c.floats.Data(), count, 0.3F, 0.5F);
+        table.dequantise(c.In(0), c.floats.Data(), count, 0.3F);
       });
   CompareSets<float>([](const kel::WaveletKernels& table, Case<float>& c, std::size_t count) {
     table.floatTo8BitAway(c.In(0), c.bytes.Data(), count);

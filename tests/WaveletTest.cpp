@@ -147,7 +147,7 @@ void CheckInverse(const Box& box, int levels) {
                      [&](auto b, auto, auto, auto cell) { truth[cell] *= double{kSteps[b]}; });
   test::TransformTruly(truth, box, levels, {true, true});
   GuardedRows<float> floats(box.Width(), box.Height(), 7);
-  kel::InverseDwt97(BandsOfIndices(plane, kel::GeneralSteps(kSteps)), scratch.Data(),
+  kel::InverseDwt97(BandsOfIndices(plane, kel::StepsOfIndices(kSteps)), scratch.Data(),
                     {floats.Data(), floats.Stride()});
   const std::vector<double> found = floats.Values();
   for (std::size_t i = 0; i < truth.size(); ++i) ASSERT_NEAR(found[i], truth[i], 1e-3);
@@ -193,7 +193,7 @@ TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
       const int levels = p == 2 ? 0 : 3 - static_cast<int>(p);
       const kel::CoefficientPlane plane = {cells[p].Data(), cells[p].Stride(), box, levels};
       bands53[p] = BandsOfInts(plane);
-      bands97[p] = BandsOfIndices(plane, kel::GeneralSteps(kSteps));
+      bands97[p] = BandsOfIndices(plane, kel::StepsOfIndices(kSteps));
       out[p] = {bytes[p].Data(), bytes[p].Stride()};
       kel::InverseDwt53(bands53[p], at, {ints[p].Data(), ints[p].Stride()});
       kel::InverseDwt97(bands97[p], at, {floats[p].Data(), floats[p].Stride()});
@@ -270,7 +270,8 @@ TEST_F(Wavelet, ShortCellsHoldWhatFitsThem) {
   }
 }
 
-// The direct path: its offset, and its two rounding rules, which follow from width and stride.
+// The direct path: its two rounding rules, which follow from width and stride; a low band that is
+// shifted.
 TEST_F(Wavelet, DirectPathTo8Bit) {
   const auto flat = [](std::int64_t width, std::int64_t padding, int levels, int index) {
     GuardedRows<std::int32_t> cells(width, 1);
@@ -278,18 +279,18 @@ TEST_F(Wavelet, DirectPathTo8Bit) {
     const Box box = {0, width, 0, 1};
     for (std::int64_t x = 0; x < kel::ReduceBox(box, levels).Width(); ++x) cells.At(x, 0) = index;
     GuardedRows<std::uint8_t> out(width, 1, padding);
-    const float steps[] = {1, 1, 1, 1};
+    const float steps[] = {0.5F, 1, 1, 1};
     const Scratch scratch = Scratch::Make(kel::InverseDwtScratchCells(box, levels));
     const kel::CoefficientPlane plane = {cells.Data(), cells.Stride(), box, levels};
-    kel::InverseDwt97To8Bit(BandsOfIndices(plane, kel::OffsetSteps(steps, levels, 0.5F)),
-                            scratch.Data(), {out.Data(), out.Stride()});
+    kel::InverseDwt97To8Bit(BandsOfIndices(plane, kel::StepsOfIndices(steps)), scratch.Data(),
+                            {out.Data(), out.Stride()});
     EXPECT_TRUE(out.MarginIntact());
     return int{out.At(0, 0)};
   };
-  EXPECT_EQ(flat(4, 12, 1, 2), 130) << "130.5 to even";
-  EXPECT_EQ(flat(4, 4, 1, 2), 131) << "130.5 away from zero: the stride is no multiple of 16";
-  EXPECT_EQ(flat(6, 10, 1, 2), 131) << "the width is no multiple of 4";
-  EXPECT_EQ(flat(6, 10, 0, 1), 129) << "no offset without levels";
+  EXPECT_EQ(flat(4, 12, 1, 5), 130) << "130.5 to even";
+  EXPECT_EQ(flat(4, 4, 1, 5), 131) << "130.5 away from zero: the stride is no multiple of 16";
+  EXPECT_EQ(flat(6, 10, 1, 5), 131) << "the width is no multiple of 4";
+  EXPECT_EQ(flat(6, 10, 0, 2), 129);
   EXPECT_EQ(flat(6, 10, 1, 4000), 255);
   EXPECT_EQ(flat(6, 10, 1, -4000), 0);
 }
@@ -302,7 +303,7 @@ TEST_F(Wavelet, NeutralSteps) {
   float out = 0;
   for (const auto& [step, expected] :
        {std::pair{1.00009F, 100000.0F}, {0.99991F, 100000.0F}, {1.00011F, 100000.0F * 1.00011F}}) {
-    kel::InverseDwt97(kel::BandsOfIndices({&index, 1, box, 0}, kel::GeneralSteps(&step)),
+    kel::InverseDwt97(kel::BandsOfIndices({&index, 1, box, 0}, kel::StepsOfIndices(&step)),
                       scratch.Data(), {&out, 1});
     EXPECT_EQ(out, expected);
   }

@@ -93,11 +93,7 @@ ComponentBands BandsOfCodedBytes(const TileCompRecord& record, CellKind cells,
     rows.strideCells = AsIndex(RowStride(from.box));
     rows.hasMargins = true;
     rows.source = &band;
-    // LL is decoded to indices, because they may have to be offset.
-    rows.areIndices = cells == CellKind::kFloats && isLow;
-    rows.offset = rows.areIndices ? steps->lowOffset : 0.0F;
-    const bool toFloats = cells == CellKind::kFloats && !isLow;
-    rows.refill = toFloats                     ? DecodeMoreRows<float>
+    rows.refill = cells == CellKind::kFloats   ? DecodeMoreRows<float>
                   : cells == CellKind::kShorts ? DecodeMoreRows<std::int16_t>
                                                : DecodeMoreRows<std::int32_t>;
     if (from.coded == nullptr) {

@@ -241,13 +241,12 @@ class Delivery {
   }
 
   /// Makes the bands of the records for the 9/7 filter; on the direct path with an offset.
-  void OpenSource97(Source& source, bool isDirect) {
+  void OpenSource97(Source& source) {
     PrepareSource(source);
     for (std::int32_t i = 0; i < source.count; ++i) {
       TileCompRecord& record = *source.records[i];
       const Steps said(context_.map, record);
-      const IndexSteps steps = isDirect ? OffsetSteps(said.values, record.dec->decodeRes, 0.5F)
-                                        : GeneralSteps(said.values);
+      const IndexSteps steps = StepsOfIndices(said.values);
       source.bands[i] = isTaken_
                             ? BandsOfCodedBytes(record, CellKind::kFloats, &steps, source.memory[i])
                             : BandsOfIndices(source.planes[i].emplace(record).Plane(), steps);
@@ -289,7 +288,7 @@ class Delivery {
                                        bytes[1]->RowsOf<std::uint8_t>(),
                                        bytes[2]->RowsOf<std::uint8_t>()};
     if (IsIrreversible(Color(0))) {
-      OpenSource97(source, false);
+      OpenSource97(source);
       InverseDwt97IctTo8Bit(source.bands, source.scratch, out);
     } else {
       OpenSource(source, ShortestCells(source, kMostShortColor));
@@ -305,7 +304,7 @@ class Delivery {
   void DeliverDirect(TileCompRecord& record) {
     const HostPlacement place = PlaceInHostBuffer(context_.map, request_, record);
     Source source{1, {&record}, {}, {}, {}, nullptr};
-    OpenSource97(source, true);
+    OpenSource97(source);
     InverseDwt97To8Bit(source.bands[0], source.scratch,
                        {place.address, static_cast<std::size_t>(place.stride)});
     CloseSource(source);
@@ -320,7 +319,7 @@ class Delivery {
     SamplePlane samples(record, 4);
     Source source{1, {&record}, {}, {}, {}, nullptr};
     if (IsIrreversible(record)) {
-      OpenSource97(source, false);
+      OpenSource97(source);
       InverseDwt97(source.bands[0], source.scratch, samples.RowsOf<float>());
     } else {
       OpenSource(source, CellKind::kInts);
@@ -360,7 +359,7 @@ class Delivery {
     SamplePlane bytes(record, 1);
     Source source{1, {&record}, {}, {}, {}, nullptr};
     if (IsIrreversible(record)) {
-      OpenSource97(source, false);
+      OpenSource97(source);
       InverseDwt97GeneralTo8Bit(source.bands[0], source.scratch, bytes.RowsOf<std::uint8_t>());
     } else {
       OpenSource(source, ShortestCells(source, INT16_MAX));

@@ -44,23 +44,50 @@ void MapSamples(const Plane& from, Plane& to, Lookup&& lookup) {
   }
 }
 
-Plane Repeat(const Plane& plane, std::uint32_t width, std::uint32_t height) {
-  Plane full = MakeLike(plane, width, height, plane.Depth());
-  if (plane.Width() == 0 || plane.Height() == 0) {  // narrower than its step: nothing to repeat
-    full.xStep = full.yStep = 1;
-    return full;
+/// Fills a row of full width: sample k stands at k * step, and what lies in between is on the line
+/// to the next one, the last one going on. The samples come multiplied by `scale`.
+template <class Sum, class Sample>
+void SpreadRow(const std::vector<Sum>& from, std::uint32_t step, Sum scale, Sample* to,
+               std::uint32_t width) {
+  const Sum divisor = scale * step, half = divisor / 2;
+  std::uint32_t x = 0;
+  for (std::size_t k = 0; x < width; ++k) {
+    const Sum here = from[std::min(k, from.size() - 1)];
+    const Sum next = from[std::min(k + 1, from.size() - 1)];
+    for (std::uint32_t j = 0; j < step && x < width; ++j, ++x) {
+      to[x] = static_cast<Sample>(((step - j) * here + j * next + half) / divisor);
+    }
   }
+}
+
+/// A plane in full size: its samples where the grid has them, straight lines between neighbours.
+/// Sums are of a type that holds samples times both steps.
+template <class Sum>
+Plane Interpolated(const Plane& plane, std::uint32_t width, std::uint32_t height) {
+  Plane full = MakeLike(plane, width, height, plane.Depth());
+  full.xStep = full.yStep = 1;
+  if (plane.Width() == 0 || plane.Height() == 0) return full;  // narrower than its step
+  std::vector<Sum> row(plane.Width());
   for (std::uint32_t y = 0; y < height; ++y) {
-    const std::uint32_t sourceY = std::min(y / plane.yStep, plane.Height() - 1);
-    WithRows(plane, full, sourceY, y, [&](const auto* source, auto* destination) {
-      using Sample = std::remove_pointer_t<decltype(destination)>;
-      for (std::uint32_t x = 0; x < width; ++x) {
-        destination[x] = static_cast<Sample>(source[std::min(x / plane.xStep, plane.Width() - 1)]);
+    const std::uint32_t top = std::min(y / plane.yStep, plane.Height() - 1);
+    const std::uint32_t bottom = std::min(top + 1, plane.Height() - 1);
+    const Sum weight = y % plane.yStep;
+    WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+      using Sample = decltype(sample);
+      const Sample *above = plane.Row<Sample>(top), *below = plane.Row<Sample>(bottom);
+      for (std::size_t x = 0; x < row.size(); ++x) {
+        row[x] = (plane.yStep - weight) * above[x] + weight * below[x];
       }
+      SpreadRow<Sum>(row, plane.xStep, plane.yStep, full.Row<Sample>(y), width);
     });
   }
-  full.xStep = full.yStep = 1;
   return full;
+}
+
+Plane FullSize(const Plane& plane, std::uint32_t width, std::uint32_t height) {
+  // Steps are below 256, so that 16 bits of depth leave no more than 32.
+  return plane.Depth() <= 16 ? Interpolated<std::uint32_t>(plane, width, height)
+                             : Interpolated<std::uint64_t>(plane, width, height);
 }
 
 std::uint32_t Clamped(double value, std::uint32_t most) {
@@ -144,7 +171,7 @@ void ExpandPalette(Image& image) {
 
 void UndoSubsampling(Image& image) {
   for (Plane& plane : image.planes) {
-    if (plane.xStep != 1 || plane.yStep != 1) plane = Repeat(plane, image.width, image.height);
+    if (plane.xStep != 1 || plane.yStep != 1) plane = FullSize(plane, image.width, image.height);
   }
 }
 

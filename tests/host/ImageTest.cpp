@@ -113,6 +113,32 @@ TEST(Convert, ChromaPlanesGrowAndBecomeRgb) {
   EXPECT_EQ(image.planes[0].At(0, 0), 0U) << "clamped, not wrapped";
 }
 
+// Samples repeated, or placed half a step aside; sums that do not fit; a plane that ends early.
+TEST(Convert, SamplesBetweenThoseOfASubsampledPlaneLieOnLines) {
+  for (const unsigned depth : {8U, 16U, 32U}) {
+    const std::uint32_t most = Plane(1, 1, depth).MaxValue();
+    Image image;
+    image.width = 7;
+    image.height = 3;
+    Plane& plane = image.planes.emplace_back(2U, 2U, depth);
+    plane.xStep = 4;
+    plane.yStep = 2;
+    plane.Set(0, 0, most);
+    plane.Set(1, 0, 8);
+    plane.Set(1, 1, most);
+    UndoSubsampling(image);
+    const Plane& full = image.planes[0];
+    const std::uint64_t sum = std::uint64_t{most} + 8;
+    EXPECT_EQ(full.At(0, 0), most);
+    EXPECT_EQ(full.At(2, 0), (sum + 1) / 2);
+    EXPECT_EQ(full.At(4, 0), 8U);
+    EXPECT_EQ(full.At(6, 0), 8U) << "nothing to go to";
+    EXPECT_EQ(full.At(4, 1), (sum + 1) / 2);
+    EXPECT_EQ(full.At(2, 1), (2 * std::uint64_t{most} + 8 + 2) / 4) << "the mean of all four";
+    EXPECT_EQ(full.At(4, 2), most);
+  }
+}
+
 TEST(Convert, PlanesComeInTheOrderOfTheirColours) {
   Image image = NoiseImage(2, 2, 3, 8, true);
   const Image ordered = image;

@@ -215,7 +215,7 @@ class TilePreview {
   ComponentBands BandsFor(const Coefficients& of, bool areIndices) const {
     const CoefficientPlane plane = {of.cells.Data(), AsIndex(of.window.Width()), of.window,
                                     resolution_};
-    return areIndices ? BandsOfIndices(plane, GeneralSteps(of.steps)) : BandsOfInts(plane);
+    return areIndices ? BandsOfIndices(plane, StepsOfIndices(of.steps)) : BandsOfInts(plane);
   }
 
   ScratchArray<std::int32_t> InverseScratch(const Box& window, int numPlanes) const {

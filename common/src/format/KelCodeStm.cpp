@@ -14,7 +14,7 @@ namespace {
 constexpr KelLong kCacheBytes = 65536;      // write cache of a seekable stream
 constexpr KelLong kLargestCached = 32768;   // longer writes bypass an empty cache
 constexpr KelLong kGrowthBytes = 10240;     // growth step of a held output
-constexpr KelLong kCutShort = -1;          // the host took a part of what it was given
+constexpr KelLong kCutShort = -1;           // the host took a part of what it was given
 constexpr KelLong kSeekRefused = -8;        // bad origin or target, or the host refused
 constexpr KelLong kSeekOutsideBuffer = -4;  // not seekable, and outside what is held
 constexpr KelLong kOriginRelative = 0;

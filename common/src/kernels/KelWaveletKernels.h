@@ -34,9 +34,8 @@ struct WaveletKernels {
   /// The same filter with single-precision arithmetic throughout.
   SynthesisKernels<float> synthesis97Single;
 
-  /// out[i] = (in[i] + offset) step, single precision after each operation.
-  void (*dequantise)(const std::int32_t* in, float* out, std::size_t count, float step,
-                     float offset);
+  /// out[i] = in[i] step, single precision after each operation.
+  void (*dequantise)(const std::int32_t* in, float* out, std::size_t count, float step);
   /// Level shift of 8-bit samples: v + 128, rounded to the nearest integer, halves away from
   /// zero, and clamped to 0..255; single precision after each operation; NaN gives 0.
   void (*floatTo8BitAway)(const float* in, std::uint8_t* out, std::size_t count);

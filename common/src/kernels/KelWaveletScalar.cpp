@@ -127,8 +127,8 @@ void AnalyseRows97(const float* const* x, const double* coreBefore, double* core
   }
 }
 
-void Dequantise(const std::int32_t* in, float* out, std::size_t count, float step, float offset) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = (static_cast<float>(in[i]) + offset) * step;
+void Dequantise(const std::int32_t* in, float* out, std::size_t count, float step) {
+  for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<float>(in[i]) * step;
 }
 
 void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t count) {

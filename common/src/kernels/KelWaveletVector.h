@@ -298,15 +298,14 @@ inline void AnalyseRows97(const float* const* x, const double* coreBefore, doubl
       count, [=](std::size_t i) { body(i, VDouble{}); }, [=](std::size_t i) { body(i, double{}); });
 }
 
-inline void Dequantise(const std::int32_t* in, float* out, std::size_t count, float step,
-                       float offset) {
+inline void Dequantise(const std::int32_t* in, float* out, std::size_t count, float step) {
   Sweep<kLanes>(
       count,
       [=](std::size_t i) {
         const VFloat v = __builtin_convertvector(Load<VInt>(in + i), VFloat);
-        Store(out + i, (v + offset) * step);
+        Store(out + i, v * step);
       },
-      [=](std::size_t i) { out[i] = (static_cast<float>(in[i]) + offset) * step; });
+      [=](std::size_t i) { out[i] = static_cast<float>(in[i]) * step; });
 }
 
 inline void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t count) {

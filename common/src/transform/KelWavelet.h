@@ -97,8 +97,8 @@ struct BandRows {
   void (*refill)(BandRows& band);
   void* source;     ///< for refill's use
   bool hasMargins;  ///< kBandRowMargin cells before and behind each row may be written
-  bool areIndices;  ///< std::int32_t, for the 9/7 filter: (index + offset) step
-  float step, offset;
+  bool areIndices;  ///< std::int32_t, for the 9/7 filter: index times step
+  float step;
 };
 
 /// What a component's bands hold: coefficients of the 5/3 filter, in cells of 32 or 16 bits, or of
@@ -117,14 +117,10 @@ struct ComponentBands {
 struct IndexSteps {
   const float* steps;  ///< one per subband
   float lowStep;       ///< that of LL
-  float lowOffset;
 };
 /// Every index is multiplied by its subband's step; LL stays as it is when its step lies in 0.9999
 /// to 1.0001.
-IndexSteps GeneralSteps(const float* steps);
-/// The offset is added to the indices of LL before they are multiplied by their step, unless there
-/// are no levels.
-IndexSteps OffsetSteps(const float* steps, int numLevels, float offset);
+IndexSteps StepsOfIndices(const float* steps);
 
 /// A tile-component's coefficients in Mallat layout: std::int32_t, 5/3 values or 9/7 indices, or
 /// floats.

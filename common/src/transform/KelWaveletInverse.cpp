@@ -82,13 +82,9 @@ void ColorsToBytes(const ComponentBands (&bands)[3], const SynthesisKernels<Cell
 
 }  // namespace
 
-IndexSteps GeneralSteps(const float* steps) {
+IndexSteps StepsOfIndices(const float* steps) {
   const double low = double{steps[0]};
-  return {steps, low >= 0.9999 && low <= 1.0001 ? 1.0F : steps[0], 0.0F};
-}
-
-IndexSteps OffsetSteps(const float* steps, int numLevels, float offset) {
-  return {steps, steps[0], numLevels == 0 ? 0.0F : offset};
+  return {steps, low >= 0.9999 && low <= 1.0001 ? 1.0F : steps[0]};
 }
 
 ComponentBands BandsOfInts(const CoefficientPlane& plane) {
@@ -105,7 +101,6 @@ ComponentBands BandsOfIndices(const CoefficientPlane& plane, const IndexSteps& s
     BandRows& rows = bands.bands[b];
     rows.areIndices = true;
     rows.step = b == 0 ? steps.lowStep : steps.steps[b];
-    rows.offset = b == 0 ? steps.lowOffset : 0.0F;
   }
   return bands;
 }

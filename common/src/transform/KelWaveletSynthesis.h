@@ -83,7 +83,7 @@ Cell* NextBandRow(LevelSynthesis<Cell>& s, int kind, Cell* piece) {
     if (band.areIndices) {
       auto* const row = static_cast<std::int32_t*>(band.next);
       band.next = row + band.strideCells;
-      Kernels().wavelet.dequantise(row, piece, count, band.step, band.offset);
+      Kernels().wavelet.dequantise(row, piece, count, band.step);
       return piece;
     }
   }

@@ -11,7 +11,8 @@ namespace kel::host {
 /// Replaces indices by the colours of the palette; nothing to do without one.
 void ExpandPalette(Image& image);
 
-/// Brings every plane to the size of the grid by repeating samples.
+/// Brings every plane to the size of the grid. The sample in column k of a subsampled plane stands
+/// at column k * xStep of the grid, and rows likewise; what lies between is interpolated.
 void UndoSubsampling(Image& image);
 
 /// Turns luminance and chroma (ColourSpace::kSycc) into sRGB; nothing to do for other spaces.
