@@ -49,7 +49,11 @@ bool BeginsWith(host::ByteView bytes, std::string_view text) {
 }
 
 bool HasSmallPalette(const Image& image) {
-  return image.palette && image.planes[0].Depth() <= 8 && image.palette->columns.size() == 3 &&
+  if (!image.palette || image.planes.size() != 1) return false;
+  const host::Plane& indices = image.planes[0];
+  return indices.Width() == image.width && indices.Height() == image.height &&
+         indices.Depth() <= 8 && image.palette->columns.size() == 3 &&
+         !image.palette->columns[0].entries.empty() &&
          std::ranges::all_of(image.palette->columns, [](const auto& column) {
            return column.role == host::ChannelRole::kColour;
          });
@@ -141,18 +145,18 @@ void CheckFits(const Image& image, const FormatLimits& limits) {
   const auto refuse = [&](const std::string& what) {
     throw Error(Failure::kOutput, std::string(limits.format) + " files " + what);
   };
-  const unsigned colours = host::NumColours(image);
+  const unsigned colours = image.palette ? 1 : host::NumColours(image);
   if (colours != 1 && colours != 3) {
     refuse("hold grey or RGB images, not " + std::to_string(colours) + " colours");
   }
-  const host::Plane* opacity = host::OpacityPlane(image);
+  const host::Plane* opacity = image.palette ? nullptr : host::OpacityPlane(image);
   if (opacity != nullptr && !limits.opacity) refuse("cannot hold opacity (an alpha channel)");
   if (opacity != nullptr && !limits.premultiplied &&
       opacity->role == host::ChannelRole::kPremultipliedOpacity) {
     refuse("hold plain opacity, not premultiplied; TIFF files hold both");
   }
   const bool others = image.planes.size() != colours + (opacity != nullptr ? 1U : 0U);
-  if (others && !limits.otherChannels) {
+  if (others && (!limits.otherChannels || image.palette)) {
     refuse("cannot hold channels beside colours and opacity; --raw-planes writes any");
   }
   const unsigned depth = image.planes[0].Depth();

@@ -162,6 +162,8 @@ void ExpandPalette(Image& image) {
     Plane& plane = image.planes.emplace_back(indices.Width(), indices.Height(), column.depth);
     plane.role = column.role;
     plane.colour = column.role == ChannelRole::kColour ? ++colours : 0;
+    plane.xStep = indices.xStep;
+    plane.yStep = indices.yStep;
     if (column.entries.empty()) continue;
     MapSamples(indices, plane, [&](std::uint32_t index) {
       return column.entries[std::min<std::size_t>(index, column.entries.size() - 1)];

@@ -3,6 +3,7 @@
 #include "kel/host/decode.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 
 #include "Describe.hpp"
@@ -17,8 +18,10 @@ constexpr unsigned kMostHalvings = 31;
 
 /// What the parts of a decode share.
 struct Job {
+  Job(ByteView data, Index& indexOfData) : bytes(data), index(indexOfData) {}
+
   ByteView bytes;
-  StreamScan scan;
+  Index& index;
   unsigned halvings = 0;  ///< by the decoder: 0 or 1
   std::vector<ComponentArea> areas;
   std::vector<Plane> planes;
@@ -30,12 +33,16 @@ struct Job {
   KelErrorPlace place{nullptr, -1};
 };
 
-/// Decodes a file or code stream that covers a rectangle of the planes.
-void DecodePart(Job& job, ByteView bytes) {
+/// Decodes a file or code stream that covers a rectangle of the planes: a run, or everything.
+/// False, with nothing decoded, when the library sees something else in the run.
+bool DecodePart(Job& job, ByteView bytes, const TileRun* run) {
   Decoder decoder(bytes, job.halvings == 0 ? KelAspectFull : KelAspectHalf);
   KelImage& object = decoder.Object();
+  if (run != nullptr && !IsRunOf(*job.index.Facts().geometry, *run, *object.GetGeometryParams())) {
+    return false;
+  }
   const std::vector<ComponentArea> part = ComponentAreas(*object.GetGeometryParams(), job.halvings);
-  FrameTarget target(job.areas, part, job.scan, decoder.Found().ComponentTransform);
+  FrameTarget target(job.areas, part, job.index.Components(), decoder.Found().ComponentTransform);
   const KelLong code = decoder.DecodeFrame(bytes, target.Raw(), target.Frame(job.planes));
   target.FinishPlanes(object, job.halvings, job.planes);
 
@@ -54,44 +61,59 @@ void DecodePart(Job& job, ByteView bytes) {
     job.failure.errCode = code;
     job.report.problem = CodeSentence(code);
   }
+  return true;
 }
 
-void DecodeRuns(Job& job, const std::vector<TileRun>& runs, unsigned threads,
+/// False when some run did not come out as planned.
+bool DecodeRuns(Job& job, const std::vector<TileRun>& runs, unsigned threads,
                 const Progress& progress) {
   std::size_t done = 0;
+  std::atomic<bool> asPlanned{true};
   ForEachIndex(runs.size(), threads, [&](unsigned, std::size_t index) {
-    DecodePart(job, BuildRun(job.bytes, job.scan, runs[index]));
+    const TileRun& run = runs[index];
+    if (!asPlanned) return;
+    if (!DecodePart(job, BuildRun(job.bytes, job.index.Facts(), run), &run)) asPlanned = false;
     const std::lock_guard lock(job.mutex);
     if (progress) progress(++done, runs.size());
   });
+  return asPlanned;
+}
+
+/// Back to the state before anything was decoded.
+void StartAnew(Job& job) {
+  const std::size_t numTiles = job.report.numTiles;
+  job.report = {};
+  job.report.numTiles = numTiles;
+  job.numTilesWithSamples = 0;
+  job.failure.ClearErrState();
 }
 
 /// Decodes everything into the job's planes.
 void DecodeParts(Job& job, const DecodeParams& params) {
-  const std::vector<TileRun> runs = PlanRuns(job.scan);
-  if (runs.empty()) {
-    DecodePart(job, job.bytes);
-    return;
-  }
+  const std::vector<TileRun> runs = PlanRuns(job.index);
   const unsigned threads = ThreadCount(params.threads);
-  try {
-    DecodeRuns(job, runs, threads, params.progress);
-  } catch (const Error& error) {
-    // Whether an image fits into memory must not depend on the number of threads.
-    if (error.Kind() != Failure::kMemory || threads == 1) throw;
-    const std::size_t numTiles = job.report.numTiles;
-    job.report = {};
-    job.report.numTiles = numTiles;
-    job.numTilesWithSamples = 0;
-    job.failure.ClearErrState();
-    DecodeRuns(job, runs, 1, params.progress);
+  if (!runs.empty()) {
+    try {
+      if (DecodeRuns(job, runs, threads, params.progress)) return;
+    } catch (const Error& error) {
+      // Whether an image fits into memory must not depend on the number of threads.
+      if (error.Kind() != Failure::kMemory || threads == 1) throw;
+      StartAnew(job);
+      if (DecodeRuns(job, runs, 1, params.progress)) return;
+    }
+    StartAnew(job);
+    job.planes = MakePlanes(job.areas);
   }
+  DecodePart(job, job.bytes, nullptr);
 }
 
 /// Whether the decoder can leave out the finest resolution of every tile-component. The coding
 /// styles of all tiles must be known for that, and be those of the main header.
-bool CanHalve(const KelImage& image, const StreamScan& scan) {
-  return scan.tilePartsRegular && !scan.tilesHaveOwnStyle && image.GetMaxRes(0) >= 1;
+bool CanHalve(const KelImage& image, Index& index) {
+  const KelIndexTileParts& tileParts = index.TileParts();
+  return tileParts.areRegular && image.GetMaxRes(0) >= 1 &&
+         std::none_of(tileParts.parts, tileParts.parts + tileParts.count,
+                      [](const KelIndexTilePart& part) { return part.hasCodingStyle; });
 }
 
 /// Averages 2 x 2 samples, at even positions of the component's grid.
@@ -140,21 +162,21 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   if (params.reduce > kMostHalvings) {
     throw Error(Failure::kParameter, "at most 31 halvings are possible");
   }
-  Job job;
   Bytes storage;
-  job.bytes = ReadAll(source, storage);
-  job.scan = ScanStream(job.bytes);
+  const ByteView bytes = ReadAll(source, storage);
+  Index index(bytes);
+  Job job(bytes, index);
 
   auto whole = std::make_unique<Decoder>(job.bytes);
   const KelImageGeometry& geometry = *whole->Object().GetGeometryParams();
-  Image image = DescribeImage(*whole, job.scan);
+  Image image = DescribeImage(*whole, index.Facts());
   if (image.palette && params.reduce != 0) {
     throw Error(Failure::kParameter, "an image with a palette cannot be reduced");
   }
   const auto roles = ComponentRoles(whole->Object());
   const ComponentArea gridArea{geometry.XOsiz, geometry.YOsiz, geometry.Xsiz, geometry.Ysiz};
   job.report.numTiles = static_cast<std::size_t>(whole->Object().GetNumTiles());
-  job.halvings = params.reduce != 0 && CanHalve(whole->Object(), job.scan) ? 1 : 0;
+  job.halvings = params.reduce != 0 && CanHalve(whole->Object(), index) ? 1 : 0;
   job.areas = ComponentAreas(geometry, job.halvings);
   whole.reset();  // what it holds is not needed beside the parts
 

@@ -76,12 +76,12 @@ std::vector<ComponentRole> ComponentRoles(KelImage& image) {
   return roles;
 }
 
-std::optional<Palette> DescribePalette(const KelImage& image, const StreamScan& scan) {
+std::optional<Palette> DescribePalette(const KelImage& image, const KelIndexFacts& facts) {
   const __tagKelPalette* found = image.PalettePresent() ? image.GetPalette() : nullptr;
   if (found == nullptr || found->numEntries == 0) return std::nullopt;
   const bool mapped = found->mapComponent != nullptr;
   const KelULong channels =
-      mapped ? std::min(found->numColumns, KelULong{scan.numMappedChannels}) : found->numColumns;
+      mapped ? std::min(found->numColumns, facts.numMappings) : found->numColumns;
   Palette palette;
   for (KelULong i = 0; i < channels; ++i) {
     const KelULong column = mapped ? found->mapColumn[i] : i;
@@ -103,7 +103,7 @@ std::optional<Palette> DescribePalette(const KelImage& image, const StreamScan& 
   return palette;
 }
 
-Image DescribeImage(const Decoder& decoder, const StreamScan& scan) {
+Image DescribeImage(const Decoder& decoder, const KelIndexFacts& facts) {
   const KelImage& object = decoder.Object();
   const KelImageGeometry& geometry = *object.GetGeometryParams();
   Image image;
@@ -113,11 +113,13 @@ Image DescribeImage(const Decoder& decoder, const StreamScan& scan) {
   if (const __tagICCProfile* profile = object.GetICCProfile()) {
     image.iccProfile.assign(profile->data, profile->data + profile->size);
   }
-  image.palette = DescribePalette(object, scan);
+  image.palette = DescribePalette(object, facts);
   if (object.ResolutionInfoPresent()) {
     image.resolution = {decoder.Found().ResolutionX, decoder.Found().ResolutionY};
   }
-  image.comment = scan.comment;
+  if (facts.commentLength != 0) {
+    image.comment.assign(reinterpret_cast<const char*>(facts.comment), facts.commentLength);
+  }
   for (KelLong i = 0; i < object.GetNumXMLBoxes(); ++i) {
     const __tagKelXML& box = object.GetXMLBoxes()[i];
     image.xml.emplace_back(reinterpret_cast<const char*>(box.data), box.length);

@@ -7,6 +7,21 @@
 namespace kel::host {
 namespace {
 
+/// Everything is placed by the areas of the part, in planes that have those of the whole.
+void RequireInside(const std::vector<ComponentArea>& whole,
+                   const std::vector<ComponentArea>& part) {
+  bool isInside = whole.size() == part.size();
+  for (std::size_t c = 0; c < part.size() && isInside; ++c) {
+    const ComponentArea &outer = whole[c], &inner = part[c];
+    const bool isEmpty = inner.x1 <= inner.x0 || inner.y1 <= inner.y0;
+    isInside = inner.depth == outer.depth && inner.xStep == outer.xStep &&
+               inner.yStep == outer.yStep &&
+               (isEmpty || (inner.x0 >= outer.x0 && inner.x1 <= outer.x1 && inner.y0 >= outer.y0 &&
+                            inner.y1 <= outer.y1));
+  }
+  if (!isInside) throw Error(Failure::kInput, "a part of the image lies outside the whole");
+}
+
 /// A rectangle inside a plane.
 struct Region {
   std::uint32_t x = 0, y = 0, width = 0, height = 0;
@@ -49,8 +64,12 @@ void CopyRawTile(const KelTileComponent& component, const ComponentArea& whole, 
   const KelTileGeometry& place = *component.GetTileGeometryParams();
   const std::int64_t x0 = HalvedEdge(place.X0, halvings), x1 = HalvedEdge(place.X1, halvings);
   const std::int64_t y0 = HalvedEdge(place.Y0, halvings), y1 = HalvedEdge(place.Y1, halvings);
+  const bool isInside = x0 >= whole.x0 && x1 <= whole.x1 && y0 >= whole.y0 && y1 <= whole.y1 &&
+                        x1 - x0 <= data->GetWidth() && y1 - y0 <= data->GetHeight();
+  if (!isInside || x1 <= x0 || y1 <= y0) return;
   KelMemFuncs& memory = *KelGetMemObj();
   const auto* cells = static_cast<const std::uint8_t*>(memory.LockBuf(data->GetImageBuffer()));
+  if (cells == nullptr) throw Error(Failure::kMemory, std::string(CodeSentence(KelErrNoMemory)));
   const auto copy = [&](auto cell) {
     using Cell = decltype(cell);
     const auto* from = reinterpret_cast<const Cell*>(cells);
@@ -115,16 +134,17 @@ std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas) {
 }
 
 FrameTarget::FrameTarget(const std::vector<ComponentArea>& whole,
-                         const std::vector<ComponentArea>& part, const StreamScan& scan,
-                         bool colourTransform)
+                         const std::vector<ComponentArea>& part,
+                         std::span<const KelIndexComponent> components, bool colourTransform)
     : whole_(whole), part_(part) {
+  RequireInside(whole, part);
   // The library's fast paths to bytes, where they give the same samples as the general one: for a
   // transformed colour triple. (For single planes of the 9/7 filter they do not quite.)
   const auto isByte = [](const ComponentArea& area) { return area.depth == 8; };
   const bool fast = colourTransform && std::ranges::all_of(part, isByte);
   for (std::size_t c = 0; c < part.size(); ++c) {
     const ComponentArea& area = part[c];
-    const unsigned boxDepth = BoxDepth(scan, c);
+    const unsigned boxDepth = c < components.size() ? components[c].boxDepth : 0;
     raw_ = raw_ || area.depth > 16 || (boxDepth != 0 && boxDepth != area.depth);
     inDepths_.push_back(fast ? 8 : 0);
     outDepths_.push_back(area.depth <= 8 ? 8 : 16);

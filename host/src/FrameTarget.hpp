@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "Library.hpp"
-#include "StreamScan.hpp"
 #include "kel/host/image.hpp"
 
 namespace kel::host {
@@ -37,9 +36,10 @@ std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas);
 /// The request for one frame of an image object, into a rectangle of the planes.
 class FrameTarget {
  public:
-  /// whole: areas of the planes. part: areas of the image object that will decode, inside whole.
+  /// whole: areas of the planes. part: areas of the image object that will decode. Throws Error
+  /// (kInput) unless these are the same components and lie inside whole.
   FrameTarget(const std::vector<ComponentArea>& whole, const std::vector<ComponentArea>& part,
-              const StreamScan& scan, bool colourTransform);
+              std::span<const KelIndexComponent> components, bool colourTransform);
 
   /// For GetNextFrame, delivering into planes.
   KelFrameData* Frame(std::vector<Plane>& planes);

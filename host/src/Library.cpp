@@ -45,6 +45,48 @@ KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::si
   return *handle;
 }
 
+KelLong Index::Open(ByteView bytes) {
+  RequireSession();
+  if (bytes.empty()) throw Error(Failure::kInput, "there are no data");
+  const KelCompressedData block{bytes.data(), static_cast<KelULong>(bytes.size())};
+  return index_.InitIndex(nullptr, &block);
+}
+
+void Index::Refuse(KelLong code) {
+  KelException raised = index_.GetErrorDetails();
+  raised.errCode = code;
+  index_.Die();
+  ThrowFailure(raised, Failure::kInput);
+}
+
+Index::Index(ByteView bytes) {
+  const KelLong code = Open(bytes);
+  if (code != KelOK) Refuse(code);
+}
+
+Index::~Index() {
+  index_.Die();
+}
+
+std::unique_ptr<Index> Index::OfArrived(ByteView bytes) {
+  if (bytes.empty()) return nullptr;
+  std::unique_ptr<Index> index(new Index);
+  const KelLong code = index->Open(bytes);
+  if (code == KelOK) return index;
+  if (index->index_.DataEndInHeader()) return nullptr;
+  index->Refuse(code);
+}
+
+std::span<const KelIndexComponent> Index::Components() const {
+  return {Facts().components, static_cast<std::size_t>(Facts().geometry->Csiz)};
+}
+
+const KelIndexTileParts& Index::TileParts() {
+  const KelIndexTileParts* parts = index_.GetTileParts();
+  if (parts == nullptr) ThrowFailure(index_.GetErrorDetails(), Failure::kMemory);
+  return *parts;
+}
+
 Decoder::Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect) {
   RequireSession();
   if (bytes.empty()) throw Error(Failure::kInput, "there are no data");

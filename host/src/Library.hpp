@@ -5,6 +5,8 @@
 
 #include <kel/Kel.h>
 
+#include <memory>
+#include <span>
 #include <utility>
 
 #include "kel/host/errors.hpp"
@@ -34,6 +36,31 @@ decltype(auto) Raising(Failure kind, Call&& call) {
     ThrowFailure(raised, kind);
   }
 }
+
+/// The library's index of bytes in memory, which must outlive it.
+class Index {
+ public:
+  /// Reads everything before the first tile-part; throws Error (kInput, kMemory).
+  explicit Index(ByteView bytes);
+  ~Index();
+  Index(const Index&) = delete;
+  Index& operator=(const Index&) = delete;
+
+  /// The same; nothing when the data end before the first tile-part.
+  static std::unique_ptr<Index> OfArrived(ByteView bytes);
+
+  const KelIndexFacts& Facts() const { return *index_.GetFacts(); }
+  std::span<const KelIndexComponent> Components() const;
+  /// Throws Error (kMemory).
+  const KelIndexTileParts& TileParts();
+
+ private:
+  Index() = default;
+  KelLong Open(ByteView bytes);
+  [[noreturn]] void Refuse(KelLong code);
+
+  KelStreamIndex index_;
+};
 
 /// An image object set up to decode bytes in memory, which must outlive it.
 class Decoder {

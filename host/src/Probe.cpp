@@ -9,7 +9,7 @@
 namespace kel::host {
 namespace {
 
-void DescribeComponents(Decoder& decoder, const StreamScan& scan, Info& info) {
+void DescribeComponents(Decoder& decoder, const Index& index, Info& info) {
   KelImage& object = decoder.Object();
   const auto areas = ComponentAreas(*object.GetGeometryParams(), 0);
   const auto roles = ComponentRoles(object);
@@ -18,8 +18,7 @@ void DescribeComponents(Decoder& decoder, const StreamScan& scan, Info& info) {
     info.components.push_back({static_cast<std::uint32_t>(area.x1 - area.x0),
                                static_cast<std::uint32_t>(area.y1 - area.y0), area.depth,
                                area.xStep, area.yStep, roles[c].role, roles[c].colour,
-                               BoxDepth(scan, c),
-                               BoxDepth(scan, c) != 0 && scan.boxDepths[c] > 127});
+                               index.Components()[c].boxDepth, index.Components()[c].boxIsSigned});
   }
 }
 
@@ -79,16 +78,17 @@ Info Probe(Source& source) {
   Bytes storage;
   const ByteView bytes = ReadAll(source, storage);
   Decoder decoder(bytes);
-  const StreamScan scan = ScanStream(bytes);
+  Index index(bytes);
+  const KelIndexFacts& facts = index.Facts();
   const KelEncOpt& found = decoder.Found();
 
   Info info;
   info.bytes = bytes.size();
-  info.flavour = scan.markerByte;
-  info.boxed = scan.boxed;
-  info.codeStreamOffset = scan.codeStreamOffset;
+  info.flavour = facts.markerByte;
+  info.boxed = facts.isBoxed;
+  info.codeStreamOffset = facts.codeStreamOffset;
   DescribeTiling(decoder, info);
-  DescribeComponents(decoder, scan, info);
+  DescribeComponents(decoder, index, info);
   info.levels = static_cast<unsigned>(found.NumLevels);
   info.layers = static_cast<unsigned>(found.NumLayers);
   info.order = static_cast<unsigned>(found.ProgressionOrder);
@@ -97,7 +97,7 @@ Info Probe(Source& source) {
   DescribeColour(decoder.Object(), info);
   DescribeChannels(decoder, info);
 
-  Image image = DescribeImage(decoder, scan);
+  Image image = DescribeImage(decoder, facts);
   info.palette = std::move(image.palette);
   info.resolution = image.resolution;
   info.comment = std::move(image.comment);
@@ -105,11 +105,12 @@ Info Probe(Source& source) {
   for (const UuidPayload& payload : image.uuids) {
     info.uuids.push_back({payload.id, payload.data.size()});
   }
-  for (const ScannedTilePart& part : scan.tileParts) {
+  const KelIndexTileParts& tileParts = index.TileParts();
+  for (const KelIndexTilePart& part : std::span(tileParts.parts, tileParts.count)) {
     info.tileParts.push_back(
-        {part.tile, part.part, part.offset - scan.codeStreamOffset, part.length});
+        {part.tile, part.part, part.offset - facts.codeStreamOffset, part.length});
   }
-  info.tilePartsRegular = scan.tilePartsRegular;
+  info.tilePartsRegular = tileParts.areRegular;
   return info;
 }
 

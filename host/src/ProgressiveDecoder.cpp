@@ -9,52 +9,43 @@
 namespace kel::host {
 namespace {
 
-/// The shortest signature that can be told from others.
-constexpr std::size_t kSignatureBytes = 13;
+/// What there is from the header on.
+struct Opened {
+  explicit Opened(ByteView bytes, const Index& index);
+  void DecodeMore(ByteView bytes, ProgressiveDecoder::Update& update);
 
-}  // namespace
-
-struct ProgressiveDecoder::State {
-  Bytes bytes;
-  Image description;                 ///< everything but the planes
-  std::unique_ptr<Decoder> decoder;  ///< made when the header is there
+  Decoder decoder;
+  Image description;  ///< everything but the planes
   std::vector<ComponentArea> areas;
-  std::unique_ptr<FrameTarget> target;
+  FrameTarget target;
   MemoryReservation room;
   std::vector<Plane> planes;  ///< as the library leaves them
   std::vector<bool> complete;
-
-  bool Open();
-  void DecodeMore(Update& update);
 };
 
-/// Sets up the decoder when the main header has arrived; false when it has not.
-bool ProgressiveDecoder::State::Open() {
-  if (bytes.size() < kSignatureBytes) return false;
-  KelCompressedData block{bytes.data(), static_cast<KelULong>(bytes.size())};
-  if (!KelImage().FileIsKel(&block)) {
-    throw Error(Failure::kInput, std::string(CodeSentence(KelErrUnknownFormat)));
-  }
-  const StreamScan scan = ScanStream(bytes);
-  if (!scan.hasMainHeader) return false;
-  decoder = std::make_unique<Decoder>(bytes);
-  description = DescribeImage(*decoder, scan);
-  KelImage& object = decoder->Object();
-  areas = ComponentAreas(*object.GetGeometryParams(), 0);
-  room = MemoryReservation(PlaneBytes(areas), "the decoded image");
-  planes = MakePlanes(areas);
-  const auto roles = ComponentRoles(object);
+Opened::Opened(ByteView bytes, const Index& index)
+    : decoder(bytes),
+      description(DescribeImage(decoder, index.Facts())),
+      areas(ComponentAreas(*decoder.Object().GetGeometryParams(), 0)),
+      target(areas, areas, index.Components(), decoder.Found().ComponentTransform),
+      room(PlaneBytes(areas), "the decoded image"),
+      planes(MakePlanes(areas)),
+      complete(static_cast<std::size_t>(decoder.Object().GetNumTiles())) {
+  const auto roles = ComponentRoles(decoder.Object());
   for (std::size_t c = 0; c < planes.size(); ++c) {
     planes[c].role = roles[c].role;
     planes[c].colour = roles[c].colour;
   }
-  target = std::make_unique<FrameTarget>(areas, areas, scan, decoder->Found().ComponentTransform);
-  complete.resize(static_cast<std::size_t>(object.GetNumTiles()));
-  return true;
 }
 
-void ProgressiveDecoder::State::DecodeMore(Update& update) {
-  KelImage& object = decoder->Object();
+/// What stands in the data once the main header has arrived; nothing before.
+std::unique_ptr<Opened> OpenArrived(ByteView bytes) {
+  const std::unique_ptr<Index> index = Index::OfArrived(bytes);
+  return index ? std::make_unique<Opened>(bytes, *index) : nullptr;
+}
+
+void Opened::DecodeMore(ByteView bytes, ProgressiveDecoder::Update& update) {
+  KelImage& object = decoder.Object();
   const auto everyComponent = [&](std::size_t tile, auto&& visit) {
     for (std::size_t c = 0; c < areas.size(); ++c) visit(TileComponent(object, tile, c));
   };
@@ -62,7 +53,7 @@ void ProgressiveDecoder::State::DecodeMore(Update& update) {
     everyComponent(tile, [](KelTileComponent& part) { part.ResetTileCompDataReady(); });
   }
   // A code other than 0 says that some tile is missing or damaged; more data may bring it.
-  decoder->DecodeFrame(bytes, target->Raw(), target->Frame(planes));
+  decoder.DecodeFrame(bytes, target.Raw(), target.Frame(planes));
   for (std::size_t tile = 0; tile < complete.size(); ++tile) {
     bool improved = false;
     everyComponent(tile, [&](KelTileComponent& part) { improved |= part.TileCompDataReady(); });
@@ -74,6 +65,13 @@ void ProgressiveDecoder::State::DecodeMore(Update& update) {
   }
   update.complete = std::ranges::find(complete, false) == complete.end();
 }
+
+}  // namespace
+
+struct ProgressiveDecoder::State {
+  Bytes bytes;
+  std::unique_ptr<Opened> opened;  ///< null before the header has arrived
+};
 
 ProgressiveDecoder::ProgressiveDecoder() : state_(std::make_unique<State>()) {
   RequireSession();
@@ -88,23 +86,25 @@ ProgressiveDecoder::Update ProgressiveDecoder::Feed(ByteView more) {
   }
   state.bytes.insert(state.bytes.end(), more.begin(), more.end());
   Update update;
-  if (!state.decoder) {
-    if (!state.Open()) return update;
+  if (!state.opened) {
+    state.opened = OpenArrived(state.bytes);
+    if (!state.opened) return update;
     update.headerIsNew = true;
   }
-  state.DecodeMore(update);
+  state.opened->DecodeMore(state.bytes, update);
   return update;
 }
 
 bool ProgressiveDecoder::HasHeader() const {
-  return state_->decoder != nullptr;
+  return state_->opened != nullptr;
 }
 
 Image ProgressiveDecoder::GetImage() const {
   if (!HasHeader()) throw Error(Failure::kIncomplete, "the header has not arrived yet");
-  Image image = state_->description;
-  image.planes = state_->planes;
-  state_->target->FinishPlanes(state_->decoder->Object(), 0, image.planes);
+  const Opened& opened = *state_->opened;
+  Image image = opened.description;
+  image.planes = opened.planes;
+  opened.target.FinishPlanes(opened.decoder.Object(), 0, image.planes);
   return image;
 }
 

@@ -12,6 +12,7 @@ constexpr std::uint64_t kRunArea = 512 * 512;
 
 constexpr std::uint32_t kXmlBox = 0x786D6C20, kUuidBox = 0x75756964;  // "xml ", "uuid"
 constexpr std::uint8_t kEoc = 0xD9;
+constexpr std::size_t kSizGridBytes = 38;  // marker, length, capabilities, eight numbers
 
 void PutU16(Bytes& bytes, std::size_t at, std::uint64_t value) {
   bytes[at] = static_cast<std::uint8_t>(value >> 8);
@@ -24,40 +25,69 @@ void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value) {
 }
 
 void Append(Bytes& to, ByteView from, std::uint64_t offset, std::uint64_t length) {
+  if (offset > from.size() || length > from.size() - offset) {
+    throw Error(Failure::kInput, "a tile-part reaches behind the end of the data");
+  }
   const ByteView piece = from.subspan(offset, length);
   to.insert(to.end(), piece.begin(), piece.end());
 }
 
+/// The box that holds the code stream; null when there is none.
+const KelIndexBox* BoxOfCodeStream(const KelIndexFacts& facts) {
+  const std::span boxes(facts.boxes, facts.numBoxes);
+  const auto found = std::ranges::find_if(boxes, [&](const KelIndexBox& box) {
+    return box.offset + box.headerBytes == facts.codeStreamOffset;
+  });
+  return found == boxes.end() ? nullptr : &*found;
+}
+
 /// The boxes around the code stream, without payloads that do not bear on samples and without
 /// what follows the code stream's own box, which comes last and has no length.
-void AppendBoxes(Bytes& data, ByteView bytes, const StreamScan& scan) {
-  const auto codeStream = std::ranges::find_if(scan.boxes, [&](const ScannedBox& box) {
-    return box.offset < scan.codeStreamOffset && box.offset + box.length >= scan.codeStreamEnd;
-  });
-  for (const ScannedBox& box : scan.boxes) {
+void AppendBoxes(Bytes& data, ByteView bytes, const KelIndexFacts& facts) {
+  const KelULong codeStreamType = BoxOfCodeStream(facts)->type;
+  for (const KelIndexBox& box : std::span(facts.boxes, facts.numBoxes)) {
     const bool carried =
-        box.isWhole && box.type != codeStream->type && box.type != kXmlBox && box.type != kUuidBox;
+        box.isWhole && box.type != codeStreamType && box.type != kXmlBox && box.type != kUuidBox;
     if (carried) Append(data, bytes, box.offset, box.length);
   }
   const std::size_t at = data.size();
   data.resize(at + 8);
-  PutU32(data, at + 4, codeStream->type);
+  PutU32(data, at + 4, codeStreamType);
 }
 
-/// Moves the image area and the tile grid of a SIZ segment to a run.
-void NarrowSiz(Bytes& data, std::size_t at, const ScannedGrid& grid, const TileRun& run) {
-  const std::uint64_t left = grid.tileX0 + run.column * grid.tileWidth;
-  const std::uint64_t top = grid.tileY0 + run.row * grid.tileHeight;
-  PutU32(data, at + 6, std::min(grid.x1, left + run.columns * grid.tileWidth));
-  PutU32(data, at + 10, std::min(grid.y1, top + run.rows * grid.tileHeight));
-  PutU32(data, at + 14, std::max(grid.x0, left));
-  PutU32(data, at + 18, std::max(grid.y0, top));
-  PutU32(data, at + 30, left);
-  PutU32(data, at + 34, top);
+/// Image area and origin of the tile grid of a run.
+struct RunGrid {
+  std::int64_t x1, y1, x0, y0, tileX0, tileY0;
+};
+
+RunGrid GridOf(const KelImageGeometry& whole, const TileRun& run) {
+  const std::int64_t left = whole.XTOsiz + std::int64_t{run.column} * whole.XTsiz;
+  const std::int64_t top = whole.YTOsiz + std::int64_t{run.row} * whole.YTsiz;
+  return {std::min<std::int64_t>(whole.Xsiz, left + std::int64_t{run.columns} * whole.XTsiz),
+          std::min<std::int64_t>(whole.Ysiz, top + std::int64_t{run.rows} * whole.YTsiz),
+          std::max<std::int64_t>(whole.XOsiz, left),
+          std::max<std::int64_t>(whole.YOsiz, top),
+          left,
+          top};
+}
+
+/// Moves the image area and the tile grid of the SIZ segment at a place to a run. The library has
+/// read the segment there, so that all its fields stand inside the header.
+void NarrowSiz(Bytes& data, std::size_t at, const RunGrid& grid) {
+  if (at + kSizGridBytes > data.size()) throw Error(Failure::kInput, "its SIZ segment is cut off");
+  const auto put = [&](std::size_t field, std::int64_t value) {
+    PutU32(data, at + field, static_cast<std::uint64_t>(value));
+  };
+  put(6, grid.x1);
+  put(10, grid.y1);
+  put(14, grid.x0);
+  put(18, grid.y0);
+  put(30, grid.tileX0);
+  put(34, grid.tileY0);
 }
 
 /// The tile-parts of every tile of the grid, in the order of the data.
-using PartsOfTiles = std::vector<std::vector<ScannedTilePart>>;
+using PartsOfTiles = std::vector<std::vector<KelIndexTilePart>>;
 
 TileRun MakeRun(const PartsOfTiles& tiles, std::uint32_t across, TileRun run) {
   for (std::uint32_t row = run.row; row < run.row + run.rows; ++row) {
@@ -66,7 +96,7 @@ TileRun MakeRun(const PartsOfTiles& tiles, std::uint32_t across, TileRun run) {
       run.parts.insert(run.parts.end(), parts.begin(), parts.end());
     }
   }
-  std::ranges::sort(run.parts, {}, &ScannedTilePart::offset);
+  std::ranges::sort(run.parts, {}, &KelIndexTilePart::offset);
   return run;
 }
 
@@ -86,16 +116,21 @@ void AddBlock(const PartsOfTiles& tiles, std::uint32_t across, const TileRun& bl
 
 }  // namespace
 
-std::vector<TileRun> PlanRuns(const StreamScan& scan) {
-  const ScannedGrid& grid = scan.grid;
-  const std::uint64_t numTiles = grid.TilesAcross() * grid.TilesDown();
-  if (!scan.tilePartsRegular || numTiles < 2 || numTiles > 65535) return {};
-  const auto across = static_cast<std::uint32_t>(grid.TilesAcross());
-  const auto down = static_cast<std::uint32_t>(grid.TilesDown());
-  PartsOfTiles tiles(numTiles);
-  for (const ScannedTilePart& part : scan.tileParts) tiles[part.tile].push_back(part);
+std::vector<TileRun> PlanRuns(Index& index) {
+  const KelIndexFacts& facts = index.Facts();
+  const KelImageGeometry& grid = *facts.geometry;
+  const auto across = static_cast<std::uint32_t>(grid.NumXTiles);
+  const auto down = static_cast<std::uint32_t>(grid.NumYTiles);
+  if (across * down < 2 || (facts.isBoxed && BoxOfCodeStream(facts) == nullptr)) return {};
+  const KelIndexTileParts& tileParts = index.TileParts();
+  if (!tileParts.areRegular) return {};
+  PartsOfTiles tiles(across * down);
+  for (const KelIndexTilePart& part : std::span(tileParts.parts, tileParts.count)) {
+    tiles.at(part.tile).push_back(part);
+  }
 
-  const std::uint64_t tileArea = grid.tileWidth * grid.tileHeight;
+  const std::uint64_t tileArea = std::uint64_t{1} * static_cast<std::uint32_t>(grid.XTsiz) *
+                                 static_cast<std::uint32_t>(grid.YTsiz);
   const auto perRun = static_cast<std::uint32_t>(std::max<std::uint64_t>(kRunArea / tileArea, 1));
   const std::uint32_t columns = std::min(perRun, across);
   const std::uint32_t rows = columns < across ? 1 : std::min(std::max(perRun / across, 1U), down);
@@ -110,14 +145,15 @@ std::vector<TileRun> PlanRuns(const StreamScan& scan) {
   return runs;
 }
 
-Bytes BuildRun(ByteView bytes, const StreamScan& scan, const TileRun& run) {
+Bytes BuildRun(ByteView bytes, const KelIndexFacts& facts, const TileRun& run) {
   Bytes data;
-  if (scan.boxed) AppendBoxes(data, bytes, scan);
+  if (facts.isBoxed) AppendBoxes(data, bytes, facts);
   const std::size_t codeStream = data.size();
-  Append(data, bytes, scan.codeStreamOffset, scan.tilePartOffset - scan.codeStreamOffset);
-  NarrowSiz(data, codeStream + (scan.sizOffset - scan.codeStreamOffset), scan.grid, run);
-  const auto across = static_cast<std::uint32_t>(scan.grid.TilesAcross());
-  for (const ScannedTilePart& part : run.parts) {
+  Append(data, bytes, facts.codeStreamOffset, facts.firstTilePartOffset - facts.codeStreamOffset);
+  NarrowSiz(data, codeStream + (facts.sizOffset - facts.codeStreamOffset),
+            GridOf(*facts.geometry, run));
+  const auto across = static_cast<std::uint32_t>(facts.geometry->NumXTiles);
+  for (const KelIndexTilePart& part : run.parts) {
     const std::size_t at = data.size();
     Append(data, bytes, part.offset, part.length);
     const std::uint32_t row = part.tile / across - run.row,
@@ -125,9 +161,21 @@ Bytes BuildRun(ByteView bytes, const StreamScan& scan, const TileRun& run) {
     PutU16(data, at + 4, row * run.columns + column);
     PutU32(data, at + 6, part.length);
   }
-  data.push_back(scan.markerByte);
+  data.push_back(static_cast<std::uint8_t>(facts.markerByte));
   data.push_back(kEoc);
   return data;
+}
+
+bool IsRunOf(const KelImageGeometry& whole, const TileRun& run, const KelImageGeometry& found) {
+  const RunGrid grid = GridOf(whole, run);
+  const std::pair<std::int64_t, std::int64_t> fields[] = {
+      {found.Xsiz, grid.x1},      {found.Ysiz, grid.y1},       {found.XOsiz, grid.x0},
+      {found.YOsiz, grid.y0},     {found.XTOsiz, grid.tileX0}, {found.YTOsiz, grid.tileY0},
+      {found.XTsiz, whole.XTsiz}, {found.YTsiz, whole.YTsiz},  {found.Csiz, whole.Csiz}};
+  if (!std::ranges::all_of(fields, [](const auto& f) { return f.first == f.second; })) return false;
+  return std::equal(found.XRsiz, found.XRsiz + found.Csiz, whole.XRsiz) &&
+         std::equal(found.YRsiz, found.YRsiz + found.Csiz, whole.YRsiz) &&
+         std::equal(found.BitDepths, found.BitDepths + found.Csiz, whole.BitDepths);
 }
 
 }  // namespace kel::host

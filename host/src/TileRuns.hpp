@@ -3,28 +3,34 @@
 // A rectangle of tiles is an image of its own on the same grid: the main header with the image
 // area and the origin of the tile grid moved to the rectangle, and the tile-parts of its tiles
 // renumbered. All coordinates stay what they are, so every tile decodes to the same samples.
-// How a stream is cut depends on the stream alone, never on the number of threads.
+// Where things stand, the library's index tells; that a part came out as planned is checked on
+// what the library reads of it. How a stream is cut depends on the stream alone, never on the
+// number of threads.
 #ifndef KEL_HOST_TILE_RUNS_HPP
 #define KEL_HOST_TILE_RUNS_HPP
 
 #include <vector>
 
-#include "StreamScan.hpp"
+#include "Library.hpp"
 
 namespace kel::host {
 
 /// A rectangle of tiles, with their tile-parts in the order of the data.
 struct TileRun {
   std::uint32_t column = 0, row = 0, columns = 1, rows = 1;
-  std::vector<ScannedTilePart> parts;
+  std::vector<KelIndexTilePart> parts;
 };
 
 /// All tiles that have tile-parts, in runs; few tiles each, unless they are small. Nothing when
 /// the tile-parts are not regular or there is only one tile: such data are decoded as they are.
-std::vector<TileRun> PlanRuns(const StreamScan& scan);
+std::vector<TileRun> PlanRuns(Index& index);
 
 /// The run as data of its own: the boxes that bear on decoding, main header, tile-parts.
-Bytes BuildRun(ByteView bytes, const StreamScan& scan, const TileRun& run);
+Bytes BuildRun(ByteView bytes, const KelIndexFacts& facts, const TileRun& run);
+
+/// Whether the library found in a run what is meant to be there: its rectangle of the whole grid,
+/// the same components.
+bool IsRunOf(const KelImageGeometry& whole, const TileRun& run, const KelImageGeometry& found);
 
 }  // namespace kel::host
 

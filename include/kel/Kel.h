@@ -7,6 +7,7 @@
 #include "KelGeometry.h"
 #include "KelImage.h"
 #include "KelImageData.h"
+#include "KelIndex.h"
 #include "KelMemory.h"
 #include "KelOptions.h"
 #include "KelStream.h"

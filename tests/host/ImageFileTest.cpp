@@ -93,6 +93,30 @@ TEST(ImageFile, PalettesStayPalettes) {
   }
 }
 
+// Indices that do not cover the image, or stand beside other channels, would let the writers read
+// past the planes.
+TEST(ImageFile, PalettesOfSmallerPlanesAreApplied) {
+  Image image = NoiseImage(20, 6, 1, 8);
+  image.palette.emplace().columns.resize(3, {8, ChannelRole::kColour, {7, 8, 9}});
+  Image beside = image;
+  beside.planes.push_back(image.planes[0]);
+  image.planes[0] = Plane(5, 3, 8);
+  image.planes[0].xStep = 4;
+  image.planes[0].yStep = 2;
+  for (const char* name : {"x.png", "x.tif"}) {
+    const Image back = Trip(image, name);
+    ASSERT_EQ(back.planes.size(), 3U) << name;
+    for (const Plane& plane : back.planes) {
+      EXPECT_EQ(plane.Width(), 20U);
+      EXPECT_EQ(plane.At(19, 5), 7U);
+    }
+    EXPECT_EQ(Trip(beside, name).planes.size(), 3U);
+  }
+  MemorySink sink;
+  EXPECT_THROW(MakePng(sink)->Begin(image), Error);
+  EXPECT_THROW(MakeTiff(sink)->Begin(beside), Error);
+}
+
 /// A PNG file with a declared transparency, which the command's own writer never makes.
 Bytes MakePng(int colourType, int depth, const std::vector<Bytes>& rows, const Bytes& opacity,
               const png_color_16* key, const std::vector<png_color>& palette) {

@@ -1,4 +1,4 @@
-// Finding the way through files and code streams, and cutting them into parts.
+// Cutting files and code streams into parts.
 #include "TileRuns.hpp"
 
 #include <gtest/gtest.h>
@@ -7,6 +7,8 @@
 #include <set>
 
 #include "BitAssembler.h"
+#include "FrameTarget.hpp"
+#include "kel/host/session.hpp"
 
 namespace {
 
@@ -27,16 +29,20 @@ class CodeStream {
   CodeStream& Header(unsigned x1, unsigned y1, unsigned x0, unsigned y0, unsigned tile) {
     Marker(0x4F).Marker(0x51).stream.U16(41).U16(0).U32(x1).U32(y1).U32(x0).U32(y0);
     stream.U32(tile).U32(tile).U32(2).U32(1).U16(1).U8(7).U8(1).U8(1);
-    Marker(0x64).stream.U16(9).U16(1).Text("words");
+    Style().Marker(0x5C).stream.U16(4).U8(0x40).U8(0x40);
     return *this;
   }
   CodeStream& TilePart(const Part& part, bool ownStyle = false) {
-    const std::size_t style = ownStyle ? 4 : 0;
+    const std::size_t style = ownStyle ? 14 : 0;
     Marker(0x90).stream.U16(10).U16(part.tile);
     stream.U32(part.hidesLength ? 0 : 14 + style + part.packetBytes).U8(part.part).U8(0);
-    if (ownStyle) Marker(0x52).stream.U16(2);
+    if (ownStyle) Style();
     Marker(0x93);
     for (std::size_t i = 0; i < part.packetBytes; ++i) stream.U8(0x10 * part.tile + part.part);
+    return *this;
+  }
+  CodeStream& Style() {
+    Marker(0x52).stream.U16(12).U8(0).U8(1).U16(1).U8(0).U8(0).U8(1).U8(1).U8(8).U8(1);
     return *this;
   }
   CodeStream& End() { return Marker(0xD9); }
@@ -51,51 +57,6 @@ class CodeStream {
   unsigned marker_;
 };
 
-constexpr std::size_t kHeaderBytes = 2 + 43 + 11;
-
-TEST(StreamScan, FollowsTilePartsByTheirLengths) {
-  CodeStream code;
-  code.Header(100, 70, 10, 5, 50).TilePart({0, 0, 5}).TilePart({3, 0, 0}).TilePart({0, 1, 7}, true);
-  const StreamScan scan = ScanStream(code.End().stream.Result());
-  EXPECT_FALSE(scan.boxed);
-  EXPECT_EQ(scan.markerByte, 0xAB);
-  EXPECT_EQ(scan.comment, "words");
-  EXPECT_TRUE(scan.hasMainHeader && scan.tilePartsRegular && scan.tilesHaveOwnStyle);
-  EXPECT_EQ(scan.tilePartOffset, kHeaderBytes);
-  ASSERT_EQ(scan.tileParts.size(), 3U);
-  EXPECT_EQ(scan.tileParts[1].offset, kHeaderBytes + 19);
-  EXPECT_EQ(scan.tileParts[2].length, 14U + 4U + 7U);
-  EXPECT_EQ(scan.grid.TilesAcross(), 2U);
-}
-
-TEST(StreamScan, LastPartWithoutLengthRunsToTheEnd) {
-  for (const bool marked : {true, false}) {
-    CodeStream code(0xFF);
-    code.Header(100, 70, 10, 5, 50).TilePart({0, 0, 5}).TilePart({1, 0, 7, true});
-    if (marked) code.End();
-    const StreamScan scan = ScanStream(code.stream.Result());
-    EXPECT_TRUE(scan.tilePartsRegular);
-    EXPECT_EQ(scan.tileParts.back().length, 21U);
-  }
-}
-
-// Whatever is cut off or wrong: never regular, never outside the data. (Sanitizers watch.)
-TEST(StreamScan, LosesItsWayQuietly) {
-  CodeStream code;
-  code.Header(100, 70, 10, 5, 50).TilePart({0, 0, 5}).TilePart({2, 0, 7});
-  const test::Bytes whole = code.stream.Result();
-  for (std::size_t length = 0; length < whole.size(); ++length) {
-    const StreamScan scan = ScanStream(ByteView(whole).first(length));
-    EXPECT_EQ(scan.hasMainHeader, length >= kHeaderBytes + 4) << length;
-    EXPECT_EQ(scan.tilePartsRegular, length == kHeaderBytes + 19) << length;
-  }
-  for (const std::size_t at : {kHeaderBytes + 5, kHeaderBytes + 9, kHeaderBytes + 19}) {
-    test::Bytes damaged = whole;  // tile number, length, marker of the second
-    damaged[at] = 0x7F;
-    EXPECT_FALSE(ScanStream(damaged).tilePartsRegular) << at;
-  }
-}
-
 BitAssembler Boxed(const test::Bytes& code, bool withLength) {
   BitAssembler file;
   file.U32(12).Text("weabzolt").U32(20).Text("ftypweab").U32(1).Text("weab");
@@ -104,22 +65,6 @@ BitAssembler Boxed(const test::Bytes& code, bool withLength) {
   file.U32(withLength ? code.size() + 8 : 0).Text("vrmc").Append(code);
   if (withLength) file.U32(12).Text("abchlate").U32(11).Text("xml cut");
   return file;
-}
-
-TEST(StreamScan, FindsTheCodeStreamAmongBoxes) {
-  CodeStream code;
-  code.Header(100, 70, 10, 5, 50).TilePart({0, 0, 5}).End();
-  for (const bool withLength : {true, false}) {
-    const test::Bytes file = Boxed(code.stream.Result(), withLength).Result();
-    const StreamScan scan = ScanStream(file);
-    EXPECT_TRUE(scan.boxed && scan.tilePartsRegular);
-    EXPECT_EQ(scan.codeStreamOffset, 76U + 8U);
-    EXPECT_EQ(scan.numMappedChannels, 2U);
-    EXPECT_EQ(scan.boxes.size(), withLength ? 7U : 5U);
-    for (std::size_t length = 0; length < file.size(); ++length) {
-      ScanStream(ByteView(file).first(length));
-    }
-  }
 }
 
 /// 4 x 3 tiles of 600 x 600 with a part each; tile 5 has two, tile 7 none.
@@ -133,87 +78,110 @@ CodeStream Tiles(unsigned size) {
   return code;
 }
 
-TEST(TileRuns, EveryTileIsInOneRun) {
+struct TileRuns : testing::Test {
+  Session session;
+};
+
+TEST_F(TileRuns, EveryTileIsInOneRun) {
   for (const unsigned size : {600U, 250U, 100U, 20U}) {
     const test::Bytes bytes = Tiles(size).stream.Result();
+    Index index(bytes);
     std::set<std::uint64_t> offsets;
     std::size_t parts = 0;
-    const std::vector<TileRun> runs = PlanRuns(ScanStream(bytes));
+    const std::vector<TileRun> runs = PlanRuns(index);
     for (const TileRun& run : runs) {
-      for (const ScannedTilePart& part : run.parts) {
+      for (const KelIndexTilePart& part : run.parts) {
         EXPECT_TRUE(part.tile % 4 >= run.column && part.tile % 4 < run.column + run.columns);
         EXPECT_TRUE(part.tile / 4 >= run.row && part.tile / 4 < run.row + run.rows);
         offsets.insert(part.offset);
         ++parts;
       }
-      EXPECT_TRUE(std::ranges::is_sorted(run.parts, {}, &ScannedTilePart::offset));
+      EXPECT_TRUE(std::ranges::is_sorted(run.parts, {}, &KelIndexTilePart::offset));
     }
     EXPECT_EQ(parts, 12U);
     EXPECT_EQ(offsets.size(), 12U);
-    EXPECT_EQ(runs.size(), size == 600   ? 11U
-                           : size == 250 ? 5U
-                                         : 11U)
+    EXPECT_EQ(runs.size(), size == 250 ? 5U : 11U)
         << "blocks with a missing tile fall apart into tiles";
   }
 }
 
-TEST(TileRuns, DataThatCannotBeCutStayWhole) {
+TEST_F(TileRuns, DataThatCannotBeCutStayWhole) {
+  const auto isWhole = [](ByteView bytes) {
+    Index index(bytes);
+    return PlanRuns(index).empty();
+  };
   CodeStream one;
   one.Header(50, 50, 10, 5, 60).TilePart({0, 0, 5}).End();
-  EXPECT_TRUE(PlanRuns(ScanStream(one.stream.Result())).empty());
+  EXPECT_TRUE(isWhole(one.stream.Result()));
   const test::Bytes cut = Tiles(600).stream.Result();
-  EXPECT_TRUE(PlanRuns(ScanStream(ByteView(cut).first(cut.size() - 3))).empty() == false)
+  EXPECT_FALSE(isWhole(ByteView(cut).first(cut.size() - 3)))
       << "a last part without length ends where the data end";
-  EXPECT_TRUE(PlanRuns(ScanStream(ByteView(cut).first(cut.size() - 40))).empty());
+  EXPECT_TRUE(isWhole(ByteView(cut).first(cut.size() - 40)));
 }
 
-TEST(TileRuns, ARunIsACodeStreamOfItsOwn) {
-  const test::Bytes bytes = Tiles(600).stream.Result();
-  const StreamScan scan = ScanStream(bytes);
-  for (const TileRun& run : PlanRuns(scan)) {
-    const Bytes part = BuildRun(bytes, scan, run);
-    const StreamScan own = ScanStream(part);
-    ASSERT_TRUE(own.tilePartsRegular);
-    EXPECT_EQ(own.grid.TilesAcross() * own.grid.TilesDown(), 1U);
-    EXPECT_EQ(own.grid.tileX0, 2 + 600 * run.column);
-    EXPECT_EQ(own.grid.tileY0, 1 + 600 * run.row);
-    EXPECT_EQ(own.grid.x0, run.column == 0 ? 12 : own.grid.tileX0);
-    EXPECT_EQ(own.grid.y0, run.row == 0 ? 3 : own.grid.tileY0);
-    EXPECT_EQ(own.grid.x1, run.column == 3 ? scan.grid.x1 : own.grid.tileX0 + 600);
-    EXPECT_EQ(own.grid.y1, run.row == 2 ? scan.grid.y1 : own.grid.tileY0 + 600);
-    ASSERT_EQ(own.tileParts.size(), run.parts.size());
-    for (std::size_t i = 0; i < run.parts.size(); ++i) {
-      const ScannedTilePart &a = run.parts[i], &b = own.tileParts[i];
-      EXPECT_EQ(b.tile, 0U);
-      EXPECT_EQ(b.part, a.part);
-      EXPECT_TRUE(std::equal(part.begin() + static_cast<std::ptrdiff_t>(b.offset + 12),
-                             part.begin() + static_cast<std::ptrdiff_t>(b.offset + b.length),
-                             bytes.begin() + static_cast<std::ptrdiff_t>(a.offset + 12)));
+// What a run is meant to be, the library finds in it, and in no other.
+TEST_F(TileRuns, ARunIsACodeStreamOfItsOwn) {
+  for (const unsigned size : {600U, 250U}) {
+    const test::Bytes bytes = Tiles(size).stream.Result();
+    Index index(bytes);
+    const KelImageGeometry& grid = *index.Facts().geometry;
+    const std::vector<TileRun> runs = PlanRuns(index);
+    for (const TileRun& run : runs) {
+      const Bytes part = BuildRun(bytes, index.Facts(), run);
+      Index own(part);
+      const KelImageGeometry& found = *own.Facts().geometry;
+      EXPECT_EQ(found.NumXTiles, static_cast<KelLong>(run.columns));
+      const auto column = static_cast<KelLong>(run.column);
+      EXPECT_EQ(found.XTOsiz, 2 + grid.XTsiz * column);
+      EXPECT_EQ(found.XOsiz, column == 0 ? 12 : found.XTOsiz);
+      EXPECT_EQ(found.Xsiz, std::min(grid.Xsiz, found.XTOsiz + grid.XTsiz * found.NumXTiles));
+      for (const TileRun& other : runs) {
+        EXPECT_EQ(IsRunOf(grid, other, found), &other == &run);
+      }
+      const KelIndexTileParts& list = own.TileParts();
+      ASSERT_TRUE(list.areRegular);
+      ASSERT_EQ(list.count, run.parts.size());
+      for (std::size_t i = 0; i < run.parts.size(); ++i) {
+        const KelIndexTilePart &a = run.parts[i], &b = list.parts[i];
+        EXPECT_EQ(b.tile, (a.tile / 4 - run.row) * run.columns + a.tile % 4 - run.column);
+        EXPECT_EQ(b.part, a.part);
+        EXPECT_TRUE(std::equal(part.begin() + static_cast<std::ptrdiff_t>(b.offset + 12),
+                               part.begin() + static_cast<std::ptrdiff_t>(b.offset + b.length),
+                               bytes.begin() + static_cast<std::ptrdiff_t>(a.offset + 12)));
+      }
     }
   }
 }
 
-TEST(TileRuns, ARunOfManyTilesRenumbersThem) {
-  const test::Bytes bytes = Tiles(250).stream.Result();
-  const StreamScan scan = ScanStream(bytes);
-  const std::vector<TileRun> runs = PlanRuns(scan);
-  const StreamScan own = ScanStream(BuildRun(bytes, scan, runs[0]));
-  EXPECT_EQ(own.grid.TilesAcross(), 4U);
-  std::vector<std::uint32_t> tiles;
-  for (const ScannedTilePart& part : own.tileParts) tiles.push_back(part.tile);
-  EXPECT_EQ(tiles, (std::vector<std::uint32_t>{0, 1, 2, 3}));
+TEST_F(TileRuns, BoxesThatBearOnDecodingGoAlong) {
+  for (const bool withLength : {true, false}) {
+    const test::Bytes file = Boxed(Tiles(600).stream.Result(), withLength).Result();
+    Index index(file);
+    const Bytes part = BuildRun(file, index.Facts(), PlanRuns(index)[0]);
+    Index own(part);
+    EXPECT_TRUE(own.TileParts().areRegular);
+    std::vector<std::uint64_t> lengths;
+    for (KelULong i = 0; i < own.Facts().numBoxes; ++i) {
+      lengths.push_back(own.Facts().boxes[i].length);
+    }
+    std::vector<std::uint64_t> expected = {12, 20, 32, 12, part.size() - 76};
+    if (!withLength) expected = {12, 20, 32, part.size() - 64};
+    EXPECT_EQ(lengths, expected) << "not the XML boxes";
+  }
 }
 
-TEST(TileRuns, BoxesThatBearOnDecodingGoAlong) {
-  const test::Bytes file = Boxed(Tiles(600).stream.Result(), true).Result();
-  const StreamScan scan = ScanStream(file);
-  const Bytes part = BuildRun(file, scan, PlanRuns(scan)[0]);
-  const StreamScan own = ScanStream(part);
-  EXPECT_TRUE(own.tilePartsRegular);
-  std::vector<std::uint64_t> lengths;
-  for (const ScannedBox& box : own.boxes) lengths.push_back(box.length);
-  EXPECT_EQ(lengths, (std::vector<std::uint64_t>{12, 20, 32, 12, part.size() - 76}))
-      << "not the XML boxes";
+// A part that claims another place, or other components, is not placed.
+TEST_F(TileRuns, NothingIsPlacedOutsideTheWhole) {
+  const std::vector<ComponentArea> whole = {{10, 10, 20, 20, 1, 1, 8}};
+  EXPECT_NO_THROW(FrameTarget(whole, {{10, 12, 20, 20, 1, 1, 8}}, {}, false));
+  for (const std::vector<ComponentArea>& part : std::vector<std::vector<ComponentArea>>{
+           {{9, 10, 20, 20, 1, 1, 8}},
+           {{10, 10, 20, 21, 1, 1, 8}},
+           {{10, 10, 20, 20, 2, 1, 8}},
+           {{10, 10, 20, 20, 1, 1, 9}},
+           {{10, 10, 20, 20, 1, 1, 8}, {10, 10, 20, 20, 1, 1, 8}}}) {
+    EXPECT_THROW(FrameTarget(whole, part, {}, false), Error);
+  }
 }
 
 }  // namespace

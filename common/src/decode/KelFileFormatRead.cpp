@@ -68,6 +68,7 @@ void ReadImageHeader(BoxReader& in, const BoxExtent& box) {
   if (depth < 255) {
     std::fill_n(header.bitDepths, count, static_cast<std::uint8_t>(depth & 0x7F));
     std::fill_n(header.isSigned, count, static_cast<std::uint8_t>(depth >> 7));
+    header.numDepths = count;
   }
   if (in.U8() != 7) Refuse(KelErrBoxSignature);
   header.colorSpaceUnknown = in.U8() != 0;
@@ -85,6 +86,7 @@ void ReadComponentDepths(BoxReader& in, const BoxExtent& box) {
     header.bitDepths[c] = depth & 0x7F;
     header.isSigned[c] = depth >> 7;
   }
+  header.numDepths = std::max(header.numDepths, static_cast<std::uint32_t>(count));
 }
 
 /// A resolution value: numerator over denominator, times ten to a signed power.
@@ -269,14 +271,23 @@ bool IsComplete(KelDecDataMgr& data, const BoxExtent& box) {
   return data.MoveTo(bodyStart) && isComplete;
 }
 
+void RecordBox(BoxReader& in, const BoxExtent& box, std::int64_t position) {
+  KelFileInfo& info = in.info;
+  GrowByOne(info.boxes, info.numBoxes, info.obtainedBoxes);
+  const auto headerBytes = static_cast<std::uint32_t>(in.data.GetPosition() - position);
+  info.boxes[info.numBoxes++] = {position, box.bodyLength, box.type, headerBytes};
+}
+
 void ReadTopLevel(BoxReader& in, const BoxLayout& layout) {
   while (!in.stop && in.Has(kBoxHeaderBytes)) {
     BoxExtent box{};
+    const std::int64_t position = in.data.GetPosition();
     const bool hasHeader = ReadBoxHeader(in, box);
     // Behind the code stream, what is cut off has not arrived yet and is no failure.
     const bool isBehind = in.info.codeStreamFound;
     if (isBehind && !hasHeader) break;
     if (!hasHeader) Refuse(KelErrBoxHeader);
+    RecordBox(in, box, position);
     if (isBehind && !IsComplete(in.data, box)) break;
     ReadBody(in, box, layout.boxes);
   }

@@ -198,6 +198,7 @@ void ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   palette.mapComponent = components.Release();
   palette.mapType = types.Release();
   palette.mapColumn = indices.Release();
+  info.numMappings = static_cast<KelULong>(count);
 }
 
 /// 'cdef': N (2), then Cn Typ Asoc (2 each) per entry.

@@ -91,6 +91,7 @@ void ReadComponentSizes(HeaderReader& in) {
 void ReadSIZ(HeaderReader& in) {
   if (!in.InMainHeader() || in.set.regions != nullptr || in.length < 41) Refuse(KelErrBadMarker);
   KelSizParams& sizes = *in.set.sizes;
+  in.set.sizPosition = in.data.GetPosition() - 4;
   in.set.Rsiz = in.U16();
   sizes.Xsiz = in.U32();
   sizes.Ysiz = in.U32();

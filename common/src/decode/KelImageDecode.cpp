@@ -44,6 +44,7 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
   d.flavour = Flavour::kAB;
   d.streamIsSeekable = stream != nullptr && stream->IsSeekable();
   if (data != nullptr) {
+    state.endsInHeader = data->length <= kSignatureBytes;
     const auto flavour = RecogniseSignature(*data);
     if (!flavour) return Fail(state, KelErrUnknownFormat);
     d.flavour = *flavour;
@@ -81,7 +82,11 @@ KelLong ReadFileBoxes(ImageState& state) {
   d.dataMgr->SetIndexAllowed(false);
   const Failure refusal = ReadBoxes(*d.fileInfo, *d.dataMgr);
   d.dataMgr->SetIndexAllowed(true);
-  if (refusal.errCode != KelOK) return Fail(state, refusal);
+  const KelLong code = refusal.errCode;
+  state.endsInHeader = code == KelErrBoxRange || code == KelErrBoxHeader ||
+                       code == KelErrBoxTruncated ||
+                       (code == KelOK && !d.fileInfo->codeStreamFound);
+  if (code != KelOK) return Fail(state, refusal);
   if (!d.fileInfo->codeStreamFound) return Fail(state, KelErrBoxSignature);
   return KelOK;
 }
@@ -90,8 +95,10 @@ KelLong ReadMainHeader(ImageState& state) {
   DecoderState& d = *state.decoder;
   KelHeaderParams& header = d.mainHeader;
   InitHeaderParams(header, true);
+  d.codeStreamStart = d.dataMgr->GetPosition();
   std::uint32_t unused = 0;
   const HeaderResult result = ReadHeader(header, *d.dataMgr, &unused);
+  state.endsInHeader = result.refusal.errCode != KelOK && result.incomplete;
   if (result.refusal.errCode != KelOK) return Fail(state, result.refusal);
   d.dataMgr->SavePositionB();
   if (std::any_of(header.isSigned, header.isSigned + header.Csiz,

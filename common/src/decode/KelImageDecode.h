@@ -16,9 +16,10 @@ struct DecoderState {
   bool fromStream;
   bool streamIsSeekable;  ///< as the host declared it at initialisation
   Flavour flavour;
-  KelFileInfo* fileInfo;       ///< owned; null for a bare code stream
-  KelHeaderParams mainHeader;  ///< owns its records
-  Failure refusal;             ///< of the first tile-part header that this frame refused
+  std::int64_t codeStreamStart;  ///< position of the first byte of the code stream
+  KelFileInfo* fileInfo;         ///< owned; null for a bare code stream
+  KelHeaderParams mainHeader;    ///< owns its records
+  Failure refusal;               ///< of the first tile-part header that this frame refused
   KelULong framesDecoded;
   KelULong bytesLastFrame;
   KelLong orientation;

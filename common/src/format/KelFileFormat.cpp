@@ -61,6 +61,7 @@ void ReleasePalette(KelFileInfo& info) noexcept {
   info.paletteColumns = nullptr;
   info.emptyColumn = nullptr;
   info.numPaletteColumns = 0;
+  info.numMappings = 0;
   info.PalettePresent = false;
 }
 
@@ -84,6 +85,7 @@ void ReleaseFileInfo(KelFileInfo* info) noexcept {
   for (KelULong i = 0; i < info->NumUUIDBoxes; ++i) FreeBytes(info->UUIDBoxes[i].data);
   KelFree(info->XMLBoxes);
   KelFree(info->UUIDBoxes);
+  KelFree(info->boxes);
   if (info->imageHeader != nullptr) {
     KelFree(info->imageHeader->bitDepths);
     KelFree(info->imageHeader->isSigned);

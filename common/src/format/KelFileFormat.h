@@ -19,7 +19,15 @@ struct KelImageHeaderInfo {
   std::uint8_t* bitDepths;  ///< NC bytes, depth minus one; null before 'ihdr'
   std::uint8_t* isSigned;   ///< NC flags
   std::uint32_t NC, HEIGHT, WIDTH;
-  bool colorSpaceUnknown;  ///< UnkC
+  std::uint32_t numDepths;  ///< leading components whose depth a box gave
+  bool colorSpaceUnknown;   ///< UnkC
+};
+
+/// A box at the top level, in the order of the file.
+struct KelBoxRecord {
+  std::int64_t position;     ///< of its header
+  std::uint64_t bodyLength;  ///< as announced; the largest value when it extends to the end
+  std::uint32_t type, headerBytes;
 };
 
 /// Opacity of a compositing layer ('opct').
@@ -51,9 +59,12 @@ struct KelFileInfo {
   float horizontalResolution, verticalResolution;  ///< capture, grid points per metre
   bool PalettePresent;
   __tagKelPalette* Palette;
+  KelULong numMappings;   ///< entries of the component mapping; the palette's arrays may be longer
   KelULong numFragments;  ///< of 'flst', not used to find the code stream
   bool opacityPresent;
   KelOpacityInfo* opacity;
+  KelBoxRecord* boxes;  ///< null without any
+  KelULong numBoxes, obtainedBoxes;
   // How the above is owned. A mapping may name a column twice or not at all, so that the columns
   // as they were read are kept apart; those whose entries have no bytes share one block.
   std::uint8_t** paletteColumns;

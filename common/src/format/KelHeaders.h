@@ -100,6 +100,7 @@ struct KelProgressionChanges {
 /// The parameters of one header.
 struct KelHeaderParams {
   std::uint8_t inMainHeader;  ///< set by SOC, cleared when an SOT is read
+  std::int64_t sizPosition;   ///< of the SIZ marker that was read
   std::uint8_t seenCOD, usesEPH, usesSOP, seenCOC, seenQCD, seenQCC, seenRGN, seenPOC, seenCOM;
   std::uint8_t* isSigned;  ///< Csiz flags
   std::uint16_t Isot;      ///< of the tile-part whose header was read last

@@ -28,6 +28,8 @@ void EndProgress(ProgressState& progress);
 
 struct ImageState {
   bool isEncoder;
+  /// Decoder: initialising failed only because the data end before the first tile-part.
+  bool endsInHeader;
   KelLong maxRes;  ///< decomposition levels of the main header
   KelImageGeometry* geometry;
   ImageMap map;

@@ -1,0 +1,47 @@
+// Exported operations of the index.
+#include "api/KelApiGlueImage.h"
+#include "decode/KelStreamIndex.h"
+#include "kel/KelIndex.h"
+
+KelLong KelStreamIndex::InitIndex(KelCodeStm* stream, const KelCompressedData* data) {
+  Die();
+  const KelLong made = kel::Guard(
+      nullptr,
+      [this] {
+        state_ = kel::MakeIndex();
+        return KelLong{KelOK};
+      },
+      kel::kTheCode);
+  if (made != KelOK) return made;
+  return kel::Guard(
+      &state_->failure, [&] { return kel::OpenIndex(*state_, stream, data); }, kel::kTheCode);
+}
+
+bool KelStreamIndex::DataEndInHeader() const {
+  return state_ != nullptr && state_->image != nullptr && state_->image->endsInHeader;
+}
+
+KelLong KelStreamIndex::Die() {
+  return kel::Guard(
+      nullptr,
+      [this] {
+        kel::ReleaseIndex(state_);
+        return KelLong{KelOK};
+      },
+      kel::kTheCode);
+}
+
+KelException KelStreamIndex::GetErrorDetails() const {
+  return state_ != nullptr ? state_->failure : KelException();
+}
+
+const KelIndexFacts* KelStreamIndex::GetFacts() const {
+  return state_ != nullptr && state_->isReady ? &state_->facts : nullptr;
+}
+
+const KelIndexTileParts* KelStreamIndex::GetTileParts() {
+  if (state_ == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure, [this] { return kel::TilePartsOf(*state_); },
+      kel::Neutral<const KelIndexTileParts*>(nullptr));
+}

@@ -1,0 +1,228 @@
+// Making the records of an index from what the decoder's readers found.
+#include "decode/KelStreamIndex.h"
+
+#include <algorithm>
+#include <new>
+
+#include "KelDecDataMgr.h"
+#include "KelTilePartIndex.h"
+#include "base/KelRaise.h"
+#include "decode/KelHeadersRead.h"
+#include "decode/KelImageDecode.h"
+
+namespace kel {
+namespace {
+
+constexpr std::uint32_t kEOC = 0xD9;
+
+ImageState& Image(const IndexState& index) {
+  return *index.image;
+}
+
+std::uint64_t AsOffset(std::int64_t position) {
+  return static_cast<std::uint64_t>(position);
+}
+
+KelULong AsULong(std::int32_t v) {
+  return static_cast<KelULong>(v);
+}
+
+// ---- Facts ----
+
+void ListBoxes(IndexState& index, const KelFileInfo& file) {
+  index.boxes = OwnedArray<KelIndexBox>::Make(file.numBoxes).Release();
+  for (KelULong i = 0; i < file.numBoxes; ++i) {
+    const KelBoxRecord& from = file.boxes[i];
+    const std::uint64_t offset = AsOffset(from.position);
+    const std::uint64_t left = index.dataEnd - std::min(index.dataEnd, offset);
+    const std::uint64_t length = SaturatingAdd(from.bodyLength, from.headerBytes);
+    const bool isWhole = from.bodyLength != UINT64_MAX && length <= left;
+    index.boxes[i] = {from.type, from.headerBytes, offset, std::min(length, left), isWhole};
+  }
+  index.facts.boxes = index.boxes;
+  index.facts.numBoxes = file.numBoxes;
+}
+
+void ListMappings(IndexState& index, const KelFileInfo& file) {
+  if (file.numMappings == 0) return;
+  const __tagKelPalette& palette = *file.Palette;
+  index.mappings = OwnedArray<KelIndexMapping>::Make(file.numMappings).Release();
+  for (KelULong i = 0; i < file.numMappings; ++i) {
+    index.mappings[i] = {palette.mapComponent[i], palette.mapType[i], palette.mapColumn[i]};
+  }
+  index.facts.mappings = index.mappings;
+  index.facts.numMappings = file.numMappings;
+}
+
+void ListComponents(IndexState& index, const KelFileInfo* file) {
+  const KelImageGeometry& geometry = *index.facts.geometry;
+  const auto count = static_cast<KelULong>(geometry.Csiz);
+  index.components = OwnedArray<KelIndexComponent>::Make(count).Release();
+  for (KelULong c = 0; c < count; ++c) {
+    index.components[c] = {AsULong(geometry.BitDepths[c]), AsULong(geometry.XRsiz[c]),
+                           AsULong(geometry.YRsiz[c]), 0, false};
+    if (file == nullptr || c >= file->imageHeader->numDepths) continue;
+    index.components[c].boxDepth = file->imageHeader->bitDepths[c] + 1U;
+    index.components[c].boxIsSigned = file->imageHeader->isSigned[c] != 0;
+  }
+  index.facts.components = index.components;
+}
+
+/// The end of the first code stream's box; of the data, where it has no length or there is none.
+std::uint64_t EndOfCodeStream(const IndexState& index, const KelFileInfo* file) {
+  const std::uint64_t length = file != nullptr ? file->codeStreamLength : 0;
+  if (length == 0) return index.dataEnd;
+  return std::min(index.dataEnd, SaturatingAdd(index.facts.codeStreamOffset, length));
+}
+
+void CollectFacts(IndexState& index) {
+  const ImageState& image = Image(index);
+  const DecoderState& decoder = *image.decoder;
+  const KelHeaderParams& header = decoder.mainHeader;
+  const KelFileInfo* file = decoder.fileInfo;
+  KelIndexFacts& facts = index.facts;
+  facts.isBoxed = file != nullptr;
+  facts.markerByte = decoder.dataMgr->MarkerByte();
+  facts.codeStreamOffset = AsOffset(decoder.codeStreamStart);
+  facts.codeStreamEnd = EndOfCodeStream(index, file);
+  facts.sizOffset = AsOffset(header.sizPosition);
+  facts.firstTilePartOffset = AsOffset(decoder.dataMgr->PositionB());
+  facts.geometry = image.geometry;
+  facts.numLevels = AsULong(header.numLevels);
+  facts.numLayers = AsULong(header.numLayers);
+  facts.progressionOrder = AsULong(header.progressionOrder);
+  facts.isIrreversible = header.irreversible != 0;
+  facts.hasComponentTransform = header.componentTransform != 0;
+  facts.comment = header.comment;
+  facts.commentLength = header.commentLength;
+  ListComponents(index, file);
+  if (file == nullptr) return;
+  ListBoxes(index, *file);
+  ListMappings(index, *file);
+}
+
+// ---- Tile-parts ----
+
+/// Reads the header of the tile-part under the reader.
+void ReadPartHeader(const DecoderState& decoder, KelIndexTilePart& part) {
+  const KelHeaderParams& main = decoder.mainHeader;
+  KelDecDataMgr& data = *decoder.dataMgr;
+  KelHeaderParams header{};
+  ScopeGuard release([&] { ReleaseHeaderParams(&header); });
+  InitHeaderParams(header, false);
+  SeedHeaderParams(header, main, *main.codingStyle, *main.quantisation);
+  const HeaderResult result = ReadHeader(header, data, &part.announcedBytes);
+  if (result.refusal.errCode != KelOK || result.incomplete) return;
+  part.headerBytes = static_cast<KelULong>(AsOffset(data.GetPosition()) - part.offset);
+  part.hasCodingStyle = header.seenCOD != 0 || header.seenCOC != 0;
+}
+
+/// Whether EOC stands at a position.
+bool HasEndMarker(KelDecDataMgr& data, std::uint64_t offset) {
+  if (offset > INT64_MAX || !data.MoveTo(static_cast<std::int64_t>(offset))) return false;
+  return data.EnsureBuffered(2) == kBufferedOk && data.PeekByte(0) == data.MarkerByte() &&
+         data.PeekByte(1) == kEOC;
+}
+
+/// Where the packets end when the last tile-part does not say so.
+std::uint64_t EndOfPackets(KelDecDataMgr& data, std::uint64_t codeStreamEnd) {
+  if (codeStreamEnd == UINT64_MAX || codeStreamEnd < 2) return codeStreamEnd;
+  return HasEndMarker(data, codeStreamEnd - 2) ? codeStreamEnd - 2 : codeStreamEnd;
+}
+
+KelIndexTilePart DescribePart(const IndexState& index, const KelTilePartEntry& entry) {
+  const DecoderState& decoder = *Image(index).decoder;
+  KelIndexTilePart part{entry.tile,   entry.part, 0,     AsOffset(entry.position),
+                        entry.length, 0,          false, false};
+  KelDecDataMgr& data = *decoder.dataMgr;
+  if (data.MoveTo(entry.position)) ReadPartHeader(decoder, part);
+  if (entry.length == 0) {
+    const std::uint64_t end = EndOfPackets(data, index.facts.codeStreamEnd);
+    part.length = std::max(end, part.offset) - part.offset;
+  }
+  const bool isAsAnnounced = part.announcedBytes == entry.length;
+  part.isRegular = isAsAnnounced && part.headerBytes != 0 && part.headerBytes <= part.length;
+  return part;
+}
+
+/// Whether the tile-parts, in the order of the data, leave nothing out.
+bool FormAWhole(const IndexState& index) {
+  std::uint64_t next = index.facts.firstTilePartOffset;
+  for (KelULong i = 0; i < index.tileParts.count; ++i) {
+    const KelIndexTilePart& part = index.parts[i];
+    if (!part.isRegular || part.offset != next) return false;
+    next += part.length;
+  }
+  return next == index.facts.codeStreamEnd || HasEndMarker(*Image(index).decoder->dataMgr, next);
+}
+
+void ListTileParts(IndexState& index) {
+  ImageState& image = Image(index);
+  KelTilePartIndex* found =
+      BuildTilePartIndex(*image.decoder->dataMgr, AsULong(image.map.numTiles));
+  ScopeGuard release([&] { ReleaseTilePartIndex(found); });
+  std::sort(found->entries, found->entries + found->numEntries,
+            [](const auto& a, const auto& b) { return a.position < b.position; });
+  auto parts = OwnedArray<KelIndexTilePart>::Make(found->numEntries);
+  for (std::uint32_t i = 0; i < found->numEntries; ++i) {
+    parts[i] = DescribePart(index, found->entries[i]);
+  }
+  index.parts = parts.Release();
+  index.tileParts = {index.parts, found->numEntries, false};
+  index.tileParts.areRegular = FormAWhole(index);
+  index.hasTileParts = true;
+}
+
+}  // namespace
+
+IndexState* MakeIndex() {
+  auto made = OwnedRecord<IndexState>::Make();
+  new (&made->options) KelDecOpt;
+  made->failure.Clear();
+  return made.Release();
+}
+
+void ReleaseIndex(IndexState*& index) noexcept {
+  if (index == nullptr) return;
+  if (index->image != nullptr) ReleaseDecoder(*index->image);
+  KelFree(index->image);
+  index->options.Die();
+  KelFree(index->boxes);
+  KelFree(index->components);
+  KelFree(index->mappings);
+  KelFree(index->parts);
+  KelFree(index);
+  index = nullptr;
+}
+
+KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData* data) {
+  if (data == nullptr && (stream == nullptr || !stream->IsSeekable())) return KelErrBadParam;
+  index.options.InitToDefaults();
+  index.image = OwnedRecord<ImageState>::Make().Release();
+  ImageState& image = *index.image;
+  image.failure.Clear();
+  if (data != nullptr) index.block = *data;
+  index.dataEnd = UINT64_MAX;
+  if (data != nullptr) {
+    index.dataEnd = data->length;
+  } else if (!stream->StmLengthUnknown()) {
+    index.dataEnd = AsCount(stream->GetTotalLength());
+  }
+  const KelLong code = InitDecoder(image, stream, data != nullptr ? &index.block : nullptr,
+                                   &index.options, nullptr, nullptr, KelAspectFull);
+  if (code != KelOK) {
+    index.failure = image.failure;
+    return code;
+  }
+  CollectFacts(index);
+  index.isReady = true;
+  return KelOK;
+}
+
+const KelIndexTileParts* TilePartsOf(IndexState& index) {
+  if (!index.isReady) return nullptr;
+  if (!index.hasTileParts) ListTileParts(index);
+  return &index.tileParts;
+}
+
+}  // namespace kel

@@ -1,0 +1,44 @@
+// The structure of a file or code stream as records. See KelIndex.h for what they mean.
+//
+// An index is a decoder that has read its headers and decodes nothing: boxes, main header and
+// tile-parts come from the same readers, so that both always agree on where things are.
+#ifndef KEL_STREAM_INDEX_H
+#define KEL_STREAM_INDEX_H
+
+#include "base/KelRaise.h"
+#include "image/KelImageState.h"
+#include "kel/KelIndex.h"
+
+namespace kel {
+
+struct IndexState {
+  ImageState* image;  ///< owned; the decoder's
+  KelDecOpt options;  ///< of the decoder
+  Failure failure;
+  KelCompressedData block;
+  std::uint64_t dataEnd;  ///< end of the data; the largest value of a stream that does not tell
+  bool isReady, hasTileParts;
+  KelIndexFacts facts;
+  // Arrays of the facts that are not the decoder's own; owned.
+  KelIndexBox* boxes;
+  KelIndexComponent* components;
+  KelIndexMapping* mappings;
+  KelIndexTileParts tileParts;
+  KelIndexTilePart* parts;  ///< owned
+};
+
+/// An empty state. Raises 8.
+IndexState* MakeIndex();
+
+/// Releases a state, half-built ones included. Accepts null.
+void ReleaseIndex(IndexState*& index) noexcept;
+
+/// Reads boxes and main header. Returns the decoder's code; raises 8.
+KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData* data);
+
+/// The tile-parts, found at the first call. Raises 8, and then finds nothing.
+const KelIndexTileParts* TilePartsOf(IndexState& index);
+
+}  // namespace kel
+
+#endif

@@ -1,0 +1,108 @@
+// The host kit over arbitrary data: what it tells, the whole image at once in runs of tiles on
+// threads, and the same as the bytes arrive. The kit cuts and places by what the library's index
+// says; whether both see the same image shows in the samples.
+#include <kel/Kel.h>
+#include <kel/host.hpp>
+
+#include <cstdlib>
+#include <optional>
+
+namespace {
+
+using namespace kel::host;
+
+/// Pieces in which the data arrive, at most.
+constexpr std::size_t kPieces = 5;
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+/// What work returns; nothing where it refuses the data, which the kit may only do with an Error.
+template <class Work>
+auto Try(Work work) -> std::optional<decltype(work())> {
+  try {
+    return work();
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+struct Arrival {
+  std::optional<Image> image;
+  bool complete = false;
+};
+
+/// Feeds the data, going on after a refusal as a host may.
+Arrival DecodeArriving(ByteView data) {
+  ProgressiveDecoder decoder;
+  Arrival result;
+  const std::size_t step = data.size() / kPieces + 1;
+  for (std::size_t at = 0; at < data.size(); at += step) {
+    const auto update =
+        Try([&] { return decoder.Feed(data.subspan(at, std::min(step, data.size() - at))); });
+    result.complete = update && update->complete;
+  }
+  if (decoder.HasHeader()) result.image = Try([&] { return decoder.GetImage(); });
+  return result;
+}
+
+bool AreEqual(const Plane& a, const Plane& b) {
+  bool same = a.Width() == b.Width() && a.Height() == b.Height() && a.Depth() == b.Depth();
+  for (std::uint32_t y = 0; same && y < a.Height(); ++y) {
+    const auto* row = a.Row<std::uint8_t>(y);
+    same = std::equal(row, row + a.Width() * a.BytesPerSample(), b.Row<std::uint8_t>(y));
+  }
+  return same;
+}
+
+/// The geometry that a decoder of the library finds is the one that the kit tells.
+void CompareWithLibrary(ByteView data, const Info& info) {
+  KelCompressedData block{data.data(), static_cast<KelULong>(data.size())};
+  KelDecOpt options;
+  KelImage object;
+  options.InitToDefaults();
+  const KelLong code =
+      object.InitDecoder(nullptr, &block, &options, nullptr, nullptr, KelAspectFull);
+  if (code == KelOK) {
+    const KelImageGeometry& geometry = *object.GetGeometryParams();
+    Require(static_cast<std::size_t>(geometry.Csiz) == info.components.size());
+    Require(static_cast<std::uint32_t>(geometry.Xsiz - geometry.XOsiz) == info.width);
+    Require(static_cast<std::uint32_t>(geometry.NumXTiles) == info.tilesAcross);
+    for (const Info::TilePart& part : info.tileParts) {
+      Require(part.tile < info.tilesAcross * info.tilesDown);
+      Require(info.codeStreamOffset + part.offset + part.length <= data.size());
+    }
+  }
+  Require(code == KelOK || code == KelErrNoMemory);
+  object.Die();
+  options.Die();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const Session session(std::uint64_t{24} << 20);
+  const ByteView bytes(data, size);
+  MemorySource forProbe(bytes), forHalf(bytes), forWhole(bytes);
+  if (const auto info = Try([&] { return Probe(forProbe); })) CompareWithLibrary(bytes, *info);
+
+  DecodeParams params;
+  params.acceptIncomplete = true;
+  params.threads = 2;
+  DecodeReport report;
+  params.reduce = 1;
+  Try([&] { return Decode(forHalf, params); });
+  params.reduce = 0;
+  const auto whole = Try([&] { return Decode(forWhole, params, &report); });
+  const Arrival arrived = DecodeArriving(bytes);
+  if (whole && report.complete && arrived.image && arrived.complete) {
+    Require(whole->planes.size() == arrived.image->planes.size());
+    for (std::size_t c = 0; c < whole->planes.size(); ++c) {
+      Require(AreEqual(whole->planes[c], arrived.image->planes[c]));
+    }
+    if (auto ordinary = arrived.image) Try([&] { return MakeOrdinary(*ordinary), true; });
+  }
+  Require(Session::CurrentBytes() == 0);
+  return 0;
+}

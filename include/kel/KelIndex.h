@@ -1,0 +1,115 @@
+// KelStreamIndex, the structure of a file or code stream as records: main header, boxes, comment,
+// component mapping, tile-parts.
+//
+// It reads as a decoder does, by the same readers and the same rules for what is wrong, so that a
+// host that cuts, serves or checks data needs no walk of its own. It decodes no samples.
+//
+// Offsets are in bytes from the first byte of the data. Every record that a query hands out
+// belongs to the index and lives until its Die. Guarded operations and threads: as for KelImage.
+#ifndef KEL_INDEX_H
+#define KEL_INDEX_H
+
+#include "KelGeometry.h"
+#include "KelMemory.h"
+#include "KelStream.h"
+#include "KelTypes.h"
+
+namespace kel {
+struct IndexState;
+}
+
+/// A box at the top level of a file.
+struct KelIndexBox {
+  KelULong type;         ///< four characters as one big-endian number
+  KelULong headerBytes;  ///< 8, or 16 with a long length
+  std::uint64_t offset;  ///< of the box
+  std::uint64_t length;  ///< of the whole box, as far as the data go
+  bool isWhole;          ///< its length is given, and all of it has arrived
+};
+
+/// A component as the code stream and the boxes describe it.
+struct KelIndexComponent {
+  KelULong depth;         ///< bits per sample, by the code stream
+  KelULong xStep, yStep;  ///< subsampling
+  KelULong boxDepth;      ///< bits per sample, by the boxes; 0 when they give none
+  bool boxIsSigned;
+};
+
+/// An entry of the component mapping.
+struct KelIndexMapping {
+  KelULong component;  ///< CMP
+  KelULong type;       ///< MTYP: 0 direct, 1 through the palette
+  KelULong column;     ///< PCOL
+};
+
+/// What stands before the first tile-part.
+struct KelIndexFacts {
+  bool isBoxed;                         ///< a file of boxes, not a bare code stream
+  KelULong markerByte;                  ///< first byte of every marker: 0xAB or 0xFF
+  std::uint64_t codeStreamOffset;       ///< of its first byte
+  std::uint64_t codeStreamEnd;          ///< behind its box or, without a length, the data
+  std::uint64_t sizOffset;              ///< of the SIZ marker
+  std::uint64_t firstTilePartOffset;    ///< behind the main header
+  const KelImageGeometry* geometry;     ///< canvas, image area, tiles, components
+  const KelIndexComponent* components;  ///< geometry->Csiz of them
+  // Coding style of the main header.
+  KelULong numLevels, numLayers, progressionOrder;
+  bool isIrreversible, hasComponentTransform;
+  const KelIndexBox* boxes;  ///< null without any
+  KelULong numBoxes;
+  const KelIndexMapping* mappings;  ///< of a file with a palette; null without any
+  KelULong numMappings;
+  const std::uint8_t* comment;  ///< the last one; null without any
+  KelULong commentLength;
+};
+
+/// A tile-part.
+struct KelIndexTilePart {
+  KelULong tile, part;      ///< Isot, TPsot
+  KelULong announcedBytes;  ///< Psot: 0 leaves the length open
+  std::uint64_t offset;     ///< of its SOT marker
+  /// Bytes to what follows it: the announced ones, or where no tile-part, end marker or end of the
+  /// data stands there, those up to the next place where a tile-part can begin, or to the end.
+  std::uint64_t length;
+  KelULong headerBytes;  ///< up to and with SOD; 0 for a header that cannot be read
+  bool isRegular;        ///< length is as announced, or left open by the last one, header readable
+  bool hasCodingStyle;   ///< its header brings a coding style, of the tile or of a component
+};
+
+/// The tile-parts that can be found, in the order of the data.
+struct KelIndexTileParts {
+  const KelIndexTilePart* parts;  ///< null without any
+  KelULong count;
+  /// All are regular, one follows the other from the main header on, and behind the last stands
+  /// the end marker or the end of the code stream.
+  bool areRegular;
+};
+
+class KEL_API KelStreamIndex {
+ public:
+  KelStreamIndex() : state_(nullptr) {}
+  KelStreamIndex(const KelStreamIndex& source) = default;             ///< shares the state
+  KelStreamIndex& operator=(const KelStreamIndex& source) = default;  ///< shares the state
+
+  /// Guarded. Reads everything before the first tile-part of a block of memory or, without one, of
+  /// a seekable stream; either must stay valid until Die. Returns what KelImage::InitDecoder
+  /// returns for the data; 15 also for a stream that cannot seek.
+  KelLong InitIndex(KelCodeStm* stream, const KelCompressedData* data);
+  /// Whether the last InitIndex failed only because the data end before the first tile-part.
+  bool DataEndInHeader() const;
+  /// Guarded. Releases everything; the object may be initialised again. Returns 0.
+  KelLong Die();
+  /// A copy of the details of the last failure.
+  KelException GetErrorDetails() const;
+
+  /// The facts; null unless InitIndex succeeded.
+  const KelIndexFacts* GetFacts() const;
+  /// Guarded (null). The tile-parts, found at the first call by going from one to the next and
+  /// reading their headers. Null also unless InitIndex succeeded, and when memory runs out.
+  const KelIndexTileParts* GetTileParts();
+
+ private:
+  kel::IndexState* state_;
+};
+
+#endif
