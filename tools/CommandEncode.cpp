@@ -168,11 +168,12 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   AddCodingOptions(command, options->coding);
   command
       .add_option("--size", options->size,
-                  "best quality whose file has at most BYTES\n"
+                  "best file of at most BYTES, without loss if that fits\n"
                   "It is found by encoding several times. Units are K, M and G (of 1024).")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false))
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Validator(
+          [](std::string& bytes) { return bytes == "0" ? "no file has 0 bytes" : ""; }, ""))
       ->excludes("--lossless")
       ->excludes("--quality");
   command

@@ -77,33 +77,40 @@ std::uint64_t EncodeOnce(const Image& image, TileSamples& samples, const EncodeP
   return writer.BytesWritten();
 }
 
-/// The best quality whose file is not larger than the limit, by halving the range of qualities;
-/// at most eight trials on real coded sizes, the first at the quality of the parameters. 100 is
-/// left out: it is finer than 99 in some bands and coarser in others.
+/// The best file that is not larger than the limit: the lossless one, or that of the best quality,
+/// found by halving the range of qualities. At most eight trials on real coded sizes, the first of
+/// a quality at that of the parameters.
 EncodeReport EncodeToSize(const Image& image, TileSamples& samples, const EncodeParams& params,
                           Sink& sink) {
   EncodeReport report;
   report.trials = 0;
   Bytes best;
-  std::uint64_t smallest = 0;
-  for (int low = 1, high = 99; low <= high;) {
-    const int quality = report.trials == 0 ? std::min(params.quality, high) : (low + high) / 2;
+  std::uint64_t smallest = UINT64_MAX;
+  const auto fits = [&](const EncodeParams& these, int quality) {
     MemorySink trial;
-    const std::uint64_t bytes = EncodeOnce(image, samples, params, quality, trial);
+    const std::uint64_t bytes = EncodeOnce(image, samples, these, quality, trial);
     ++report.trials;
-    if (bytes <= params.sizeLimit) {
-      best = std::move(trial.bytes);
-      report.quality = quality;
-      low = quality + 1;
-    } else {
-      smallest = bytes;
-      high = quality - 1;
+    smallest = std::min(smallest, bytes);
+    if (bytes > params.sizeLimit) return false;
+    best = std::move(trial.bytes);
+    report.quality = these.lossless ? 0 : quality;
+    return true;
+  };
+  EncodeParams lossless = params;
+  lossless.lossless = true;
+  if (params.regionMask != nullptr || !fits(lossless, params.quality)) {
+    int quality = params.quality;
+    for (int low = 1, high = 100; low <= high; quality = (low + high) / 2) {
+      if (fits(params, quality)) {
+        low = quality + 1;
+      } else {
+        high = quality - 1;
+      }
     }
   }
-  if (report.quality == 0) {
-    throw Error(Failure::kOutput,
-                "the image cannot be made that small: even at quality 1 it takes " +
-                    std::to_string(smallest) + " bytes");
+  if (best.empty()) {
+    throw Error(Failure::kOutput, "the image cannot be made that small: it takes " +
+                                      std::to_string(smallest) + " bytes at least");
   }
   report.bytes = best.size();
   sink.Write(best);

@@ -12,6 +12,13 @@ constexpr std::size_t kProfileHeader = 128, kTagBytes = 12;
 /// The mask of a region is handed over as one byte per sample.
 constexpr KelLong kMaskDepth = 8;
 
+/// The library's number for a quality. Its 100 stands for steps of 1 in every band, which for
+/// samples of up to 8 bits is coarser than 99, and larger; with a region it is the finest there is.
+int LibraryQuality(const Image& image, const EncodeParams& params, int quality) {
+  const bool isShallow = image.planes[0].Depth() <= 8;
+  return isShallow && params.regionMask == nullptr ? std::min(quality, 99) : quality;
+}
+
 /// A profile without lookup tables (the tag "A2B0") is one of the restricted kind.
 bool IsRestricted(const Bytes& profile) {
   for (std::size_t at = kProfileHeader + 4; at + kTagBytes <= profile.size(); at += kTagBytes) {
@@ -61,7 +68,7 @@ void EncoderOptions::SetGeometry(const Image& image, const EncodeParams& params)
 void EncoderOptions::SetCoding(const Image& image, const EncodeParams& params, int quality) {
   options_.NumLevels = static_cast<KelLong>(params.levels);
   options_.Irreversible = params.lossless ? 0 : 1;
-  options_.TargetQuality = static_cast<float>(quality);
+  options_.TargetQuality = static_cast<float>(LibraryQuality(image, params, quality));
   options_.NumLayers = static_cast<KelLong>(params.layers);
   options_.ProgressionOrder = params.order == PacketOrder::kComponents ? KelCPRL : KelRLCP;
   options_.ComponentTransform = params.colourTransform;

@@ -90,6 +90,11 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   }
   EncodeParams checked = params;
   checked.threads = ThreadCount(params.threads);
+  // Samples of one bit take less without loss than at any quality.
+  if (image.planes[0].Depth() == 1 && params.sizeLimit == 0) {
+    checked.lossless = true;
+    checked.regionMask = nullptr;
+  }
   const bool small = std::max(image.width, image.height) <= kLargestSingleTile;
   if (params.tileWidth == 0) checked.tileWidth = small ? image.width : kTileSize;
   if (params.tileHeight == 0) checked.tileHeight = small ? image.height : kTileSize;

@@ -72,6 +72,32 @@ TEST(RowStreams, RowsOfAnyLayoutComeBack) {
   EXPECT_EQ(ErrorOf([&] { ImageRowSource source(uneven); }).Kind(), Failure::kParameter);
 }
 
+// A highest quality that is coarser than the one below it, or larger for nothing; bits that are
+// coded with loss into more bytes than they take without.
+TEST(Encode, AHigherQualityIsBetterAtEveryDepth) {
+  const Session session;
+  for (const unsigned depth : {1U, 2U, 7U, 8U, 9U, 12U, 16U}) {
+    for (const unsigned channels : {1U, 3U}) {
+      const Image image = NoiseImage(96, 64, channels, depth);
+      double psnr = 0;
+      std::uint64_t bytes = 0;
+      for (const int quality : {60, 98, 99, 100}) {
+        EncodeParams params;
+        params.quality = quality;
+        MemorySink file;
+        const EncodeReport report = Encode(image, params, file);
+        EXPECT_GE(report.bytes, bytes) << depth << " bits, quality " << quality;
+        bytes = report.bytes;
+        MemorySource source(file.bytes);
+        const Difference difference = Compare(image, Decode(source));
+        EXPECT_GE(difference.psnr, psnr) << depth << " bits, quality " << quality;
+        psnr = difference.psnr;
+        EXPECT_TRUE(depth > 1 || (difference.identical && report.quality == 0));
+      }
+    }
+  }
+}
+
 TEST(Convert, PaletteBecomesChannels) {
   Image image = NoiseImage(9, 4, 1, 4);
   Palette palette;

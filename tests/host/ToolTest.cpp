@@ -140,6 +140,11 @@ TEST(Tool, OutputDoesNotDependOnThreads) {
 TEST(Tool, SizeIsTheBestThatFits) {
   const Tool tool;
   tool.Put("in.ppm", SlopeImage(256, 256));
+  tool.Do("encode --lossless in.ppm whole.kel");
+  const std::string whole = tool.folder.Get("whole.kel");
+  tool.Do("encode --size " + std::to_string(whole.size()) + " in.ppm fit.kel");
+  EXPECT_EQ(tool.folder.Get("fit.kel"), whole) << "nothing is better than lossless";
+  ASSERT_GT(whole.size(), 30U * 1024);
   tool.Do("encode --size 30K in.ppm fit.kel");
   const std::size_t fit = tool.folder.Get("fit.kel").size();
   EXPECT_LE(fit, 30U * 1024);
@@ -151,6 +156,9 @@ TEST(Tool, SizeIsTheBestThatFits) {
   while (quality < 99 && sizeAt(quality) != fit) ++quality;
   EXPECT_EQ(sizeAt(quality), fit) << "no quality gives this file";
   EXPECT_GT(sizeAt(quality + 1), 30U * 1024) << "the next one would have fitted too";
+  EXPECT_EQ(sizeAt(100), sizeAt(99)) << "there are no finer steps for 8 bits";
+  EXPECT_NE(tool.Run("encode --size 0 in.ppm none.kel").err.find("--size: no file has 0 bytes"),
+            std::string::npos);
   const Tool::Result result = tool.Run("encode --size 10 in.ppm none.kel");
   EXPECT_EQ(result.code, 4);
   EXPECT_EQ(result.err.find("kel: none.kel: the image cannot be made that small"), 0U);

@@ -16,8 +16,11 @@ enum class PacketOrder {
 
 struct EncodeParams {
   bool lossless = false;
-  int quality = 60;             ///< 1 to 100, of lossy coding; 60 gives about 40 dB on a photo
-  std::uint64_t sizeLimit = 0;  ///< when not 0: the best quality whose file has at most these bytes
+  /// 1 to 100, of lossy coding: 60 gives about 40 dB on a photo, 100 is the finest there is.
+  /// Samples of one bit are coded without loss whatever it says, since that takes less.
+  int quality = 60;
+  /// When not 0: the best file of at most so many bytes, without loss if that fits.
+  std::uint64_t sizeLimit = 0;
   std::uint32_t tileWidth = 0;  ///< 0: one tile up to 2048 x 2048, else tiles of 1024 x 1024
   std::uint32_t tileHeight = 0;
   unsigned levels = 5;  ///< wavelet decompositions, 0 to 32
