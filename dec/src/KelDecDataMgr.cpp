@@ -63,6 +63,12 @@ int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacit
   return Load(1) == kBufferedOk ? KelOK : kNothingRead;
 }
 
+void KelDecDataMgr::ExpectMore() {
+  endOfData_ = false;
+  readPastEnd_ = false;
+  knownEnd_ = kUnknown;
+}
+
 void KelDecDataMgr::ResetDataMgr() {
   const std::uint64_t unread = Available();
   ReleaseWindow();

@@ -48,6 +48,8 @@ class KelDecDataMgr {
   /// Returns 0, or kNothingRead. The tile-part queries need a capacity of 12 bytes at least.
   int InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity, KelCodeStm* stream,
                      Flavour flavour);
+  /// A stream that has ended may have grown: it is asked again.
+  void ExpectMore();
   /// Releases the window; a seekable stream is moved back by the bytes read but not consumed.
   void ResetDataMgr();
   /// Releases everything, half-built managers included; may run twice.

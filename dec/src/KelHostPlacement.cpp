@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "base/KelRaise.h"
 #include "samples/KelImageDataAccess.h"
 
 namespace kel {
@@ -68,7 +69,7 @@ void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
     return;
   }
   const BufferLock lock(image.ImageBuffer);
-  if (!lock) return;
+  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   const std::int64_t rowBytes = image.Width * place.sampleBytes;
   const std::uint8_t* from = lock.As<std::uint8_t>();
   std::uint8_t* to = place.address;

@@ -24,6 +24,7 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
                                 const TileCompRecord& record);
 
 /// Copies the samples of an output image to their place in the host's buffer, if it can be used.
+/// Raises 8 when the image cannot be locked.
 void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
                       const TileCompRecord& record);
 

@@ -23,6 +23,7 @@ using KelULong = std::uint32_t;
 /// Result codes. Every exported operation that returns a code returns one of these.
 enum KelResult : KelLong {
   KelOK = 0,                   ///< success
+  KelErrNothingRead = 3,       ///< a stream delivered not a byte
   KelErrNoMemory = 8,          ///< a memory callback returned null, or a size cannot be held
   KelErrBadMarker = 10,        ///< a marker segment is malformed or carries a value out of range
   KelErrBadParam = 15,         ///< an argument or a combination of parameters is not allowed
@@ -34,7 +35,7 @@ enum KelResult : KelLong {
   KelErrBoxStructure = 23,     ///< the code-stream box was reached (never returned to the host)
   KelErrBoxHeader = 25,        ///< a box header cannot be read in full
   KelErrBoxTruncated = 26,     ///< a box extends past the available data
-  KelErrAborted = 28,          ///< the host's abort callback asked the encoder to stop
+  KelErrAborted = 28,          ///< the host's abort callback asked for the work to stop
   KelErrUnsupported = 29,      ///< the data use a feature that the library does not support
   KelErrNotImplemented = 30,   ///< the operation is not implemented
   KelErrUnexpected = 31,       ///< a failure other than a KelException reached the boundary

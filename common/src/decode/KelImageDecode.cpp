@@ -176,19 +176,26 @@ KelLong Reduction(KelDecodePixelAspectRatio aspect, std::int32_t component) {
   }
 }
 
-/// The file's depths, when it describes the code stream's components as unsigned samples.
-const std::uint8_t* FileDepths(const KelFileInfo* file, std::int32_t numComps) {
-  if (file == nullptr || file->imageHeader == nullptr) return nullptr;
-  const KelImageHeaderInfo& header = *file->imageHeader;
-  if (header.bitDepths == nullptr || header.isSigned == nullptr ||
-      header.NC != static_cast<std::uint32_t>(numComps)) {
+/// The depths that a file gives to single components, where they refine those of the code stream:
+/// our own writer announces the first component's depth for all of them there, and the rest in the
+/// boxes. Where boxes contradict the code stream otherwise, the code stream decides.
+const std::uint8_t* FileDepths(const DecoderState& d) {
+  const KelHeaderParams& h = d.mainHeader;
+  if (d.flavour != Flavour::kAB || d.fileInfo == nullptr || d.fileInfo->imageHeader == nullptr) {
     return nullptr;
   }
-  const bool isSigned = std::any_of(header.isSigned, header.isSigned + header.NC,
-                                    [](std::uint8_t flag) { return flag != 0; });
-  const bool tooDeep = std::any_of(header.bitDepths, header.bitDepths + header.NC,
-                                   [](std::uint8_t depth) { return depth > 37; });
-  return isSigned || tooDeep ? nullptr : header.bitDepths;
+  const KelImageHeaderInfo& header = *d.fileInfo->imageHeader;
+  if (header.bitDepths == nullptr || header.isSigned == nullptr ||
+      header.NC != static_cast<std::uint32_t>(h.Csiz) ||
+      header.bitDepths[0] + 1 != h.bitDepths[0]) {
+    return nullptr;
+  }
+  for (std::int32_t c = 0; c < h.Csiz; ++c) {
+    if (h.bitDepths[c] != h.bitDepths[0] || header.isSigned[c] != 0 || header.bitDepths[c] > 37) {
+      return nullptr;
+    }
+  }
+  return header.bitDepths;
 }
 
 /// Prepares the records of tiles and components, and the resolutions to decode.
@@ -205,7 +212,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   map.geometry = state.geometry;
   map.numComps = geometry.Csiz;
   map.numTiles = static_cast<std::int32_t>(numTiles);
-  map.encOpt = state.encOpt;
+  map.encOpt = state.decOpt->EncOpt;
   map.decOpt = state.decOpt;
   map.firstExtra = map.numComps;
   map.dec = OwnedRecord<DecMap>::Make().Release();
@@ -216,7 +223,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
                          false,
                          false,
                          false};
-  map.dec->fileDepths = FileDepths(d.fileInfo, map.numComps);
+  map.dec->fileDepths = FileDepths(d);
   map.dec->reductions = OwnedArray<std::int32_t>::Make(AsCount(map.numComps)).Release();
   state.maxRes = d.mainHeader.numLevels;
   for (std::int32_t c = 0; c < map.numComps; ++c) {
@@ -237,6 +244,33 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   return KelOK;
 }
 
+/// What the readers found belongs to the image: the host's options, unless they describe another
+/// one by now, must not keep addresses of it.
+void ForgetFindings(const ImageState& state) noexcept {
+  const KelFileInfo* file = state.decoder->fileInfo;
+  KelEncOpt* o = state.decOpt != nullptr ? state.decOpt->EncOpt : nullptr;
+  if (o == nullptr || file == nullptr) return;
+  if (o->ChannelDefs == file->ChannelDefs) {
+    o->ChannelDefs = nullptr;
+    o->ChannelDefPresent = false;
+  }
+  if (o->Palette == file->Palette) {
+    o->Palette = nullptr;
+    o->PalettePresent = false;
+  }
+  if (o->XMLBoxes == file->XMLBoxes) {
+    o->XMLBoxes = nullptr;
+    o->XMLPresent = false;
+    o->NumXMLBoxes = 0;
+  }
+  if (o->UUIDBoxes == file->UUIDBoxes) {
+    o->UUIDBoxes = nullptr;
+    o->UUIDPresent = false;
+    o->NumUUIDBoxes = 0;
+  }
+  if (o->ColorSpecList == file->ColorSpecList) o->ColorSpecList = nullptr;
+}
+
 /// The array of resolutions that the host receives and releases with its own Free.
 KelULong* MakeResolutions(const ImageState& state) {
   auto resolutions = OwnedArray<KelULong>::Make(AsCount(state.map.numComps));
@@ -246,9 +280,15 @@ KelULong* MakeResolutions(const ImageState& state) {
   return resolutions.Release();
 }
 
-}  // namespace
+/// A set of options that describes the image and belongs to the decoder alone.
+KelEncOpt* MakeDescription(ImageState& state) {
+  KelEncOpt*& own = state.decoder->description;
+  own = OwnedRecord<KelEncOpt>::Make().Release();
+  DescribeImage(state, *own);
+  return own;
+}
 
-KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
+KelLong ReadHeaders(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
                     KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
                     KelDecodePixelAspectRatio aspect) {
   if ((stream == nullptr && data == nullptr) || options == nullptr || options->EncOpt == nullptr) {
@@ -265,13 +305,26 @@ KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* da
   if (code == KelOK) code = ReadMainHeader(state);
   if (code != KelOK) return code;
 
+  // The host may use its set for another decoder, and then it describes another image.
   DescribeImage(state, *options->EncOpt);
-  state.encOpt = options->EncOpt;
+  state.encOpt = MakeDescription(state);
   state.geometry = state.encOpt->GeomParams;
   code = PrepareMap(state, aspect);
   if (code != KelOK) return code;
   if (resolutions != nullptr) *resolutions = MakeResolutions(state);
   return KelOK;
+}
+
+}  // namespace
+
+KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
+                    KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
+                    KelDecodePixelAspectRatio aspect) {
+  // Nothing may be asked of a half-built decoder: only the record of the failure stays.
+  ScopeGuard release([&] { ReleaseDecoder(state); });
+  const KelLong code = ReadHeaders(state, stream, data, options, procs, resolutions, aspect);
+  if (code == KelOK) release.Disarm();
+  return code;
 }
 
 KelLong SetOrientation(ImageState& state, KelLong orientation) {
@@ -288,22 +341,10 @@ void ReleaseDecoder(ImageState& state) noexcept {
   if (d == nullptr) return;
   ReleaseDecMap(state.map);
   ReleaseImageMap(state.map);
-  // What the readers made belongs to the image; the options that described it must not keep
-  // addresses of it.
-  KelEncOpt* o = state.decOpt != nullptr ? state.decOpt->EncOpt : nullptr;
-  if (o != nullptr && o == state.encOpt) {
-    if (state.geometry != nullptr && o->GeomParams == state.geometry) {
-      state.geometry->Die();
-      KelFree(state.geometry);
-      o->GeomParams = nullptr;
-    }
-    o->ChannelDefs = nullptr;
-    o->Palette = nullptr;
-    o->XMLBoxes = nullptr;
-    o->UUIDBoxes = nullptr;
-    o->ColorSpecList = nullptr;
-    o->ChannelDefPresent = o->PalettePresent = o->XMLPresent = o->UUIDPresent = false;
-    o->NumXMLBoxes = o->NumUUIDBoxes = 0;
+  ForgetFindings(state);
+  if (d->description != nullptr) {
+    d->description->Die();
+    KelFree(d->description);
   }
   if (d->fileInfo != nullptr) {
     ReleaseFileInfo(d->fileInfo);
@@ -317,6 +358,14 @@ void ReleaseDecoder(ImageState& state) noexcept {
   ReleaseRequest(d->request);
   KelFree(d);
   state.decoder = nullptr;
+  state.encOpt = nullptr;
+  state.decOpt = nullptr;
+  state.geometry = nullptr;
+  state.codeStm = nullptr;
+  state.imageDataProcs = nullptr;
+  state.progress = {};
+  state.maxRes = 0;
+  state.map = {};
 }
 
 }  // namespace kel

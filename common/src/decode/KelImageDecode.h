@@ -18,6 +18,7 @@ struct DecoderState {
   Flavour flavour;
   std::int64_t codeStreamStart;  ///< position of the first byte of the code stream
   KelFileInfo* fileInfo;         ///< owned; null for a bare code stream
+  KelEncOpt* description;        ///< owned; what the headers told of the image
   KelHeaderParams mainHeader;    ///< owns its records
   Failure refusal;               ///< of the first tile-part header that this frame refused
   KelULong framesDecoded;
@@ -32,7 +33,8 @@ struct DecoderState {
   std::int64_t furthest;  ///< end of the furthest tile-part handled
 };
 
-/// Initialises a decoder. Returns the code, with the failure recorded in the state.
+/// Initialises a decoder. Returns the code, with the failure recorded in the state, which is no
+/// decoder then.
 KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
                     KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
                     KelDecodePixelAspectRatio aspect);

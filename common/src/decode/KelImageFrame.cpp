@@ -19,7 +19,10 @@ FrameSource OpenFrame(ImageState& state, const KelCompressedData* block, KelLong
   KelDecDataMgr& data = *d.dataMgr;
   const bool isFirst = d.framesDecoded == 0;
   if (block == nullptr && state.codeStm != nullptr) {
-    if (isFirst) return FrameSource::kReady;
+    if (isFirst) {
+      data.ExpectMore();
+      return FrameSource::kReady;
+    }
     if (!d.streamIsSeekable || state.codeStm->seek(1, SaturateToInt32(data.PositionB())) < 0) {
       return FrameSource::kNothing;
     }

@@ -33,7 +33,7 @@ struct ImageState {
   KelLong maxRes;  ///< decomposition levels of the main header
   KelImageGeometry* geometry;
   ImageMap map;
-  KelEncOpt* encOpt;  ///< the options that describe the image: a decoder's lie in decOpt
+  KelEncOpt* encOpt;  ///< the options that describe the image: a decoder's are its own
   KelDecOpt* decOpt;
   KelClientData* clientData;
   Failure failure;  ///< the last one

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "base/KelMemFuncDefs.h"
+#include "base/KelRaise.h"
 #include "samples/KelImageDataAccess.h"
 
 namespace kel {
@@ -33,10 +34,10 @@ void InstallSamples(KelImageData& image, OwnedBuffer samples, KelLong width, Kel
   ForgetDynRange(image);
 }
 
-void CompactRows(KelImageData& image, KelLong trueWidth) noexcept {
+void CompactRows(KelImageData& image, KelLong trueWidth) {
   if (trueWidth < 0 || trueWidth >= image.Width) return;
   const BufferLock lock(image.ImageBuffer);
-  if (!lock) return;
+  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   const std::uint64_t paddedBytes = PlaneBytes(image.Width, 1, image.SizeOfDataType);
   const std::uint64_t rowBytes = PlaneBytes(trueWidth, 1, image.SizeOfDataType);
   auto* samples = lock.As<std::uint8_t>();
@@ -68,6 +69,7 @@ KelLong KelImageData::InitKelImageData(KelLong width, KelLong height, KelLong sa
   if (!samples) return KelErrNoMemory;
   {
     const kel::BufferLock lock(samples.Get());
+    if (!lock && sizeBytes != 0) return KelErrNoMemory;
     kel::KelMemSet(lock.As<void>(), 0, sizeBytes);
   }
   ImageBuffer = samples.Release();

@@ -43,8 +43,8 @@ void InstallSamples(KelImageData& image, OwnedBuffer samples, KelLong width, Kel
 
 /// Drops the padding at the end of the rows: moves the first trueWidth samples of each row
 /// together, in place, and makes that the width. The buffer keeps its size. A width that is not
-/// below the container's leaves everything as it is.
-void CompactRows(KelImageData& image, KelLong trueWidth) noexcept;
+/// below the container's leaves everything as it is. Raises 8 when the samples cannot be locked.
+void CompactRows(KelImageData& image, KelLong trueWidth);
 
 }  // namespace kel
 

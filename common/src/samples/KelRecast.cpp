@@ -291,7 +291,7 @@ KelLong Replace(KelImageData& image, KelLong numBits, bool turned, Convert conve
   {
     const BufferLock source(image.ImageBuffer);
     const bool empty = width == 0 || height == 0;
-    if (!source && !empty) return KelOK;
+    if (!source && !empty) return KelErrNoMemory;
     const std::uint64_t rowBytes = PackedRowBytes(newWidth, numBits);
     recast = OwnedBuffer::Make(SaturatingMul(rowBytes, AsCount(newHeight)));
     const BufferLock made(recast.Get());
