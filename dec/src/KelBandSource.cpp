@@ -48,12 +48,15 @@ void GiveZeros(BandRows& rows, void* cells) {
   rows.rowsAhead = std::numeric_limits<std::int64_t>::max();
 }
 
-void BeginBand(const TileCompRecord& record, int b, float step, CodedBand& band) {
+void BeginBand(const TileCompRecord& record, int b, float step, WorkMeter* work, CodedBand& band) {
   const BandRecord& from = record.dec->bands[b];
   const auto readable = std::min<std::uint64_t>(from.readableBytes, UINT32_MAX);
   band.reader = {};
   band.reader.InitFromMemory({from.coded, static_cast<KelULong>(readable)}, Flavour::kFF);
-  band.decoder.Begin(band.reader, PartOfBand(record, b, 0), true, step);
+  BandPart part = PartOfBand(record, b, 0);
+  part.end = static_cast<std::int64_t>(from.codedBytes);
+  part.work = work;
+  band.decoder.Begin(band.reader, part, true, step);
 }
 
 }  // namespace
@@ -87,7 +90,7 @@ ComponentBands BandsOfCodedBytes(const TileCompRecord& record, CellKind cells,
     BandRows& rows = bands.bands[b];
     const bool isLow = b == 0;
     rows.step = steps == nullptr ? 1.0F : isLow ? steps->lowStep : steps->steps[b];
-    if (from.coded != nullptr) BeginBand(record, b, rows.step, band);
+    if (from.coded != nullptr) BeginBand(record, b, rows.step, memory.work, band);
     if (from.box.IsEmpty()) continue;
     rows.width = from.box.Width();
     rows.strideCells = AsIndex(RowStride(from.box));

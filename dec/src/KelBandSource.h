@@ -22,6 +22,7 @@ struct CodedBand {
 struct BandMemory {
   CodedBand* bands;  ///< one for each
   void* rows;        ///< CodedRowBytes, aligned to 64
+  WorkMeter* work;   ///< counts the samples decoded
 };
 std::uint64_t CodedRowBytes(const TileCompRecord& record);
 

@@ -168,8 +168,12 @@ float ToCell(std::int32_t coefficient, float step, float) {
 
 // ---- A band ----
 
+/// A position behind all data, small enough to be counted in bits.
+static constexpr std::int64_t kNoEnd = INT64_MAX / 16;
+
 void BandDecoder::Begin(KelDecDataMgr& reader, const BandPart& part, bool isStrict, float step) {
   part_ = part;
+  part_.end = std::min(part.end, kNoEnd);
   windowIsOpen_ = false;
   nextRow_ = part.IsEmpty() ? part.y1 : part.y0;
   source_ = {};
@@ -200,6 +204,13 @@ bool BandDecoder::OpenWindow(KelDecDataMgr& reader) {
   source_.window = reader.ReadPointer() - before;
   source_.bitPosition = 8 * before - unread;
   source_.lastStart = 8 * (reader.Available() - kReach) + 7;
+  const std::int64_t left = part_.end - reader.GetPosition();
+  if (left < static_cast<std::int64_t>(reader.Available())) {
+    // A block without bits may begin at the very end.
+    const std::int64_t leftBits = 8 * (left + before);
+    if (leftBits < static_cast<std::int64_t>(source_.bitPosition)) return false;
+    source_.lastStart = std::min(source_.lastStart, static_cast<std::uint64_t>(leftBits));
+  }
   windowIsOpen_ = true;
   return true;
 }
@@ -253,6 +264,7 @@ BandEnd BandDecoder::DecodeOne(KelDecDataMgr& reader, int width, int height, std
     source_.bitPosition = bits.position;
     return end;
   }
+  if (8 * reader.GetPosition() - reader.UnreadBits() > 8 * part_.end) return BandEnd::kPastEnd;
   ReaderBits bits{reader};
   const BandEnd end = DecodeFrom(bits, width, height, cells, strideCells);
   if (!reader.ReadPastEnd()) return end;
@@ -290,6 +302,9 @@ std::int32_t BandDecoder::DecodeRow(KelDecDataMgr& reader, Cell* cells,
   if (IsOver()) {
     CloseWindow(reader);
     reader.AlignToByte();
+  }
+  if (part_.work != nullptr) {
+    CountWork(*part_.work, AsCount(std::int64_t{height} * (part_.x1 - part_.x0)));
   }
   return height;
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "KelDecDataMgr.h"
+#include "image/KelWork.h"
 #include "kernels/KelBlocksKernels.h"
 
 namespace kel {
@@ -29,14 +30,17 @@ struct BandPart {
   std::uint8_t widthExponent;   ///< of the code blocks, 0 to 3 unless the rectangle is empty
   std::uint8_t heightExponent;  ///< likewise
   SignLayout layout;
+  std::int64_t end = INT64_MAX;  ///< position in the data where the band's are said to end
+  WorkMeter* work = nullptr;     ///< counts the samples decoded; may be null
 
   bool IsEmpty() const { return x0 >= x1 || y0 >= y1; }
 };
 
 /// How the decoding of a band ended.
 enum class BandEnd : std::uint8_t {
-  kWhole,   ///< every block was decoded, and the reader stands on the byte behind the band
-  kCutOff,  ///< a block needed bytes behind the end of the data: it is zero, later ones untouched
+  kWhole,    ///< every block was decoded, and the reader stands on the byte behind the band
+  kCutOff,   ///< a block needed bytes behind the end of the data: it is zero, later ones untouched
+  kPastEnd,  ///< the next block would begin behind `end`: it and later blocks are untouched
   kOutOfRange,  ///< the header, or a block's plane count, is out of range: later blocks untouched
 };
 

@@ -40,6 +40,7 @@ std::uint64_t ReadFrom(KelCodeStm& stream, std::uint8_t* destination, std::uint6
 int KelDecDataMgr::InitFromMemory(const KelCompressedData& block, Flavour flavour) {
   ReleaseWindow();
   memoryMode_ = true;
+  endsBefore_ = INT64_MAX;
   flavour_ = flavour;
   indexAllowed_ = true;
   stream_ = nullptr;
@@ -56,10 +57,12 @@ int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacit
   indexAllowed_ = true;
   SetWindow(nullptr, 0);
   stream_ = stream;
+  isSeekable_ = stream != nullptr && stream->IsSeekable();
   capacity_ = capacity;
   firstLoad_ = nextLoad_ = std::min(firstLoad, capacity);
   streamPosition_ = stream != nullptr ? stream->GetCurPos() : 0;
   knownEnd_ = kUnknown;
+  endsBefore_ = INT64_MAX;
   return Load(1) == kBufferedOk ? KelOK : kNothingRead;
 }
 
@@ -67,13 +70,14 @@ void KelDecDataMgr::ExpectMore() {
   endOfData_ = false;
   readPastEnd_ = false;
   knownEnd_ = kUnknown;
+  endsBefore_ = INT64_MAX;
 }
 
 void KelDecDataMgr::ResetDataMgr() {
   const std::uint64_t unread = Available();
   ReleaseWindow();
   SetWindow(nullptr, 0);
-  if (!memoryMode_ && stream_ != nullptr && stream_->IsSeekable() && unread != 0) {
+  if (!memoryMode_ && stream_ != nullptr && isSeekable_ && unread != 0) {
     const KelLong back = -static_cast<KelLong>(unread);
     if (stream_->seek(kOriginRelative, back) >= 0) streamPosition_ += back;
   }
@@ -102,7 +106,7 @@ std::int64_t KelDecDataMgr::GetPosition() const {
 }
 
 bool KelDecDataMgr::IndexAllowed() const {
-  return memoryMode_ || (indexAllowed_ && stream_ != nullptr && stream_->IsSeekable());
+  return memoryMode_ || (indexAllowed_ && IsMovable());
 }
 
 // ---- The window ----
@@ -171,6 +175,20 @@ int KelDecDataMgr::Load(std::uint64_t n) {
   }
   nextLoad_ = std::min(SaturatingMul(nextLoad_, 2), capacity_);
   return kBufferedOk;
+}
+
+int KelDecDataMgr::Hold(std::uint64_t n) {
+  const std::uint64_t capacity = capacity_;
+  int result = n <= Available() ? kBufferedOk : kDataEnded;
+  while (result != kBufferedOk && !memoryMode_ && !endOfData_) {
+    // Doubled from what is there, so that a length alone obtains little.
+    const std::uint64_t step = std::min(n, std::max(capacity, SaturatingMul(Available(), 2)));
+    capacity_ = std::max(capacity, step);
+    ScopeGuard restore([&] { capacity_ = capacity; });
+    result = Load(step) == kBufferedOk && Available() >= n ? kBufferedOk : kDataEnded;
+    if (stream_ == nullptr) break;
+  }
+  return result;
 }
 
 // ---- Reading ----
@@ -244,7 +262,7 @@ std::uint32_t KelDecDataMgr::PeekBytesAt(std::uint64_t offset, int count) {
 /// Moves the stream, which empties the window. False with nothing moved when the stream refuses;
 /// false too when it went elsewhere.
 bool KelDecDataMgr::SeekStream(std::int64_t position) {
-  if (position < 0 || position > INT32_MAX || !stream_->IsSeekable()) return false;
+  if (position < 0 || position > INT32_MAX || !isSeekable_) return false;
   const KelLong reached = stream_->seek(kOriginAbsolute, static_cast<KelLong>(position));
   if (reached < 0) return false;
   EmptyWindow();
@@ -253,7 +271,7 @@ bool KelDecDataMgr::SeekStream(std::int64_t position) {
 }
 
 std::int64_t KelDecDataMgr::Seek(int origin, std::int64_t offset) {
-  if (!memoryMode_ && (stream_ == nullptr || !stream_->IsSeekable())) return kMoveNotSeekable;
+  if (!memoryMode_ && !IsMovable()) return kMoveNotSeekable;
   if (origin == kOriginRelative && offset > windowStart_ - readPosition_ &&
       offset < windowEnd_ - readPosition_) {
     readPosition_ += offset;
@@ -314,7 +332,7 @@ std::uint64_t KelDecDataMgr::SkipForward(std::uint64_t n) {
 /// data.
 std::uint64_t KelDecDataMgr::SkipBySeek(std::uint64_t n) {
   const std::int64_t here = streamPosition_;
-  if (!stream_->IsSeekable() || here >= INT32_MAX) return 0;
+  if (!isSeekable_ || here >= INT32_MAX) return 0;
   const auto ahead = static_cast<std::int64_t>(std::min<std::uint64_t>(n, INT32_MAX));
   const std::int64_t target = std::min<std::int64_t>(here + ahead, INT32_MAX);
   const bool isBehindEnd = knownEnd_ >= here && target > knownEnd_;

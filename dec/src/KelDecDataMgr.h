@@ -35,7 +35,22 @@ inline constexpr int kMoveNotSeekable = -4;  ///< Seek: the stream cannot seek
 inline constexpr std::uint32_t kFirstLoadBytes = 102400;
 inline constexpr std::uint32_t kWindowBytes = 204800;
 
+struct DamageLog;
+struct KelTilePartEntry;
 struct KelTilePartIndex;
+
+/// What stands where a tile-part may end.
+enum class Boundary : std::uint8_t {
+  kMarker,   ///< SOT or EOC
+  kDataEnd,  ///< the data end here, or inside such a marker
+  kNone      ///< something else, or the data end before
+};
+
+/// The result of a search: where the SOT stands, or the position that none begins before.
+struct SotSearch {
+  bool isFound;
+  std::int64_t position;
+};
 
 class KelDecDataMgr {
  public:
@@ -56,7 +71,7 @@ class KelDecDataMgr {
   void Release() noexcept;
 
   void SetTileGrid(std::int32_t across, std::int32_t down);
-  /// Forgets the tile-part index, whose entries are stale once other data have arrived.
+  /// Forgets the tile-part index.
   void FreeTilePartIndex() noexcept;
 
   Flavour GetFlavour() const { return flavour_; }
@@ -78,6 +93,8 @@ class KelDecDataMgr {
 
   /// Makes n unread bytes available in the window.
   int EnsureBuffered(std::uint64_t n) { return n <= Available() ? kBufferedOk : Load(n); }
+  /// The same for any number: the window of a stream grows with the bytes as they arrive.
+  int Hold(std::uint64_t n);
   /// Unread bytes in the window.
   std::uint64_t Available() const { return static_cast<std::uint64_t>(windowEnd_ - readPosition_); }
   /// The next byte; 0xFF past the end of the data.
@@ -138,15 +155,30 @@ class KelDecDataMgr {
   std::uint32_t PeekSotPsot() { return PeekBytesAt(6, 4); }
   std::uint32_t PeekSotTPsot() { return PeekBytesAt(10, 1); }
   std::uint32_t PeekSotTNsot() { return PeekBytesAt(11, 1); }
-  /// Scans forward for an SOT marker and leaves the read position on it; false at the end of the
-  /// data or on EOC.
-  bool FindNextSOT();
-  /// FindNextSOT that takes only a segment which can be one (length 10, a tile of the grid, Psot 0
-  /// or from 14 on) and passes over an EOC pattern that is not at the end of the data.
-  bool FindPlausibleSOT();
-  /// Positions on the SOT of a tile-part: the one under the read position, else by the index,
-  /// which is built when there is none. False when it cannot be reached.
+  bool IsEOC();
+  /// An SOT segment stands here that names a tile of the grid.
+  bool IsValidSOT();
+  /// MoveTo, where the next bytes may be all that is read.
+  bool MoveToPeek(std::int64_t position);
+  /// What stands at a position where a tile-part may end, not before the read position, which comes
+  /// back. A marker counts although one of its fields is damaged. With willBeRead the bytes on the
+  /// way are loaded.
+  Boundary LookForBoundary(std::int64_t position, bool willBeRead);
+  /// Looks for an SOT segment from a position on, not before the read position, which comes back:
+  /// one that is followed by another marker of its header, with a tile of the grid and possible
+  /// lengths and numbers. A stream that cannot seek keeps in its window what it passes over.
+  SotSearch SearchSOT(std::int64_t from);
+  /// The entry of a tile-part, found by walking on if need be; null when it cannot be reached.
+  const KelTilePartEntry* FindTilePart(std::int32_t tile, std::int32_t part);
+  /// The same, with the read position moved to its SOT. One that stands under the read position
+  /// already is always found.
   bool GoToTilePart(std::int32_t tile, std::int32_t part);
+  /// The tile-parts found so far, or null.
+  const KelTilePartIndex* TileParts() const { return index_; }
+  /// More data may have arrived behind those that the index knows.
+  void RefreshTileParts();
+  /// Where what is wrong with tile-parts is noted; null: nowhere.
+  void SetDamageLog(DamageLog* log) { damages_ = log; }
 
   // ---- Window, for the block decoder's cursor ----
 
@@ -177,7 +209,10 @@ class KelDecDataMgr {
   std::uint32_t ReadBitsByBytes(int n);
   std::uint32_t PeekBytesAt(std::uint64_t offset, int count);
   bool NextIs(std::uint32_t secondByte);
-  bool ScanWindowForMarker();
+  bool IsMovable() const { return memoryMode_ || (stream_ != nullptr && isSeekable_); }
+  const KelTilePartEntry* WalkToTilePart(std::int32_t tile, std::int32_t part);
+  const std::uint8_t* FindSOT(const std::uint8_t* from) const;
+  Boundary BoundaryAt(std::uint64_t ahead) const;
 
   bool memoryMode_;
   Flavour flavour_;
@@ -196,8 +231,11 @@ class KelDecDataMgr {
   std::uint64_t nextLoad_;     ///< bytes asked of the stream at the next load
   KelCodeStm* stream_;
   std::int64_t streamPosition_;  ///< of the window's end
+  std::int64_t endsBefore_;      ///< the data do not reach this position
   std::int64_t knownEnd_;        ///< of the data, once a move has met it; else negative
+  bool isSeekable_;              ///< as the stream said when it was taken
   KelTilePartIndex* index_;
+  DamageLog* damages_;
   std::int32_t tilesAcross_, tilesDown_;
   std::int64_t positionA_, positionB_;
 };

@@ -1,15 +1,17 @@
 // The decoder's byte source among the markers of tile-parts: queries at the read position, the
-// scan for the next SOT, and the way to a given tile-part.
+// search for the next SOT, and the way to a given tile-part.
 //
 // An SOT segment is 12 bytes: marker, Lsot (2), Isot (2), Psot (4), TPsot (1), TNsot (1). Packet
-// data carry no stuffing, so either marker can turn up in them by chance; what is scanned for is
-// therefore checked further (FindPlausibleSOT).
+// data carry no stuffing, so any marker can turn up in them by chance; what is searched for is
+// therefore checked further.
 #include <algorithm>
 #include <cstring>
 
 #include "KelDecDataMgr.h"
 #include "KelTilePartIndex.h"
 #include "base/KelInt.h"
+#include "base/KelMemFuncDefs.h"
+#include "base/KelRaise.h"
 
 namespace kel {
 namespace {
@@ -19,6 +21,21 @@ constexpr std::uint64_t kSopBytes = 6;
 
 /// Most tiles that a 16-bit tile index can tell apart.
 constexpr std::int64_t kMostTiles = 65536;
+
+/// Bytes behind a tile-part that are held with it, so that reading its last blocks, which looks
+/// ahead, does not make the window slide.
+constexpr std::uint64_t kHeldBehindPart = 1024;
+
+/// First load of a stream where no more than a marker segment may be looked at.
+constexpr std::uint64_t kPeekBytes = 64;
+
+/// So many bytes are read rather than passed over by a move.
+constexpr std::uint64_t kReadThrough = 512;
+
+/// Whether a marker can follow SOT: SOD, or one of those that belong into headers.
+constexpr bool IsHeaderMarker(std::uint32_t second) {
+  return second == 0x93 || (second >= 0x50 && second <= 0x6F);
+}
 
 }  // namespace
 
@@ -58,64 +75,149 @@ bool KelDecDataMgr::SkipEPH() {
   return true;
 }
 
-/// Moves to the first SOT or EOC pattern of the window; without one to its last byte, which may
-/// be the first of a marker, and the answer is false.
-bool KelDecDataMgr::ScanWindowForMarker() {
-  while (Available() >= 2) {
-    const std::size_t places = static_cast<std::size_t>(Available() - 1);
-    const void* found = std::memchr(readPosition_, static_cast<int>(MarkerByte()), places);
-    if (found == nullptr) {
-      readPosition_ += places;
-      return false;
-    }
-    readPosition_ = static_cast<const std::uint8_t*>(found);
-    if (readPosition_[1] == kSOT || readPosition_[1] == kEOC) return true;
-    ++readPosition_;
-  }
-  return false;
+bool KelDecDataMgr::IsEOC() {
+  return NextIs(kEOC);
 }
 
-bool KelDecDataMgr::FindNextSOT() {
-  AlignToByte();
-  while (EnsureBuffered(2) == kBufferedOk) {
-    if (ScanWindowForMarker()) return PeekByte(1) == kSOT;
-  }
-  SkipForward(1);
-  return false;
+bool KelDecDataMgr::IsValidSOT() {
+  return IsSOT() && PeekBytesAt(2, 2) == kSotSegmentBytes - 2 &&
+         PeekSotIsot() < AsCount(std::int64_t{tilesAcross_} * tilesDown_);
 }
 
-bool KelDecDataMgr::FindPlausibleSOT() {
+bool KelDecDataMgr::MoveToPeek(std::int64_t position) {
+  const bool isMoved = MoveTo(position);
+  nextLoad_ = std::min(nextLoad_, kPeekBytes);
+  return isMoved;
+}
+
+// ---- Boundaries ----
+
+/// What stands so many bytes ahead, as far as the window shows. Of a damaged segment two of three
+/// fields must be right: the marker, of which half will do then, the length, and the marker behind.
+Boundary KelDecDataMgr::BoundaryAt(std::uint64_t ahead) const {
+  if (Available() < ahead) return Boundary::kNone;
+  const std::uint8_t* p = readPosition_ + ahead;
+  const std::uint64_t shown = Available() - ahead;
+  const std::uint32_t first = MarkerByte();
+  if (shown < 2) return shown == 0 || p[0] == first ? Boundary::kDataEnd : Boundary::kNone;
+  if (p[0] == first && p[1] == kEOC) return Boundary::kMarker;
+  const bool isMarker = p[0] == first && p[1] == kSOT;
+  if (shown < kSotSegmentBytes) return isMarker ? Boundary::kDataEnd : Boundary::kNone;
+  const bool hasLength = p[2] == 0 && p[3] == kSotSegmentBytes - 2;
+  const bool isFollowed = shown >= kLeastTilePartBytes && p[12] == first && IsHeaderMarker(p[13]);
+  const bool isHalfMarker = p[0] == first || p[1] == kSOT;
+  const bool isSOT = isMarker ? hasLength || isFollowed : isHalfMarker && hasLength && isFollowed;
+  return isSOT ? Boundary::kMarker : Boundary::kNone;
+}
+
+Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) {
+  const std::int64_t here = GetPosition();
+  if (position <= here) return Boundary::kNone;
+  const std::uint64_t ahead = AsCount(position - here);
+  const std::uint64_t wanted = ahead + kLeastTilePartBytes;
+  if (!IsMovable()) {
+    Hold(wanted + kHeldBehindPart);
+    return BoundaryAt(ahead);
+  }
+  const bool isNear = willBeRead || ahead <= kReadThrough;
+  if (wanted <= Available() || (isNear && wanted <= capacity_)) {
+    EnsureBuffered(wanted);
+    return BoundaryAt(ahead);
+  }
+  // A stream may be moved behind its end: the byte before tells whether the data reach so far.
+  if (position > endsBefore_ || !MoveToPeek(position - 1)) return Boundary::kNone;
+  EnsureBuffered(1 + kLeastTilePartBytes);
+  const Boundary found = BoundaryAt(1);
+  if (Available() == 0) endsBefore_ = position - 1;
+  MoveTo(here);
+  return found;
+}
+
+// ---- Searching ----
+
+/// The first segment in the window from an address on that can begin a tile-part; null without one.
+const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
   const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
-  for (;; SkipForward(2)) {
-    if (!FindNextSOT()) {
-      if (NextIs(kEOC) && EnsureBuffered(3) == kBufferedOk) continue;
-      return false;
+  while (windowEnd_ - from >= std::int64_t{kLeastTilePartBytes}) {
+    const auto places = static_cast<std::size_t>(windowEnd_ - from - kLeastTilePartBytes + 1);
+    const void* found = std::memchr(from, static_cast<int>(MarkerByte()), places);
+    if (found == nullptr) return nullptr;
+    const auto* p = static_cast<const std::uint8_t*>(found);
+    const std::uint32_t length = LoadBE32(p + 6);
+    const bool isLength = length == 0 || (length >= kLeastTilePartBytes && length <= INT32_MAX);
+    const bool isNumber = p[11] == 0 || p[10] < p[11];
+    if (p[1] == kSOT && p[2] == 0 && p[3] == kSotSegmentBytes - 2 &&
+        (p[4] << 8 | p[5]) < numTiles && isLength && isNumber && p[12] == MarkerByte() &&
+        IsHeaderMarker(p[13])) {
+      return p;
     }
-    if (!IsSOT()) return false;
-    const std::uint32_t length = PeekSotPsot();
-    if (PeekBytesAt(2, 2) == kSotSegmentBytes - 2 && PeekSotIsot() < numTiles &&
-        (length == 0 || length >= kLeastTilePartBytes)) {
-      return true;
+    from = p + 1;
+  }
+  return nullptr;
+}
+
+SotSearch KelDecDataMgr::SearchSOT(std::int64_t from) {
+  const std::int64_t here = GetPosition();
+  if (from < here || (IsMovable() && !MoveTo(from))) return {false, from};
+  // Where the window cannot be left, the place searched is this far ahead in it.
+  std::uint64_t ahead = IsMovable() ? 0 : AsCount(from - here);
+  const std::uint8_t* found = nullptr;
+  for (;;) {
+    const std::uint64_t wanted = ahead + kLeastTilePartBytes;
+    if (IsMovable()) {
+      EnsureBuffered(wanted);
+    } else {
+      Hold(wanted + kHeldBehindPart);
+    }
+    const bool isThere = Available() >= wanted;
+    if (isThere) found = FindSOT(readPosition_ + ahead);
+    if (!isThere || found != nullptr) break;
+    ahead = Available() - (kLeastTilePartBytes - 1);
+    if (IsMovable()) {
+      readPosition_ += ahead;
+      ahead = 0;
+      if (memoryMode_) break;
     }
   }
+  const std::uint64_t passed = found != nullptr ? AsCount(found - readPosition_) : ahead;
+  const SotSearch result = {found != nullptr,
+                            std::max(from, GetPosition() + static_cast<std::int64_t>(passed))};
+  if (IsMovable()) MoveTo(here);
+  return result;
+}
+
+// ---- The index ----
+
+void KelDecDataMgr::RefreshTileParts() {
+  if (index_ != nullptr) RefreshTilePartIndex(*index_, *this);
+}
+
+const KelTilePartEntry* KelDecDataMgr::FindTilePart(std::int32_t tile, std::int32_t part) {
+  if (tile < 0 || part < 0 || !IndexAllowed()) return nullptr;
+  return NamingModule(kModuleDecDataMgr, [&] { return WalkToTilePart(tile, part); });
+}
+
+const KelTilePartEntry* KelDecDataMgr::WalkToTilePart(std::int32_t tile, std::int32_t part) {
+  if (index_ == nullptr) {
+    const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
+    index_ = MakeTilePartIndex(
+        static_cast<std::uint32_t>(std::clamp<std::int64_t>(numTiles, 0, kMostTiles)), positionB_,
+        damages_);
+  }
+  index_->wantedTile = tile;
+  const KelTilePartEntry* entry = kel::FindTilePart(*index_, tile, part);
+  while (entry == nullptr && ExtendTilePartIndex(*index_, *this)) {
+    const KelTilePartEntry& last = index_->entries[index_->numEntries - 1];
+    if (last.tile == tile) entry = kel::FindTilePart(*index_, tile, part);
+  }
+  return entry;
 }
 
 bool KelDecDataMgr::GoToTilePart(std::int32_t tile, std::int32_t part) {
   if (tile < 0 || part < 0) return false;
-  if (IsSOT() && PeekSotIsot() == AsCount(tile) && PeekSotTPsot() == AsCount(part)) {
-    EnsureBuffered(std::min<std::uint64_t>(PeekSotPsot(), capacity_));
-    return true;
-  }
-  if (index_ == nullptr) {
-    if (!IndexAllowed()) return false;
-    const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
-    index_ = BuildTilePartIndex(
-        *this, static_cast<std::uint32_t>(std::clamp<std::int64_t>(numTiles, 0, kMostTiles)));
-  }
-  const KelTilePartEntry* entry = FindTilePart(*index_, tile, part);
-  if (entry == nullptr || !MoveTo(entry->position)) return false;
-  EnsureBuffered(std::min<std::uint64_t>(entry->length, capacity_));
-  return true;
+  if (IsSOT() && PeekSotIsot() == AsCount(tile) && PeekSotTPsot() == AsCount(part)) return true;
+  const KelTilePartEntry* entry = FindTilePart(tile, part);
+  return entry != nullptr && MoveTo(entry->position);
 }
 
 }  // namespace kel

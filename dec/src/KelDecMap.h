@@ -59,9 +59,10 @@ struct DecTileComp {
 struct TileProgress {
   std::int32_t numParts;        ///< tile-parts begun, in this and earlier frames
   bool partIsOpen;              ///< the last one has packets that had not arrived
-  std::int64_t partStart;       ///< position of its SOT,
-  std::int64_t partLength;      ///< Psot as signalled,
-  std::int64_t resumePosition;  ///< and where its next packet, or what follows it, begins
+  bool partIsEmpty;             ///< no packet of the last one has been read
+  bool hasLosses;               ///< packets of the tile are lost
+  bool isBroken;                ///< with a tile-part that is lost went the places of later ones
+  std::int64_t resumePosition;  ///< where the next packet of an open tile-part begins
   bool isComplete;              ///< every packet was decoded
   bool isChanged;               ///< packets, or the first header, were read since the last output
   bool isDelivered;             ///< complete, and its output made: later frames leave it alone

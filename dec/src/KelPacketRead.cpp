@@ -6,15 +6,16 @@
 
 #include <algorithm>
 
-#include "KelBlockDecode.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
+#include "base/KelBytes.h"
 #include "base/KelRaise.h"
 
 namespace kel {
 namespace {
 
-constexpr std::uint64_t kLengthBytes = 4;
+constexpr std::int64_t kLengthBytes = 4;
+constexpr int kDetailBands = 3;
 
 /// Large packets are gathered in steps of this many bytes at most while they really arrive.
 constexpr std::uint64_t kGatherBytes = std::uint64_t{1} << 20;
@@ -22,82 +23,176 @@ constexpr std::uint64_t kGatherBytes = std::uint64_t{1} << 20;
 /// Zeros behind the copy of a packet, so that the kernels reach its end.
 constexpr std::uint64_t kReadableBehindBand = kMostBlockBytes + kLoadSlackBytes;
 
-/// The tile-part being read, and where its length says that it ends.
-struct PartReading {
-  KelDecDataMgr& data;
-  TileRecord& tile;
-  std::int64_t end;     ///< position behind the tile-part, when its length can be trusted
-  bool endIsChecked;    ///< a boundary stands at `end`
-  bool endIsDismissed;  ///< none does, or the length does not tell
+enum class Outcome : std::uint8_t { kHandled, kNotArrived, kDamaged };
+
+/// The packet at work.
+struct PacketAt {
+  const PacketId& id;
+  TileCompRecord& record;
+  std::int64_t start;   ///< of its length
+  std::int64_t length;  ///< as that says
+
+  std::int64_t Body() const { return start + kLengthBytes; }
+  std::int64_t End() const { return Body() + length; }
+  bool HasDetails() const { return id.resolution > 0; }
 };
 
-/// End of the tile-part's data: a marker that ends it, the end of the data, or the place that its
-/// length names, once that has come into view and turned out to be a boundary.
-bool AtPartEnd(PartReading& part) {
-  if (part.data.AtTilePartBoundary()) return true;
-  if (!part.endIsChecked && !part.endIsDismissed) {
-    const BoundaryCheck check = CheckBoundary(part.data, part.end);
-    part.endIsChecked = check == BoundaryCheck::kIsBoundary;
-    part.endIsDismissed = check == BoundaryCheck::kIsNone;
-  }
-  return part.endIsChecked && part.data.GetPosition() >= part.end;
+void Note(const PartReading& part, KelLong kind, std::int64_t from, std::int64_t to) {
+  NoteDamage(part.damages, {kind, part.tile.index, part.part, AsCount(part.basis + from),
+                            AsCount(std::max(to, from) - from)});
 }
 
-/// Decodes one band of a precinct at the read position. Its data are said to end at bandEnd. False
-/// when it needs bytes behind the end of the data.
-bool DecodeBand(KelDecDataMgr& data, TileCompRecord& record, std::int32_t* cells, std::int32_t b,
-                const PacketId& at, std::int64_t bandEnd) {
-  BandRecord& band = record.dec->bands[b];
-  // Decoding fills a band that is one precinct; otherwise it is filled with zeros first.
-  if (record.dec->resolutions[at.resolution].precincts.Count() > 1)
-    EnsureBandFilled(record, b, cells);
+/// Whether the data reach up to a position, which is not before the read position. That stays.
+bool HasArrived(KelDecDataMgr& data, std::int64_t position) {
+  const std::int64_t here = data.GetPosition();
+  const std::uint64_t ahead = AsCount(position - here);
+  const int buffered = data.EnsureBuffered(ahead);
+  if (buffered != kAboveCapacity || !data.IndexAllowed()) return buffered == kBufferedOk;
+  const bool arrived = data.MoveTo(position - 1) && !data.AtEnd();
+  data.MoveTo(here);
+  return arrived;
+}
 
-  const BandPart part = PartOfBand(record, b, at.precinct);
-  std::int32_t* const first = cells + (band.row + part.y0 - band.box.y0) * record.dec->rowStride +
-                              band.column + part.x0 - band.box.x0;
+/// The length that stands at a position, not before the read position, which stays; the largest
+/// value where it has not arrived.
+std::int64_t PeekLength(KelDecDataMgr& data, std::int64_t position) {
+  const std::int64_t here = data.GetPosition();
+  std::uint64_t ahead = AsCount(position - here);
+  const bool isFar =
+      data.EnsureBuffered(ahead + kLengthBytes) == kAboveCapacity && data.IndexAllowed();
+  if (isFar && data.MoveTo(position)) {
+    data.EnsureBuffered(kLengthBytes);
+    ahead = 0;
+  }
+  std::int64_t length = INT64_MAX;
+  if (data.Available() >= ahead + kLengthBytes) {
+    length = 0;
+    for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
+      length = length << 8 | data.PeekByte(ahead + k);
+    }
+  }
+  if (isFar) data.MoveTo(here);
+  return length;
+}
+
+/// Where the lengths of a packet's bands, followed from its body on, lead to; the largest value
+/// where they leave the tile-part or what has arrived of it.
+std::int64_t EndByBandLengths(const PartReading& part, const PacketAt& packet) {
+  std::int64_t at = packet.Body();
+  for (int band = 0; band < kDetailBands; ++band) {
+    if (at > part.end - kLengthBytes) return INT64_MAX;
+    const std::int64_t length = PeekLength(part.data, at);
+    if (length == INT64_MAX) return INT64_MAX;
+    at += kLengthBytes + length;
+  }
+  return at <= part.end ? at : INT64_MAX;
+}
+
+/// Whether what stands at a position can follow a packet: the end of the tile-part, or a packet
+/// whose length fits into it.
+bool CanFollow(const PartReading& part, std::int64_t position) {
+  if (position >= part.end - kLengthBytes) return position == part.end;
+  const std::int64_t length = PeekLength(part.data, position);
+  return length <= part.end - position - kLengthBytes;
+}
+
+// ---- Bands ----
+
+/// The first cell of the part of a band that a packet carries.
+std::int32_t* FirstCell(const PacketAt& packet, std::int32_t b, const BandPart& part,
+                        std::int32_t* cells) {
+  const BandRecord& band = packet.record.dec->bands[b];
+  return cells + (band.row + part.y0 - band.box.y0) * packet.record.dec->rowStride + band.column +
+         part.x0 - band.box.x0;
+}
+
+/// How a band was read: where its bits end, and whether they are whole.
+struct BandReading {
+  bool isWhole;
+  std::int64_t end;
+};
+
+/// Decodes one band of a packet at the read position, without reading beyond `limit`.
+BandReading DecodeBand(const PartReading& part, const PacketAt& packet, std::int32_t* cells,
+                       std::int32_t b, std::int64_t limit) {
+  TileCompRecord& record = packet.record;
+  BandRecord& band = record.dec->bands[b];
+  KelDecDataMgr& data = part.data;
+  // Decoding fills a band that is one precinct; otherwise it is filled with zeros first.
+  if (record.dec->resolutions[packet.id.resolution].precincts.Count() > 1) {
+    EnsureBandFilled(record, b, cells);
+  }
+  BandPart blocks = PartOfBand(record, b, packet.id.precinct);
+  blocks.end = limit;
+  blocks.work = &part.work;
+  std::int32_t* const first = FirstCell(packet, b, blocks, cells);
   const auto stride = static_cast<std::ptrdiff_t>(record.dec->rowStride);
   const std::int64_t start = data.GetPosition();
-  BandEnd end = DecodeBandBlocks(data, part, first, stride).end;
+  BandEnd end = DecodeBandBlocks(data, blocks, first, stride).end;
   if (end != BandEnd::kWhole && !band.isFilled) {
     // Blocks that were not reached must be zero: start again over zeros.
     EnsureBandFilled(record, b, cells);
-    if (data.MoveTo(start)) end = DecodeBandBlocks(data, part, first, stride).end;
+    if (data.MoveTo(start)) end = DecodeBandBlocks(data, blocks, first, stride).end;
   }
   band.isFilled = true;
-  if (end == BandEnd::kOutOfRange) data.MoveTo(bandEnd);
-  return end != BandEnd::kCutOff;
+  return {end == BandEnd::kWhole, data.GetPosition()};
 }
 
-/// Decodes the bands of a packet whose length, not 0, has been read. False when the data end before
-/// they do.
-bool DecodePacketBands(KelDecDataMgr& data, TileCompRecord& record, const PacketId& at,
-                       std::uint64_t lengthBytes) {
-  EnsureCoefficients(record);
-  const BufferLock lock(record.waveletData->ImageBuffer);
-  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
-  auto* cells = lock.As<std::int32_t>();
-  const std::int64_t packetEnd = data.GetPosition() + static_cast<std::int64_t>(lengthBytes);
-  if (at.resolution == 0) {
-    return DecodeBand(data, record, cells, 0, at, packetEnd);
+/// Makes the part of a band that a packet carries zero.
+void ClearBand(const PacketAt& packet, std::int32_t b, std::int32_t* cells) {
+  const BandPart part = PartOfBand(packet.record, b, packet.id.precinct);
+  EnsureBandFilled(packet.record, b, cells);
+  std::int32_t* row = FirstCell(packet, b, part, cells);
+  for (std::int32_t y = part.y0; y < part.y1; ++y, row += packet.record.dec->rowStride) {
+    std::fill_n(row, std::max(part.x1 - part.x0, 0), 0);
   }
-  for (std::int32_t b = 3 * at.resolution - 2; b <= 3 * at.resolution; ++b) {
+}
+
+std::int32_t FirstBand(const PacketAt& packet) {
+  return packet.HasDetails() ? 3 * packet.id.resolution - 2 : 0;
+}
+
+/// Decodes the detail bands of a packet whose lengths agree: each from where they say.
+void DecodeByLengths(const PartReading& part, const PacketAt& packet, std::int64_t packetEnd,
+                     std::int32_t* cells) {
+  KelDecDataMgr& data = part.data;
+  data.MoveTo(packet.Body());
+  for (std::int32_t b = FirstBand(packet); b < FirstBand(packet) + kDetailBands; ++b) {
     const std::int64_t bandBytes = data.ReadUInt(kLengthBytes);
-    const std::int64_t bandEnd = std::min(data.GetPosition() + bandBytes, packetEnd);
-    if (data.ReadPastEnd()) return false;
-    if (bandBytes != 0 && !DecodeBand(data, record, cells, b, at, bandEnd)) return false;
+    const std::int64_t start = data.GetPosition();
+    const std::int64_t end = std::min(start + bandBytes, packetEnd);
+    if (bandBytes == 0) continue;
+    const BandReading band = DecodeBand(part, packet, cells, b, end);
+    if (band.isWhole && band.end == end) continue;
+    Note(part, KelDamageBand, start, end);
+    data.MoveTo(end);
   }
-  return true;
+}
+
+/// Decodes the detail bands of a packet whose lengths do not agree: one behind the other, as they
+/// end by themselves. Returns where the last ends; what is behind a band that does not end within
+/// the tile-part is zero.
+std::int64_t DecodeByBits(const PartReading& part, const PacketAt& packet, std::int32_t* cells) {
+  KelDecDataMgr& data = part.data;
+  data.MoveTo(packet.Body());
+  bool isWhole = true;
+  for (std::int32_t b = FirstBand(packet); b < FirstBand(packet) + kDetailBands; ++b) {
+    isWhole = isWhole && data.GetPosition() <= part.end - kLengthBytes;
+    if (isWhole && data.ReadUInt(kLengthBytes) == 0) continue;
+    isWhole = isWhole && DecodeBand(part, packet, cells, b, part.end).isWhole;
+    if (!isWhole) ClearBand(packet, b, cells);
+  }
+  return isWhole ? data.GetPosition() : INT64_MAX;
 }
 
 /// A copy of the bytes of a packet, with room behind them, or nothing when they have not all
 /// arrived. Memory is obtained as they arrive, so that a length alone obtains little.
-OwnedArray<std::uint8_t> GatherPacket(KelDecDataMgr& data, std::uint64_t lengthBytes,
-                                      std::uint64_t roomBytes) {
+OwnedArray<std::uint8_t> GatherPacket(KelDecDataMgr& data, std::uint64_t lengthBytes) {
   OwnedArray<std::uint8_t> bytes;
   std::uint64_t filled = 0;
   while (filled < lengthBytes) {
     const std::uint64_t room = std::min(lengthBytes, filled + std::max(filled, kGatherBytes));
-    auto larger = OwnedArray<std::uint8_t>::Make(room + roomBytes);
+    auto larger = OwnedArray<std::uint8_t>::Make(room + kReadableBehindBand);
     KelMemCopy(larger.Data(), bytes.Data(), filled);
     bytes = std::move(larger);
     const std::uint64_t got = data.ReadBytes(bytes.Data() + filled, room - filled);
@@ -133,10 +228,10 @@ bool NoteBands(TileCompRecord& record, std::int32_t resolution, const std::uint8
   for (std::int32_t b = std::max(last - 2, 0); b <= last; ++b) {
     std::uint64_t bandBytes = left;
     if (resolution != 0) {
-      if (left < kLengthBytes) return false;
+      if (left < sizeof(std::uint32_t)) return false;
       bandBytes = LoadBE32(bytes);
-      bytes += kLengthBytes;
-      left -= kLengthBytes;
+      bytes += sizeof(std::uint32_t);
+      left -= sizeof(std::uint32_t);
     }
     if (bandBytes > left || bandBytes == 1) return false;
     BandRecord& band = record.dec->bands[b];
@@ -160,7 +255,7 @@ bool TakePacket(KelDecDataMgr& data, TileCompRecord& record, std::int32_t resolu
     data.SkipForward(lengthBytes);
     return NoteBands(record, resolution, bytes, lengthBytes, available);
   }
-  auto bytes = GatherPacket(data, lengthBytes, kReadableBehindBand);
+  auto bytes = GatherPacket(data, lengthBytes);
   if (!bytes) return false;
   std::uint8_t*& copy = record.dec->resolutions[resolution].codedCopy;
   if (copy != nullptr) return false;
@@ -169,77 +264,129 @@ bool TakePacket(KelDecDataMgr& data, TileCompRecord& record, std::int32_t resolu
   return NoteBands(record, resolution, copy, lengthBytes, readable);
 }
 
-/// Handles a packet that does not fit the window of a stream. False when it has not arrived whole.
-bool HandleLargePacket(const PartReading& part, TileCompRecord& record, const PacketId& at,
-                       std::uint64_t lengthBytes, bool isWanted) {
-  KelDecDataMgr& data = part.data;
-  const std::int64_t start = data.GetPosition();
-  bool isWhole;
-  if (isWanted && part.tile.dec->progress.takesBands) {
-    data.SkipForward(kLengthBytes);
-    isWhole = TakePacket(data, record, at.resolution, lengthBytes);
-    part.tile.dec->progress.mustNotTake = !isWhole;
-  } else if (isWanted) {
-    data.SkipForward(kLengthBytes);
-    const auto bytes = GatherPacket(data, lengthBytes, 0);
-    isWhole = static_cast<bool>(bytes);
-    if (isWhole) {
-      KelDecDataMgr packet{};
-      packet.InitFromMemory({bytes.Data(), static_cast<KelULong>(lengthBytes)}, data.GetFlavour());
-      DecodePacketBands(packet, record, at, lengthBytes);
-    }
-  } else {
-    isWhole = data.SkipForward(kLengthBytes + lengthBytes) == kLengthBytes + lengthBytes;
-  }
-  if (!isWhole) data.MoveTo(start);
-  return isWhole;
+// ---- Packets ----
+
+/// The packet cannot be decoded now: because it is damaged, where all of the tile-part is there.
+Outcome Unfit(const PartReading& part) {
+  return part.endIsKnown ? Outcome::kDamaged : Outcome::kNotArrived;
 }
 
-/// Handles the packet at the read position. False when it has not arrived whole; the reader then
-/// stands on it again, if the stream can move back. Bands that run past the end of the data can be
-/// read again when more has arrived, unless the tile-part is known to have arrived.
-bool HandlePacket(const PartReading& part, TileCompRecord& record, const PacketId& at) {
+Outcome DecodeDetails(const PartReading& part, const PacketAt& packet, bool fits,
+                      std::int32_t* cells) {
   KelDecDataMgr& data = part.data;
-  if (data.EnsureBuffered(kLengthBytes) != kBufferedOk) return false;
-  std::uint64_t lengthBytes = 0;
-  for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
-    lengthBytes = lengthBytes << 8 | data.PeekByte(k);
+  const std::int64_t byBands = EndByBandLengths(part, packet);
+  if (fits && byBands == packet.End()) {
+    DecodeByLengths(part, packet, packet.End(), cells);
+    data.MoveTo(packet.End());
+    return Outcome::kHandled;
   }
-  const bool isWanted = at.resolution <= record.dec->decodeRes && lengthBytes != 0;
-  // A length that points behind the tile-part is damaged. The bands need not be: they tell
-  // themselves where they end.
-  const std::uint64_t left = AsCount(part.end - data.GetPosition() - std::int64_t{kLengthBytes});
-  if (part.endIsChecked && lengthBytes > left) {
-    if (!isWanted || left == 0) return false;
-    lengthBytes = left;
+  if (!part.endIsKnown) return Outcome::kNotArrived;
+  if (byBands != INT64_MAX && CanFollow(part, byBands)) {
+    DecodeByLengths(part, packet, byBands, cells);
+    data.MoveTo(byBands);
+    return Outcome::kHandled;
   }
-  const std::uint64_t packetBytes = kLengthBytes + lengthBytes;
+  const bool endIsGood = fits && CanFollow(part, packet.End());
+  const std::int64_t byBits = DecodeByBits(part, packet, cells);
+  if (endIsGood) {
+    if (byBits != packet.End()) Note(part, KelDamageBand, packet.Body(), packet.End());
+    data.MoveTo(packet.End());
+    return Outcome::kHandled;
+  }
+  data.MoveTo(packet.start);
+  if (byBits != INT64_MAX && CanFollow(part, byBits)) {
+    data.MoveTo(byBits);
+    return Outcome::kHandled;
+  }
+  for (std::int32_t b = FirstBand(packet); b < FirstBand(packet) + kDetailBands; ++b) {
+    ClearBand(packet, b, cells);
+  }
+  return Outcome::kDamaged;
+}
 
-  const int buffered = data.EnsureBuffered(packetBytes);
-  if (buffered == kAboveCapacity) {
-    if (!HandleLargePacket(part, record, at, lengthBytes, isWanted)) return false;
-  } else if (buffered != kBufferedOk) {
-    return false;
-  } else if (isWanted) {
-    const std::int64_t start = data.GetPosition();
-    data.SkipForward(kLengthBytes);
-    if (part.tile.dec->progress.takesBands) {
-      part.tile.dec->progress.mustNotTake = !TakePacket(data, record, at.resolution, lengthBytes);
-      if (part.tile.dec->progress.mustNotTake) return false;
-      record.dec->decodedBytes += packetBytes;
-      return true;
-    }
-    const bool isWhole = DecodePacketBands(data, record, at, lengthBytes);
-    if (!isWhole && !part.endIsChecked) {
+/// Decodes the lowest band, whose length nothing confirms but its own bits.
+Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
+                     std::int32_t* cells) {
+  KelDecDataMgr& data = part.data;
+  if (fits) {
+    data.MoveTo(packet.Body());
+    const BandReading band = DecodeBand(part, packet, cells, 0, packet.End());
+    if (band.isWhole && band.end == packet.End()) return Outcome::kHandled;
+    data.MoveTo(packet.start);
+    if (!part.endIsKnown) {
+      // When more has arrived it will show which of the two is right.
       part.tile.dec->progress.isChanged = true;
-      data.MoveTo(start);
-      return false;
+      return Outcome::kNotArrived;
     }
-  } else {
-    data.SkipForward(packetBytes);
+    if (CanFollow(part, packet.End())) {
+      Note(part, KelDamageBand, packet.Body(), packet.End());
+      data.MoveTo(packet.End());
+      return Outcome::kHandled;
+    }
   }
-  record.dec->decodedBytes += packetBytes;
-  return true;
+  if (!part.endIsKnown) return Outcome::kNotArrived;
+  data.MoveTo(packet.Body());
+  const BandReading band = DecodeBand(part, packet, cells, 0, part.end);
+  data.MoveTo(packet.start);
+  if (band.isWhole && CanFollow(part, band.end)) {
+    data.MoveTo(band.end);
+    return Outcome::kHandled;
+  }
+  ClearBand(packet, 0, cells);
+  return Outcome::kDamaged;
+}
+
+/// Handles the packet at the read position. Unless it is handled, the reader stands on it again.
+Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const PacketId& id) {
+  KelDecDataMgr& data = part.data;
+  PacketAt packet{id, record, data.GetPosition(), 0};
+  if (packet.start > part.end - kLengthBytes) return Unfit(part);
+  packet.length = PeekLength(data, packet.start);
+  if (packet.length == INT64_MAX) return Unfit(part);
+  const bool fits = packet.length <= part.end - packet.Body();
+  if (fits && !HasArrived(data, packet.End())) return Outcome::kNotArrived;
+
+  const bool isWanted = id.resolution <= record.dec->decodeRes && packet.length != 0;
+  Outcome outcome = fits ? Outcome::kHandled : Unfit(part);
+  if (!isWanted) {
+    if (fits) data.SkipForward(AsCount(kLengthBytes + packet.length));
+  } else if (part.tile.dec->progress.takesBands) {
+    data.SkipForward(kLengthBytes);
+    const bool isTaken = fits && TakePacket(data, record, id.resolution, AsCount(packet.length));
+    part.tile.dec->progress.mustNotTake = !isTaken;
+    if (!isTaken) outcome = Outcome::kNotArrived;
+  } else if (fits || part.endIsKnown) {
+    EnsureCoefficients(record);
+    const BufferLock lock(record.waveletData->ImageBuffer);
+    if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
+    auto* cells = lock.As<std::int32_t>();
+    outcome = packet.HasDetails() ? DecodeDetails(part, packet, fits, cells)
+                                  : DecodeLowest(part, packet, fits, cells);
+  }
+  if (outcome == Outcome::kHandled) {
+    record.dec->decodedBytes += AsCount(data.GetPosition() - packet.start);
+  } else {
+    data.MoveTo(packet.start);
+  }
+  return outcome;
+}
+
+/// Whether the read position is at the end of the tile-part's data.
+bool AtPartEnd(const PartReading& part) {
+  if (part.data.GetPosition() >= part.end) return part.endIsKnown;
+  return part.end == INT64_MAX && part.data.IsEOC();
+}
+
+/// Closes a tile-part that has been read to where it ends, or as far as it can be.
+PartEnd Close(const PartReading& part, PartEnd how) {
+  const std::int64_t here = part.data.GetPosition();
+  const bool isDamaged = how == PartEnd::kDamaged;
+  // What only notes the places of bands is read again when something does not fit.
+  const bool isFinal = !isDamaged || !part.tile.dec->progress.takesBands;
+  if (part.endIsKnown && here < part.end && isFinal) {
+    Note(part, isDamaged ? KelDamagePacket : KelDamageExcess, here, part.end);
+  }
+  return how;
 }
 
 }  // namespace
@@ -261,48 +408,28 @@ BandPart PartOfBand(const TileCompRecord& record, std::int32_t b, std::int64_t p
       style.cbInterleavedSigns != 0 ? SignLayout::kInterleavedSigns : SignLayout::kSeparateSigns};
 }
 
-BoundaryCheck CheckBoundary(KelDecDataMgr& data, std::int64_t position) {
-  const std::int64_t distance = position - data.GetPosition();
-  if (distance < 0) return BoundaryCheck::kIsNone;
-  const std::uint64_t ahead = AsCount(distance);
-  const int buffered = data.EnsureBuffered(ahead + 2);
-  if (buffered == kAboveCapacity) return BoundaryCheck::kTooFar;
-  const std::uint64_t available = data.Available();
-  if (available < ahead) return BoundaryCheck::kIsNone;
-  if (available < ahead + 2) return BoundaryCheck::kIsBoundary;
-  const std::uint32_t second = data.PeekByte(ahead + 1);
-  const bool isMarker =
-      data.PeekByte(ahead) == data.MarkerByte() && (second == 0x90 || second == 0xD9);
-  return isMarker ? BoundaryCheck::kIsBoundary : BoundaryCheck::kIsNone;
-}
-
-PartEnd ReadTilePartPackets(KelDecDataMgr& data, TileRecord& tile) {
+PartEnd ReadTilePartPackets(const PartReading& part) {
+  TileRecord& tile = part.tile;
   TileProgress& progress = tile.dec->progress;
-  PartReading part{data, tile, progress.partStart + progress.partLength, false,
-                   progress.partLength == 0};
   if (progress.takesBands && !BandsCanBeTaken(tile)) progress.mustNotTake = true;
   if (progress.mustNotTake) return PartEnd::kCutOff;
-  bool isEmpty = !progress.partIsOpen;
   progress.partIsOpen = true;
-  progress.resumePosition = data.GetPosition();
+  progress.resumePosition = part.data.GetPosition();
   while (const PacketId* at = CurrentPacket(*tile.dec->walk)) {
     if (AtPartEnd(part)) {
-      // The end of the data ends the tile-part only where its length says so.
-      const bool dataEnded = data.EnsureBuffered(2) != kBufferedOk;
-      if (dataEnded && (progress.partLength == 0 || data.GetPosition() != part.end)) {
-        return PartEnd::kCutOff;
-      }
-      if (isEmpty) PassEmptyTilePart(*tile.dec->walk);
+      if (progress.partIsEmpty) PassEmptyTilePart(*tile.dec->walk);
       return PartEnd::kPartEnded;
     }
-    if (!HandlePacket(part, tile.comps[at->component], *at)) return PartEnd::kCutOff;
+    const Outcome outcome = HandlePacket(part, tile.comps[at->component], *at);
+    if (outcome == Outcome::kNotArrived) return PartEnd::kCutOff;
+    if (outcome == Outcome::kDamaged) return Close(part, PartEnd::kDamaged);
     PacketHandled(*tile.dec->walk);
-    progress.resumePosition = data.GetPosition();
+    progress.resumePosition = part.data.GetPosition();
     progress.isChanged = true;
-    isEmpty = false;
+    progress.partIsEmpty = false;
   }
-  progress.isComplete = true;
-  return PartEnd::kTileComplete;
+  progress.isComplete = WalkIsComplete(*tile.dec->walk) && !progress.hasLosses;
+  return Close(part, progress.isComplete ? PartEnd::kTileComplete : PartEnd::kPartEnded);
 }
 
 }  // namespace kel

@@ -330,12 +330,17 @@ void FindPacket(PacketWalk& walk) {
   }
 }
 
+bool HasChanges(const PacketWalk& walk) {
+  const KelProgressionChanges* changes = walk.tile->dec->params.changes;
+  return changes != nullptr && changes->present != 0 && changes->count != 0;
+}
+
 /// The entries of the tile's progression changes, or the one of its coding style.
 OwnedArray<ProgressionEntry> MakeEntries(const PacketWalk& walk) {
   const KelCodingStyle& style = *walk.tile->dec->params.style;
   const KelProgressionChanges* changes = walk.tile->dec->params.changes;
   const std::int32_t resolutions = walk.maxLevel + 1;
-  if (changes == nullptr || changes->present == 0 || changes->count == 0) {
+  if (!HasChanges(walk)) {
     auto entries = OwnedArray<ProgressionEntry>::Make(1);
     entries[0] = {style.progressionOrder, style.numLayers, 0, resolutions, 0, walk.numComps};
     return entries;
@@ -391,7 +396,7 @@ PacketWalk* MakePacketWalk(TileRecord& tile, std::int32_t numComps) {
   walk->maxLevel = tile.comps[0].dec->numLevels;
   ListActive(*walk);
   SetEntries(*walk, MakeEntries(*walk));
-  walk->keepsCounters = walk->numEntries > 1;
+  walk->keepsCounters = HasChanges(*walk);
   release.Disarm();
   return walk;
 }
@@ -438,6 +443,26 @@ void ReplaceProgression(PacketWalk& walk) {
     walk.keepsCounters = true;
   }
   SetEntries(walk, MakeEntries(walk));
+}
+
+bool WalkIsComplete(PacketWalk& walk) {
+  if (CurrentPacket(walk) != nullptr) return false;
+  if (!walk.keepsCounters) return true;
+  const std::int32_t numLayers = walk.tile->dec->params.style->numLayers;
+  for (std::int32_t r = 0; r <= walk.maxLevel; ++r) {
+    for (std::int64_t s = walk.activeStart[r]; s < walk.activeStart[r + 1]; ++s) {
+      if (ResolutionOf(walk, walk.active[s], r).leastHandled < numLayers) return false;
+    }
+  }
+  return true;
+}
+
+bool PassLostTilePart(PacketWalk& walk) {
+  const PacketId* at = CurrentPacket(walk);
+  if (at == nullptr || Entry(walk).order != KelCPRL) return false;
+  walk.turn = at->component;
+  PassEmptyTilePart(walk);
+  return true;
 }
 
 void PassEmptyTilePart(PacketWalk& walk) {

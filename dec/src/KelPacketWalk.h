@@ -82,6 +82,14 @@ void PacketHandled(PacketWalk& walk);
 /// packets handled before are passed over. Raises 8.
 void ReplaceProgression(PacketWalk& walk);
 
+/// Whether every packet of the tile has been handled. Progression changes may leave some out, which
+/// those of a later tile-part bring.
+bool WalkIsComplete(PacketWalk& walk);
+
+/// What is left of a tile-part is lost. True when the walk now stands where the next one begins:
+/// in CPRL, at the next component. In other orders that cannot be told. Raises 8.
+bool PassLostTilePart(PacketWalk& walk);
+
 /// A tile-part ended without a packet. In CPRL it counts as its component's turn.
 void PassEmptyTilePart(PacketWalk& walk);
 

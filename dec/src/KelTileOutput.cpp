@@ -224,7 +224,7 @@ class Delivery {
     CodedBand* bands = scratch_.Bands(AsCount(numBands));
     std::uint32_t* rows = static_cast<std::uint32_t*>(source.scratch) + cells;
     for (std::int32_t i = 0; i < source.count; ++i) {
-      source.memory[i] = {bands, rows};
+      source.memory[i] = {bands, rows, &context_.work};
       bands += NumSubbands(source.records[i]->dec->decodeRes);
       rows += CodedRowBytes(*source.records[i]) / sizeof(std::uint32_t);
     }

@@ -37,6 +37,7 @@ class OutputScratch {
 struct DeliveryContext {
   ImageMap& map;
   const FrameRequest& request;
+  WorkMeter& work;
   bool forceComponentTransform;     ///< the decoder option
   std::int32_t colorComponents[3];  ///< components that carry colours 1 to 3
 };

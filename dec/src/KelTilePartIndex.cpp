@@ -1,13 +1,13 @@
-// Building and searching the tile-part index. See the header for what it holds.
+// Measuring tile-parts, and walking them. See the header for what is kept.
 //
-// The walk always moves forward by 12 bytes at least, keeps no more than 256 tile-parts of a tile
-// (an 8-bit number counts them), and obtains memory in proportion to the tile-parts met.
+// The walk always moves forward, keeps no more than 256 tile-parts of a tile (an 8-bit number
+// counts them), and obtains memory in proportion to the tile-parts met.
 #include "KelTilePartIndex.h"
 
 #include <algorithm>
-#include <tuple>
 
 #include "KelDecDataMgr.h"
+#include "base/KelInt.h"
 #include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
 
@@ -16,63 +16,121 @@ namespace {
 
 constexpr std::uint32_t kMostPartsOfTile = 256;
 
-/// Order of the index. A tile-part claimed twice is taken from the later place.
-bool Precedes(const KelTilePartEntry& a, const KelTilePartEntry& b) {
-  return std::tuple(a.tile, a.part, b.position) < std::tuple(b.tile, b.part, a.position);
+void Note(const KelTilePartIndex& index, const KelDamage& damage) {
+  if (index.log != nullptr) NoteDamage(*index.log, damage);
 }
 
-void Record(KelTilePartIndex& index, const KelTilePartEntry& entry) {
-  if (index.partsOfTile[entry.tile] == kMostPartsOfTile) return;
+KelDamage LengthDamage(const KelTilePartEntry& entry) {
+  return {KelDamageLength, entry.tile, entry.part, AsCount(entry.position), 0};
+}
+
+/// Measures an entry's tile-part. What was searched before is not searched again.
+void Measure(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry& entry) {
+  const PartExtent extent = MeasureTilePart(data, entry.position, entry.announced, index.searchedTo,
+                                            entry.tile == index.wantedTile);
+  entry.ending = extent.ending;
+  entry.length = extent.ending != PartEnding::kOpen
+                     ? static_cast<std::uint32_t>(extent.end - entry.position)
+                     : 0;
+  index.searchedTo = extent.searchedTo;
+  index.next = extent.ending == PartEnding::kOpen ? extent.searchedTo : extent.end;
+  if (extent.isRepaired && entry.announced != 0) Note(index, LengthDamage(entry));
+}
+
+void Record(KelTilePartIndex& index, KelTilePartEntry entry) {
+  KelTilePartChain& chain = index.tiles[entry.tile];
+  if (chain.last != 0) {
+    entry.ordinal = static_cast<std::uint16_t>(index.entries[chain.last - 1].ordinal + 1);
+  }
+  if (entry.ordinal == kMostPartsOfTile) return;
   GrowByOne(index.entries, index.numEntries, index.obtainedEntries);
   index.entries[index.numEntries++] = entry;
-  ++index.partsOfTile[entry.tile];
+  (chain.last != 0 ? index.entries[chain.last - 1].next : chain.first) = index.numEntries;
+  chain.last = index.numEntries;
+  index.lastTile = std::max<std::int32_t>(index.lastTile, entry.tile);
 }
 
-/// The length of the tile-part whose SOT stands at `position`, where the read position is, and
-/// leaves the latter behind the tile-part. A length is right when another tile-part, EOC or the
-/// end of the data follows it exactly. Any other is replaced by the distance to the next SOT that
-/// can be one; 0 when there is none.
-std::uint32_t MeasureTilePart(KelDecDataMgr& data, std::int64_t position) {
-  const std::uint32_t announced = data.PeekSotPsot();
-  if (announced >= kLeastTilePartBytes) {
-    const bool isWhole = data.SkipForward(announced) == announced;
-    if (isWhole && data.AtTilePartBoundary()) return announced;
-    if (!data.MoveTo(position)) return 0;
-  }
-  data.SkipForward(kSotSegmentBytes);
-  if (!data.FindPlausibleSOT()) return 0;
-  return static_cast<std::uint32_t>(data.GetPosition() - position);
-}
-
-void WalkTileParts(KelTilePartIndex& index, KelDecDataMgr& data) {
-  std::int64_t lastPosition = -1;
-  while (data.IsSOT()) {
-    KelTilePartEntry entry{};
-    entry.position = data.GetPosition();
-    if (entry.position <= lastPosition) return;  // a stream that does not move where it says
-    lastPosition = entry.position;
-    const std::uint32_t tile = data.PeekSotIsot();
-    if (tile >= index.numTiles || data.PeekSotPsot() > INT32_MAX) return;
-    entry.tile = static_cast<std::uint16_t>(tile);
-    entry.part = static_cast<std::uint8_t>(data.PeekSotTPsot());
-    entry.length = MeasureTilePart(data, entry.position);
-    Record(index, entry);
-    if (entry.length == 0) return;
-  }
+/// Passes over what is no tile-part, up to the next one. False when none has arrived.
+bool FindWay(KelTilePartIndex& index, KelDecDataMgr& data) {
+  const SotSearch found = data.SearchSOT(std::max(index.searchedTo, index.next + 1));
+  index.searchedTo = found.position;
+  if (!found.isFound) return false;
+  const std::uint64_t lost = AsCount(found.position - index.next);
+  Note(index, {KelDamageNoTilePart, -1, -1, AsCount(index.next), lost});
+  index.next = found.position;
+  return data.MoveTo(index.next);
 }
 
 }  // namespace
 
+PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_t announced,
+                           std::int64_t searchFrom, bool willBeRead) {
+  const std::int64_t end = start + announced;
+  if (announced >= kLeastTilePartBytes && announced <= INT32_MAX) {
+    switch (data.LookForBoundary(end, willBeRead)) {
+      case Boundary::kMarker:
+        return {end, PartEnding::kKnown, false, end};
+      case Boundary::kDataEnd:
+        return {end, PartEnding::kProvisional, false, searchFrom};
+      case Boundary::kNone:
+        break;
+    }
+  }
+  const SotSearch found = data.SearchSOT(std::max(searchFrom, start + kSotSegmentBytes));
+  // Past the largest length that a tile-part can have there is another one.
+  const bool isEnd = found.isFound && found.position - start <= INT32_MAX;
+  return {found.position, isEnd ? PartEnding::kKnown : PartEnding::kOpen, isEnd, found.position};
+}
+
+KelTilePartIndex* MakeTilePartIndex(std::uint32_t numTiles, std::int64_t start, DamageLog* log) {
+  return NamingModule(kModuleDecDataMgr, [&] {
+    auto index = OwnedRecord<KelTilePartIndex>::Make();
+    index->tiles = OwnedArray<KelTilePartChain>::Make(numTiles).Release();
+    index->numTiles = numTiles;
+    index->next = index->searchedTo = start;
+    index->lastTile = -1;
+    index->log = log;
+    return index.Release();
+  });
+}
+
+bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
+  const bool lastIsOpen =
+      index.numEntries != 0 && index.entries[index.numEntries - 1].ending == PartEnding::kOpen;
+  if (index.isEnded || lastIsOpen || !data.MoveToPeek(index.next)) return false;
+  while (!data.IsValidSOT()) {
+    index.isEnded = data.IsEOC();
+    if (index.isEnded || !FindWay(index, data)) return false;
+  }
+  KelTilePartEntry entry{};
+  entry.position = data.GetPosition();
+  if (entry.position < index.next) return false;  // a stream that does not move where it says
+  entry.tile = static_cast<std::uint16_t>(data.PeekSotIsot());
+  entry.part = static_cast<std::uint8_t>(data.PeekSotTPsot());
+  entry.announced = data.PeekSotPsot();
+  index.searchedTo = entry.position + kSotSegmentBytes;
+  Measure(index, data, entry);
+  Record(index, entry);
+  return true;
+}
+
+void RefreshTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
+  index.isEnded = false;
+  if (index.numEntries == 0) return;
+  KelTilePartEntry& last = index.entries[index.numEntries - 1];
+  // Entries beyond the number kept of a tile are measured again when they are met again.
+  if (last.ending == PartEnding::kKnown || !data.MoveTo(last.position)) return;
+  index.searchedTo = std::max(index.searchedTo, last.position + kSotSegmentBytes);
+  Measure(index, data, last);
+}
+
 KelTilePartIndex* BuildTilePartIndex(KelDecDataMgr& data, std::uint32_t numTiles) {
   return NamingModule(kModuleDecDataMgr, [&] {
-    KelTilePartIndex* index = OwnedRecord<KelTilePartIndex>::Make().Release();
+    KelTilePartIndex* index = MakeTilePartIndex(numTiles, data.PositionB(), nullptr);
     ScopeGuard release([&] { ReleaseTilePartIndex(index); });
-    index->partsOfTile = OwnedArray<std::uint16_t>::Make(numTiles).Release();
-    index->numTiles = numTiles;
-    data.ReturnToPositionB();
     ScopeGuard returning([&] { data.ReturnToPositionB(); });
-    WalkTileParts(*index, data);
-    std::sort(index->entries, index->entries + index->numEntries, Precedes);
+    while (ExtendTilePartIndex(*index, data)) {
+    }
     release.Disarm();
     return index;
   });
@@ -80,19 +138,16 @@ KelTilePartIndex* BuildTilePartIndex(KelDecDataMgr& data, std::uint32_t numTiles
 
 const KelTilePartEntry* FindTilePart(const KelTilePartIndex& index, std::int32_t tile,
                                      std::int32_t part) {
-  if (tile < 0 || part < 0 || part > UINT8_MAX || AsCount(tile) >= index.numTiles) return nullptr;
-  const KelTilePartEntry wanted = {INT64_MAX, 0, static_cast<std::uint16_t>(tile),
-                                   static_cast<std::uint8_t>(part)};
-  const KelTilePartEntry* first = index.entries;
-  const KelTilePartEntry* end = first + index.numEntries;
-  const KelTilePartEntry* found = std::lower_bound(first, end, wanted, Precedes);
-  const bool isIt = found != end && found->tile == wanted.tile && found->part == wanted.part;
-  return isIt ? found : nullptr;
+  if (tile < 0 || AsCount(tile) >= index.numTiles) return nullptr;
+  for (std::uint32_t i = index.tiles[tile].first; i != 0; i = index.entries[i - 1].next) {
+    if (index.entries[i - 1].part == part) return &index.entries[i - 1];
+  }
+  return nullptr;
 }
 
 void ReleaseTilePartIndex(KelTilePartIndex* index) noexcept {
   if (index == nullptr) return;
-  KelFree(index->partsOfTile);
+  KelFree(index->tiles);
   KelFree(index->entries);
   KelFree(index);
 }

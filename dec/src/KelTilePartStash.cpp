@@ -2,34 +2,21 @@
 #include "KelTilePartStash.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "base/KelMemFuncDefs.h"
 
 namespace kel {
-namespace {
-
-/// First step in which a tile-part is read; further steps double what is there.
-constexpr std::uint64_t kFirstStep = std::uint64_t{1} << 16;
-
-}  // namespace
-
-void StashTilePart(StashedPart*& list, KelDecDataMgr& data) {
-  auto stashed = OwnedRecord<StashedPart>::Make();
-  stashed->part = static_cast<std::int32_t>(data.PeekSotTPsot());
-  const std::uint64_t announced = data.PeekSotPsot();
-  const std::uint64_t wanted =
-      announced != 0 ? announced : std::numeric_limits<std::uint64_t>::max();
-
-  OwnedArray<std::uint8_t> bytes;
-  std::uint64_t room = 0;
-  while (stashed->length == room && room < wanted) {
-    room = std::min(wanted, room + std::max(room, kFirstStep));
-    auto larger = OwnedArray<std::uint8_t>::Make(room);
-    KelMemCopy(larger.Data(), bytes.Data(), stashed->length);
-    bytes = std::move(larger);
-    stashed->length += data.ReadBytes(bytes.Data() + stashed->length, room - stashed->length);
+void StashTilePart(StashedPart*& list, KelDecDataMgr& data, std::int32_t part,
+                   std::uint64_t length) {
+  for (const StashedPart* other = list; other != nullptr; other = other->next) {
+    if (other->part == part) return;
   }
+  auto stashed = OwnedRecord<StashedPart>::Make();
+  stashed->part = part;
+  stashed->position = data.GetPosition();
+  // A tile-part that has been measured stands in the window.
+  auto bytes = OwnedArray<std::uint8_t>::Make(std::min(length, data.Available()));
+  stashed->length = data.ReadBytes(bytes.Data(), bytes.Size());
   stashed->bytes = bytes.Release();
   stashed->next = list;
   list = stashed.Release();

@@ -13,13 +13,15 @@ namespace kel {
 struct StashedPart {
   StashedPart* next;
   std::int32_t part;
+  std::int64_t position;  ///< of the SOT marker in the data
   std::uint64_t length;
   std::uint8_t* bytes;  ///< owned
 };
 
-/// Moves the tile-part under the read position, which is on its SOT, into a list: as many bytes
-/// as its length says, or all that are left for a length of 0. Raises 8.
-void StashTilePart(StashedPart*& list, KelDecDataMgr& data);
+/// Copies the tile-part under the read position, which is on its SOT, to a list: so many bytes, or
+/// as many as there are. One with a number that is there already is left alone. Raises 8.
+void StashTilePart(StashedPart*& list, KelDecDataMgr& data, std::int32_t part,
+                   std::uint64_t length);
 
 /// Takes the tile-part with that number out of a list; null when it is not there. The caller
 /// drops it.

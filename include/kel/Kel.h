@@ -3,6 +3,7 @@
 #define KEL_KEL_H
 
 #include "KelColor.h"
+#include "KelDamage.h"
 #include "KelFileRecords.h"
 #include "KelGeometry.h"
 #include "KelImage.h"

@@ -13,6 +13,7 @@
 #define KEL_IMAGE_H
 
 #include "KelColor.h"
+#include "KelDamage.h"
 #include "KelFileRecords.h"
 #include "KelGeometry.h"
 #include "KelImageData.h"
@@ -170,8 +171,8 @@ class KEL_API KelImage {
   /// A packet that the end of the data cuts off is left for the next frame. A tile whose packets
   /// have all been decoded is finished, and later frames do not touch it while the host asks for
   /// the same thing; when the flags, the orientation or the contents of frame change, decoding
-  /// starts again from the first tile-part. A stream that cannot seek gives all its data to the
-  /// first frame; it cannot be started again.
+  /// starts again from the first tile-part. A stream that cannot seek gives all its data, also
+  /// those that arrived after InitDecoder, to the first frame; it cannot be started again.
   ///
   /// skipConversion: leave out the inverse component transform. skipRecast: leave the samples as
   /// 32-bit integers or floats centred on zero. frame null means skipRecast and no host buffers.
@@ -188,9 +189,15 @@ class KEL_API KelImage {
   /// writes the host buffer alone (TileCompDataIsValid is then false). With skipRecast only that
   /// path writes host buffers.
   ///
-  /// Returns 0; 15 when a tile has no reachable tile-part although data of another tile are there;
-  /// 8; a tile-part header's 10, 18 or 29. What was decoded before a failure has been delivered;
-  /// a later frame may continue.
+  /// Damage to the data costs no more than it must: behind a place where they make no sense,
+  /// decoding goes on at the next tile-part, of this tile or another. GetDamage tells what was met.
+  ///
+  /// Progress is reported tile by tile. The abort callback is asked before every tile, and after
+  /// every million samples decoded; a frame that it stops returns 28, and the next one goes on.
+  ///
+  /// Returns 0; 8; 28; 15 when a tile has no reachable tile-part although data of another tile are
+  /// there, or a tile-part header's 10, 18 or 29: the first such code, after all other tiles have
+  /// been decoded and delivered. A later frame may continue.
   KelLong GetNextFrame(KelCompressedData* data, KelULong* resolutions, bool skipConversion,
                        bool skipRecast, KelFrameData* frame);
 
@@ -202,6 +209,12 @@ class KEL_API KelImage {
   /// next frame on.
   KelLong SetOrientationForDecode(KelImageOrientation orientation);
   KelImageOrientation GetOrientationForDecode() const;
+  /// Guarded (0). How many places of damage have been met in the frames so far, in the order of the
+  /// data; no more than 4096 are kept. 0 when nothing is wrong.
+  KelLong GetNumDamages() const;
+  /// Guarded. Copies the n-th of them, from 0 on, to *damage. Returns 0; 15 for n out of range or a
+  /// null pointer.
+  KelLong GetDamage(KelLong n, KelDamage* damage) const;
   /// Whether every packet of a tile has been decoded.
   bool TileIsComplete(KelLong tile) const;
 

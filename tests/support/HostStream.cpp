@@ -19,6 +19,7 @@ HostStream::HostStream(std::vector<std::uint8_t> content, bool seekable)
     const std::size_t taken = std::min(left, most);
     if (taken != 0) std::memcpy(destination, self.bytes.data() + self.position, taken);
     self.position += taken;
+    self.bytesRead += taken;
     return static_cast<KelLong>(taken);
   };
   procs.Write = [](void* client, const void* source, KelLong count) -> KelLong {

@@ -33,6 +33,7 @@ class HostStream {
   KelLong failedResult = 0;         ///< what that one returns
   bool refuseSeek = false;
   int reads = 0, writes = 0, seeks = 0;
+  std::size_t bytesRead = 0;
 
   KelStreamProcs procs;
   KelCodeStm stream;

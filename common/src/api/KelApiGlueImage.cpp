@@ -131,3 +131,17 @@ KelImageOrientation KelImage::GetOrientationForDecode() const {
 bool KelImage::TileIsComplete(KelLong tile) const {
   return Query(handle_, false, [&](ImageState& state) { return kel::TileIsComplete(state, tile); });
 }
+
+KelLong KelImage::GetNumDamages() const {
+  return Guarded(
+      handle_, Side::kDecoder,
+      [](ImageState& state) { return static_cast<KelLong>(state.decoder->damages.numEntries); },
+      Neutral(KelLong{0}));
+}
+
+KelLong KelImage::GetDamage(KelLong n, KelDamage* damage) const {
+  return Guarded(
+      handle_, Side::kDecoder,
+      [&](ImageState& state) { return kel::CopyDamage(state.decoder->damages, n, damage); },
+      kTheCode);
+}

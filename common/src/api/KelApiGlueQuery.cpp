@@ -57,10 +57,9 @@ KelCodeStm* KelImage::GetCodeStream() const {
 }
 
 KelEncOpt* KelImage::GetEncodeOptions() const {
-  return Query(handle_, static_cast<KelEncOpt*>(nullptr),
-               [](ImageState& state) {
-                 return state.decOpt != nullptr ? state.decOpt->EncOpt : state.encOpt;
-               });
+  return Query(handle_, static_cast<KelEncOpt*>(nullptr), [](ImageState& state) {
+    return state.decOpt != nullptr ? state.decOpt->EncOpt : state.encOpt;
+  });
 }
 
 KelDecOpt* KelImage::GetDecodeOptions() const {

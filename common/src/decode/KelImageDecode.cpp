@@ -240,7 +240,8 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   InitTileRecords(map);
   InitDecTiles(map);
   d.dataMgr->SetTileGrid(geometry.NumXTiles, geometry.NumYTiles);
-  d.visitedUpTo = d.furthest = d.dataMgr->PositionB();
+  d.dataMgr->SetDamageLog(&d.damages);
+  d.furthest = d.dataMgr->PositionB();
   return KelOK;
 }
 
@@ -299,6 +300,7 @@ KelLong ReadHeaders(ImageState& state, KelCodeStm* stream, KelCompressedData* da
   if (procs != nullptr) {
     state.progress.actions = procs->UserActions;
     state.imageDataProcs = procs->ImageDataProcs;
+    state.decoder->work.actions = procs->UserActions;
   }
   KelLong code = OpenData(state, stream, data);
   if (code == KelOK) code = ReadFileBoxes(state);
@@ -356,6 +358,7 @@ void ReleaseDecoder(ImageState& state) noexcept {
     KelFree(d->dataMgr);
   }
   ReleaseRequest(d->request);
+  ReleaseDamageLog(d->damages);
   KelFree(d);
   state.decoder = nullptr;
   state.encOpt = nullptr;

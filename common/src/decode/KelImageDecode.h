@@ -2,11 +2,13 @@
 #ifndef KEL_IMAGE_DECODE_H
 #define KEL_IMAGE_DECODE_H
 
+#include "KelDamageLog.h"
 #include "KelDecDataMgr.h"
 #include "KelDecMap.h"
 #include "KelFrameRequest.h"
 #include "format/KelFileFormat.h"
 #include "image/KelImageState.h"
+#include "image/KelWork.h"
 
 namespace kel {
 
@@ -26,10 +28,8 @@ struct DecoderState {
   KelLong orientation;
   FrameRequest request;  ///< of the last frame
   bool hasRequest;
-  /// Up to here the tile-parts were read one after another. With gaps, some were passed by, and a
-  /// missing tile-part can be anywhere.
-  std::int64_t visitedUpTo;
-  bool hasGaps;
+  DamageLog damages;  ///< owns its entries
+  WorkMeter work;
   std::int64_t furthest;  ///< end of the furthest tile-part handled
 };
 

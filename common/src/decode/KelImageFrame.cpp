@@ -59,8 +59,7 @@ void NoteRequest(ImageState& state, FrameRequest request) {
   d.hasRequest = true;
   if (!isChange) return;
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) RestartTile(state.map, state.map.tiles[t]);
-  d.visitedUpTo = d.furthest = d.dataMgr->PositionB();
-  d.hasGaps = false;
+  d.furthest = d.dataMgr->PositionB();
 }
 
 /// The components that carry colours 1 to 3, by the channel definitions when these name three
@@ -77,32 +76,13 @@ void FindColors(const ImageState& state, std::int32_t (&components)[3]) {
 }
 
 DeliveryContext DescribeDelivery(ImageState& state) {
-  DeliveryContext delivery{
-      state.map, state.decoder->request, state.decOpt->ForceComponentTransform != 0, {}};
+  DeliveryContext delivery{state.map,
+                           state.decoder->request,
+                           state.decoder->work,
+                           state.decOpt->ForceComponentTransform != 0,
+                           {}};
   FindColors(state, delivery.colorComponents);
   return delivery;
-}
-
-/// Where reading stands between two tiles.
-struct ReadingPlace {
-  std::int64_t position, passPosition, visitedUpTo, furthest;
-  bool dataEnded, hasGaps;
-};
-
-ReadingPlace NotePlace(const TilePass& pass) {
-  const DecoderState& d = pass.decoder;
-  return {d.dataMgr->GetPosition(), pass.position, d.visitedUpTo, d.furthest,
-          pass.dataEnded,           d.hasGaps};
-}
-
-void ReturnTo(const ReadingPlace& place, TilePass& pass) {
-  DecoderState& d = pass.decoder;
-  pass.position = place.passPosition;
-  pass.dataEnded = place.dataEnded;
-  d.visitedUpTo = place.visitedUpTo;
-  d.furthest = place.furthest;
-  d.hasGaps = place.hasGaps;
-  d.dataMgr->MoveTo(place.position);
 }
 
 /// Reads a tile's packets without decoding them, and decodes them while it delivers the tile, so
@@ -111,10 +91,10 @@ void ReturnTo(const ReadingPlace& place, TilePass& pass) {
 bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
               OutputScratch& scratch) {
   if (tile.dec->progress.numParts != 0 || !pass.decoder.dataMgr->IndexAllowed()) return false;
-  const ReadingPlace place = NotePlace(pass);
+  const std::int64_t furthest = pass.decoder.furthest;
   ScopeGuard restart([&] {
     RestartTile(pass.map, tile);
-    ReturnTo(place, pass);
+    pass.decoder.furthest = furthest;
   });
   tile.dec->progress.takesBands = true;
   const KelLong code = ReadTile(pass, tile);
@@ -125,18 +105,24 @@ bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
   return true;
 }
 
-/// Decodes and delivers the tiles in raster order, up to the first that fails.
+/// Decodes and delivers the tiles in raster order. Where one fails the others go on; the result is
+/// the first failure's.
 KelLong VisitTiles(ImageState& state) {
   DecoderState& d = *state.decoder;
-  TilePass pass{state.map, d, d.dataMgr->GetPosition(), false};
+  TilePass pass{state.map, d, false, -1};
   const DeliveryContext delivery = DescribeDelivery(state);
   OutputScratch scratch;
   KelLong code = KelOK;
-  for (std::int32_t t = 0; t < state.map.numTiles && code == KelOK; ++t) {
+  BeginProgress(state.progress, state.map.numTiles);
+  ScopeGuard end([&] { EndProgress(state.progress); });
+  for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     TileRecord& tile = state.map.tiles[t];
-    if (HasNoSamples(state.map, tile)) continue;
+    StepProgress(state.progress, 1);
+    if (tile.dec->progress.isDelivered || HasNoSamples(state.map, tile)) continue;
+    AskToGoOn(d.work);
     if (TakeTile(pass, delivery, tile, scratch)) continue;
-    code = ReadTile(pass, tile);
+    const KelLong result = ReadTile(pass, tile);
+    if (code == KelOK) code = result;
     DeliverTile(delivery, tile, scratch);
   }
   return code;
@@ -157,7 +143,7 @@ KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConver
   if (OpenFrame(state, data, code) == FrameSource::kReady) {
     ScopeGuard notePosition(
         [&] { d.bytesLastFrame = static_cast<KelULong>(reader.GetPosition()); });
-    reader.FreeTilePartIndex();
+    reader.RefreshTileParts();
     NoteRequest(state,
                 TakeRequest(frame, state.map.numComps, skipConversion, skipRecast, d.orientation));
     code = VisitTiles(state);

@@ -1,20 +1,26 @@
 // The tile loop of a frame: which tile-part of a tile comes next, where it stands, and what is
 // done when data are missing, out of order or damaged.
 //
-// Tiles are visited in raster order, each from where its decoding stands. Tile-parts that follow
-// each other in the data are simply read on. Others are reached through the tile-part index; a
-// stream that cannot seek has none, so there a tile-part of another tile is decoded in passing,
-// or kept when those before it have not come yet.
+// Tiles are visited in raster order, and each reads its tile-parts in the order of their numbers.
+// Where the data can be moved in, the index of tile-parts knows where they stand; it walks ahead
+// only as far as it must. A stream that cannot seek has none, so there every tile-part is dealt
+// with as it comes: decoded when it is the next of its tile, kept when those before it have not
+// come yet.
+//
+// What is damaged costs no more than itself: the index finds the next tile-part behind it, and what
+// a tile-part has lost keeps no other tile from being read.
 #include "decode/KelImageTiles.h"
 
 #include <algorithm>
 
+#include "KelHeadersRead.h"
 #include "KelPacketRead.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
+#include "KelTilePartIndex.h"
 #include "KelTilePartStash.h"
 #include "base/KelRaise.h"
-#include "decode/KelHeadersRead.h"
+#include "format/KelTileBox.h"
 
 namespace kel {
 namespace {
@@ -22,17 +28,45 @@ namespace {
 /// Tile-part numbers are bytes; a tile with more tile-parts is damaged or hostile.
 constexpr std::int32_t kMostParts = 256;
 
-/// Bytes of an SOT segment up to SOD: no tile-part is shorter.
-constexpr std::uint32_t kLeastPartLength = 14;
+/// A tile-part that has been found: where it stands in the reader's data.
+struct FoundPart {
+  KelDecDataMgr& data;
+  std::int32_t number;
+  std::int64_t start, end;  ///< `end` is the largest value when it is not known
+  bool endIsKnown;
+  std::int64_t basis;  ///< offset of the reader's first byte in the data of the image
+};
 
-enum class Search : std::uint8_t { kFound, kNothing, kMissing };
+FoundPart PartOf(KelDecDataMgr& data, const KelTilePartEntry& entry) {
+  return {data, entry.part, entry.position, entry.End(), entry.ending == PartEnding::kKnown, 0};
+}
+
+void NoteLoss(const TilePass& pass, KelLong kind, const TileRecord& tile, const FoundPart& part) {
+  const std::int64_t here = part.data.GetPosition();
+  const std::int64_t end = part.end != INT64_MAX ? part.end : std::max(here, part.start);
+  NoteDamage(pass.decoder.damages, {kind, tile.index, part.number, AsCount(part.basis + part.start),
+                                    AsCount(end - part.start)});
+}
+
+/// What a tile-part has lost takes the places of those behind it along, unless the order tells
+/// them.
+void LosePart(TileRecord& tile) {
+  TileProgress& progress = tile.dec->progress;
+  progress.hasLosses = true;
+  progress.isBroken = tile.dec->walk == nullptr || !PassLostTilePart(*tile.dec->walk);
+}
+
+bool HasLargeBlocks(const ImageMap& map, const TileRecord& tile) {
+  return std::any_of(tile.comps, tile.comps + map.numComps, [](const TileCompRecord& record) {
+    return HasLargeBlocks(*record.dec->params.style, BoxOf(record.tileGeom));
+  });
+}
 
 /// Seeds the parameters of a tile-part header with those in force, reads it, and gives them to the
 /// tile. The reader stands on SOT. Nothing happens to the tile when the header is incomplete.
 HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& tile) {
   KelHeaderParams header{};
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
-  const std::int64_t start = data.GetPosition();
   NamingModule(kModuleImageMap, [&] {
     InitHeaderParams(header, false);
     SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
@@ -49,6 +83,7 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   ScopeGuard restart([&] { RestartTile(map, tile); });
   ApplyTileParams(map, tile, header, onlyProgression);
   if (tile.dec->walk == nullptr || !onlyProgression) {
+    if (HasLargeBlocks(map, tile)) return {MakeFailure(KelErrUnsupported, kModuleImageMap), false};
     LayOutTile(map, tile);
     ReleasePacketWalk(tile.dec->walk);
     tile.dec->walk = MakePacketWalk(tile, map.numComps);
@@ -58,10 +93,8 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   restart.Disarm();
   // A tile that has arrived without packets is delivered too, as zeros.
   if (progress.numParts == 0) progress.isChanged = true;
-  progress.numParts = std::max<std::int32_t>(progress.numParts, header.TPsot) + 1;
-  progress.partStart = start;
-  progress.partLength = length < kLeastPartLength ? 0 : length;
-  progress.partIsOpen = false;
+  progress.numParts = static_cast<std::int32_t>(header.TPsot) + 1;
+  progress.partIsEmpty = true;
   return result;
 }
 
@@ -71,203 +104,165 @@ KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {
   return header.refusal.errCode;
 }
 
-/// Moves to where a tile-part's length says that it ends, when a boundary stands there.
-bool MoveToPartEnd(KelDecDataMgr& data, const TileProgress& progress) {
-  if (progress.partLength == 0) return false;
-  const std::int64_t end = progress.partStart + progress.partLength;
-  const std::int64_t here = data.GetPosition();
-  if (here <= end) {
-    return CheckBoundary(data, end) == BoundaryCheck::kIsBoundary && data.MoveTo(end);
-  }
-  // The packets ran past it.
-  if (data.MoveTo(end) && data.AtTilePartBoundary()) return true;
-  data.MoveTo(here);
-  return false;
-}
-
-/// Moves the reader behind a tile-part that has been read, when it does not stand on a boundary:
-/// to where the length points if that is one, else to the next marker that can begin a tile-part.
-/// False when nothing follows.
-bool LeavePart(KelDecDataMgr& data, const TileProgress& progress) {
-  if (data.AtTilePartBoundary() || MoveToPartEnd(data, progress)) return true;
-  data.MoveTo(progress.partStart + 2);
-  return data.FindPlausibleSOT();
-}
-
-/// Reads the packets of the tile-part that has been opened, and closes it if it has arrived whole.
-/// False when the end of the data cuts it off.
-bool ReadOpenPart(KelDecDataMgr& data, TileRecord& tile) {
+/// Reads a tile-part, or what has arrived of it, into its tile: from its header on, or, when it is
+/// open already, from where its reading stopped. The code is that of its header.
+KelLong ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
   TileProgress& progress = tile.dec->progress;
-  const PartEnd end = ReadTilePartPackets(data, tile);
-  if (end == PartEnd::kCutOff) {
-    // Data behind the tile-part mean that it is damaged, not cut off.
-    const bool isDamaged = MoveToPartEnd(data, progress) && data.EnsureBuffered(2) == kBufferedOk;
-    if (!isDamaged) return false;
+  KelDecDataMgr& data = part.data;
+  if (progress.partIsOpen) {
+    if (!data.MoveTo(progress.resumePosition)) return KelOK;
+  } else {
+    if (!data.MoveTo(part.start)) return KelOK;
+    EnsureDecTileComps(pass.map, tile);
+    const HeaderResult header = ReadTilePartHeader(pass.map, data, tile);
+    const bool isPast = data.GetPosition() > part.end;
+    if (header.incomplete && !part.endIsKnown) return KelOK;
+    if (header.refusal.errCode != KelOK || header.incomplete || isPast) {
+      progress.numParts = part.number + 1;
+      NoteLoss(pass, KelDamageHeader, tile, part);
+      LosePart(tile);
+      return NoteRefusal(pass.decoder, header);
+    }
   }
-  progress.partIsOpen = false;
-  return true;
-}
-
-/// Reads the packets of the tile-part that has been opened, and leaves it.
-void ContinuePart(TilePass& pass, TileRecord& tile) {
-  DecoderState& d = pass.decoder;
-  KelDecDataMgr& data = *d.dataMgr;
-  if (!ReadOpenPart(data, tile)) {
-    d.furthest = std::max(d.furthest, tile.dec->progress.resumePosition);
-    pass.dataEnded = true;
-    return;
-  }
-  const bool more = LeavePart(data, tile.dec->progress);
-  if (!more) pass.dataEnded = true;
-  tile.dec->progress.resumePosition = data.GetPosition();
-  d.furthest = std::max(d.furthest, data.GetPosition());
-  if (!d.hasGaps) d.visitedUpTo = data.GetPosition();
-}
-
-/// Reads the tile-part under the reader into its tile.
-KelLong ReadPart(TilePass& pass, TileRecord& tile) {
-  DecoderState& d = pass.decoder;
-  KelDecDataMgr& data = *d.dataMgr;
-  EnsureDecTileComps(pass.map, tile);
-  const std::int64_t start = data.GetPosition();
-  const HeaderResult header = ReadTilePartHeader(pass.map, data, tile);
-  if (header.refusal.errCode != KelOK) return NoteRefusal(d, header);
-  if (header.incomplete) {
-    pass.dataEnded = true;
-    return KelOK;
-  }
-  if (start != d.visitedUpTo) d.hasGaps = true;
-  ContinuePart(pass, tile);
+  const PartEnd end = ReadTilePartPackets({data, tile, part.number, part.end, part.endIsKnown,
+                                           part.basis, pass.decoder.damages, pass.decoder.work});
+  progress.partIsOpen = end == PartEnd::kCutOff;
+  if (end == PartEnd::kDamaged) LosePart(tile);
   return KelOK;
 }
+
+// ---- Data that can be moved in ----
+
+/// The tile-part that the tile needs next, or goes on with; null when it is not there.
+const KelTilePartEntry* NextPart(KelDecDataMgr& data, const TileRecord& tile) {
+  const TileProgress& progress = tile.dec->progress;
+  const std::int32_t number = progress.numParts - (progress.partIsOpen ? 1 : 0);
+  if (progress.isBroken || number >= kMostParts) return nullptr;
+  return data.FindTilePart(tile.index, number);
+}
+
+/// Notes the tile-parts of a tile whose place is lost.
+void NoteUnplaced(const TilePass& pass, const TileRecord& tile) {
+  for (std::int32_t number = tile.dec->progress.numParts; number < kMostParts; ++number) {
+    const KelTilePartEntry* entry = pass.decoder.dataMgr->FindTilePart(tile.index, number);
+    if (entry == nullptr) return;
+    NoteLoss(pass, KelDamageNoPlace, tile, PartOf(*pass.decoder.dataMgr, *entry));
+  }
+}
+
+KelLong ReadByIndex(TilePass& pass, TileRecord& tile) {
+  DecoderState& d = pass.decoder;
+  TileProgress& progress = tile.dec->progress;
+  KelLong code = KelOK;
+  while (!progress.isComplete && code == KelOK) {
+    const KelTilePartEntry* entry = NextPart(*d.dataMgr, tile);
+    if (entry == nullptr) break;
+    const FoundPart part = PartOf(*d.dataMgr, *entry);
+    const std::int32_t partsBefore = progress.numParts;
+    const bool wasOpen = progress.partIsOpen;
+    code = ReadPart(pass, tile, part);
+    d.furthest =
+        std::max(d.furthest, progress.partIsOpen || part.end == INT64_MAX ? d.dataMgr->GetPosition()
+                                                                          : part.end);
+    if (progress.partIsOpen || (!wasOpen && progress.numParts == partsBefore)) break;
+  }
+  if (progress.isBroken) NoteUnplaced(pass, tile);
+  const KelTilePartIndex* index = d.dataMgr->TileParts();
+  const bool othersAreThere = index != nullptr && (index->lastTile > tile.index ||
+                                                   (index->isEnded && index->lastTile >= 0));
+  if (code == KelOK && progress.numParts == 0 && othersAreThere) code = KelErrBadParam;
+  return code;
+}
+
+// ---- Streams that cannot seek ----
 
 /// Reads the tile's next tile-part from the stash. False when it is not there. The code is that of
 /// its header.
 bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
+  if (tile.dec->progress.isBroken) return false;
   StashedPart* stashed = TakeStashedPart(tile.dec->early, tile.dec->progress.numParts);
   if (stashed == nullptr) return false;
   ScopeGuard drop([&] { DropStashedPart(stashed); });
-  KelDecDataMgr part{};
-  part.InitFromMemory({stashed->bytes, static_cast<KelULong>(stashed->length)},
+  KelDecDataMgr data{};
+  data.InitFromMemory({stashed->bytes, static_cast<KelULong>(stashed->length)},
                       pass.decoder.flavour);
-  part.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
-  EnsureDecTileComps(pass.map, tile);
-  const HeaderResult header = ReadTilePartHeader(pass.map, part, tile);
-  code = NoteRefusal(pass.decoder, header);
-  if (code == KelOK && !header.incomplete) ReadOpenPart(part, tile);
-  tile.dec->progress.partIsOpen = false;
-  tile.dec->progress.resumePosition = pass.decoder.dataMgr->GetPosition();
+  data.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
+  code = ReadPart(pass, tile,
+                  {data, stashed->part, 0, static_cast<std::int64_t>(stashed->length), true,
+                   stashed->position});
   return true;
 }
 
-/// Deals with a tile-part in passing, on a stream that cannot come back to it: decodes it when it
-/// is the next of its tile, keeps it when it is early, drops it when it is of no use.
+/// Passes over what is no tile-part. False when no more follows.
+bool FindWay(TilePass& pass) {
+  KelDecDataMgr& data = *pass.decoder.dataMgr;
+  if (data.IsValidSOT()) return true;
+  if (data.IsEOC() || data.AtEnd()) return false;
+  const std::int64_t here = data.GetPosition();
+  const SotSearch found = data.SearchSOT(here + 1);
+  if (!found.isFound) return false;
+  NoteDamage(pass.decoder.damages,
+             {KelDamageNoTilePart, -1, -1, AsCount(here), AsCount(found.position - here)});
+  return data.MoveTo(found.position);
+}
+
+/// Deals with the tile-part under the reader: decodes it when it is the next of its tile, keeps it
+/// when it is early, passes over it when it is of no use.
 KelLong PassPart(TilePass& pass) {
   KelDecDataMgr& data = *pass.decoder.dataMgr;
-  const auto tileIndex = static_cast<std::int32_t>(data.PeekSotIsot());
-  const auto part = static_cast<std::int32_t>(data.PeekSotTPsot());
-  if (tileIndex >= pass.map.numTiles) {
-    data.SkipForward(2);
-    pass.dataEnded = !data.FindPlausibleSOT();
-    return KelOK;
+  const std::int64_t start = data.GetPosition();
+  TileRecord& tile = pass.map.tiles[data.PeekSotIsot()];
+  const auto number = static_cast<std::int32_t>(data.PeekSotTPsot());
+  const std::uint32_t announced = data.PeekSotPsot();
+  pass.lastTile = std::max(pass.lastTile, tile.index);
+  const PartExtent extent = MeasureTilePart(data, start, announced, start, true);
+  const bool isOpen = extent.ending == PartEnding::kOpen;
+  const FoundPart part = {
+      data, number, start, isOpen ? INT64_MAX : extent.end, extent.ending == PartEnding::kKnown, 0};
+  if (extent.isRepaired && announced != 0) {
+    NoteDamage(pass.decoder.damages, {KelDamageLength, tile.index, number, AsCount(start), 0});
   }
-  TileRecord& tile = pass.map.tiles[tileIndex];
-  if (tile.dec->progress.isComplete || HasNoSamples(pass.map, tile)) {
-    const std::uint32_t length = data.PeekSotPsot();
-    data.SkipForward(std::max(length, kLeastPartLength));
-    if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();
-    return KelOK;
+  const TileProgress& progress = tile.dec->progress;
+  const bool isOfUse = !progress.isComplete && !progress.isBroken && !progress.partIsOpen &&
+                       number >= progress.numParts && !HasNoSamples(pass.map, tile);
+  KelLong code = KelOK;
+  if (isOfUse && number > progress.numParts) {
+    StashTilePart(tile.dec->early, data, number, isOpen ? UINT64_MAX : AsCount(extent.end - start));
+  } else if (isOfUse) {
+    code = ReadPart(pass, tile, part);
+    while (code == KelOK && !progress.isComplete && ReadStashedPart(pass, tile, code)) {
+    }
+  } else if (progress.isBroken) {
+    NoteLoss(pass, KelDamageNoPlace, tile, part);
   }
-  if (part > tile.dec->progress.numParts) {
-    StashTilePart(tile.dec->early, data);
-    if (!data.AtTilePartBoundary()) pass.dataEnded = !data.FindPlausibleSOT();
-    return KelOK;
-  }
-  KelLong code = ReadPart(pass, tile);
-  while (code == KelOK && !tile.dec->progress.isComplete && ReadStashedPart(pass, tile, code)) {
-  }
+  pass.decoder.furthest = std::max(pass.decoder.furthest, data.GetPosition());
+  // An open one takes all that is left; only the end marker can follow it.
+  pass.dataEnded = isOpen ? !data.IsEOC() : !data.MoveTo(extent.end);
   return code;
 }
 
-/// Moves to the tile's next tile-part by the index; stays when it is not there.
-bool FindByIndex(TilePass& pass, const TileRecord& tile) {
-  KelDecDataMgr& data = *pass.decoder.dataMgr;
-  if (!data.IndexAllowed()) return false;
-  const std::int64_t here = data.GetPosition();
-  if (data.GoToTilePart(tile.index, tile.dec->progress.numParts)) return true;
-  data.MoveTo(here);
-  return false;
-}
-
-/// Puts the reader on the tile's next tile-part. kNothing: none has arrived; kMissing: data of
-/// other tiles are there, but none of this one.
-Search FindPart(TilePass& pass, TileRecord& tile, KelLong& code) {
-  KelDecDataMgr& data = *pass.decoder.dataMgr;
-  if (tile.dec->progress.numParts >= kMostParts) return Search::kNothing;
-  bool isForeign = false;
-  while (!pass.dataEnded && code == KelOK && !tile.dec->progress.isComplete) {
-    if (!data.IsSOT()) {
-      // A boundary without a whole SOT segment is the end of what has arrived.
-      const bool isEnd = data.AtTilePartBoundary();
-      if (isEnd || !data.FindPlausibleSOT()) {
-        isForeign = !isEnd;
-        pass.dataEnded = true;
-        break;
-      }
-    }
-    const auto sotTile = static_cast<std::int32_t>(data.PeekSotIsot());
-    const auto sotPart = static_cast<std::int32_t>(data.PeekSotTPsot());
-    const bool isOwn = sotTile == tile.index;
-    if (data.IndexAllowed()) {
-      if (isOwn && sotPart == tile.dec->progress.numParts) return Search::kFound;
-      if (FindByIndex(pass, tile)) return Search::kFound;
-      // Tile-parts may be numbered badly: one that lies ahead with a number that was read already
-      // counts as the next. One with a later number must wait for those before it.
-      const bool isRepeated = sotPart < tile.dec->progress.numParts;
-      if (isOwn && isRepeated && data.GetPosition() > tile.dec->progress.partStart) {
-        return Search::kFound;
-      }
-      isForeign = !isOwn;
-      break;
-    }
-    if (isOwn && sotPart <= tile.dec->progress.numParts) return Search::kFound;
+KelLong ReadInPassing(TilePass& pass, TileRecord& tile) {
+  TileProgress& progress = tile.dec->progress;
+  KelLong code = KelOK;
+  while (code == KelOK && !progress.isComplete) {
+    if (ReadStashedPart(pass, tile, code)) continue;
+    pass.dataEnded = pass.dataEnded || !FindWay(pass);
+    if (pass.dataEnded) break;
     code = PassPart(pass);
   }
-  if (code != KelOK || tile.dec->progress.isComplete) return Search::kNothing;
-  if (pass.dataEnded && pass.decoder.hasGaps && FindByIndex(pass, tile)) {
-    pass.dataEnded = false;
-    return Search::kFound;
-  }
-  return isForeign && tile.dec->progress.numParts == 0 ? Search::kMissing : Search::kNothing;
+  KelDecDataMgr& data = *pass.decoder.dataMgr;
+  pass.decoder.furthest = std::max(pass.decoder.furthest, data.GetPosition());
+  const bool othersAreThere =
+      pass.lastTile > tile.index || (pass.dataEnded && pass.lastTile >= 0 && data.IsEOC());
+  if (code == KelOK && progress.numParts == 0 && othersAreThere) code = KelErrBadParam;
+  return code;
 }
 
 }  // namespace
 
 KelLong ReadTile(TilePass& pass, TileRecord& tile) {
-  TileProgress& progress = tile.dec->progress;
-  KelDecDataMgr& data = *pass.decoder.dataMgr;
-  if (progress.isComplete) {
-    if (data.IndexAllowed()) pass.position = progress.resumePosition;
-    return KelOK;
-  }
-  const std::int64_t from = progress.numParts > 0 ? progress.resumePosition : pass.position;
-  if (data.IndexAllowed() && data.GetPosition() != from && data.MoveTo(from)) {
-    pass.dataEnded = false;
-  }
-  if (progress.partIsOpen) ContinuePart(pass, tile);
-
-  KelLong code = KelOK;
-  while (code == KelOK && !progress.isComplete && !progress.partIsOpen) {
-    if (ReadStashedPart(pass, tile, code)) continue;
-    const Search found = FindPart(pass, tile, code);
-    if (found == Search::kMissing) code = KelErrBadParam;
-    if (found != Search::kFound) break;
-    const std::int32_t partsBefore = progress.numParts;
-    code = ReadPart(pass, tile);
-    if (progress.numParts == partsBefore) break;
-  }
-  pass.position = data.GetPosition();
-  return code;
+  if (tile.dec->progress.isComplete) return KelOK;
+  return pass.decoder.dataMgr->IndexAllowed() ? ReadByIndex(pass, tile) : ReadInPassing(pass, tile);
 }
 
 }  // namespace kel

@@ -10,12 +10,14 @@ namespace kel {
 struct TilePass {
   ImageMap& map;
   DecoderState& decoder;
-  std::int64_t position;  ///< where reading goes on for a tile that has not begun
-  bool dataEnded;         ///< nothing more can be read from there on
+  // Of a stream that cannot seek.
+  bool dataEnded;         ///< nothing more can be read
+  std::int32_t lastTile;  ///< the highest that a tile-part was met of; -1 without any
 };
 
 /// Reads everything of a tile that has arrived and was not read yet. Returns 0; 15 when data of
-/// other tiles are there but none of this one; the code of a bad tile-part header. Raises 8, 29.
+/// other tiles are there but none of this one; the code of a bad tile-part header. Raises 8,
+/// 28, 29.
 KelLong ReadTile(TilePass& pass, TileRecord& tile);
 
 }  // namespace kel
