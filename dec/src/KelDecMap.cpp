@@ -10,12 +10,15 @@
 namespace kel {
 namespace {
 
+std::int32_t SampleDepth(const ImageMap& map, std::int32_t c) {
+  return map.dec->fileDepths != nullptr ? map.dec->fileDepths[c] + 1 : map.geometry->BitDepths[c];
+}
+
 /// Fills the decoder's part of a component. May run again on what a failure left half-built.
 void InitDecTileComp(const ImageMap& map, const TileRecord& tile, TileCompRecord& record,
                      std::int32_t c) {
   DecTileComp& comp = *record.dec;
-  comp.sampleDepth =
-      map.dec->fileDepths != nullptr ? map.dec->fileDepths[c] + 1 : map.geometry->BitDepths[c];
+  comp.sampleDepth = SampleDepth(map, c);
   if (record.outputImage == nullptr) record.outputImage = NewImage();
   ReleaseParamSet(comp.params);
   comp.params.style = tile.dec->params.style;
@@ -50,6 +53,15 @@ void EnsureDecTileComps(ImageMap& map, TileRecord& tile) {
   }
   for (std::int32_t c = 0; c < map.numComps; ++c) InitDecTileComp(map, tile, tile.comps[c], c);
   tile.dec->compsAreReady = true;
+}
+
+void DescribeTileComp(const ImageMap& map, const TileRecord& tile, std::int32_t c,
+                      TileCompRecord& record) {
+  record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
+  record.dec->sampleDepth = SampleDepth(map, c);
+  KelCodingStyle* own = FindComponentStyle(*map.dec->mainHeader, c);
+  record.dec->params.style = own != nullptr ? own : map.dec->mainParams.style;
+  SizeTileComp(map, record);
 }
 
 void ReleaseTileWork(const ImageMap& map, TileRecord& tile) noexcept {

@@ -40,10 +40,11 @@ struct BandRecord {
   std::uint64_t readableBytes;  ///< and how many can be read from there on
 };
 
-/// The decoder's part of a tile-component. Bands and resolutions exist from the first header to the
-/// end of the decoding.
+/// The decoder's part of a tile-component. Bands and resolutions exist from the first packet that
+/// needs them to the end of the decoding.
 struct DecTileComp {
   ParamSet params;
+  bool hasData;              ///< a packet has brought coefficients; without one all are zero
   bool frameDone;            ///< the output of this frame is complete
   std::int32_t sampleDepth;  ///< bits per delivered sample: the file's, else the code stream's
   std::int32_t numLevels;    ///< NL of the style in force
@@ -57,8 +58,10 @@ struct DecTileComp {
 
 /// Where the decoding of a tile stands. Positions count from the start of the data.
 struct TileProgress {
-  std::int32_t numParts;        ///< tile-parts begun, in this and earlier frames
-  bool partIsOpen;              ///< the last one has packets that had not arrived
+  std::int32_t numParts;  ///< tile-parts begun, in this and earlier frames
+  bool partIsOpen;        ///< the last one has packets that had not arrived
+  /// Tile-parts of a header alone that came before there was need to lay the tile out.
+  std::int32_t numBareParts;
   bool partIsEmpty;             ///< no packet of the last one has been read
   bool hasLosses;               ///< packets of the tile are lost
   bool isBroken;                ///< with a tile-part that is lost went the places of later ones
@@ -98,6 +101,11 @@ void InitDecTiles(ImageMap& map);
 /// Makes the records of a tile's components, unless they exist. Raises 8; a further call then
 /// goes on where this one stopped. An encoder's map gets the shared records alone.
 void EnsureDecTileComps(ImageMap& map, TileRecord& tile);
+
+/// Describes a component of a tile whose records have not been made, by the main header: its box
+/// and sizes. The record is the caller's, and so is its decoder's part.
+void DescribeTileComp(const ImageMap& map, const TileRecord& tile, std::int32_t c,
+                      TileCompRecord& record);
 
 /// Back to the state before the tile's first tile-part: coefficients and layout are released, the
 /// parameters are the main header's again. Output images stay.

@@ -78,4 +78,33 @@ void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
   }
 }
 
+bool FillHostBuffer(const ImageMap& map, const FrameRequest& request,
+                    const TileCompRecord& record) {
+  const HostPlacement place = PlaceInHostBuffer(map, request, record);
+  if (place.address == nullptr) return false;
+  // The sample is made as all samples are: from a 32-bit one, by the conversion asked for.
+  const ChannelRequest& channel = request.channels[record.tileGeom.Component];
+  KelImageData zero;
+  KelLong code = zero.InitKelImageData(1, 1, 4, kIntegerSamples, nullptr);
+  ScopeGuard release([&] { zero.FreeImageBuffer(); });
+  if (code == KelOK) {
+    code = zero.RecastData_Rotation(record.dec->sampleDepth, false, channel.outBitDepth,
+                                    channel.outMax, channel.outMin, KelRecastNominal,
+                                    KelImageOrientation{KelOrientation0});
+  }
+  if (code != KelOK) Raise(code, kModuleImageMap);
+  const BufferLock lock(zero.ImageBuffer);
+  if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
+  const auto* sample = lock.As<std::uint8_t>();
+  std::uint8_t* row = place.address;
+  for (std::int64_t y = 0; y < place.height; ++y, row += place.stride) {
+    if (place.sampleBytes == 1) {
+      std::fill_n(row, place.width, *sample);
+      continue;
+    }
+    for (std::int64_t x = 0; x < place.width; ++x) std::copy_n(sample, 2, row + 2 * x);
+  }
+  return true;
+}
+
 }  // namespace kel

@@ -28,6 +28,10 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
 void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
                       const TileCompRecord& record);
 
+/// Fills a component's place in the host's buffer with the sample that coefficients of zero make.
+/// False when the buffer cannot be used. Raises 8.
+bool FillHostBuffer(const ImageMap& map, const FrameRequest& request, const TileCompRecord& record);
+
 }  // namespace kel
 
 #endif

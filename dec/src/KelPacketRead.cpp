@@ -119,7 +119,7 @@ BandReading DecodeBand(const PartReading& part, const PacketAt& packet, std::int
   BandRecord& band = record.dec->bands[b];
   KelDecDataMgr& data = part.data;
   // Decoding fills a band that is one precinct; otherwise it is filled with zeros first.
-  if (record.dec->resolutions[packet.id.resolution].precincts.Count() > 1) {
+  if (PrecinctsOf(record, packet.id.resolution).Count() > 1) {
     EnsureBandFilled(record, b, cells);
   }
   BandPart blocks = PartOfBand(record, b, packet.id.precinct);
@@ -212,7 +212,7 @@ bool BandsCanBeTaken(const TileRecord& tile) {
     const TileCompRecord& record = tile.comps[c];
     if (record.dec->params.style->cbInterleavedSigns != 0) return false;
     for (std::int32_t r = 0; r <= record.dec->decodeRes; ++r) {
-      if (record.dec->resolutions[r].precincts.Count() > 1) return false;
+      if (PrecinctsOf(record, r).Count() > 1) return false;
     }
   }
   return true;
@@ -222,6 +222,7 @@ bool BandsCanBeTaken(const TileRecord& tile) {
 /// not fit each other.
 bool NoteBands(TileCompRecord& record, std::int32_t resolution, const std::uint8_t* bytes,
                std::uint64_t lengthBytes, std::uint64_t readableBytes) {
+  EnsureBands(record);
   const std::int32_t last = 3 * resolution;
   const std::uint8_t* const end = bytes + readableBytes;
   std::uint64_t left = lengthBytes;
@@ -257,6 +258,7 @@ bool TakePacket(KelDecDataMgr& data, TileCompRecord& record, std::int32_t resolu
   }
   auto bytes = GatherPacket(data, lengthBytes);
   if (!bytes) return false;
+  EnsureResolutions(record);
   std::uint8_t*& copy = record.dec->resolutions[resolution].codedCopy;
   if (copy != nullptr) return false;
   const std::uint64_t readable = bytes.Size();
@@ -348,6 +350,7 @@ Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const Pack
 
   const bool isWanted = id.resolution <= record.dec->decodeRes && packet.length != 0;
   Outcome outcome = fits ? Outcome::kHandled : Unfit(part);
+  if (isWanted && (fits || part.endIsKnown)) record.dec->hasData = true;
   if (!isWanted) {
     if (fits) data.SkipForward(AsCount(kLengthBytes + packet.length));
   } else if (part.tile.dec->progress.takesBands) {
@@ -395,7 +398,7 @@ BandPart PartOfBand(const TileCompRecord& record, std::int32_t b, std::int64_t p
   const int resolution = (b + 2) / 3;
   const bool isLowest = resolution == 0;
   const int halving = isLowest ? 0 : 1;
-  const GridPartition& precincts = record.dec->resolutions[resolution].precincts;
+  const GridPartition precincts = PrecinctsOf(record, resolution);
   const KelCodingStyle& style = *record.dec->params.style;
   const Box box = PrecinctOfBand(record.dec->bands[b].box, precincts, precinct, isLowest);
   return {

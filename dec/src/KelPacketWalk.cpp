@@ -6,6 +6,7 @@
 #include <array>
 #include <tuple>
 
+#include "KelTileLayout.h"
 #include "base/KelMemFuncDefs.h"
 
 namespace kel {
@@ -28,26 +29,38 @@ const ProgressionEntry& Entry(const PacketWalk& walk) {
   return walk.entries[walk.entry];
 }
 
-ResolutionRecord& ResolutionOf(const PacketWalk& walk, std::int32_t component,
-                               std::int32_t resolution) {
-  return walk.tile->comps[component].dec->resolutions[resolution];
+/// The record of a resolution; null while no packet of the component needed one.
+const ResolutionRecord* ResolutionOf(const PacketWalk& walk, std::int32_t component,
+                                     std::int32_t resolution) {
+  const ResolutionRecord* all = walk.tile->comps[component].dec->resolutions;
+  return all != nullptr ? &all[resolution] : nullptr;
 }
 
 std::int64_t PrecinctCount(const PacketWalk& walk, std::int32_t component,
                            std::int32_t resolution) {
   if (resolution > walk.tile->comps[component].dec->numLevels) return 0;
-  return ResolutionOf(walk, component, resolution).precincts.Count();
+  return PrecinctsOf(walk.tile->comps[component], resolution).Count();
+}
+
+/// The least number of layers handled of a resolution's precincts.
+std::int32_t LeastHandled(const PacketWalk& walk, std::int32_t component, std::int32_t resolution) {
+  const ResolutionRecord* record = ResolutionOf(walk, component, resolution);
+  return record != nullptr ? record->leastHandled : 0;
 }
 
 // ---- Packets handled, per precinct ----
 
-std::int32_t LayersHandled(const ResolutionRecord& resolution, std::int64_t precinct) {
-  if (resolution.pages == nullptr) return 0;
-  const std::uint16_t* page = resolution.pages[precinct / kCounterPage];
+std::int32_t LayersHandled(const ResolutionRecord* resolution, std::int64_t precinct) {
+  if (resolution == nullptr || resolution->pages == nullptr) return 0;
+  const std::uint16_t* page = resolution->pages[precinct / kCounterPage];
   return page != nullptr ? page[precinct % kCounterPage] : 0;
 }
 
-void CountHandled(ResolutionRecord& resolution, std::int64_t precinct) {
+void CountHandled(const PacketWalk& walk, const PacketId& at) {
+  TileCompRecord& component = walk.tile->comps[at.component];
+  EnsureResolutions(component);
+  ResolutionRecord& resolution = component.dec->resolutions[at.resolution];
+  const std::int64_t precinct = at.precinct;
   const std::int64_t count = resolution.precincts.Count();
   if (resolution.pages == nullptr) {
     resolution.pages =
@@ -60,7 +73,7 @@ void CountHandled(ResolutionRecord& resolution, std::int64_t precinct) {
   if (handled - 1 != resolution.leastHandled || --resolution.numAtLeast != 0) return;
   ++resolution.leastHandled;
   for (std::int64_t p = 0; p < count; ++p) {
-    resolution.numAtLeast += LayersHandled(resolution, p) == resolution.leastHandled ? 1 : 0;
+    resolution.numAtLeast += LayersHandled(&resolution, p) == resolution.leastHandled ? 1 : 0;
   }
 }
 
@@ -83,7 +96,7 @@ std::int32_t LeastHandled(const PacketWalk& walk, std::int32_t resolution) {
   std::int32_t least = Entry(walk).layerEnd;
   for (std::int64_t s = FirstSlot(walk, resolution);
        s < walk.activeStart[resolution + 1] && walk.active[s] < Entry(walk).componentEnd; ++s) {
-    least = std::min(least, ResolutionOf(walk, walk.active[s], resolution).leastHandled);
+    least = std::min(least, LeastHandled(walk, walk.active[s], resolution));
   }
   return least;
 }
@@ -136,9 +149,9 @@ std::int64_t EndOfPrecincts(const PacketWalk& walk) {
     case KelCPRL:
       return std::min<std::int64_t>(PrecinctCount(walk, walk.at.component, r), 1);
     default: {
-      const ResolutionRecord& resolution = ResolutionOf(walk, walk.at.component, r);
-      const bool allHandled = walk.keepsCounters && resolution.leastHandled > walk.at.layer;
-      return allHandled ? 0 : resolution.precincts.Count();
+      const bool allHandled =
+          walk.keepsCounters && LeastHandled(walk, walk.at.component, r) > walk.at.layer;
+      return allHandled ? 0 : PrecinctCount(walk, walk.at.component, r);
     }
   }
 }
@@ -246,7 +259,7 @@ std::int64_t CornerOnCanvas(std::int64_t index, std::int64_t first, int exponent
 
 void PlaceItem(const PacketWalk& walk, PositionItem& item) {
   const TileCompRecord& record = walk.tile->comps[item.component];
-  const GridPartition& grid = record.dec->resolutions[item.resolution].precincts;
+  const GridPartition grid = PrecinctsOf(record, item.resolution);
   const int levelsBelow = record.dec->numLevels - item.resolution;
   item.x = CornerOnCanvas(item.precinct % grid.across, grid.firstColumn, grid.widthExp,
                           walk.tile->box.x0, record.tileGeom.XRsiz, levelsBelow);
@@ -265,7 +278,7 @@ void StartHeap(PacketWalk& walk) {
   for (std::int32_t r = entry.resolutionStart; r < entry.resolutionEnd; ++r) {
     for (std::int64_t s = FirstSlot(walk, r);
          s < walk.activeStart[r + 1] && walk.active[s] < entry.componentEnd; ++s) {
-      if (ResolutionOf(walk, walk.active[s], r).leastHandled >= entry.layerEnd) continue;
+      if (LeastHandled(walk, walk.active[s], r) >= entry.layerEnd) continue;
       PositionItem& item = walk.heap[walk.heapCount++];
       item = {0, 0, walk.active[s], r, 0};
       PlaceItem(walk, item);
@@ -299,6 +312,7 @@ bool FindByPosition(PacketWalk& walk) {
 // ---- Entries ----
 
 bool BeginEntry(PacketWalk& walk) {
+  if (Entry(walk).layerEnd <= 0) return false;
   if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd) return false;
   if (Entry(walk).order == KelPCRL) {
     StartHeap(walk);
@@ -418,7 +432,7 @@ const PacketId* CurrentPacket(PacketWalk& walk) {
 
 void PacketHandled(PacketWalk& walk) {
   if (walk.keepsCounters) {
-    CountHandled(ResolutionOf(walk, walk.at.component, walk.at.resolution), walk.at.precinct);
+    CountHandled(walk, walk.at);
   }
   walk.turn = walk.at.component;
   walk.isOnPacket = false;
@@ -437,7 +451,7 @@ void ReplaceProgression(PacketWalk& walk) {
       const bool isStop = at->layer == stop.layer && at->resolution == stop.resolution &&
                           at->component == stop.component && at->precinct == stop.precinct;
       if (isStop && !isOver) break;
-      CountHandled(ResolutionOf(walk, at->component, at->resolution), at->precinct);
+      CountHandled(walk, *at);
       walk.isOnPacket = false;
     }
     walk.keepsCounters = true;
@@ -451,7 +465,7 @@ bool WalkIsComplete(PacketWalk& walk) {
   const std::int32_t numLayers = walk.tile->dec->params.style->numLayers;
   for (std::int32_t r = 0; r <= walk.maxLevel; ++r) {
     for (std::int64_t s = walk.activeStart[r]; s < walk.activeStart[r + 1]; ++s) {
-      if (ResolutionOf(walk, walk.active[s], r).leastHandled < numLayers) return false;
+      if (LeastHandled(walk, walk.active[s], r) < numLayers) return false;
     }
   }
   return true;

@@ -36,9 +36,18 @@ void ReleaseResolutions(TileCompRecord& record) noexcept {
   comp.resolutions = nullptr;
 }
 
-/// The bands of a component at the resolution to decode, and where they stand in its plane.
-void LayOutBands(TileCompRecord& record) {
+void LayOutTileComp(const ImageMap& map, TileCompRecord& record) {
+  ReleaseLayout(record);
+  const KelCodingStyle& style = *record.dec->params.style;
+  if (HasLargeBlocks(style, BoxOf(record.tileGeom))) Raise(KelErrUnsupported, kModuleImageMap);
+  SizeTileComp(map, record);
+}
+
+}  // namespace
+
+void EnsureBands(TileCompRecord& record) {
   DecTileComp& comp = *record.dec;
+  if (comp.bands != nullptr) return;
   const int numBands = NumSubbands(comp.decodeRes);
   comp.bands = OwnedArray<BandRecord>::Make(AsCount(numBands)).Release();
   for (int b = 0; b < numBands; ++b) {
@@ -50,28 +59,28 @@ void LayOutBands(TileCompRecord& record) {
   }
 }
 
-void LayOutTileComp(const ImageMap& map, TileCompRecord& record) {
-  DecTileComp& comp = *record.dec;
-  ReleaseLayout(record);
+GridPartition PrecinctsOf(const TileCompRecord& record, std::int32_t resolution) {
+  const DecTileComp& comp = *record.dec;
+  if (comp.resolutions != nullptr) return comp.resolutions[resolution].precincts;
   const KelCodingStyle& style = *comp.params.style;
-  const Box box = BoxOf(record.tileGeom);
-  if (HasLargeBlocks(style, box)) Raise(KelErrUnsupported, kModuleImageMap);
-  SizeTileComp(map, record);
-  LayOutBands(record);
-
-  comp.resolutions = OwnedArray<ResolutionRecord>::Make(AsCount(comp.numLevels + 1)).Release();
-  for (std::int32_t r = 0; r <= comp.numLevels; ++r) {
-    comp.resolutions[r].precincts =
-        PartitionBox(ReduceBox(box, comp.numLevels - r), style.precinctWidthExps[r],
-                     style.precinctHeightExps[r]);
-    comp.resolutions[r].numAtLeast = comp.resolutions[r].precincts.Count();
-  }
+  return PartitionBox(ReduceBox(BoxOf(record.tileGeom), comp.numLevels - resolution),
+                      style.precinctWidthExps[resolution], style.precinctHeightExps[resolution]);
 }
 
-}  // namespace
+void EnsureResolutions(TileCompRecord& record) {
+  DecTileComp& comp = *record.dec;
+  if (comp.resolutions != nullptr) return;
+  auto resolutions = OwnedArray<ResolutionRecord>::Make(AsCount(comp.numLevels + 1));
+  for (std::int32_t r = 0; r <= comp.numLevels; ++r) {
+    resolutions[AsIndex(r)].precincts = PrecinctsOf(record, r);
+    resolutions[AsIndex(r)].numAtLeast = resolutions[AsIndex(r)].precincts.Count();
+  }
+  comp.resolutions = resolutions.Release();
+}
 
 void ReleaseLayout(TileCompRecord& record) noexcept {
   DecTileComp& comp = *record.dec;
+  comp.hasData = false;
   ReleaseImage(record.waveletData);
   ReleaseResolutions(record);
   if (comp.bands != nullptr) KelFree(comp.bands);
@@ -116,6 +125,7 @@ void LayOutTile(ImageMap& map, TileRecord& tile) {
 }
 
 void EnsureCoefficients(TileCompRecord& record) {
+  EnsureBands(record);
   DecTileComp& comp = *record.dec;
   const std::int64_t height = comp.resolutionBox.Height();
   if (const KelImageData* image = record.waveletData) {

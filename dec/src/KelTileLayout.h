@@ -8,10 +8,17 @@
 
 namespace kel {
 
-/// Lays a tile out for decoding with the parameters in force: levels, boxes, bands, precincts.
-/// Raises 29 for code blocks larger than 8 x 8 in a band that has samples, 8 when memory runs out
-/// or a plane would exceed 2^32 - 1 bytes. Coefficients of an earlier layout are released.
+/// Lays a tile out for decoding with the parameters in force: levels and boxes. Raises 29 for code
+/// blocks larger than 8 x 8 in a band that has samples. An earlier layout is released.
 void LayOutTile(ImageMap& map, TileRecord& tile);
+
+/// Makes the records of a component's bands, or of its resolutions, unless they exist: when the
+/// first packet that needs them is met. Raises 8.
+void EnsureBands(TileCompRecord& record);
+void EnsureResolutions(TileCompRecord& record);
+
+/// The precincts of a resolution, from 0 to the component's levels.
+GridPartition PrecinctsOf(const TileCompRecord& record, std::int32_t resolution);
 
 /// Gives an output image that holds no samples the size and the kind of those it will hold before
 /// they are recast: rows padded to rowStride, 32-bit cells.

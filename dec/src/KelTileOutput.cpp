@@ -72,6 +72,8 @@ class SamplePlane {
     return {lock_.As<T>(), static_cast<std::size_t>(stride_)};
   }
 
+  void Clear() { KelMemSet(lock_.As<void>(), 0, PlaneBytes(stride_, height_, sampleBytes_)); }
+
   /// Makes the plane the component's output.
   void Install(TileCompRecord& record, KelLong bufferType) {
     lock_ = BufferLock();
@@ -113,6 +115,7 @@ class Delivery {
       Clear(tile_.comps[c]);
       if (isTaken_ && tile_.comps[c].dec->frameDone) CheckBandsWithoutSamples(tile_.comps[c]);
     }
+    DeliverConstants();
     if (TakesColorRoute()) DeliverColors();
     for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
       if (!tile_.comps[c].dec->frameDone && TakesDirectRoute(tile_.comps[c])) {
@@ -212,6 +215,7 @@ class Delivery {
     std::uint64_t rowBytes = 0;
     for (std::int32_t i = 0; i < source.count; ++i) {
       const TileCompRecord& record = *source.records[i];
+      EnsureBands(*source.records[i]);
       levels = std::max(levels, record.dec->decodeRes);
       if (!isTaken_) continue;
       numBands += NumSubbands(record.dec->decodeRes);
@@ -273,12 +277,46 @@ class Delivery {
 
   /// Bands of a component without samples can have data all the same.
   void CheckBandsWithoutSamples(TileCompRecord& record) {
+    if (record.dec->bands == nullptr) return;
     Source source{1, {&record}, {}, {}, {}, nullptr};
     OpenSource(source, CellKind::kInts);
     CloseSource(source);
   }
 
   // ---- Delivering ----
+
+  /// A component of which no coefficient has come is one sample again and again, and needs no
+  /// transform. Colours that are transformed together are so together.
+  void DeliverConstants() {
+    const bool transforms =
+        !request_.skipConversion && (transformIsCoded_ || context_.forceComponentTransform);
+    const bool areTogether = transforms && ColorsMatch();
+    const bool colorsAreConstant =
+        areTogether && !Color(0).dec->hasData && !Color(1).dec->hasData && !Color(2).dec->hasData;
+    for (std::int32_t c = 0; c < context_.map.numComps; ++c) {
+      TileCompRecord& record = tile_.comps[c];
+      if (record.dec->frameDone || record.dec->hasData) continue;
+      const bool isColor =
+          areTogether && (&record == &Color(0) || &record == &Color(1) || &record == &Color(2));
+      if (!isColor || colorsAreConstant) DeliverConstant(record);
+    }
+  }
+
+  /// The host's buffer receives the samples alone; without one the output image does.
+  void DeliverConstant(TileCompRecord& record) {
+    const bool isCopied = !request_.skipRecast || TakesDirectRoute(record);
+    if (isCopied && FillHostBuffer(context_.map, request_, record)) {
+      record.outputImage->FreeImageBuffer();
+      DescribeOutput(record);
+      record.dec->frameDone = record.dataReady = true;
+      ReleaseCoefficients(record);
+      return;
+    }
+    SamplePlane samples(record, 4);
+    samples.Clear();
+    samples.Install(record, IsIrreversible(record) ? kFloatSamples : kIntegerSamples);
+    Recast(record);
+  }
 
   void DeliverColors() {
     Source source{3, {&Color(0), &Color(1), &Color(2)}, {}, {}, {}, nullptr};
@@ -422,10 +460,27 @@ void CountDecodedBytes(const ImageMap& map, TileRecord& tile) {
   }
 }
 
+/// Delivers a tile of which nothing but headers has come, and for which no records exist.
+void DeliverBareTile(const DeliveryContext& context, const TileRecord& tile) {
+  const FrameRequest& request = context.request;
+  for (std::uint32_t c = 0; c < request.numChannels && !request.skipRecast; ++c) {
+    if (request.channels[c].buffer == nullptr) continue;
+    DecTileComp comp{};
+    TileCompRecord record{};
+    record.dec = &comp;
+    DescribeTileComp(context.map, tile, static_cast<std::int32_t>(c), record);
+    FillHostBuffer(context.map, request, record);
+  }
+}
+
 }  // namespace
 
 bool DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
   TileProgress& progress = tile.dec->progress;
+  if (progress.isChanged && tile.dec->walk == nullptr) {
+    DeliverBareTile(context, tile);
+    progress.isChanged = false;
+  }
   if (progress.isChanged) {
     // A failed delivery has released some coefficients already: the tile must be decoded again.
     ScopeGuard restart([&] { RestartTile(context.map, tile); });

@@ -162,13 +162,15 @@ void ReadPalette(BoxReader& in, const BoxExtent& box) {
   Contents entries{};
   if (!ReadContents(in.data, allBytes, false, entries)) Refuse(KelErrBoxTruncated);
   ObtainColumns(info, palette);
-  const std::uint8_t* next = entries.bytes.Data();
-  for (KelULong j = 0; j < palette.numEntries; ++j) {
-    for (std::uint32_t i = 0; i < numColumns; ++i) {
-      const std::size_t width = BytesOf(palette.depths[i]);
-      std::copy_n(next, width, info.paletteColumns[i] + j * width);
-      next += width;
+  // Column by column: those without bytes cost nothing, however many entries are announced.
+  const std::uint8_t* first = entries.bytes.Data();
+  for (std::uint32_t i = 0; i < numColumns; ++i) {
+    const std::size_t width = BytesOf(palette.depths[i]);
+    if (width == 0) continue;
+    for (std::size_t j = 0; j < palette.numEntries; ++j) {
+      std::copy_n(first + j * entryBytes, width, info.paletteColumns[i] + j * width);
     }
+    first += width;
   }
   std::copy_n(info.paletteColumns, numColumns, palette.columns);
 }

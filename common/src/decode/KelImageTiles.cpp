@@ -87,6 +87,7 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
     LayOutTile(map, tile);
     ReleasePacketWalk(tile.dec->walk);
     tile.dec->walk = MakePacketWalk(tile, map.numComps);
+    for (; progress.numBareParts > 0; --progress.numBareParts) PassEmptyTilePart(*tile.dec->walk);
   } else if (header.seenPOC != 0) {
     ReplaceProgression(*tile.dec->walk);
   }
@@ -104,6 +105,13 @@ KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {
   return header.refusal.errCode;
 }
 
+/// Whether a tile-part is a header without a segment beside SOT, and the tile has not begun: then
+/// nothing needs to be made for it yet.
+bool IsBare(const TileRecord& tile, const FoundPart& part) {
+  return tile.dec->walk == nullptr && part.endIsKnown &&
+         part.end - part.start == kLeastTilePartBytes;
+}
+
 /// Reads a tile-part, or what has arrived of it, into its tile: from its header on, or, when it is
 /// open already, from where its reading stopped. The code is that of its header.
 KelLong ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
@@ -111,6 +119,11 @@ KelLong ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
   KelDecDataMgr& data = part.data;
   if (progress.partIsOpen) {
     if (!data.MoveTo(progress.resumePosition)) return KelOK;
+  } else if (IsBare(tile, part)) {
+    progress.numParts = part.number + 1;
+    ++progress.numBareParts;
+    progress.isChanged = true;
+    return KelOK;
   } else {
     if (!data.MoveTo(part.start)) return KelOK;
     EnsureDecTileComps(pass.map, tile);
