@@ -33,7 +33,7 @@ std::string Step(kel::KelDecDataMgr& data, std::uint32_t step, std::int64_t size
       delivered = data.GoToTilePart(static_cast<std::int32_t>(n >> 2), n & 3);
       break;
     case 6:
-      delivered = (n & 1) != 0 ? data.FindNextSOT() : data.FindPlausibleSOT();
+      delivered = data.SearchSOT(data.GetPosition() + n).position;
       break;
     default:
       if ((n & 1) != 0) data.SavePositionB();
@@ -67,7 +67,7 @@ std::string Transcript(fuzz::Input input, const fuzz::Setting& setting, bool inM
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Input input{data, size};
-  const std::uint32_t capacity = 12 + input.U8();
+  const std::uint32_t capacity = 64 + input.U8();
   const fuzz::Setting setting(input, capacity);
   fuzz::Run(setting.refused, 4 * size + 5000, [&] {
     const std::string block = Transcript(input, setting, true);

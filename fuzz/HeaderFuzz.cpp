@@ -59,7 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       const std::int64_t position = source->GetPosition();
       if (ReadTilePart(main, *source).refusal.errCode != KelOK) break;
       Require(source->GetPosition() > position);
-      source->FindNextSOT();
+      source->SetTileGrid(UINT16_MAX, 1);
+      source->MoveTo(source->SearchSOT(source->GetPosition()).position);
     }
   });
   return 0;

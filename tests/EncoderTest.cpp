@@ -282,6 +282,7 @@ TEST_F(Encoder, RefusesToWriteWhatItCanOnlyMeasure) {
     const KelLong tile = host.encoder.CompressTile(0);
     EXPECT_EQ(host.fetches, tile == KelOK ? 1 : 0);
     EXPECT_EQ(host.encoder.CompressImage(), KelOK);
+    host.encoder.Die();  // the stream ends here
     return tile;
   };
   EXPECT_EQ(codes(KelLRCP, 6), KelErrBadParam);

@@ -60,7 +60,7 @@ class KelDecDataMgr {
   /// an earlier use survive. Returns 0.
   int InitFromMemory(const KelCompressedData& block, Flavour flavour);
   /// Reads a stream from where it stands, with a first load of min(firstLoad, capacity) bytes.
-  /// Returns 0, or kNothingRead. The tile-part queries need a capacity of 12 bytes at least.
+  /// Returns 0, or kNothingRead. The tile-part queries need a capacity of 64 bytes at least.
   int InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity, KelCodeStm* stream,
                      Flavour flavour);
   /// A stream that has ended may have grown: it is asked again.

@@ -157,6 +157,7 @@ const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
 }
 
 SotSearch KelDecDataMgr::SearchSOT(std::int64_t from) {
+  AlignToByte();
   const std::int64_t here = GetPosition();
   if (from < here || (IsMovable() && !MoveTo(from))) return {false, from};
   // Where the window cannot be left, the place searched is this far ahead in it.
@@ -204,6 +205,7 @@ const KelTilePartEntry* KelDecDataMgr::WalkToTilePart(std::int32_t tile, std::in
         static_cast<std::uint32_t>(std::clamp<std::int64_t>(numTiles, 0, kMostTiles)), positionB_,
         damages_);
   }
+  AlignToByte();
   index_->wantedTile = tile;
   const KelTilePartEntry* entry = kel::FindTilePart(*index_, tile, part);
   while (entry == nullptr && ExtendTilePartIndex(*index_, *this)) {
