@@ -44,7 +44,7 @@ int main() {
 }
 CPP
 cat >"$work/source/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.22)
 project(Outside CXX)
 find_package(Kel 1.0 REQUIRED)
 add_executable(outside main.cpp)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -30,9 +31,15 @@ void ForEachIndex(std::size_t count, unsigned threads,
   };
   {
     const auto workers = static_cast<unsigned>(std::min<std::size_t>(std::max(threads, 1U), count));
-    std::vector<std::jthread> others;
-    for (unsigned worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    std::vector<std::thread> others;
+    others.reserve(workers);
+    try {
+      for (unsigned worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    } catch (const std::system_error&) {
+      // There are no more threads to be had: those that are do the work.
+    }
     work(0);
+    for (std::thread& other : others) other.join();
   }
   if (failure) std::rethrow_exception(failure);
 }

@@ -8,8 +8,12 @@
 
 #include <cstdint>
 
-#if defined(_WIN32)
+#if defined(KEL_STATIC) && defined(_WIN32)
+#define KEL_API
+#elif defined(KEL_BUILDING) && defined(_WIN32)
 #define KEL_API __declspec(dllexport)
+#elif defined(_WIN32)
+#define KEL_API __declspec(dllimport)
 #else
 /// Marks what the shared library exports; everything else in it is hidden.
 #define KEL_API __attribute__((visibility("default")))
