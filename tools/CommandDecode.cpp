@@ -37,36 +37,48 @@ std::string FormatName(const DecodeOptions& options, const std::string& output) 
   return name;
 }
 
-host::Image DecodeFile(const DecodeOptions& options, const Task& task, host::DecodeReport& report) {
-  host::DecodeParams params;
-  params.reduce = options.reduce;
-  params.acceptIncomplete = !options.strict;
-  params.threads = task.threads;
-  params.progress = task.progress;
-  const host::Bytes bytes = ReadInput(task.input);
-  host::MemorySource source(bytes);
-  const auto start = std::chrono::steady_clock::now();
-  host::Image image = host::Decode(source, params, &report);
-  if (task.verbose) {
-    PrintMessage(NameOf(task.input) + ": " + std::to_string(image.width) + " x " +
-                 std::to_string(image.height) + ", " + Speed(image, start));
-  }
-  return image;
+/// Whether rows can go from the decoder into the file as they are.
+bool GoesByRows(const DecodeOptions& options, const std::string& format,
+                const host::Image& description) {
+  if (options.rotate != 0 || options.bits != 0 || !options.rawPrefix.empty()) return false;
+  return host::HasPlainRows(description) &&
+         (host::IsOrdinary(description) || KeepsPalette(format, description));
 }
 
-int DecodeTask(const DecodeOptions& options, const Task& task) {
-  const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
-  host::DecodeReport report;
-  host::Image image = DecodeFile(options, task, report);
+void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
+                host::Image image) {
   if (options.bits != 0) {
     host::ExpandPalette(image);
     host::ChangeDepth(image, options.bits);
   }
   host::Rotate(image, options.rotate);
   if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix);
-  if (!task.output.empty()) {
+  if (task.output.empty()) return;
+  OutputFile output(task.output, task.onExisting);
+  WriteImage(image, format, output);
+}
+
+int DecodeTask(const DecodeOptions& options, const Task& task) {
+  const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
+  host::DecodeParams params;
+  params.reduce = options.reduce;
+  params.acceptIncomplete = !options.strict;
+  params.threads = task.threads;
+  params.progress = task.progress;
+  const auto input = OpenInput(task.input);
+  const auto start = std::chrono::steady_clock::now();
+  host::RowDecoder decoder(*input, params);
+  const host::Image description = decoder.Description();
+  host::DecodeReport report;
+  if (GoesByRows(options, format, description)) {
     OutputFile output(task.output, task.onExisting);
-    WriteImage(image, format, output);
+    report = decoder.Decode(*MakeImageFile(format, output));
+  } else {
+    WriteWhole(options, task, format, decoder.DecodeImage(&report));
+  }
+  if (task.verbose) {
+    PrintMessage(NameOf(task.input) + ": " + std::to_string(description.width) + " x " +
+                 std::to_string(description.height) + ", " + Speed(description, start));
   }
   return WarnOfMissing(task.input, report);
 }
@@ -133,7 +145,10 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "  kel decode --reduce 2 photo.kel small.jpg       a quarter of width and height\n"
       "  kel decode --raw-planes out/photo photo.kel     bare samples for other programs\n"
       "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
-      "A dash stands for standard input and output.\n"
+      "A dash stands for standard input and output. A picture of several tiles is written as it "
+      "is\n"
+      "decoded; held whole are pictures with --reduce, --rotate, --bits or --raw-planes, with a\n"
+      "palette to be looked up or channels of different sizes, and TIFF written to a pipe.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
       "is there has been written), 4 output not written, 5 memory limit\n");
   command.callback([options, &run] { run = [options] { return RunDecode(*options); }; });

@@ -149,6 +149,13 @@ double ComparePlanes(const Plane& a, const Plane& b, Difference::PlaneDifference
   return sum;
 }
 
+/// Colours first, then the opacity of the whole image, then the rest.
+std::tuple<int, unsigned> RankOf(const Plane& plane) {
+  const bool colour = plane.role == ChannelRole::kColour;
+  const bool opacity = plane.role != ChannelRole::kOther && !colour && plane.colour == 0;
+  return {colour ? 0 : opacity ? 1 : 2, colour ? plane.colour : 0U};
+}
+
 }  // namespace
 
 void ExpandPalette(Image& image) {
@@ -197,12 +204,14 @@ void ConvertYccToRgb(Image& image) {
 }
 
 void OrderPlanes(Image& image) {
-  const auto rank = [](const Plane& plane) {
-    const bool colour = plane.role == ChannelRole::kColour;
-    const bool opacity = plane.role != ChannelRole::kOther && !colour && plane.colour == 0;
-    return std::tuple(colour ? 0 : opacity ? 1 : 2, colour ? plane.colour : 0U);
-  };
-  std::ranges::stable_sort(image.planes, {}, rank);
+  std::ranges::stable_sort(image.planes, {}, RankOf);
+}
+
+bool IsOrdinary(const Image& image) {
+  const bool full = std::ranges::all_of(
+      image.planes, [](const Plane& plane) { return plane.xStep == 1 && plane.yStep == 1; });
+  const bool ycc = image.colourSpace == ColourSpace::kSycc && NumColours(image) >= 3;
+  return full && !ycc && !image.palette && std::ranges::is_sorted(image.planes, {}, RankOf);
 }
 
 void MakeOrdinary(Image& image) {

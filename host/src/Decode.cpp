@@ -6,9 +6,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "DecodePart.hpp"
 #include "Describe.hpp"
-#include "FrameTarget.hpp"
-#include "TileRuns.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -27,40 +26,18 @@ struct Job {
   std::vector<Plane> planes;
 
   std::mutex mutex;  ///< of what follows
-  DecodeReport report;
-  std::size_t numTilesWithSamples = 0;
-  KelException failure;  ///< the first one
-  KelErrorPlace place{nullptr, -1};
+  DecodeTally tally;
 };
 
 /// Decodes a file or code stream that covers a rectangle of the planes: a run, or everything.
 /// False, with nothing decoded, when the library sees something else in the run.
 bool DecodePart(Job& job, ByteView bytes, const TileRun* run) {
-  Decoder decoder(bytes, job.halvings == 0 ? KelAspectFull : KelAspectHalf);
-  KelImage& object = decoder.Object();
-  if (run != nullptr && !IsRunOf(*job.index.Facts().geometry, *run, *object.GetGeometryParams())) {
-    return false;
-  }
-  const std::vector<ComponentArea> part = ComponentAreas(*object.GetGeometryParams(), job.halvings);
-  FrameTarget target(job.areas, part, job.index.Components(), decoder.Found().ComponentTransform);
-  const KelLong code = decoder.DecodeFrame(bytes, target.Raw(), target.Frame(job.planes));
-  target.FinishPlanes(object, job.halvings, job.planes);
-
-  std::size_t numReady = 0, numComplete = 0;
-  const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
-  for (std::size_t tile = 0; tile < numTiles; ++tile) {
-    numReady += TileComponent(object, tile, 0).TileCompDataReady();
-    numComplete += object.TileIsComplete(static_cast<KelLong>(tile));
-  }
+  const auto part =
+      DecodeInto({job.areas, job.halvings, job.index.Components()}, bytes,
+                 run == nullptr ? nullptr : job.index.Facts().geometry, run, job.planes);
+  if (!part) return false;
   const std::lock_guard lock(job.mutex);
-  job.report.numCompleteTiles += numComplete;
-  job.numTilesWithSamples += numReady;
-  if (code != KelOK && job.failure.errCode == KelOK) {
-    job.failure = object.GetErrorDetails();
-    job.place = object.GetErrorPlace();
-    job.failure.errCode = code;
-    job.report.problem = CodeSentence(code);
-  }
+  job.tally.Add(*part);
   return true;
 }
 
@@ -79,15 +56,6 @@ bool DecodeRuns(Job& job, const std::vector<TileRun>& runs, unsigned threads,
   return asPlanned;
 }
 
-/// Back to the state before anything was decoded.
-void StartAnew(Job& job) {
-  const std::size_t numTiles = job.report.numTiles;
-  job.report = {};
-  job.report.numTiles = numTiles;
-  job.numTilesWithSamples = 0;
-  job.failure.ClearErrState();
-}
-
 /// Decodes everything into the job's planes.
 void DecodeParts(Job& job, const DecodeParams& params) {
   const std::vector<TileRun> runs = PlanRuns(job.index);
@@ -98,10 +66,10 @@ void DecodeParts(Job& job, const DecodeParams& params) {
     } catch (const Error& error) {
       // Whether an image fits into memory must not depend on the number of threads.
       if (error.Kind() != Failure::kMemory || threads == 1) throw;
-      StartAnew(job);
+      job.tally.StartAnew(job.tally.report.numTiles);
       if (DecodeRuns(job, runs, 1, params.progress)) return;
     }
-    StartAnew(job);
+    job.tally.StartAnew(job.tally.report.numTiles);
     job.planes = MakePlanes(job.areas);
   }
   DecodePart(job, job.bytes, nullptr);
@@ -140,21 +108,6 @@ Plane Halved(const Plane& plane, ComponentArea& area) {
   return half;
 }
 
-/// Ends a decode that brought nothing, or less than was asked for.
-void SettleReport(Job& job, const DecodeParams& params) {
-  if (job.numTilesWithSamples == 0) {
-    if (job.failure.errCode != KelOK) ThrowFailure(job.failure, Failure::kInput, job.place);
-    throw Error(Failure::kInput, "the data end before the first samples");
-  }
-  DecodeReport& report = job.report;
-  report.complete = report.numCompleteTiles == report.numTiles;
-  if (report.complete || params.acceptIncomplete) return;
-  std::string sentence = "incomplete: " + std::to_string(report.numCompleteTiles) + " of " +
-                         std::to_string(report.numTiles) + " tiles are whole";
-  if (!report.problem.empty()) sentence += "; " + report.problem;
-  throw Error(Failure::kIncomplete, sentence);
-}
-
 }  // namespace
 
 Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
@@ -175,7 +128,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   }
   const auto roles = ComponentRoles(whole->Object());
   const ComponentArea gridArea{geometry.XOsiz, geometry.YOsiz, geometry.Xsiz, geometry.Ysiz};
-  job.report.numTiles = static_cast<std::size_t>(whole->Object().GetNumTiles());
+  job.tally.report.numTiles = static_cast<std::size_t>(whole->Object().GetNumTiles());
   job.halvings = params.reduce != 0 && CanHalve(whole->Object(), index) ? 1 : 0;
   job.areas = ComponentAreas(geometry, job.halvings);
   whole.reset();  // what it holds is not needed beside the parts
@@ -183,7 +136,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   const MemoryReservation room(PlaneBytes(job.areas), "the decoded image");
   job.planes = MakePlanes(job.areas);
   DecodeParts(job, params);
-  SettleReport(job, params);
+  job.tally.Settle(params);
 
   for (std::size_t c = 0; c < job.planes.size(); ++c) {
     for (unsigned i = job.halvings; i < params.reduce; ++i) {
@@ -199,7 +152,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   image.width = reduced(gridArea.x0, gridArea.x1);
   image.height = reduced(gridArea.y0, gridArea.y1);
   image.planes = std::move(job.planes);
-  if (report != nullptr) *report = job.report;
+  if (report != nullptr) *report = job.tally.report;
   return image;
 }
 

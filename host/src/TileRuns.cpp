@@ -14,6 +14,10 @@ constexpr std::uint32_t kXmlBox = 0x786D6C20, kUuidBox = 0x75756964;  // "xml ",
 constexpr std::uint8_t kEoc = 0xD9;
 constexpr std::size_t kSizGridBytes = 38;  // marker, length, capabilities, eight numbers
 
+std::int64_t CeilDiv(std::int64_t a, std::int64_t b) {
+  return (a + b - 1) / b;
+}
+
 void PutU16(Bytes& bytes, std::size_t at, std::uint64_t value) {
   bytes[at] = static_cast<std::uint8_t>(value >> 8);
   bytes[at + 1] = static_cast<std::uint8_t>(value);
@@ -24,11 +28,14 @@ void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value) {
   PutU16(bytes, at + 2, value);
 }
 
-void Append(Bytes& to, ByteView from, std::uint64_t offset, std::uint64_t length) {
+ByteView Piece(ByteView from, std::uint64_t offset, std::uint64_t length) {
   if (offset > from.size() || length > from.size() - offset) {
     throw Error(Failure::kInput, "a tile-part reaches behind the end of the data");
   }
-  const ByteView piece = from.subspan(offset, length);
+  return from.subspan(offset, length);
+}
+
+void Append(Bytes& to, ByteView piece) {
   to.insert(to.end(), piece.begin(), piece.end());
 }
 
@@ -48,7 +55,7 @@ void AppendBoxes(Bytes& data, ByteView bytes, const KelIndexFacts& facts) {
   for (const KelIndexBox& box : std::span(facts.boxes, facts.numBoxes)) {
     const bool carried =
         box.isWhole && box.type != codeStreamType && box.type != kXmlBox && box.type != kUuidBox;
-    if (carried) Append(data, bytes, box.offset, box.length);
+    if (carried) Append(data, Piece(bytes, box.offset, box.length));
   }
   const std::size_t at = data.size();
   data.resize(at + 8);
@@ -116,12 +123,16 @@ void AddBlock(const PartsOfTiles& tiles, std::uint32_t across, const TileRun& bl
 
 }  // namespace
 
+bool CanBeCut(const KelIndexFacts& facts) {
+  return !facts.isBoxed || BoxOfCodeStream(facts) != nullptr;
+}
+
 std::vector<TileRun> PlanRuns(Index& index) {
   const KelIndexFacts& facts = index.Facts();
   const KelImageGeometry& grid = *facts.geometry;
   const auto across = static_cast<std::uint32_t>(grid.NumXTiles);
   const auto down = static_cast<std::uint32_t>(grid.NumYTiles);
-  if (across * down < 2 || (facts.isBoxed && BoxOfCodeStream(facts) == nullptr)) return {};
+  if (across * down < 2 || !CanBeCut(facts)) return {};
   const KelIndexTileParts& tileParts = index.TileParts();
   if (!tileParts.areRegular) return {};
   PartsOfTiles tiles(across * down);
@@ -146,24 +157,50 @@ std::vector<TileRun> PlanRuns(Index& index) {
 }
 
 Bytes BuildRun(ByteView bytes, const KelIndexFacts& facts, const TileRun& run) {
+  std::vector<TilePartBytes> parts;
+  for (const KelIndexTilePart& part : run.parts) {
+    parts.push_back({part.tile, Piece(bytes, part.offset, part.length), 0});
+  }
+  return BuildRun(bytes, facts, run, parts);
+}
+
+Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
+               std::span<const TilePartBytes> parts) {
   Bytes data;
-  if (facts.isBoxed) AppendBoxes(data, bytes, facts);
+  std::size_t size = facts.firstTilePartOffset + 16;
+  for (const TilePartBytes& part : parts) size += part.bytes.size();
+  data.reserve(size);
+  if (facts.isBoxed) AppendBoxes(data, headers, facts);
   const std::size_t codeStream = data.size();
-  Append(data, bytes, facts.codeStreamOffset, facts.firstTilePartOffset - facts.codeStreamOffset);
+  Append(data, Piece(headers, facts.codeStreamOffset,
+                     facts.firstTilePartOffset - facts.codeStreamOffset));
   NarrowSiz(data, codeStream + (facts.sizOffset - facts.codeStreamOffset),
             GridOf(*facts.geometry, run));
   const auto across = static_cast<std::uint32_t>(facts.geometry->NumXTiles);
-  for (const KelIndexTilePart& part : run.parts) {
+  for (const TilePartBytes& part : parts) {
     const std::size_t at = data.size();
-    Append(data, bytes, part.offset, part.length);
+    Append(data, part.bytes);
     const std::uint32_t row = part.tile / across - run.row,
                         column = part.tile % across - run.column;
     PutU16(data, at + 4, row * run.columns + column);
-    PutU32(data, at + 6, part.length);
+    PutU32(data, at + 6, part.bytes.size() + part.numMissing);
   }
+  if (!parts.empty() && parts.back().numMissing != 0) return data;
   data.push_back(static_cast<std::uint8_t>(facts.markerByte));
   data.push_back(kEoc);
   return data;
+}
+
+std::vector<ComponentArea> AreasOf(const KelImageGeometry& whole, const TileRun& run) {
+  const RunGrid grid = GridOf(whole, run);
+  auto areas = ComponentAreas(whole, 0);
+  for (ComponentArea& area : areas) {
+    area.x0 = CeilDiv(grid.x0, area.xStep);
+    area.y0 = CeilDiv(grid.y0, area.yStep);
+    area.x1 = CeilDiv(grid.x1, area.xStep);
+    area.y1 = CeilDiv(grid.y1, area.yStep);
+  }
+  return areas;
 }
 
 bool IsRunOf(const KelImageGeometry& whole, const TileRun& run, const KelImageGeometry& found) {

@@ -11,7 +11,7 @@
 
 #include <vector>
 
-#include "Library.hpp"
+#include "FrameTarget.hpp"
 
 namespace kel::host {
 
@@ -21,12 +21,29 @@ struct TileRun {
   std::vector<KelIndexTilePart> parts;
 };
 
+/// Whether runs of its tiles can be data of their own.
+bool CanBeCut(const KelIndexFacts& facts);
+
 /// All tiles that have tile-parts, in runs; few tiles each, unless they are small. Nothing when
 /// the tile-parts are not regular or there is only one tile: such data are decoded as they are.
 std::vector<TileRun> PlanRuns(Index& index);
 
 /// The run as data of its own: the boxes that bear on decoding, main header, tile-parts.
 Bytes BuildRun(ByteView bytes, const KelIndexFacts& facts, const TileRun& run);
+
+/// A tile-part wherever it stands.
+struct TilePartBytes {
+  std::uint32_t tile = 0;
+  ByteView bytes;
+  std::uint64_t numMissing = 0;  ///< bytes that its length promises and the data lack
+};
+/// The same of a rectangle of tiles; headers holds everything before the first tile-part. A
+/// tile-part that lacks bytes comes last, where the library sees that its data end early.
+Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
+               std::span<const TilePartBytes> parts);
+
+/// The areas of a run's components.
+std::vector<ComponentArea> AreasOf(const KelImageGeometry& whole, const TileRun& run);
 
 /// Whether the library found in a run what is meant to be there: its rectangle of the whole grid,
 /// the same components.

@@ -74,6 +74,7 @@ struct KelIndexTilePart {
   KelULong headerBytes;  ///< up to and with SOD; 0 for a header that cannot be read
   bool isRegular;        ///< length is as announced, or left open by the last one, header readable
   bool hasCodingStyle;   ///< its header brings a coding style, of the tile or of a component
+  KelULong numParts;     ///< TNsot: tile-parts that the tile has; 0 where that is not said
 };
 
 /// The tile-parts that can be found, in the order of the data.

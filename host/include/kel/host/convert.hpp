@@ -26,6 +26,9 @@ void OrderPlanes(Image& image);
 /// All of the above, in the order needed to show the image or to write an ordinary image file.
 void MakeOrdinary(Image& image);
 
+/// Whether MakeOrdinary would leave the image as it is. Its planes need not hold samples.
+bool IsOrdinary(const Image& image);
+
 /// Scales all samples to another depth, 1 to 32 bits, rounding to nearest. Throws Error
 /// (kParameter) for an image with a palette.
 void ChangeDepth(Image& image, unsigned depth);

@@ -7,6 +7,7 @@
 
 #include "image.hpp"
 #include "parallel.hpp"
+#include "row_streams.hpp"
 #include "streams.hpp"
 
 namespace kel::host {
@@ -31,6 +32,28 @@ struct DecodeReport {
 /// The first halving is the decoder's own, where every component has a resolution to leave out;
 /// further ones are averages of 2 x 2 samples.
 Image Decode(Source& source, const DecodeParams& params = {}, DecodeReport* report = nullptr);
+
+/// A picture that is decoded row of tiles by row of tiles, while its data are read, where these
+/// allow it: full size, several tiles, tile after tile in the data. Else it is decoded whole.
+class RowDecoder {
+ public:
+  /// Reads the header. source outlives the decoder. Throws as Decode.
+  RowDecoder(Source& source, const DecodeParams& params);
+  ~RowDecoder();
+  RowDecoder(const RowDecoder&) = delete;
+  RowDecoder& operator=(const RowDecoder&) = delete;
+
+  /// The image but for its samples.
+  const Image& Description() const;
+  /// What Decode gives, and throws. Call one of these, once. That into rows throws Error
+  /// (kParameter) unless HasPlainRows(Description()), and finishes the sink.
+  DecodeReport Decode(RowSink& sink);
+  Image DecodeImage(DecodeReport* report = nullptr);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 /// Decodes data as they arrive.
 class ProgressiveDecoder {

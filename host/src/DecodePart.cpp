@@ -1,0 +1,62 @@
+// A frame of an image object into a rectangle of planes.
+#include "DecodePart.hpp"
+
+namespace kel::host {
+
+std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
+                                     const KelImageGeometry* whole, const TileRun* run,
+                                     std::vector<Plane>& planes) {
+  Decoder decoder(bytes, target.halvings == 0 ? KelAspectFull : KelAspectHalf);
+  KelImage& object = decoder.Object();
+  if (run != nullptr && !IsRunOf(*whole, *run, *object.GetGeometryParams())) return std::nullopt;
+  const auto part = ComponentAreas(*object.GetGeometryParams(), target.halvings);
+  FrameTarget frame(target.areas, part, target.components, decoder.Found().ComponentTransform);
+  const KelLong code = decoder.DecodeFrame(bytes, frame.Raw(), frame.Frame(planes));
+  frame.FinishPlanes(object, target.halvings, planes);
+
+  PartResult result;
+  const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
+  for (std::size_t tile = 0; tile < numTiles; ++tile) {
+    result.numTilesWithSamples += TileComponent(object, tile, 0).TileCompDataReady();
+    result.numCompleteTiles += object.TileIsComplete(static_cast<KelLong>(tile));
+  }
+  result.failure.ClearErrState();
+  if (code != KelOK) {
+    result.failure = object.GetErrorDetails();
+    result.place = object.GetErrorPlace();
+    result.failure.errCode = code;
+  }
+  return result;
+}
+
+void DecodeTally::StartAnew(std::size_t numTiles) {
+  report = {};
+  report.numTiles = numTiles;
+  numTilesWithSamples = 0;
+  failure.ClearErrState();
+}
+
+void DecodeTally::Add(const PartResult& part) {
+  report.numCompleteTiles += part.numCompleteTiles;
+  numTilesWithSamples += part.numTilesWithSamples;
+  if (part.failure.errCode != KelOK && failure.errCode == KelOK) {
+    failure = part.failure;
+    place = part.place;
+    report.problem = CodeSentence(failure.errCode);
+  }
+}
+
+void DecodeTally::Settle(const DecodeParams& params) {
+  if (numTilesWithSamples == 0) {
+    if (failure.errCode != KelOK) ThrowFailure(failure, Failure::kInput, place);
+    throw Error(Failure::kInput, "the data end before the first samples");
+  }
+  report.complete = report.numCompleteTiles == report.numTiles;
+  if (report.complete || params.acceptIncomplete) return;
+  std::string sentence = "incomplete: " + std::to_string(report.numCompleteTiles) + " of " +
+                         std::to_string(report.numTiles) + " tiles are whole";
+  if (!report.problem.empty()) sentence += "; " + report.problem;
+  throw Error(Failure::kIncomplete, sentence);
+}
+
+}  // namespace kel::host

@@ -1,0 +1,49 @@
+// One image object's work: decoding data that cover a rectangle of the planes.
+#ifndef KEL_HOST_DECODE_PART_HPP
+#define KEL_HOST_DECODE_PART_HPP
+
+#include <optional>
+
+#include "FrameTarget.hpp"
+#include "TileRuns.hpp"
+#include "kel/host/decode.hpp"
+
+namespace kel::host {
+
+/// The planes that a part goes into.
+struct PartTarget {
+  const std::vector<ComponentArea>& areas;  ///< of the planes
+  unsigned halvings = 0;                    ///< by the decoder: 0 or 1
+  std::span<const KelIndexComponent> components;
+};
+
+struct PartResult {
+  std::size_t numTilesWithSamples = 0, numCompleteTiles = 0;
+  KelException failure;  ///< code 0 when there was none
+  KelErrorPlace place{nullptr, -1};
+};
+
+/// Decodes everything in the bytes. With a run of a whole grid: nothing, with nothing decoded, when
+/// the library sees something else in them. Throws Error (kInput, kMemory).
+std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
+                                     const KelImageGeometry* whole, const TileRun* run,
+                                     std::vector<Plane>& planes);
+
+/// What came of all parts together.
+struct DecodeTally {
+  DecodeReport report;
+  std::size_t numTilesWithSamples = 0;
+  KelException failure;  ///< the first one
+  KelErrorPlace place{nullptr, -1};
+
+  explicit DecodeTally(std::size_t numTiles = 0) { StartAnew(numTiles); }
+  void StartAnew(std::size_t numTiles);
+  void Add(const PartResult& part);
+  /// Completes the report. Throws Error (kInput, kIncomplete) when nothing came, or less than was
+  /// asked for.
+  void Settle(const DecodeParams& params);
+};
+
+}  // namespace kel::host
+
+#endif

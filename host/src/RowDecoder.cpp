@@ -1,0 +1,150 @@
+// Choosing how a picture is decoded into rows: by bands as the data come, or whole.
+#include <algorithm>
+
+#include "BandDecoder.hpp"
+#include "Describe.hpp"
+#include "kel/host/decode.hpp"
+
+namespace kel::host {
+namespace {
+
+/// Data up to this size are read at once, which lets the library find its way in damaged ones.
+constexpr std::size_t kReadAtOnce = 16 << 20;
+/// Of larger ones, this first.
+constexpr std::size_t kFirstOfLarge = 1 << 20;
+constexpr unsigned kMostHalvings = 31;
+
+/// Bytes that were read, then the rest of their source.
+class ChainedSource final : public Source {
+ public:
+  ChainedSource(ByteView first, Source& rest) : first_(first), rest_(rest) {}
+  std::size_t Read(std::span<std::uint8_t> to) override {
+    if (first_.empty()) return rest_.Read(to);
+    const std::size_t count = std::min(to.size(), first_.size());
+    std::copy_n(first_.begin(), count, to.begin());
+    first_ = first_.subspan(count);
+    return count;
+  }
+
+ private:
+  ByteView first_;
+  Source& rest_;
+};
+
+}  // namespace
+
+struct RowDecoder::State {
+  State(Source& from, const DecodeParams& itsParams) : source(from), params(itsParams) {}
+
+  void ReadFirst();
+  void Describe(Index& index);
+  /// Whether rows of tiles can be decoded one after another.
+  bool CanStream(Index& index) const;
+
+  Source& source;
+  DecodeParams params;
+  Bytes first;         ///< what was read of the source
+  ByteView seen;       ///< the same, or everything where it stands in memory
+  bool isAll = false;  ///< nothing is left in the source
+  bool streams = false;
+  Image description;
+};
+
+void RowDecoder::State::ReadFirst() {
+  if (const auto view = source.View()) {
+    seen = *view;
+    isAll = true;
+    return;
+  }
+  const auto size = source.Size();
+  first.resize(!size                  ? kReadAtOnce
+               : *size >= kReadAtOnce ? kFirstOfLarge
+                                      : static_cast<std::size_t>(*size) + 1);
+  std::size_t filled = 0;
+  while (filled < first.size()) {
+    const std::size_t count = source.Read(std::span(first).subspan(filled));
+    if (count == 0) break;
+    filled += count;
+  }
+  isAll = filled < first.size();
+  first.resize(filled);
+  seen = first;
+}
+
+void RowDecoder::State::Describe(Index& index) {
+  Decoder decoder(seen);
+  description = DescribeImage(decoder, index.Facts());
+  const KelImageGeometry& grid = *index.Facts().geometry;
+  const auto reduced = [&](std::int64_t from, std::int64_t to) {
+    return static_cast<std::uint32_t>(HalvedEdge(to, params.reduce) -
+                                      HalvedEdge(from, params.reduce));
+  };
+  description.width = reduced(grid.XOsiz, grid.Xsiz);
+  description.height = reduced(grid.YOsiz, grid.Ysiz);
+  const auto roles = ComponentRoles(decoder.Object());
+  for (const ComponentArea& area : ComponentAreas(grid, 0)) {
+    if (area.depth > 32) throw Error(Failure::kInput, "samples of more than 32 bits");
+    Plane& plane = description.planes.emplace_back(
+        Plane::WithoutSamples(reduced(area.x0, area.x1), reduced(area.y0, area.y1), area.depth));
+    plane.xStep = area.xStep;
+    plane.yStep = area.yStep;
+    plane.role = roles[description.planes.size() - 1].role;
+    plane.colour = roles[description.planes.size() - 1].colour;
+  }
+}
+
+bool RowDecoder::State::CanStream(Index& index) const {
+  const KelImageGeometry& grid = *index.Facts().geometry;
+  const bool several = grid.NumXTiles > 1 || grid.NumYTiles > 1;
+  if (params.reduce != 0 || !several || !CanBeCut(index.Facts())) return false;
+  return HasPlainRows(description) && (!isAll || index.TileParts().areRegular);
+}
+
+RowDecoder::RowDecoder(Source& source, const DecodeParams& params)
+    : state_(std::make_unique<State>(source, params)) {
+  RequireSession();
+  if (params.reduce > kMostHalvings) {
+    throw Error(Failure::kParameter, "at most 31 halvings are possible");
+  }
+  State& state = *state_;
+  state.ReadFirst();
+  Index index(state.seen);
+  state.Describe(index);
+  state.streams = state.CanStream(index);
+}
+
+RowDecoder::~RowDecoder() = default;
+
+const Image& RowDecoder::Description() const {
+  return state_->description;
+}
+
+DecodeReport RowDecoder::Decode(RowSink& sink) {
+  State& state = *state_;
+  if (!state.streams) {
+    DecodeReport report;
+    ImageRowSource rows(DecodeImage(&report));
+    CopyRows(rows, sink);
+    return report;
+  }
+  const auto feed = state.isAll
+                        ? std::make_unique<TilePartFeed>(state.seen)
+                        : std::make_unique<TilePartFeed>(state.source, std::move(state.first));
+  BandDecoder bands(*feed, state.params, sink);
+  sink.Begin(state.description);
+  const DecodeReport report = bands.Run();
+  sink.Finish();
+  return report;
+}
+
+Image RowDecoder::DecodeImage(DecodeReport* report) {
+  State& state = *state_;
+  if (state.isAll) {
+    MemorySource source(state.seen);
+    return host::Decode(source, state.params, report);
+  }
+  ChainedSource source(state.seen, state.source);
+  return host::Decode(source, state.params, report);
+}
+
+}  // namespace kel::host
