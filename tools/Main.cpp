@@ -1,6 +1,10 @@
 // The `kel` command: reads the command line and runs one of its subcommands.
 #include <kel/host/errors.hpp>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
@@ -58,6 +62,10 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace kel::tool
 
 int main(int argc, char** argv) {
+#if defined(__GLIBC__)
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);  // blocks come again: keep their pages
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
+#endif
   kel::tool::RemoveOutputWhenInterrupted();
   try {
     return kel::tool::RunCommandLine(argc, argv);

@@ -2,8 +2,10 @@
 #include "kel/host/image.hpp"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
+#include "Pages.hpp"
 #include "kel/host/errors.hpp"
 #include "kel/host/session.hpp"
 
@@ -33,6 +35,20 @@ void CopyMeaning(const Plane& from, Plane& to) {
 
 }  // namespace
 
+SampleBuffer::SampleBuffer(std::size_t bytes) : size_(bytes) {
+  if (bytes == 0) return;
+  start_ = static_cast<std::uint8_t*>(TakePages(bytes));
+  if (start_ == nullptr) throw std::bad_alloc();
+}
+
+SampleBuffer::SampleBuffer(const SampleBuffer& other) : SampleBuffer(other.size_) {
+  std::copy_n(other.start_, size_, start_);
+}
+
+SampleBuffer::~SampleBuffer() {
+  GivePages(start_, size_);
+}
+
 Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth, Shape)
     : width_(width), height_(height), depth_(depth) {
   if (depth < 1 || depth > 32) {
@@ -52,9 +68,9 @@ Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
   const auto refuse = [&] {
     throw Error(Failure::kMemory, "there is no memory for " + FormatBytes(size) + " of samples");
   };
-  if (size > bytes_.max_size()) refuse();
+  if (size > PTRDIFF_MAX) refuse();
   try {
-    bytes_.resize(static_cast<std::size_t>(size));
+    bytes_ = SampleBuffer(static_cast<std::size_t>(size));
   } catch (const std::bad_alloc&) {
     refuse();
   }

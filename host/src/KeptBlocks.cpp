@@ -5,10 +5,21 @@
 #include <cstdlib>
 #include <span>
 
+#include "Pages.hpp"
+
 namespace kel::host {
 namespace {
 
 constexpr std::size_t kSmallestKept = 16 * 1024;
+constexpr std::size_t kSmallestPages = std::size_t{4} << 20;
+
+void Free(const KeptBlocks::Block& block) {
+  if (block.bytes >= kSmallestPages) {
+    GivePages(block.start, block.bytes);
+  } else {
+    std::free(block.start);
+  }
+}
 
 }  // namespace
 
@@ -28,12 +39,12 @@ KeptBlocks::Block KeptBlocks::Take(std::size_t bytes) {
     }
     GiveBackLocked(bytes);
   }
-  return {std::malloc(bytes), bytes};
+  return {bytes >= kSmallestPages ? TakePages(bytes) : std::malloc(bytes), bytes};
 }
 
 void KeptBlocks::Return(const Block& block) {
   if (block.bytes < kSmallestKept) {
-    std::free(block.start);
+    Free(block);
     return;
   }
   const std::lock_guard lock(mutex_);
@@ -50,7 +61,7 @@ void KeptBlocks::GiveBackLocked(std::size_t bytes) {
   std::size_t count = 0;
   for (std::size_t given = 0; count < numBlocks_ && given < bytes; ++count) {
     given += blocks_[count].bytes;
-    std::free(blocks_[count].start);
+    Free(blocks_[count]);
   }
   std::move(blocks_.begin() + static_cast<std::ptrdiff_t>(count),
             blocks_.begin() + static_cast<std::ptrdiff_t>(numBlocks_), blocks_.begin());

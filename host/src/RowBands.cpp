@@ -35,7 +35,7 @@ void RowBands::Copy(std::size_t, const TileBox& box, std::uint8_t* to) {
   const std::size_t index = box.y / bandHeight_;
   const Band& band = Ready(index);
   const std::uint8_t* from =
-      band.rows.get() + (box.y % bandHeight_) * rowBytes_ +
+      band.rows.Data() + (box.y % bandHeight_) * rowBytes_ +
       box.x * description.planes.size() * description.planes[0].BytesPerSample();
   WithSampleType(description.planes[0].BytesPerSample(), [&](auto sample) {
     for (std::uint32_t y = 0; y < box.height; ++y, from += rowBytes_, to += tileRowBytes) {
@@ -79,10 +79,8 @@ void RowBands::ReadClaimed(std::size_t index) {
   Band& band = BandOf(index);
   const std::uint32_t first = static_cast<std::uint32_t>(index) * bandHeight_;
   try {
-    if (!band.rows) {
-      band.rows = std::make_unique_for_overwrite<std::uint8_t[]>(rowBytes_ * bandHeight_);
-    }
-    source_.Read(std::min(bandHeight_, height_ - first), band.rows.get(), rowBytes_);
+    if (band.rows.Size() == 0) band.rows = SampleBuffer(rowBytes_ * bandHeight_);
+    source_.Read(std::min(bandHeight_, height_ - first), band.rows.Data(), rowBytes_);
   } catch (...) {
     Abandon();
     throw;

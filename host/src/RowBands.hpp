@@ -30,7 +30,7 @@ class RowBands final : public TileSamples {
   struct Band {
     std::size_t index = SIZE_MAX;  ///< SIZE_MAX: free to be read into
     std::size_t numCopied = 0;
-    std::unique_ptr<std::uint8_t[]> rows;
+    SampleBuffer rows;
   };
   using Lock = std::unique_lock<std::mutex>;
 

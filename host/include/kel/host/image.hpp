@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "streams.hpp"
@@ -25,6 +26,32 @@ enum class ColourSpace : std::uint32_t {
   kGrey = 17,
   kSycc = 18,
   kCieJab = 19
+};
+
+/// Zeroed bytes with the copies of a value, for samples: large blocks that cost little to obtain.
+class SampleBuffer {
+ public:
+  SampleBuffer() = default;
+  explicit SampleBuffer(std::size_t bytes);  ///< throws std::bad_alloc
+  SampleBuffer(const SampleBuffer& other);
+  SampleBuffer(SampleBuffer&& other) noexcept { Swap(other); }
+  SampleBuffer& operator=(SampleBuffer other) noexcept {
+    Swap(other);
+    return *this;
+  }
+  ~SampleBuffer();
+  std::uint8_t* Data() { return start_; }
+  const std::uint8_t* Data() const { return start_; }
+  std::size_t Size() const { return size_; }
+
+ private:
+  void Swap(SampleBuffer& other) noexcept {
+    std::swap(start_, other.start_);
+    std::swap(size_, other.size_);
+  }
+
+  std::uint8_t* start_ = nullptr;
+  std::size_t size_ = 0;
 };
 
 /// The samples of one channel, 1 to 32 bits deep. They stand row by row in one, two or four bytes
@@ -50,11 +77,11 @@ class Plane {
   /// BytesPerSample() says.
   template <class Sample>
   Sample* Row(std::uint32_t y) {
-    return reinterpret_cast<Sample*>(bytes_.data() + y * stride_);
+    return reinterpret_cast<Sample*>(bytes_.Data() + y * stride_);
   }
   template <class Sample>
   const Sample* Row(std::uint32_t y) const {
-    return reinterpret_cast<const Sample*>(bytes_.data() + y * stride_);
+    return reinterpret_cast<const Sample*>(bytes_.Data() + y * stride_);
   }
   /// One sample; slow, for programs that look at few.
   std::uint32_t At(std::uint32_t x, std::uint32_t y) const;
@@ -73,7 +100,7 @@ class Plane {
   std::uint32_t width_ = 0, height_ = 0;
   unsigned depth_ = 8;
   std::size_t stride_ = 0;
-  Bytes bytes_;
+  SampleBuffer bytes_;
 };
 
 /// Calls work with a value of the type that holds one sample of so many bytes.
