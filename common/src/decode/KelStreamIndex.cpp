@@ -132,8 +132,8 @@ std::uint64_t EndOfPackets(KelDecDataMgr& data, std::uint64_t codeStreamEnd) {
 
 KelIndexTilePart DescribePart(const IndexState& index, const KelTilePartEntry& entry) {
   const DecoderState& decoder = *Image(index).decoder;
-  KelIndexTilePart part{entry.tile,   entry.part, 0,     AsOffset(entry.position),
-                        entry.length, 0,          false, false, 0};
+  KelIndexTilePart part{entry.tile, entry.part, 0, AsOffset(entry.position), entry.length, 0,
+                        false,      false,      0};
   KelDecDataMgr& data = *decoder.dataMgr;
   if (data.MoveTo(entry.position)) {
     part.numParts = data.PeekSotTNsot();
