@@ -12,8 +12,10 @@
 namespace kel::host {
 namespace {
 
-constexpr std::uint32_t kLargestSingleTile = 2048;
+/// Tiles have about this side. Their number depends on the image alone, never on the threads.
 constexpr std::uint32_t kTileSize = 1024;
+/// Tiles begin at multiples of this: of what five levels halve, and of the decoder's vectors.
+constexpr std::uint32_t kTileStep = 64;
 constexpr unsigned kMostLevels = 32, kMostLayers = 65535, kMostDepth = 28;
 constexpr std::uint64_t kMostTiles = 65535;
 
@@ -33,6 +35,14 @@ void CopyMaskRow(const Plane& mask, const TileBox& box, std::uint32_t y, std::ui
     const auto* from = mask.Row<decltype(sample)>(y) + box.x;
     for (std::uint32_t x = 0; x < box.width; ++x) to[x] = from[x] != 0 ? 255 : 0;
   });
+}
+
+/// The side divided evenly, so that no narrow tiles are left over at the far edges.
+std::uint32_t DefaultTileSide(std::uint32_t side) {
+  const std::uint32_t count = std::max((side + kTileSize / 4) / kTileSize, 1U);
+  if (count == 1) return side;
+  const std::uint32_t even = (side + count - 1) / count;
+  return (even + kTileStep - 1) / kTileStep * kTileStep;
 }
 
 void Require(bool allowed, const std::string& sentence) {
@@ -95,9 +105,8 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
     checked.lossless = true;
     checked.regionMask = nullptr;
   }
-  const bool small = std::max(image.width, image.height) <= kLargestSingleTile;
-  if (params.tileWidth == 0) checked.tileWidth = small ? image.width : kTileSize;
-  if (params.tileHeight == 0) checked.tileHeight = small ? image.height : kTileSize;
+  if (params.tileWidth == 0) checked.tileWidth = DefaultTileSide(image.width);
+  if (params.tileHeight == 0) checked.tileHeight = DefaultTileSide(image.height);
   checked.tileWidth = std::min(checked.tileWidth, image.width);
   checked.tileHeight = std::min(checked.tileHeight, image.height);
   const std::uint64_t across = (image.width + checked.tileWidth - 1) / checked.tileWidth;
