@@ -29,10 +29,12 @@ struct Samples {
   explicit Samples(std::size_t count)
       : bytes(4 * count, 100),
         words(3 * count, 30000),
+        shorts(3 * count, 9),
         ints(3 * count, -77),
         floats(3 * count, 9) {}
   std::vector<std::uint8_t> bytes;
   std::vector<std::uint16_t> words;
+  std::vector<std::int16_t> shorts;
   std::vector<std::int32_t> ints;
   std::vector<float> floats;
 };
@@ -56,12 +58,14 @@ struct Rows {
     for (std::size_t c = 0; c < 3; ++c) {
       bytes[c] = samples.bytes.data() + c * count + x;
       words[c] = samples.words.data() + c * count + x;
+      shorts[c] = samples.shorts.data() + c * count + x;
       ints[c] = samples.ints.data() + c * count + x;
       floats[c] = samples.floats.data() + c * count + x;
     }
   }
   std::uint8_t *pixels, *bytes[3];
   std::uint16_t *wordPixels, *words[3];
+  std::int16_t* shorts[3];
   std::int32_t* ints[3];
   float* floats[3];
 };
@@ -88,12 +92,14 @@ const Bench kKernels[] = {
      }},
     KEL_BENCH(3, splitBytes(in.pixels, 3, out.bytes[0], out.bytes[1], out.bytes[2], n)),
     KEL_BENCH(3, splitWords(in.wordPixels, 3, out.words[0], out.words[1], out.words[2], n)),
+    KEL_BENCH(1, bytesToShorts(in.bytes[0], out.shorts[0], n)),
+    KEL_BENCH(1, floatsToShorts(in.floats[0], out.shorts[0], n)),
     KEL_BENCH(1, bytesToInts(in.bytes[0], out.ints[0], n)),
     KEL_BENCH(1, wordsToInts(in.words[0], out.ints[0], n)),
     KEL_BENCH(1, bytesToFloats(in.bytes[0], out.floats[0], n)),
     KEL_BENCH(1, wordsToFloats(in.words[0], out.floats[0], n)),
-    KEL_BENCH(3, forwardRct8(in.bytes[0], in.bytes[1], in.bytes[2], out.ints[0], out.ints[1],
-                             out.ints[2], n)),
+    KEL_BENCH(3, forwardRct8(in.bytes[0], in.bytes[1], in.bytes[2], out.shorts[0], out.shorts[1],
+                             out.shorts[2], n)),
     KEL_BENCH(3, forwardRct16(in.words[0], in.words[1], in.words[2], out.ints[0], out.ints[1],
                               out.ints[2], n)),
     KEL_BENCH(3, forwardRct32(in.ints[0], in.ints[1], in.ints[2], out.ints[0], out.ints[1],
@@ -184,7 +190,7 @@ struct Host : KelMemFuncs {
 
 Host host;
 
-void Prepare(benchmark::State& state, int depth, std::uint32_t channels, bool irreversible) {
+void Prepare(benchmark::State& state, int depth, std::uint32_t channels, CellKind cells) {
   Memory& memory = Shared(kWidth * kHeight);
   SampleSource sources[3];
   for (std::uint32_t c = 0; c < 3; ++c) {
@@ -195,20 +201,21 @@ void Prepare(benchmark::State& state, int depth, std::uint32_t channels, bool ir
   for (std::size_t c = 0; c < 3; ++c) {
     planes[c].strideCells = kWidth;
     planes[c].cells = memory.out.ints.data() + c * memory.count;
-    if (irreversible) planes[c].cells = memory.out.floats.data() + c * memory.count;
+    if (cells == CellKind::kShorts) planes[c].cells = memory.out.shorts.data() + c * memory.count;
+    if (cells == CellKind::kFloats) planes[c].cells = memory.out.floats.data() + c * memory.count;
   }
   for (auto _ : state) {
-    PrepareColorPlanes(sources, planes, {kWidth, kHeight}, irreversible);
+    PrepareColorPlanes(sources, planes, {kWidth, kHeight}, cells);
     benchmark::ClobberMemory();
   }
   CountSamples(state, 3 * memory.count);
 }
-BENCHMARK_CAPTURE(Prepare, rct_planar_8, 8, 1, false);
-BENCHMARK_CAPTURE(Prepare, rct_interleaved_8, 8, 3, false);
-BENCHMARK_CAPTURE(Prepare, rct_interleaved_8_of_4, 8, 4, false);
-BENCHMARK_CAPTURE(Prepare, ict_interleaved_8, 8, 3, true);
-BENCHMARK_CAPTURE(Prepare, rct_packed_12, 12, 1, false);
-BENCHMARK_CAPTURE(Prepare, rct_packed_interleaved_10, 10, 3, false);
+BENCHMARK_CAPTURE(Prepare, rct_planar_8, 8, 1, CellKind::kShorts);
+BENCHMARK_CAPTURE(Prepare, rct_interleaved_8, 8, 3, CellKind::kShorts);
+BENCHMARK_CAPTURE(Prepare, rct_interleaved_8_of_4, 8, 4, CellKind::kShorts);
+BENCHMARK_CAPTURE(Prepare, ict_interleaved_8, 8, 3, CellKind::kFloats);
+BENCHMARK_CAPTURE(Prepare, rct_packed_12, 12, 1, CellKind::kInts);
+BENCHMARK_CAPTURE(Prepare, rct_packed_interleaved_10, 10, 3, CellKind::kShorts);
 
 void Recast(benchmark::State& state, KelLong depth, KelLong numBits, KelLong turn, bool floats) {
   for (auto _ : state) {

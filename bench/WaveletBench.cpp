@@ -10,6 +10,7 @@
 
 #include "kernels/KelKernels.h"
 #include "transform/KelWavelet.h"
+#include "transform/KelWaveletForward.h"
 
 namespace {
 
@@ -51,8 +52,8 @@ struct Workload {
   Cells<float> floats[2];
   Cells<std::uint8_t> bytes;
   Cells<std::uint32_t> scratch;
+  Cells<std::uint8_t> rows;
   std::vector<float> steps;
-  std::vector<kel::SubbandRecord> records;
 
   explicit Workload(Size size)
       : box{0, size.width, 0, size.height},
@@ -61,10 +62,10 @@ struct Workload {
              Cells<std::int32_t>(Count())},
         floats{Cells<float>(Count()), Cells<float>(Count())},
         bytes(3 * Count()),
-        scratch(kel::InverseDwtScratchCells(box, kLevels, 3) + kel::ForwardDwtScratchCells(box)),
+        scratch(kel::InverseDwtScratchCells(box, kLevels, 3)),
+        rows(kel::ForwardRowsBytes(box, kLevels, kel::CellKind::kFloats)),
         // Near 1, so that transforming the same planes again and again does not overflow.
-        steps(static_cast<std::size_t>(kel::NumSubbands(kLevels)), 1.0F),
-        records(steps.size()) {}
+        steps(static_cast<std::size_t>(kel::NumSubbands(kLevels)), 1.0F) {}
 
   std::size_t Count() const { return stride * static_cast<std::size_t>(box.Height()); }
   kel::ComponentBands Bands53(int p) {
@@ -77,6 +78,19 @@ struct Workload {
   kel::Rows<std::uint8_t> Bytes(std::size_t p) { return {bytes.Data() + p * Count(), stride}; }
 };
 
+/// The rows of a plane through the forward transform, the bands' rows going nowhere.
+void Forward(Workload& w, kel::CellKind kind, const void* plane) {
+  kel::ForwardRows rows;
+  const kel::BandRowTaker taker = {nullptr, [](void*, int, std::int64_t, void*) {}};
+  kel::BeginForward({w.box, kLevels, kind, w.steps.data(), taker}, w.rows.Data(), rows);
+  const auto* from = static_cast<const std::uint8_t*>(plane);
+  const std::size_t rowBytes = w.stride * kel::CellBytes(kind);
+  for (std::int64_t y = 0; y < w.box.Height(); ++y, from += rowBytes) {
+    std::memcpy(kel::NextSampleRow(rows), from, rowBytes);
+    kel::TakeSampleRow(rows);
+  }
+}
+
 struct Driver {
   const char* name;
   int planes;
@@ -86,16 +100,10 @@ struct Driver {
 const Driver kDrivers[] = {
     {"Copy", 1,
      [](Workload& w) { std::memcpy(w.ints[1].Data(), w.ints[0].Data(), w.Count() * 4); }},
-    {"ForwardDwt53", 1,
-     [](Workload& w) {
-       kel::ForwardDwt53({w.ints[0].Data(), w.ints[1].Data(), w.stride, w.box, kLevels},
-                         w.scratch.Data(), w.records.data());
-     }},
-    {"ForwardDwt97", 1,
-     [](Workload& w) {
-       kel::ForwardDwt97({w.floats[0].Data(), w.floats[1].Data(), w.stride, w.box, kLevels},
-                         {w.steps.data(), 8, false}, w.scratch.Data(), w.records.data());
-     }},
+    {"Forward53Short", 1,
+     [](Workload& w) { Forward(w, kel::CellKind::kShorts, w.ints[0].Data()); }},
+    {"Forward53", 1, [](Workload& w) { Forward(w, kel::CellKind::kInts, w.ints[0].Data()); }},
+    {"Forward97", 1, [](Workload& w) { Forward(w, kel::CellKind::kFloats, w.floats[0].Data()); }},
     {"InverseDwt53", 1,
      [](Workload& w) {
        kel::InverseDwt53(w.Bands53(0), w.scratch.Data(), {w.ints[1].Data(), w.stride});
@@ -189,12 +197,12 @@ const Kernel kKernels[] = {
      }},
     {"analyseRow53", kRowCells,
      [](const kel::WaveletKernels& k, KernelRows& r) {
-       k.analyseRow53(r.Int(0), r.IntOut(0), r.IntOut(1), kRowCells / 2);
+       k.analysis53.row(r.Int(0), r.IntOut(0), r.IntOut(1), kRowCells / 2);
      }},
     {"analyseRows53", 2 * kRowCells,
      [](const kel::WaveletKernels& k, KernelRows& r) {
        const std::int32_t* const x[] = {r.Int(0), r.Int(1), r.Int(2)};
-       k.analyseRows53(x, r.Int(3), r.IntOut(0), r.IntOut(1), kRowCells);
+       k.analysis53.rows(x, r.Int(3), r.IntOut(0), r.IntOut(1), kRowCells);
      }},
     {"analyseRow97", kRowCells,
      [](const kel::WaveletKernels& k, KernelRows& r) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <random>
-#include <type_traits>
 #include <vector>
 
 #include "HostMemory.h"
@@ -17,32 +16,43 @@
 namespace {
 
 using kel::CodedTileComponent;
-using kel::CoefficientKind;
 using kel::EncodeBand;
 using namespace test;
 using BlockEncode = test::LibraryTest;
 
-template <class Cell>
-EncodeBand RecordOf(BandCells<Cell>& cells) {
-  return {cells.x0, cells.x1, cells.y0, cells.y1, cells.First(), cells.Stride()};
-}
-
 /// A tile-component's result, released at scope end.
 struct Coded : CodedTileComponent {
+  Coded() : CodedTileComponent{} {}
   template <class Cell>
-  explicit Coded(std::vector<BandCells<Cell>>& bands, bool keepRates = false)
-      : CodedTileComponent{} {
-    std::vector<EncodeBand> records;
-    for (BandCells<Cell>& band : bands) records.push_back(RecordOf(band));
-    EncodeTileComponent(
-        records.data(), static_cast<std::int32_t>(bands.size() / 3),
-        std::is_same_v<Cell, float> ? CoefficientKind::kFloats : CoefficientKind::kIntegers,
-        keepRates, *this);
+  explicit Coded(std::vector<BandCells<Cell>>& bands, bool keepRates = false) : Coded() {
+    Code(bands, keepRates);
   }
   ~Coded() { ReleaseCodedTileComponent(*this); }
   Coded(const Coded&) = delete;
   Coded& operator=(const Coded&) = delete;
-  Bytes Copy() const { return Bytes(bytes, bytes + numBytes); }
+  ::test::Bytes Copy() const { return {Bytes(), Bytes() + numBytes}; }
+
+  /// Codes with the planes counted as rows come, over what was coded before.
+  template <class Cell>
+  void Code(std::vector<BandCells<Cell>>& bands, bool keepRates) {
+    std::vector<EncodeBand> records;
+    std::vector<::test::Bytes> planeCounts;
+    for (BandCells<Cell>& b : bands) {
+      records.push_back(
+          {b.x0, b.x1, b.y0, b.y1, b.First(), b.Stride(), sizeof(Cell) == 2, nullptr});
+      planeCounts.emplace_back(CountBlocksOf(records.back()));
+      records.back().planeCounts = planeCounts.back().data();
+      for (int y = b.y0; y < b.y1; ++y) {
+        if (EndsBlocks(records.back(), y)) CountPlanesAbove(records.back(), y);
+      }
+    }
+    const auto levels = static_cast<std::int32_t>(bands.size() / 3);
+    sizes.resize(kel::CountSizes(levels));
+    PlaceSizes(levels, sizes.data(), *this);
+    EncodeTileComponent(records.data(), keepRates, *this);
+  }
+
+  std::vector<std::uint32_t> sizes{};
 };
 
 /// Encodes 3 levels + 1 bands of random places and sizes.
@@ -86,7 +96,7 @@ TEST_F(BlockEncode, TileComponentsAgainstThePlainCode) {
   test::WithEverySet([](const kel::KernelTable&) {
     for (int i = 0; i < 40; ++i) {
       ExpectTileComponent<std::int32_t>(i, i % 32);
-      ExpectTileComponent<float>(i, i % 25);
+      ExpectTileComponent<std::int16_t>(i, i % 16);
     }
   });
 }
@@ -98,7 +108,7 @@ Bytes CodeUniform(BandCells<Cell> cells, Cell value) {
   std::vector<BandCells<Cell>> bands = {cells};
   const Coded coded(bands);
   if (value > 1) {
-    EXPECT_EQ(coded.obtainedBytes, coded.numBytes + kel::kStoreSlackBytes);
+    EXPECT_EQ(coded.room.numBytes, coded.numBytes + kel::kStoreSlackBytes);
   }
   return coded.Copy();
 }
@@ -108,8 +118,9 @@ Bytes CodeUniform(BandCells<Cell> cells, Cell value) {
 TEST_F(BlockEncode, UniformBandsExactly) {
   EXPECT_EQ(CodeUniform<std::int32_t>({0, 72, 0, 8}, 0), Hex("0000 0000"))
       << "nine zero blocks of a bit each";
-  EXPECT_EQ(CodeUniform<float>({4, 4, 0, 9}, 0), Hex("7F00"));
-  EXPECT_EQ(CodeUniform<float>({3, 4, 5, 6}, -1.4F), Hex("0101 70")) << "field 0, flag, bit, sign";
+  EXPECT_EQ(CodeUniform<std::int16_t>({4, 4, 0, 9}, 0), Hex("7F00"));
+  EXPECT_EQ(CodeUniform<std::int16_t>({3, 4, 5, 6}, -1), Hex("0101 70"))
+      << "field 0, flag, bit, sign";
   EXPECT_EQ(CodeUniform<std::int32_t>({0, 16, 0, 16}, 7).size(), 2U + 4 * (1 + 160 + 128) / 8 + 1);
 }
 
@@ -139,30 +150,30 @@ TEST_F(BlockEncode, RatesOfBlocks) {
   EXPECT_EQ(coded.rates.records[2].length, 0);
 }
 
-// A block lost when memory runs out half-way, or one of the result's released twice.
-TEST_F(BlockEncode, EveryRefusalGivesEverythingBack) {
+// A block lost when memory runs out half-way; what was coded before in the same room showing
+// through; room made anew for every tile.
+TEST_F(BlockEncode, RoomIsKeptAndRefusalsGiveEverythingBack) {
   std::mt19937 random(8);
-  std::vector<BandCells<float>> bands;
+  std::vector<BandCells<std::int16_t>> small, large;
   for (PlainBand band : {PlainBand{0, 30, 0, 30}, {0, 3, 0, 9}, {0, 9, 0, 8}, {5, 9, 0, 8}}) {
-    band.Fill(random, 0, 6);
-    bands.push_back(band.Cells<float>(band.blocks.size()));
+    band.Fill(random, 0, 2);
+    small.push_back(band.Cells<std::int16_t>(band.blocks.size()));
+    band.blocks.clear();
+    band.Fill(random, 3, 6);
+    large.push_back(band.Cells<std::int16_t>(band.blocks.size()));
   }
+  const Bytes expected = Coded(small).Copy();
+  Coded coded(large);
+  const std::uint64_t requests = memory.Requests();
+  coded.Code(small, false);
+  EXPECT_EQ(coded.Copy(), expected);
+  EXPECT_EQ(memory.Requests(), requests);
   const auto runs = test::SweepRefusals(memory, [&] {
-    Coded coded(bands, true);
-    const Bytes before = coded.Copy();
-    try {
-      TrimCodedBytes(coded);
-    } catch (const KelException&) {
-      EXPECT_EQ(coded.Copy(), before);
-      throw;
-    }
-    EXPECT_EQ(coded.Copy(), before);
-    EXPECT_EQ(coded.obtainedBytes, coded.numBytes);
-    ReleaseCodedBytes(coded);
-    EXPECT_EQ(coded.bandSize[1] + coded.bandSize[2] + coded.bandSize[3], coded.resSize[1]);
+    Coded both(small, true);
+    both.Code(large, true);
     return KelOK;
   });
-  EXPECT_GE(runs, 6U);
+  EXPECT_GE(runs, 5U);
 }
 
 }  // namespace

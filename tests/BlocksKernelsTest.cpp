@@ -1,5 +1,5 @@
-// What kernels of whole blocks, every set of them, must not take and how they convert. Their code
-// is compared in BlockDecodeTest and BlockEncodeTest.
+// What kernels of whole blocks, every set of them, must not take, and extreme values. Their code is
+// compared in BlockDecodeTest and BlockEncodeTest.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -38,25 +38,23 @@ TEST(BlocksKernels, DecodingStopsInFrontOfWhatItMayNotTake) {
 }
 
 template <class Cell>
-void ExpectValues(const BlocksKernels& kernels,
+void ExpectValues(const BlocksKernels::Encode<Cell>* encode,
+                  const BlocksKernels::CountPlanes<Cell>* countPlanes, const BlocksKernels& kernels,
                   const std::vector<std::pair<Cell, std::int32_t>>& values, std::uint8_t planes) {
-  const auto [encode, countPlanes] = [&] {
-    if constexpr (std::is_same_v<Cell, float>) {
-      return std::pair(kernels.encodeFloats, kernels.countPlanesOfFloats);
-    } else {
-      return std::pair(kernels.encodeIntegers, kernels.countPlanesOfIntegers);
-    }
-  }();
-  std::vector<Cell> cells(64);
-  for (std::size_t i = 0; i < values.size(); ++i) cells[i] = values[i].first;
+  // Two blocks, the values in the second.
+  std::vector<Cell> cells(128);
+  for (std::size_t i = 0; i < values.size(); ++i) cells[8 + i % 8 + i / 8 * 16] = values[i].first;
   for (const std::size_t rows : {1, 2, 3, 7, 8}) {
-    std::uint8_t count = 0;
-    countPlanes(cells.data(), 8, rows, 1, &count);
-    EXPECT_EQ(count, planes) << rows << " rows";
+    std::uint8_t counts[2] = {9, 9};
+    countPlanes(cells.data(), 16, rows, 2, counts);
+    EXPECT_EQ(counts[0], 0) << rows << " rows";
+    EXPECT_EQ(counts[1], planes) << rows << " rows";
+    countPlanes(cells.data() + 8, 16, rows, 1, counts);
+    EXPECT_EQ(counts[0], planes) << rows << " rows";
   }
   Bytes bytes(400);
   BlockSink sink{bytes.data(), 0, 0, 6, 0};
-  encode(cells.data(), 8, &planes, 1, sink);
+  encode(cells.data() + 8, 16, &planes, 1, sink);
   *sink.next = static_cast<std::uint8_t>(sink.pending >> 56);
   BlockSource source{bytes.data(), 0, 0, 6, 0, 0};
   std::vector<std::int32_t> decoded(64, kGuard);
@@ -66,24 +64,17 @@ void ExpectValues(const BlocksKernels& kernels,
   }
 }
 
-// Halves rounded away from zero, a minus sign on zero, values beyond 31 bits that wrap around.
-TEST(BlocksKernels, ConversionOfCoefficients) {
+// A minus sign on zero, values that wrap around at the ends of the range, a neighbour's magnitudes.
+TEST(BlocksKernels, ExtremesOfCoefficients) {
   constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-  const std::vector<std::pair<float, std::int32_t>> small = {{0.5F, 0},   {-0.5F, 0},     {1.5F, 2},
-                                                             {-2.5F, -2}, {-0.0F, 0},     {kNaN, 0},
-                                                             {-kNaN, 0},  {3.4999998F, 3}};
-  const std::vector<std::pair<float, std::int32_t>> large = {
-      {kInfinity, kMost},          {-kInfinity, -kMost},
-      {2147483648.0F, kMost},      {-2147483648.0F, -kMost},
-      {2147483520.0F, 2147483520}, {kNaN, 0},
-      {-8388609.0F, -8388609},     {1e-30F, 0}};
   WithEverySet([&](const kel::KernelTable& table) {
-    ExpectValues<std::int32_t>(table.blocks,
+    const BlocksKernels& kernels = table.blocks;
+    ExpectValues<std::int32_t>(kernels.encodeIntegers, kernels.countPlanesOfIntegers, kernels,
                                {{-kMost - 1, -kMost}, {kMost, kMost}, {-1, -1}, {0, 0}}, 31);
-    ExpectValues<float>(table.blocks, small, 2);
-    ExpectValues<float>(table.blocks, large, 31);
+    ExpectValues<std::int16_t>(kernels.encodeShorts, kernels.countPlanesOfShorts, kernels,
+                               {{0, 0}, {-32767, -32767}, {32767, 32767}, {-1, -1}}, 15);
+    ExpectValues<std::int16_t>(kernels.encodeShorts, kernels.countPlanesOfShorts, kernels,
+                               {{1, 1}, {-1, -1}, {0, 0}}, 1);
   });
 }
 

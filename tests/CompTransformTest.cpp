@@ -59,19 +59,24 @@ TEST_F(PlanePreparation, ReadsEveryLayout) {
         const auto stride = static_cast<std::size_t>(width) + 3;
         Ints ints(2 * stride, 77);
         Floats floats(2 * stride, 77);
-        PreparePlane(host.Channel(c), {ints.data(), stride}, {width, 2}, false);
-        PreparePlane(host.Channel(c), {floats.data(), stride}, {width, 2}, true);
+        std::vector<std::int16_t> shorts(2 * stride, 77);
+        PreparePlane(host.Channel(c), {ints.data(), stride}, {width, 2}, CellKind::kInts);
+        PreparePlane(host.Channel(c), {floats.data(), stride}, {width, 2}, CellKind::kFloats);
+        if (depth < 16) {
+          PreparePlane(host.Channel(c), {shorts.data(), stride}, {width, 2}, CellKind::kShorts);
+        }
         for (std::size_t i = 0; i < ints.size(); ++i) {
           const std::size_t x = i % stride, row = i / stride * static_cast<std::size_t>(width);
           const std::int32_t expected = x < stride - 3 ? host.Levelled(row + x, c) : 77;
           ASSERT_EQ(ints[i], expected) << depth << " bits, channel " << c << " of " << channels;
           ASSERT_EQ(floats[i], static_cast<float>(expected)) << depth << " bits";
+          ASSERT_EQ(shorts[i], depth < 16 ? expected : 77) << depth << " bits";
         }
       }
     }
   }
-  PreparePlane({}, {}, {0, 5}, false);
-  PreparePlane({}, {}, {5, -1}, true);
+  PreparePlane({}, {}, {0, 5}, CellKind::kInts);
+  PreparePlane({}, {}, {5, -1}, CellKind::kFloats);
 }
 
 /// Sources of a colour triple: one buffer of three or more channels, or one buffer each.
@@ -123,7 +128,9 @@ struct Planes {
     planes.size = {kWidth, 2};
     planes.floats = std::is_same_v<Cell, float>;
     PrepareColorPlanes({triple.Source(0), triple.Source(1), triple.Source(2)}, targets, planes.size,
-                       planes.floats);
+                       planes.floats                        ? CellKind::kFloats
+                       : std::is_same_v<Cell, std::int16_t> ? CellKind::kShorts
+                                                            : CellKind::kInts);
   }
   /// Calls check(pixel index, first cell of each plane) and sees to the cells between rows.
   template <class Check>
@@ -151,6 +158,7 @@ struct Planes {
 TEST_F(ColorTransform, ReversibleIsExactBothWays) {
   for (const Triple& triple : Triples()) {
     Planes<std::int32_t> image(triple);
+    const Planes<std::int32_t> yuv = image;
     image.ForEach([&](std::size_t i, std::int32_t y, std::int32_t u, std::int32_t v) {
       const double r = triple.Levelled(i, 0), g = triple.Levelled(i, 1), b = triple.Levelled(i, 2);
       ASSERT_EQ(y, std::floor((r + 2 * g + b) / 4));
@@ -161,6 +169,11 @@ TEST_F(ColorTransform, ReversibleIsExactBothWays) {
     EXPECT_EQ(luma.cells[0], image.cells[0]);
     EXPECT_EQ(luma.cells[1], std::vector(luma.cells[1].size(), 55));
     image.CheckInverse(triple, 0);
+    if (triple.Source(0).bitDepth == 16 || triple.Source(1).bitDepth > 15) continue;
+    const Planes<std::int16_t> narrow(triple);
+    for (std::size_t c = 0; c < 3; ++c) {
+      EXPECT_TRUE(std::equal(narrow.cells[c].begin(), narrow.cells[c].end(), yuv.cells[c].begin()));
+    }
   }
 }
 

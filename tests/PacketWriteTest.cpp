@@ -23,9 +23,10 @@ struct MadeComp {
       : exponents(exps), mantissas(mants) {
     coded.box = {0, 2, 0, 2};
     coded.code.numLevels = 1;
-    coded.code.bytes = bytes.data();
+    coded.code.room.bytes = bytes.data();
     coded.code.resSize = resSize.data();
     coded.code.bandSize = bandSize.data();
+    coded.hasSteps = true;
     coded.exponents = exponents.data();
     coded.mantissas = mantissas.data();
   }

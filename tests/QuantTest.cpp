@@ -92,12 +92,12 @@ TEST(Quant, DecoderStepsOfTheThreeStyles) {
 
 TEST(Quant, StepsOfAQuality) {
   const kel::Box box = {0, 1, 0, 20};  // HL and HH have no columns
-  std::vector<kel::SubbandRecord> records(4);
-  kel::ComputeSubbandBoxes(box, 1, records.data());
+  kel::Box boxes[4];
+  for (int b = 0; b < 4; ++b) boxes[b] = kel::SubbandBox(box, 1, b);
   const float weights[] = {2.0F, 1.0F, 1.0F, 0.5F};
   float steps[4];
   const auto derive = [&](std::int32_t quality, float factor) {
-    kel::DeriveQuantSteps({quality, 1, 20, 8, factor}, 1, records.data(), weights, steps);
+    kel::DeriveQuantSteps({quality, 1, 20, 8, factor}, 1, boxes, weights, steps);
   };
   derive(100, 1);
   for (const float step : steps) EXPECT_EQ(step, 1);

@@ -115,11 +115,12 @@ void CompareAll(const KernelTable& table) {
     KEL_SAME(U8, U8, step, splitBytes(in[0], step, out[0], out[1], out[2], n));
     KEL_SAME(U16, U16, step, splitWords(in[0], step, out[0], out[1], out[2], n));
   }
+  KEL_SAME(U8, I16, 1, bytesToShorts(in[0], out[0], n));
   KEL_SAME(U8, I32, 1, bytesToInts(in[0], out[0], n));
   KEL_SAME(U16, I32, 1, wordsToInts(in[0], out[0], n));
   KEL_SAME(U8, float, 1, bytesToFloats(in[0], out[0], n));
   KEL_SAME(U16, float, 1, wordsToFloats(in[0], out[0], n));
-  KEL_SAME(U8, I32, 1, forwardRct8(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(U8, I16, 1, forwardRct8(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(U16, I32, 1, forwardRct16(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(I32, I32, 1, forwardRct32(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(U8, float, 1, forwardIct8(in[0], in[1], in[2], out[0], out[1], out[2], n));
@@ -144,6 +145,7 @@ void CompareAll(const KernelTable& table) {
                                   {3.0F, 1.0F, -0.25F, INT32_MIN, INT32_MAX}}) {
     KEL_SAME(I32, I32, 1, scaleLevels(out[0], n, scale));
   }
+  KEL_SAME(float, I16, 1, floatsToShorts(in[0], out[0], n));
   KEL_SAME(I32, U8, 1, levelsToBytes(in[0], out[0], n));
   for (const int shift : {0, 4, 15}) {
     KEL_SAME(I32, U16, 1, levelsToWords(in[0], out[0], n, shift));

@@ -1,8 +1,8 @@
-// Walking the blocks of bands: counting their planes, then encoding them. Whole blocks go to the
+// Walking the blocks of bands: counting their planes, and encoding them. Whole blocks go to the
 // kernels, a row of them at a time; smaller ones are encoded here.
 //
 // The plane counts of all bands are known before the first bit is put, and with them the most bytes
-// that can come: the bit writer is made that large and never grows.
+// that can come: room for them is made beforehand and never grows.
 #include "KelBlockEncode.h"
 
 #include <algorithm>
@@ -10,7 +10,6 @@
 #include <cassert>
 
 #include "KelBitWriter.h"
-#include "base/KelMemFuncDefs.h"
 #include "format/KelBlockGrid.h"
 #include "kernels/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
@@ -54,8 +53,8 @@ void ForEachRun(const EncodeBand& band, Visit visit) {
 BlocksKernels::CountPlanes<std::int32_t>* CountKernel(const std::int32_t*) {
   return Kernels().blocks.countPlanesOfIntegers;
 }
-BlocksKernels::CountPlanes<float>* CountKernel(const float*) {
-  return Kernels().blocks.countPlanesOfFloats;
+BlocksKernels::CountPlanes<std::int16_t>* CountKernel(const std::int16_t*) {
+  return Kernels().blocks.countPlanesOfShorts;
 }
 
 template <class Cell>
@@ -70,44 +69,31 @@ std::uint8_t CountPlanesOfBlock(const BlockRun<Cell>& block, std::ptrdiff_t stri
 }
 
 template <class Cell>
-void CountPlanesOfBlocks(const EncodeBand& band, std::uint8_t* planeCounts) {
+void CountPlanesOfBlocks(const EncodeBand& band) {
   ForEachRun<Cell>(band, [&](const BlockRun<Cell>& run) {
     if (run.width < kBlockSide) {
-      planeCounts[run.first] = CountPlanesOfBlock(run, band.strideCells);
+      band.planeCounts[run.first] = CountPlanesOfBlock(run, band.strideCells);
       return;
     }
     CountKernel(run.cells)(run.cells, band.strideCells, static_cast<std::size_t>(run.height),
-                           run.count, planeCounts + run.first);
+                           run.count, band.planeCounts + run.first);
   });
 }
 
-std::uint64_t CountBlocksOf(const EncodeBand& band) {
-  return AsCount(CountBlocks(band.x0, band.x1, kBlockExponent)) *
-         AsCount(CountBlocks(band.y0, band.y1, kBlockExponent));
-}
-
-/// The plane counts of a band: bits of the magnitudes, 0 to 31.
-struct BandPlanes {
-  const std::uint8_t* planeCounts;  ///< of the blocks, in raster order
-  std::uint64_t numBlocks;
+/// The plane counts of a band as its header has them.
+struct PlaneBounds {
   std::uint8_t minPlanes;  ///< the smallest count; 127 in a band without blocks
   std::uint8_t maxPlanes;  ///< the largest count; 0 in a band without blocks
 };
 
-/// Counts the planes of a band's blocks into an array, which the result then refers to.
-BandPlanes CountBandPlanes(const EncodeBand& band, CoefficientKind kind,
-                           std::uint8_t* planeCounts) {
-  if (kind == CoefficientKind::kIntegers) {
-    CountPlanesOfBlocks<std::int32_t>(band, planeCounts);
-  } else {
-    CountPlanesOfBlocks<float>(band, planeCounts);
+PlaneBounds BoundsOf(const EncodeBand& band) {
+  PlaneBounds bounds{127, 0};
+  const std::uint64_t numBlocks = CountBlocksOf(band);
+  for (std::uint64_t i = 0; i < numBlocks; ++i) {
+    bounds.minPlanes = std::min(bounds.minPlanes, band.planeCounts[i]);
+    bounds.maxPlanes = std::max(bounds.maxPlanes, band.planeCounts[i]);
   }
-  BandPlanes planes{planeCounts, CountBlocksOf(band), 127, 0};
-  for (std::uint64_t i = 0; i < planes.numBlocks; ++i) {
-    planes.minPlanes = std::min(planes.minPlanes, planeCounts[i]);
-    planes.maxPlanes = std::max(planes.maxPlanes, planeCounts[i]);
-  }
-  return planes;
+  return bounds;
 }
 
 /// The most bits that a block of n planes takes, for n from 0 on: a whole block, whose groups all
@@ -121,11 +107,14 @@ std::uint64_t MostBitsOfBlock(unsigned planes, unsigned fieldBits) {
 constexpr std::uint64_t kBandHeaderBytes = 2;
 
 /// The most bytes that a band takes, its header included.
-std::uint64_t MostBytesOf(const BandPlanes& planes) {
-  const unsigned fieldBits = PlaneCountFieldBits(planes.minPlanes, planes.maxPlanes);
+std::uint64_t MostBytesOf(const EncodeBand& band, const PlaneBounds& bounds) {
+  const unsigned fieldBits = PlaneCountFieldBits(bounds.minPlanes, bounds.maxPlanes);
+  std::uint64_t numWithPlanes[kMostPlanes] = {};
+  const std::uint64_t numBlocks = CountBlocksOf(band);
+  for (std::uint64_t i = 0; i < numBlocks; ++i) ++numWithPlanes[band.planeCounts[i]];
   std::uint64_t bits = 0;
-  for (std::uint64_t i = 0; i < planes.numBlocks; ++i) {
-    bits += MostBitsOfBlock(planes.planeCounts[i], fieldBits);
+  for (unsigned planes = 0; planes < kMostPlanes; ++planes) {
+    bits += numWithPlanes[planes] * MostBitsOfBlock(planes, fieldBits);
   }
   return kBandHeaderBytes + (bits + 7) / 8;
 }
@@ -223,7 +212,6 @@ void EncodeCodeBlock(BlockSink& sink, const SmallBlock& block, unsigned planes) 
 /// A band's encoding under way.
 struct BandEncoding {
   const EncodeBand& band;
-  const BandPlanes& planes;
   BitWriter& writer;
   BlockRateTable& rates;
 };
@@ -231,15 +219,15 @@ struct BandEncoding {
 BlocksKernels::Encode<std::int32_t>* EncodeKernel(const std::int32_t*) {
   return Kernels().blocks.encodeIntegers;
 }
-BlocksKernels::Encode<float>* EncodeKernel(const float*) {
-  return Kernels().blocks.encodeFloats;
+BlocksKernels::Encode<std::int16_t>* EncodeKernel(const std::int16_t*) {
+  return Kernels().blocks.encodeShorts;
 }
 
 template <class Cell>
 void EncodeRunOfBlocks(BandEncoding& encoding, const BlockRun<Cell>& run) {
   BlockSink& sink = encoding.writer.sink;
   const std::ptrdiff_t strideCells = encoding.band.strideCells;
-  const std::uint8_t* const planeCounts = encoding.planes.planeCounts + run.first;
+  const std::uint8_t* const planeCounts = encoding.band.planeCounts + run.first;
   if (run.width == kBlockSide && run.height == kBlockSide) {
     EncodeKernel(run.cells)(run.cells, strideCells, planeCounts, run.count, sink);
     return;
@@ -265,7 +253,7 @@ void EncodeRunWithRates(BandEncoding& encoding, BlockRun<Cell> run) {
   for (; run.first < end; ++run.first, run.cells += kBlockSide) {
     const std::uint64_t before = rates.count == 0 ? 0 : writer.NumBytes();
     EncodeRunOfBlocks(encoding, run);
-    const std::uint8_t planes = encoding.planes.planeCounts[run.first];
+    const std::uint8_t planes = encoding.band.planeCounts[run.first];
     const std::uint64_t length = planes == 0 ? 0 : writer.NumBytes() - before;
     rates.records[rates.count++] = {static_cast<std::uint16_t>(length), planes, 0, 0};
   }
@@ -281,70 +269,81 @@ void EncodeBandBlocks(BandEncoding& encoding) {
 }
 
 /// Encodes a band and returns its bytes: the header, the blocks, and the filling of the last byte.
-std::uint32_t EncodeBandData(BandEncoding& encoding, CoefficientKind kind) {
+std::uint32_t EncodeBandData(BandEncoding& encoding, const PlaneBounds& bounds) {
   BitWriter& writer = encoding.writer;
-  const BandPlanes& planes = encoding.planes;
   const std::uint64_t start = writer.NumBytes();
-  writer.Put(planes.minPlanes, 8);
-  writer.Put(planes.maxPlanes, 8);
-  writer.sink.minPlanes = planes.minPlanes;
-  writer.sink.fieldBits = PlaneCountFieldBits(planes.minPlanes, planes.maxPlanes);
-  if (kind == CoefficientKind::kIntegers) {
-    EncodeBandBlocks<std::int32_t>(encoding);
+  writer.Put(bounds.minPlanes, 8);
+  writer.Put(bounds.maxPlanes, 8);
+  writer.sink.minPlanes = bounds.minPlanes;
+  writer.sink.fieldBits = PlaneCountFieldBits(bounds.minPlanes, bounds.maxPlanes);
+  if (encoding.band.areShorts) {
+    EncodeBandBlocks<std::int16_t>(encoding);
   } else {
-    EncodeBandBlocks<float>(encoding);
+    EncodeBandBlocks<std::int32_t>(encoding);
   }
   writer.Flush();
   return static_cast<std::uint32_t>(writer.NumBytes() - start);
 }
 
-constexpr std::int32_t kMostLevels = 32;
+}  // namespace
 
-/// Obtains the size tables.
-void MakeSizeTables(std::int32_t numLevels, CodedTileComponent& coded) {
-  const auto levels = static_cast<std::uint64_t>(numLevels);
+std::uint64_t CountBlocksOf(const EncodeBand& band) {
+  return AsCount(CountBlocks(band.x0, band.x1, kBlockExponent)) *
+         AsCount(CountBlocks(band.y0, band.y1, kBlockExponent));
+}
+
+bool EndsBlocks(const EncodeBand& band, std::int32_t row) {
+  return row + 1 == BlockEnd(row, band.y1, kBlockExponent);
+}
+
+void CountPlanesAbove(const EncodeBand& band, std::int32_t row) {
+  EncodeBand blocks = band;
+  blocks.y0 = static_cast<std::int32_t>(std::max<std::int64_t>(band.y0, row & -kBlockSide));
+  blocks.y1 = row + 1;
+  const std::ptrdiff_t cells = (blocks.y0 - band.y0) * band.strideCells;
+  const std::int64_t rowsOfBlocks = CountBlocks(band.y0, blocks.y0, kBlockExponent);
+  blocks.planeCounts += rowsOfBlocks * CountBlocks(band.x0, band.x1, kBlockExponent);
+  if (band.areShorts) {
+    blocks.data = static_cast<std::int16_t*>(band.data) + cells;
+    CountPlanesOfBlocks<std::int16_t>(blocks);
+  } else {
+    blocks.data = static_cast<std::int32_t*>(band.data) + cells;
+    CountPlanesOfBlocks<std::int32_t>(blocks);
+  }
+}
+
+void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponent& coded) {
   coded.numLevels = numLevels;
-  coded.resSize = OwnedArray<std::uint32_t>::Make(5 * levels + 4).Release();
+  coded.resSize = memory;
   coded.bandSize = coded.resSize + numLevels + 1;
   coded.firstRecord = coded.bandSize + 3 * numLevels + 1;
 }
 
-}  // namespace
-
-void EncodeTileComponent(const EncodeBand* bands, std::int32_t numLevels, CoefficientKind kind,
-                         bool keepRates, CodedTileComponent& coded) {
-  assert(numLevels >= 0 && numLevels <= kMostLevels);
+void EncodeTileComponent(const EncodeBand* bands, bool keepRates, CodedTileComponent& coded) {
+  const std::int32_t numLevels = coded.numLevels;
+  assert(numLevels >= 0 && numLevels <= kMaxLevels);
   const std::int32_t numBands = 3 * numLevels + 1;
-  std::uint64_t numBlocks = 0;
+  PlaneBounds bounds[kMaxSubbands];
+  std::uint64_t numBlocks = 0, mostBytes = kStoreSlackBytes;
   for (std::int32_t b = 0; b < numBands; ++b) {
     numBlocks = SaturatingAdd(numBlocks, CountBlocksOf(bands[b]));
+    bounds[b] = BoundsOf(bands[b]);
+    mostBytes += MostBytesOf(bands[b], bounds[b]);
   }
-  const auto planeCounts = ScratchArray<std::uint8_t>::Make(numBlocks);
-  BandPlanes planes[3 * kMostLevels + 1];
-  std::uint8_t* next = planeCounts.Data();
-  std::uint64_t mostBytes = 0;
-  for (std::int32_t b = 0; b < numBands; ++b) {
-    planes[b] = CountBandPlanes(bands[b], kind, next);
-    next += planes[b].numBlocks;
-    mostBytes += MostBytesOf(planes[b]);
-  }
-
-  ScopeGuard release([&] { ReleaseCodedTileComponent(coded); });
-  MakeSizeTables(numLevels, coded);
+  KelFree(coded.rates.records);
+  coded.rates = {};
+  std::fill_n(coded.resSize, CountSizes(numLevels), 0U);
   if (keepRates) coded.rates.records = OwnedArray<BlockRateRecord>::Make(numBlocks).Release();
-  BitWriter writer(mostBytes);
+  BitWriter writer(static_cast<std::uint8_t*>(EnsureKept(coded.room, mostBytes)));
   for (std::int32_t b = 0; b < numBands; ++b) {
     const std::int32_t resolution = (b + 2) / 3;
     if (b == 0 || b % 3 == 1) coded.firstRecord[resolution] = coded.rates.count;
-    BandEncoding encoding{bands[b], planes[b], writer, coded.rates};
-    coded.bandSize[b] = EncodeBandData(encoding, kind);
+    BandEncoding encoding{bands[b], writer, coded.rates};
+    coded.bandSize[b] = EncodeBandData(encoding, bounds[b]);
     coded.resSize[resolution] += coded.bandSize[b];
   }
   coded.firstRecord[numLevels + 1] = coded.rates.count;
   coded.numBytes = writer.NumBytes();
-  coded.obtainedBytes = writer.ObtainedBytes();
-  coded.bytes = writer.Release();
-  release.Disarm();
 }
 
 std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes) {
@@ -353,24 +352,10 @@ std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes) {
   return SaturatingAdd(kBandHeaderBytes, SaturatingAdd(SaturatingMul(numBlocks, bits), 7) / 8);
 }
 
-void TrimCodedBytes(CodedTileComponent& coded) {
-  coded.bytes =
-      static_cast<std::uint8_t*>(KelRealloc(coded.bytes, coded.obtainedBytes, coded.numBytes));
-  coded.obtainedBytes = coded.numBytes;
-}
-
-void ReleaseCodedBytes(CodedTileComponent& coded) noexcept {
-  KelFree(coded.bytes);
-  KelFree(coded.rates.records);
-  coded.bytes = nullptr;
-  coded.numBytes = coded.obtainedBytes = 0;
-  coded.rates = {};
-}
-
 void ReleaseCodedTileComponent(CodedTileComponent& coded) noexcept {
-  ReleaseCodedBytes(coded);
-  KelFree(coded.resSize);
-  coded = {};
+  KelFree(coded.rates.records);
+  coded.rates = {};
+  ReleaseKept(coded.room);
 }
 
 }  // namespace kel

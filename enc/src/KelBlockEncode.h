@@ -1,28 +1,38 @@
-// Block encoding: the coefficients of a tile-component into one buffer of bytes, band by band, with
-// the size of every resolution and band beside it.
+// Block encoding: the coefficients of a tile-component into bytes, band by band, with the size of
+// every resolution and band beside them.
 //
 // A band's bytes are its smallest and its largest plane count, then its blocks of 8 x 8 in raster
 // order, bit after bit, filled up with zero bits to a whole byte. The code of a block stands in
-// kernels/KelBlocksKernels.h; sign bits are always separate. Coefficients are read where the
-// transform left them and converted on the way, so that no second plane is written.
+// kernels/KelBlocksKernels.h; sign bits are always separate.
 #ifndef KEL_BLOCK_ENCODE_H
 #define KEL_BLOCK_ENCODE_H
 
 #include <cstddef>
 #include <cstdint>
 
+#include "KelKeptBlock.h"
+#include "format/KelHeaders.h"
+
 namespace kel {
 
-/// What a tile-component's coefficients are: 32-bit integers after the reversible transform; floats
-/// after the irreversible one, to be rounded to the nearest integer, halves to even.
-enum class CoefficientKind : std::uint8_t { kIntegers, kFloats };
-
-/// A band to be encoded: one precinct. The bands of a tile-component may stand in different planes.
+/// A band to be encoded: one precinct. Its coefficients are integers of 16 bits or of 32.
 struct EncodeBand {
   std::int32_t x0, x1, y0, y1;  ///< the band's rectangle, in band coordinates
-  const void* data;             ///< the coefficient at (x0, y0)
+  void* data;                   ///< the coefficient at (x0, y0)
   std::ptrdiff_t strideCells;
+  bool areShorts;
+  std::uint8_t* planeCounts;  ///< of its blocks, in raster order: bits of the largest magnitude, at
+                              ///< most 31
 };
+
+/// Blocks of a band.
+std::uint64_t CountBlocksOf(const EncodeBand& band);
+
+/// Counts the planes of the blocks of which `row` (in band coordinates) is the last row.
+void CountPlanesAbove(const EncodeBand& band, std::int32_t row);
+
+/// Whether a row is the last one of its blocks.
+bool EndsBlocks(const EncodeBand& band, std::int32_t row);
 
 /// What the coding of one block came to, for inspection. Eleven bytes, without padding.
 #pragma pack(push, 1)
@@ -39,40 +49,40 @@ struct BlockRateRecord {
 static_assert(sizeof(BlockRateRecord) == 11);
 
 struct BlockRateTable {
-  BlockRateRecord* records;  ///< null unless it was asked for
+  BlockRateRecord* records;  ///< owned; null unless it was asked for
   std::uint32_t count;
 };
 
 /// A coded tile-component. Resolution r's bytes follow those of the resolutions below it, and the
-/// bands of a resolution follow each other.
+/// bands of a resolution follow each other. The room for the bytes serves the next coding.
 struct CodedTileComponent {
-  std::uint8_t* bytes;
+  KeptBlock room;
   std::uint64_t numBytes;
-  std::uint64_t obtainedBytes;  ///< of the block that holds them
   std::int32_t numLevels;
-  // The size tables; one block of memory, which resSize begins.
+  // The size tables; CountSizes entries, which resSize begins. Of the caller.
   std::uint32_t* resSize;      ///< bytes of each of the numLevels + 1 resolutions
   std::uint32_t* bandSize;     ///< bytes of each of the 3 numLevels + 1 bands
   std::uint32_t* firstRecord;  ///< blocks before each resolution, and at last of all
   BlockRateTable rates;
+
+  const std::uint8_t* Bytes() const { return static_cast<const std::uint8_t*>(room.bytes); }
 };
 
-/// Encodes the 3 numLevels + 1 bands of a tile-component, in subband order; numLevels is at
-/// most 32. Fills a zero-filled record; raises 8 with nothing left behind.
-void EncodeTileComponent(const EncodeBand* bands, std::int32_t numLevels, CoefficientKind kind,
-                         bool keepRates, CodedTileComponent& coded);
+constexpr std::uint64_t CountSizes(std::int32_t numLevels) {
+  return 5 * static_cast<std::uint64_t>(numLevels) + 4;
+}
 
 /// The most bytes of a band of so many blocks, none of which has more planes than given.
 std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes);
 
-/// Gives back what the bytes' block has too much, which is a fraction of them: for many components
-/// that wait to be written together. Raises 8 with everything kept.
-void TrimCodedBytes(CodedTileComponent& coded);
+/// Lays the size tables out in memory of CountSizes entries.
+void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponent& coded);
 
-/// Releases bytes and rates, which are not needed once they are written. The size tables stay.
-void ReleaseCodedBytes(CodedTileComponent& coded) noexcept;
+/// Encodes the 3 numLevels + 1 bands of a tile-component, in subband order, whose plane counts are
+/// there. What the record held before gives way. Raises 8 with nothing coded.
+void EncodeTileComponent(const EncodeBand* bands, bool keepRates, CodedTileComponent& coded);
 
-/// Releases everything; accepts half-built records and may run twice.
+/// Releases bytes and rates; accepts half-built records and may run twice.
 void ReleaseCodedTileComponent(CodedTileComponent& coded) noexcept;
 
 }  // namespace kel

@@ -92,7 +92,7 @@ class TileQuantisation {
     bool isFirst = true;
     for (std::int32_t c = 0; c < tile.numComps; ++c) {
       const CodedTileComp& coded = *tile.comps[c].coded;
-      if (!tile.comps[c].irreversible || coded.exponents == nullptr) continue;
+      if (!tile.comps[c].irreversible || !coded.hasSteps) continue;
       if (!SameSteps(inForce_, coded)) {
         KelQuantParams& quant = isFirst ? inForce_ : own_[set.numComponentQuants++];
         quant = {c,
@@ -133,7 +133,7 @@ void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
   const std::uint64_t bytes = PacketBytes(coded, r);
   if (bytes == 0) return;
   const CodedTileComponent& code = coded.code;
-  const std::uint8_t* from = code.bytes;
+  const std::uint8_t* from = code.Bytes();
   for (int lower = 0; lower < r; ++lower) from += code.resSize[lower];
   if (r == 0) {
     WriteCounted(stream, from, code.resSize[0]);

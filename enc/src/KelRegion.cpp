@@ -1,8 +1,7 @@
-// Fitting and applying the mask of the region of interest.
+// Fitting the mask of the region of interest.
 #include "KelRegion.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "format/KelTileBox.h"
 
@@ -75,26 +74,7 @@ RegionMarks::RegionMarks(const RegionSamples& region, int numLevels, bool irreve
 }
 
 const std::uint8_t* RegionMarks::Row(int subband, std::int64_t row) const {
-  const CellOffset place = MallatOffset(box_, numLevels_, subband);
-  const std::int64_t stride = box_.Width() + 2 * kMaskMargin;
-  return marks_.Data() + (kMaskMargin + place.row + row) * stride + kMaskMargin + place.column;
-}
-
-void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,
-                    const SubbandRecord* records) {
-  const RegionMarks marks(region, numLevels, true);
-  for (int b = 0; b < NumSubbands(numLevels); ++b) {
-    const SubbandRecord& band = records[b];
-    const double step = static_cast<double>(steps[b]);
-    for (std::int64_t y = 0; y < band.box.Height(); ++y) {
-      float* row = static_cast<float*>(band.data) + AsCount(y) * band.strideCells;
-      const std::uint8_t* mark = marks.Row(b, y);
-      for (std::int64_t x = 0; x < band.box.Width(); ++x) {
-        if (mark[x] != 0) continue;
-        row[x] = static_cast<float>(std::nearbyint(static_cast<double>(row[x]) / step) * step);
-      }
-    }
-  }
+  return RegionMaskRow(marks_.Data(), box_, numLevels_, subband, row);
 }
 
 }  // namespace kel

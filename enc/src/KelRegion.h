@@ -1,5 +1,5 @@
 // The region of interest: the mask that the host gives in one component, fitted to the others, and
-// the coarser quantisation of what lies outside.
+// carried down to their coefficients.
 //
 // Outside the region a coefficient is rounded to a multiple of the step that the quality asks for;
 // inside it keeps its full precision. The stream then announces steps of 1, so a decoder needs to
@@ -44,22 +44,21 @@ const RegionSamples& RegionFor(const KelTileGeometry& component, const RegionSam
 /// Which coefficients of a tile-component its region needs, in the Mallat layout of the transform.
 class RegionMarks {
  public:
+  /// No marks.
+  RegionMarks() = default;
   /// Raises 8.
   RegionMarks(const RegionSamples& region, int numLevels, bool irreversible);
 
   /// The marks of a subband's row, counted from its first one; not 0 inside the region.
   const std::uint8_t* Row(int subband, std::int64_t row) const;
+  /// All of them, as CarryRegionMask lays them out; null without marks.
+  const std::uint8_t* All() const { return marks_.Data(); }
 
  private:
-  Box box_;
-  int numLevels_;
+  Box box_{};
+  int numLevels_ = 0;
   OwnedArray<std::uint8_t> marks_;
 };
-
-/// Rounds every coefficient outside the region to a multiple of its subband's step: nearest,
-/// halves to even. The records are those of a 9/7 transform that divided by nothing. Raises 8.
-void CoarsenOutside(const RegionSamples& region, int numLevels, const float* steps,
-                    const SubbandRecord* records);
 
 }  // namespace kel
 

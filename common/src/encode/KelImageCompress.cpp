@@ -1,16 +1,15 @@
-// The tiles of an encoder: preparing a tile's planes, coding its components, writing what was
+// The tiles of an encoder: transforming a tile's rows, coding its components, writing what was
 // coded; one tile at a time, or all of them for their sizes alone.
 //
-// A tile's planes are the image's, one per component, locked while the tile is coded. Whatever
-// fails, the tile's records are empty again and the encoder can go on.
+// Every component has a coder whose memory serves all tiles. Whatever fails, no tile counts as
+// coded and the encoder can go on.
 #include "KelPacketWrite.h"
 #include "KelRegion.h"
 #include "KelStreamWrite.h"
-#include "KelTileCoder.h"
 #include "base/KelRaise.h"
 #include "encode/KelImageEncode.h"
 #include "encode/KelMainStream.h"
-#include "encode/KelTilePlanes.h"
+#include "encode/KelTileRows.h"
 #include "format/KelPartition.h"
 #include "format/KelTileBox.h"
 
@@ -22,64 +21,82 @@ constexpr std::uint8_t kEndMarker[2] = {0xAB, 0xD9};
 /// Drops what an earlier coding of a tile left.
 void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
   for (KelLong c = 0; tile.comps != nullptr && c < e.settings.GeomParams->Csiz; ++c) {
-    ReleaseCoded(tile.comps[c].coded);
+    tile.comps[c].codedBytes = 0;
   }
   e.extraChannelsSize = e.transparencySize = -1;
 }
 
-/// Fills the planes of a tile, and its region when there is one. Returns false when the host gave
-/// no samples. What was fetched is given back before the coding begins.
-bool PrepareTile(const EncoderState& e, const TileRecord& tile, const CodingPlane* planes,
-                 RegionSamples& region) {
+TileCompCoder& EnsureCoder(const EncoderState& e, KelLong component) {
+  TileCompCoder*& coder = e.coders[component];
+  if (coder == nullptr) coder = MakeTileCompCoder(e.settings.NumLevels);
+  return *coder;
+}
+
+/// Begins a component of a tile in its coder. The marks are made when a region shapes it, and must
+/// live as long as its rows go through the transform. Raises 8.
+ForwardJob BeginComponent(const ImageState& state, const TileCompRecord& record,
+                          const RegionSamples& region, RegionMarks& marks) {
+  const EncoderState& e = *state.encoder;
+  const KelEncOpt& o = e.settings;
+  const KelLong c = record.tileGeom.Component;
+  const RowKind kind = RowKindOf(o, c, o.NumLevels);
+  TileCompJob job = {};
+  job.box = BoxOf(record.tileGeom);
+  job.cells = kind.cells;
+  job.sampleBits = kind.sampleBits;
+  job.quant = QuantTargetOf(state, record.tileGeom);
+  job.bandWeights = e.bandWeights;
+  if (region.IsThere() && kind.cells == CellKind::kFloats) {
+    RegionSamples fitted;
+    marks = RegionMarks(RegionFor(record.tileGeom, region, fitted), o.NumLevels, true);
+    job.regionMarks = marks.All();
+  }
+  return BeginTileComp(job, EnsureCoder(e, c));
+}
+
+/// Transforms the rows of all components of a tile. Returns false when the host gave no samples.
+/// What was fetched is given back before the coding begins. Raises.
+bool TransformTile(const ImageState& state, const TileRecord& tile) {
+  EncoderState& e = *state.encoder;
   const KelEncOpt& o = e.settings;
   TileSource source(e.reader, tile.index);
+  RegionSamples region;
   if (o.RoiEnabled && !FetchRegion(source, tile.comps[o.RoiMaskComponent].tileGeom, region)) {
     return false;
   }
-  return PrepareTileComponents(source, o, o.GeomParams->Csiz, planes);
-}
-
-/// Codes one component of a tile into its record. Raises 8.
-void CodeComponent(ImageState& state, TileRecord& tile, KelLong c, const CodingPlane& plane,
-                   void* work, const RegionSamples& region) {
-  EncoderState& e = *state.encoder;
-  const KelEncOpt& o = e.settings;
-  TileCompRecord& record = tile.comps[c];
-  TileCompJob job = {};
-  job.box = BoxOf(record.tileGeom);
-  job.numLevels = o.NumLevels;
-  job.irreversible = IsCodedIrreversibly(o, c);
-  job.source = plane.cells;
-  job.work = work;
-  job.quant = QuantTargetOf(state, record.tileGeom);
-  job.bandWeights = e.bandWeights;
-  RegionSamples fitted;
-  if (region.IsThere() && job.irreversible) {
-    job.region = &RegionFor(record.tileGeom, region, fitted);
+  for (KelLong first = 0; first < state.map.numComps;) {
+    const KelLong count = NumTogether(o, first);
+    ForwardJob jobs[kMostTogether] = {};
+    RegionMarks marks[kMostTogether];
+    for (KelLong i = 0; i < count; ++i) {
+      if (IsRegionMask(o, first + i)) continue;
+      jobs[i] = BeginComponent(state, tile.comps[first + i], region, marks[i]);
+    }
+    if (!TransformTogether(source, first, count, jobs, e.rowsMemory)) return false;
+    first += count;
   }
-  record.coded = CodeTileComp(job);
+  return true;
 }
 
-/// Codes a tile, which ends its previews, calling afterComponent with each record that was filled.
-/// A tile for which the host gives no samples ends up without coded records. Raises.
+/// Codes a tile, which ends its previews, calling afterComponent for each component. Returns
+/// whether the host gave samples for it. Raises.
 template <class AfterComponent>
-void CodeTile(ImageState& state, TileRecord& tile, void* work, AfterComponent afterComponent) {
+bool CodeTile(ImageState& state, TileRecord& tile, AfterComponent afterComponent) {
   EncoderState& e = *state.encoder;
   EnsureTileComps(state.map, tile);
   ForgetTile(e, tile);
   for (KelLong c = 0; c < state.map.numComps; ++c) ReleaseOutput(tile.comps[c]);
-  EnsureSourceBufs(e);
   ScopeGuard undo([&] { ForgetTile(e, tile); });
-  const LockedPlanes planes(e, tile);
-  RegionSamples region;
-  if (!PrepareTile(e, tile, planes.All(), region)) return;
+  if (!TransformTile(state, tile)) return false;
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (IsRegionMask(e.settings, c)) continue;
-    CodeComponent(state, tile, c, planes.All()[c], work, region);
-    afterComponent(tile.comps[c]);
+    FinishTileComp(*e.coders[c]);
+    tile.comps[c].codedBytes = e.coders[c]->coded.layerBytes;
+    afterComponent();
   }
   if (tile.index == state.map.numTiles - 1) e.isCompressed = true;
   undo.Disarm();
+  return true;
 }
 
 /// Whether every resolution of a component is a single precinct, which is how packets are written.
@@ -107,33 +124,18 @@ bool TileCanBeWritten(const KelEncOpt& o, KelLong tile) {
   return true;
 }
 
-/// Writes a coded tile and releases its bytes; returns what it took. Nothing is written for a tile
-/// without coded records. Raises 8, 29.
-std::uint64_t WriteCodedTile(ImageState& state, TileRecord& tile) {
-  EncoderState& e = *state.encoder;
+/// Writes the tile that stands in the coders; returns what it took. Raises 8, 29.
+std::uint64_t WriteCodedTile(const ImageState& state, const TileRecord& tile) {
+  const EncoderState& e = *state.encoder;
   const KelEncOpt& o = e.settings;
-  auto comps = OwnedArray<TileCompToWrite>::Make(AsCount(state.map.numComps));
-  std::int32_t numComps = 0;
+  KelLong numComps = 0;
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (!IsInMainStream(o, c)) continue;
-    if (tile.comps[c].coded == nullptr) return 0;
-    comps[AsIndex(numComps++)] = {tile.comps[c].coded, IsCodedIrreversibly(o, c)};
+    e.toWrite[numComps++] = {&e.coders[c]->coded, IsCodedIrreversibly(o, c)};
   }
-  const std::uint64_t bytes =
-      WriteTile({tile.index, comps.Data(), numComps, o.NumLevels, o.NumLayers, AnnouncedDepth(o),
-                 o.ProgressionOrder == KelCPRL},
-                *state.codeStm);
-  for (KelLong c = 0; c < state.map.numComps; ++c) {
-    if (tile.comps[c].coded != nullptr) ReleaseCode(*tile.comps[c].coded);
-  }
-  return bytes;
-}
-
-void ReleaseSourceBufs(const EncoderState& e) noexcept {
-  for (KelLong c = 0; c < e.settings.GeomParams->Csiz; ++c) {
-    if (e.sourceBufs[c] != nullptr) KelFreeBuf(e.sourceBufs[c]);
-    e.sourceBufs[c] = nullptr;
-  }
+  return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, o.NumLayers, AnnouncedDepth(o),
+                    o.ProgressionOrder == KelCPRL},
+                   *state.codeStm);
 }
 
 bool IsAbortRequested(const ProgressState& progress) {
@@ -152,13 +154,10 @@ KelLong CompressAndWriteTile(ImageState& state, KelLong t, KelULong* bytes) {
   TileRecord& tile = state.map.tiles[t];
   const bool isLast = t == state.map.numTiles - 1;
   ScopeGuard undo([&] { ForgetTile(e, tile); });
-  {
-    const WorkPlane work(*e.settings.GeomParams);
-    CodeTile(state, tile, work.lock.As<void>(), [&](const TileCompRecord&) {
-      if (IsAbortRequested(state.progress)) Raise(KelErrAborted, kModuleImage);
-    });
-  }
-  const std::uint64_t written = WriteCodedTile(state, tile);
+  const bool hasSamples = CodeTile(state, tile, [&] {
+    if (IsAbortRequested(state.progress)) Raise(KelErrAborted, kModuleImage);
+  });
+  const std::uint64_t written = hasSamples ? WriteCodedTile(state, tile) : 0;
   if (isLast) {
     WriteOut(*state.codeStm, kEndMarker, sizeof kEndMarker);
     FlushOut(*state.codeStm);
@@ -175,14 +174,11 @@ KelLong CompressImage(ImageState& state) {
   const std::int64_t coded = state.map.numComps - (e.settings.RoiEnabled ? 1 : 0);
   BeginProgress(state.progress, SaturateToInt32(coded * state.map.numTiles));
   ScopeGuard undo([&] {
-    ReleaseSourceBufs(e);
+    ReleaseCoders(state);
     if (e.settings.ProgressPerCall) EndProgress(state.progress);
   });
-  const WorkPlane work(*e.settings.GeomParams);
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
-    CodeTile(state, state.map.tiles[t], work.lock.As<void>(), [&](TileCompRecord& record) {
-      // Only sizes are asked for: nothing can write these bytes later.
-      ReleaseCode(*record.coded);
+    CodeTile(state, state.map.tiles[t], [&] {
       if (IsAbortRequested(state.progress)) {
         EndProgress(state.progress);
         Raise(KelErrAborted, kModuleImage);

@@ -153,16 +153,6 @@ void PrepareRateControl(EncoderState& e) {
   e.byteTarget = e.extraChannelsSize = e.transparencySize = -1;
 }
 
-/// Releases what has been coded and not been written.
-void ReleaseCodedTiles(const ImageMap& map) noexcept {
-  for (std::int32_t t = 0; map.tiles != nullptr && t < map.numTiles; ++t) {
-    TileCompRecord* const comps = map.tiles[t].comps;
-    for (std::int32_t c = 0; comps != nullptr && c < map.numComps; ++c) {
-      ReleaseCoded(comps[c].coded);
-    }
-  }
-}
-
 /// Releases what an encoder that is given up has not handed to the host: the buffer comes from the
 /// library, and nobody else would.
 void DropHeldOutput(KelCodeStm& stream) noexcept {
@@ -219,24 +209,20 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
   state.maxRes = e.settings.NumLevels;
   PrepareMap(state.map, e, *options);
   PrepareRateControl(e);
-  e.sourceBufs = OwnedArray<KelBufID_I*>::Make(AsCount(state.map.numComps)).Release();
-  EnsureSourceBufs(e);
+  e.coders = OwnedArray<TileCompCoder*>::Make(AsCount(state.map.numComps)).Release();
+  e.toWrite = OwnedArray<TileCompToWrite>::Make(AsCount(state.map.numComps)).Release();
   if (!e.settings.ProgressPerCall) BeginProgress(state.progress, state.map.numTiles);
   WriteHeaders(state, nullptr);
   undo.Disarm();
   return KelOK;
 }
 
-void EnsureSourceBufs(const EncoderState& e) {
-  const KelEncOpt& o = e.settings;
-  const KelImageGeometry& g = *o.GeomParams;
-  const KelLong width = std::min(g.XTsiz, g.Xsiz);
-  const KelLong height = std::min(g.YTsiz, g.Ysiz);
-  for (KelLong c = 0; c < g.Csiz; ++c) {
-    if (IsRegionMask(o, c) || e.sourceBufs[c] != nullptr) continue;
-    e.sourceBufs[c] =
-        KelAllocBuf(PlaneBytes(CeilDiv(width, g.XRsiz[c]), CeilDiv(height, g.YRsiz[c]), 4));
+void ReleaseCoders(const ImageState& state) noexcept {
+  EncoderState& e = *state.encoder;
+  for (KelLong c = 0; e.coders != nullptr && c < state.map.numComps; ++c) {
+    ReleaseTileCompCoder(e.coders[c]);
   }
+  ReleaseKept(e.rowsMemory);
 }
 
 KelLong WriteKelHeaders(ImageState& state, KelULong* bytes) {
@@ -259,13 +245,11 @@ void ReleaseEncoder(ImageState& state) noexcept {
   EndProgress(state.progress);
   if (state.codeStm != nullptr) DropHeldOutput(*state.codeStm);
   const char* debugFileName = e->settings.DebugFileName;
-  for (KelLong c = 0; e->sourceBufs != nullptr && c < state.map.numComps; ++c) {
-    if (e->sourceBufs[c] != nullptr) KelFreeBuf(e->sourceBufs[c]);
-  }
-  ReleaseCodedTiles(state.map);
+  ReleaseCoders(state);
   ReleaseImageMap(state.map);
   state.map = {};
-  KelFree(e->sourceBufs);
+  KelFree(e->coders);
+  KelFree(e->toWrite);
   KelFree(e->bandWeights);
   KelFree(e->qualitySteps);
   e->settings.Die();

@@ -2,6 +2,7 @@
 #ifndef KEL_IMAGE_ENCODE_H
 #define KEL_IMAGE_ENCODE_H
 
+#include "KelPacketWrite.h"
 #include "encode/KelSourceReader.h"
 #include "image/KelImageState.h"
 
@@ -14,9 +15,12 @@ struct EncoderState {
   /// read from the host's.
   KelEncOpt settings;
   SourceReader reader;
-  KelBufID_I** sourceBufs;  ///< one coding plane per component; null ones are obtained when needed
-  float* bandWeights;       ///< owned; one per subband
-  bool isCompressed;        ///< every tile has been coded
+  // What the tiles are coded in, one after the other.
+  TileCompCoder** coders;     ///< owned; one per component, null until it is needed
+  TileCompToWrite* toWrite;   ///< owned; room for one per component
+  KeptBlock rowsMemory;       ///< of the transforms at work
+  float* bandWeights;         ///< owned; one per subband
+  bool isCompressed;          ///< every tile has been coded
   std::uint32_t headerBytes;  ///< of boxes and main header
   // Rate control.
   KelLong quality;        ///< the image's quality percentage
@@ -45,8 +49,8 @@ KelLong CompressAndWriteTile(ImageState& state, KelLong tile, KelULong* bytes);
 /// Codes every tile for the size queries; nothing is written. Raises; returns 0.
 KelLong CompressImage(ImageState& state);
 
-/// Obtains the coding planes that are missing. Raises 8.
-void EnsureSourceBufs(const EncoderState& encoder);
+/// Releases what tiles are coded in; further tiles obtain it anew.
+void ReleaseCoders(const ImageState& state) noexcept;
 
 // Sizes and steps. Neutral values for a decoder.
 KelLong StepsOfCompressing(const ImageState& state);

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "KelRate.h"
-#include "KelTileCoder.h"
 #include "encode/KelImageEncode.h"
 #include "encode/KelMainStream.h"
 
@@ -52,9 +51,9 @@ std::int64_t SizeOfComponent(const ImageState& state, KelLong component) {
   std::int64_t bytes = o.ProgressionOrder == KelCPRL ? kHeaderPerTile * state.map.numTiles : 0;
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     const TileRecord& tile = state.map.tiles[t];
-    const CodedTileComp* coded = tile.comps != nullptr ? tile.comps[component].coded : nullptr;
-    if (coded == nullptr) continue;
-    const std::uint64_t layers = SaturatingMul(coded->layerBytes, AsCount(o.NumLayers));
+    if (tile.comps == nullptr) continue;
+    const std::uint64_t layers =
+        SaturatingMul(tile.comps[component].codedBytes, AsCount(o.NumLayers));
     bytes += static_cast<std::int64_t>(std::min<std::uint64_t>(layers, INT32_MAX));
   }
   return bytes;

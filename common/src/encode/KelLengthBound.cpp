@@ -10,7 +10,7 @@
 #include "KelPacketWrite.h"
 #include "encode/KelImageEncode.h"
 #include "encode/KelMainStream.h"
-#include "encode/KelTilePlanes.h"
+#include "encode/KelTileRows.h"
 #include "format/KelBlockGrid.h"
 #include "transform/KelWavelet.h"
 

@@ -2,7 +2,7 @@
 // inverse transform, colours, recast.
 //
 // Everything is computed for the part of each component that is shown; only preparing and the
-// forward transform take the whole tile.
+// forward transform take the whole tile, whose rows come and go.
 #include "encode/KelPreview.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include "base/KelRaise.h"
 #include "encode/KelMainStream.h"
 #include "encode/KelPreviewPlane.h"
-#include "encode/KelTilePlanes.h"
+#include "encode/KelTileRows.h"
 #include "format/KelHeadersWrite.h"
 #include "samples/KelImageDataAccess.h"
 #include "samples/KelRecast.h"
@@ -20,10 +20,6 @@ namespace {
 
 /// The rate mode of a preview that shows what coding does; any other one simulates it.
 constexpr KelLong kDirectMode = 5;
-
-Box BoxOf(const KelTileGeometry& t) {
-  return {t.X0, t.X1, t.Y0, t.Y1};
-}
 
 /// The top of the range that previews are recast to.
 KelLong PreviewMax(KelLong bitDepth) {
@@ -60,17 +56,8 @@ class TilePreview {
     EnsureTileComps(state_.map, tile_);
     PlanComponents();
     ReleaseImages();
-    EnsureSourceBufs(encoder_);
     ScopeGuard undo([this] { ReleaseImages(); });
-    const LockedPlanes locked(encoder_, tile_);
-    const WorkPlane work(*options_.GeomParams);
-    planes_ = locked.All();
-    work_ = work.lock.As<void>();
-    if (!Prepare()) return;
-    if (ShowsColorsTogether()) ShowColors();
-    for (KelLong c = 0; c < NumComps(); ++c) {
-      if (IsShown(c) && tile_.comps[c].outputImage == nullptr) ShowAlone(c);
-    }
+    if (!ShowComponents()) return;
     if (InvertsColors() && !ShowsColorsTogether()) InvertColors();
     for (KelLong c = 0; c < NumComps(); ++c) {
       if (IsShown(c)) Convert(c);
@@ -117,90 +104,89 @@ class TilePreview {
     if (anyInTile && !anyShown) Raise(KelErrBadParam, kModulePreview);
   }
 
-  // ---- Samples ----
+  // ---- From samples to coefficients ----
 
   /// Whether a region changes what is shown.
   bool UsesRegion() const {
     return options_.RoiEnabled && (!isDirect_ || options_.Irreversible != 0);
   }
 
-  /// Fills the coding planes. Returns false when the host gave no samples.
-  bool Prepare() {
+  /// Makes the images of all components that are shown, colours first. Returns false when the host
+  /// gave no samples.
+  bool ShowComponents() {
     TileSource source(encoder_.reader, tile_.index);
     if (UsesRegion() && !FetchRegion(source, GeometryOf(options_.RoiMaskComponent), region_)) {
       return false;
     }
-    if (!PrepareTileComponents(source, options_, NumColors(), planes_)) return false;
+    for (KelLong first = 0; first < NumColors();) {
+      const KelLong count = NumTogether(options_, first);
+      if (!ShowTogether(source, first, count)) return false;
+      first += count;
+    }
     for (KelLong c = 0; c < NumComps(); ++c) {
       if (RouteOf(c) != PreviewRoute::kExtra || !IsShown(c)) continue;
-      FetchedSamples samples;
-      if (!source.Fetch(c, samples)) return false;
-      const Box full = BoxOf(GeometryOf(c));
-      PreparePlane(samples.source, planes_[c], {full.Width(), full.Height()}, false);
+      if (!ShowExtra(source, c)) return false;
     }
     return true;
   }
 
-  // ---- Coefficients ----
-
-  template <class Cell>
-  ForwardPlanes<Cell> PlanesOf(KelLong c, int numLevels) const {
-    return {static_cast<Cell*>(planes_[c].cells), static_cast<Cell*>(work_), planes_[c].strideCells,
-            BoxOf(GeometryOf(c)), numLevels};
-  }
-
-  static ScratchArray<std::int32_t> ForwardScratch(const Box& box) {
-    return ScratchArray<std::int32_t>::Make(ForwardDwtScratchCells(box));
-  }
-
   /// What a decoder of a component would have in hand for the shown part.
   struct Coefficients {
-    Box window;
+    GatheredWindow gathered;
     ScratchArray<std::int32_t> cells;
     float steps[kQuantEntries];  ///< all 1 for the reversible filter
+    float coarseSteps[kQuantEntries];
+    RegionMarks marks;
   };
 
-  void MakeCoefficients(KelLong c, Coefficients& made) {
-    SubbandRecord records[kMaxSubbands];
-    std::fill_n(made.steps, kQuantEntries, 1.0F);
-    if (IsCodedIrreversibly(options_, c)) {
-      Quantise(c, records, made.steps);
-    } else {
-      ForwardDwt53(PlanesOf<std::int32_t>(c, options_.NumLevels),
-                   ForwardScratch(BoxOf(GeometryOf(c))).Data(), records);
+  /// Components that are transformed together, and then shown.
+  bool ShowTogether(TileSource& source, KelLong first, KelLong count) {
+    Coefficients made[kMostTogether];
+    ForwardJob jobs[kMostTogether] = {};
+    for (KelLong i = 0; i < count; ++i) {
+      if (RouteOf(first + i) != PreviewRoute::kColor || !IsShown(first + i)) continue;
+      jobs[i] = BeginCoefficients(first + i, made[i]);
     }
-    made.window = WindowOf(ViewFor(c), resolution_);
-    made.cells = ScratchArray<std::int32_t>::Make(
-        SaturatingMul(AsCount(made.window.Width()), AsCount(made.window.Height())));
-    Gather(c, records, made);
+    if (!TransformTogether(source, first, count, jobs, encoder_.rowsMemory)) return false;
+    if (count == kMostTogether && ShowsColorsTogether()) {
+      ShowColors(made);
+      return true;
+    }
+    for (KelLong i = 0; i < count; ++i) {
+      if (!jobs[i].box.IsEmpty()) ShowAlone(first + i, made[i]);
+    }
+    return true;
   }
 
-  /// Transforms floats and divides them by their steps, which come in as ones. With a region, and
-  /// in simulated coding, nothing is divided.
-  void Quantise(KelLong c, SubbandRecord* records, float* steps) {
-    const Box box = BoxOf(GeometryOf(c));
+  /// How a component's rows are transformed into coefficients. Floats are divided by their steps;
+  /// with a region, and in simulated coding, by nothing.
+  ForwardJob BeginCoefficients(KelLong c, Coefficients& made) {
     const int numLevels = options_.NumLevels;
-    ChosenSteps chosen;
-    ChooseSteps(QuantTargetOf(state_, GeometryOf(c)), box, numLevels, encoder_.bandWeights, chosen);
-    if (isDirect_ && !region_.IsThere()) std::copy_n(chosen.steps, NumSubbands(numLevels), steps);
-    ForwardDwt97(PlanesOf<float>(c, numLevels), {steps, AnnouncedDepth(options_), false},
-                 ForwardScratch(box).Data(), records);
-    if (!isDirect_ || !region_.IsThere()) return;
-    RegionSamples fitted;
-    CoarsenOutside(RegionFor(GeometryOf(c), region_, fitted), numLevels, chosen.steps, records);
-  }
-
-  void Gather(KelLong c, const SubbandRecord* records, const Coefficients& to) {
-    const bool areFloats = IsCodedIrreversibly(options_, c);
-    if (isDirect_ || !region_.IsThere()) {
-      GatherCoefficients(records, areFloats, to.window, resolution_, {}, to.cells.Data());
-      return;
+    const Box box = BoxOf(GeometryOf(c));
+    const CellKind cells = RowKindOf(options_, c, numLevels).cells;
+    std::fill_n(made.steps, kQuantEntries, 1.0F);
+    GatheredWindow& to = made.gathered;
+    to = {box, numLevels, cells, {}, WindowOf(ViewFor(c), resolution_), resolution_, {}, nullptr};
+    made.cells = ScratchArray<std::int32_t>::Make(
+        SaturatingMul(AsCount(to.window.Width()), AsCount(to.window.Height())));
+    to.cells = made.cells.Data();
+    const bool areFloats = cells == CellKind::kFloats;
+    if (region_.IsThere() && (areFloats || !isDirect_)) {
+      RegionSamples fitted;
+      made.marks = RegionMarks(RegionFor(GeometryOf(c), region_, fitted), numLevels, areFloats);
     }
-    RegionSamples fitted;
-    const RegionMarks marks(RegionFor(GeometryOf(c), region_, fitted), options_.NumLevels,
-                            areFloats);
-    GatherCoefficients(records, areFloats, to.window, resolution_,
-                       RegionScaleFor(marks, MaxBitPlanesOfUnitSteps()), to.cells.Data());
+    if (isDirect_ && areFloats) {
+      ChosenSteps chosen;
+      ChooseSteps(QuantTargetOf(state_, GeometryOf(c)), box, numLevels, encoder_.bandWeights,
+                  chosen);
+      float* const steps = region_.IsThere() ? made.coarseSteps : made.steps;
+      std::copy_n(chosen.steps, NumSubbands(numLevels), steps);
+      to.outside = {made.marks.All(), made.coarseSteps};
+    }
+    if (!isDirect_ && region_.IsThere()) {
+      to.scale = RegionScaleFor(made.marks, MaxBitPlanesOfUnitSteps());
+    }
+    return {box, numLevels, cells, areFloats ? made.steps : nullptr, {&to, GatherBandRow}};
   }
 
   int MaxBitPlanesOfUnitSteps() const {
@@ -213,8 +199,8 @@ class TilePreview {
   // ---- Samples shown ----
 
   ComponentBands BandsFor(const Coefficients& of, bool areIndices) const {
-    const CoefficientPlane plane = {of.cells.Data(), AsIndex(of.window.Width()), of.window,
-                                    resolution_};
+    const Box& window = of.gathered.window;
+    const CoefficientPlane plane = {of.cells.Data(), AsIndex(window.Width()), window, resolution_};
     return areIndices ? BandsOfIndices(plane, StepsOfIndices(of.steps)) : BandsOfInts(plane);
   }
 
@@ -234,10 +220,8 @@ class TilePreview {
            GeometryOf(2).BitDepth == 8;
   }
 
-  void ShowColors() {
-    Coefficients made[3];
-    for (KelLong c = 0; c < 3; ++c) MakeCoefficients(c, made[c]);
-    const Box& window = made[0].window;
+  void ShowColors(const Coefficients (&made)[3]) {
+    const Box& window = made[0].gathered.window;
     WindowPlane bytes[3] = {{window, 1}, {window, 1}, {window, 1}};
     const auto scratch = InverseScratch(window, 3);
     const bool areIndices = options_.Irreversible != 0;
@@ -256,22 +240,18 @@ class TilePreview {
     }
   }
 
-  void ShowAlone(KelLong c) {
-    if (RouteOf(c) == PreviewRoute::kExtra) {
-      ShowExtra(c);
-    } else if (GeometryOf(c).BitDepth == 8 && !(c < 3 && InvertsColors())) {
-      ShowBytes(c);
+  void ShowAlone(KelLong c, const Coefficients& made) {
+    if (GeometryOf(c).BitDepth == 8 && !(c < 3 && InvertsColors())) {
+      ShowBytes(c, made);
     } else {
-      ShowCells(c);
+      ShowCells(c, made);
     }
   }
 
   /// 8-bit samples that only have to be shifted and limited.
-  void ShowBytes(KelLong c) {
-    Coefficients made;
-    MakeCoefficients(c, made);
-    WindowPlane bytes(made.window, 1);
-    const auto scratch = InverseScratch(made.window, 1);
+  void ShowBytes(KelLong c, const Coefficients& made) {
+    WindowPlane bytes(made.gathered.window, 1);
+    const auto scratch = InverseScratch(made.gathered.window, 1);
     if (IsCodedIrreversibly(options_, c)) {
       InverseDwt97GeneralTo8Bit(BandsFor(made, true), scratch.Data(), bytes.RowsOf<std::uint8_t>());
     } else {
@@ -281,11 +261,9 @@ class TilePreview {
   }
 
   /// Samples of 32 bits, which are still to be converted.
-  void ShowCells(KelLong c) {
-    Coefficients made;
-    MakeCoefficients(c, made);
-    WindowPlane samples(made.window, 4);
-    const auto scratch = InverseScratch(made.window, 1);
+  void ShowCells(KelLong c, const Coefficients& made) {
+    WindowPlane samples(made.gathered.window, 4);
+    const auto scratch = InverseScratch(made.gathered.window, 1);
     const bool areFloats = IsCodedIrreversibly(options_, c);
     if (areFloats) {
       InverseDwt97(BandsFor(made, true), scratch.Data(), samples.RowsOf<float>());
@@ -295,16 +273,29 @@ class TilePreview {
     Install(c, samples.TakePart(ViewFor(c).shown), 4, areFloats ? kFloatSamples : kIntegerSamples);
   }
 
-  /// A channel that is coded without loss: the low band of the 5/3 filter, or the samples.
-  void ShowExtra(KelLong c) {
-    SubbandRecord records[kMaxSubbands];
+  /// A channel that is coded without loss: the low band of the 5/3 filter, or the samples. Returns
+  /// false when the host gave none.
+  bool ShowExtra(TileSource& source, KelLong c) {
+    struct Shown {
+      const PreviewView& view;
+      CellKind cells;
+      std::int32_t* samples;
+    };
+    const auto take = [](void* context, int subband, std::int64_t row, void* cells) {
+      const auto& [view, kind, samples] = *static_cast<Shown*>(context);
+      const std::int64_t y = view.resolution.y0 + row - view.shown.y0;
+      if (subband != 0 || y < 0 || y >= view.shown.Height()) return;
+      StoreIntegers(kind, cells, view.shown.x0 - view.resolution.x0,
+                    samples + y * view.shown.Width(), AsIndex(view.shown.Width()));
+    };
     const int reduction = options_.NumLevels - resolution_;
-    ForwardDwt53(PlanesOf<std::int32_t>(c, reduction), ForwardScratch(BoxOf(GeometryOf(c))).Data(),
-                 records);
-    Install(c,
-            CopyPart({records[0].data, records[0].strideCells, 4, ViewFor(c).resolution},
-                     ViewFor(c).shown),
-            4, kIntegerSamples);
+    const CellKind cells = RowKindAlone(GeometryOf(c).BitDepth, reduction).cells;
+    WindowPlane plane(ViewFor(c).shown, 4);
+    Shown shown = {ViewFor(c), cells, plane.RowsOf<std::int32_t>().data};
+    const ForwardJob job = {BoxOf(GeometryOf(c)), reduction, cells, nullptr, {&shown, take}};
+    if (!TransformTogether(source, c, 1, &job, encoder_.rowsMemory)) return false;
+    Install(c, plane.TakePart(ViewFor(c).shown), 4, kIntegerSamples);
+    return true;
   }
 
   // ---- Images ----
@@ -349,7 +340,7 @@ class TilePreview {
   }
 
   ImageState& state_;
-  const EncoderState& encoder_;
+  EncoderState& encoder_;
   const KelEncOpt& options_;
   TileRecord& tile_;
   const PreviewRequest& request_;
@@ -357,8 +348,6 @@ class TilePreview {
   bool isDirect_;  ///< no simulated coding
   OwnedArray<ComponentPlan> plans_;
   RegionSamples region_;
-  const CodingPlane* planes_ = nullptr;
-  void* work_ = nullptr;
 };
 
 KelLong Preview(ImageState& state, KelLong tile, const PreviewRequest& request) {

@@ -36,16 +36,6 @@ void ScaleRow(const std::uint8_t* marks, const RegionScale& scale, std::int32_t*
   }
 }
 
-void CopyRow(const SubbandRecord& band, bool areFloats, std::size_t at, std::int32_t* out,
-             std::size_t count) {
-  if (areFloats) {
-    Kernels().samples.floatsToLevels(static_cast<const float*>(band.data) + at, out, count,
-                                     -INT32_MAX, INT32_MAX, 0);
-  } else {
-    std::copy_n(static_cast<const std::int32_t*>(band.data) + at, count, out);
-  }
-}
-
 /// Stores unsigned samples as a host has them.
 void StoreRow(const std::int32_t* row, std::size_t count, int bitDepth, std::uint8_t* out) {
   if (bitDepth == 8) {
@@ -88,23 +78,34 @@ RegionScale RegionScaleFor(const RegionMarks& marks, int maxBitPlanes) {
   return {&marks, kRegionShift, down};
 }
 
-void GatherCoefficients(const SubbandRecord* records, bool areFloats, const Box& window,
-                        int numLevels, const RegionScale& scale, std::int32_t* cells) {
-  const std::int64_t stride = window.Width();
-  for (int b = 0; b < NumSubbands(numLevels); ++b) {
-    const SubbandRecord& band = records[b];
-    const Box part = SubbandBox(window, numLevels, b);
-    if (part.IsEmpty()) continue;
-    const CellOffset place = MallatOffset(window, numLevels, b);
-    const std::size_t count = AsIndex(part.Width());
-    for (std::int64_t y = part.y0; y < part.y1; ++y) {
-      std::int32_t* const row = cells + (place.row + y - part.y0) * stride + place.column;
-      const std::int64_t bandRow = y - band.box.y0, column = part.x0 - band.box.x0;
-      CopyRow(band, areFloats, AsIndex(bandRow) * band.strideCells + AsIndex(column), row, count);
-      if (scale.marks != nullptr) {
-        ScaleRow(scale.marks->Row(b, bandRow) + column, scale, row, count);
-      }
-    }
+void GatherBandRow(void* context, int b, std::int64_t bandRow, void* cells) {
+  const GatheredWindow& to = *static_cast<GatheredWindow*>(context);
+  if (b >= NumSubbands(to.resolution)) return;
+  const Box band = SubbandBox(to.box, to.numLevels, b);
+  const Box part = SubbandBox(to.window, to.resolution, b);
+  const std::int64_t y = band.y0 + bandRow, column = part.x0 - band.x0;
+  if (part.IsEmpty() || y < part.y0 || y >= part.y1) return;
+  const CellOffset place = MallatOffset(to.window, to.resolution, b);
+  std::int32_t* const row = to.cells + (place.row + y - part.y0) * to.window.Width() + place.column;
+  const std::size_t count = AsIndex(part.Width());
+  if (to.rowCells == CellKind::kFloats && to.outside.marks != nullptr) {
+    CoarsenRow(to.outside, {to.box, to.numLevels, b, bandRow}, static_cast<float*>(cells),
+               AsIndex(band.Width()));
+  }
+  StoreIntegers(to.rowCells, cells, column, row, count);
+  if (to.scale.marks != nullptr)
+    ScaleRow(to.scale.marks->Row(b, bandRow) + column, to.scale, row, count);
+}
+
+void StoreIntegers(CellKind kind, const void* cells, std::int64_t first, std::int32_t* out,
+                   std::size_t count) {
+  if (kind == CellKind::kFloats) {
+    Kernels().samples.floatsToLevels(static_cast<const float*>(cells) + first, out, count,
+                                     -INT32_MAX, INT32_MAX, 0);
+  } else if (kind == CellKind::kInts) {
+    std::copy_n(static_cast<const std::int32_t*>(cells) + first, count, out);
+  } else {
+    std::copy_n(static_cast<const std::int16_t*>(cells) + first, count, out);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "KelRegion.h"
+#include "KelWaitingBands.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelWavelet.h"
 
@@ -35,11 +36,26 @@ struct RegionScale {
 /// The scale for a component whose magnitudes have so many bit-planes.
 RegionScale RegionScaleFor(const RegionMarks& marks, int maxBitPlanes);
 
-/// Copies the coefficients of a window at resolution numLevels, out of the records of a transform
-/// with that many levels or more, into the Mallat layout of the window, without gaps. Floats are
-/// rounded to nearest, halves to even: that is their quantisation.
-void GatherCoefficients(const SubbandRecord* records, bool areFloats, const Box& window,
-                        int numLevels, const RegionScale& scale, std::int32_t* cells);
+/// The coefficients of a window at resolution `resolution`, gathered from a tile-component's
+/// transform with so many levels or more, in the Mallat layout of the window, without gaps. Floats
+/// are rounded to nearest, halves to even: that is their quantisation.
+struct GatheredWindow {
+  Box box;  ///< of the tile-component
+  int numLevels;
+  CellKind rowCells;  ///< of the rows that come
+  CoarseOutside outside;
+  Box window;
+  int resolution;
+  RegionScale scale;
+  std::int32_t* cells;
+};
+
+/// Takes a row from the forward transform; `gathered` is a GatheredWindow.
+void GatherBandRow(void* gathered, int subband, std::int64_t row, void* cells);
+
+/// Cells of a row, from one on, as integers: floats are rounded as above.
+void StoreIntegers(CellKind kind, const void* cells, std::int64_t first, std::int32_t* out,
+                   std::size_t count);
 
 /// Samples or coefficients of a box, row by row.
 struct BoxPlane {

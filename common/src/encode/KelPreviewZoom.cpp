@@ -12,6 +12,7 @@
 #include "kernels/KelKernels.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelWavelet.h"
+#include "transform/KelWaveletForward.h"
 
 namespace kel {
 namespace {
@@ -52,17 +53,13 @@ void SizeResult(ZoomJob& job, double factor) {
   }
 }
 
-/// Fills rows with the samples of the part as floats.
-void ReadPart(const ZoomJob& job, SampleSource source, float* cells, std::size_t strideCells) {
-  source.samples += AsCount(job.part.y0) * source.rowBytes;
+/// Reads row y of the part as floats.
+void ReadRow(const ZoomJob& job, SampleSource source, std::uint64_t y, float* row) {
   source.first += static_cast<std::uint32_t>(job.part.x0) * source.step;
-  const PlaneSize size = {job.part.Width(), job.part.Height()};
-  PreparePlane(source, {cells, strideCells}, size, true);
+  const PlaneSize size = {job.part.Width(), 1};
+  PreparePlane(FromRow(source, AsCount(job.part.y0) + y), {row, 0}, size, CellKind::kFloats);
   const float offset = std::ldexp(1.0F, source.bitDepth - 1);
-  for (std::uint64_t y = 0; y < AsCount(size.height); ++y) {
-    float* const row = cells + y * strideCells;
-    for (std::uint64_t x = 0; x < AsCount(size.width); ++x) row[x] += offset;
-  }
+  for (std::uint64_t x = 0; x < AsCount(size.width); ++x) row[x] += offset;
 }
 
 /// Whether a preview shows the whole tile-component, so that its samples can be had from there.
@@ -74,60 +71,80 @@ bool IsWholePreview(const TileCompRecord& record) {
          image->SizeOfDataType * 8 == t.BitDepth;
 }
 
-/// Reads the part from the component's preview or from the host. False: the host has no samples.
-bool ReadSamples(const ImageState& state, const ZoomJob& job, float* cells,
-                 std::size_t strideCells) {
-  const KelTileGeometry& t = job.record.tileGeom;
-  if (IsWholePreview(job.record)) {
-    const BufferLock lock(job.record.outputImage->ImageBuffer);
-    if (!lock) Raise(KelErrNoMemory, kModulePreview);
-    ReadPart(job,
-             MakeSampleSource(lock.As<void>(), job.record.outputImage->Width, t.BitDepth, 1, 0),
-             cells, strideCells);
-    return true;
+/// The samples of the component, from its preview or from the host, as long as this lives.
+class ZoomSource {
+ public:
+  ZoomSource(const ImageState& state, const ZoomJob& job) : host_(state.encoder->reader, job.tile) {
+    const KelTileGeometry& t = job.record.tileGeom;
+    if (!IsWholePreview(job.record)) {
+      isThere_ = host_.Fetch(t.Component, samples_);
+      return;
+    }
+    samples_.lock = BufferLock(job.record.outputImage->ImageBuffer);
+    if (!samples_.lock) Raise(KelErrNoMemory, kModulePreview);
+    samples_.source =
+        MakeSampleSource(samples_.lock.As<void>(), job.record.outputImage->Width, t.BitDepth, 1, 0);
+    isThere_ = true;
   }
-  TileSource source(state.encoder->reader, job.tile);
-  FetchedSamples samples;
-  if (!source.Fetch(t.Component, samples)) return false;
-  ReadPart(job, samples.source, cells, strideCells);
-  return true;
-}
 
-/// Rounds the result's samples and limits them to what the depth shows.
-OwnedBuffer StoreResult(const ZoomJob& job, const float* cells, std::size_t strideCells) {
-  const KelLong depth = job.record.tileGeom.BitDepth;
-  const std::size_t width = AsIndex(job.result.Width());
-  const SamplesKernels& kernels = Kernels().samples;
-  OwnedBuffer stored =
-      OwnedBuffer::Make(PlaneBytes(job.result.Width(), job.result.Height(), depth / 8));
-  const BufferLock lock(stored.Get());
-  if (!lock) Raise(KelErrNoMemory, kModulePreview);
-  const auto row = OwnedArray<std::int32_t>::Make(width);
-  for (std::uint64_t y = 0; y < AsCount(job.result.Height()); ++y) {
-    const float* const from = cells + y * strideCells;
-    kernels.floatsToLevels(from, row.Data(), width, 0, depth == 8 ? 255 : kMostWord, 0);
-    if (depth == 8) {
-      kernels.levelsToBytes(row.Data(), lock.As<std::uint8_t>() + y * width, width);
+  /// False: the host has no samples.
+  bool IsThere() const { return isThere_; }
+  const SampleSource& Samples() const { return samples_.source; }
+
+ private:
+  TileSource host_;
+  FetchedSamples samples_;
+  bool isThere_ = false;
+};
+
+/// The result under way: rows are rounded, limited to what the depth shows, and stored.
+class ZoomResult {
+ public:
+  explicit ZoomResult(const ZoomJob& job)
+      : depth_(job.record.tileGeom.BitDepth),
+        width_(AsIndex(job.result.Width())),
+        stored_(OwnedBuffer::Make(PlaneBytes(job.result.Width(), job.result.Height(), depth_ / 8))),
+        lock_(stored_.Get()),
+        row_(OwnedArray<std::int32_t>::Make(width_)) {
+    if (!lock_) Raise(KelErrNoMemory, kModulePreview);
+  }
+
+  void StoreRow(std::int64_t y, const float* from) {
+    const SamplesKernels& kernels = Kernels().samples;
+    const std::size_t at = AsIndex(y) * width_;
+    kernels.floatsToLevels(from, row_.Data(), width_, 0, depth_ == 8 ? 255 : kMostWord, 0);
+    if (depth_ == 8) {
+      kernels.levelsToBytes(row_.Data(), lock_.As<std::uint8_t>() + at, width_);
     } else {
-      kernels.levelsToWords(row.Data(), lock.As<std::uint16_t>() + y * width, width, 0);
+      kernels.levelsToWords(row_.Data(), lock_.As<std::uint16_t>() + at, width_, 0);
     }
   }
-  return stored;
-}
 
-OwnedBuffer Copied(const ImageState& state, const ZoomJob& job) {
-  const std::size_t stride = AsIndex(job.part.Width());
-  const auto cells = ScratchArray<float>::Make(SaturatingMul(stride, AsCount(job.part.Height())));
-  if (!ReadSamples(state, job, cells.Data(), stride)) return {};
-  return StoreResult(job, cells.Data(), stride);
-}
+  OwnedBuffer Take() {
+    lock_ = BufferLock();
+    return std::move(stored_);
+  }
+
+ private:
+  KelLong depth_;
+  std::size_t width_;
+  OwnedBuffer stored_;
+  BufferLock lock_;
+  OwnedArray<std::int32_t> row_;
+};
 
 OwnedBuffer Enlarged(const ImageState& state, const ZoomJob& job) {
   const std::size_t stride = AsIndex(job.result.Width());
   const std::uint64_t count = SaturatingMul(stride, AsCount(job.result.Height()));
   // The edges are multiples of 2^k, so the low-pass band has exactly the size of the part.
   auto bands = OwnedArray<float>::Make(count);
-  if (!ReadSamples(state, job, bands.Data(), stride)) return {};
+  {
+    const ZoomSource source(state, job);
+    if (!source.IsThere()) return {};
+    for (std::uint64_t y = 0; y < AsCount(job.part.Height()); ++y) {
+      ReadRow(job, source.Samples(), y, bands.Data() + y * stride);
+    }
+  }
   const auto samples = ScratchArray<float>::Make(count);
   {
     const auto scratch =
@@ -136,26 +153,38 @@ OwnedBuffer Enlarged(const ImageState& state, const ZoomJob& job) {
                  {samples.Data(), stride});
   }
   bands = {};
-  return StoreResult(job, samples.Data(), stride);
+  ZoomResult result(job);
+  for (std::int64_t y = 0; y < job.result.Height(); ++y) {
+    result.StoreRow(y, samples.Data() + AsIndex(y) * stride);
+  }
+  return result.Take();
 }
 
+/// The low-pass band; without levels of analysis the samples themselves.
 OwnedBuffer Reduced(const ImageState& state, const ZoomJob& job) {
-  const std::size_t stride = AsIndex(job.part.Width());
-  const std::uint64_t count = SaturatingMul(stride, AsCount(job.part.Height()));
-  const auto samples = ScratchArray<float>::Make(count), work = ScratchArray<float>::Make(count);
-  const auto scratch = ScratchArray<std::int32_t>::Make(ForwardDwtScratchCells(job.part));
-  if (!ReadSamples(state, job, samples.Data(), stride)) return {};
-  SubbandRecord records[kMaxSubbands];
-  ForwardDwt97({samples.Data(), work.Data(), stride, job.part, job.out},
-               {nullptr, job.record.tileGeom.BitDepth, false}, scratch.Data(), records);
-  return StoreResult(job, static_cast<const float*>(records[0].data), stride);
+  const ZoomSource source(state, job);
+  if (!source.IsThere()) return {};
+  ZoomResult result(job);
+  const BandRowTaker taker = {&result, [](void* to, int subband, std::int64_t row, void* cells) {
+                                if (subband != 0) return;
+                                static_cast<ZoomResult*>(to)->StoreRow(
+                                    row, static_cast<const float*>(cells));
+                              }};
+  const auto memory =
+      ScratchArray<std::uint8_t>::Make(ForwardRowsBytes(job.part, job.out, CellKind::kFloats));
+  ForwardRows rows;
+  BeginForward({job.part, job.out, CellKind::kFloats, nullptr, taker}, memory.Data(), rows);
+  for (std::uint64_t y = 0; y < AsCount(job.part.Height()); ++y) {
+    ReadRow(job, source.Samples(), y, static_cast<float*>(NextSampleRow(rows)));
+    TakeSampleRow(rows);
+  }
+  return result.Take();
 }
 
 OwnedBuffer MakeResult(const ImageState& state, const ZoomJob& job) {
   const KelLong depth = job.record.tileGeom.BitDepth;
   if ((depth != 8 && depth != 16) || job.result.IsEmpty()) return {};
-  if (job.in > 0) return Enlarged(state, job);
-  return job.out > 0 ? Reduced(state, job) : Copied(state, job);
+  return job.in > 0 ? Enlarged(state, job) : Reduced(state, job);
 }
 
 }  // namespace

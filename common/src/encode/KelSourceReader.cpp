@@ -1,11 +1,9 @@
-// Calls of the host's fetch callbacks, and the order in which a tile's planes are made.
+// Calls of the host's fetch callbacks.
 #include "encode/KelSourceReader.h"
 
-#include <algorithm>
 #include <span>
 
 #include "base/KelRaise.h"
-#include "encode/KelMainStream.h"
 
 namespace kel {
 namespace {
@@ -26,32 +24,10 @@ bool TakeOver(KelBufID_I* buffer, KelLong error, FetchedSamples& samples, void*&
   return true;
 }
 
-PlaneSize SizeOf(const KelTileGeometry& t) {
-  return {std::int64_t{t.X1} - t.X0, std::int64_t{t.Y1} - t.Y0};
-}
-
 KelTileGeometry TileCompOf(const KelImageGeometry& geometry, KelLong component, KelLong tile) {
   KelTileGeometry box;
   box.InitKelTileGeometry(const_cast<KelImageGeometry*>(&geometry), component, tile);
   return box;
-}
-
-bool IsEmpty(PlaneSize size) {
-  return size.width <= 0 || size.height <= 0;
-}
-
-/// Fetches three components and transforms them together.
-bool PrepareColors(TileSource& source, const KelEncOpt& options, PlaneSize size, KelLong count,
-                   const CodingPlane* planes) {
-  FetchedSamples samples[3];
-  for (KelLong c = 0; c < 3; ++c) {
-    if (!source.Fetch(c, samples[c])) return false;
-  }
-  CodingPlane wanted[3] = {};
-  std::copy_n(planes, std::min<KelLong>(count, 3), wanted);
-  PrepareColorPlanes({samples[0].source, samples[1].source, samples[2].source}, wanted, size,
-                     options.Irreversible != 0);
-  return true;
 }
 
 }  // namespace
@@ -82,7 +58,7 @@ bool IsInterleaved(const SourceReader& reader, KelLong c) {
 bool TileSource::Fetch(KelLong component, FetchedSamples& samples) {
   const KelImageDataProcs& procs = reader_.procs;
   const KelTileGeometry box = TileCompOf(*reader_.geometry, component, tile_);
-  const std::int64_t width = SizeOf(box).width;
+  const std::int64_t width = std::int64_t{box.X1} - box.X0;
   KelLong error = KelOK;
   void* address = nullptr;
   if (!IsInterleaved(reader_, component)) {
@@ -112,31 +88,11 @@ bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSam
   const auto zero = static_cast<std::int32_t>(-(std::int64_t{1} << (component.BitDepth - 1)));
   std::uint8_t* out = region.bytes.Data();
   for (std::int64_t y = 0; y < region.box.Height(); ++y) {
-    SampleSource line = samples.source;
-    line.samples += AsCount(y) * line.rowBytes;
-    PreparePlane(line, {row.Data(), row.Size()}, {width, 1}, false);
+    PreparePlane(FromRow(samples.source, AsCount(y)), {row.Data(), row.Size()}, {width, 1},
+                 CellKind::kInts);
     for (const std::int32_t level : std::span(row.Data(), row.Size())) {
       *out++ = level != zero ? kInsideRegion : 0;
     }
-  }
-  return true;
-}
-
-bool PrepareTileComponents(TileSource& source, const KelEncOpt& options, KelLong count,
-                           const CodingPlane* planes) {
-  const KelImageGeometry& geometry = *options.GeomParams;
-  KelLong first = 0;
-  if (count > 0 && ColorTransformApplies(options)) {
-    const PlaneSize size = SizeOf(TileCompOf(geometry, 0, source.Tile()));
-    if (!IsEmpty(size) && !PrepareColors(source, options, size, count, planes)) return false;
-    first = 3;
-  }
-  for (KelLong c = first; c < count; ++c) {
-    const PlaneSize size = SizeOf(TileCompOf(geometry, c, source.Tile()));
-    if (IsRegionMask(options, c) || planes[c].cells == nullptr || IsEmpty(size)) continue;
-    FetchedSamples samples;
-    if (!source.Fetch(c, samples)) return false;
-    PreparePlane(samples.source, planes[c], size, IsCodedIrreversibly(options, c));
   }
   return true;
 }

@@ -1,5 +1,4 @@
-// Fetching the samples of a tile and the mask of its region through the host's callbacks, and
-// preparing the tile's coding planes.
+// Fetching the samples of a tile and the mask of its region through the host's callbacks.
 //
 // What a callback hands over belongs to the library: buffers are locked while they are read, and
 // unlocked and freed at the end of the scope that fetched them, also on a failure. Interleaved
@@ -61,13 +60,6 @@ class TileSource {
 /// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as
 /// TileSource::Fetch, and 8.
 bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region);
-
-/// Fills the coding planes of components 0 to count - 1 of a tile: fetch, level shift, and the
-/// component transform when the options ask for it, which then needs components 0 to 2 whatever
-/// the count. The region mask and components without samples in the tile are passed over; a plane
-/// without cells is not filled. Returns false when the host gave no samples. Raises as Fetch.
-bool PrepareTileComponents(TileSource& source, const KelEncOpt& options, KelLong count,
-                           const CodingPlane* planes);
 
 }  // namespace kel
 

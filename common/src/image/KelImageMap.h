@@ -19,7 +19,6 @@ namespace kel {
 struct DecMap;
 struct DecTile;
 struct DecTileComp;
-struct CodedTileComp;  // the encoder's coded bytes and size tables
 
 /// One component of one tile.
 struct TileCompRecord {
@@ -33,7 +32,7 @@ struct TileCompRecord {
   KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
   KelTileComponent handle;    ///< owns its cell
   DecTileComp* dec;           ///< of the pool; what it owns the decoder releases
-  CodedTileComp* coded;       ///< the encoder's to release
+  std::uint64_t codedBytes;   ///< encoder: of its packets in one layer; 0 until it is coded
 
   /// Access to the handle's cell, for making and releasing handles.
   static TileCompCell*& CellOf(KelTileComponent& handle) { return handle.cell_; }

@@ -13,20 +13,12 @@
 namespace kel {
 namespace {
 
-/// A row as integers and as magnitudes.
-struct EncodedRow {
-  __m256i values, magnitudes;
-};
-KEL_INLINE EncodedRow LoadEncodedRow(const std::int32_t* cells, __m256i) {
-  const __m256i values = LoadRow(cells);
-  return {values, _mm256_abs_epi32(values)};
+/// A row as 32-bit integers.
+KEL_INLINE __m256i LoadCells(const std::int32_t* cells) {
+  return LoadRow(cells);
 }
-/// What cannot be converted, which becomes -2^31, is NaN here: blocks of 31 planes do not come. The
-/// mask of the block's planes makes it 0.
-KEL_INLINE EncodedRow LoadEncodedRow(const float* cells, __m256i planesMask) {
-  const __m256i converted = _mm256_cvtps_epi32(_mm256_loadu_ps(cells));
-  const __m256i magnitudes = _mm256_and_si256(_mm256_abs_epi32(converted), planesMask);
-  return {_mm256_sign_epi32(magnitudes, converted), magnitudes};
+KEL_INLINE __m256i LoadCells(const std::int16_t* cells) {
+  return _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(cells)));
 }
 
 /// Four rows of two neighbouring groups, values 0 to 3, as two planes of the groups in the order of
@@ -87,13 +79,11 @@ KEL_INLINE void PutRowsOfLowBits(BlockSink& sink, const __m256i* magnitudes, uns
 template <class Cell>
 KEL_INLINE void EncodeBlock(const Cell* cells, std::ptrdiff_t strideCells, unsigned planes,
                             BlockSink& sink) {
-  const __m256i mask = _mm256_set1_epi32(static_cast<int>((1U << planes) - 1));
   __m256i rows[8];
   __m256i magnitudes[8];
   for (int y = 0; y < 8; ++y) {
-    const EncodedRow row = LoadEncodedRow(cells + y * strideCells, mask);
-    rows[y] = row.values;
-    magnitudes[y] = row.magnitudes;
+    rows[y] = LoadCells(cells + y * strideCells);
+    magnitudes[y] = _mm256_abs_epi32(rows[y]);
   }
   const unsigned lowBits = planes > 2 ? planes - 2 : 0;
   const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(lowBits));
@@ -117,61 +107,73 @@ KEL_INLINE void EncodeBlock(const Cell* cells, std::ptrdiff_t strideCells, unsig
            ~HighestBits(IsZero(upperBytes), IsZero(lowerBytes)));
 }
 
-/// Most planes of a block that the vector kernel encodes: see LoadEncodedRow.
+void EncodeShortsVector(const std::int16_t* cells, std::ptrdiff_t strideCells,
+                        const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
+  EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<std::int16_t>);
+}
+
+/// Most planes of a block that the vector kernel encodes: with more, -2^31 may be in it.
 constexpr unsigned kMostEncodedPlanes = 30;
 
-KEL_INLINE void EncodeScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
-                             std::uint8_t planes, BlockSink& sink) {
-  EncodeIntegersScalar(cells, strideCells, &planes, 1, sink);
-}
-KEL_INLINE void EncodeScalar(const float* cells, std::ptrdiff_t strideCells, std::uint8_t planes,
-                             BlockSink& sink) {
-  EncodeFloatsScalar(cells, strideCells, &planes, 1, sink);
-}
-
-template <class Cell>
-void EncodeRunVector(const Cell* cells, std::ptrdiff_t strideCells, const std::uint8_t* planeCounts,
-                     std::size_t count, BlockSink& sink) {
+void EncodeIntegersVector(const std::int32_t* cells, std::ptrdiff_t strideCells,
+                          const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
   EncodeRun(
       cells, strideCells, planeCounts, count, sink,
-      [](const Cell* block, std::ptrdiff_t stride, unsigned planes, BlockSink& local)
+      [](const std::int32_t* block, std::ptrdiff_t stride, unsigned planes, BlockSink& local)
           __attribute__((always_inline)) {
             if (planes <= kMostEncodedPlanes) return EncodeBlock(block, stride, planes, local);
             // The call takes a copy, so that the sink itself can stay in registers.
             BlockSink copy = local;
-            EncodeScalar(block, stride, static_cast<std::uint8_t>(planes), copy);
+            const auto planeCount = static_cast<std::uint8_t>(planes);
+            EncodeIntegersScalar(block, stride, &planeCount, 1, copy);
             local = copy;
           });
 }
 
 // ---- Plane counts ----
 
-/// Magnitudes of a row, as unsigned integers.
-KEL_INLINE __m256i LoadMagnitudes(const std::int32_t* cells) {
-  return _mm256_abs_epi32(LoadRow(cells));
-}
-KEL_INLINE __m256i LoadMagnitudes(const float* cells) {
-  const __m256 values = _mm256_loadu_ps(cells);
-  const __m256i numbers = _mm256_castps_si256(_mm256_cmp_ps(values, values, _CMP_ORD_Q));
-  return _mm256_and_si256(_mm256_abs_epi32(_mm256_cvtps_epi32(values)), numbers);
+KEL_INLINE std::uint8_t BitLengthOf(unsigned bits) {
+  return static_cast<std::uint8_t>(bits == 0 ? 0 : 32 - __builtin_clz(bits));
 }
 
-template <class Cell>
-void CountPlanesVector(const Cell* cells, std::ptrdiff_t strideCells, std::size_t rows,
-                       std::size_t count, std::uint8_t* planeCounts) {
+void CountPlanesOfIntegers(const std::int32_t* cells, std::ptrdiff_t strideCells, std::size_t rows,
+                           std::size_t count, std::uint8_t* planeCounts) {
   for (std::size_t i = 0; i < count; ++i, cells += 8) {
     __m256i all = _mm256_setzero_si256();
-    for (std::size_t y = 0; y < rows; ++y) {
-      all = _mm256_or_si256(all,
-                            LoadMagnitudes(cells + static_cast<std::ptrdiff_t>(y) * strideCells));
+    const std::int32_t* row = cells;
+    for (std::size_t y = 0; y < rows; ++y, row += strideCells) {
+      all = _mm256_or_si256(all, _mm256_abs_epi32(LoadRow(row)));
     }
     // A magnitude beyond 31 bits stands for the largest one.
     __m128i half = _mm_or_si128(_mm256_castsi256_si128(all), _mm256_extracti128_si256(all, 1));
     half = _mm_or_si128(half, _mm_shuffle_epi32(half, 0x4E));
     half = _mm_or_si128(half, _mm_shuffle_epi32(half, 0xB1));
-    const auto bits = static_cast<unsigned>(_mm_cvtsi128_si32(half));
-    const unsigned planes = bits == 0 ? 0 : 32 - static_cast<unsigned>(__builtin_clz(bits));
-    planeCounts[i] = static_cast<std::uint8_t>(planes < 31 ? planes : 31);
+    const std::uint8_t planes = BitLengthOf(static_cast<unsigned>(_mm_cvtsi128_si32(half)));
+    planeCounts[i] = planes < 31 ? planes : std::uint8_t{31};
+  }
+}
+
+/// Two blocks at once, or the last one alone.
+void CountPlanesOfShorts(const std::int16_t* cells, std::ptrdiff_t strideCells, std::size_t rows,
+                         std::size_t count, std::uint8_t* planeCounts) {
+  for (std::size_t i = 0; i < count; i += 2, cells += 16) {
+    __m256i all = _mm256_setzero_si256();
+    const std::int16_t* row = cells;
+    const bool areTwo = i + 1 < count;
+    for (std::size_t y = 0; y < rows; ++y, row += strideCells) {
+      const __m256i values =
+          areTwo ? LoadRow(row)
+                 : _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row)));
+      all = _mm256_or_si256(all, _mm256_abs_epi16(values));
+    }
+    all = _mm256_or_si256(all, _mm256_shuffle_epi32(all, 0x4E));
+    all = _mm256_or_si256(all, _mm256_shuffle_epi32(all, 0xB1));
+    const auto bitsOf = [](__m128i half) {
+      const auto pair = static_cast<unsigned>(_mm_cvtsi128_si32(half));
+      return (pair | pair >> 16) & 0xFFFF;
+    };
+    planeCounts[i] = BitLengthOf(bitsOf(_mm256_castsi256_si128(all)));
+    if (areTwo) planeCounts[i + 1] = BitLengthOf(bitsOf(_mm256_extracti128_si256(all, 1)));
   }
 }
 

@@ -70,13 +70,13 @@ struct BlocksKernels {
   Decode<float>* decodeFloats;
 
   /// Encode `count` blocks, neighbours in a row of blocks, with separate signs. The sink has room
-  /// for them and for the slack. Integers of -2^31 count as -(2^31 - 1). Floats are rounded to the
-  /// nearest integer, halves to even, and limited to that range; NaN gives 0.
+  /// for them and for the slack. Integers of -2^31 count as -(2^31 - 1); shorts of -2^15 do not
+  /// come.
   template <class Cell>
   using Encode = void(const Cell* cells, std::ptrdiff_t strideCells,
                       const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink);
   Encode<std::int32_t>* encodeIntegers;
-  Encode<float>* encodeFloats;
+  Encode<std::int16_t>* encodeShorts;
 
   /// Plane counts of `count` neighbouring blocks, 8 cells wide and `rows` (1 to 8) high: the bit
   /// length of the largest magnitude, as the encoding kernels see it.
@@ -84,7 +84,7 @@ struct BlocksKernels {
   using CountPlanes = void(const Cell* cells, std::ptrdiff_t strideCells, std::size_t rows,
                            std::size_t count, std::uint8_t* planeCounts);
   CountPlanes<std::int32_t>* countPlanesOfIntegers;
-  CountPlanes<float>* countPlanesOfFloats;
+  CountPlanes<std::int16_t>* countPlanesOfShorts;
 };
 
 // Scalar kernels that vector kernels fall back on for blocks of many planes.
@@ -93,9 +93,6 @@ std::size_t DecodeSeparateSignsScalar(BlockSource& source, Cell* cells, std::ptr
                                       std::size_t count);
 void EncodeIntegersScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
                           const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink);
-void EncodeFloatsScalar(const float* cells, std::ptrdiff_t strideCells,
-                        const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink);
-
 /// The scalar reference of every kernel.
 void FillScalarBlocksKernels(BlocksKernels& table) noexcept;
 

@@ -28,13 +28,6 @@ constexpr std::int32_t kMostMagnitude = 0x7FFFFFFF;
 [[maybe_unused]] KEL_INLINE std::int32_t ToInteger(std::int32_t v) {
   return v < -kMostMagnitude ? -kMostMagnitude : v;
 }
-/// The nearest integer, halves to even. Relies on the rounding mode that the public boundary sets.
-[[maybe_unused]] KEL_INLINE std::int32_t ToInteger(float v) {
-  if (!(v > -2147483648.0F)) return v != v ? 0 : -kMostMagnitude;
-  if (v >= 2147483648.0F) return kMostMagnitude;
-  // Adding 1.5 * 2^52 rounds away the fraction and leaves the integer in the low bits of the sum.
-  return static_cast<std::int32_t>(std::bit_cast<std::uint64_t>(double{v} + 6755399441055744.0));
-}
 [[maybe_unused]] KEL_INLINE std::uint32_t MagnitudeOf(std::int32_t v) {
   return static_cast<std::uint32_t>(v < 0 ? -v : v);
 }

@@ -235,6 +235,11 @@ void CountPlanesOfRun(const Cell* cells, std::ptrdiff_t strideCells, std::size_t
   }
 }
 
+void EncodeShortsScalar(const std::int16_t* cells, std::ptrdiff_t strideCells,
+                        const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
+  EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<std::int16_t>);
+}
+
 std::size_t DecodeInterleavedSignsScalar(BlockSource& source, std::int32_t* cells,
                                          std::ptrdiff_t strideCells, std::size_t count) {
   return DecodeRun(source, cells, strideCells, count, kMostPlanes, DecodeInterleavedSigns);
@@ -262,20 +267,15 @@ void EncodeIntegersScalar(const std::int32_t* cells, std::ptrdiff_t strideCells,
   EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<std::int32_t>);
 }
 
-void EncodeFloatsScalar(const float* cells, std::ptrdiff_t strideCells,
-                        const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
-  EncodeRun(cells, strideCells, planeCounts, count, sink, EncodeBlock<float>);
-}
-
 void FillScalarBlocksKernels(BlocksKernels& table) noexcept {
   table.decodeSeparateSigns = DecodeSeparateSignsScalar<std::int32_t>;
   table.decodeShorts = DecodeSeparateSignsScalar<std::int16_t>;
   table.decodeFloats = DecodeSeparateSignsScalar<float>;
   table.decodeInterleavedSigns = DecodeInterleavedSignsScalar;
   table.encodeIntegers = EncodeIntegersScalar;
-  table.encodeFloats = EncodeFloatsScalar;
+  table.encodeShorts = EncodeShortsScalar;
   table.countPlanesOfIntegers = CountPlanesOfRun<std::int32_t>;
-  table.countPlanesOfFloats = CountPlanesOfRun<float>;
+  table.countPlanesOfShorts = CountPlanesOfRun<std::int16_t>;
 }
 
 }  // namespace kel

@@ -20,10 +20,10 @@ inline void OverwriteWithVector(BlocksKernels& table) noexcept {
   table.decodeSeparateSigns = DecodeRunVector<std::int32_t>;
   table.decodeShorts = DecodeRunVector<std::int16_t>;
   table.decodeFloats = DecodeRunVector<float>;
-  table.encodeIntegers = EncodeRunVector<std::int32_t>;
-  table.encodeFloats = EncodeRunVector<float>;
-  table.countPlanesOfIntegers = CountPlanesVector<std::int32_t>;
-  table.countPlanesOfFloats = CountPlanesVector<float>;
+  table.encodeIntegers = EncodeIntegersVector;
+  table.encodeShorts = EncodeShortsVector;
+  table.countPlanesOfIntegers = CountPlanesOfIntegers;
+  table.countPlanesOfShorts = CountPlanesOfShorts;
 }
 
 }  // namespace

@@ -33,13 +33,14 @@ struct SamplesKernels {
                      std::uint8_t* c, std::size_t count);
   void (*splitWords)(const std::uint16_t* in, std::size_t step, std::uint16_t* a, std::uint16_t* b,
                      std::uint16_t* c, std::size_t count);
+  void (*bytesToShorts)(const std::uint8_t* in, std::int16_t* out, std::size_t count);
   void (*bytesToInts)(const std::uint8_t* in, std::int32_t* out, std::size_t count);
   void (*wordsToInts)(const std::uint16_t* in, std::int32_t* out, std::size_t count);
   void (*bytesToFloats)(const std::uint8_t* in, float* out, std::size_t count);
   void (*wordsToFloats)(const std::uint16_t* in, float* out, std::size_t count);
   /// Forward reversible colour transform: Y = floor((R + 2 G + B) / 4), U = B - G, V = R - G.
   void (*forwardRct8)(const std::uint8_t* r, const std::uint8_t* g, const std::uint8_t* b,
-                      std::int32_t* y, std::int32_t* u, std::int32_t* v, std::size_t count);
+                      std::int16_t* y, std::int16_t* u, std::int16_t* v, std::size_t count);
   void (*forwardRct16)(const std::uint16_t* r, const std::uint16_t* g, const std::uint16_t* b,
                        std::int32_t* y, std::int32_t* u, std::int32_t* v, std::size_t count);
   void (*forwardRct32)(const std::int32_t* r, const std::int32_t* g, const std::int32_t* b,
@@ -92,6 +93,8 @@ struct SamplesKernels {
                          std::int32_t highest, std::int32_t addend);
   /// In place; every operation of the scale is rounded to single precision.
   void (*scaleLevels)(std::int32_t* levels, std::size_t count, const LevelScale& scale);
+  /// Nearest integers of numbers below 2^15 in magnitude.
+  void (*floatsToShorts)(const float* in, std::int16_t* out, std::size_t count);
   /// The low 8 bits of each.
   void (*levelsToBytes)(const std::int32_t* in, std::uint8_t* out, std::size_t count);
   /// The low 16 bits of each, shifted left by 0 to 15 first.

@@ -1,6 +1,7 @@
 // Scalar reference kernels of sample values, written to be read. The formulas stand in the
 // header; a template serves where only the kind of sample differs.
 #include <algorithm>
+#include <bit>
 
 #include "KelSamplesKernels.h"
 #include "base/KelInt.h"
@@ -38,14 +39,14 @@ void Shift(const Sample* in, Cell* out, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<Cell>(Levelled(in[i]));
 }
 
-template <class Sample>
-void ForwardRct(const Sample* r, const Sample* g, const Sample* b, std::int32_t* y, std::int32_t* u,
-                std::int32_t* v, std::size_t count) {
+template <class Sample, class Cell>
+void ForwardRct(const Sample* r, const Sample* g, const Sample* b, Cell* y, Cell* u, Cell* v,
+                std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     const std::int64_t red = Levelled(r[i]), green = Levelled(g[i]), blue = Levelled(b[i]);
-    y[i] = Wrapped(red + 2 * green + blue) >> 2;
-    u[i] = Wrapped(blue - green);
-    v[i] = Wrapped(red - green);
+    y[i] = static_cast<Cell>(Wrapped(red + 2 * green + blue) >> 2);
+    u[i] = static_cast<Cell>(Wrapped(blue - green));
+    v[i] = static_cast<Cell>(Wrapped(red - green));
   }
 }
 
@@ -178,6 +179,13 @@ void ScaleLevels(std::int32_t* levels, std::size_t count, const LevelScale& scal
   }
 }
 
+void FloatsToShorts(const float* in, std::int16_t* out, std::size_t count) {
+  // Added to 1.5 * 2^23, a number is rounded to an integer in the low bits of its representation.
+  for (std::size_t i = 0; i < count; ++i) {
+    out[i] = static_cast<std::int16_t>(std::bit_cast<std::uint32_t>(in[i] + 12582912.0F));
+  }
+}
+
 void LevelsToBytes(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) out[i] = LowByte(in[i]);
 }
@@ -194,13 +202,14 @@ void FillScalarSamplesKernels(SamplesKernels& table) noexcept {
   table = {
       .splitBytes = Split<std::uint8_t>,
       .splitWords = Split<std::uint16_t>,
+      .bytesToShorts = Shift<std::uint8_t, std::int16_t>,
       .bytesToInts = Shift<std::uint8_t, std::int32_t>,
       .wordsToInts = Shift<std::uint16_t, std::int32_t>,
       .bytesToFloats = Shift<std::uint8_t, float>,
       .wordsToFloats = Shift<std::uint16_t, float>,
-      .forwardRct8 = ForwardRct<std::uint8_t>,
-      .forwardRct16 = ForwardRct<std::uint16_t>,
-      .forwardRct32 = ForwardRct<std::int32_t>,
+      .forwardRct8 = ForwardRct<std::uint8_t, std::int16_t>,
+      .forwardRct16 = ForwardRct<std::uint16_t, std::int32_t>,
+      .forwardRct32 = ForwardRct<std::int32_t, std::int32_t>,
       .forwardIct8 = ForwardIct<std::uint8_t>,
       .forwardIct16 = ForwardIct<std::uint16_t>,
       .forwardIct32 = ForwardIct<std::int32_t>,
@@ -215,6 +224,7 @@ void FillScalarSamplesKernels(SamplesKernels& table) noexcept {
       .intsToLevels = IntsToLevels,
       .floatsToLevels = FloatsToLevels,
       .scaleLevels = ScaleLevels,
+      .floatsToShorts = FloatsToShorts,
       .levelsToBytes = LevelsToBytes,
       .levelsToWords = LevelsToWords,
   };

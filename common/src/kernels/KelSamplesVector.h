@@ -85,13 +85,15 @@ KEL_INLINE void Widen(VInt (&halves)[2], Shorts v, std::integer_sequence<int, kL
 }
 
 // Loads a step of samples with the level shift done.
-KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint8_t* address) {
+KEL_INLINE Shorts LoadLevelled(const std::uint8_t* address) {
   Bytes raw;
   LoadTo(raw, address);
   Words wide;
   Convert(wide, raw);
-  Widen(levels, __builtin_bit_cast(Shorts, wide) - std::int16_t{128},
-        std::make_integer_sequence<int, kLanes>{});
+  return __builtin_bit_cast(Shorts, wide) - std::int16_t{128};
+}
+KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint8_t* address) {
+  Widen(levels, LoadLevelled(address), std::make_integer_sequence<int, kLanes>{});
 }
 KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint16_t* address) {
   // Inverting the top bit of an unsigned word is subtracting 32768 from it as a signed one.
@@ -102,6 +104,12 @@ KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::uint16_t* address) {
 }
 KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::int32_t* address) {
   for (int half = 0; half < 2; ++half) levels[half] = Load<VInt>(address + half * kLanes);
+}
+
+void BytesToShorts(const std::uint8_t* in, std::int16_t* out, std::size_t count) {
+  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    StoreFrom(to[0], LoadLevelled(from[0]));
+  });
 }
 
 template <class Sample>
@@ -121,6 +129,18 @@ void ToFloats(const Sample* in, float* out, std::size_t count) {
     for (int half = 0; half < 2; ++half) {
       Store(to[0] + half * kLanes, __builtin_convertvector(levels[half], VFloat));
     }
+  });
+}
+
+/// What becomes of bytes stays below 2^10, the sum of four of them included.
+void ForwardRct8(const std::uint8_t* r, const std::uint8_t* g, const std::uint8_t* b,
+                 std::int16_t* y, std::int16_t* u, std::int16_t* v, std::size_t count) {
+  Sweep({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    const Shorts red = LoadLevelled(from[0]), green = LoadLevelled(from[1]);
+    const Shorts blue = LoadLevelled(from[2]);
+    StoreFrom(to[0], (red + green + green + blue) >> std::int16_t{2});
+    StoreFrom(to[1], blue - green);
+    StoreFrom(to[2], red - green);
   });
 }
 
@@ -457,6 +477,14 @@ void ScaleLevels(std::int32_t* levels, std::size_t count, const LevelScale& scal
       });
 }
 
+void FloatsToShorts(const float* in, std::int16_t* out, std::size_t count) {
+  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    const VFloat low = Load<VFloat>(from[0]) + 12582912.0F;
+    const VFloat high = Load<VFloat>(from[0] + kLanes) + 12582912.0F;
+    StoreFrom(to[0], LowHalves(__builtin_bit_cast(VInt, low), __builtin_bit_cast(VInt, high)));
+  });
+}
+
 void LevelsToBytes(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
   Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreBytes(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
@@ -479,11 +507,12 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
   table = {
       .splitBytes = kLeast ? samples::Split<std::uint8_t> : table.splitBytes,
       .splitWords = kLeast ? samples::Split<std::uint16_t> : table.splitWords,
+      .bytesToShorts = samples::BytesToShorts,
       .bytesToInts = samples::ToInts<std::uint8_t>,
       .wordsToInts = samples::ToInts<std::uint16_t>,
       .bytesToFloats = samples::ToFloats<std::uint8_t>,
       .wordsToFloats = samples::ToFloats<std::uint16_t>,
-      .forwardRct8 = samples::ForwardRct<std::uint8_t>,
+      .forwardRct8 = samples::ForwardRct8,
       .forwardRct16 = samples::ForwardRct<std::uint16_t>,
       .forwardRct32 = samples::ForwardRct<std::int32_t>,
       .forwardIct8 = samples::ForwardIct<std::uint8_t>,
@@ -500,6 +529,7 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
       .intsToLevels = samples::IntsToLevels,
       .floatsToLevels = samples::FloatsToLevels,
       .scaleLevels = samples::ScaleLevels,
+      .floatsToShorts = samples::FloatsToShorts,
       .levelsToBytes = samples::LevelsToBytes,
       .levelsToWords = samples::LevelsToWords,
   };

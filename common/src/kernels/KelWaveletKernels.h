@@ -25,6 +25,18 @@ struct SynthesisKernels {
                Cell* even, std::size_t count);
 };
 
+/// Decomposition into one level with the 5/3 filter.
+template <class Cell>
+struct AnalysisKernels {
+  /// Across: with X(i) at x[i] computes low[n] = L(n) and high[n] = H(n), n < pairs. Reads x[-2] to
+  /// x[2 pairs].
+  void (*row)(const Cell* x, Cell* low, Cell* high, std::size_t pairs);
+  /// Down: from the rows x = X(2n) to X(2n + 2) and highBefore = H(n - 1) computes high = H(n) and
+  /// low = L(n).
+  void (*rows)(const Cell* const* x, const Cell* highBefore, Cell* high, Cell* low,
+               std::size_t count);
+};
+
 struct WaveletKernels {
   /// The reversible 5/3 filter. Sums are those of the cells' width.
   SynthesisKernels<std::int32_t> synthesis53;
@@ -40,16 +52,11 @@ struct WaveletKernels {
   /// zero, and clamped to 0..255; single precision after each operation; NaN gives 0.
   void (*floatTo8BitAway)(const float* in, std::uint8_t* out, std::size_t count);
 
-  /// 5/3 across: with X(i) at x[i] computes low[n] = L(n) and high[n] = H(n), n < pairs. Reads
-  /// x[-2] to x[2 pairs].
-  void (*analyseRow53)(const std::int32_t* x, std::int32_t* low, std::int32_t* high,
-                       std::size_t pairs);
-  /// 5/3 down: from the rows x = X(2n) to X(2n + 2) and highBefore = H(n - 1) computes
-  /// high = H(n) and low = L(n).
-  void (*analyseRows53)(const std::int32_t* const* x, const std::int32_t* highBefore,
-                        std::int32_t* high, std::int32_t* low, std::size_t count);
-  /// 9/7 across, as analyseRow53 but reads x[-4] to x[2 pairs + 2]. Results are multiplied by
-  /// the factors before they are rounded to single precision.
+  /// The 5/3 filter over integers, and over integers of 16 bits.
+  AnalysisKernels<std::int32_t> analysis53;
+  AnalysisKernels<std::int16_t> analysis53Short;
+  /// 9/7 across, as that of the 5/3 filter but reads x[-4] to x[2 pairs + 2]. Results are
+  /// multiplied by the factors before they are rounded to single precision.
   void (*analyseRow97)(const float* x, float* low, float* high, std::size_t pairs,
                        const double factors[2]);
   /// 9/7 down: from the rows x = X(2n - 2) to X(2n + 4) and coreBefore = H'(n - 1) computes

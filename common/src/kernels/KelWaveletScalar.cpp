@@ -150,8 +150,8 @@ void FillScalarWaveletKernels(WaveletKernels& table) noexcept {
   table.synthesis97Single = {SynthesiseRow97<float>, SynthesiseRows97<float>};
   table.dequantise = Dequantise;
   table.floatTo8BitAway = FloatTo8BitAway;
-  table.analyseRow53 = AnalyseRow53<std::int32_t>;
-  table.analyseRows53 = AnalyseRows53<std::int32_t>;
+  table.analysis53 = {AnalyseRow53<std::int32_t>, AnalyseRows53<std::int32_t>};
+  table.analysis53Short = {AnalyseRow53<std::int16_t>, AnalyseRows53<std::int16_t>};
   table.analyseRow97 = AnalyseRow97;
   table.analyseRows97 = AnalyseRows97;
 }

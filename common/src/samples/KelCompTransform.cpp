@@ -78,25 +78,41 @@ void UnpackLevelled(const SampleSource& source, const Piece& piece, std::int32_t
   for (std::size_t i = 0; i < piece.count; ++i) out[i] = static_cast<std::int32_t>(raw[i] - offset);
 }
 
-/// Samples of any layout less the DC offset, as integers or floats. Uses the spare row.
+/// Stores integers as cells.
+void StoreCells(const std::int32_t* values, float* out, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<float>(values[i]);
+}
+void StoreCells(const std::int32_t* values, std::int16_t* out, std::size_t count) {
+  void* words = out;
+  Kernels().samples.levelsToWords(values, static_cast<std::uint16_t*>(words), count, 0);
+}
+
+void ShiftBytes(const std::uint8_t* in, std::int16_t* out, std::size_t count) {
+  Kernels().samples.bytesToShorts(in, out, count);
+}
+void ShiftBytes(const std::uint8_t* in, std::int32_t* out, std::size_t count) {
+  Kernels().samples.bytesToInts(in, out, count);
+}
+void ShiftBytes(const std::uint8_t* in, float* out, std::size_t count) {
+  Kernels().samples.bytesToFloats(in, out, count);
+}
+
+/// Samples of any layout less the DC offset. Uses the spare row.
 template <class Cell>
 void ReadLevelled(const SampleSource& source, const Piece& piece, Scratch& scratch, Cell* out) {
-  constexpr bool kFloats = std::is_same_v<Cell, float>;
   const SamplesKernels& kernels = Kernels().samples;
   if (source.bitDepth == 8) {
-    const auto* bytes = Gather(source, piece, scratch.Row<std::uint8_t>(kSpareRow));
-    if constexpr (kFloats) kernels.bytesToFloats(bytes, out, piece.count);
-    if constexpr (!kFloats) kernels.bytesToInts(bytes, out, piece.count);
-  } else if (source.bitDepth == 16) {
+    ShiftBytes(Gather(source, piece, scratch.Row<std::uint8_t>(kSpareRow)), out, piece.count);
+  } else if (source.bitDepth == 16 && !std::is_same_v<Cell, std::int16_t>) {
     const auto* words = Gather(source, piece, scratch.Row<std::uint16_t>(kSpareRow));
-    if constexpr (kFloats) kernels.wordsToFloats(words, out, piece.count);
-    if constexpr (!kFloats) kernels.wordsToInts(words, out, piece.count);
-  } else if constexpr (kFloats) {
-    auto* levels = scratch.Row<std::int32_t>(kSpareRow);
-    UnpackLevelled(source, piece, levels);
-    for (std::size_t i = 0; i < piece.count; ++i) out[i] = static_cast<float>(levels[i]);
-  } else {
+    if constexpr (std::is_same_v<Cell, float>) kernels.wordsToFloats(words, out, piece.count);
+    if constexpr (std::is_same_v<Cell, std::int32_t>) kernels.wordsToInts(words, out, piece.count);
+  } else if constexpr (std::is_same_v<Cell, std::int32_t>) {
     UnpackLevelled(source, piece, out);
+  } else {
+    auto* const levels = scratch.Row<std::int32_t>(kSpareRow);
+    UnpackLevelled(source, piece, levels);
+    StoreCells(levels, out, piece.count);
   }
 }
 
@@ -162,6 +178,16 @@ void FillColorPlanes(const SampleSource (&sources)[3], const CodingPlane (&plane
   });
 }
 
+/// A piece of narrow samples of another depth than 8.
+void ForwardRct32ToShorts(const std::int32_t* r, const std::int32_t* g, const std::int32_t* b,
+                          std::int16_t* y, std::int16_t* u, std::int16_t* v, std::size_t count) {
+  std::int32_t yuv[3][kPiece];
+  Kernels().samples.forwardRct32(r, g, b, yuv[0], yuv[1], yuv[2], count);
+  StoreCells(yuv[0], y, count);
+  StoreCells(yuv[1], u, count);
+  StoreCells(yuv[2], v, count);
+}
+
 bool AllDepthsAre(const SampleSource (&sources)[3], int bitDepth) {
   return std::all_of(sources, sources + 3,
                      [=](const SampleSource& source) { return source.bitDepth == bitDepth; });
@@ -205,26 +231,31 @@ bool ColorTransformApplies(const KelEncOpt& options) {
 }
 
 void PreparePlane(const SampleSource& source, const CodingPlane& plane, PlaneSize size,
-                  bool floats) {
-  if (floats) {
-    FillPlane<float>(source, plane, size);
-  } else {
-    FillPlane<std::int32_t>(source, plane, size);
+                  CellKind cells) {
+  switch (cells) {
+    case CellKind::kShorts:
+      return FillPlane<std::int16_t>(source, plane, size);
+    case CellKind::kInts:
+      return FillPlane<std::int32_t>(source, plane, size);
+    case CellKind::kFloats:
+      return FillPlane<float>(source, plane, size);
   }
 }
 
 void PrepareColorPlanes(const SampleSource (&sources)[3], const CodingPlane (&planes)[3],
-                        PlaneSize size, bool irreversible) {
+                        PlaneSize size, CellKind cells) {
   const SamplesKernels& kernels = Kernels().samples;
-  if (AllDepthsAre(sources, 8)) {
-    irreversible ? FillColorPlanes(sources, planes, size, kernels.forwardIct8)
-                 : FillColorPlanes(sources, planes, size, kernels.forwardRct8);
-  } else if (AllDepthsAre(sources, 16)) {
-    irreversible ? FillColorPlanes(sources, planes, size, kernels.forwardIct16)
-                 : FillColorPlanes(sources, planes, size, kernels.forwardRct16);
+  const bool areBytes = AllDepthsAre(sources, 8), areWords = AllDepthsAre(sources, 16);
+  if (cells == CellKind::kFloats) {
+    areBytes   ? FillColorPlanes(sources, planes, size, kernels.forwardIct8)
+    : areWords ? FillColorPlanes(sources, planes, size, kernels.forwardIct16)
+               : FillColorPlanes(sources, planes, size, kernels.forwardIct32);
+  } else if (cells == CellKind::kInts) {
+    areWords ? FillColorPlanes(sources, planes, size, kernels.forwardRct16)
+             : FillColorPlanes(sources, planes, size, kernels.forwardRct32);
   } else {
-    irreversible ? FillColorPlanes(sources, planes, size, kernels.forwardIct32)
-                 : FillColorPlanes(sources, planes, size, kernels.forwardRct32);
+    areBytes ? FillColorPlanes(sources, planes, size, kernels.forwardRct8)
+             : FillColorPlanes(sources, planes, size, ForwardRct32ToShorts);
   }
 }
 

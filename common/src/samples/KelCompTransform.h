@@ -1,7 +1,8 @@
 // Component transforms: from the samples of a tile to coding planes, and back to colours.
 //
 // Forward, the unsigned samples lose their DC offset, 2^(depth - 1), and three colour components
-// may go through the reversible (integers) or the irreversible (floats) colour transform.
+// may go through the reversible (integers) or the irreversible (floats) colour transform; as many
+// rows at once as the caller likes.
 // Inverse, three reconstructed planes become colours in place; the offset stays away, that is the
 // business of output conversion. Everything works on plain records over memory of the caller and
 // cannot fail: fetching, locking and releasing buffers, and the choice of components, belong to
@@ -13,6 +14,7 @@
 #include <cstdint>
 
 #include "kel/KelOptions.h"
+#include "samples/KelCellKind.h"
 
 namespace kel {
 
@@ -33,10 +35,16 @@ struct SampleSource {
 SampleSource MakeSampleSource(const void* samples, std::int64_t width, int bitDepth,
                               std::uint32_t channels, std::uint32_t channel);
 
-/// The plane that a component's samples go to: 32-bit cells, integers or floats.
+/// The source from a row on.
+inline SampleSource FromRow(SampleSource source, std::uint64_t row) {
+  source.samples += row * source.rowBytes;
+  return source;
+}
+
+/// The rows that a component's samples go to.
 struct CodingPlane {
   void* cells;              ///< null: not wanted (second and third plane of a colour triple)
-  std::size_t strideCells;  ///< from one row to the next
+  std::size_t strideCells;  ///< from one row to the next; of no account for a single row
 };
 
 /// Sizes of a tile-component in samples; sizes of 0 and below are empty.
@@ -48,14 +56,15 @@ struct PlaneSize {
 /// three components and three colour channels at least, and the three are subsampled alike.
 bool ColorTransformApplies(const KelEncOpt& options);
 
-/// Fills one plane with samples less the DC offset.
+/// Fills one plane with samples less the DC offset. Shorts are for depths up to 15.
 void PreparePlane(const SampleSource& source, const CodingPlane& plane, PlaneSize size,
-                  bool floats);
+                  CellKind cells);
 
 /// Fills three planes with the colour transform of three sources of equal size: the irreversible
-/// one (floats) or the reversible one (integers). Depths and layouts may differ between sources.
+/// one (floats) or the reversible one (integers; shorts for depths up to 15). Depths and layouts
+/// may differ between sources.
 void PrepareColorPlanes(const SampleSource (&sources)[3], const CodingPlane (&planes)[3],
-                        PlaneSize size, bool irreversible);
+                        PlaneSize size, CellKind cells);
 
 /// Three planes of equal size and kind: Y, Cb, Cr in floats or Y, U, V in integers.
 struct ColorPlanes {

@@ -24,7 +24,7 @@ int FirstSubband(LevelRange levels) {
 // The quality asks for a peak signal-to-noise ratio of 17 dB (0) to 57 dB (100), so for an error
 // amplitude P and a budget of P^2 per sample. A subband with weight w and n coefficients gets the
 // step sqrt(budget / (S w^2 0.04 n)), where S is the sum of 1 / w over all subbands.
-void DeriveQuantSteps(const QuantTarget& target, int numLevels, const SubbandRecord* records,
+void DeriveQuantSteps(const QuantTarget& target, int numLevels, const Box* boxes,
                       const float* weights, float* steps) {
   const int count = NumSubbands(numLevels);
   std::fill_n(steps, count, 1.0F);
@@ -37,7 +37,7 @@ void DeriveQuantSteps(const QuantTarget& target, int numLevels, const SubbandRec
   double sum = 0.0;
   for (int b = 0; b < count; ++b) sum += 1.0 / static_cast<double>(weights[b]);
   for (int b = 0; b < count; ++b) {
-    const Box& box = records[b].box;
+    const Box& box = boxes[b];
     if (box.IsEmpty()) continue;
     const double weight = static_cast<double>(weights[b]);
     const double share = sum * weight * weight * 0.04 * static_cast<double>(box.Width()) *
@@ -90,10 +90,10 @@ void MakeDecoderSteps(const SignalledSteps& said, std::int32_t R, int numLevels,
 
 void ChooseSteps(const QuantTarget& target, const Box& box, int numLevels, const float* weights,
                  ChosenSteps& chosen) {
-  SubbandRecord records[kMaxSubbands];
-  ComputeSubbandBoxes(box, numLevels, records);
+  Box boxes[kMaxSubbands] = {};
+  for (int b = 0; b < NumSubbands(numLevels); ++b) boxes[b] = SubbandBox(box, numLevels, b);
   const LevelRange all = {0, numLevels};
-  DeriveQuantSteps(target, numLevels, records, weights, chosen.steps);
+  DeriveQuantSteps(target, numLevels, boxes, weights, chosen.steps);
   StepsToExpMant(chosen.steps, target.bitDepth, all, false, chosen.exponents, chosen.mantissas);
   ClampExpMant(numLevels, chosen.exponents, chosen.mantissas);
   ExpMantToSteps(chosen.exponents, chosen.mantissas, target.bitDepth, all, chosen.steps);

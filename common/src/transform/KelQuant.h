@@ -21,8 +21,8 @@ struct QuantTarget {
 };
 
 /// Shares an error budget, which the quality sets, among the subbands by their weights and sizes.
-/// Reads the boxes of the records. A subband without coefficients gets step 1.
-void DeriveQuantSteps(const QuantTarget& target, int numLevels, const SubbandRecord* records,
+/// A subband without coefficients gets step 1.
+void DeriveQuantSteps(const QuantTarget& target, int numLevels, const Box* boxes,
                       const float* weights, float* steps);
 
 /// The steps of an irreversible tile-component as the code stream can say them: one entry per

@@ -1,5 +1,5 @@
-// The wavelet transform of a tile-component: subband geometry, forward and inverse drivers for the
-// reversible 5/3 and the irreversible 9/7 filter, and region masks.
+// The wavelet transform of a tile-component: subband geometry, inverse drivers for the reversible
+// 5/3 and the irreversible 9/7 filter, and region masks.
 //
 // A tile-component covers a box; all phases follow from the box's coordinates, never from 0. A
 // plane holds the sample (x, y) of its box at cell (y - y0) stride + (x - x0). In the Mallat
@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "base/KelBox.h"
+#include "samples/KelCellKind.h"
 
 namespace kel {
 
@@ -49,23 +50,6 @@ struct CellOffset {
 };
 CellOffset MallatOffset(const Box& box, int numLevels, int subband);
 
-/// One subband of a transformed tile-component.
-struct SubbandRecord {
-  Box box;
-  void* data;               ///< first coefficient: std::int32_t after 5/3, float after 9/7
-  std::size_t strideCells;  ///< from row to row
-  float step;               ///< what the coefficients were divided by; 1 when by nothing
-  float energy;             ///< sum of squares after division, when it was asked for
-  std::int32_t Rb;          ///< nominal range of the subband in bits
-  std::int32_t R;           ///< and of the tile-component
-};
-
-/// Fills the boxes of all subbands, and clears the rest.
-void ComputeSubbandBoxes(const Box& box, int numLevels, SubbandRecord* records);
-/// As above, with the places in the Mallat layout of a plane of 32-bit cells.
-void ComputeSubbandBoxes(const Box& box, int numLevels, void* cells, std::size_t strideCells,
-                         SubbandRecord* records);
-
 /// Rows of something, strideCells elements apart.
 template <class T>
 struct Rows {
@@ -100,10 +84,6 @@ struct BandRows {
   bool areIndices;  ///< std::int32_t, for the 9/7 filter: index times step
   float step;
 };
-
-/// What a component's bands hold: coefficients of the 5/3 filter, in cells of 32 or 16 bits, or of
-/// the 9/7 filter.
-enum class CellKind : std::uint8_t { kInts, kShorts, kFloats };
 
 /// A tile-component as its bands.
 struct ComponentBands {
@@ -166,34 +146,7 @@ void InverseDwt53RctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
 void InverseDwt97IctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
                            const Rows<std::uint8_t> (&out)[3]);
 
-// Forward transforms. Levels alternate between the source and a work plane of the same stride;
-// both end up holding subbands, where the records say, and nothing else of use.
-
-template <class Cell>
-struct ForwardPlanes {
-  Cell* source;
-  Cell* work;
-  std::size_t strideCells;
-  Box box;
-  int numLevels;
-};
-
-/// 32-bit cells of scratch that a forward driver needs. Saturates.
-std::uint64_t ForwardDwtScratchCells(const Box& box);
-
-/// Fills NumSubbands(numLevels) records: box, place, step 1; R and Rb are 0.
-void ForwardDwt53(const ForwardPlanes<std::int32_t>& planes, void* scratch, SubbandRecord* records);
-
-/// How ForwardDwt97 divides, and whether it measures.
-struct ForwardQuantisation {
-  const float* steps;  ///< one per subband, or null: divide by nothing
-  std::int32_t R;      ///< nominal range of the samples in bits
-  bool wantEnergies;   ///< sums of squares; costs a further pass
-};
-void ForwardDwt97(const ForwardPlanes<float>& planes, const ForwardQuantisation& quantisation,
-                  void* scratch, SubbandRecord* records);
-
-// Region masks. The masked forms of the forward transforms are the drivers above plus this.
+// Region masks.
 
 /// Cells around the mask of the coefficients, on each side.
 inline constexpr std::int64_t kMaskMargin = 5;
@@ -213,6 +166,9 @@ struct RegionMask {
 };
 std::uint64_t RegionMaskScratchBytes(const Box& box);
 void CarryRegionMask(const RegionMask& mask, std::uint8_t* scratch, std::uint8_t* coefficients);
+/// What the result says of a subband's row, counted from its first one.
+const std::uint8_t* RegionMaskRow(const std::uint8_t* coefficients, const Box& box, int numLevels,
+                                  int subband, std::int64_t row);
 
 }  // namespace kel
 

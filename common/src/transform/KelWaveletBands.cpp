@@ -33,27 +33,6 @@ CellOffset MallatOffset(const Box& box, int numLevels, int subband) {
   return {IsHighAcross(subband) ? low.Width() : 0, IsHighDown(subband) ? low.Height() : 0};
 }
 
-void ComputeSubbandBoxes(const Box& box, int numLevels, SubbandRecord* records) {
-  for (int b = 0; b < NumSubbands(numLevels); ++b) {
-    records[b] = {};
-    records[b].box = SubbandBox(box, numLevels, b);
-  }
-}
-
-void ComputeSubbandBoxes(const Box& box, int numLevels, void* cells, std::size_t strideCells,
-                         SubbandRecord* records) {
-  ComputeSubbandBoxes(box, numLevels, records);
-  for (int b = 0; b < NumSubbands(numLevels); ++b) {
-    records[b].data = cells;
-    records[b].strideCells = strideCells;
-    if (records[b].box.IsEmpty()) continue;
-    const CellOffset offset = MallatOffset(box, numLevels, b);
-    records[b].data = static_cast<std::int32_t*>(cells) +
-                      static_cast<std::size_t>(offset.row) * strideCells +
-                      static_cast<std::size_t>(offset.column);
-  }
-}
-
 // With |L| <= l and |H| <= h, a pass of the 5/3 filter gives
 //   |X(2n)|     <= l + (h + 1) / 2 = e, since |floor((H + H' + 2) / 4)| <= (h + 1) / 2,
 //   |X(2n + 1)| <= h + e,               since |floor((X + X') / 2)| <= e,

@@ -1,9 +1,7 @@
-// Drivers of the forward wavelet transform.
-//
-// A level goes strip by strip. Each step analyses the next rows down, which gives one low-pass and
-// one high-pass row of the strip with a few columns of its neighbours, mirrors them at the box's
-// edges, and analyses each across straight into its two bands. Levels alternate between the two
-// planes, so that nothing is copied back.
+// Steps of the forward wavelet transform's levels. A step analyses rows down, which gives a
+// low-pass and a high-pass row, mirrors their ends at the box's edges, and analyses each across.
+#include "transform/KelWaveletForward.h"
+
 #include <cstring>
 #include <utility>
 
@@ -14,24 +12,39 @@
 namespace kel {
 namespace {
 
-/// Columns of its neighbours that a strip analyses down as well, on each side: the 9/7 filter
-/// across reaches 4 columns to either side of a pair, which may begin one before the strip.
-constexpr std::int64_t kSideColumns = 6;
+/// Cells beside a row's samples that hold mirrored ones: the 9/7 filter across reaches 4 cells to
+/// either side of a pair, which may begin one before the row.
+constexpr std::int64_t kSideCells = 6;
 
-// The two filters as the strips use them. State is what one step's rows down leave for the next.
+/// Cells in front of a row's first sample, so that it stands on a cache line of its own.
+constexpr std::int64_t kLeadCells = 32;
 
+constexpr std::int64_t kLine = 64;
+
+// The two filters. State is what one step's rows down leave for the next; kFirst and kLast are the
+// rows that a step reads, counted from its even one.
+
+template <class C>
 struct Analysis53 {
-  using Cell = std::int32_t;
-  using State = std::int32_t;
+  using Cell = C;
+  using State = C;
+  static constexpr std::int64_t kFirst = 0, kLast = 2, kRingRows = 4;
   /// The state is the high-pass row itself.
   static constexpr bool kStateIsHigh = true;
 
+  static const AnalysisKernels<C>& Kernel() {
+    if constexpr (sizeof(C) == sizeof(std::int16_t)) {
+      return Kernels().wavelet.analysis53Short;
+    } else {
+      return Kernels().wavelet.analysis53;
+    }
+  }
   static void Rows(const Cell* const* x, const State* before, State* state, Cell* const lowHigh[2],
                    std::size_t count) {
-    Kernels().wavelet.analyseRows53(x + 2, before, state, lowHigh[0], count);
+    Kernel().rows(x, before, state, lowHigh[0], count);
   }
   static void Row(const Cell* x, Cell* low, Cell* high, std::size_t pairs, const double*) {
-    Kernels().wavelet.analyseRow53(x, low, high, pairs);
+    Kernel().row(x, low, high, pairs);
   }
   static Cell Doubled(Cell v) { return static_cast<Cell>(static_cast<std::uint32_t>(v) * 2U); }
   static Cell Scaled(Cell v, double) { return v; }
@@ -40,6 +53,7 @@ struct Analysis53 {
 struct Analysis97 {
   using Cell = float;
   using State = double;
+  static constexpr std::int64_t kFirst = -2, kLast = 4, kRingRows = 8;
   static constexpr bool kStateIsHigh = false;
 
   static void Rows(const Cell* const* x, const State* before, State* state, Cell* const lowHigh[2],
@@ -55,222 +69,328 @@ struct Analysis97 {
   }
 };
 
-/// One level: where it reads, where it writes, and the rows at work.
-template <class Filter>
-struct StripAnalysis {
-  using Cell = typename Filter::Cell;
-  using State = typename Filter::State;
+template <class Cell>
+Cell* AsCells(std::uint8_t* bytes) {
+  return reinterpret_cast<Cell*>(bytes);
+}
 
-  const Cell* source;
-  Cell* target;
-  std::size_t strideCells;
-  Box box;
-  double factors[4];    ///< of the level's bands by kind
-  std::int64_t c0, c1;  ///< columns of the strip
-  Cell* lowHigh[2];     ///< rows made down; the strip's first column stands at kRowLead
-  State* states[2];     ///< of the step before and of this step
+/// A row of the ring, counted from the level's first.
+template <class Filter>
+typename Filter::Cell* RingRow(const ForwardLevel& level, std::int64_t row) {
+  const auto place = static_cast<std::size_t>(row & (Filter::kRingRows - 1));
+  return AsCells<typename Filter::Cell>(level.ring + place * level.rowBytes);
+}
+
+/// The level, the number of the level (0 the finest), and who else is needed for its steps.
+template <class Filter>
+struct LevelAtWork {
+  using Cell = typename Filter::Cell;
+
+  ForwardRows& rows;
+  int number;
+
+  ForwardLevel& Level() const { return rows.levels[number]; }
+  ForwardLevel& Next() const { return rows.levels[number + 1]; }
+  /// The subband of a kind.
+  int Subband(bool highAcross, bool highDown) const {
+    if (!highAcross && !highDown) return 0;
+    return 3 * (rows.numLevels - number - 1) + (highAcross ? 1 : 0) + (highDown ? 2 : 0);
+  }
+  Cell* LowHigh(bool high) const { return AsCells<Cell>(rows.lowHigh[high ? 1 : 0]) + kLeadCells; }
+  Cell* Across(bool high) const { return AsCells<Cell>(rows.across[high ? 1 : 0]); }
 };
 
-template <class Filter>
-void TakeRows(StripAnalysis<Filter>& s, std::int64_t width, ScratchCutter& scratch) {
-  using State = typename Filter::State;
-  const std::int64_t cells = ScratchRowCells(width);
-  for (auto*& row : s.lowHigh) row = scratch.Take<typename Filter::Cell>(cells);
-  for (State*& state : s.states) state = scratch.Take<State>(cells);
-}
-
-/// Fills the columns beside the box with mirrored ones, where the strip touches an edge.
-template <class Filter>
-void MirrorSides(const StripAnalysis<Filter>& s, typename Filter::Cell* row) {
-  const auto mirror = [&](std::int64_t c) {
-    row[c - s.c0] = row[Mirror(c, s.box.x0, s.box.x1) - s.c0];
-  };
-  for (std::int64_t i = 1; i <= kSideColumns && s.c0 == s.box.x0; ++i) mirror(s.c0 - i);
-  for (std::int64_t i = 0; i < kSideColumns && s.c1 == s.box.x1; ++i) mirror(s.c1 + i);
-}
-
-/// Analyses across a row of index n, low or high down, into its two bands. The row points at the
-/// strip's first column.
-template <class Filter>
-void AnalyseAcross(const StripAnalysis<Filter>& s, bool highDown, std::int64_t n,
-                   typename Filter::Cell* row) {
-  using Cell = typename Filter::Cell;
-  const Box& box = s.box;
-  const Box lowBox = ReduceBox(box, 1);
-  const std::int64_t bandRow = n - BandEdge(box.y0, highDown) + (highDown ? lowBox.Height() : 0);
-  Cell* const low = s.target + static_cast<std::size_t>(bandRow) * s.strideCells;
-  Cell* const high = low + lowBox.Width();
-  const double* const factors = s.factors + (highDown ? 2 : 0);
-  if (box.Width() == 1) {
-    const bool odd = (box.x0 & 1) != 0;
-    *low =
-        odd ? Filter::Scaled(Filter::Doubled(*row), factors[1]) : Filter::Scaled(*row, factors[0]);
+template <class Cell>
+void MirrorSides(const Box& box, Cell* row) {
+  const std::int64_t width = box.Width();
+  if (width > kSideCells) {
+    for (std::int64_t i = 1; i <= kSideCells; ++i) {
+      row[-i] = row[i];
+      row[width - 1 + i] = row[width - 1 - i];
+    }
     return;
   }
-  MirrorSides(s, row);
-  // Whole pairs go straight to the bands; a sample without its partner at either end of the
-  // strip takes the way over a pair of its own.
-  const std::int64_t lowFirst = BandEdge(box.x0, false), highFirst = BandEdge(box.x0, true);
-  const std::int64_t first = CeilShift(s.c0, 1), end = FloorShift(s.c1, 1);
-  Cell pair[2];
-  if ((s.c0 & 1) != 0) {
+  for (std::int64_t i = 1; i <= kSideCells; ++i) {
+    row[-i] = row[Mirror(box.x0 - i, box.x0, box.x1) - box.x0];
+  }
+  for (std::int64_t i = 0; i < kSideCells; ++i) {
+    row[width + i] = row[Mirror(box.x1 + i, box.x0, box.x1) - box.x0];
+  }
+}
+
+/// Analyses across a row that was made down. The row has room for its mirrored neighbours.
+template <class Filter>
+void SplitRow(const Box& box, typename Filter::Cell* row, const double* factors,
+              typename Filter::Cell* low, typename Filter::Cell* high) {
+  if (box.Width() == 1) {
+    if ((box.x0 & 1) != 0) {
+      *high = Filter::Scaled(Filter::Doubled(*row), factors[1]);
+    } else {
+      *low = Filter::Scaled(*row, factors[0]);
+    }
+    return;
+  }
+  MirrorSides(box, row);
+  // Whole pairs go straight to the bands; a sample without its partner at either end of the row
+  // takes the way over a pair of its own.
+  const std::int64_t first = CeilShift(box.x0, 1), end = FloorShift(box.x1, 1);
+  typename Filter::Cell pair[2];
+  if ((box.x0 & 1) != 0) {
     Filter::Row(row - 1, pair, pair + 1, 1, factors);
-    high[first - 1 - highFirst] = pair[1];
+    *high++ = pair[1];
   }
-  Filter::Row(row + (2 * first - s.c0), low + (first - lowFirst), high + (first - highFirst),
-              static_cast<std::size_t>(end - first), factors);
-  if ((s.c1 & 1) != 0) {
-    Filter::Row(row + (2 * end - s.c0), pair, pair + 1, 1, factors);
-    low[end - lowFirst] = pair[0];
+  Filter::Row(row + (2 * first - box.x0), low, high, static_cast<std::size_t>(end - first),
+              factors);
+  if ((box.x1 & 1) != 0) {
+    Filter::Row(row + (2 * end - box.x0), pair, pair + 1, 1, factors);
+    low[end - first] = pair[0];
   }
+}
+
+template <class Filter>
+void TakeRow(ForwardRows& rows, int number);
+
+/// Analyses across row n of the rows that are low or high down, and hands over what is a band's.
+/// LL goes to the next level, which takes it when both rows of the step are done.
+template <class Filter>
+void AnalyseAcross(const LevelAtWork<Filter>& work, bool highDown, std::int64_t n,
+                   typename Filter::Cell* row) {
+  const ForwardLevel& level = work.Level();
+  const Box& box = level.box;
+  auto* const low =
+      highDown ? work.Across(false) : RingRow<Filter>(work.Next(), work.Next().numTaken);
+  auto* const high = work.Across(true);
+  SplitRow<Filter>(box, row, level.factors + (highDown ? 2 : 0), low, high);
+  const BandRowTaker& taker = work.rows.taker;
+  const std::int64_t bandRow = n - BandEdge(box.y0, highDown);
+  if (BandEdge(box.x0, true) < BandEdge(box.x1, true)) {
+    taker.take(taker.context, work.Subband(true, highDown), bandRow, high);
+  }
+  if (highDown && BandEdge(box.x0, false) < BandEdge(box.x1, false)) {
+    taker.take(taker.context, work.Subband(false, true), bandRow, low);
+  }
+}
+
+/// One pair of rows, of which the level's box may hold both, one or none.
+template <class Filter>
+void Step(const LevelAtWork<Filter>& work) {
+  using Cell = typename Filter::Cell;
+  using State = typename Filter::State;
+  ForwardLevel& level = work.Level();
+  const Box& box = level.box;
+  const std::int64_t n = level.step++;
+  const Cell* x[Filter::kLast - Filter::kFirst + 1];
+  for (std::int64_t i = Filter::kFirst; i <= Filter::kLast; ++i) {
+    x[i - Filter::kFirst] = RingRow<Filter>(level, Mirror(2 * n + i, box.y0, box.y1) - box.y0);
+  }
+  State* const before = AsCells<State>(level.states[0]) + kLeadCells;
+  State* const state = AsCells<State>(level.states[1]) + kLeadCells;
+  Cell* lowHigh[2] = {work.LowHigh(false), work.LowHigh(true)};
+  if constexpr (Filter::kStateIsHigh) lowHigh[1] = state;
+  Filter::Rows(x, before, state, lowHigh, static_cast<std::size_t>(box.Width()));
+  std::swap(level.states[0], level.states[1]);
+  for (const bool high : {false, true}) {
+    const std::int64_t y = 2 * n + (high ? 1 : 0);
+    if (y >= box.y0 && y < box.y1) AnalyseAcross(work, high, n, lowHigh[high ? 1 : 0]);
+  }
+  if (2 * n >= box.y0 && !work.Next().box.IsEmpty()) TakeRow<Filter>(work.rows, work.number + 1);
 }
 
 /// A level of one row is not filtered down.
 template <class Filter>
-void AnalyseSingleRow(const StripAnalysis<Filter>& s, std::int64_t from, std::int64_t to) {
-  const bool odd = (s.box.y0 & 1) != 0;
-  typename Filter::Cell* const row = s.lowHigh[0] + kRowLead;
-  for (std::int64_t c = from; c < to; ++c) {
-    const typename Filter::Cell v = s.source[c - s.box.x0];
-    row[c - s.c0] = odd ? Filter::Doubled(v) : v;
-  }
-  AnalyseAcross(s, odd, FloorShift(s.box.y0, 1), row);
+void TakeSingleRow(const LevelAtWork<Filter>& work) {
+  using Cell = typename Filter::Cell;
+  const Box& box = work.Level().box;
+  const bool odd = (box.y0 & 1) != 0;
+  const Cell* const from = RingRow<Filter>(work.Level(), 0);
+  Cell* const row = work.LowHigh(false);
+  for (std::int64_t x = 0; x < box.Width(); ++x) row[x] = odd ? Filter::Doubled(from[x]) : from[x];
+  AnalyseAcross(work, odd, FloorShift(box.y0, 1), row);
+  if (!odd && !work.Next().box.IsEmpty()) TakeRow<Filter>(work.rows, work.number + 1);
 }
 
+/// The last of the rows, counted from the level's first, that the next step reads.
 template <class Filter>
-void AnalyseStrip(StripAnalysis<Filter>& s) {
-  using Cell = typename Filter::Cell;
-  const Box& box = s.box;
-  const std::int64_t from = std::max(box.x0, s.c0 - kSideColumns);
-  const std::int64_t to = std::min(box.x1, s.c1 + kSideColumns);
-  if (box.Height() == 1) {
-    AnalyseSingleRow(s, from, to);
+std::int64_t LastRowOfStep(const ForwardLevel& level) {
+  const Box& box = level.box;
+  const std::int64_t first = 2 * level.step + Filter::kFirst, last = 2 * level.step + Filter::kLast;
+  if (first >= box.y0 && last < box.y1) return last - box.y0;
+  std::int64_t greatest = 0;
+  for (std::int64_t y = first; y <= last; ++y) {
+    greatest = std::max(greatest, Mirror(y, box.y0, box.y1) - box.y0);
+  }
+  return greatest;
+}
+
+/// Takes the row that stands in the level's ring, and goes on as far as it allows.
+template <class Filter>
+void TakeRow(ForwardRows& rows, int number) {
+  ForwardLevel& level = rows.levels[number];
+  const std::int64_t row = level.numTaken++;
+  if (number == rows.numLevels) {
+    auto* const cells = RingRow<Filter>(level, row);
+    // With levels the steps across have multiplied by the factor.
+    for (std::int64_t x = 0; number == 0 && x < level.box.Width(); ++x) {
+      cells[x] = Filter::Scaled(cells[x], level.factors[0]);
+    }
+    rows.taker.take(rows.taker.context, 0, row, cells);
     return;
   }
-  const std::size_t count = static_cast<std::size_t>(to - from);
-  const std::int64_t at = kRowLead + from - s.c0;
-  // The first step only leaves its state: the high-pass row above the first low-pass one. What
-  // it is given as the state before it does not matter.
-  std::memset(s.states[0], 0,
-              static_cast<std::size_t>(at) * sizeof *s.states[0] + count * sizeof *s.states[0]);
-  for (std::int64_t n = FloorShift(box.y0, 1) - 1; 2 * n < box.y1; ++n) {
-    const Cell* x[7];
-    for (int i = 0; i < 7; ++i) {
-      const std::int64_t row = Mirror(2 * n - 2 + i, box.y0, box.y1) - box.y0;
-      x[i] = s.source + static_cast<std::size_t>(row) * s.strideCells + (from - box.x0);
-    }
-    if constexpr (Filter::kStateIsHigh) s.lowHigh[1] = s.states[1];
-    Cell* const lowHigh[2] = {s.lowHigh[0] + at, s.lowHigh[1] + at};
-    Filter::Rows(x, s.states[0] + at, s.states[1] + at, lowHigh, count);
-    for (const bool high : {false, true}) {
-      const std::int64_t y = 2 * n + (high ? 1 : 0);
-      if (y >= box.y0 && y < box.y1) AnalyseAcross(s, high, n, s.lowHigh[high] + kRowLead);
-    }
-    std::swap(s.states[0], s.states[1]);
+  const LevelAtWork<Filter> work = {rows, number};
+  if (level.box.Height() == 1) return TakeSingleRow(work);
+  while (2 * level.step < level.box.y1 && LastRowOfStep<Filter>(level) < level.numTaken) {
+    Step(work);
   }
 }
 
-/// Notes where the bands of a level stand, LL among them in case no further level follows.
-template <class Cell>
-void PlaceBands(const ForwardPlanes<Cell>& planes, int level, Cell* plane, SubbandRecord* records) {
-  const int first = 3 * (planes.numLevels - level) + 1;
-  for (const int b : {0, first, first + 1, first + 2}) {
-    const CellOffset offset = MallatOffset(planes.box, planes.numLevels, b);
-    records[b].data = plane;
-    records[b].strideCells = planes.strideCells;
-    if (b == 0 || records[b].box.IsEmpty()) continue;
-    records[b].data = plane + static_cast<std::size_t>(offset.row) * planes.strideCells +
-                      static_cast<std::size_t>(offset.column);
-  }
-}
+// ---- Memory ----
 
-/// All levels. Every band's coefficients are multiplied by its factor.
+struct CellSizes {
+  std::int64_t cell, state, ringRows;
+};
+
 template <class Filter>
-void RunForward(const ForwardPlanes<typename Filter::Cell>& planes, const double* factors,
-                void* scratch, SubbandRecord* records) {
-  using Cell = typename Filter::Cell;
-  StripAnalysis<Filter> s = {};
-  s.strideCells = planes.strideCells;
-  ScratchCutter cutter(scratch);
-  TakeRows(s, planes.box.Width(), cutter);
-  Cell *source = planes.source, *target = planes.work;
-  for (int level = 1; level <= planes.numLevels; ++level) {
-    s.box = ReduceBox(planes.box, level - 1);
-    s.source = source;
-    s.target = target;
-    s.factors[0] = level == planes.numLevels ? factors[0] : 1.0;
-    for (int kind = 1; kind < 4; ++kind) {
-      s.factors[kind] = factors[3 * (planes.numLevels - level) + kind];
-    }
-    for (s.c0 = s.box.x0; s.c0 < s.box.x1 && !s.box.IsEmpty(); s.c0 = s.c1) {
-      s.c1 = StripEnd(s.c0, s.box.x1);
-      AnalyseStrip(s);
-    }
-    PlaceBands(planes, level, target, records);
-    std::swap(source, target);
-  }
+constexpr CellSizes SizesOf() {
+  return {sizeof(typename Filter::Cell), sizeof(typename Filter::State), Filter::kRingRows};
 }
 
-/// Boxes, and LL where it stands when there are no levels.
-template <class Cell>
-void BeginRecords(const ForwardPlanes<Cell>& planes, SubbandRecord* records) {
-  ComputeSubbandBoxes(planes.box, planes.numLevels, records);
-  records[0].data = planes.source;
-  records[0].strideCells = planes.strideCells;
-  for (int b = 0; b < NumSubbands(planes.numLevels); ++b) records[b].step = 1.0F;
+CellSizes SizesOf(CellKind cells) {
+  switch (cells) {
+    case CellKind::kShorts:
+      return SizesOf<Analysis53<std::int16_t>>();
+    case CellKind::kInts:
+      return SizesOf<Analysis53<std::int32_t>>();
+    case CellKind::kFloats:
+      break;
+  }
+  return SizesOf<Analysis97>();
 }
 
-/// Sum of squares, each row's in double precision.
-float Energy(const SubbandRecord& band) {
-  float energy = 0.0F;
-  for (std::int64_t y = 0; y < band.box.Height() && !band.box.IsEmpty(); ++y) {
-    const float* const row =
-        static_cast<const float*>(band.data) + static_cast<std::size_t>(y) * band.strideCells;
-    double sum = 0.0;
-    for (std::int64_t x = 0; x < band.box.Width(); ++x) sum += double{row[x]} * double{row[x]};
-    energy += static_cast<float>(sum);
-  }
-  return energy;
+/// Bytes of a row with room on both sides. Five lines more than a multiple of eight keep rows of
+/// usual widths from falling onto the same lines of the processor's cache.
+std::int64_t RowBytes(std::int64_t width, std::int64_t cellBytes) {
+  return RoundUp((width + 2 * kLeadCells) * cellBytes, 8 * kLine) + 5 * kLine;
 }
 
-void ScaleRows(const SubbandRecord& band, double factor) {
-  for (std::int64_t y = 0; y < band.box.Height(); ++y) {
-    float* const row =
-        static_cast<float*>(band.data) + static_cast<std::size_t>(y) * band.strideCells;
-    for (std::int64_t x = 0; x < band.box.Width(); ++x) row[x] = Analysis97::Scaled(row[x], factor);
+/// Hands out pieces of a block one after the other; without a block it only adds up.
+class Cutter {
+ public:
+  explicit Cutter(void* block) : block_(static_cast<std::uint8_t*>(block)) {}
+  std::uint8_t* Take(std::int64_t bytes) {
+    std::uint8_t* const taken = block_ != nullptr ? block_ + taken_ : nullptr;
+    taken_ = SaturatingAdd(taken_, AsCount(bytes));
+    return taken;
   }
+  std::uint64_t Taken() const { return taken_; }
+
+ private:
+  std::uint8_t* block_;
+  std::uint64_t taken_ = 0;
+};
+
+void CutMemory(const Box& box, CellKind cells, Cutter& cutter, ForwardRows& rows) {
+  const CellSizes sizes = SizesOf(cells);
+  for (int l = 0; l <= rows.numLevels; ++l) {
+    ForwardLevel& level = rows.levels[l];
+    level = {};
+    level.box = ReduceBox(box, l);
+    level.rowBytes = static_cast<std::size_t>(RowBytes(level.box.Width(), sizes.cell));
+    const std::int64_t ringRows = std::min(sizes.ringRows, level.box.Height());
+    level.ring = cutter.Take(static_cast<std::int64_t>(level.rowBytes) * ringRows);
+    if (l == rows.numLevels) continue;
+    for (auto*& state : level.states) state = cutter.Take(RowBytes(level.box.Width(), sizes.state));
+  }
+  for (auto*& row : rows.lowHigh) row = cutter.Take(RowBytes(box.Width(), sizes.cell));
+  for (auto*& row : rows.across) row = cutter.Take(RowBytes(box.Width() / 2 + 1, sizes.cell));
+}
+
+double FactorOf(const float* steps, int subband) {
+  return steps != nullptr ? 1.0 / static_cast<double>(steps[subband]) : 1.0;
+}
+
+template <class Filter>
+void BeginLevel(ForwardLevel& level) {
+  level.step = FloorShift(level.box.y0, 1) - 1;
+  // The first step only leaves its state: the high-pass row above the first low-pass one. What it
+  // is given as the state before it does not matter, but must be there.
+  std::memset(
+      level.states[0], 0,
+      static_cast<std::size_t>(level.box.Width() + kLeadCells) * sizeof(typename Filter::State));
 }
 
 }  // namespace
 
-std::uint64_t ForwardDwtScratchCells(const Box& box) {
-  // Two rows of cells and two of states, which may be doubles.
-  return box.IsEmpty() ? 0 : AsCount(6 * ScratchRowCells(box.Width()));
+// The 5/3 filter with symmetric extension is linear but for its rounding. Let the samples be at
+// most M in magnitude.
+//
+// Down or across, a step makes H = b - floor((a + c) / 2) and L = b + floor((H + H' + 2) / 4) of
+// neighbours, which differ by at most 1/2 and 3/4 from what they would be without rounding. Without
+// rounding, L of k levels in a row is a sum of samples whose weights have magnitudes that add up to
+// 1.5, 1.625, 1.6875, ..., for k up to 12 always below 1.72; H after k - 1 such levels to 2, 2.5,
+// 2.75, ..., always below 2.87. The largest values are those that are high both ways, below
+// 2.87^2 M < 8.24 M; a row of one sample that is doubled stays below that too.
+//
+// Rounding: a level adds less than 2 to its LL (3/4 down, weighted by 1.5 across, and 3/4). What it
+// adds goes through the levels after it like a sample, and comes out less than 8.24 times as large;
+// so after 12 levels it is below 8.24 * 2 * 12 < 198, and with the last level's own below 200.
+//
+// The sums inside the formulas are the widest: H + H' + 2 is below 2 (8.24 M + 200) + 2. With
+// M = 1024 that is below 17,300. Everything fits 16 bits, which hold up to 32,767.
+bool SamplesFitShorts(int sampleBits, int numLevels) {
+  constexpr int kMostBits = 11;
+  constexpr int kMostShortLevels = 12;
+  return sampleBits <= kMostBits && numLevels <= kMostShortLevels;
 }
 
-void ForwardDwt53(const ForwardPlanes<std::int32_t>& planes, void* scratch,
-                  SubbandRecord* records) {
-  double factors[kMaxSubbands];
-  std::fill_n(factors, NumSubbands(planes.numLevels), 1.0);
-  BeginRecords(planes, records);
-  RunForward<Analysis53>(planes, factors, scratch, records);
+std::uint64_t ForwardRowsBytes(const Box& box, int numLevels, CellKind cells) {
+  if (box.IsEmpty()) return 0;
+  ForwardRows rows;
+  rows.numLevels = numLevels;
+  Cutter cutter(nullptr);
+  CutMemory(box, cells, cutter, rows);
+  return cutter.Taken();
 }
 
-void ForwardDwt97(const ForwardPlanes<float>& planes, const ForwardQuantisation& quantisation,
-                  void* scratch, SubbandRecord* records) {
-  double factors[kMaxSubbands];
-  BeginRecords(planes, records);
-  for (int b = 0; b < NumSubbands(planes.numLevels); ++b) {
-    SubbandRecord& band = records[b];
-    if (quantisation.steps != nullptr) band.step = quantisation.steps[b];
-    band.R = quantisation.R;
-    band.Rb = quantisation.R + GainOfSubband(b);
-    factors[b] = 1.0 / static_cast<double>(band.step);
+void BeginForward(const ForwardJob& job, void* memory, ForwardRows& rows) {
+  rows.taker = job.taker;
+  rows.cells = job.cells;
+  rows.numLevels = job.numLevels;
+  Cutter cutter(memory);
+  CutMemory(job.box, job.cells, cutter, rows);
+  for (int l = 0; l < job.numLevels && !job.box.IsEmpty(); ++l) {
+    ForwardLevel& level = rows.levels[l];
+    level.factors[0] = l == job.numLevels - 1 ? FactorOf(job.steps, 0) : 1.0;
+    for (int kind = 1; kind < 4; ++kind) {
+      level.factors[kind] = FactorOf(job.steps, 3 * (job.numLevels - l - 1) + kind);
+    }
+    if (job.cells == CellKind::kShorts) BeginLevel<Analysis53<std::int16_t>>(level);
+    if (job.cells == CellKind::kInts) BeginLevel<Analysis53<std::int32_t>>(level);
+    if (job.cells == CellKind::kFloats) BeginLevel<Analysis97>(level);
   }
-  RunForward<Analysis97>(planes, factors, scratch, records);
-  if (planes.numLevels == 0) ScaleRows(records[0], factors[0]);
-  for (int b = 0; b < NumSubbands(planes.numLevels) && quantisation.wantEnergies; ++b) {
-    records[b].energy = Energy(records[b]);
+  if (job.numLevels == 0) rows.levels[0].factors[0] = FactorOf(job.steps, 0);
+}
+
+void* NextSampleRow(const ForwardRows& rows) {
+  const ForwardLevel& level = rows.levels[0];
+  switch (rows.cells) {
+    case CellKind::kShorts:
+      return RingRow<Analysis53<std::int16_t>>(level, level.numTaken);
+    case CellKind::kInts:
+      return RingRow<Analysis53<std::int32_t>>(level, level.numTaken);
+    case CellKind::kFloats:
+      break;
+  }
+  return RingRow<Analysis97>(level, level.numTaken);
+}
+
+void TakeSampleRow(ForwardRows& rows) {
+  switch (rows.cells) {
+    case CellKind::kShorts:
+      return TakeRow<Analysis53<std::int16_t>>(rows, 0);
+    case CellKind::kInts:
+      return TakeRow<Analysis53<std::int32_t>>(rows, 0);
+    case CellKind::kFloats:
+      return TakeRow<Analysis97>(rows, 0);
   }
 }
 

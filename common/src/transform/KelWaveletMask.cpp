@@ -124,4 +124,11 @@ void CarryRegionMask(const RegionMask& mask, std::uint8_t* scratch, std::uint8_t
   }
 }
 
+const std::uint8_t* RegionMaskRow(const std::uint8_t* coefficients, const Box& box, int numLevels,
+                                  int subband, std::int64_t row) {
+  const CellOffset place = MallatOffset(box, numLevels, subband);
+  const std::int64_t stride = box.Width() + 2 * kMaskMargin;
+  return coefficients + (kMaskMargin + place.row + row) * stride + kMaskMargin + place.column;
+}
+
 }  // namespace kel

@@ -1,0 +1,113 @@
+// Rows of a tile from the host's buffers into the transform, and the quantisation targets of its
+// components.
+#include "encode/KelTileRows.h"
+
+#include <algorithm>
+
+#include "KelRate.h"
+#include "encode/KelMainStream.h"
+
+namespace kel {
+namespace {
+
+/// The part of the error budget that a component gets: the colour transform weighs errors in its
+/// results differently.
+float BudgetFactor(const KelEncOpt& o, KelLong component) {
+  if (!o.ComponentTransform || o.GeomParams->Csiz < 2 || component > 2) return 1.0F;
+  return static_cast<float>(component == 0 ? 1.0 / 3.9172 : 1.0 / 2.13847);
+}
+
+bool IsTransformedColor(const KelEncOpt& o, KelLong component) {
+  return component < 3 && ColorTransformApplies(o);
+}
+
+/// The transforms of components that go together; of those that are wanted.
+class TogetherRows {
+ public:
+  TogetherRows(const ForwardJob* jobs, KelLong count, KeptBlock& memory)
+      : jobs_(jobs), count_(count) {
+    std::uint64_t needed = 0;
+    for (KelLong c = 0; c < count; ++c) needed = SaturatingAdd(needed, BytesOf(c));
+    auto* next = static_cast<std::uint8_t*>(EnsureKept(memory, needed));
+    for (KelLong c = 0; c < count; ++c) {
+      if (!IsWanted(c)) continue;
+      BeginForward(jobs[c], next, rows_[c]);
+      next += BytesOf(c);
+    }
+  }
+
+  /// Where the next row of each component goes; null for those that are not wanted.
+  void GetPlanes(CodingPlane (&planes)[kMostTogether]) const {
+    for (KelLong c = 0; c < count_; ++c) {
+      planes[c] = {IsWanted(c) ? NextSampleRow(rows_[c]) : nullptr, 0};
+    }
+  }
+  void TakeRow() {
+    for (KelLong c = 0; c < count_; ++c) {
+      if (IsWanted(c)) TakeSampleRow(rows_[c]);
+    }
+  }
+
+ private:
+  bool IsWanted(KelLong c) const { return !jobs_[c].box.IsEmpty(); }
+  std::uint64_t BytesOf(KelLong c) const {
+    return ForwardRowsBytes(jobs_[c].box, jobs_[c].numLevels, jobs_[c].cells);
+  }
+
+  const ForwardJob* jobs_;
+  KelLong count_;
+  ForwardRows rows_[kMostTogether];
+};
+
+}  // namespace
+
+RowKind RowKindAlone(int bitDepth, int numLevels) {
+  return {SamplesFitShorts(bitDepth, numLevels) ? CellKind::kShorts : CellKind::kInts, bitDepth};
+}
+
+RowKind RowKindOf(const KelEncOpt& o, KelLong component, int numLevels) {
+  const KelLong* const depths = o.GeomParams->BitDepths;
+  const bool isColor = IsTransformedColor(o, component);
+  const KelLong depth = isColor ? *std::max_element(depths, depths + 3) : depths[component];
+  if (IsCodedIrreversibly(o, component)) return {CellKind::kFloats, depth};
+  // Differences of colours have a bit more than the colours.
+  return RowKindAlone(isColor ? depth + 1 : depth, numLevels);
+}
+
+KelLong NumTogether(const KelEncOpt& o, KelLong component) {
+  return component == 0 && ColorTransformApplies(o) ? 3 : 1;
+}
+
+bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
+                       KeptBlock& memory) {
+  const ForwardJob* const job =
+      std::find_if(jobs, jobs + count, [](const ForwardJob& j) { return !j.box.IsEmpty(); });
+  if (job == jobs + count) return true;
+  FetchedSamples samples[kMostTogether];
+  for (KelLong c = 0; c < count; ++c) {
+    if (!source.Fetch(first + c, samples[c])) return false;
+  }
+  TogetherRows rows(jobs, count, memory);
+  const PlaneSize row = {job->box.Width(), 1};
+  for (std::uint64_t y = 0; y < AsCount(job->box.Height()); ++y) {
+    CodingPlane planes[kMostTogether] = {};
+    rows.GetPlanes(planes);
+    if (count == 1) {
+      PreparePlane(FromRow(samples[0].source, y), planes[0], row, job->cells);
+    } else {
+      PrepareColorPlanes({FromRow(samples[0].source, y), FromRow(samples[1].source, y),
+                          FromRow(samples[2].source, y)},
+                         planes, row, job->cells);
+    }
+    rows.TakeRow();
+  }
+  return true;
+}
+
+QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component) {
+  const KelEncOpt& o = state.encoder->settings;
+  return {QualityNumber(state.encOpt->TargetQuality), component.X1 - component.X0,
+          component.Y1 - component.Y0, AnnouncedDepth(o), BudgetFactor(o, component.Component)};
+}
+
+}  // namespace kel

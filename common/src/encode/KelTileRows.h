@@ -1,0 +1,44 @@
+// What coding a tile and previewing it have in common: the way of its samples, row by row, from the
+// host's buffers through the component transform into the wavelet transform, and what their
+// quantisation follows from.
+#ifndef KEL_TILE_ROWS_H
+#define KEL_TILE_ROWS_H
+
+#include "encode/KelImageEncode.h"
+#include "format/KelTileBox.h"
+#include "transform/KelQuant.h"
+#include "transform/KelWaveletForward.h"
+
+namespace kel {
+
+/// What the rows of a component are made of.
+struct RowKind {
+  CellKind cells;
+  int sampleBits;  ///< after the component transform, sign included
+};
+
+/// The kind of rows that a component is transformed in, through so many levels: floats when it is
+/// coded irreversibly, else integers as narrow as they may be.
+RowKind RowKindOf(const KelEncOpt& options, KelLong component, int numLevels);
+/// The kind of integers for samples that no colour transform changes.
+RowKind RowKindAlone(int bitDepth, int numLevels);
+
+/// Components that are transformed together: three colours, or one.
+inline constexpr KelLong kMostTogether = 3;
+
+/// How many components, from one on, are transformed together.
+KelLong NumTogether(const KelEncOpt& options, KelLong component);
+
+/// Fetches components and transforms them: three colours with the colour transform, or a single
+/// one. Jobs with an empty box are not wanted; their cells are of one kind. Nothing is fetched when
+/// none is wanted. What was fetched of single components is given back. Returns false when the host
+/// gave no samples. Raises as TileSource::Fetch, and 8.
+bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
+                       KeptBlock& memory);
+
+/// What the steps of an irreversible component follow from, at the host's present quality.
+QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component);
+
+}  // namespace kel
+
+#endif
