@@ -11,7 +11,7 @@
 #include <cstdint>
 
 #include "KelKeptBlock.h"
-#include "format/KelHeaders.h"
+#include "transform/KelWavelet.h"
 
 namespace kel {
 

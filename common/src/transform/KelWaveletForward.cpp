@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "kernels/KelKernels.h"
-#include "transform/KelWavelet.h"
 #include "transform/KelWaveletStrips.h"
 
 namespace kel {

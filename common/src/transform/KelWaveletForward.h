@@ -12,7 +12,8 @@
 #include <cstdint>
 
 #include "base/KelBox.h"
-#include "format/KelHeaders.h"
+#include "samples/KelCellKind.h"
+#include "transform/KelWavelet.h"
 
 namespace kel {
 
