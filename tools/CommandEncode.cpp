@@ -118,7 +118,7 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
       ->excludes(lossless);
   command
       .add_option("--tile", options.tile,
-                  "size of tiles [sides up to 1791 uncut, longer ones about 1024]\n"
+                  "size of tiles [about 1024x512; one up to a megapixel]\n"
                   "Tiles are what threads can work on side by side.")
       ->type_name("WxH")
       ->check(CheckTile);

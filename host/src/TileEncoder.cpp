@@ -12,8 +12,10 @@
 namespace kel::host {
 namespace {
 
-/// Tiles have about this side. Their number depends on the image alone, never on the threads.
-constexpr std::uint32_t kTileSize = 1024;
+/// Larger pictures are cut, into tiles of about these sides. How depends on the image alone, never
+/// on the threads.
+constexpr std::uint64_t kLargestUncut = 1024 * 1024;
+constexpr std::uint32_t kTileWidth = 1024, kTileHeight = 512;
 /// Tiles begin at multiples of this: of what five levels halve, and of the decoder's vectors.
 constexpr std::uint32_t kTileStep = 64;
 constexpr unsigned kMostLevels = 32, kMostLayers = 65535, kMostDepth = 28;
@@ -37,9 +39,9 @@ void CopyMaskRow(const Plane& mask, const TileBox& box, std::uint32_t y, std::ui
   });
 }
 
-/// The side divided evenly, so that no narrow tiles are left over at the far edges.
-std::uint32_t DefaultTileSide(std::uint32_t side) {
-  const std::uint32_t count = std::max((side + kTileSize / 4) / kTileSize, 1U);
+/// A side divided evenly, so that no narrow tiles are left over at the far edges.
+std::uint32_t DividedSide(std::uint32_t side, std::uint32_t about) {
+  const std::uint32_t count = std::max((side + about / 4) / about, 1U);
   if (count == 1) return side;
   const std::uint32_t even = (side + count - 1) / count;
   return (even + kTileStep - 1) / kTileStep * kTileStep;
@@ -105,8 +107,13 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
     checked.lossless = true;
     checked.regionMask = nullptr;
   }
-  if (params.tileWidth == 0) checked.tileWidth = DefaultTileSide(image.width);
-  if (params.tileHeight == 0) checked.tileHeight = DefaultTileSide(image.height);
+  const bool uncut = std::uint64_t{image.width} * image.height <= kLargestUncut;
+  if (params.tileWidth == 0) {
+    checked.tileWidth = uncut ? image.width : DividedSide(image.width, kTileWidth);
+  }
+  if (params.tileHeight == 0) {
+    checked.tileHeight = uncut ? image.height : DividedSide(image.height, kTileHeight);
+  }
   checked.tileWidth = std::min(checked.tileWidth, image.width);
   checked.tileHeight = std::min(checked.tileHeight, image.height);
   const std::uint64_t across = (image.width + checked.tileWidth - 1) / checked.tileWidth;

@@ -21,7 +21,8 @@ struct EncodeParams {
   int quality = 60;
   /// When not 0: the best file of at most so many bytes, without loss if that fits.
   std::uint64_t sizeLimit = 0;
-  /// 0: sides up to 1791 are not cut, longer ones evenly into tiles of about 1024.
+  /// 0: pictures up to 1024 x 1024 samples are not cut, larger ones evenly into tiles of about
+  /// 1024 x 512.
   std::uint32_t tileWidth = 0;
   std::uint32_t tileHeight = 0;
   unsigned levels = 5;  ///< wavelet decompositions, 0 to 32
