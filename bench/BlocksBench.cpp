@@ -248,8 +248,7 @@ int main(int argc, char** argv) {
   KelLibInit(HostMemory());
   for (const kel::KernelSet set : kel::kAllKernelSets) {
     kel::KernelTable table;
-    // The base set has the scalar block kernels.
-    if (set != kel::KernelSet::kBaseVector && FillKernelTable(set, table)) RegisterKernels(set);
+    if (FillKernelTable(set, table)) RegisterKernels(set);
   }
   const std::vector<std::int64_t> sides = {7, 256, 2048, 2056};
   Register("DecodeBand", sides, DecodeBand);

@@ -72,7 +72,7 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder) {
   const WaitingJob waiting = {job.box, numLevels, job.cells, job.sampleBits, divisors};
   BeginWaiting(waiting, EnsureKept(coder.memory, WaitingBytes(waiting)), coder.waiting);
   if (areFloats) coder.waiting.outside = {job.regionMarks, coder.steps};
-  return {job.box, numLevels, job.cells, divisors, {&coder.waiting, TakeBandRow}};
+  return {job.box, numLevels, job.cells, divisors, {&coder.waiting, TakeBandRow, PlaceBandRow}};
 }
 
 void FinishTileComp(TileCompCoder& coder) {

@@ -53,6 +53,11 @@ BandBytes BytesOf(const EncodeBand& band) {
           counts & ~AsCount(multiple - 1)};
 }
 
+void* RowOf(const EncodeBand& band, std::int64_t row) {
+  return static_cast<std::uint8_t*>(band.data) +
+         AsIndex(row * band.strideCells) * CellBytesOf(band);
+}
+
 EncodeBand BandOf(const WaitingJob& job, int subband) {
   const Box box = SubbandBox(job.box, job.numLevels, subband);
   EncodeBand band = {};
@@ -102,13 +107,16 @@ void BeginWaiting(const WaitingJob& job, void* memory, WaitingBands& waiting) {
   }
 }
 
+void* PlaceBandRow(void* context, int subband, std::int64_t row) {
+  const WaitingBands& waiting = *static_cast<WaitingBands*>(context);
+  return waiting.cells != CellKind::kFloats ? RowOf(waiting.bands[subband], row) : nullptr;
+}
+
 void TakeBandRow(void* context, int subband, std::int64_t row, void* cells) {
   const WaitingBands& waiting = *static_cast<WaitingBands*>(context);
   const EncodeBand& band = waiting.bands[subband];
   const auto count = static_cast<std::size_t>(band.x1 - band.x0);
-  const std::size_t cellBytes = CellBytesOf(band);
-  void* const to =
-      static_cast<std::uint8_t*>(band.data) + AsIndex(row * band.strideCells) * cellBytes;
+  void* const to = RowOf(band, row);
   if (waiting.cells == CellKind::kFloats) {
     auto* const floats = static_cast<float*>(cells);
     if (waiting.outside.marks != nullptr) {
@@ -121,8 +129,8 @@ void TakeBandRow(void* context, int subband, std::int64_t row, void* cells) {
       kernels.floatsToLevels(floats, static_cast<std::int32_t*>(to), count, -INT32_MAX, INT32_MAX,
                              0);
     }
-  } else {
-    std::memcpy(to, cells, count * cellBytes);
+  } else if (cells != to) {
+    std::memcpy(to, cells, count * CellBytesOf(band));
   }
   const auto y = static_cast<std::int32_t>(band.y0 + row);
   if (EndsBlocks(band, y)) CountPlanesAbove(band, y);

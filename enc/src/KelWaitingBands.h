@@ -57,7 +57,8 @@ std::uint64_t WaitingBytes(const WaitingJob& job);
 /// Lays bands out in memory of that size, aligned to 64 bytes. The records of bands are there.
 void BeginWaiting(const WaitingJob& job, void* memory, WaitingBands& waiting);
 
-/// Takes a row of a subband from the forward transform; `waiting` is a WaitingBands.
+// What the forward transform calls; `waiting` is a WaitingBands. Integers are put where they wait.
+void* PlaceBandRow(void* waiting, int subband, std::int64_t row);
 void TakeBandRow(void* waiting, int subband, std::int64_t row, void* cells);
 
 }  // namespace kel

@@ -4,6 +4,7 @@
 #include <bit>
 #include <type_traits>
 
+#include "KelBlocksOrder.h"
 #include "KelBlocksPut.h"
 #include "KelBlocksRead.h"
 
@@ -16,29 +17,6 @@ constexpr std::uint32_t kColumnBits[8] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x
 /// One row of a plane in raster order.
 std::uint32_t RowOfPlane(std::uint64_t plane, int y) {
   return static_cast<std::uint32_t>(plane >> (56 - 8 * y)) & 0xFF;
-}
-
-/// Swaps the bits that a mask selects with those `distance` places higher.
-constexpr std::uint64_t SwapBits(std::uint64_t word, int distance, std::uint64_t mask) {
-  const std::uint64_t differing = (word ^ word >> distance) & mask;
-  return word ^ differing ^ differing << distance;
-}
-
-/// A plane in raster order from the order of the code: each group is transposed, then the rows of
-/// two neighbouring groups are laid side by side.
-std::uint64_t RasterFromCodeOrder(std::uint64_t plane) {
-  plane = SwapBits(plane, 3, 0x0A0A0A0A0A0A0A0A);
-  plane = SwapBits(plane, 6, 0x00CC00CC00CC00CC);
-  plane = SwapBits(plane, 8, 0x0000FF000000FF00);
-  return SwapBits(plane, 4, 0x00F000F000F000F0);
-}
-
-/// The reverse.
-std::uint64_t CodeFromRasterOrder(std::uint64_t plane) {
-  plane = SwapBits(plane, 4, 0x00F000F000F000F0);
-  plane = SwapBits(plane, 8, 0x0000FF000000FF00);
-  plane = SwapBits(plane, 6, 0x00CC00CC00CC00CC);
-  return SwapBits(plane, 3, 0x0A0A0A0A0A0A0A0A);
 }
 
 // For four places and four bits, with the places first in the index: the first of the bits, at the

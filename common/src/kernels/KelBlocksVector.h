@@ -1,5 +1,6 @@
 // Vector kernels of the block coder. They are written for AVX2, and for BMI2 where the set allows
-// it; sets without AVX2 keep the scalar ones.
+// it. With SSE2 alone, blocks of 16-bit coefficients are encoded in vectors, and the other kernels
+// are the scalar ones, as all are without SSE2.
 //
 // Included by one source per instruction set; everything here is local to that source. Same bits as
 // the scalar reference.
@@ -23,6 +24,21 @@ inline void OverwriteWithVector(BlocksKernels& table) noexcept {
   table.encodeIntegers = EncodeIntegersVector;
   table.encodeShorts = EncodeShortsVector;
   table.countPlanesOfIntegers = CountPlanesOfIntegers;
+  table.countPlanesOfShorts = CountPlanesOfShorts;
+}
+
+}  // namespace
+}  // namespace kel
+
+#elif defined(__SSE2__)
+
+#include "KelBlocksEncodeBase.h"
+
+namespace kel {
+namespace {
+
+inline void OverwriteWithVector(BlocksKernels& table) noexcept {
+  table.encodeShorts = EncodeShortsVector;
   table.countPlanesOfShorts = CountPlanesOfShorts;
 }
 

@@ -12,7 +12,8 @@ namespace kel {
 namespace {
 
 /// Cells beside a row's samples that hold mirrored ones: the 9/7 filter across reaches 4 cells to
-/// either side of a pair, which may begin one before the row.
+/// either side of a pair, which may begin one before the row. They are mirrored when a row comes,
+/// and go through the filter down with it.
 constexpr std::int64_t kSideCells = 6;
 
 /// Cells in front of a row's first sample, so that it stands on a cache line of its own.
@@ -28,6 +29,8 @@ struct Analysis53 {
   using Cell = C;
   using State = C;
   static constexpr std::int64_t kFirst = 0, kLast = 2, kRingRows = 4;
+  /// Where the filter down begins in front of a row: on a cache line.
+  static constexpr std::int64_t kBefore = 64 / sizeof(C);
   /// The state is the high-pass row itself.
   static constexpr bool kStateIsHigh = true;
 
@@ -53,6 +56,7 @@ struct Analysis97 {
   using Cell = float;
   using State = double;
   static constexpr std::int64_t kFirst = -2, kLast = 4, kRingRows = 8;
+  static constexpr std::int64_t kBefore = 8;
   static constexpr bool kStateIsHigh = false;
 
   static void Rows(const Cell* const* x, const State* before, State* state, Cell* const lowHigh[2],
@@ -77,7 +81,7 @@ Cell* AsCells(std::uint8_t* bytes) {
 template <class Filter>
 typename Filter::Cell* RingRow(const ForwardLevel& level, std::int64_t row) {
   const auto place = static_cast<std::size_t>(row & (Filter::kRingRows - 1));
-  return AsCells<typename Filter::Cell>(level.ring + place * level.rowBytes);
+  return AsCells<typename Filter::Cell>(level.ring + place * level.rowBytes) + kLeadCells;
 }
 
 /// The level, the number of the level (0 the finest), and who else is needed for its steps.
@@ -96,7 +100,15 @@ struct LevelAtWork {
     return 3 * (rows.numLevels - number - 1) + (highAcross ? 1 : 0) + (highDown ? 2 : 0);
   }
   Cell* LowHigh(bool high) const { return AsCells<Cell>(rows.lowHigh[high ? 1 : 0]) + kLeadCells; }
-  Cell* Across(bool high) const { return AsCells<Cell>(rows.across[high ? 1 : 0]); }
+  /// Where a row of a band goes.
+  Cell* Place(bool highAcross, bool highDown, std::int64_t row) const {
+    const BandRowTaker& taker = rows.taker;
+    void* const place = taker.place != nullptr
+                            ? taker.place(taker.context, Subband(highAcross, highDown), row)
+                            : nullptr;
+    return place != nullptr ? static_cast<Cell*>(place)
+                            : AsCells<Cell>(rows.across[highAcross ? 1 : 0]);
+  }
 };
 
 template <class Cell>
@@ -117,7 +129,7 @@ void MirrorSides(const Box& box, Cell* row) {
   }
 }
 
-/// Analyses across a row that was made down. The row has room for its mirrored neighbours.
+/// Analyses across a row that was made down, between its mirrored neighbours.
 template <class Filter>
 void SplitRow(const Box& box, typename Filter::Cell* row, const double* factors,
               typename Filter::Cell* low, typename Filter::Cell* high) {
@@ -129,7 +141,6 @@ void SplitRow(const Box& box, typename Filter::Cell* row, const double* factors,
     }
     return;
   }
-  MirrorSides(box, row);
   // Whole pairs go straight to the bands; a sample without its partner at either end of the row
   // takes the way over a pair of its own.
   const std::int64_t first = CeilShift(box.x0, 1), end = FloorShift(box.x1, 1);
@@ -156,18 +167,24 @@ void AnalyseAcross(const LevelAtWork<Filter>& work, bool highDown, std::int64_t 
                    typename Filter::Cell* row) {
   const ForwardLevel& level = work.Level();
   const Box& box = level.box;
-  auto* const low =
-      highDown ? work.Across(false) : RingRow<Filter>(work.Next(), work.Next().numTaken);
-  auto* const high = work.Across(true);
+  const std::int64_t bandRow = n - BandEdge(box.y0, highDown);
+  auto* const low = highDown ? work.Place(false, true, bandRow)
+                             : RingRow<Filter>(work.Next(), work.Next().numTaken);
+  auto* const high = work.Place(true, highDown, bandRow);
   SplitRow<Filter>(box, row, level.factors + (highDown ? 2 : 0), low, high);
   const BandRowTaker& taker = work.rows.taker;
-  const std::int64_t bandRow = n - BandEdge(box.y0, highDown);
   if (BandEdge(box.x0, true) < BandEdge(box.x1, true)) {
     taker.take(taker.context, work.Subband(true, highDown), bandRow, high);
   }
   if (highDown && BandEdge(box.x0, false) < BandEdge(box.x1, false)) {
     taker.take(taker.context, work.Subband(false, true), bandRow, low);
   }
+}
+
+/// Cells that the filter down takes: a row's samples and those beside them.
+template <class Filter>
+std::size_t CountDown(const Box& box) {
+  return static_cast<std::size_t>(Filter::kBefore + box.Width() + kSideCells);
 }
 
 /// One pair of rows, of which the level's box may hold both, one or none.
@@ -180,17 +197,19 @@ void Step(const LevelAtWork<Filter>& work) {
   const std::int64_t n = level.step++;
   const Cell* x[Filter::kLast - Filter::kFirst + 1];
   for (std::int64_t i = Filter::kFirst; i <= Filter::kLast; ++i) {
-    x[i - Filter::kFirst] = RingRow<Filter>(level, Mirror(2 * n + i, box.y0, box.y1) - box.y0);
+    x[i - Filter::kFirst] =
+        RingRow<Filter>(level, Mirror(2 * n + i, box.y0, box.y1) - box.y0) - Filter::kBefore;
   }
-  State* const before = AsCells<State>(level.states[0]) + kLeadCells;
-  State* const state = AsCells<State>(level.states[1]) + kLeadCells;
-  Cell* lowHigh[2] = {work.LowHigh(false), work.LowHigh(true)};
+  State* const before = AsCells<State>(level.states[0]) + kLeadCells - Filter::kBefore;
+  State* const state = AsCells<State>(level.states[1]) + kLeadCells - Filter::kBefore;
+  Cell* lowHigh[2] = {work.LowHigh(false) - Filter::kBefore, work.LowHigh(true) - Filter::kBefore};
   if constexpr (Filter::kStateIsHigh) lowHigh[1] = state;
-  Filter::Rows(x, before, state, lowHigh, static_cast<std::size_t>(box.Width()));
+  Filter::Rows(x, before, state, lowHigh, CountDown<Filter>(box));
   std::swap(level.states[0], level.states[1]);
   for (const bool high : {false, true}) {
     const std::int64_t y = 2 * n + (high ? 1 : 0);
-    if (y >= box.y0 && y < box.y1) AnalyseAcross(work, high, n, lowHigh[high ? 1 : 0]);
+    if (y < box.y0 || y >= box.y1) continue;
+    AnalyseAcross(work, high, n, lowHigh[high ? 1 : 0] + Filter::kBefore);
   }
   if (2 * n >= box.y0 && !work.Next().box.IsEmpty()) TakeRow<Filter>(work.rows, work.number + 1);
 }
@@ -203,7 +222,9 @@ void TakeSingleRow(const LevelAtWork<Filter>& work) {
   const bool odd = (box.y0 & 1) != 0;
   const Cell* const from = RingRow<Filter>(work.Level(), 0);
   Cell* const row = work.LowHigh(false);
-  for (std::int64_t x = 0; x < box.Width(); ++x) row[x] = odd ? Filter::Doubled(from[x]) : from[x];
+  for (std::int64_t x = -kSideCells; x < box.Width() + kSideCells; ++x) {
+    row[x] = odd ? Filter::Doubled(from[x]) : from[x];
+  }
   AnalyseAcross(work, odd, FloorShift(box.y0, 1), row);
   if (!odd && !work.Next().box.IsEmpty()) TakeRow<Filter>(work.rows, work.number + 1);
 }
@@ -236,6 +257,7 @@ void TakeRow(ForwardRows& rows, int number) {
     return;
   }
   const LevelAtWork<Filter> work = {rows, number};
+  if (level.box.Width() > 1) MirrorSides(level.box, RingRow<Filter>(level, row));
   if (level.box.Height() == 1) return TakeSingleRow(work);
   while (2 * level.step < level.box.y1 && LastRowOfStep<Filter>(level) < level.numTaken) {
     Step(work);

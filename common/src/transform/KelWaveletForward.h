@@ -17,11 +17,14 @@
 
 namespace kel {
 
-/// Who takes finished rows: called with a subband, a row of it counted from its first one, and its
-/// coefficients, which may be changed and are not valid afterwards. Raises nothing.
+/// Who takes finished rows. Raises nothing.
 struct BandRowTaker {
   void* context;
+  /// Called with a subband, a row of it counted from its first one, and its coefficients, which may
+  /// be changed; they are not valid afterwards unless `place` said where they go.
   void (*take)(void* context, int subband, std::int64_t row, void* cells);
+  /// Where a row is to be put before it is taken, or null for wherever; null when it never matters.
+  void* (*place)(void* context, int subband, std::int64_t row) = nullptr;
 };
 
 /// What to transform. Shorts and integers go through the 5/3 filter, floats through the 9/7 filter
