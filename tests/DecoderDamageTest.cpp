@@ -263,12 +263,10 @@ TEST_F(DecoderDamage, ATileWithoutPacketsIsGrey) {
   const Decoded decoded = test::Decode(data, {.useHostBuffers = true});
   EXPECT_EQ(decoded.frameCode, KelOK);
   EXPECT_FALSE(decoded.isComplete);
-  for (const auto& planes : {decoded.planes, decoded.hostPlanes}) {
-    ASSERT_EQ(planes.size(), 3U);
-    for (const test::Plane& plane : planes) {
-      EXPECT_EQ(std::count(plane.samples.begin(), plane.samples.end(), 128),
-                std::ptrdiff_t(plane.samples.size()));
-    }
+  ASSERT_EQ(decoded.hostPlanes.size(), 3U);
+  for (const test::Plane& plane : decoded.hostPlanes) {
+    EXPECT_EQ(std::count(plane.samples.begin(), plane.samples.end(), 128),
+              std::ptrdiff_t(plane.samples.size()));
   }
 }
 

@@ -321,7 +321,7 @@ std::uint64_t KelDecDataMgr::SkipForward(std::uint64_t n) {
   readPosition_ += inside;
   if (inside == n || memoryMode_ || endOfData_ || stream_ == nullptr) return inside;
   std::uint64_t passed = inside;
-  if (n - passed > windowBytes_) passed += SkipBySeek(n - passed);
+  if (n - passed > (passesOver_ ? kLoadAfterMove : windowBytes_)) passed += SkipBySeek(n - passed);
   return passed + Drop(n - passed);
 }
 

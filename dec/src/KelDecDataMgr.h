@@ -177,6 +177,8 @@ class KelDecDataMgr {
   const KelTilePartIndex* TileParts() const { return index_; }
   /// More data may have arrived behind those that the index knows.
   void RefreshTileParts();
+  /// Whether tile-parts are read whole once they are read; otherwise much of them is passed over.
+  void SetReadsWholeParts(bool readsWhole) { passesOver_ = !readsWhole; }
   /// Where what is wrong with tile-parts is noted; null: nowhere.
   void SetDamageLog(DamageLog* log) { damages_ = log; }
 
@@ -233,6 +235,7 @@ class KelDecDataMgr {
   std::int64_t streamPosition_;  ///< of the window's end
   std::int64_t endsBefore_;      ///< the data do not reach this position
   std::int64_t knownEnd_;        ///< of the data, once a move has met it; else negative
+  bool passesOver_;              ///< much of the tile-parts is not read
   bool isSeekable_;              ///< as the stream said when it was taken
   KelTilePartIndex* index_;
   DamageLog* damages_;

@@ -119,7 +119,7 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
     Hold(wanted + kHeldBehindPart);
     return BoundaryAt(ahead);
   }
-  const bool isNear = willBeRead || ahead <= kReadThrough;
+  const bool isNear = (willBeRead && !passesOver_) || ahead <= kReadThrough;
   if (wanted <= Available() || (isNear && wanted <= capacity_)) {
     EnsureBuffered(wanted);
     return BoundaryAt(ahead);

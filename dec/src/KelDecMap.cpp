@@ -55,6 +55,13 @@ void EnsureDecTileComps(ImageMap& map, TileRecord& tile) {
   tile.dec->compsAreReady = true;
 }
 
+bool IsWanted(const ImageMap& map, const TileRecord& tile) {
+  if (!map.dec->hasRegion) return true;
+  const Box& r = map.dec->region;
+  const Box& t = tile.box;
+  return t.x0 < r.x1 && t.x1 > r.x0 && t.y0 < r.y1 && t.y1 > r.y0;
+}
+
 void DescribeTileComp(const ImageMap& map, const TileRecord& tile, std::int32_t c,
                       TileCompRecord& record) {
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);

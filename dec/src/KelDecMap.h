@@ -25,7 +25,10 @@ struct ResolutionRecord {
   std::uint16_t** pages;
   std::int32_t leastHandled;  ///< the least of the counters,
   std::int64_t numAtLeast;    ///< and how many precincts have it
-  std::uint8_t* codedCopy;    ///< of a packet that was taken, where the data do not stay; owned
+  /// So many layers are known to be handled of all precincts before this one.
+  std::int64_t doneUpTo;
+  std::int32_t doneLayers;
+  std::uint8_t* codedCopy;  ///< of a packet that was taken, where the data do not stay; owned
 };
 
 inline constexpr std::int64_t kCounterPage = 4096;
@@ -69,6 +72,7 @@ struct TileProgress {
   bool isComplete;              ///< every packet was decoded
   bool isChanged;               ///< packets, or the first header, were read since the last output
   bool isDelivered;             ///< complete, and its output made: later frames leave it alone
+  bool mustMove;  ///< its output is to be copied to another place in the host's buffers
   /// Bands are not decoded as they are read: where their bytes are is noted, and a tile whose
   /// packets have all been read is decoded while it is delivered. Until then nothing else may
   /// happen to it.
@@ -92,6 +96,8 @@ struct DecMap {
   ParamSet mainParams;
   const std::uint8_t* fileDepths;  ///< depth minus one per component from the file, or null
   std::int32_t* reductions;        ///< levels below full size per component; owned
+  bool hasRegion;                  ///< no more is wanted than a rectangle
+  Box region;                      ///< it, on the canvas
 };
 
 /// Gives a map whose tiles have been made the decoder's part of each: map.dec is the caller's,
@@ -101,6 +107,9 @@ void InitDecTiles(ImageMap& map);
 /// Makes the records of a tile's components, unless they exist. Raises 8; a further call then
 /// goes on where this one stopped. An encoder's map gets the shared records alone.
 void EnsureDecTileComps(ImageMap& map, TileRecord& tile);
+
+/// Whether a tile touches the rectangle that is wanted.
+bool IsWanted(const ImageMap& map, const TileRecord& tile);
 
 /// Describes a component of a tile whose records have not been made, by the main header: its box
 /// and sizes. The record is the caller's, and so is its decoder's part.

@@ -52,6 +52,18 @@ bool IsSameRequest(const FrameRequest& a, const FrameRequest& b) {
          std::equal(a.channels, a.channels + a.numChannels, b.channels, b.channels + b.numChannels);
 }
 
+bool AsksForSameSamples(const FrameRequest& a, const FrameRequest& b) {
+  const auto isSame = [](ChannelRequest x, ChannelRequest y) {
+    x.buffer = y.buffer = nullptr;
+    x.stride = y.stride = 0;
+    return x == y;
+  };
+  return a.skipConversion == b.skipConversion && a.skipRecast == b.skipRecast &&
+         a.orientation == b.orientation &&
+         std::equal(a.channels, a.channels + a.numChannels, b.channels, b.channels + b.numChannels,
+                    isSame);
+}
+
 bool AsksPlain8Bit(const FrameRequest& request, std::int32_t numComps) {
   return request.numChannels == static_cast<std::uint32_t>(numComps) &&
          std::all_of(request.channels, request.channels + request.numChannels,

@@ -33,6 +33,9 @@ FrameRequest TakeRequest(const KelFrameData* frame, std::int32_t numComps, bool 
 /// Whether two requests ask for the same thing.
 bool IsSameRequest(const FrameRequest& a, const FrameRequest& b);
 
+/// The same, wherever the host's buffers are.
+bool AsksForSameSamples(const FrameRequest& a, const FrameRequest& b);
+
 /// Whether every component is asked for as unsigned bytes over the whole range.
 bool AsksPlain8Bit(const FrameRequest& request, std::int32_t numComps);
 

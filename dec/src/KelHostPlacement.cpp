@@ -19,6 +19,19 @@ Box DecodedImageBox(const ImageMap& map, std::int32_t component) {
       map.dec->reductions[component]);
 }
 
+/// The part of it that the host's buffer stands for.
+Box DecodedRegionBox(const ImageMap& map, std::int32_t component, const Box& image) {
+  if (!map.dec->hasRegion) return image;
+  const Box& r = map.dec->region;
+  const KelLong xr = map.geometry->XRsiz[component];
+  const KelLong yr = map.geometry->YRsiz[component];
+  const Box box =
+      ReduceBox({CeilDiv(r.x0, xr), CeilDiv(r.x1, xr), CeilDiv(r.y0, yr), CeilDiv(r.y1, yr)},
+                map.dec->reductions[component]);
+  return {std::max(box.x0, image.x0), std::min(box.x1, image.x1), std::max(box.y0, image.y0),
+          std::min(box.y1, image.y1)};
+}
+
 /// A box inside an image of the given size, after rotating the image.
 Box RotateBox(const Box& b, std::int64_t width, std::int64_t height, KelLong orientation) {
   switch (orientation) {
@@ -49,15 +62,27 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
       box.y1 > image.y1) {
     return {};
   }
+  const Box area = DecodedRegionBox(map, c, image);
+  if (area.IsEmpty()) return {};
   const std::int64_t sampleBytes = channel.outBitDepth / 8;
-  const Box inside = {box.x0 - image.x0, box.x1 - image.x0, box.y0 - image.y0, box.y1 - image.y0};
-  const Box place = RotateBox(inside, image.Width(), image.Height(), request.orientation);
+  const Box inside = {box.x0 - area.x0, box.x1 - area.x0, box.y0 - area.y0, box.y1 - area.y0};
+  const Box all = RotateBox(inside, area.Width(), area.Height(), request.orientation);
   const bool isTurned =
       request.orientation == KelOrientation90 || request.orientation == KelOrientation270;
-  const std::int64_t rowBytes = (isTurned ? image.Height() : image.Width()) * sampleBytes;
-  if (channel.stride < rowBytes) return {};
-  return {channel.buffer + place.y0 * channel.stride + place.x0 * sampleBytes, channel.stride,
-          place.Width(), place.Height(), sampleBytes};
+  const std::int64_t width = isTurned ? area.Height() : area.Width();
+  const std::int64_t height = isTurned ? area.Width() : area.Height();
+  if (channel.stride < width * sampleBytes) return {};
+  const Box place = {std::max<std::int64_t>(all.x0, 0), std::min(all.x1, width),
+                     std::max<std::int64_t>(all.y0, 0), std::min(all.y1, height)};
+  if (place.IsEmpty()) return {};
+  return {channel.buffer + place.y0 * channel.stride + place.x0 * sampleBytes,
+          channel.stride,
+          place.Width(),
+          place.Height(),
+          sampleBytes,
+          place.x0 - all.x0,
+          place.y0 - all.y0,
+          place == all};
 }
 
 void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
@@ -65,13 +90,14 @@ void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
   const HostPlacement place = PlaceInHostBuffer(map, request, record);
   const KelImageData& image = *record.outputImage;
   if (place.address == nullptr || image.SizeOfDataType != place.sampleBytes ||
-      image.Width < place.width || image.Height < place.height) {
+      image.Width < place.skipX + place.width || image.Height < place.skipY + place.height) {
     return;
   }
   const BufferLock lock(image.ImageBuffer);
   if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   const std::int64_t rowBytes = image.Width * place.sampleBytes;
-  const std::uint8_t* from = lock.As<std::uint8_t>();
+  const std::uint8_t* from =
+      lock.As<std::uint8_t>() + place.skipY * rowBytes + place.skipX * place.sampleBytes;
   std::uint8_t* to = place.address;
   for (std::int64_t y = 0; y < place.height; ++y, from += rowBytes, to += place.stride) {
     std::copy_n(from, place.width * place.sampleBytes, to);

@@ -13,12 +13,15 @@ namespace kel {
 struct HostPlacement {
   std::uint8_t* address;       ///< of the first sample; null when the buffer cannot be used
   std::int64_t stride;         ///< bytes from row to row
-  std::int64_t width, height;  ///< samples across and down, as delivered
+  std::int64_t width, height;  ///< samples across and down that have a place, as delivered
   std::int64_t sampleBytes;
+  std::int64_t skipX, skipY;  ///< delivered samples to the left and above, outside the rectangle
+  bool isWhole;               ///< every delivered sample has its place
 };
 
-/// A host buffer is used when its depth is 8 or 16, its stride holds a row of the image at the
-/// decoded resolution and orientation, and the tile's box lies inside that image. (A tile with
+/// A host buffer is used when its depth is 8 or 16, its stride holds a row of the image, or of the
+/// rectangle asked for, at the decoded resolution and orientation, and the tile's box lies inside
+/// the image and touches the rectangle. (A tile with
 /// fewer levels than the image may have no place in a reduced image.)
 HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request,
                                 const TileCompRecord& record);

@@ -418,7 +418,15 @@ PartEnd ReadTilePartPackets(const PartReading& part) {
   if (progress.mustNotTake) return PartEnd::kCutOff;
   progress.partIsOpen = true;
   progress.resumePosition = part.data.GetPosition();
+  std::int32_t highest = 0;
+  for (std::int32_t c = 0; c < tile.dec->walk->numComps; ++c) {
+    highest = std::max(highest, tile.comps[c].dec->decodeRes);
+  }
   while (const PacketId* at = CurrentPacket(*tile.dec->walk)) {
+    if (IsPastResolution(*tile.dec->walk, highest)) {
+      progress.isComplete = !progress.hasLosses;
+      return PartEnd::kTileComplete;
+    }
     if (AtPartEnd(part)) {
       if (progress.partIsEmpty) PassEmptyTilePart(*tile.dec->walk);
       return PartEnd::kPartEnded;

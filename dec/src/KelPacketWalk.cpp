@@ -140,6 +140,55 @@ std::int64_t EndOfSharedPrecincts(const PacketWalk& walk, std::int32_t resolutio
   return std::min(most, PrecinctCount(walk, 0, resolution));
 }
 
+/// The first precinct of a component's resolution that may have a packet below a layer: progression
+/// changes that come back to a resolution do not look at what is done again and again.
+std::int64_t FirstPrecinct(const PacketWalk& walk, std::int32_t component, std::int32_t resolution,
+                           std::int32_t layerEnd) {
+  const ResolutionRecord* record = ResolutionOf(walk, component, resolution);
+  return record != nullptr && record->doneLayers >= layerEnd ? record->doneUpTo : 0;
+}
+
+void NoteDone(const PacketWalk& walk, std::int32_t component, std::int32_t resolution,
+              std::int64_t upTo, std::int32_t layers) {
+  ResolutionRecord* all = walk.tile->comps[component].dec->resolutions;
+  if (all == nullptr || upTo == 0) return;
+  all[resolution].doneUpTo = upTo;
+  all[resolution].doneLayers = layers;
+}
+
+/// Where a loop over precincts starts, given the digits outside it.
+std::int64_t StartOfPrecincts(const PacketWalk& walk) {
+  const std::int32_t r = walk.at.resolution;
+  const ProgressionEntry& entry = Entry(walk);
+  if (!walk.keepsCounters || entry.order == KelCPRL) return 0;
+  if (entry.order != KelRPCL) {
+    return FirstPrecinct(walk, walk.at.component, r, walk.at.layer + 1);
+  }
+  std::int64_t first = INT64_MAX;
+  for (std::int64_t s = FirstSlot(walk, r);
+       s < walk.activeStart[r + 1] && walk.active[s] < entry.componentEnd; ++s) {
+    first = std::min(first, FirstPrecinct(walk, walk.active[s], r, entry.layerEnd));
+  }
+  return first;
+}
+
+/// The first packet of an entry has been found: what stands before it is done.
+void NoteDoneBefore(const PacketWalk& walk) {
+  if (!walk.keepsCounters) return;
+  const ProgressionEntry& entry = Entry(walk);
+  const PacketId& at = walk.at;
+  if (entry.order == KelPCRL) {
+    NoteDone(walk, at.component, at.resolution, at.precinct, entry.layerEnd);
+  } else if (entry.order == KelLRCP || entry.order == KelRLCP) {
+    NoteDone(walk, at.component, at.resolution, at.precinct, at.layer + 1);
+  } else if (entry.order == KelRPCL) {
+    for (std::int64_t s = FirstSlot(walk, at.resolution);
+         s < walk.activeStart[at.resolution + 1] && walk.active[s] < entry.componentEnd; ++s) {
+      NoteDone(walk, walk.active[s], at.resolution, at.precinct, entry.layerEnd);
+    }
+  }
+}
+
 /// How many precincts a loop over them visits, given the digits outside it.
 std::int64_t EndOfPrecincts(const PacketWalk& walk) {
   const std::int32_t r = walk.at.resolution;
@@ -172,7 +221,7 @@ void StartDigit(PacketWalk& walk, Digit digit) {
       walk.slot = FirstSlot(walk, walk.at.resolution);
       break;
     case Digit::kPrecinct:
-      walk.at.precinct = 0;
+      walk.at.precinct = StartOfPrecincts(walk);
       walk.precinctEnd = EndOfPrecincts(walk);
       break;
   }
@@ -280,7 +329,7 @@ void StartHeap(PacketWalk& walk) {
          s < walk.activeStart[r + 1] && walk.active[s] < entry.componentEnd; ++s) {
       if (LeastHandled(walk, walk.active[s], r) >= entry.layerEnd) continue;
       PositionItem& item = walk.heap[walk.heapCount++];
-      item = {0, 0, walk.active[s], r, 0};
+      item = {0, 0, walk.active[s], r, FirstPrecinct(walk, walk.active[s], r, entry.layerEnd)};
       PlaceItem(walk, item);
     }
   }
@@ -311,9 +360,7 @@ bool FindByPosition(PacketWalk& walk) {
 
 // ---- Entries ----
 
-bool BeginEntry(PacketWalk& walk) {
-  if (Entry(walk).layerEnd <= 0) return false;
-  if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd) return false;
+bool FindFirst(PacketWalk& walk) {
   if (Entry(walk).order == KelPCRL) {
     StartHeap(walk);
     return FindByPosition(walk);
@@ -322,6 +369,13 @@ bool BeginEntry(PacketWalk& walk) {
   walk.at = {};
   StartDigit(walk, digits[0]);
   return FindByDigits(walk, digits, 0);
+}
+
+bool BeginEntry(PacketWalk& walk) {
+  if (Entry(walk).layerEnd <= 0) return false;
+  if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd || !FindFirst(walk)) return false;
+  NoteDoneBefore(walk);
+  return true;
 }
 
 bool NextInEntry(PacketWalk& walk) {
@@ -469,6 +523,13 @@ bool WalkIsComplete(PacketWalk& walk) {
     }
   }
   return true;
+}
+
+bool IsPastResolution(const PacketWalk& walk, std::int32_t highest) {
+  if (!walk.isOnPacket || walk.keepsCounters || walk.at.resolution <= highest) return false;
+  const ProgressionEntry& entry = Entry(walk);
+  return entry.order == KelRLCP || entry.order == KelRPCL ||
+         (entry.order == KelLRCP && walk.at.layer + 1 >= entry.layerEnd);
 }
 
 bool PassLostTilePart(PacketWalk& walk) {

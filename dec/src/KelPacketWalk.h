@@ -86,6 +86,10 @@ void ReplaceProgression(PacketWalk& walk);
 /// those of a later tile-part bring.
 bool WalkIsComplete(PacketWalk& walk);
 
+/// Whether no packet from the current one on is of a resolution up to `highest`, as far as the
+/// order alone tells it.
+bool IsPastResolution(const PacketWalk& walk, std::int32_t highest);
+
 /// What is left of a tile-part is lost. True when the walk now stands where the next one begins:
 /// in CPRL, at the next component. In other orders that cannot be told. Raises 8.
 bool PassLostTilePart(PacketWalk& walk);

@@ -189,7 +189,7 @@ class Delivery {
     }
     const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
     const HostPlacement place = PlaceInHostBuffer(context_.map, request_, record);
-    if (place.address == nullptr) return false;
+    if (place.address == nullptr || !place.isWhole) return false;
     // Alignment only matters where there is something to synthesise.
     const auto address = reinterpret_cast<std::uintptr_t>(channel.buffer);
     const auto stride = static_cast<std::uintptr_t>(channel.stride);
@@ -302,10 +302,12 @@ class Delivery {
     }
   }
 
-  /// The host's buffer receives the samples alone; without one the output image does.
+  /// The host's buffer receives the samples alone. Without one the output image does, once the tile
+  /// is complete: what has not come needs no memory.
   void DeliverConstant(TileCompRecord& record) {
     const bool isCopied = !request_.skipRecast || TakesDirectRoute(record);
-    if (isCopied && FillHostBuffer(context_.map, request_, record)) {
+    const bool isFilled = isCopied && FillHostBuffer(context_.map, request_, record);
+    if (isFilled || !tile_.dec->progress.isComplete) {
       record.outputImage->FreeImageBuffer();
       DescribeOutput(record);
       record.dec->frameDone = record.dataReady = true;

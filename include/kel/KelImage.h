@@ -209,13 +209,31 @@ class KEL_API KelImage {
   /// next frame on.
   KelLong SetOrientationForDecode(KelImageOrientation orientation);
   KelImageOrientation GetOrientationForDecode() const;
+  /// Guarded. The resolution of the frames to come, in every component: `levels` below full size, 0
+  /// being full size; a component of fewer levels comes at its lowest. It replaces what
+  /// InitDecoder's aspect chose. Higher resolutions are not decoded, have no memory and, where the
+  /// data can be moved in, are not read. Sample (x, y) of the reduced image stands for the canvas
+  /// at (x, y) * 2^levels. Tiles decoded at another resolution start again. Returns 0; 15 outside 0
+  /// to 32.
+  KelLong SetDecodeReduction(KelLong levels);
+  /// Guarded. The rectangle [x0, x1) x [y0, y1) of the canvas, clipped to the image, that the
+  /// frames to come are to show: only tiles that touch it are read and delivered, and the host's
+  /// buffers stand for it instead of the image. In a component's samples its edges are divided by
+  /// the subsampling and by 2^reduction, rounded up. Output images hold whole tiles as ever. Tiles
+  /// decoded already are not decoded again: what their output images hold is copied to its new
+  /// place. Returns 0; 15 for a rectangle that shows nothing of the image.
+  KelLong SetDecodeRegion(KelLong x0, KelLong x1, KelLong y0, KelLong y1);
+  /// Guarded. Gives back everything that a tile holds: coefficients, records, output images'
+  /// samples. A later frame that wants the tile decodes it again, unless the data are gone. Returns
+  /// 0; 15 for a tile out of range.
+  KelLong ReleaseTile(KelLong tile);
   /// Guarded (0). How many places of damage have been met in the frames so far, in the order of the
   /// data; no more than 4096 are kept. 0 when nothing is wrong.
   KelLong GetNumDamages() const;
   /// Guarded. Copies the n-th of them, from 0 on, to *damage. Returns 0; 15 for n out of range or a
   /// null pointer.
   KelLong GetDamage(KelLong n, KelDamage* damage) const;
-  /// Whether every packet of a tile has been decoded.
+  /// Whether every packet of a tile that the decoded resolution needs has been decoded.
   bool TileIsComplete(KelLong tile) const;
 
   // Encoding. Order: InitEncoder; CompressAndWriteTile for every tile in increasing order; Die.

@@ -4,6 +4,7 @@
 #include "base/KelMemFuncDefs.h"
 #include "decode/KelImageDecode.h"
 #include "decode/KelImageQuery.h"
+#include "decode/KelImageRegion.h"
 #include "encode/KelImageEncode.h"
 #include "format/KelSignature.h"
 #include "kel/KelImage.h"
@@ -143,5 +144,26 @@ KelLong KelImage::GetDamage(KelLong n, KelDamage* damage) const {
   return Guarded(
       handle_, Side::kDecoder,
       [&](ImageState& state) { return kel::CopyDamage(state.decoder->damages, n, damage); },
+      kTheCode);
+}
+
+KelLong KelImage::SetDecodeReduction(KelLong levels) {
+  return Guarded(
+      handle_, Side::kDecoder, [&](ImageState& state) { return kel::SetReduction(state, levels); },
+      kTheCode);
+}
+
+KelLong KelImage::SetDecodeRegion(KelLong x0, KelLong x1, KelLong y0, KelLong y1) {
+  return Guarded(
+      handle_, Side::kDecoder,
+      [&](ImageState& state) {
+        return kel::SetRegion(state, {x0, x1, y0, y1});
+      },
+      kTheCode);
+}
+
+KelLong KelImage::ReleaseTile(KelLong tile) {
+  return Guarded(
+      handle_, Side::kDecoder, [&](ImageState& state) { return kel::ReleaseTile(state, tile); },
       kTheCode);
 }

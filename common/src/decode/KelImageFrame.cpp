@@ -1,9 +1,11 @@
 // One frame of decoding: opens the data, visits the tiles, and leaves the source ready for the
 // next frame.
+#include "KelHostPlacement.h"
 #include "KelTileOutput.h"
 #include "base/KelRaise.h"
 #include "decode/KelImageDecode.h"
 #include "decode/KelImageQuery.h"
+#include "decode/KelImageRegion.h"
 #include "decode/KelImageTiles.h"
 
 namespace kel {
@@ -49,17 +51,35 @@ void CloseFrame(ImageState& state, bool fromStream) noexcept {
   ++d.framesDecoded;
 }
 
-/// Notes what is asked for. When it differs from the last frame's request, every tile is decoded
-/// again, unless the data are gone.
+/// Notes what is asked for. When it differs from the last frame's request in more than the place of
+/// the host's buffers, every tile is decoded again, unless the data are gone.
 void NoteRequest(ImageState& state, FrameRequest request) {
   DecoderState& d = *state.decoder;
-  const bool isChange = d.hasRequest && !IsSameRequest(d.request, request);
+  const bool hadRequest = d.hasRequest;
+  const bool isMoved = hadRequest && !IsSameRequest(d.request, request);
+  const bool isOther = isMoved && !AsksForSameSamples(d.request, request);
   ReleaseRequest(d.request);
   d.request = request;
   d.hasRequest = true;
-  if (!isChange) return;
+  if (isMoved && !isOther) MoveOutput(state.map);
+  if (!isOther) return;
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) RestartTile(state.map, state.map.tiles[t]);
   d.furthest = d.dataMgr->PositionB();
+}
+
+/// Copies a delivered tile's samples to where the host wants them now. False when the output images
+/// do not hold them: the tile must be decoded again.
+bool MoveTile(const ImageState& state, TileRecord& tile) {
+  tile.dec->progress.mustMove = false;
+  for (std::int32_t c = 0; c < state.map.numComps; ++c) {
+    const TileCompRecord& record = tile.comps[c];
+    if (!record.dec->resolutionBox.IsEmpty() && !record.dataValid) return false;
+  }
+  for (std::int32_t c = 0; c < state.map.numComps; ++c) {
+    const TileCompRecord& record = tile.comps[c];
+    if (record.dataValid) CopyToHostBuffer(state.map, state.decoder->request, record);
+  }
+  return true;
 }
 
 /// The components that carry colours 1 to 3, by the channel definitions when these name three
@@ -118,7 +138,9 @@ KelLong VisitTiles(ImageState& state) {
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     TileRecord& tile = state.map.tiles[t];
     StepProgress(state.progress, 1);
-    if (tile.dec->progress.isDelivered || HasNoSamples(state.map, tile)) continue;
+    if (HasNoSamples(state.map, tile) || !IsWanted(state.map, tile)) continue;
+    if (tile.dec->progress.mustMove && !MoveTile(state, tile)) RestartTile(state.map, tile);
+    if (tile.dec->progress.isDelivered) continue;
     AskToGoOn(d.work);
     if (TakeTile(pass, delivery, tile, scratch)) continue;
     const KelLong result = ReadTile(pass, tile);

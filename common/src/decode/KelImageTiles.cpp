@@ -237,7 +237,8 @@ KelLong PassPart(TilePass& pass) {
   }
   const TileProgress& progress = tile.dec->progress;
   const bool isOfUse = !progress.isComplete && !progress.isBroken && !progress.partIsOpen &&
-                       number >= progress.numParts && !HasNoSamples(pass.map, tile);
+                       number >= progress.numParts && !HasNoSamples(pass.map, tile) &&
+                       IsWanted(pass.map, tile);
   KelLong code = KelOK;
   if (isOfUse && number > progress.numParts) {
     StashTilePart(tile.dec->early, data, number, isOpen ? UINT64_MAX : AsCount(extent.end - start));
