@@ -335,6 +335,7 @@ TEST_F(Encoder, EveryRefusedRequest) {
   EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30,
                   {.transform = true, .colors = 3, .mask = 4});
   std::set<std::string> modules;
+  memory.RefuseLocksToo();
   const std::size_t runs = test::SweepRefusals(memory, [&] {
     HostStream stream;
     KelLong code = host.Init(stream);

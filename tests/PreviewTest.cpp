@@ -511,6 +511,7 @@ TEST_F(Preview, LeavesNoTraceInTheFile) {
 }
 
 TEST_F(Preview, RefusedMemory) {
+  memory.RefuseLocksToo();
   for (const KelLong irreversible : {0, 1}) {
     EncodeHost host(WithRegion(MakePicture(61, 45, 5, 8)), 37, 29,
                     {.irreversible = irreversible, .transform = true, .colors = 3, .mask = 4});

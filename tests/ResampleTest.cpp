@@ -89,9 +89,12 @@ TEST_F(Resampling, CropCutsOutABoxOrNothing) {
     EXPECT_EQ(bytes.Width, 4) << x0 << ' ' << x1 << ' ' << y0 << ' ' << y1;
     EXPECT_FALSE(bytes.DynRangeIsValid());
   }
-  memory.RefuseRequest(1);
-  EXPECT_THROW(bytes.CropData(1, 3, 0, 2), KelException);
-  EXPECT_EQ(bytes.Content<std::uint8_t>(8), all);
+  memory.RefuseLocksToo();
+  for (const std::size_t n : {1, 2, 3}) {
+    memory.RefuseRequest(n);
+    EXPECT_EQ(RaisedBy([&] { bytes.CropData(1, 3, 0, 2); }).errCode, KelErrNoMemory);
+    EXPECT_EQ(bytes.Content<std::uint8_t>(8), all);
+  }
   bytes.CropData(1, 3, 0, 2);
   EXPECT_EQ(bytes.Content<std::uint8_t>(4), (Bytes{1, 2, 5, 6}));
   bytes.CropData(0, 2, 1, 2);
@@ -169,8 +172,17 @@ TEST_F(Resampling, InterpolationWhatDoesNotFitIsLeftAlone) {
     EXPECT_EQ(image.Interpolate(w, h, sx, sy), KelOK);
     EXPECT_EQ(image.GetImageBuffer(), buffer);
   }
+  memory.RefuseLocksToo();
+  for (const std::size_t n : {1, 2, 3}) {
+    memory.RefuseRequest(n);
+    EXPECT_EQ(RaisedBy([&] { image.Interpolate(4, 4, 2, 2); }).errCode, KelErrNoMemory);
+  }
+  float least = 0, most = 0, below = 0, above = 0;
   memory.RefuseRequest(1);
-  EXPECT_THROW(image.Interpolate(4, 4, 2, 2), KelException);
+  EXPECT_EQ(image.GetDynRange(&least, &most), KelErrNoMemory);
+  memory.RefuseRequest(1);
+  EXPECT_EQ(image.GetDynRangeAndSpillOverRatios(0, 9, &least, &most, &below, &above),
+            KelErrNoMemory);
   EXPECT_THROW(image.Interpolate(INT32_MAX, INT32_MAX, 1, 1), KelException);
   EXPECT_EQ(image.GetImageBuffer(), buffer);
   EXPECT_EQ(image.Interpolate(3, 3, INT32_MAX, INT32_MAX), KelOK) << "only the first cell is seen";

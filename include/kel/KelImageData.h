@@ -94,8 +94,9 @@ class KEL_API KelImageData {
   /// the container as it is. Returns 0; raises 8.
   KelLong Interpolate(KelLong newWidth, KelLong newHeight, KelLong stepX, KelLong stepY);
 
-  /// Smallest and largest sample, from the cache when it is valid. Returns 0, or 15 for a buffer
-  /// type other than 0 and 1. When there is nothing to measure, the cache as it stands.
+  /// Smallest and largest sample, from the cache when it is valid. Returns 0; 8 when the buffer
+  /// cannot be locked; 15 for a buffer type other than 0 and 1. When there is nothing to measure,
+  /// the cache as it stands.
   KelLong GetDynRange(float* minimum, float* maximum);
   bool DynRangeIsValid() const { return DynRangeMax >= DynRangeMin; }
   /// Measures again, and also the share of samples below lowLimit and above highLimit (both

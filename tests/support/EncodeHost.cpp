@@ -113,7 +113,13 @@ KelBufID_I* EncodeHost::Fetch(const std::vector<std::size_t>& channels, KelLong 
     *error = KelErrNoMemory;
     return nullptr;
   }
-  std::memcpy(memory.LockBuf(buffer), bytes.data(), bytes.size());
+  void* const to = memory.LockBuf(buffer);
+  if (to == nullptr) {
+    memory.FreeBuf(buffer);
+    *error = KelErrNoMemory;
+    return nullptr;
+  }
+  std::memcpy(to, bytes.data(), bytes.size());
   memory.UnlockBuf(buffer);
   buffer->bufType = bufType;
   return buffer;

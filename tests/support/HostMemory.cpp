@@ -66,7 +66,13 @@ HostMemory::HostMemory() {
   funcs_.AllocAlignedBuf = [](KelULong size, KelULong alignment) {
     return TakeBuffer(size, alignment);
   };
-  funcs_.LockBuf = [](KelBufID_I* buffer) { return static_cast<Buffer*>(buffer)->data; };
+  funcs_.LockBuf = [](KelBufID_I* buffer) -> void* {
+    if (ledger->refusesLocks && ledger->refuseAt != 0 && --ledger->refuseAt == 0) {
+      ledger->refused = true;
+      return nullptr;
+    }
+    return static_cast<Buffer*>(buffer)->data;
+  };
   funcs_.UnlockBuf = [](KelBufID_I*) {};
   funcs_.FreeBuf = [](KelBufID_I* buffer) {
     Give(static_cast<Buffer*>(buffer)->data);

@@ -25,6 +25,8 @@ class HostMemory {
     ledger_.refuseAt = n;
     ledger_.refused = false;
   }
+  /// From now on locks count as requests, and are refused in their turn.
+  void RefuseLocksToo() { ledger_.refusesLocks = true; }
   /// Whether a request has been refused since RefuseRequest.
   bool HasRefused() const { return ledger_.refused; }
   /// Refuses what would bring the bytes outstanding above a limit; 0 lifts the limit.
@@ -44,7 +46,7 @@ class HostMemory {
     std::unordered_map<void*, std::size_t> blocks;
     std::size_t bytes = 0, peak = 0, requests = 0, largest = 0;
     std::size_t refuseAt = 0, limit = 0;
-    bool refused = false;
+    bool refused = false, refusesLocks = false;
   };
 
  private:

@@ -6,10 +6,15 @@
 #include <optional>
 #include <type_traits>
 
+#include "base/KelRaise.h"
 #include "samples/KelImageDataAccess.h"
 
 namespace kel {
 namespace {
+
+[[noreturn]] void RaiseNoLock(SourcePlace place = SourcePlace::Here()) {
+  Raise(KelErrNoMemory, kModuleMemFuncDefs, place);
+}
 
 /// Calls visit(first sample, with the type that the container says). False for a kind of samples
 /// that there is not.
@@ -140,7 +145,9 @@ KelLong MeasureRange(KelImageData& image, SampleRange& range) {
   if (image.ImageBufferType != kIntegerSamples && image.ImageBufferType != kFloatSamples) {
     return KelErrBadParam;
   }
+  if (image.ImageBuffer == nullptr || CountOf(image) == 0) return KelOK;
   const BufferLock lock(image.ImageBuffer);
+  if (!lock) return KelErrNoMemory;
   range = RangeOfSamples(image, lock.As<void>());
   return KelOK;
 }
@@ -151,9 +158,10 @@ KelLong MeasureRangeAndSpill(KelImageData& image, KelLong lowLimit, KelLong high
   if (image.ImageBufferType != kIntegerSamples && image.ImageBufferType != kFloatSamples) {
     return KelErrBadParam;
   }
-  const BufferLock lock(image.ImageBuffer);
   const std::uint64_t count = CountOf(image);
-  if (!lock || count == 0) return KelOK;
+  if (image.ImageBuffer == nullptr || count == 0) return KelOK;
+  const BufferLock lock(image.ImageBuffer);
+  if (!lock) return KelErrNoMemory;
   VisitSamples(image, lock.As<void>(), [&](const auto* samples) {
     Scan(image, samples);
     range = CachedRange(image);
@@ -172,13 +180,14 @@ void CropSamples(KelImageData& image, KelLong x0, KelLong x1, KelLong y0, KelLon
   if (size != 1 && size != 2) return;
   if (x0 < 0 || y0 < 0 || x1 > image.Width || y1 > image.Height || x0 >= x1 || y0 >= y1) return;
   const KelLong width = x1 - x0, height = y1 - y0;
+  if (image.ImageBuffer == nullptr) return;
   OwnedBuffer cropped;
   {
     const BufferLock source(image.ImageBuffer);
-    if (!source) return;
+    if (!source) RaiseNoLock();
     cropped = OwnedBuffer::Make(PlaneBytes(width, height, size));
     const BufferLock target(cropped.Get());
-    if (!target) return;
+    if (!target) RaiseNoLock();
     const std::uint64_t rowBytes = PlaneBytes(width, 1, size);
     for (KelLong row = 0; row < height; ++row) {
       const std::uint64_t from = PlaneBytes(image.Width, std::int64_t{y0} + row, size);
@@ -192,15 +201,17 @@ void CropSamples(KelImageData& image, KelLong x0, KelLong x1, KelLong y0, KelLon
 void InterpolateSamples(KelImageData& image, KelLong newWidth, KelLong newHeight, KelLong stepX,
                         KelLong stepY) {
   if (newWidth < 1 || newHeight < 1 || stepX < 1 || stepY < 1 || CountOf(image) == 0) return;
+  if (image.ImageBuffer == nullptr) return;
   const Enlargement e = {image.Width, image.Height, newWidth, newHeight, stepX, stepY};
   OwnedBuffer enlarged;
   {
     const BufferLock source(image.ImageBuffer);
     // A visit that looks at nothing: is there such a kind of samples?
-    if (!source || !VisitSamples(image, source.As<void>(), [](const auto*) {})) return;
+    if (!source) RaiseNoLock();
+    if (!VisitSamples(image, source.As<void>(), [](const auto*) {})) return;
     enlarged = OwnedBuffer::Make(PlaneBytes(newWidth, newHeight, image.SizeOfDataType));
     const BufferLock target(enlarged.Get());
-    if (!target) return;
+    if (!target) RaiseNoLock();
     VisitSamples(image, source.As<void>(), [&](const auto* samples) {
       using Sample = std::remove_cv_t<std::remove_pointer_t<decltype(samples)>>;
       Enlarge(samples, target.As<Sample>(), e);
