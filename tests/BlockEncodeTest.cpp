@@ -49,7 +49,7 @@ struct Coded : CodedTileComponent {
     const auto levels = static_cast<std::int32_t>(bands.size() / 3);
     sizes.resize(kel::CountSizes(levels));
     PlaceSizes(levels, sizes.data(), *this);
-    EncodeTileComponent(records.data(), keepRates, *this);
+    EncodeTileComponent(records.data(), keepRates, false, *this);
   }
 
   std::vector<std::uint32_t> sizes{};

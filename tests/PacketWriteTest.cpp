@@ -42,7 +42,7 @@ struct MadeComp {
 /// The segments of a tile's first header.
 Bytes Announced(const std::vector<kel::TileCompToWrite>& comps) {
   HostStream host({}, false);
-  kel::WriteTile({0, comps.data(), static_cast<std::int32_t>(comps.size()), 1, 1, 8, false},
+  kel::WriteTile({0, comps.data(), static_cast<std::int32_t>(comps.size()), 1, {1, true}, 8, false},
                  host.stream);
   const std::uint8_t sod[] = {0xAB, 0x93};
   return Bytes(host.bytes.begin() + 12,
@@ -73,7 +73,7 @@ TEST_F(PacketWrite, LengthsBeyondAStream) {
   HostStream host;
   const auto codeOf = [&](std::int32_t numLayers) {
     return RaisedBy([&] {
-             kel::WriteTile({0, comps, 1, 1, numLayers, 8, false}, host.stream);
+             kel::WriteTile({0, comps, 1, 1, {numLayers, true}, 8, false}, host.stream);
            })
         .errCode;
   };

@@ -217,6 +217,9 @@ TEST_F(Preview, IsWhatDecodingGives) {
     }
   }
   for (const bool transform : {false, true}) {
+    EncodeHost chosen(MakePicture(83, 71, 3, 8), 83, 37,
+                      {.quality = 30, .transform = transform, .levels = 3, .choose = true});
+    CheckAgainstDecoder(chosen, 3, random);
     EncodeHost host(WithRegion(MakePicture(83, 71, {8, 8, 8, 8}, {1, 1, 1, 2})), 83, 37,
                     {.quality = 10, .transform = transform, .levels = 3, .colors = 3, .mask = 3});
     CheckAgainstDecoder(host, 3, random);

@@ -10,43 +10,13 @@
 #include <cassert>
 
 #include "KelBitWriter.h"
+#include "KelBlockRuns.h"
 #include "format/KelBlockGrid.h"
 #include "kernels/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
 
 namespace kel {
 namespace {
-
-// ---- Walking ----
-
-/// Blocks beside each other in a row of blocks: whole ones across, or a single narrower one.
-template <class Cell>
-struct BlockRun {
-  const Cell* cells;
-  int width, height;  ///< of each block
-  std::size_t count;
-  std::size_t first;  ///< index of the first block in the band's raster order
-};
-
-/// Calls visit(run) for all blocks of a band in raster order.
-template <class Cell, class Visit>
-void ForEachRun(const EncodeBand& band, Visit visit) {
-  std::size_t first = 0;
-  const auto* row = static_cast<const Cell*>(band.data);
-  for (std::int64_t y = band.y0; y < band.y1;) {
-    const std::int64_t height = BlockEnd(y, band.y1, kBlockExponent) - y;
-    for (std::int64_t x = band.x0; x < band.x1;) {
-      const std::int64_t width = BlockEnd(x, band.x1, kBlockExponent) - x;
-      const std::int64_t count = width == kBlockSide ? (band.x1 - x) / kBlockSide : 1;
-      visit(BlockRun<Cell>{row + (x - band.x0), static_cast<int>(width), static_cast<int>(height),
-                           static_cast<std::size_t>(count), first});
-      x += width * count;
-      first += static_cast<std::size_t>(count);
-    }
-    row += height * band.strideCells;
-    y += height;
-  }
-}
 
 // ---- Plane counts ----
 
@@ -296,7 +266,7 @@ bool EndsBlocks(const EncodeBand& band, std::int32_t row) {
   return row + 1 == BlockEnd(row, band.y1, kBlockExponent);
 }
 
-void CountPlanesAbove(const EncodeBand& band, std::int32_t row) {
+EncodeBand BlocksAbove(const EncodeBand& band, std::int32_t row) {
   EncodeBand blocks = band;
   blocks.y0 = static_cast<std::int32_t>(std::max<std::int64_t>(band.y0, row & -kBlockSide));
   blocks.y1 = row + 1;
@@ -305,9 +275,17 @@ void CountPlanesAbove(const EncodeBand& band, std::int32_t row) {
   blocks.planeCounts += rowsOfBlocks * CountBlocks(band.x0, band.x1, kBlockExponent);
   if (band.areShorts) {
     blocks.data = static_cast<std::int16_t*>(band.data) + cells;
-    CountPlanesOfBlocks<std::int16_t>(blocks);
   } else {
     blocks.data = static_cast<std::int32_t*>(band.data) + cells;
+  }
+  return blocks;
+}
+
+void CountPlanesAbove(const EncodeBand& band, std::int32_t row) {
+  const EncodeBand blocks = BlocksAbove(band, row);
+  if (band.areShorts) {
+    CountPlanesOfBlocks<std::int16_t>(blocks);
+  } else {
     CountPlanesOfBlocks<std::int32_t>(blocks);
   }
 }
@@ -319,7 +297,8 @@ void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponen
   coded.firstRecord = coded.bandSize + 3 * numLevels + 1;
 }
 
-void EncodeTileComponent(const EncodeBand* bands, bool keepRates, CodedTileComponent& coded) {
+void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty,
+                         CodedTileComponent& coded) {
   const std::int32_t numLevels = coded.numLevels;
   assert(numLevels >= 0 && numLevels <= kMaxLevels);
   const std::int32_t numBands = 3 * numLevels + 1;
@@ -338,6 +317,7 @@ void EncodeTileComponent(const EncodeBand* bands, bool keepRates, CodedTileCompo
   for (std::int32_t b = 0; b < numBands; ++b) {
     const std::int32_t resolution = (b + 2) / 3;
     if (b == 0 || b % 3 == 1) coded.firstRecord[resolution] = coded.rates.count;
+    if (dropEmpty && bounds[b].maxPlanes == 0) continue;
     BandEncoding encoding{bands[b], writer, coded.rates};
     coded.bandSize[b] = EncodeBandData(encoding, bounds[b]);
     coded.resSize[resolution] += coded.bandSize[b];

@@ -28,6 +28,9 @@ struct EncodeBand {
 /// Blocks of a band.
 std::uint64_t CountBlocksOf(const EncodeBand& band);
 
+/// The row of blocks of which `row` (in band coordinates) is the last row, as a band.
+EncodeBand BlocksAbove(const EncodeBand& band, std::int32_t row);
+
 /// Counts the planes of the blocks of which `row` (in band coordinates) is the last row.
 void CountPlanesAbove(const EncodeBand& band, std::int32_t row);
 
@@ -79,8 +82,10 @@ std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes);
 void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponent& coded);
 
 /// Encodes the 3 numLevels + 1 bands of a tile-component, in subband order, whose plane counts are
-/// there. What the record held before gives way. Raises 8 with nothing coded.
-void EncodeTileComponent(const EncodeBand* bands, bool keepRates, CodedTileComponent& coded);
+/// there. Bands whose counts are all 0 come to no bytes when dropEmpty is set. What the record held
+/// before gives way. Raises 8 with nothing coded.
+void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty,
+                         CodedTileComponent& coded);
 
 /// Releases bytes and rates; accepts half-built records and may run twice.
 void ReleaseCodedTileComponent(CodedTileComponent& coded) noexcept;

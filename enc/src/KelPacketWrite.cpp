@@ -33,12 +33,20 @@ struct Parts {
   int count = 0;
 };
 
+/// Bytes of the packets of a resolution in all layers.
+std::uint64_t BytesInLayers(const CodedTileComp& coded, int r, const Layers& layers) {
+  const std::uint64_t first = PacketBytes(coded, r);
+  const std::uint64_t other = layers.repeat || first == 0 ? first : kEmptyPacketBytes;
+  return SaturatingAdd(first, SaturatingMul(other, AsCount(layers.count - 1)));
+}
+
 /// Calls visit for each packet of a part in writing order.
 template <class Visit>
 void ForEachPacket(const TileToWrite& tile, const PartRange& range, Visit visit) {
   for (int r = range.firstRes; r < range.endRes; ++r) {
-    for (std::int32_t layer = 0; layer < tile.numLayers; ++layer) {
-      for (std::int32_t c = range.firstComp; c < range.endComp; ++c) visit(*tile.comps[c].coded, r);
+    for (std::int32_t layer = 0; layer < tile.layers.count; ++layer) {
+      for (std::int32_t c = range.firstComp; c < range.endComp; ++c)
+        visit(*tile.comps[c].coded, r, layer);
     }
   }
 }
@@ -48,10 +56,10 @@ std::uint64_t DataBytes(const TileToWrite& tile, const PartRange& range) {
   std::uint64_t bytes = 0;
   for (int r = range.firstRes; r < range.endRes; ++r) {
     for (std::int32_t c = range.firstComp; c < range.endComp; ++c) {
-      bytes += PacketBytes(*tile.comps[c].coded, r);
+      bytes = SaturatingAdd(bytes, BytesInLayers(*tile.comps[c].coded, r, tile.layers));
     }
   }
-  return SaturatingMul(bytes, AsCount(tile.numLayers));
+  return bytes;
 }
 
 Parts DivideTile(const TileToWrite& tile) {
@@ -140,6 +148,7 @@ void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
     return;
   }
   WriteU32(stream, bytes - 4);
+  if (bytes == kEmptyPacketBytes) return;
   for (int b = 3 * r - 2; b <= 3 * r; ++b) {
     WriteCounted(stream, from, code.bandSize[b]);
     from += code.bandSize[b];
@@ -147,6 +156,14 @@ void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
 }
 
 }  // namespace
+
+std::uint64_t TileCompBytes(const CodedTileComp& coded, const Layers& layers) {
+  std::uint64_t bytes = 0;
+  for (int r = 0; r <= coded.code.numLevels; ++r) {
+    bytes = SaturatingAdd(bytes, BytesInLayers(coded, r, layers));
+  }
+  return bytes;
+}
 
 std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
   const Parts parts = DivideTile(tile);
@@ -176,7 +193,13 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
     WriteHeader(set, header);
     WriteOut(stream, header.bytes.Data(), header.count);
     ForEachPacket(tile, parts.ranges[i],
-                  [&](const CodedTileComp& coded, int r) { WritePacket(coded, r, stream); });
+                  [&](const CodedTileComp& coded, int r, std::int32_t layer) {
+                    if (layer == 0 || tile.layers.repeat) {
+                      WritePacket(coded, r, stream);
+                    } else if (PacketBytes(coded, r) != 0) {
+                      WriteU32(stream, 0);
+                    }
+                  });
     FlushOut(stream);
   }
   return total;

@@ -24,6 +24,15 @@ namespace kel {
 /// Bytes of a tile-part header without coding segments: SOT and SOD.
 inline constexpr std::uint32_t kTilePartHeaderBytes = 14;
 
+/// Quality layers: each repeats the packets of the first, or those behind it have empty ones.
+struct Layers {
+  std::int32_t count;
+  bool repeat;
+};
+
+/// What the packets of a tile-component take in all layers. Saturates.
+std::uint64_t TileCompBytes(const CodedTileComp& coded, const Layers& layers);
+
 /// One component of a tile to be written.
 struct TileCompToWrite {
   const CodedTileComp* coded;
@@ -36,7 +45,7 @@ struct TileToWrite {
   const TileCompToWrite* comps;
   std::int32_t numComps;
   std::int32_t numLevels;
-  std::int32_t numLayers;
+  Layers layers;
   std::int32_t announcedDepth;
   bool isByComponent;  ///< one tile-part per component, else per resolution
 };

@@ -8,6 +8,7 @@
 
 #include "KelRegion.h"
 #include "base/KelMemFuncDefs.h"
+#include "kernels/KelChoiceKernels.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {
@@ -30,7 +31,7 @@ void ChooseStepsOf(const TileCompJob& job, TileCompCoder& coder) {
 
 TileCompCoder* MakeTileCompCoder(int numLevels) {
   const auto numBands = static_cast<std::uint64_t>(NumSubbands(numLevels));
-  const std::uint64_t tableBytes = numBands * (sizeof(EncodeBand) + 3 * sizeof(std::int32_t)) +
+  const std::uint64_t tableBytes = numBands * (sizeof(EncodeBand) + 4 * sizeof(std::int32_t)) +
                                    CountSizes(numLevels) * sizeof(std::uint32_t);
   void* const block = KelCalloc(1, sizeof(TileCompCoder) + tableBytes);
   auto& coder = *static_cast<TileCompCoder*>(block);
@@ -42,6 +43,7 @@ TileCompCoder* MakeTileCompCoder(int numLevels) {
   };
   take(coder.waiting.bands, numBands);
   take(coder.steps, numBands);
+  take(coder.divisors, numBands);
   take(coder.coded.exponents, numBands);
   take(coder.coded.mantissas, numBands);
   std::uint32_t* sizes = nullptr;
@@ -63,13 +65,18 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder) {
   CodedTileComp& coded = coder.coded;
   const int numLevels = coder.waiting.numLevels;
   coded.box = job.box;
-  coded.layerBytes = 0;
   coded.hasSteps = false;
   if (job.box.IsEmpty()) return {};
   const bool areFloats = job.cells == CellKind::kFloats;
   if (areFloats) ChooseStepsOf(job, coder);
-  const float* const divisors = coded.hasSteps ? coder.steps : nullptr;
-  const WaitingJob waiting = {job.box, numLevels, job.cells, job.sampleBits, divisors};
+  coder.dropsEmpty = job.dropsEmpty;
+  const bool choosesIndices = coded.hasSteps && job.quant.areEven;
+  for (int b = 0; b < NumSubbands(numLevels); ++b) {
+    coder.divisors[b] = choosesIndices ? coder.steps[b] / kPartsPerStep : coder.steps[b];
+  }
+  const float* const divisors = coded.hasSteps ? coder.divisors : nullptr;
+  const WaitingJob waiting = {job.box,        numLevels, job.cells,
+                              job.sampleBits, divisors,  choosesIndices};
   BeginWaiting(waiting, EnsureKept(coder.memory, WaitingBytes(waiting)), coder.waiting);
   if (areFloats) coder.waiting.outside = {job.regionMarks, coder.steps};
   return {job.box, numLevels, job.cells, divisors, {&coder.waiting, TakeBandRow, PlaceBandRow}};
@@ -78,12 +85,14 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder) {
 void FinishTileComp(TileCompCoder& coder) {
   CodedTileComp& coded = coder.coded;
   if (coded.box.IsEmpty()) return;
-  EncodeTileComponent(coder.waiting.bands, false, coded.code);
-  for (int r = 0; r <= coder.waiting.numLevels; ++r) coded.layerBytes += PacketBytes(coded, r);
+  if (coder.waiting.choosesIndices) NarrowAllPlaneCounts(coder.waiting);
+  EncodeTileComponent(coder.waiting.bands, false, coder.dropsEmpty, coded.code);
 }
 
 std::uint64_t PacketBytes(const CodedTileComp& coded, int r) {
   if (coded.box.IsEmpty() || ReduceBox(coded.box, coded.code.numLevels - r).IsEmpty()) return 0;
+  // A band that is not dropped has a header.
+  if (coded.code.resSize[r] == 0) return kEmptyPacketBytes;
   return coded.code.resSize[r] + (r == 0 ? kLowestCountBytes : kPacketCountBytes);
 }
 

@@ -20,7 +20,6 @@ inline constexpr std::uint64_t kLowestCountBytes = 4;
 /// A tile-component as it was coded. Without samples all sizes are 0.
 struct CodedTileComp {
   Box box;
-  std::uint64_t layerBytes;  ///< what its packets take in one layer
   CodedTileComponent code;
   /// Whether the tile must announce the steps below, one pair per subband: not for components that
   /// are reversible, empty or have a region.
@@ -32,10 +31,11 @@ struct CodedTileComp {
 /// What to code, and how.
 struct TileCompJob {
   Box box;
-  CellKind cells;  ///< of its samples: floats are coded irreversibly
-  int sampleBits;  ///< of its samples after the component transform, sign included
+  CellKind cells;   ///< of its samples: floats are coded irreversibly
+  int sampleBits;   ///< of its samples after the component transform, sign included
+  bool dropsEmpty;  ///< bands without magnitudes take no bytes
   // Irreversible components only.
-  QuantTarget quant;                ///< what the steps follow from
+  QuantTarget quant;                ///< what the steps follow from; even ones: indices are chosen
   const float* bandWeights;         ///< one per subband
   const std::uint8_t* regionMarks;  ///< as CarryRegionMask lays them out; null without a region.
                                     ///< They are read until all rows have been transformed.
@@ -46,6 +46,8 @@ struct TileCompJob {
 struct TileCompCoder {
   KeptBlock memory;  ///< of the bands
   float* steps;
+  float* divisors;  ///< of the floats: the steps, or sixteenths of them
+  bool dropsEmpty;
   WaitingBands waiting;
   CodedTileComp coded;
 };
@@ -61,6 +63,9 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder);
 
 /// Codes a tile-component whose rows have all been transformed, into coder.coded. Raises 8.
 void FinishTileComp(TileCompCoder& coder);
+
+/// Bytes of a packet that holds nothing.
+inline constexpr std::uint64_t kEmptyPacketBytes = 4;
 
 /// Bytes of the packet of a resolution; 0 for one without samples, which has none.
 std::uint64_t PacketBytes(const CodedTileComp& coded, int resolution);

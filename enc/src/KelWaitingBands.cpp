@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "KelIndexChoice.h"
 #include "kernels/KelKernels.h"
 #include "transform/KelWavelet.h"
 
@@ -95,6 +96,7 @@ void BeginWaiting(const WaitingJob& job, void* memory, WaitingBands& waiting) {
   waiting.numLevels = job.numLevels;
   waiting.cells = job.cells;
   waiting.outside = {};
+  waiting.choosesIndices = job.choosesIndices;
   auto* next = static_cast<std::uint8_t*>(memory);
   for (int b = 0; b < NumSubbands(job.numLevels); ++b) {
     EncodeBand& band = waiting.bands[b];
@@ -126,14 +128,23 @@ void TakeBandRow(void* context, int subband, std::int64_t row, void* cells) {
     if (band.areShorts) {
       kernels.floatsToShorts(floats, static_cast<std::int16_t*>(to), count);
     } else {
-      kernels.floatsToLevels(floats, static_cast<std::int32_t*>(to), count, -INT32_MAX, INT32_MAX,
-                             0);
+      const std::int32_t most = waiting.choosesIndices ? kMostSixteenths : INT32_MAX;
+      kernels.floatsToLevels(floats, static_cast<std::int32_t*>(to), count, -most, most, 0);
     }
   } else if (cells != to) {
     std::memcpy(to, cells, count * CellBytesOf(band));
   }
   const auto y = static_cast<std::int32_t>(band.y0 + row);
-  if (EndsBlocks(band, y)) CountPlanesAbove(band, y);
+  if (!EndsBlocks(band, y)) return;
+  if (waiting.choosesIndices) {
+    ChooseIndicesAbove(band, y);
+  } else {
+    CountPlanesAbove(band, y);
+  }
+}
+
+void NarrowAllPlaneCounts(const WaitingBands& waiting) {
+  for (int b = 0; b < NumSubbands(waiting.numLevels); ++b) NarrowPlaneCounts(waiting.bands[b]);
 }
 
 }  // namespace kel

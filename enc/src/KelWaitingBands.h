@@ -37,9 +37,10 @@ void CoarsenRow(const CoarseOutside& outside, const BandRow& row, float* cells, 
 struct WaitingJob {
   Box box;
   int numLevels;
-  CellKind cells;      ///< of the rows that come
-  int sampleBits;      ///< of the transformed component's samples, sign included
-  const float* steps;  ///< that floats are divided by before they come; null: none
+  CellKind cells;       ///< of the rows that come
+  int sampleBits;       ///< of the transformed component's samples, sign included
+  const float* steps;   ///< that floats are divided by before they come; null: none
+  bool choosesIndices;  ///< floats come as sixteenths of the steps that indices stand for
 };
 
 /// The bands of a tile-component; a plain record over the memory that it was given.
@@ -48,6 +49,7 @@ struct WaitingBands {
   int numLevels;
   CellKind cells;
   CoarseOutside outside;
+  bool choosesIndices;
   EncodeBand* bands;  ///< one per subband, of the caller
 };
 
@@ -60,6 +62,9 @@ void BeginWaiting(const WaitingJob& job, void* memory, WaitingBands& waiting);
 // What the forward transform calls; `waiting` is a WaitingBands. Integers are put where they wait.
 void* PlaceBandRow(void* waiting, int subband, std::int64_t row);
 void TakeBandRow(void* waiting, int subband, std::int64_t row, void* cells);
+
+/// The last step of choosing indices, once all rows are there.
+void NarrowAllPlaneCounts(const WaitingBands& waiting);
 
 }  // namespace kel
 

@@ -111,7 +111,13 @@ class KEL_API KelEncOpt {
   bool RateFlag;         ///< the byte target is the whole uncompressed size [false]
   KelLong RateParamA;    ///< quality percentage for the size queries when 1 to 100 [0]
   KelLong RateParamB;    ///< decoder: decoded bytes, or of the boxed file [0]
-  KelLong Reserved2[5];  ///< not interpreted [0]
+  /// Nonzero: irreversible components are coded with steps that weigh all errors alike and with
+  /// indices chosen by error and bits, and what is empty takes no bytes. Less data at the same
+  /// quality number, with about the same error; every decoder reads it. Components that a region of
+  /// interest shapes and lossless ones are the same either way but for what is empty. TargetQuality
+  /// then counts with its fraction. Takes the place of a field that was not interpreted [0]
+  KelLong ChooseIndices;
+  KelLong Reserved2[4];  ///< not interpreted [0]
   KelLong RateLimit;     ///< not interpreted [-1]
   /// False: InitEncoder begins a progress run over the tiles. True: CompressImage begins and ends
   /// its own [false]
@@ -133,8 +139,8 @@ class KEL_API KelEncOpt {
   KelLong PrecinctWidthExp;   ///< 15: one precinct; others only where a tile fits in one [15]
   KelLong PrecinctHeightExp;  ///< [15]
   KelULong CoderValue;        ///< not interpreted [0]
-  /// Quality of irreversible coding, 1 to 100 (rounded, clamped), read when a tile is coded. 100
-  /// means a step of 1 in every subband; it is not lossless [40]
+  /// Quality of irreversible coding, 1 to 100 (rounded but with ChooseIndices, clamped), read when
+  /// a tile is coded. 100 means a step of 1 in every subband; it is not lossless [40]
   float TargetQuality;
   KelLong* RateTable = nullptr;  ///< RateTableCount values from the registered Malloc; owned [null]
   KelLong RateTableCount;        ///< [0]

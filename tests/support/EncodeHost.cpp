@@ -64,6 +64,7 @@ EncodeHost::EncodeHost(const Picture& source, KelLong tileWidth, KelLong tileHei
   if (coding.colors >= 0) options.NumColorChannels = coding.colors;
   options.RoiEnabled = coding.mask >= 0;
   options.RoiMaskComponent = coding.mask;
+  options.ChooseIndices = coding.choose ? 1 : 0;
   options.TransparencyPresent = coding.transparency >= 0;
   options.TransparencyComponent = coding.transparency;
 

@@ -42,6 +42,7 @@ struct Coding {
   KelLong colors = -1;        ///< colour channels, or -1: as many as there are
   KelLong mask = -1;          ///< component that marks a region, or -1
   KelLong transparency = -1;  ///< component, or -1
+  bool choose = false;        ///< indices are chosen
 };
 
 /// One encoder's host. The options are those of the image; tests change them before Encode.

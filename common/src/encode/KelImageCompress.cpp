@@ -26,6 +26,10 @@ void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
   e.extraChannelsSize = e.transparencySize = -1;
 }
 
+Layers LayersOf(const KelEncOpt& o) {
+  return {o.NumLayers, o.ChooseIndices == 0};
+}
+
 TileCompCoder& EnsureCoder(const EncoderState& e, KelLong component) {
   TileCompCoder*& coder = e.coders[component];
   if (coder == nullptr) coder = MakeTileCompCoder(e.settings.NumLevels);
@@ -44,6 +48,7 @@ ForwardJob BeginComponent(const ImageState& state, const TileCompRecord& record,
   job.box = BoxOf(record.tileGeom);
   job.cells = kind.cells;
   job.sampleBits = kind.sampleBits;
+  job.dropsEmpty = o.ChooseIndices != 0;
   job.quant = QuantTargetOf(state, record.tileGeom);
   job.bandWeights = e.bandWeights;
   if (region.IsThere() && kind.cells == CellKind::kFloats) {
@@ -91,7 +96,7 @@ bool CodeTile(ImageState& state, TileRecord& tile, AfterComponent afterComponent
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (IsRegionMask(e.settings, c)) continue;
     FinishTileComp(*e.coders[c]);
-    tile.comps[c].codedBytes = e.coders[c]->coded.layerBytes;
+    tile.comps[c].codedBytes = TileCompBytes(e.coders[c]->coded, LayersOf(e.settings));
     afterComponent();
   }
   if (tile.index == state.map.numTiles - 1) e.isCompressed = true;
@@ -133,7 +138,7 @@ std::uint64_t WriteCodedTile(const ImageState& state, const TileRecord& tile) {
     if (!IsInMainStream(o, c)) continue;
     e.toWrite[numComps++] = {&e.coders[c]->coded, IsCodedIrreversibly(o, c)};
   }
-  return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, o.NumLayers, AnnouncedDepth(o),
+  return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, LayersOf(o), AnnouncedDepth(o),
                     o.ProgressionOrder == KelCPRL},
                    *state.codeStm);
 }

@@ -52,9 +52,8 @@ std::int64_t SizeOfComponent(const ImageState& state, KelLong component) {
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     const TileRecord& tile = state.map.tiles[t];
     if (tile.comps == nullptr) continue;
-    const std::uint64_t layers =
-        SaturatingMul(tile.comps[component].codedBytes, AsCount(o.NumLayers));
-    bytes += static_cast<std::int64_t>(std::min<std::uint64_t>(layers, INT32_MAX));
+    bytes += static_cast<std::int64_t>(
+        std::min<std::uint64_t>(tile.comps[component].codedBytes, INT32_MAX));
   }
   return bytes;
 }

@@ -12,6 +12,7 @@
 #include "encode/KelPreviewPlane.h"
 #include "encode/KelTileRows.h"
 #include "format/KelHeadersWrite.h"
+#include "kernels/KelChoiceKernels.h"
 #include "samples/KelImageDataAccess.h"
 #include "samples/KelRecast.h"
 
@@ -137,6 +138,11 @@ class TilePreview {
     float steps[kQuantEntries];  ///< all 1 for the reversible filter
     float coarseSteps[kQuantEntries];
     RegionMarks marks;
+    // Where indices are chosen, which takes whole bands.
+    float parts[kQuantEntries];  ///< of the steps
+    ScratchArray<std::uint8_t> bands;
+    EncodeBand bandRecords[kMaxSubbands];
+    WaitingBands waiting;
   };
 
   /// Components that are transformed together, and then shown.
@@ -148,6 +154,11 @@ class TilePreview {
       jobs[i] = BeginCoefficients(first + i, made[i]);
     }
     if (!TransformTogether(source, first, count, jobs, encoder_.rowsMemory)) return false;
+    for (KelLong i = 0; i < count; ++i) {
+      if (made[i].bands.Data() == nullptr) continue;
+      NarrowAllPlaneCounts(made[i].waiting);
+      GatherFromBands(made[i].waiting, made[i].gathered);
+    }
     if (count == kMostTogether && ShowsColorsTogether()) {
       ShowColors(made);
       return true;
@@ -177,16 +188,30 @@ class TilePreview {
     }
     if (isDirect_ && areFloats) {
       ChosenSteps chosen;
-      ChooseSteps(QuantTargetOf(state_, GeometryOf(c)), box, numLevels, encoder_.bandWeights,
-                  chosen);
+      const QuantTarget target = QuantTargetOf(state_, GeometryOf(c));
+      ChooseSteps(target, box, numLevels, encoder_.bandWeights, chosen);
       float* const steps = region_.IsThere() ? made.coarseSteps : made.steps;
       std::copy_n(chosen.steps, NumSubbands(numLevels), steps);
       to.outside = {made.marks.All(), made.coarseSteps};
+      if (target.areEven) return BeginChoice(c, made);
     }
     if (!isDirect_ && region_.IsThere()) {
       to.scale = RegionScaleFor(made.marks, MaxBitPlanesOfUnitSteps());
     }
     return {box, numLevels, cells, areFloats ? made.steps : nullptr, {&to, GatherBandRow}};
+  }
+
+  /// The same for a component whose indices are chosen. The steps are there.
+  ForwardJob BeginChoice(KelLong c, Coefficients& made) {
+    const GatheredWindow& to = made.gathered;
+    std::transform(made.steps, made.steps + kQuantEntries, made.parts,
+                   [](float step) { return step / kPartsPerStep; });
+    const RowKind kind = RowKindOf(options_, c, to.numLevels);
+    const WaitingJob job = {to.box, to.numLevels, kind.cells, kind.sampleBits, made.parts, true};
+    made.bands = ScratchArray<std::uint8_t>::Make(WaitingBytes(job));
+    made.waiting.bands = made.bandRecords;
+    BeginWaiting(job, made.bands.Data(), made.waiting);
+    return {to.box, to.numLevels, to.rowCells, made.parts, {&made.waiting, TakeBandRow}};
   }
 
   int MaxBitPlanesOfUnitSteps() const {

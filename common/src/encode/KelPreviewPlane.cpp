@@ -97,6 +97,18 @@ void GatherBandRow(void* context, int b, std::int64_t bandRow, void* cells) {
     ScaleRow(to.scale.marks->Row(b, bandRow) + column, to.scale, row, count);
 }
 
+void GatherFromBands(const WaitingBands& waiting, GatheredWindow& to) {
+  for (int b = 0; b < NumSubbands(to.resolution); ++b) {
+    const EncodeBand& band = waiting.bands[b];
+    to.rowCells = band.areShorts ? CellKind::kShorts : CellKind::kIntegers;
+    const std::ptrdiff_t rowBytes = band.strideCells * (band.areShorts ? 2 : 4);
+    auto* row = static_cast<std::uint8_t*>(band.data);
+    for (std::int64_t y = 0; y < std::int64_t{band.y1} - band.y0; ++y, row += rowBytes) {
+      GatherBandRow(&to, b, y, row);
+    }
+  }
+}
+
 void StoreIntegers(CellKind kind, const void* cells, std::int64_t first, std::int32_t* out,
                    std::size_t count) {
   if (kind == CellKind::kFloats) {

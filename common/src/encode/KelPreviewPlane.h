@@ -50,6 +50,9 @@ struct GatheredWindow {
   std::int32_t* cells;
 };
 
+/// Gathers from bands whose indices were chosen; rowCells does not matter.
+void GatherFromBands(const WaitingBands& waiting, GatheredWindow& to);
+
 /// Takes a row from the forward transform; `gathered` is a GatheredWindow.
 void GatherBandRow(void* gathered, int subband, std::int64_t row, void* cells);
 

@@ -104,10 +104,34 @@ bool TransformTogether(TileSource& source, KelLong first, KelLong count, const F
   return true;
 }
 
+namespace {
+
+/// Even steps at the end of the scale have the size of steps of 1; deeper samples leave no room for
+/// parts of these.
+constexpr KelLong kMostDepthAtUnitSteps = 16;
+
+double ExactQuality(float quality) {
+  return quality >= 1.0F ? std::min(static_cast<double>(quality), 100.0) : 1.0;
+}
+
+ComponentRole RoleOf(const KelEncOpt& o, KelLong component) {
+  if (!ColorTransformApplies(o) || component > 2) return ComponentRole::kAlone;
+  if (component == 0) return ComponentRole::kLuminance;
+  return component == 1 ? ComponentRole::kBlueDifference : ComponentRole::kRedDifference;
+}
+
+}  // namespace
+
 QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component) {
   const KelEncOpt& o = state.encoder->settings;
-  return {QualityNumber(state.encOpt->TargetQuality), component.X1 - component.X0,
-          component.Y1 - component.Y0, AnnouncedDepth(o), BudgetFactor(o, component.Component)};
+  const float quality = state.encOpt->TargetQuality;
+  QuantTarget target = {QualityNumber(quality), component.X1 - component.X0, component.Y1 - component.Y0, AnnouncedDepth(o),
+                        BudgetFactor(o, component.Component)};
+  target.exactQuality = ExactQuality(quality);
+  target.role = RoleOf(o, component.Component);
+  target.areEven = o.ChooseIndices != 0 && !o.RoiEnabled &&
+                   (target.exactQuality < 100.0 || target.bitDepth <= kMostDepthAtUnitSteps);
+  return target;
 }
 
 }  // namespace kel

@@ -36,7 +36,8 @@ KelLong NumTogether(const KelEncOpt& options, KelLong component);
 bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
                        KeptBlock& memory);
 
-/// What the steps of an irreversible component follow from, at the host's present quality.
+/// What the steps of an irreversible component follow from, at the host's present quality. Even
+/// ones mean that its indices are chosen.
 QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component);
 
 }  // namespace kel

@@ -32,7 +32,7 @@ struct TileCompRecord {
   KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
   KelTileComponent handle;    ///< owns its cell
   DecTileComp* dec;           ///< of the pool; what it owns the decoder releases
-  std::uint64_t codedBytes;   ///< encoder: of its packets in one layer; 0 until it is coded
+  std::uint64_t codedBytes;   ///< encoder: of its packets in all layers; 0 until it is coded
 
   /// Access to the handle's cell, for making and releasing handles.
   static TileCompCell*& CellOf(KelTileComponent& handle) { return handle.cell_; }

@@ -42,6 +42,7 @@ KernelTable MakeTable(KernelSet set) noexcept {
   FillScalarWaveletKernels(table.wavelet);
   FillScalarSamplesKernels(table.samples);
   FillScalarBlocksKernels(table.blocks);
+  FillScalarChoiceKernels(table.choice);
 #if defined(KEL_HAS_BASE_VECTOR)
   if (set >= KernelSet::kBaseVector) OverwriteWithBaseVector(table);
 #endif

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "KelBlocksKernels.h"
+#include "KelChoiceKernels.h"
 #include "KelSamplesKernels.h"
 #include "KelWaveletKernels.h"
 
@@ -26,6 +27,7 @@ struct KernelTable {
   WaveletKernels wavelet;
   SamplesKernels samples;
   BlocksKernels blocks;
+  ChoiceKernels choice;
 };
 
 /// The chosen table; the scalar one before the library starts.

@@ -2,6 +2,7 @@
 // processor with these has.
 #define KEL_VECTOR_BYTES 64
 #include "KelBlocksVector.h"
+#include "KelChoiceVector.h"
 #include "KelKernelSets.h"
 #include "KelSamplesVector.h"
 #include "KelWaveletVector.h"
@@ -12,6 +13,7 @@ void OverwriteWithAvx512(KernelTable& table) noexcept {
   OverwriteWithVector(table.wavelet);
   OverwriteWithVector(table.samples);
   OverwriteWithVector(table.blocks);
+  OverwriteWithVector(table.choice);
 }
 
 }  // namespace kel

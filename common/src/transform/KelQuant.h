@@ -11,6 +11,9 @@
 
 namespace kel {
 
+/// What a component is to the image, for even steps.
+enum class ComponentRole : std::uint8_t { kAlone, kLuminance, kBlueDifference, kRedDifference };
+
 /// What the encoder's steps follow from.
 struct QuantTarget {
   std::int32_t quality;        ///< 0 to 100; 100 makes every step 1
@@ -18,7 +21,17 @@ struct QuantTarget {
   std::int32_t bitDepth;
   float factor;  ///< on the error budget: 1, or less for a component that the colour
                  ///< transform made
+  // For even steps, which the factor and the whole quality do not matter to.
+  bool areEven = false;
+  double exactQuality = 0;  ///< 1 to 100
+  ComponentRole role = ComponentRole::kAlone;
 };
+
+/// Steps that weigh all errors alike: in inverse proportion to the root of a subband's weight, the
+/// same in every component but for its role. Meant for indices that are chosen; the error is about
+/// that of nearest indices with the steps above at the same quality.
+void DeriveEvenSteps(const QuantTarget& target, int numLevels, const Box* boxes,
+                     const float* weights, float* steps);
 
 /// Shares an error budget, which the quality sets, among the subbands by their weights and sizes.
 /// A subband without coefficients gets step 1.
