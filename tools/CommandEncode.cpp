@@ -116,14 +116,16 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
       ->type_name("N")
       ->check(CLI::Range(1, 100))
       ->excludes(lossless);
+  command.add_flag("--plain", options.plain,
+                   "round to the nearest and write every packet, as first encoders did:\n"
+                   "larger files of the same error");
   command
       .add_option("--tile", options.tile,
                   "size of tiles [about 1024x512; one up to a megapixel]\n"
                   "Tiles are what threads can work on side by side.")
       ->type_name("WxH")
       ->check(CheckTile);
-  command.add_option("--levels", options.levels, "wavelet decompositions")
-      ->capture_default_str()
+  command.add_option("--levels", options.levels, "wavelet decompositions [5; lossy up to 7]")
       ->type_name("N")
       ->check(CLI::Range(0, 32));
   command.add_flag("--no-colour-transform", options.noColourTransform,
@@ -139,7 +141,8 @@ host::EncodeParams ParamsOf(const CodingOptions& options) {
   host::EncodeParams params;
   params.lossless = options.lossless;
   params.quality = options.quality;
-  params.levels = options.levels;
+  params.plain = options.plain;
+  if (options.levels) params.levels = *options.levels;
   params.colourTransform = !options.noColourTransform;
   if (!options.tile.empty()) {
     const std::size_t cross = options.tile.find_first_of("xX");

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace CLI {
@@ -31,8 +32,9 @@ void AddCompareCommand(CLI::App& app, Run& run);
 struct CodingOptions {
   bool lossless = false;
   int quality = 60;
+  bool plain = false;
   std::string tile;  ///< "WxH", empty for the default
-  unsigned levels = 5;
+  std::optional<unsigned> levels;
   bool noColourTransform = false;
   std::string mask;  ///< file name
 };

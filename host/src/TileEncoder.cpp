@@ -85,13 +85,25 @@ void CheckPalette(const Image& image) {
   }
 }
 
+/// As many decompositions as leave eight samples of the tile's shorter side: what a lossy picture
+/// shows in the large takes most of a small file.
+unsigned FittingLevels(const EncodeParams& params) {
+  constexpr unsigned kUsual = 5, kMost = 7;
+  unsigned levels = kUsual;
+  const std::uint32_t side = std::min(params.tileWidth, params.tileHeight);
+  if (params.lossless || params.plain) return levels;
+  while (levels < kMost && side >> (levels + 1) >= 8) ++levels;
+  return levels;
+}
+
 }  // namespace
 
 EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   CheckPlanes(image);
   CheckPalette(image);
   Require(params.quality >= 1 && params.quality <= 100, "the quality is a number from 1 to 100");
-  Require(params.levels <= kMostLevels, "at most 32 levels are possible");
+  Require(params.levels <= kMostLevels || params.levels == EncodeParams::kFittingLevels,
+          "at most 32 levels are possible");
   Require(params.layers >= 1 && params.layers <= kMostLayers, "1 to 65535 layers are possible");
   Require(!params.lossless || params.sizeLimit == 0, "a lossless file cannot be limited to a size");
   if (params.regionMask != nullptr) {
@@ -116,6 +128,7 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   }
   checked.tileWidth = std::min(checked.tileWidth, image.width);
   checked.tileHeight = std::min(checked.tileHeight, image.height);
+  if (params.levels == EncodeParams::kFittingLevels) checked.levels = FittingLevels(checked);
   const std::uint64_t across = (image.width + checked.tileWidth - 1) / checked.tileWidth;
   const std::uint64_t down = (image.height + checked.tileHeight - 1) / checked.tileHeight;
   Require(across * down <= kMostTiles, "more than 65535 tiles are not possible");

@@ -147,7 +147,11 @@ void PrepareMap(ImageMap& map, EncoderState& e, KelEncOpt& options) {
 void PrepareRateControl(EncoderState& e) {
   const KelEncOpt& s = e.settings;
   e.bandWeights = OwnedArray<float>::Make(AsCount(NumSubbands(s.NumLevels))).Release();
-  ComputeBandWeights(s.NumLevels, e.bandWeights);
+  if (s.ChooseIndices != 0 && !s.RoiEnabled) {
+    ComputeWholeBandWeights(s.NumLevels, e.bandWeights);
+  } else {
+    ComputeBandWeights(s.NumLevels, e.bandWeights);
+  }
   e.qualitySteps = OwnedArray<KelLong>::Make(kNumQualitySteps).Release();
   e.quality = IsWithin(s.RateParamA, 1, 100) ? s.RateParamA : QualityNumber(s.TargetQuality);
   e.byteTarget = e.extraChannelsSize = e.transparencySize = -1;

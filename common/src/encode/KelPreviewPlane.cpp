@@ -100,7 +100,7 @@ void GatherBandRow(void* context, int b, std::int64_t bandRow, void* cells) {
 void GatherFromBands(const WaitingBands& waiting, GatheredWindow& to) {
   for (int b = 0; b < NumSubbands(to.resolution); ++b) {
     const EncodeBand& band = waiting.bands[b];
-    to.rowCells = band.areShorts ? CellKind::kShorts : CellKind::kIntegers;
+    to.rowCells = band.areShorts ? CellKind::kShorts : CellKind::kInts;
     const std::ptrdiff_t rowBytes = band.strideCells * (band.areShorts ? 2 : 4);
     auto* row = static_cast<std::uint8_t*>(band.data);
     for (std::int64_t y = 0; y < std::int64_t{band.y1} - band.y0; ++y, row += rowBytes) {

@@ -9,6 +9,7 @@
 #include "transform/KelBandWeights.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 namespace kel {
@@ -64,6 +65,36 @@ double AxisEnergy(int level, bool high, const FilterPair& pair) {
   return Energy(g);
 }
 
+/// Levels whose basis functions are computed whole, and the values of one half of such a function:
+/// each level inserts zeros and adds four values at the end.
+constexpr int kWholeLevels = 7;
+constexpr int kWholeValues = 4 * ((1 << kWholeLevels) - 1) + 1;
+
+/// The energy of the whole basis function along an axis: the subband's own filter, then the
+/// low-pass one at each level. From a few levels on a further one doubles it.
+double WholeAxisEnergy(int level, bool high) {
+  if (level > kWholeLevels) {
+    return std::ldexp(WholeAxisEnergy(kWholeLevels, high), level - kWholeLevels);
+  }
+  double values[kWholeValues] = {};
+  std::copy_n(high ? kPair97.high : kPair97.low, kTaps, values);
+  for (int k = 1, last = kTaps - 1; k < level; ++k, last = 2 * last + kTaps - 1) {
+    double refined[kWholeValues] = {};
+    for (int i = 0; i <= 2 * last + kTaps - 1; ++i) {
+      for (int j = 1 - kTaps; j < kTaps; ++j) {
+        const int from = std::abs(i + j);
+        if (from % 2 == 0 && from / 2 <= last) {
+          refined[i] += kPair97.low[std::abs(j)] * values[from / 2];
+        }
+      }
+    }
+    std::copy_n(refined, kWholeValues, values);
+  }
+  double sum = 0.0;
+  for (int i = 1; i < kWholeValues; ++i) sum += values[i] * values[i];
+  return values[0] * values[0] + 2.0 * sum;
+}
+
 }  // namespace
 
 double BandEnergyWeight(int level, SubbandKind kind, bool irreversible) {
@@ -78,6 +109,18 @@ void ComputeBandWeights(int numLevels, float* weights) {
   for (int b = 0; b < NumSubbands(numLevels); ++b) {
     weights[b] =
         static_cast<float>(BandEnergyWeight(LevelOfSubband(b, numLevels), KindOfSubband(b), true));
+  }
+}
+
+void ComputeWholeBandWeights(int numLevels, float* weights) {
+  weights[0] = 1.0F;
+  for (int b = numLevels == 0 ? 1 : 0; b < NumSubbands(numLevels); ++b) {
+    const int level = LevelOfSubband(b, numLevels);
+    const SubbandKind kind = KindOfSubband(b);
+    const bool highAcross = kind == SubbandKind::kHL || kind == SubbandKind::kHH;
+    const bool highDown = kind == SubbandKind::kLH || kind == SubbandKind::kHH;
+    weights[b] =
+        static_cast<float>(WholeAxisEnergy(level, highAcross) * WholeAxisEnergy(level, highDown));
   }
 }
 

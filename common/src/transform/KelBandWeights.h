@@ -14,6 +14,10 @@ double BandEnergyWeight(int level, SubbandKind kind, bool irreversible);
 /// levels alone.
 void ComputeBandWeights(int numLevels, float* weights);
 
+/// The same of whole basis functions in their true order of filters, which even steps follow from:
+/// a squared error adds to the samples' with these weights, but for the filters' small correlation.
+void ComputeWholeBandWeights(int numLevels, float* weights);
+
 }  // namespace kel
 
 #endif

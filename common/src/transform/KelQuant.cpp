@@ -54,7 +54,7 @@ namespace {
 constexpr double kSharesAlone[11] = {0.579, 0.574, 0.593, 0.645, 0.728, 0.780,
                                      0.819, 0.852, 0.867, 0.860, 0.850};
 constexpr double kSharesOfColors[11] = {0.515, 0.543, 0.562, 0.588, 0.610, 0.629,
-                                        0.633, 0.658, 0.705, 0.740, 0.780};
+                                        0.633, 0.658, 0.710, 0.770, 0.820};
 
 double ShareAt(const double (&shares)[11], double quality) {
   const double place = std::clamp(quality, 0.0, 100.0) / 10.0;

@@ -25,7 +25,10 @@ struct EncodeParams {
   /// 1024 x 512.
   std::uint32_t tileWidth = 0;
   std::uint32_t tileHeight = 0;
-  unsigned levels = 5;  ///< wavelet decompositions, 0 to 32
+  unsigned levels = kFittingLevels;                ///< wavelet decompositions, 0 to 32
+  static constexpr unsigned kFittingLevels = ~0U;  ///< 5; of lossy pictures up to 7
+  /// Nearest indices and all packets, as encoders before this choice wrote them: larger files.
+  bool plain = false;
   PacketOrder order = PacketOrder::kResolutions;
   unsigned layers = 1;
   bool colourTransform = true;        ///< of the first three colours, where they allow it
