@@ -108,9 +108,9 @@ class KEL_API KelEncOpt {
   KelLong Irreversible;  ///< 1 the 9/7 filter, 0 the reversible 5/3 filter (lossless) [1]
   /// InitEncoder sets 5, a decoder 3 for a boxed file. Previews alone read it later [0]
   KelLong RateMode;
-  bool RateFlag;         ///< the byte target is the whole uncompressed size [false]
-  KelLong RateParamA;    ///< quality percentage for the size queries when 1 to 100 [0]
-  KelLong RateParamB;    ///< decoder: decoded bytes, or of the boxed file [0]
+  bool RateFlag;       ///< the byte target is the whole uncompressed size [false]
+  KelLong RateParamA;  ///< quality percentage for the size queries when 1 to 100 [0]
+  KelLong RateParamB;  ///< decoder: decoded bytes, or of the boxed file [0]
   /// Nonzero: irreversible components are coded with steps that weigh all errors alike and with
   /// indices chosen by error and bits, and what is empty takes no bytes. Less data at the same
   /// quality number, with about the same error; every decoder reads it. Components that a region of

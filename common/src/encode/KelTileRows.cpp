@@ -125,7 +125,8 @@ ComponentRole RoleOf(const KelEncOpt& o, KelLong component) {
 QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component) {
   const KelEncOpt& o = state.encoder->settings;
   const float quality = state.encOpt->TargetQuality;
-  QuantTarget target = {QualityNumber(quality), component.X1 - component.X0, component.Y1 - component.Y0, AnnouncedDepth(o),
+  QuantTarget target = {QualityNumber(quality), component.X1 - component.X0,
+                        component.Y1 - component.Y0, AnnouncedDepth(o),
                         BudgetFactor(o, component.Component)};
   target.exactQuality = ExactQuality(quality);
   target.role = RoleOf(o, component.Component);
