@@ -199,4 +199,17 @@ TEST_F(IndexChoice, FewerBytesForTheQuality) {
   }
 }
 
+// A component whose packets are all empty beside one that has data, with either filter.
+TEST_F(IndexChoice, EmptyComponentsDecode) {
+  for (const KelLong irreversible : {0, 1}) {
+    Picture picture = MakePicture(70, 50, 3, 8);
+    picture.planes[1] = picture.planes[2] = picture.planes[0];
+    EncodeHost host(picture, {.irreversible = irreversible, .transform = true, .choose = true});
+    const Decoded decoded = Decode(host.Encode());
+    ASSERT_TRUE(decoded.isComplete);
+    EXPECT_TRUE(decoded.planes[0] == decoded.planes[2]);
+    EXPECT_TRUE(irreversible != 0 || decoded.planes == picture.planes);
+  }
+}
+
 }  // namespace

@@ -270,6 +270,7 @@ class Delivery {
   CellKind ShortestCells(const Source& source, std::int64_t mostSample) const {
     bool fit = isTaken_;
     for (std::int32_t i = 0; i < source.count; ++i) {
+      EnsureBands(*source.records[i]);
       fit = fit && CodedBandsFitShorts(*source.records[i], mostSample);
     }
     return fit ? CellKind::kShorts : CellKind::kInts;
