@@ -4,6 +4,7 @@
 #include <kel/host/session.hpp>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -101,12 +102,28 @@ std::string Utf8(const std::string& comment) {
   return text;
 }
 
-/// Text that does nothing to a terminal but stand there.
-std::string Printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+/// Characters that steer a terminal or the direction and shape of text instead of standing there:
+/// controls, marks of direction and width, annotations, tags.
+constexpr std::pair<std::uint32_t, std::uint32_t> kUnseen[] = {
+    {0x00, 0x1F},     {0x7F, 0x9F},     {0xAD, 0xAD},      {0x61C, 0x61C},
+    {0x180E, 0x180E}, {0x200B, 0x200F}, {0x2028, 0x202E},  {0x2060, 0x206F},
+    {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
+
+/// UTF-8 text that does nothing to a terminal but stand there.
+std::string Printable(const std::string& text) {
+  std::string shown;
+  for (std::size_t at = 0, count = 0; at < text.size(); at += count) {
+    count = std::max<std::size_t>(CharacterBytes(text, at), 1);
+    std::uint32_t code = static_cast<unsigned char>(text[at]);
+    if (count > 1) code &= 0x7FU >> count;
+    for (std::size_t i = 1; i < count; ++i) {
+      code = code << 6 | (static_cast<unsigned char>(text[at + i]) & 0x3FU);
+    }
+    const bool isUnseen = std::ranges::any_of(
+        kUnseen, [&](const auto& range) { return code >= range.first && code <= range.second; });
+    shown += isUnseen ? " " : text.substr(at, count);
   }
-  return text;
+  return shown;
 }
 
 std::string ColourText(const Info::ColourSpecification& colour) {
@@ -353,7 +370,7 @@ int RunInfo(const std::vector<std::string>& files, bool asJson) {
   }
   const auto replace = Json::error_handler_t::replace;
   if (asJson && (files.size() > 1 || code == kDone)) {
-    std::cout << (files.size() == 1 ? all[0] : all).dump(2, ' ', false, replace) << '\n';
+    std::cout << (files.size() == 1 ? all[0] : all).dump(2, ' ', true, replace) << '\n';
   }
   return code;
 }

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "kel/host/session.hpp"
+
 namespace kel::host {
 
 unsigned ThreadCount(unsigned asked) {
@@ -20,7 +22,9 @@ void ForEachIndex(std::size_t count, unsigned threads,
   std::atomic<std::size_t> next{0};
   std::mutex mutex;
   std::exception_ptr failure;
+  Account* account = SessionScope::Current();
   const auto work = [&](unsigned worker) {
+    const SessionScope scope(account);
     try {
       for (std::size_t index; (index = next.fetch_add(1)) < count;) task(worker, index);
     } catch (...) {

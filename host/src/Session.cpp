@@ -1,8 +1,8 @@
 // Heap memory behind the library's callbacks, counted and limited.
 //
 // Every block stands behind a small header that remembers its size and where the heap's block
-// begins; a buffer's identifier stands in front of its bytes in the same block. Counters are
-// atomic, so callbacks may run on any thread.
+// begins, and who was charged for it; a buffer's identifier stands in front of its bytes in the
+// same block. Counters are atomic, so callbacks may run on any thread.
 #include "kel/host/session.hpp"
 
 #include <kel/KelMemory.h>
@@ -10,46 +10,96 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "KeptBlocks.hpp"
 #include "kel/host/errors.hpp"
 
 namespace kel::host {
-namespace {
 
-struct Ledger {
-  std::atomic<bool> running{false};
-  std::atomic<std::uint64_t> limit{0}, current{0}, peak{0};
-  KelMemFuncs callbacks;
-  KeptBlocks kept;
+/// What a session holds. It lives until the session and the last block charged to it are gone.
+struct Account {
+  explicit Account(std::uint64_t memoryLimit) : limit(memoryLimit) {}
+  const std::uint64_t limit;
+  std::atomic<std::uint64_t> current{0}, peak{0};
+  std::atomic<std::uint64_t> users{1};
 };
 
-Ledger ledger;
+namespace {
 
-/// Adds to what is held; false, with nothing changed, when the limit does not allow it.
-bool Charge(std::uint64_t bytes) {
-  const std::uint64_t limit = ledger.limit.load(std::memory_order_relaxed);
-  std::uint64_t before = ledger.current.load(std::memory_order_relaxed);
-  do {
-    if (limit != 0 && (bytes > limit || before > limit - bytes)) return false;
-  } while (!ledger.current.compare_exchange_weak(before, before + bytes));
-  std::uint64_t peak = ledger.peak.load(std::memory_order_relaxed);
-  while (peak < before + bytes && !ledger.peak.compare_exchange_weak(peak, before + bytes)) {
+/// The sessions that live, oldest first, and the threads that made them.
+struct Registry {
+  std::mutex mutex;
+  std::vector<std::pair<std::thread::id, Account*>> sessions;
+  std::atomic<std::uint64_t> changes{1};
+};
+
+Registry& TheRegistry() {
+  static Registry registry;
+  return registry;
+}
+
+/// What a thread works for, as of so many changes of the registry.
+thread_local Account* bound = nullptr;
+thread_local Account* found = nullptr;
+thread_local std::uint64_t foundAt = 0;
+
+Account* AccountOfThread() {
+  if (bound != nullptr) return bound;
+  Registry& registry = TheRegistry();
+  const std::uint64_t changes = registry.changes.load(std::memory_order_acquire);
+  if (foundAt == changes) return found;
+  const std::lock_guard lock(registry.mutex);
+  found = registry.sessions.empty() ? nullptr : registry.sessions.front().second;
+  for (const auto& [thread, account] : registry.sessions) {
+    if (thread == std::this_thread::get_id()) found = account;
   }
+  foundAt = registry.changes.load(std::memory_order_relaxed);
+  return found;
+}
+
+void Release(Account* account) {
+  if (account != nullptr && account->users.fetch_sub(1) == 1) delete account;
+}
+
+/// Adds to what is held; false, with nothing changed, when the limit does not allow it. Nothing is
+/// counted without an account.
+bool Charge(Account* account, std::uint64_t bytes) {
+  if (account == nullptr) return true;
+  std::uint64_t before = account->current.load(std::memory_order_relaxed);
+  do {
+    const std::uint64_t limit = account->limit;
+    if (limit != 0 && (bytes > limit || before > limit - bytes)) return false;
+  } while (!account->current.compare_exchange_weak(before, before + bytes));
+  std::uint64_t peak = account->peak.load(std::memory_order_relaxed);
+  while (peak < before + bytes && !account->peak.compare_exchange_weak(peak, before + bytes)) {
+  }
+  account->users.fetch_add(1);
   return true;
 }
 
-void Refund(std::uint64_t bytes) {
-  ledger.current.fetch_sub(bytes);
+void Refund(Account* account, std::uint64_t bytes) {
+  if (account == nullptr) return;
+  account->current.fetch_sub(bytes);
+  Release(account);
+}
+
+/// Freed blocks, of all sessions.
+KeptBlocks& Kept() {
+  static KeptBlocks kept;
+  return kept;
 }
 
 /// Stands in front of every block.
 struct BlockHeader {
   std::uint64_t size;      ///< as asked for
   KeptBlocks::Block heap;  ///< what it stands in
+  Account* account;        ///< charged for it
 };
 constexpr std::size_t kHeaderBytes = 32;
 static_assert(sizeof(BlockHeader) <= kHeaderBytes);
@@ -62,24 +112,25 @@ BlockHeader* HeaderOf(void* address) {
 void* Take(std::uint64_t size, std::size_t alignment) {
   alignment = std::max(alignment, kHeaderBytes);
   const std::uint64_t total = size + kHeaderBytes + alignment;
-  if (total > PTRDIFF_MAX || !Charge(size)) return nullptr;
-  const KeptBlocks::Block heap = ledger.kept.Take(static_cast<std::size_t>(total));
+  Account* account = AccountOfThread();
+  if (total > PTRDIFF_MAX || !Charge(account, size)) return nullptr;
+  const KeptBlocks::Block heap = Kept().Take(static_cast<std::size_t>(total));
   if (heap.start == nullptr) {
-    Refund(size);
+    Refund(account, size);
     return nullptr;
   }
   const auto start = reinterpret_cast<std::uintptr_t>(heap.start);
   const std::uintptr_t aligned = (start + kHeaderBytes + alignment - 1) / alignment * alignment;
   void* address = static_cast<char*>(heap.start) + (aligned - start);
-  new (HeaderOf(address)) BlockHeader{size, heap};
+  new (HeaderOf(address)) BlockHeader{size, heap, account};
   return address;
 }
 
 void Give(void* address) {
   if (address == nullptr) return;
   const BlockHeader header = *HeaderOf(address);
-  Refund(header.size);
-  ledger.kept.Return(header.heap);
+  Refund(header.account, header.size);
+  Kept().Return(header.heap);
 }
 
 /// Room for a buffer's identifier in front of its bytes, which stay aligned to it.
@@ -96,7 +147,8 @@ KelBufID_I* TakeBuffer(KelULong size, KelULong alignment) {
   return buffer;
 }
 
-void FillCallbacks(KelMemFuncs& callbacks) {
+KelMemFuncs& Callbacks() {
+  static KelMemFuncs callbacks;
   callbacks.AllocBuf = [](KelULong size) { return TakeBuffer(size, kIdentifierBytes); };
   callbacks.AllocAlignedBuf = TakeBuffer;
   callbacks.LockBuf = [](KelBufID_I* buffer) { return reinterpret_cast<void*>(buffer->clientRef); };
@@ -108,65 +160,83 @@ void FillCallbacks(KelMemFuncs& callbacks) {
   callbacks.AlignedFree = Give;
   callbacks.MemCopy = [](void* to, const void* from, KelULong n) { std::memcpy(to, from, n); };
   callbacks.MemSet = [](void* to, KelLong value, KelULong n) { std::memset(to, value, n); };
+  return callbacks;
 }
 
 }  // namespace
 
-Session::Session(std::uint64_t memoryLimit) {
-  if (ledger.running.exchange(true)) {
-    throw Error(Failure::kParameter, "a session is running already in this process");
-  }
-  ledger.limit = memoryLimit;
-  ledger.current = 0;
-  ledger.peak = 0;
-  FillCallbacks(ledger.callbacks);
-  KelLibInit(&ledger.callbacks);
+Session::Session(std::uint64_t memoryLimit) : account_(new Account(memoryLimit)) {
+  Registry& registry = TheRegistry();
+  const std::lock_guard lock(registry.mutex);
+  registry.sessions.emplace_back(std::this_thread::get_id(), account_);
+  KelLibJoin(&Callbacks());
+  ++registry.changes;
 }
 
 Session::~Session() {
-  KelLibShutDown();
-  ledger.kept.GiveBack(SIZE_MAX);
-  ledger.limit = 0;
-  ledger.running = false;
+  Registry& registry = TheRegistry();
+  {
+    const std::lock_guard lock(registry.mutex);
+    std::erase_if(registry.sessions, [&](const auto& entry) { return entry.second == account_; });
+    KelLibLeave();
+    ++registry.changes;
+    if (registry.sessions.empty()) Kept().GiveBack(SIZE_MAX);
+  }
+  Release(account_);
 }
 
 bool Session::IsRunning() {
-  return ledger.running;
+  return AccountOfThread() != nullptr;
 }
 std::uint64_t Session::Limit() {
-  return ledger.limit;
+  const Account* account = AccountOfThread();
+  return account == nullptr ? 0 : account->limit;
 }
 std::uint64_t Session::CurrentBytes() {
-  return ledger.current;
+  const Account* account = AccountOfThread();
+  return account == nullptr ? 0 : account->current.load();
 }
 std::uint64_t Session::PeakBytes() {
-  return ledger.peak;
+  const Account* account = AccountOfThread();
+  return account == nullptr ? 0 : account->peak.load();
 }
 std::uint64_t Session::KeptBytes() {
-  return ledger.kept.Bytes();
+  return Kept().Bytes();
 }
 void Session::ResetPeak() {
-  ledger.peak = ledger.current.load();
+  if (Account* account = AccountOfThread()) account->peak = account->current.load();
+}
+
+SessionScope::SessionScope(Account* account) : before_(std::exchange(bound, account)) {}
+
+SessionScope::~SessionScope() {
+  bound = before_;
+}
+
+Account* SessionScope::Current() {
+  return AccountOfThread();
 }
 
 MemoryReservation::MemoryReservation(std::uint64_t bytes, const char* purpose) {
-  if (!Session::IsRunning()) return;
-  if (!Charge(bytes)) {
+  Account* account = AccountOfThread();
+  if (!Charge(account, bytes)) {
     throw Error(Failure::kMemory, FormatBytes(bytes) + " are needed for " + purpose +
                                       ", more than the memory limit of " +
                                       FormatBytes(Session::Limit()) + " leaves");
   }
+  account_ = account;
   bytes_ = bytes;
 }
 
 MemoryReservation::~MemoryReservation() {
-  Refund(bytes_);
+  Refund(account_, bytes_);
 }
 
 MemoryReservation::MemoryReservation(MemoryReservation&& other) noexcept
-    : bytes_(std::exchange(other.bytes_, 0)) {}
+    : account_(std::exchange(other.account_, nullptr)), bytes_(std::exchange(other.bytes_, 0)) {}
 
 MemoryReservation& MemoryReservation::operator=(MemoryReservation&& other) noexcept {
+  std::swap(account_, other.account_);
   std::swap(bytes_, other.bytes_);
   return *this;
 }

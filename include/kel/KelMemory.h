@@ -107,6 +107,16 @@ KEL_API KelLong KelLibInit(KelMemFuncs* memFuncs);
 /// Clears the registration. Every image object must have been torn down before. Returns 0.
 KEL_API KelLong KelLibShutDown(void);
 
+/// Uses the library beside others in the process: registers the callbacks as KelLibInit does when
+/// none are registered, and else leaves those in force. Returns the callbacks in force, which must
+/// stay valid until the last user has left; null where KelLibInit refuses. May be called while
+/// other operations run, but not beside KelLibInit and KelLibShutDown.
+KEL_API KelMemFuncs* KelLibJoin(KelMemFuncs* memFuncs);
+
+/// Ends one use that KelLibJoin began. The last one to leave clears a registration that KelLibJoin
+/// made; one that KelLibInit made stays. Returns the number of users left.
+KEL_API KelULong KelLibLeave(void);
+
 /// The registered callbacks, or null when the library is not started.
 KEL_API KelMemFuncs* KelGetMemObj(void);
 

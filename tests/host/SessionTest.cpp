@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "HostMemory.h"
 #include "TestImages.hpp"
 
 namespace {
@@ -90,16 +91,54 @@ TEST(Session, ReservationsCountAgainstTheLimitWhileTheyLive) {
   EXPECT_EQ(ErrorOf([] { MakeImage(100000, 100000, 3, 8); }).Kind(), Failure::kMemory);
 }
 
-TEST(Session, OneAtATimeAndRestartable) {
+TEST(Session, AccountsAreKeptApartAndSurviveTheirSessions) {
+  auto first = std::make_unique<Session>(1000);
+  KelMemFuncs* const memory = KelGetMemObj();
+  void* early = memory->Malloc(900);
   {
-    const Session session;
-    EXPECT_EQ(ErrorOf([] { Session(); }).Kind(), Failure::kParameter);
-    EXPECT_TRUE(Session::IsRunning()) << "the refused one must not have stopped the library";
-    EXPECT_NE(KelGetMemObj(), nullptr);
+    const Session second(500);
+    EXPECT_EQ(KelGetMemObj(), memory);
+    EXPECT_EQ(Session::Limit(), 500U) << "the last one on this thread";
+    void* block = memory->Malloc(400);
+    EXPECT_EQ(Session::CurrentBytes(), 400U);
+    ForEachIndex(2, 2, [&](unsigned, std::size_t) { EXPECT_EQ(Session::Limit(), 500U); });
+    std::thread([] { EXPECT_EQ(Session::Limit(), 1000U) << "a thread without one"; }).join();
+    memory->Free(early);  // charged to the first
+    EXPECT_EQ(Session::CurrentBytes(), 400U);
+    memory->Free(block);
+  }
+  EXPECT_EQ(Session::CurrentBytes(), 0U);
+  {
+    const MemoryReservation late(10, "a test");
+    const Session other;
+    first.reset();
+    EXPECT_EQ(KelGetMemObj(), memory) << "the library stops with its last user";
   }
   EXPECT_EQ(KelGetMemObj(), nullptr);
-  const Session again(5);
-  EXPECT_EQ(Session::Limit(), 5U);
+  EXPECT_FALSE(Session::IsRunning());
+  EXPECT_EQ(Session(5).Limit(), 5U) << "and starts again";
+}
+
+// A program that uses the library by itself beside the kit must get back what it gave.
+TEST(Session, CallbacksOfOthersStayInForce) {
+  test::HostMemory host;
+  KelMemFuncs* const memory = KelGetMemObj();
+  {
+    const Session session(std::uint64_t{1} << 20);
+    EXPECT_EQ(KelGetMemObj(), memory);
+    const Image image = test::NoiseImage(40, 30, 3, 8);
+    MemorySink sink;
+    EncodeParams coding;
+    coding.lossless = true;
+    coding.threads = 1;  // this host's callbacks serve one thread
+    Encode(image, coding, sink);
+    DecodeParams params;
+    params.threads = 1;
+    MemorySource source(sink.bytes);
+    test::ExpectSamePlanes(image, Decode(source, params));
+    EXPECT_GT(host.Requests(), 0U);
+  }
+  EXPECT_EQ(KelGetMemObj(), memory);
 }
 
 // Lost updates of the counters would leave bytes behind.

@@ -116,8 +116,15 @@ TEST(Tool, WhatStandsBesideTheSamplesSurvives) {
   EXPECT_NEAR(double(info["resolution_per_inch"]["horizontal"]), 72, 0.1);
   EXPECT_EQ(info["comment"], "caf\u00E9");
   EXPECT_EQ(info["colours"][0]["icc_bytes"], image.iccProfile.size());
-  tool.Do("encode --comment \"$(printf 'a\\033[2Jb')\" in.png x.kel");
-  EXPECT_EQ(tool.Do("info x.kel").find('\033'), std::string::npos) << "a terminal would obey";
+  // What a terminal would obey, or what turns text around, in Latin-1 and in UTF-8.
+  for (const char* hostile :
+       {"\\033[2J", "\\302\\233", "\\233", "\\342\\200\\256", "\\342\\201\\246"}) {
+    tool.Do("encode --force --comment \"$(printf 'a" + std::string(hostile) + "b')\" in.png x.kel");
+    const std::string shown = tool.Do("info x.kel") + tool.Do("info --json x.kel");
+    EXPECT_EQ(shown.find_first_of("\033\233\200"), std::string::npos) << hostile;
+    EXPECT_EQ(json::parse(tool.Do("info --json x.kel"))["comment"].get<std::string>().size() > 2,
+              true);
+  }
 }
 
 TEST(Tool, OutputDoesNotDependOnThreads) {

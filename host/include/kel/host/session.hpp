@@ -1,8 +1,12 @@
 // The library's time of use: a Session starts it with memory from the heap, counts what it holds,
 // refuses what would exceed a limit, and stops it again.
 //
-// The library's memory callbacks have no argument that could name a session, so there is one
-// session in a process at a time. Counters may be read from any thread.
+// Any number of sessions may live in a process at a time, each with an account of its own. The
+// library's memory callbacks have no argument that could name a session: what is asked for on a
+// thread goes to the session made last on that thread, and, on threads without one, to the oldest
+// session in the process; the threads that the kit starts work for the session of their caller.
+// When the library has been started by someone else, with other callbacks, a session uses it
+// without replacing these: it then counts, and limits, only what the kit itself holds.
 #ifndef KEL_HOST_SESSION_HPP
 #define KEL_HOST_SESSION_HPP
 
@@ -10,24 +14,44 @@
 
 namespace kel::host {
 
+struct Account;
+
 class Session {
  public:
-  /// Starts the library. memoryLimit is in bytes, 0 for none. Throws Error (kParameter) while
-  /// another session runs.
+  /// Starts the library unless it runs. memoryLimit is in bytes, 0 for none.
   explicit Session(std::uint64_t memoryLimit = 0);
-  /// Stops it. Everything that uses the library must be gone.
+  /// Stops it after its last user. Everything that was made in this session must be gone.
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
+  // Of the session that the calling thread works for; 0 or false without any.
   static bool IsRunning();
   static std::uint64_t Limit();         ///< bytes, 0 for none
   static std::uint64_t CurrentBytes();  ///< held by the library now, and reserved
   static std::uint64_t PeakBytes();     ///< the most since the start or ResetPeak
   static void ResetPeak();
-  /// Freed by the library and kept for its next request of that size, until another needs them.
-  /// With what is held now these are no more than was held at some time.
+  /// Freed by the library and kept for its next request of that size, until another needs them; of
+  /// all sessions. With what is held now these are no more than was held at some time.
   static std::uint64_t KeptBytes();
+
+ private:
+  Account* account_;
+};
+
+/// Lets a thread work for the session of another one, for as long as the object lives.
+class SessionScope {
+ public:
+  explicit SessionScope(Account* account);
+  ~SessionScope();
+  SessionScope(const SessionScope&) = delete;
+  SessionScope& operator=(const SessionScope&) = delete;
+
+  /// What the calling thread works for; may be null.
+  static Account* Current();
+
+ private:
+  Account* before_;
 };
 
 /// Counts bytes that do not come from the library, such as an image's samples, against the
@@ -43,6 +67,7 @@ class MemoryReservation {
   MemoryReservation& operator=(MemoryReservation&& other) noexcept;
 
  private:
+  Account* account_ = nullptr;
   std::uint64_t bytes_ = 0;
 };
 
