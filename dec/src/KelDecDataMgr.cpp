@@ -59,6 +59,7 @@ int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacit
   stream_ = stream;
   isSeekable_ = stream != nullptr && stream->IsSeekable();
   capacity_ = capacity;
+  loadAfterMove_ = kLoadAfterMove;
   firstLoad_ = nextLoad_ = std::min(firstLoad, capacity);
   streamPosition_ = stream != nullptr ? stream->GetCurPos() : 0;
   knownEnd_ = kUnknown;
@@ -128,7 +129,7 @@ void KelDecDataMgr::ReleaseWindow() noexcept {
 /// Forgets what the window holds, after the stream has been moved.
 void KelDecDataMgr::EmptyWindow() {
   SetWindow(windowStart_, 0);
-  nextLoad_ = std::min(kLoadAfterMove, capacity_);
+  nextLoad_ = std::min(loadAfterMove_, capacity_);
 }
 
 /// Brings the unread bytes to the front of a window that can hold n bytes.

@@ -70,6 +70,8 @@ class KelDecDataMgr {
   /// Releases everything, half-built managers included; may run twice.
   void Release() noexcept;
 
+  /// How many bytes the first load after a move asks of the stream; further loads double it.
+  void SetLoadAfterMove(std::uint32_t bytes) { loadAfterMove_ = bytes; }
   void SetTileGrid(std::int32_t across, std::int32_t down);
   /// Forgets the tile-part index.
   void FreeTilePartIndex() noexcept;
@@ -230,7 +232,8 @@ class KelDecDataMgr {
   std::uint8_t* window_;
   std::uint64_t capacity_, firstLoad_;
   std::uint64_t windowBytes_;  ///< obtained for the window
-  std::uint64_t nextLoad_;     ///< bytes asked of the stream at the next load
+  std::uint64_t loadAfterMove_;
+  std::uint64_t nextLoad_;  ///< bytes asked of the stream at the next load
   KelCodeStm* stream_;
   std::int64_t streamPosition_;  ///< of the window's end
   std::int64_t endsBefore_;      ///< the data do not reach this position

@@ -1,8 +1,10 @@
 // KelStreamIndex, the structure of a file or code stream as records: main header, boxes, comment,
-// component mapping, tile-parts.
+// component mapping, tile-parts, packets, and the bytes that a part of the picture needs.
 //
 // It reads as a decoder does, by the same readers and the same rules for what is wrong, so that a
-// host that cuts, serves or checks data needs no walk of its own. It decodes no samples.
+// host that cuts, serves or checks data needs no walk of its own. It decodes no samples, and of a
+// stream it reads headers and length fields, moving past the rest. It holds the packets of one tile
+// at a time.
 //
 // Offsets are in bytes from the first byte of the data. Every record that a query hands out
 // belongs to the index and lives until its Die. Guarded operations and threads: as for KelImage.
@@ -86,6 +88,44 @@ struct KelIndexTileParts {
   bool areRegular;
 };
 
+/// A packet: the coded data of one precinct of a resolution in one layer.
+struct KelIndexPacket {
+  KelULong component, resolution, layer;
+  KelULong levelsAbove;    ///< levels of the tile-component above its resolution; 0: full size
+  std::uint64_t precinct;  ///< in raster order within the resolution
+  std::uint64_t offset;    ///< of its length field
+  KelULong length;         ///< of the whole packet, that field included
+  KelULong part;           ///< the tile-part that it stands in
+};
+
+/// The packets of a tile that have arrived, in the order in which they are decoded.
+struct KelIndexPackets {
+  const KelIndexPacket* packets;  ///< null without any
+  KelULong count;
+  bool areAll;  ///< the tile has no others
+};
+
+/// What of a tile is wanted.
+struct KelIndexWant {
+  KelULong tile;
+  KelLong component;   ///< one of them; -1: all
+  KelULong reduce;     ///< levels left out from the top; a component with fewer gives its lowest
+  KelULong numLayers;  ///< the first so many; 0: all
+};
+
+/// Bytes [offset, offset + length) of the data.
+struct KelIndexRange {
+  std::uint64_t offset, length;
+};
+
+/// Ranges in the order of the data, none touching the next.
+struct KelIndexRanges {
+  const KelIndexRange* ranges;  ///< null without any
+  KelULong count;
+  std::uint64_t bytes;  ///< of all of them
+  bool areAll;          ///< everything wanted has arrived
+};
+
 class KEL_API KelStreamIndex {
  public:
   KelStreamIndex() : state_(nullptr) {}
@@ -108,6 +148,16 @@ class KEL_API KelStreamIndex {
   /// Guarded (null). The tile-parts, found at the first call by going from one to the next and
   /// reading their headers. Null also unless InitIndex succeeded, and when memory runs out.
   const KelIndexTileParts* GetTileParts();
+
+  /// Guarded (null). The packets of a tile, found by reading the headers of its tile-parts and
+  /// going from one packet to the next; nothing is decoded. They hold until the next tile is asked
+  /// for. Null also for a tile that does not exist.
+  const KelIndexPackets* GetPackets(KelULong tile);
+  /// Guarded (null). What a decoder reads of a tile to decode what is wanted: the headers of its
+  /// tile-parts, the packets wanted, and the length fields of those between that it passes over,
+  /// up to the last one wanted. They hold until the next call of this operation or of GetPackets.
+  /// Null also for a tile or component that does not exist.
+  const KelIndexRanges* GetRanges(const KelIndexWant* want);
 
  private:
   kel::IndexState* state_;

@@ -119,7 +119,7 @@ TEST(Tool, WhatStandsBesideTheSamplesSurvives) {
   // What a terminal would obey, or what turns text around, in Latin-1 and in UTF-8.
   for (const char* hostile :
        {"\\033[2J", "\\302\\233", "\\233", "\\342\\200\\256", "\\342\\201\\246"}) {
-    tool.Do("encode --force --comment \"$(printf 'a" + std::string(hostile) + "b')\" in.png x.kel");
+    tool.Do("encode --comment \"$(printf 'a" + std::string(hostile) + "b')\" in.png x.kel");
     const std::string shown = tool.Do("info x.kel") + tool.Do("info --json x.kel");
     EXPECT_EQ(shown.find_first_of("\033\233\200"), std::string::npos) << hostile;
     EXPECT_EQ(json::parse(tool.Do("info --json x.kel"))["comment"].get<std::string>().size() > 2,

@@ -45,3 +45,17 @@ const KelIndexTileParts* KelStreamIndex::GetTileParts() {
       &state_->failure, [this] { return kel::TilePartsOf(*state_); },
       kel::Neutral<const KelIndexTileParts*>(nullptr));
 }
+
+const KelIndexPackets* KelStreamIndex::GetPackets(KelULong tile) {
+  if (state_ == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure, [&] { return kel::PacketsOf(*state_, tile); },
+      kel::Neutral<const KelIndexPackets*>(nullptr));
+}
+
+const KelIndexRanges* KelStreamIndex::GetRanges(const KelIndexWant* want) {
+  if (state_ == nullptr || want == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure, [&] { return kel::RangesOf(*state_, *want); },
+      kel::Neutral<const KelIndexRanges*>(nullptr));
+}

@@ -20,6 +20,9 @@ namespace {
 constexpr std::int64_t kMostTileComps = std::int64_t{1} << 20;
 constexpr std::int64_t kMostTiles = 65535;
 
+/// First load, and loads after a move, of a stream of which little will be read.
+constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64;
+
 /// Bytes asked for before the headers are read; the data may be shorter.
 constexpr std::uint64_t kHeaderBytes = 1024;
 
@@ -61,7 +64,9 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
     d.dataMgr->InitFromMemory(d.block, d.flavour);
   } else {
     state.codeStm = stream;
-    const int result = d.dataMgr->InitFromStream(kFirstLoadBytes, kWindowBytes, stream, d.flavour);
+    const std::uint32_t firstLoad = state.readsLittle ? kLittleLoadBytes : kFirstLoadBytes;
+    const int result = d.dataMgr->InitFromStream(firstLoad, kWindowBytes, stream, d.flavour);
+    if (state.readsLittle) d.dataMgr->SetLoadAfterMove(kLittleAfterMove);
     if (result != kBufferedOk) return Fail(state, result);
   }
   d.dataMgr->EnsureBuffered(kHeaderBytes);

@@ -62,8 +62,8 @@ bool HasLargeBlocks(const ImageMap& map, const TileRecord& tile) {
   });
 }
 
-/// Seeds the parameters of a tile-part header with those in force, reads it, and gives them to the
-/// tile. The reader stands on SOT. Nothing happens to the tile when the header is incomplete.
+}  // namespace
+
 HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& tile) {
   KelHeaderParams header{};
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
@@ -98,6 +98,8 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   progress.partIsEmpty = true;
   return result;
 }
+
+namespace {
 
 /// Keeps what the first refused header of a frame was refused with; returns the result's code.
 KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {

@@ -2,6 +2,7 @@
 #ifndef KEL_IMAGE_TILES_H
 #define KEL_IMAGE_TILES_H
 
+#include "decode/KelHeadersRead.h"
 #include "decode/KelImageDecode.h"
 
 namespace kel {
@@ -14,6 +15,11 @@ struct TilePass {
   bool dataEnded;         ///< nothing more can be read
   std::int32_t lastTile;  ///< the highest that a tile-part was met of; -1 without any
 };
+
+/// Seeds the parameters of a tile-part header with those in force, reads it from its SOT on, and
+/// gives them to the tile, whose components have been made. Nothing happens to the tile when the
+/// header is incomplete. Raises 8, 29.
+HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& tile);
 
 /// Reads everything of a tile that has arrived and was not read yet. Returns 0; 15 when data of
 /// other tiles are there but none of this one; the code of a bad tile-part header. Raises 8,

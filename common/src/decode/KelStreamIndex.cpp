@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <new>
+#include <numeric>
+#include <tuple>
 
 #include "KelDecDataMgr.h"
 #include "KelTilePartIndex.h"
@@ -159,6 +161,11 @@ bool FormAWhole(const IndexState& index) {
   return next == index.facts.codeStreamEnd || HasEndMarker(*Image(index).decoder->dataMgr, next);
 }
 
+/// A tile-part claimed twice is taken from the later place.
+bool PrecedesByTile(const KelIndexTilePart& a, const KelIndexTilePart& b) {
+  return std::tie(a.tile, a.part, b.offset) < std::tie(b.tile, b.part, a.offset);
+}
+
 void ListTileParts(IndexState& index) {
   ImageState& image = Image(index);
   KelTilePartIndex* found =
@@ -170,6 +177,11 @@ void ListTileParts(IndexState& index) {
   for (std::uint32_t i = 0; i < found->numEntries; ++i) {
     parts[i] = DescribePart(index, found->entries[i]);
   }
+  auto byTile = OwnedArray<KelULong>::Make(found->numEntries);
+  std::iota(byTile.Data(), byTile.Data() + byTile.Size(), KelULong{0});
+  std::sort(byTile.Data(), byTile.Data() + byTile.Size(),
+            [&](KelULong a, KelULong b) { return PrecedesByTile(parts[a], parts[b]); });
+  index.byTile = byTile.Release();
   index.parts = parts.Release();
   index.tileParts = {index.parts, found->numEntries, false};
   index.tileParts.areRegular = FormAWhole(index);
@@ -194,6 +206,8 @@ void ReleaseIndex(IndexState*& index) noexcept {
   KelFree(index->components);
   KelFree(index->mappings);
   KelFree(index->parts);
+  KelFree(index->byTile);
+  ReleasePackets(*index);
   KelFree(index);
   index = nullptr;
 }
@@ -204,6 +218,7 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
   index.image = OwnedRecord<ImageState>::Make().Release();
   ImageState& image = *index.image;
   image.failure.Clear();
+  image.readsLittle = true;
   if (data != nullptr) index.block = *data;
   index.dataEnd = UINT64_MAX;
   if (data != nullptr) {
@@ -220,6 +235,21 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
   CollectFacts(index);
   index.isReady = true;
   return KelOK;
+}
+
+const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part) {
+  KelIndexTilePart wanted{};
+  wanted.tile = tile;
+  wanted.part = part;
+  wanted.offset = UINT64_MAX;
+  const KelULong* begin = index.byTile;
+  const KelULong* end = begin + index.tileParts.count;
+  const KelULong* found = std::lower_bound(
+      begin, end, wanted,
+      [&](KelULong i, const KelIndexTilePart& w) { return PrecedesByTile(index.parts[i], w); });
+  if (found == end) return nullptr;
+  const KelIndexTilePart& it = index.parts[*found];
+  return it.tile == tile && it.part == part ? &it : nullptr;
 }
 
 const KelIndexTileParts* TilePartsOf(IndexState& index) {

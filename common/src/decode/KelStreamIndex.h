@@ -25,6 +25,16 @@ struct IndexState {
   KelIndexMapping* mappings;
   KelIndexTileParts tileParts;
   KelIndexTilePart* parts;  ///< owned
+  KelULong* byTile;         ///< owned; the tile-parts by tile, part, and offset from the last
+  // Of one tile; owned.
+  bool hasPackets;
+  KelULong packetTile;
+  KelIndexPackets packets;
+  KelIndexPacket* packetList;
+  KelULong obtainedPackets;
+  KelIndexRanges ranges;
+  KelIndexRange* rangeList;
+  KelULong obtainedRanges;
 };
 
 /// An empty state. Raises 8.
@@ -38,6 +48,16 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
 
 /// The tile-parts, found at the first call. Raises 8, and then finds nothing.
 const KelIndexTileParts* TilePartsOf(IndexState& index);
+
+/// The tile-part of that number, of several that claim to be it the last one; null without.
+const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part);
+
+// See the operations of these names. Raise 8.
+const KelIndexPackets* PacketsOf(IndexState& index, KelULong tile);
+const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want);
+
+/// Releases what is known of one tile.
+void ReleasePackets(IndexState& index) noexcept;
 
 }  // namespace kel
 

@@ -30,6 +30,7 @@ struct ImageState {
   bool isEncoder;
   /// Decoder: initialising failed only because the data end before the first tile-part.
   bool endsInHeader;
+  bool readsLittle;  ///< of a stream: headers and lengths here and there, not everything
   KelLong maxRes;  ///< decomposition levels of the main header
   KelImageGeometry* geometry;
   ImageMap map;
