@@ -93,7 +93,8 @@ TEST_F(IndexPackets, PacketsFillTheirTileParts) {
       inParts += parts.parts[i].length - parts.parts[i].headerBytes;
     }
     for (KelULong tile = 0; tile < file.NumTiles(); ++tile) {
-      const KelIndexPackets& list = *file.index.GetPackets(tile);
+      const KelIndexWant want{tile, -1, 0, 0};
+      const KelIndexPackets& list = *file.index.GetPackets(&want);
       EXPECT_TRUE(list.areAll);
       std::set<std::tuple<KelULong, KelULong, KelULong, std::uint64_t>> met;
       for (KelULong i = 0; i < list.count; ++i) {
@@ -128,13 +129,13 @@ TEST_F(IndexPackets, OfOneComponentAndLayer) {
 TEST_F(IndexPackets, WhatHasNotArrivedIsNotPromised) {
   const Bytes whole = Vector("order_rlcp_precincts");
   MemoryIndex full(whole);
-  const KelIndexPackets all = *full.index.GetPackets(0);
+  const KelIndexWant want{0, -1, 0, 0};
+  const KelIndexPackets all = *full.index.GetPackets(&want);
   const KelIndexPacket last = all.packets[all.count - 1];
   Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(last.offset + 3));
   MemoryIndex file(cut);
-  EXPECT_EQ(file.index.GetPackets(0)->count, all.count - 1);
-  EXPECT_FALSE(file.index.GetPackets(0)->areAll);
-  const KelIndexWant want{0, -1, 0, 0};
+  EXPECT_EQ(file.index.GetPackets(&want)->count, all.count - 1);
+  EXPECT_FALSE(file.index.GetPackets(&want)->areAll);
   EXPECT_FALSE(file.index.GetRanges(&want)->areAll);
   SweepRefusals(memory, [&] {
     MemoryIndex index(whole);
@@ -160,8 +161,9 @@ TEST_F(IndexPackets, OfAStreamFewBytesAreRead) {
   ASSERT_EQ(index.InitIndex(host.Stream(), nullptr), KelOK);
   ASSERT_TRUE(index.GetTileParts()->areRegular);
   for (KelULong tile = 0; tile < kTiles; ++tile) {
-    ASSERT_EQ(index.GetPackets(tile)->count, 1U);
-    EXPECT_EQ(index.GetPackets(tile)->packets[0].length, kPacket + 4);
+    const KelIndexWant want{tile, -1, 0, 0};
+    ASSERT_EQ(index.GetPackets(&want)->count, 1U);
+    EXPECT_EQ(index.GetPackets(&want)->packets[0].length, kPacket + 4);
   }
   EXPECT_LT(host.bytesRead, 4096 + kTiles * 600);
   index.Die();

@@ -44,6 +44,13 @@ struct KelIndexMapping {
   KelULong column;     ///< PCOL
 };
 
+/// A marker segment of a header.
+struct KelIndexSegment {
+  KelULong code;         ///< second byte of its marker
+  KelULong length;       ///< up to what is read next, marker included
+  std::uint64_t offset;  ///< of its marker
+};
+
 /// What stands before the first tile-part.
 struct KelIndexFacts {
   bool isBoxed;                         ///< a file of boxes, not a bare code stream
@@ -57,6 +64,8 @@ struct KelIndexFacts {
   // Coding style of the main header.
   KelULong numLevels, numLayers, progressionOrder;
   bool isIrreversible, hasComponentTransform;
+  const KelIndexSegment* segments;  ///< of the main header, from SOC on
+  KelULong numSegments;
   const KelIndexBox* boxes;  ///< null without any
   KelULong numBoxes;
   const KelIndexMapping* mappings;  ///< of a file with a palette; null without any
@@ -98,19 +107,20 @@ struct KelIndexPacket {
   KelULong part;           ///< the tile-part that it stands in
 };
 
-/// The packets of a tile that have arrived, in the order in which they are decoded.
-struct KelIndexPackets {
-  const KelIndexPacket* packets;  ///< null without any
-  KelULong count;
-  bool areAll;  ///< the tile has no others
-};
-
 /// What of a tile is wanted.
 struct KelIndexWant {
   KelULong tile;
   KelLong component;   ///< one of them; -1: all
   KelULong reduce;     ///< levels left out from the top; a component with fewer gives its lowest
   KelULong numLayers;  ///< the first so many; 0: all
+};
+
+/// The packets of a tile in the order in which they are decoded, up to the last one wanted; those
+/// between that are not wanted are among them.
+struct KelIndexPackets {
+  const KelIndexPacket* packets;  ///< null without any
+  KelULong count;
+  bool areAll;  ///< everything wanted has arrived
 };
 
 /// Bytes [offset, offset + length) of the data.
@@ -149,10 +159,15 @@ class KEL_API KelStreamIndex {
   /// reading their headers. Null also unless InitIndex succeeded, and when memory runs out.
   const KelIndexTileParts* GetTileParts();
 
+  /// Guarded (null). The segments of the header of tile-part i of GetTileParts, from SOT to SOD;
+  /// *count receives their number. They hold until the next call. Null also for a header that
+  /// cannot be read.
+  const KelIndexSegment* GetSegments(KelULong i, KelULong* count);
   /// Guarded (null). The packets of a tile, found by reading the headers of its tile-parts and
-  /// going from one packet to the next; nothing is decoded. They hold until the next tile is asked
-  /// for. Null also for a tile that does not exist.
-  const KelIndexPackets* GetPackets(KelULong tile);
+  /// going from one packet to the next; nothing is decoded. They hold until something else is
+  /// wanted of this operation or of GetRanges. Null also for a tile or component that does not
+  /// exist.
+  const KelIndexPackets* GetPackets(const KelIndexWant* want);
   /// Guarded (null). What a decoder reads of a tile to decode what is wanted: the headers of its
   /// tile-parts, the packets wanted, and the length fields of those between that it passes over,
   /// up to the last one wanted. They hold until the next call of this operation or of GetPackets.

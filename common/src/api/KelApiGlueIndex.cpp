@@ -46,10 +46,17 @@ const KelIndexTileParts* KelStreamIndex::GetTileParts() {
       kel::Neutral<const KelIndexTileParts*>(nullptr));
 }
 
-const KelIndexPackets* KelStreamIndex::GetPackets(KelULong tile) {
-  if (state_ == nullptr) return nullptr;
+const KelIndexSegment* KelStreamIndex::GetSegments(KelULong i, KelULong* count) {
+  if (state_ == nullptr || count == nullptr) return nullptr;
   return kel::Guard(
-      &state_->failure, [&] { return kel::PacketsOf(*state_, tile); },
+      &state_->failure, [&] { return kel::SegmentsOf(*state_, i, *count); },
+      kel::Neutral<const KelIndexSegment*>(nullptr));
+}
+
+const KelIndexPackets* KelStreamIndex::GetPackets(const KelIndexWant* want) {
+  if (state_ == nullptr || want == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure, [&] { return kel::PacketsOf(*state_, *want); },
       kel::Neutral<const KelIndexPackets*>(nullptr));
 }
 

@@ -449,12 +449,25 @@ void ReadSegment(HeaderReader& in) {
   if (in.Has(in.length - 2)) found->read(in);
 }
 
+void KeepPlace(HeaderReader& in, std::uint32_t code, std::int64_t position) {
+  const std::int64_t length = in.data.GetPosition() - position;
+  if (in.cutOff || length == 0) return;
+  KelHeaderParams& set = in.set;
+  GrowByOne(set.places, set.numPlaces, set.obtainedPlaces);
+  set.places[set.numPlaces++] = {position, code, static_cast<std::uint32_t>(length)};
+}
+
 }  // namespace
 
 HeaderResult ReadHeader(KelHeaderParams& set, KelDecDataMgr& data, std::uint32_t* tilePartLength) {
   HeaderReader in{set, data, tilePartLength, 0, false, false, false, false};
   const Failure refusal = RefusalBy([&] {
-    while (!in.stop && in.Has(2)) ReadSegment(in);
+    while (!in.stop && in.Has(2)) {
+      const std::int64_t position = data.GetPosition();
+      const std::uint32_t marker = data.PeekByte(1);
+      ReadSegment(in);
+      if (set.keepsPlaces) KeepPlace(in, marker, position);
+    }
     if (!in.InMainHeader()) return;
     const bool isWhole = !in.cutOff && in.seenSIZ && set.seenCOD != 0 && set.seenQCD != 0;
     if (!isWhole) Refuse(KelErrBadMarker);

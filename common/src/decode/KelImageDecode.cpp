@@ -64,9 +64,9 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
     d.dataMgr->InitFromMemory(d.block, d.flavour);
   } else {
     state.codeStm = stream;
-    const std::uint32_t firstLoad = state.readsLittle ? kLittleLoadBytes : kFirstLoadBytes;
+    const std::uint32_t firstLoad = state.servesIndex ? kLittleLoadBytes : kFirstLoadBytes;
     const int result = d.dataMgr->InitFromStream(firstLoad, kWindowBytes, stream, d.flavour);
-    if (state.readsLittle) d.dataMgr->SetLoadAfterMove(kLittleAfterMove);
+    if (state.servesIndex) d.dataMgr->SetLoadAfterMove(kLittleAfterMove);
     if (result != kBufferedOk) return Fail(state, result);
   }
   d.dataMgr->EnsureBuffered(kHeaderBytes);
@@ -100,6 +100,7 @@ KelLong ReadMainHeader(ImageState& state) {
   DecoderState& d = *state.decoder;
   KelHeaderParams& header = d.mainHeader;
   InitHeaderParams(header, true);
+  header.keepsPlaces = state.servesIndex;
   d.codeStreamStart = d.dataMgr->GetPosition();
   std::uint32_t unused = 0;
   const HeaderResult result = ReadHeader(header, *d.dataMgr, &unused);

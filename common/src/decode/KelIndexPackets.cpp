@@ -19,6 +19,36 @@ constexpr std::uint64_t kLengthBytes = 4;
 /// Tile-part numbers are bytes.
 constexpr KelULong kMostParts = 256;
 
+bool IsWanted(const KelIndexWant& want, const KelIndexPacket& packet) {
+  const bool isOfComponent =
+      want.component < 0 || packet.component == static_cast<KelULong>(want.component);
+  const bool isOfResolution = packet.resolution == 0 || packet.levelsAbove >= want.reduce;
+  const bool isOfLayer = want.numLayers == 0 || packet.layer < want.numLayers;
+  return isOfComponent && isOfResolution && isOfLayer;
+}
+
+/// How many packets of a tile are wanted, as far as the layout tells: an order may leave some out.
+std::uint64_t CountWanted(const KelIndexWant& want, const TileRecord& tile, std::int32_t numComps) {
+  std::uint64_t count = 0;
+  for (std::int32_t c = 0; c < numComps; ++c) {
+    const DecTileComp& comp = *tile.comps[c].dec;
+    for (std::int32_t r = 0; r <= comp.numLevels; ++r) {
+      const KelIndexPacket lowest = {static_cast<KelULong>(c),
+                                     static_cast<KelULong>(r),
+                                     0,
+                                     static_cast<KelULong>(comp.numLevels - r),
+                                     0,
+                                     0,
+                                     0,
+                                     0};
+      if (IsWanted(want, lowest)) count += AsCount(comp.resolutions[r].precincts.Count());
+    }
+  }
+  const KelULong numLayers = static_cast<KelULong>(tile.dec->params.style->numLayers);
+  return SaturatingMul(count,
+                       want.numLayers == 0 ? numLayers : std::min(want.numLayers, numLayers));
+}
+
 void RecordPacket(IndexState& index, const KelIndexPacket& packet) {
   KelIndexPackets& packets = index.packets;
   GrowByOne(index.packetList, packets.count, index.obtainedPackets);
@@ -26,14 +56,16 @@ void RecordPacket(IndexState& index, const KelIndexPacket& packet) {
   packets.packets = index.packetList;
 }
 
-/// Lists the packets of a tile-part whose header has been read. False when one does not fit, or has
-/// not arrived whole.
-bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndexTilePart& part) {
+/// Lists the packets of a tile-part whose header has been read, until `numLeft` wanted ones have
+/// been met. False when one does not fit, or has not arrived whole.
+bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndexTilePart& part,
+                       std::uint64_t& numLeft) {
   KelDecDataMgr& data = *index.image->decoder->dataMgr;
   PacketWalk& walk = *tile.dec->walk;
   const std::uint64_t end = part.offset + part.length;
   bool isEmpty = true;
-  for (const PacketId* at = CurrentPacket(walk); at != nullptr; at = CurrentPacket(walk)) {
+  for (const PacketId* at = CurrentPacket(walk); at != nullptr && numLeft != 0;
+       at = CurrentPacket(walk)) {
     const std::uint64_t here = AsCount(data.GetPosition());
     if (here == end) break;
     if (end - std::min(here, end) < kLengthBytes) return false;
@@ -45,6 +77,7 @@ bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndex
                          static_cast<KelULong>(at->resolution), static_cast<KelULong>(at->layer),
                          static_cast<KelULong>(levels - at->resolution), AsCount(at->precinct),
                          here, static_cast<KelULong>(kLengthBytes + length), part.part});
+    numLeft -= IsWanted(index.wanted, index.packetList[index.packets.count - 1]) ? 1 : 0;
     PacketHandled(walk);
     isEmpty = false;
   }
@@ -52,33 +85,28 @@ bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndex
   return true;
 }
 
-void ListPackets(IndexState& index, KelULong number) {
+void ListPackets(IndexState& index) {
   ImageMap& map = index.image->map;
+  const KelULong number = index.wanted.tile;
   TileRecord& tile = map.tiles[number];
   KelDecDataMgr& data = *index.image->decoder->dataMgr;
   RestartTile(map, tile);
   ScopeGuard restart([&] { RestartTile(map, tile); });
   EnsureDecTileComps(map, tile);
+  std::uint64_t numLeft = 0;
   for (KelULong k = 0; k < kMostParts; ++k) {
     const KelIndexTilePart* part = FindPartOfTile(index, number, k);
     if (part == nullptr || !data.MoveTo(static_cast<std::int64_t>(part->offset))) return;
     const HeaderResult header = ReadTilePartHeader(map, data, tile);
     if (header.refusal.errCode != KelOK || header.incomplete) return;
-    if (!ListPacketsOfPart(index, tile, *part)) return;
-    index.packets.areAll = CurrentPacket(*tile.dec->walk) == nullptr;
+    if (k == 0) numLeft = CountWanted(index.wanted, tile, map.numComps);
+    if (!ListPacketsOfPart(index, tile, *part, numLeft)) return;
+    index.packets.areAll = numLeft == 0 || CurrentPacket(*tile.dec->walk) == nullptr;
     if (index.packets.areAll) return;
   }
 }
 
 // ---- Ranges ----
-
-bool IsWanted(const KelIndexWant& want, const KelIndexPacket& packet) {
-  const bool isOfComponent =
-      want.component < 0 || packet.component == static_cast<KelULong>(want.component);
-  const bool isOfResolution = packet.resolution == 0 || packet.levelsAbove >= want.reduce;
-  const bool isOfLayer = want.numLayers == 0 || packet.layer < want.numLayers;
-  return isOfComponent && isOfResolution && isOfLayer;
-}
 
 void RecordRange(IndexState& index, std::uint64_t offset, std::uint64_t length) {
   KelIndexRanges& ranges = index.ranges;
@@ -141,23 +169,28 @@ void ReleasePackets(IndexState& index) noexcept {
   index.hasPackets = false;
 }
 
-const KelIndexPackets* PacketsOf(IndexState& index, KelULong tile) {
-  if (TilePartsOf(index) == nullptr || tile >= AsCount(index.image->map.numTiles)) return nullptr;
-  if (!index.hasPackets || index.packetTile != tile) {
+const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want) {
+  if (TilePartsOf(index) == nullptr || want.tile >= AsCount(index.image->map.numTiles) ||
+      want.component >= index.image->map.numComps) {
+    return nullptr;
+  }
+  const KelIndexWant& held = index.wanted;
+  const bool isHeld = index.hasPackets && held.tile == want.tile &&
+                      held.component == want.component && held.reduce == want.reduce &&
+                      held.numLayers == want.numLayers;
+  if (!isHeld) {
     ReleasePackets(index);
     ScopeGuard release([&] { ReleasePackets(index); });
-    ListPackets(index, tile);
+    index.wanted = want;
+    ListPackets(index);
     release.Disarm();
-    index.packetTile = tile;
     index.hasPackets = true;
   }
   return &index.packets;
 }
 
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want) {
-  if (PacketsOf(index, want.tile) == nullptr || want.component >= index.image->map.numComps) {
-    return nullptr;
-  }
+  if (PacketsOf(index, want) == nullptr) return nullptr;
   index.ranges.count = 0;
   ListRanges(index, want);
   JoinRanges(index);

@@ -5,6 +5,7 @@
 #include <new>
 #include <numeric>
 #include <tuple>
+#include <utility>
 
 #include "KelDecDataMgr.h"
 #include "KelTilePartIndex.h"
@@ -77,6 +78,15 @@ std::uint64_t EndOfCodeStream(const IndexState& index, const KelFileInfo* file) 
   return std::min(index.dataEnd, SaturatingAdd(index.facts.codeStreamOffset, length));
 }
 
+KelIndexSegment* ListSegments(const KelHeaderParams& header) {
+  auto segments = OwnedArray<KelIndexSegment>::Make(header.numPlaces);
+  std::transform(header.places, header.places + header.numPlaces, segments.Data(),
+                 [](const KelSegmentPlace& place) {
+                   return KelIndexSegment{place.code, place.length, AsOffset(place.position)};
+                 });
+  return segments.Release();
+}
+
 void CollectFacts(IndexState& index) {
   const ImageState& image = Image(index);
   const DecoderState& decoder = *image.decoder;
@@ -97,6 +107,8 @@ void CollectFacts(IndexState& index) {
   facts.hasComponentTransform = header.componentTransform != 0;
   facts.comment = header.comment;
   facts.commentLength = header.commentLength;
+  facts.segments = index.mainSegments = ListSegments(header);
+  facts.numSegments = header.numPlaces;
   ListComponents(index, file);
   if (file == nullptr) return;
   ListBoxes(index, *file);
@@ -105,12 +117,10 @@ void CollectFacts(IndexState& index) {
 
 // ---- Tile-parts ----
 
-/// Reads the header of the tile-part under the reader.
-void ReadPartHeader(const DecoderState& decoder, KelIndexTilePart& part) {
+/// Reads the header of the tile-part under the reader into a set that the caller releases.
+void ReadPartHeader(const DecoderState& decoder, KelIndexTilePart& part, KelHeaderParams& header) {
   const KelHeaderParams& main = decoder.mainHeader;
   KelDecDataMgr& data = *decoder.dataMgr;
-  KelHeaderParams header{};
-  ScopeGuard release([&] { ReleaseHeaderParams(&header); });
   InitHeaderParams(header, false);
   SeedHeaderParams(header, main, *main.codingStyle, *main.quantisation);
   const HeaderResult result = ReadHeader(header, data, &part.announcedBytes);
@@ -137,9 +147,11 @@ KelIndexTilePart DescribePart(const IndexState& index, const KelTilePartEntry& e
   KelIndexTilePart part{entry.tile, entry.part, 0, AsOffset(entry.position), entry.length, 0,
                         false,      false,      0};
   KelDecDataMgr& data = *decoder.dataMgr;
+  KelHeaderParams header{};
+  ScopeGuard release([&] { ReleaseHeaderParams(&header); });
   if (data.MoveTo(entry.position)) {
     part.numParts = data.PeekSotTNsot();
-    ReadPartHeader(decoder, part);
+    ReadPartHeader(decoder, part, header);
   }
   if (entry.length == 0) {
     const std::uint64_t end = EndOfPackets(data, index.facts.codeStreamEnd);
@@ -207,6 +219,8 @@ void ReleaseIndex(IndexState*& index) noexcept {
   KelFree(index->mappings);
   KelFree(index->parts);
   KelFree(index->byTile);
+  KelFree(index->mainSegments);
+  KelFree(index->partSegments);
   ReleasePackets(*index);
   KelFree(index);
   index = nullptr;
@@ -218,7 +232,7 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
   index.image = OwnedRecord<ImageState>::Make().Release();
   ImageState& image = *index.image;
   image.failure.Clear();
-  image.readsLittle = true;
+  image.servesIndex = true;
   if (data != nullptr) index.block = *data;
   index.dataEnd = UINT64_MAX;
   if (data != nullptr) {
@@ -235,6 +249,23 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
   CollectFacts(index);
   index.isReady = true;
   return KelOK;
+}
+
+const KelIndexSegment* SegmentsOf(IndexState& index, KelULong i, KelULong& count) {
+  if (TilePartsOf(index) == nullptr || i >= index.tileParts.count) return nullptr;
+  const DecoderState& decoder = *Image(index).decoder;
+  KelIndexTilePart part = index.parts[i];
+  part.headerBytes = 0;
+  KelHeaderParams header{};
+  ScopeGuard release([&] { ReleaseHeaderParams(&header); });
+  header.keepsPlaces = true;
+  if (!decoder.dataMgr->MoveTo(static_cast<std::int64_t>(part.offset))) return nullptr;
+  ReadPartHeader(decoder, part, header);
+  if (part.headerBytes == 0) return nullptr;
+  KelFree(std::exchange(index.partSegments, nullptr));
+  index.partSegments = ListSegments(header);
+  count = header.numPlaces;
+  return index.partSegments;
 }
 
 const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part) {

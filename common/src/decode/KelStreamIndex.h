@@ -24,11 +24,13 @@ struct IndexState {
   KelIndexComponent* components;
   KelIndexMapping* mappings;
   KelIndexTileParts tileParts;
-  KelIndexTilePart* parts;  ///< owned
-  KelULong* byTile;         ///< owned; the tile-parts by tile, part, and offset from the last
+  KelIndexTilePart* parts;        ///< owned
+  KelIndexSegment* mainSegments;  ///< owned
+  KelIndexSegment* partSegments;  ///< owned; of the tile-part asked for last
+  KelULong* byTile;               ///< owned; the tile-parts by tile, part, and offset from the last
   // Of one tile; owned.
   bool hasPackets;
-  KelULong packetTile;
+  KelIndexWant wanted;
   KelIndexPackets packets;
   KelIndexPacket* packetList;
   KelULong obtainedPackets;
@@ -49,11 +51,14 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
 /// The tile-parts, found at the first call. Raises 8, and then finds nothing.
 const KelIndexTileParts* TilePartsOf(IndexState& index);
 
+/// The segments of a tile-part's header. Raises 8.
+const KelIndexSegment* SegmentsOf(IndexState& index, KelULong i, KelULong& count);
+
 /// The tile-part of that number, of several that claim to be it the last one; null without.
 const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part);
 
 // See the operations of these names. Raise 8.
-const KelIndexPackets* PacketsOf(IndexState& index, KelULong tile);
+const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want);
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want);
 
 /// Releases what is known of one tile.

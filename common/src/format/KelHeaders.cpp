@@ -78,6 +78,7 @@ void ReleaseHeaderParams(KelHeaderParams* set) noexcept {
   for (std::uint32_t i = 0; i < set->numComponentQuants; ++i) {
     ReleaseQuantParams(set->componentQuants[i]);
   }
+  KelFree(set->places);
   if (set->sizes != nullptr) {
     KelFree(set->sizes->XRsiz);
     KelFree(set->sizes->YRsiz);

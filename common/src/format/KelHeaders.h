@@ -97,6 +97,13 @@ struct KelProgressionChanges {
   std::uint8_t present;
 };
 
+/// Where a segment of a header stands.
+struct KelSegmentPlace {
+  std::int64_t position;  ///< of its marker
+  std::uint32_t code;     ///< second byte of the marker
+  std::uint32_t length;   ///< bytes that its reader took, marker included
+};
+
 /// The parameters of one header.
 struct KelHeaderParams {
   std::uint8_t inMainHeader;  ///< set by SOC, cleared when an SOT is read
@@ -126,6 +133,9 @@ struct KelHeaderParams {
   std::uint32_t dataLength;  ///< packet bytes behind a tile-part header; writer only
   std::uint8_t* bitDepths;   ///< Csiz depths, 1 to 38
   std::uint8_t seenTLM;
+  bool keepsPlaces;         ///< set by the caller: list the segments
+  KelSegmentPlace* places;  ///< null without any
+  std::uint32_t numPlaces, obtainedPlaces;
 };
 
 /// Fills a zero-filled set with empty records, the quantisation with its two arrays. Raises 8 after

@@ -30,8 +30,8 @@ struct ImageState {
   bool isEncoder;
   /// Decoder: initialising failed only because the data end before the first tile-part.
   bool endsInHeader;
-  bool readsLittle;  ///< of a stream: headers and lengths here and there, not everything
-  KelLong maxRes;  ///< decomposition levels of the main header
+  bool servesIndex;  ///< it reads headers and lengths here and there, and notes where they stand
+  KelLong maxRes;    ///< decomposition levels of the main header
   KelImageGeometry* geometry;
   ImageMap map;
   KelEncOpt* encOpt;  ///< the options that describe the image: a decoder's are its own

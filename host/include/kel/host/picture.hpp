@@ -1,0 +1,59 @@
+// A picture opened for looking at: any region of it at any of its resolutions, read and decoded
+// when it is asked for.
+#ifndef KEL_HOST_PICTURE_HPP
+#define KEL_HOST_PICTURE_HPP
+
+#include <cstdint>
+#include <memory>
+
+#include "image.hpp"
+#include "ranges.hpp"
+
+namespace kel::host {
+
+/// A rectangle of the picture, in its full size from its upper left corner.
+struct Region {
+  std::uint32_t x = 0, y = 0, width = 0, height = 0;
+};
+
+struct PictureParams {
+  std::uint64_t cacheBytes = std::uint64_t{64} << 20;  ///< of decoded tiles that are kept
+};
+
+/// Every operation may be called on any thread.
+class Picture {
+ public:
+  /// Reads what stands in front of the tiles, and where these are. source outlives the picture.
+  /// Throws Error (kInput, kMemory).
+  explicit Picture(RangeSource& source, const PictureParams& params = {});
+  ~Picture();
+  Picture(const Picture&) = delete;
+  Picture& operator=(const Picture&) = delete;
+
+  /// Everything about the picture but its samples: the planes are empty.
+  const Image& Description() const;
+  std::uint32_t Width() const;
+  std::uint32_t Height() const;
+  std::uint32_t TilesAcross() const;
+  std::uint32_t TilesDown() const;
+  /// The place of a tile, counted in rows from 0; throws Error (kParameter) for others.
+  Region TileRegion(std::uint32_t tile) const;
+  /// Halvings that the coding holds by the main header; a tile may hold fewer.
+  unsigned Levels() const;
+
+  /// The samples of a region, clipped to the picture, with width and height halved `reduce` times:
+  /// those that decoding everything at this resolution gives there. Only the bytes that they need
+  /// are read. Where data are missing the samples are zero, and *complete, unless null, is false.
+  /// Throws Error: kParameter for a region outside the picture and for more halvings than a tile
+  /// holds; kInput, kMemory.
+  Image Decode(const Region& region, unsigned reduce = 0, unsigned threads = 1,
+               bool* complete = nullptr);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace kel::host
+
+#endif

@@ -1,0 +1,248 @@
+// Building the code stream of one tile.
+//
+// Layouts of the segments that change, offsets from their markers:
+//   SIZ  6 canvas edges (4 + 4), 14 image area (4 + 4), 22 tile size (4 + 4), 30 tile origin (4 +
+//   4) COD  5 order, 9 levels, 14 precincts (1 per resolution, unless the segment ends before) COC
+//   4 component (1, or 2 with 257 components and more), then style (1), levels, and precincts
+//        five bytes behind these
+#include "TilePiece.hpp"
+
+#include <algorithm>
+#include <tuple>
+#include <utility>
+
+namespace kel::host {
+namespace {
+
+constexpr KelULong kSiz = 0x51, kCod = 0x52, kCoc = 0x53, kPoc = 0x5F, kCom = 0x64;
+constexpr KelULong kSot = 0x90, kSod = 0x93;
+constexpr std::uint8_t kEoc = 0xD9, kLrcp = 0;
+constexpr std::size_t kSizBytes = 40, kOrderAt = 5, kLevelsAt = 9, kSotBytes = 12;
+constexpr std::uint32_t kXmlBox = 0x786D6C20, kUuidBox = 0x75756964;  // "xml ", "uuid"
+
+void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8)
+    bytes.at(at++) = static_cast<std::uint8_t>(value >> shift);
+}
+
+void PutU16(Bytes& bytes, std::size_t at, std::uint64_t value) {
+  bytes.at(at) = static_cast<std::uint8_t>(value >> 8);
+  bytes.at(at + 1) = static_cast<std::uint8_t>(value);
+}
+
+std::int64_t Halved(std::int64_t edge, unsigned times) {
+  return (edge + (std::int64_t{1} << times) - 1) >> times;
+}
+
+/// A piece while it is made.
+struct Building {
+  const DataFront& front;
+  const TileParts& tile;
+  unsigned reduce;
+  Bytes data;
+  bool seenCod = false;  ///< in the header at work: only the first one holds
+
+  bool Reorders() const { return tile.hasAllPackets; }
+  void Marker(KelULong second) {
+    data.push_back(static_cast<std::uint8_t>(front.facts->markerByte));
+    data.push_back(static_cast<std::uint8_t>(second));
+  }
+  void Append(ByteView bytes) { data.insert(data.end(), bytes.begin(), bytes.end()); }
+};
+
+/// Takes levels out of a coding style whose number of levels stands at a place.
+void LowerLevels(Bytes& segment, std::size_t levelsAt, unsigned reduce) {
+  const unsigned levels = segment.at(levelsAt);
+  if (levels < reduce) {
+    throw Error(Failure::kParameter, "the picture can be halved " + std::to_string(levels) +
+                                         " times, not " + std::to_string(reduce));
+  }
+  segment[levelsAt] = static_cast<std::uint8_t>(levels - reduce);
+  const std::size_t precinctsAt = levelsAt + 5;
+  if (segment.size() > precinctsAt)
+    segment.resize(segment.size() -
+                   std::min<std::size_t>(reduce, segment.size() - precinctsAt - 1));
+  PutU16(segment, 2, segment.size() - 2);
+}
+
+void AppendSegment(Building& out, KelULong code, Bytes segment) {
+  const std::size_t indexBytes = out.front.facts->geometry->Csiz < 257 ? 1 : 2;
+  switch (code) {
+    case kSiz: {
+      if (segment.size() < kSizBytes) throw Error(Failure::kInput, "its SIZ segment is cut off");
+      const std::int64_t x1 = Halved(out.tile.x1, out.reduce), y1 = Halved(out.tile.y1, out.reduce);
+      const std::int64_t fields[] = {
+          x1, y1, Halved(out.tile.x0, out.reduce), Halved(out.tile.y0, out.reduce), x1, y1, 0, 0};
+      for (std::size_t i = 0; i < std::size(fields); ++i) {
+        PutU32(segment, 6 + 4 * i, static_cast<std::uint64_t>(fields[i]));
+      }
+      break;
+    }
+    case kCod:
+      if (std::exchange(out.seenCod, true)) return;
+      LowerLevels(segment, kLevelsAt, out.reduce);
+      if (out.Reorders()) segment.at(kOrderAt) = kLrcp;
+      break;
+    case kCoc:
+      LowerLevels(segment, 5 + indexBytes, out.reduce);
+      break;
+    case kPoc:
+      if (out.Reorders()) return;
+      break;
+    case kCom:
+      return;
+    default:
+      break;
+  }
+  out.Append(segment);
+}
+
+/// The boxes in front of the code stream that bear on its samples.
+void AppendBoxes(Building& out) {
+  const KelIndexFacts& facts = *out.front.facts;
+  if (!facts.isBoxed) return;
+  const ByteView bytes(out.front.bytes);
+  for (const KelIndexBox& box : std::span(facts.boxes, facts.numBoxes)) {
+    if (box.offset + box.headerBytes == facts.codeStreamOffset) {
+      const ByteView header = bytes.subspan(box.offset, 8);
+      out.Append(Bytes(4));
+      out.Append(header.subspan(4));
+    } else if (box.isWhole && box.offset + box.length <= facts.codeStreamOffset &&
+               box.type != kXmlBox && box.type != kUuidBox) {
+      out.Append(bytes.subspan(box.offset, box.length));
+    }
+  }
+}
+
+Bytes SegmentBytes(ByteView front, const KelIndexSegment& segment) {
+  const ByteView bytes = front.subspan(segment.offset, segment.length);
+  return Bytes(bytes.begin(), bytes.end());
+}
+
+void AppendMainHeader(Building& out) {
+  const KelIndexFacts& facts = *out.front.facts;
+  for (const KelIndexSegment& segment : std::span(facts.segments, facts.numSegments)) {
+    AppendSegment(out, segment.code, SegmentBytes(out.front.bytes, segment));
+  }
+}
+
+Bytes Fetched(RangeSource& source, std::uint64_t offset, std::size_t length) {
+  Bytes bytes(length);
+  source.Fetch(offset, bytes);
+  return bytes;
+}
+
+bool IsKept(const KelIndexPacket& packet, unsigned reduce) {
+  return packet.levelsAbove >= reduce;
+}
+
+/// A tile-part: the segments of a header and the packets given.
+void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegment>& segments,
+                std::span<const KelIndexPacket> packets, RangeSource& source) {
+  const std::size_t start = out.data.size();
+  out.seenCod = false;
+  out.Marker(kSot);
+  out.data.resize(start + kSotBytes);
+  PutU16(out.data, start + 2, kSotBytes - 2);
+  out.data[start + 10] = static_cast<std::uint8_t>(number);
+  for (const KelIndexSegment& segment : segments) {
+    if (segment.code == kSot || segment.code == kSod) continue;
+    AppendSegment(out, segment.code, Fetched(source, segment.offset, segment.length));
+  }
+  out.Marker(kSod);
+  for (const KelIndexPacket& packet : packets) {
+    const std::size_t at = out.data.size();
+    out.data.resize(at + packet.length);
+    source.Fetch(packet.offset, std::span(out.data).subspan(at));
+  }
+  PutU32(out.data, start + 6, out.data.size() - start);
+}
+
+}  // namespace
+
+TileParts CollectTile(KelStreamIndex& index, std::uint32_t tile, unsigned reduce) {
+  TileParts found;
+  found.tile = tile;
+  const KelImageGeometry& grid = *index.GetFacts()->geometry;
+  KelLong x0 = 0, x1 = 0, y0 = 0, y1 = 0;
+  const auto number = static_cast<KelLong>(tile);
+  grid.GetTileBoundingBox(grid.GetXIndex(number), grid.GetYIndex(number), &x0, &x1, &y0, &y1);
+  found.x0 = x0;
+  found.y0 = y0;
+  found.x1 = x1;
+  found.y1 = y1;
+  const KelIndexWant want{tile, -1, reduce, 0};
+  const KelIndexPackets* packets = index.GetPackets(&want);
+  const KelIndexTileParts* parts = index.GetTileParts();
+  if (packets == nullptr || parts == nullptr)
+    ThrowFailure(index.GetErrorDetails(), Failure::kMemory);
+  found.packets.assign(packets->packets, packets->packets + packets->count);
+  found.hasAllPackets = packets->areAll;
+  for (KelULong i = 0; i < parts->count; ++i) {
+    if (parts->parts[i].tile != tile || parts->parts[i].headerBytes == 0) continue;
+    KelULong count = 0;
+    const KelIndexSegment* segments = index.GetSegments(i, &count);
+    if (segments == nullptr) ThrowFailure(index.GetErrorDetails(), Failure::kMemory);
+    found.headers.push_back({parts->parts[i].part, {segments, segments + count}});
+  }
+  std::ranges::sort(found.headers, {}, &TileParts::Header::part);
+  return found;
+}
+
+std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce) {
+  std::vector<ByteRange> ranges;
+  const auto add = [&](std::uint64_t offset, std::uint64_t length) {
+    if (!ranges.empty() && ranges.back().to == offset) {
+      ranges.back().to += length;
+    } else {
+      ranges.push_back({offset, offset + length});
+    }
+  };
+  for (const TileParts::Header& header : tile.headers) {
+    for (const KelIndexSegment& segment : header.segments) add(segment.offset, segment.length);
+  }
+  for (const KelIndexPacket& packet : tile.packets) {
+    if (IsKept(packet, reduce)) add(packet.offset, packet.length);
+  }
+  return ranges;
+}
+
+Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
+                 RangeSource& source) {
+  Building out{front, tile, reduce, {}};
+  if (tile.headers.empty() || Halved(tile.x0, reduce) >= Halved(tile.x1, reduce) ||
+      Halved(tile.y0, reduce) >= Halved(tile.y1, reduce)) {
+    return {};
+  }
+  std::vector<KelIndexPacket> packets;
+  std::ranges::copy_if(tile.packets, std::back_inserter(packets),
+                       [&](const KelIndexPacket& packet) { return IsKept(packet, reduce); });
+  AppendBoxes(out);
+  AppendMainHeader(out);
+  if (out.Reorders()) {
+    std::ranges::sort(packets, {}, [](const KelIndexPacket& p) {
+      return std::tuple(p.layer, p.resolution, p.component, p.precinct);
+    });
+    AppendPart(out, 0, tile.headers[0].segments, packets, source);
+  } else {
+    const std::span all(packets);
+    for (std::size_t i = 0, at = 0; i < tile.headers.size(); ++i) {
+      std::size_t end = at;
+      while (end < all.size() && all[end].part == tile.headers[i].part) ++end;
+      AppendPart(out, static_cast<KelULong>(i), tile.headers[i].segments, all.subspan(at, end - at),
+                 source);
+      at = end;
+    }
+  }
+  out.Marker(kEoc);
+  return std::move(out.data);
+}
+
+Bytes BuildDescription(const DataFront& front) {
+  Bytes data = front.bytes;
+  data.push_back(static_cast<std::uint8_t>(front.facts->markerByte));
+  data.push_back(kEoc);
+  return data;
+}
+
+}  // namespace kel::host

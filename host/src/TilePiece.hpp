@@ -1,0 +1,50 @@
+// One tile of a picture as a code stream of its own, at any of its resolutions.
+//
+// The piece's grid is the tile's rectangle with every coordinate halved as often as asked; the
+// coding styles lose as many levels, and the packets of the resolutions above are left out. What is
+// left decodes to the very samples of that resolution. When all packets of the tile are there they
+// are put into the order of layers and resolutions, which needs no rules for positions.
+#ifndef KEL_HOST_TILE_PIECE_HPP
+#define KEL_HOST_TILE_PIECE_HPP
+
+#include <vector>
+
+#include "Library.hpp"
+#include "kel/host/ranges.hpp"
+
+namespace kel::host {
+
+/// What the index tells of a tile, copied: the index itself serves one thread at a time.
+struct TileParts {
+  std::uint32_t tile = 0;
+  std::int64_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;  ///< on the canvas
+  struct Header {
+    KelULong part = 0;
+    std::vector<KelIndexSegment> segments;
+  };
+  std::vector<Header> headers;
+  std::vector<KelIndexPacket> packets;
+  bool hasAllPackets = false;  ///< that the resolution asked for needs
+};
+TileParts CollectTile(KelStreamIndex& index, std::uint32_t tile, unsigned reduce);
+
+/// The front of the data: boxes and main header, whose bytes it holds.
+struct DataFront {
+  Bytes bytes;  ///< up to the first tile-part
+  const KelIndexFacts* facts = nullptr;
+};
+
+/// The bytes of the source that the piece is made of.
+std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce);
+
+/// The piece; empty when the tile has no place on the reduced grid. Throws Error: kParameter for
+/// more halvings than the tile has levels, kInput.
+Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
+                 RangeSource& source);
+
+/// Boxes and main header with an end marker behind them: enough to describe the picture.
+Bytes BuildDescription(const DataFront& front);
+
+}  // namespace kel::host
+
+#endif

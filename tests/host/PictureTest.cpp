@@ -1,0 +1,189 @@
+// Opened pictures: every region at every resolution equals what decoding everything gives there,
+// and few bytes are read.
+#include <kel/host.hpp>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "TestImages.hpp"
+#include "VectorFile.h"
+#include "VectorNames.h"
+
+namespace {
+
+using namespace kel::host;
+using test::ErrorOf;
+
+std::int64_t Halved(std::int64_t edge, unsigned times) {
+  return (edge + (std::int64_t{1} << times) - 1) >> times;
+}
+
+/// Where a region of a plane begins in the plane of the whole, in samples.
+std::uint32_t Start(std::int64_t origin, std::uint32_t at, std::uint32_t step, unsigned reduce) {
+  const auto edge = [&](std::int64_t x) { return Halved((x + step - 1) / step, reduce); };
+  return static_cast<std::uint32_t>(edge(origin + at) - edge(origin));
+}
+
+/// A region's samples are those of the whole at its place.
+void ExpectCropOf(const Image& whole, const Image& part, const Region& region, const Info& info,
+                  unsigned reduce) {
+  ASSERT_EQ(whole.planes.size(), part.planes.size());
+  for (std::size_t c = 0; c < part.planes.size(); ++c) {
+    const Plane &from = whole.planes[c], &to = part.planes[c];
+    const std::uint32_t x0 = Start(info.originX, region.x, from.xStep, reduce);
+    const std::uint32_t y0 = Start(info.originY, region.y, from.yStep, reduce);
+    ASSERT_LE(x0 + to.Width(), from.Width());
+    ASSERT_LE(y0 + to.Height(), from.Height());
+    std::uint32_t numWrong = 0;
+    for (std::uint32_t y = 0; y < to.Height(); ++y) {
+      for (std::uint32_t x = 0; x < to.Width(); ++x) {
+        numWrong += to.At(x, y) != from.At(x0 + x, y0 + y);
+      }
+    }
+    EXPECT_EQ(numWrong, 0U) << "component " << c << " reduced " << reduce;
+  }
+}
+
+/// The whole at the resolution below, as the library's own decoder gives it.
+std::optional<Image> LibraryHalf(const Bytes& bytes) {
+  MemorySource source(bytes);
+  DecodeParams params;
+  params.reduce = 1;
+  try {
+    return Decode(source, params);
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+TEST(Picture, RegionsAreCropsOfTheWhole) {
+  const Session session;
+  std::mt19937 random(3);
+  int numReduced = 0;
+  for (const std::string& name : test::VectorNames()) {
+    SCOPED_TRACE(name);
+    const Bytes bytes = test::Vector(name);
+    MemorySource forProbe(bytes), forAll(bytes);
+    std::optional<Image> whole;
+    Info info;
+    try {
+      whole = Decode(forAll);
+      info = Probe(forProbe);
+    } catch (const Error&) {
+      continue;
+    }
+    if (!info.tilePartsRegular) continue;
+    MemoryRanges ranges(bytes);
+    Picture picture(ranges);
+    const auto some = [&](std::uint32_t below) {
+      return static_cast<std::uint32_t>(random() % below);
+    };
+    for (int i = 0; i < 6; ++i) {
+      Region region{some(info.width), some(info.height), 1 + some(info.width),
+                    1 + some(info.height)};
+      if (i == 0) region = {0, 0, info.width, info.height};
+      bool complete = false;
+      ExpectCropOf(*whole, picture.Decode(region, 0, 1, &complete), region, info, 0);
+      EXPECT_TRUE(complete);
+    }
+    const std::optional<Image> half = LibraryHalf(bytes);
+    // Where tiles have a coding style of their own the kit's other decoder averages instead.
+    const bool averages = name.starts_with("tile_co");
+    if (!half || picture.Levels() == 0 || info.palette || averages) continue;
+    const Region all{0, 0, info.width, info.height};
+    try {
+      ExpectCropOf(*half, picture.Decode(all, 1), all, info, 1);
+      ++numReduced;
+    } catch (const Error& error) {
+      EXPECT_EQ(error.Kind(), Failure::kParameter) << "a tile without a level to leave out";
+    }
+  }
+  EXPECT_GT(numReduced, 50);
+}
+
+// Deeper reductions, of tiles of odd sizes at odd places, against reductions of reductions: the
+// lowest resolution of one level is that of the next.
+TEST(Picture, EveryResolutionAndFewBytes) {
+  const Session session;
+  const Image image = test::NoiseImage(700, 500, 3, 8);
+  MemorySink sink;
+  EncodeParams params;
+  params.lossless = true;
+  params.tileWidth = params.tileHeight = 150;
+  Encode(image, params, sink);
+  std::atomic<std::uint64_t> fetched{0};
+  CallbackRanges counted(sink.bytes.size(), [&](std::uint64_t from, std::span<std::uint8_t> to) {
+    fetched += to.size();
+    std::copy_n(sink.bytes.begin() + static_cast<std::ptrdiff_t>(from), to.size(), to.begin());
+  });
+  Picture picture(counted, {0});
+  const Image lowest = picture.Decode({0, 0, 700, 500}, 5);
+  EXPECT_EQ(lowest.width, 22U);
+  EXPECT_EQ(lowest.height, 16U);
+  EXPECT_LT(fetched, sink.bytes.size() / 3) << "noise: what is left out is nearly everything";
+  for (const unsigned reduce : {2U, 5U}) {
+    const Region part{301, 99, 222, 333};
+    const Image cut = picture.Decode(part, reduce, 3);
+    const Image all = picture.Decode({0, 0, 700, 500}, reduce);
+    MemorySource forProbe(sink.bytes);
+    ExpectCropOf(all, cut, part, Probe(forProbe), reduce);
+  }
+  EXPECT_EQ(ErrorOf([&] { picture.Decode({0, 0, 1, 1}, 6); }).Kind(), Failure::kParameter);
+  EXPECT_EQ(ErrorOf([&] { picture.Decode({700, 0, 1, 1}); }).Kind(), Failure::kParameter);
+  EXPECT_EQ(ErrorOf([&] { picture.TileRegion(20); }).Kind(), Failure::kParameter);
+  const Region tile = picture.TileRegion(9);
+  EXPECT_EQ(tile.x, 600U);
+  EXPECT_EQ(tile.width, 100U);
+}
+
+// Threads share the index and the caches; whoever asks gets what it asked for.
+TEST(Picture, ManyThreadsAskAtOnce) {
+  const Session session;
+  const Image image = test::NoiseImage(256, 256, 1, 8);
+  MemorySink sink;
+  EncodeParams params;
+  params.lossless = true;
+  params.tileWidth = params.tileHeight = 64;
+  Encode(image, params, sink);
+  MemoryRanges ranges(sink.bytes);
+  Picture picture(ranges, {20000});
+  MemorySource forProbe(sink.bytes);
+  const Info info = Probe(forProbe);
+  ForEachIndex(60, 4, [&](unsigned, std::size_t i) {
+    const auto at = static_cast<std::uint32_t>(i * 37 % 200);
+    const Region region{at, (at * 7) % 200, 70, 50};
+    ExpectCropOf(image, picture.Decode(region), region, info, 0);
+  });
+}
+
+TEST(RangeCache, JoinsNeighboursAndForgetsTheOldest) {
+  Bytes content(100000);
+  for (std::size_t i = 0; i < content.size(); ++i)
+    content[i] = static_cast<std::uint8_t>(i * 7 >> 3);
+  int requests = 0;
+  CallbackRanges source(content.size(), [&](std::uint64_t from, std::span<std::uint8_t> to) {
+    ++requests;
+    std::copy_n(content.begin() + static_cast<std::ptrdiff_t>(from), to.size(), to.begin());
+  });
+  RangeCache cache(source, 8000, 1000);
+  const auto check = [&](std::uint64_t from, std::size_t count) {
+    Bytes bytes(count);
+    cache.Fetch(from, bytes);
+    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(),
+                           content.begin() + static_cast<std::ptrdiff_t>(from)));
+  };
+  const std::vector<ByteRange> near = {{10, 20}, {2500, 2600}, {5100, 5900}};
+  cache.Prepare(near);
+  EXPECT_EQ(requests, 1);
+  check(15, 5000);
+  EXPECT_EQ(requests, 1);
+  check(90500, 9500);
+  check(99999, 1);
+  EXPECT_EQ(requests, 2);
+  check(0, 10);
+  EXPECT_EQ(requests, 3) << "more than the cache holds has gone through it";
+  EXPECT_EQ(ErrorOf([&] { check(99999, 2); }).Kind(), Failure::kInput);
+}
+
+}  // namespace
