@@ -1,9 +1,12 @@
 // kel decode: Kel files into image files or bare planes.
 #include <kel/host/convert.hpp>
 #include <kel/host/decode.hpp>
+#include <kel/host/picture.hpp>
 #include <kel/host/session.hpp>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <optional>
 
 #include "Commands.hpp"
 #include "Console.hpp"
@@ -18,6 +21,8 @@ namespace {
 struct DecodeOptions {
   FileOptions files;
   unsigned reduce = 0;
+  std::string region;
+  std::optional<std::uint32_t> tile;
   int rotate = 0;
   unsigned bits = 0;
   std::string rawPrefix;
@@ -45,6 +50,40 @@ bool GoesByRows(const DecodeOptions& options, const std::string& format,
          (host::IsOrdinary(description) || KeepsPalette(format, description));
 }
 
+/// WIDTHxHEIGHT+X+Y.
+host::Region ParseRegion(const std::string& text) {
+  host::Region region;
+  char behind = 0;
+  const int fields = std::sscanf(text.c_str(), "%ux%u+%u+%u%c", &region.width, &region.height,
+                                 &region.x, &region.y, &behind);
+  if (fields != 4 || text.find('-') != std::string::npos) {
+    throw UsageError("--region takes WIDTHxHEIGHT+X+Y, such as 640x480+1000+0, not " + text);
+  }
+  return region;
+}
+
+/// A part of the picture: of a file only the bytes that it needs are read.
+host::Image DecodeRegion(const DecodeOptions& options, const Task& task,
+                         host::DecodeReport& report) {
+  const bool isStream = task.input == kStandardStream;
+  const host::Bytes bytes = isStream ? ReadInput(task.input) : host::Bytes();
+  std::unique_ptr<host::RangeSource> source;
+  if (isStream) {
+    source = std::make_unique<host::MemoryRanges>(bytes);
+  } else {
+    source = std::make_unique<host::FileRanges>(task.input);
+  }
+  host::Picture picture(*source);
+  const host::Region region =
+      options.tile ? picture.TileRegion(*options.tile) : ParseRegion(options.region);
+  host::Image image = picture.Decode(region, options.reduce, task.threads, &report);
+  if (options.strict && !report.complete) {
+    throw host::Error(host::Failure::kIncomplete,
+                      "incomplete: the region has tiles that are not whole");
+  }
+  return image;
+}
+
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
                 host::Image image) {
   if (options.bits != 0) {
@@ -60,6 +99,11 @@ void WriteWhole(const DecodeOptions& options, const Task& task, const std::strin
 
 int DecodeTask(const DecodeOptions& options, const Task& task) {
   const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
+  host::DecodeReport report;
+  if (options.tile || !options.region.empty()) {
+    WriteWhole(options, task, format, DecodeRegion(options, task, report));
+    return WarnOfMissing(task.input, report);
+  }
   host::DecodeParams params;
   params.reduce = options.reduce;
   params.acceptIncomplete = !options.strict;
@@ -69,7 +113,6 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
   const auto start = std::chrono::steady_clock::now();
   host::RowDecoder decoder(*input, params);
   const host::Image description = decoder.Description();
-  host::DecodeReport report;
   if (GoesByRows(options, format, description)) {
     OutputFile output(task.output, task.onExisting);
     report = decoder.Decode(*MakeImageFile(format, output));
@@ -113,6 +156,16 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
   command.add_option("--reduce", options->reduce, "halve width and height N times")
       ->type_name("N")
       ->check(CLI::Range(0, 31));
+  CLI::Option* region =
+      command
+          .add_option(
+              "--region", options->region,
+              "decode a rectangle only, given in samples of full size\n"
+              "With --reduce it is halved; then that resolution of the coding itself is decoded.")
+          ->type_name("WxH+X+Y");
+  command.add_option("--tile", options->tile, "decode one tile only, counted in rows from 0")
+      ->type_name("N")
+      ->excludes(region);
   command.add_option("--rotate", options->rotate, "turn clockwise by 90, 180 or 270 degrees")
       ->type_name("DEGREES")
       ->check(CLI::IsMember({90, 180, 270}));
@@ -143,6 +196,7 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "Examples:\n"
       "  kel decode photo.kel photo.png\n"
       "  kel decode --reduce 2 photo.kel small.jpg       a quarter of width and height\n"
+      "  kel decode --region 640x480+1000+0 map.kel part.png\n"
       "  kel decode --raw-planes out/photo photo.kel     bare samples for other programs\n"
       "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
       "A dash stands for standard input and output. A picture of several tiles is written as it "

@@ -13,6 +13,7 @@
 #include "Commands.hpp"
 #include "Console.hpp"
 #include "Files.hpp"
+#include "InfoRanges.hpp"
 
 namespace kel::tool {
 namespace {
@@ -347,7 +348,7 @@ Json InfoJson(const std::string& name, const Info& info) {
   return json;
 }
 
-int RunInfo(const std::vector<std::string>& files, bool asJson) {
+int RunInfo(const std::vector<std::string>& files, bool asJson, bool withRanges) {
   const host::Session session(2 * HalfOfMemory());
   Json all = Json::array();
   int code = kDone;
@@ -358,8 +359,10 @@ int RunInfo(const std::vector<std::string>& files, bool asJson) {
       const Info info = host::Probe(source);
       if (asJson) {
         all.push_back(InfoJson(NameOf(file), info));
+        if (withRanges) all.back()["byte_ranges"] = RangesJson(bytes);
       } else {
         PrintInfo(NameOf(file), info);
+        if (withRanges) PrintRanges(bytes);
       }
     } catch (const host::Error& error) {
       std::cout.flush();
@@ -380,7 +383,7 @@ int RunInfo(const std::vector<std::string>& files, bool asJson) {
 void AddInfoCommand(CLI::App& app, Run& run) {
   struct Options {
     std::vector<std::string> files;
-    bool json = false;
+    bool json = false, ranges = false;
   };
   auto options = std::make_shared<Options>();
   CLI::App& command = *app.add_subcommand("info", "tell what Kel files are");
@@ -393,13 +396,19 @@ void AddInfoCommand(CLI::App& app, Run& run) {
       "A component has box_depth and box_signed when the boxes of the file describe its "
       "samples otherwise than the code stream does. The latter counts, here and in "
       "decode. A file that cannot be read has an error in the array.");
+  command.add_flag("--ranges", options->ranges,
+                   "which bytes each tile needs at each resolution\n"
+                   "Positions count from the first byte of the file; what stands in front of the "
+                   "tiles is needed always.");
   command.footer(
       "Examples:\n"
       "  kel info photo.kel\n"
+      "  kel info --ranges --json map.kel | jq '.byte_ranges.tiles[] | select(.reduce == 3)'\n"
       "  kel info --json photo.kel | jq .tile_parts\n"
       "Positions of tile-parts count from the first byte of the code stream.\n");
-  command.callback(
-      [options, &run] { run = [options] { return RunInfo(options->files, options->json); }; });
+  command.callback([options, &run] {
+    run = [options] { return RunInfo(options->files, options->json, options->ranges); };
+  });
 }
 
 }  // namespace kel::tool

@@ -271,7 +271,27 @@ Region Picture::TileRegion(std::uint32_t tile) const {
   return {at(grid.XOsiz, x0), at(grid.YOsiz, y0), at(x0, x1), at(y0, y1)};
 }
 
-Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads, bool* complete) {
+std::uint64_t Picture::FrontBytes() const {
+  return state_->front.bytes.size();
+}
+
+std::vector<ByteRange> Picture::BytesOf(std::uint32_t tile, unsigned reduce) {
+  TileRegion(tile);  // which knows the tiles that exist
+  State& state = *state_;
+  const std::lock_guard lock(state.indexMutex);
+  const KelIndexWant want{tile, -1, reduce, 0};
+  const KelIndexRanges* found = state.index.GetRanges(&want);
+  state.stream.Rethrow();
+  if (found == nullptr) ThrowFailure(state.index.GetErrorDetails(), Failure::kMemory);
+  std::vector<ByteRange> ranges;
+  for (const KelIndexRange& range : std::span(found->ranges, found->count)) {
+    ranges.push_back({range.offset, range.offset + range.length});
+  }
+  return ranges;
+}
+
+Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads,
+                      DecodeReport* report) {
   State& state = *state_;
   const KelImageGeometry& grid = state.Grid();
   if (region.x >= Width() || region.y >= Height() || region.width == 0 || region.height == 0) {
@@ -306,15 +326,17 @@ Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads, b
       touched.push_back(static_cast<std::uint32_t>(q * grid.NumXTiles + p));
     }
   }
-  std::atomic<bool> allComplete{true};
+  std::atomic<std::size_t> numComplete{0};
   ForEachIndex(touched.size(), threads, [&](unsigned, std::size_t i) {
     const TilePointer tile = state.Tile(touched[i], reduce);
-    if (!tile->complete) allComplete = false;
+    numComplete += tile->complete;
     for (std::size_t c = 0; c < areas.size(); ++c) {
       CopyCommon(tile->planes[c], tile->areas[c], image.planes[c], areas[c]);
     }
   });
-  if (complete != nullptr) *complete = allComplete;
+  if (report != nullptr) {
+    *report = {numComplete == touched.size(), touched.size(), numComplete, {}};
+  }
   return image;
 }
 

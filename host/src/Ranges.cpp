@@ -11,8 +11,8 @@
 namespace kel::host {
 namespace {
 
-/// Missing blocks no further apart than this come with one request.
-constexpr std::uint64_t kJoinedGap = 4;
+/// Bytes between missing blocks that are fetched along, to make one request of two.
+constexpr std::uint64_t kJoinedGap = 8192;
 
 void RequireInside(std::uint64_t from, std::size_t count, std::uint64_t size) {
   if (from > size || count > size - from) {
@@ -29,6 +29,8 @@ void MemoryRanges::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
 
 FileRanges::FileRanges(const std::string& path)
     : file_(std::fopen(path.c_str(), "rb"), std::fclose), name_(path) {
+  // What is asked for is read, and no more.
+  if (file_ != nullptr) std::setvbuf(file_.get(), nullptr, _IONBF, 0);
   const bool opened = file_ != nullptr && std::fseek(file_.get(), 0, SEEK_END) == 0;
   const long size = opened ? std::ftell(file_.get()) : -1;
   if (size < 0)
@@ -103,10 +105,11 @@ void RangeCache::Prepare(std::span<const ByteRange> ranges) {
       if (missing.size() >= mostBlocks_) break;  // the rest comes when it is read
     }
   }
+  const std::uint64_t most = 1 + kJoinedGap / blockBytes_;
   for (auto next = missing.begin(); next != missing.end();) {
     const std::uint64_t first = *next;
     std::uint64_t last = first;
-    for (; next != missing.end() && *next <= last + kJoinedGap; ++next) last = *next;
+    for (; next != missing.end() && *next <= last + most; ++next) last = *next;
     Load(first, last);
   }
   for (; order_.size() > 2 * mostBlocks_; order_.pop_back()) blocks_.erase(order_.back());

@@ -83,9 +83,9 @@ TEST(Picture, RegionsAreCropsOfTheWhole) {
       Region region{some(info.width), some(info.height), 1 + some(info.width),
                     1 + some(info.height)};
       if (i == 0) region = {0, 0, info.width, info.height};
-      bool complete = false;
-      ExpectCropOf(*whole, picture.Decode(region, 0, 1, &complete), region, info, 0);
-      EXPECT_TRUE(complete);
+      DecodeReport report;
+      ExpectCropOf(*whole, picture.Decode(region, 0, 1, &report), region, info, 0);
+      EXPECT_TRUE(report.complete);
     }
     const std::optional<Image> half = LibraryHalf(bytes);
     // Where tiles have a coding style of their own the kit's other decoder averages instead.

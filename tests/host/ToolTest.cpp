@@ -192,6 +192,31 @@ TEST(Tool, DecodeTurnsScalesAndReduces) {
   EXPECT_EQ(tool.GetImage("out.png").height, 2U);
 }
 
+// A part of the picture, and the bytes that it needs: which a reader could fetch alone.
+TEST(Tool, PartsOfThePicture) {
+  const Tool tool;
+  const Image image = NoiseImage(100, 70, 3, 8);
+  tool.Put("in.ppm", image);
+  tool.Do("encode --lossless --tile 32x32 --levels 3 in.ppm x.kel");
+  tool.Do("decode --region 40x30+50+20 x.kel out.ppm");
+  const Image part = tool.GetImage("out.ppm");
+  ASSERT_EQ(part.width, 40U);
+  ASSERT_EQ(part.height, 30U);
+  EXPECT_EQ(part.planes[1].At(39, 29), image.planes[1].At(89, 49));
+  tool.Do("decode --tile 5 --reduce 1 - out.ppm <x.kel");
+  EXPECT_EQ(tool.GetImage("out.ppm").width, 16U);
+  for (const char* wrong : {"--region 40x30", "--region 40x30+100+0", "--region 1x-1+0+0",
+                            "--tile 12", "--tile 0 --reduce 4", "--tile 0 --region 1x1+0+0"}) {
+    EXPECT_EQ(tool.Run("decode " + std::string(wrong) + " x.kel none.ppm").code, 1) << wrong;
+  }
+  const json ranges = json::parse(tool.Do("info --ranges --json x.kel"))["byte_ranges"];
+  std::uint64_t all = ranges["front_bytes"];
+  for (const json& entry : ranges["tiles"]) {
+    if (entry["reduce"] == 0) all += std::uint64_t{entry["bytes"]};
+  }
+  EXPECT_EQ(all + 2, tool.folder.Get("x.kel").size()) << "everything but the end marker";
+}
+
 TEST(Tool, RegionKeepsItsSamplesBetter) {
   const Tool tool;
   tool.Put("in.ppm", SlopeImage(128, 128));

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "decode.hpp"
 #include "image.hpp"
 #include "ranges.hpp"
 
@@ -41,13 +42,18 @@ class Picture {
   /// Halvings that the coding holds by the main header; a tile may hold fewer.
   unsigned Levels() const;
 
+  /// Bytes of the data that stand in front of the tiles, and those that a tile needs, in the order
+  /// of the data. Throw Error: kParameter for a tile that does not exist, kInput, kMemory.
+  std::uint64_t FrontBytes() const;
+  std::vector<ByteRange> BytesOf(std::uint32_t tile, unsigned reduce = 0);
+
   /// The samples of a region, clipped to the picture, with width and height halved `reduce` times:
   /// those that decoding everything at this resolution gives there. Only the bytes that they need
-  /// are read. Where data are missing the samples are zero, and *complete, unless null, is false.
-  /// Throws Error: kParameter for a region outside the picture and for more halvings than a tile
-  /// holds; kInput, kMemory.
+  /// are read. Where data are missing the samples are zero; *report, unless null, receives how many
+  /// of the tiles touched are whole. Throws Error: kParameter for a region outside the picture and
+  /// for more halvings than a tile holds; kInput, kMemory.
   Image Decode(const Region& region, unsigned reduce = 0, unsigned threads = 1,
-               bool* complete = nullptr);
+               DecodeReport* report = nullptr);
 
  private:
   struct State;

@@ -73,10 +73,10 @@ class RangeCache : public RangeSource {
  public:
   /// source outlives the cache.
   explicit RangeCache(RangeSource& source, std::uint64_t mostBytes = std::uint64_t{8} << 20,
-                      std::uint64_t blockBytes = 4096);
+                      std::uint64_t blockBytes = 1024);
   std::uint64_t Size() const override { return source_.Size(); }
   void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override;
-  /// Fetches what of the ranges is missing, those a few blocks apart with one request.
+  /// Fetches what of the ranges is missing, those a few kilobytes apart with one request.
   void Prepare(std::span<const ByteRange> ranges);
 
   std::uint64_t Requests() const { return requests_; }  ///< made of the source
