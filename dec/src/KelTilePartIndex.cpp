@@ -127,6 +127,7 @@ void RefreshTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
 KelTilePartIndex* BuildTilePartIndex(KelDecDataMgr& data, std::uint32_t numTiles) {
   return NamingModule(kModuleDecDataMgr, [&] {
     KelTilePartIndex* index = MakeTilePartIndex(numTiles, data.PositionB(), nullptr);
+    index->wantedTile = -1;  // nothing is read of what stands between
     ScopeGuard release([&] { ReleaseTilePartIndex(index); });
     ScopeGuard returning([&] { data.ReturnToPositionB(); });
     while (ExtendTilePartIndex(*index, data)) {

@@ -173,9 +173,9 @@ bool FormAWhole(const IndexState& index) {
   return next == index.facts.codeStreamEnd || HasEndMarker(*Image(index).decoder->dataMgr, next);
 }
 
-/// A tile-part claimed twice is taken from the later place.
+/// A tile-part claimed twice is taken from the first place.
 bool PrecedesByTile(const KelIndexTilePart& a, const KelIndexTilePart& b) {
-  return std::tie(a.tile, a.part, b.offset) < std::tie(b.tile, b.part, a.offset);
+  return std::tie(a.tile, a.part, a.offset) < std::tie(b.tile, b.part, b.offset);
 }
 
 void ListTileParts(IndexState& index) {
@@ -272,7 +272,6 @@ const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, K
   KelIndexTilePart wanted{};
   wanted.tile = tile;
   wanted.part = part;
-  wanted.offset = UINT64_MAX;
   const KelULong* begin = index.byTile;
   const KelULong* end = begin + index.tileParts.count;
   const KelULong* found = std::lower_bound(

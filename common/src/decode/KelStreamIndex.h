@@ -27,7 +27,7 @@ struct IndexState {
   KelIndexTilePart* parts;        ///< owned
   KelIndexSegment* mainSegments;  ///< owned
   KelIndexSegment* partSegments;  ///< owned; of the tile-part asked for last
-  KelULong* byTile;               ///< owned; the tile-parts by tile, part, and offset from the last
+  KelULong* byTile;               ///< owned; the tile-parts by tile, part and offset
   // Of one tile; owned.
   bool hasPackets;
   KelIndexWant wanted;
@@ -54,7 +54,7 @@ const KelIndexTileParts* TilePartsOf(IndexState& index);
 /// The segments of a tile-part's header. Raises 8.
 const KelIndexSegment* SegmentsOf(IndexState& index, KelULong i, KelULong& count);
 
-/// The tile-part of that number, of several that claim to be it the last one; null without.
+/// The tile-part of that number, of several that claim to be it the first one; null without.
 const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part);
 
 // See the operations of these names. Raise 8.
