@@ -51,6 +51,7 @@ class SourceStream {
     const std::uint64_t left = End() - std::min(End(), position_);
     const auto taken =
         static_cast<std::size_t>(std::min<std::uint64_t>(left, static_cast<std::uint64_t>(count)));
+    if (taken == 0) return 0;
     try {
       source_.Fetch(position_, {to, taken});
     } catch (...) {

@@ -7,6 +7,7 @@
 
 #include "KelDecMap.h"
 #include "KelPacketWalk.h"
+#include "KelTileLayout.h"
 #include "base/KelMemFuncDefs.h"
 #include "decode/KelImageTiles.h"
 #include "decode/KelStreamIndex.h"
@@ -41,7 +42,7 @@ std::uint64_t CountWanted(const KelIndexWant& want, const TileRecord& tile, std:
                                      0,
                                      0,
                                      0};
-      if (IsWanted(want, lowest)) count += AsCount(comp.resolutions[r].precincts.Count());
+      if (IsWanted(want, lowest)) count += AsCount(PrecinctsOf(tile.comps[c], r).Count());
     }
   }
   const KelULong numLayers = static_cast<KelULong>(tile.dec->params.style->numLayers);
