@@ -38,8 +38,8 @@ TEST(BlocksKernels, DecodingStopsInFrontOfWhatItMayNotTake) {
 }
 
 template <class Cell>
-void ExpectValues(const BlocksKernels::Encode<Cell>* encode,
-                  const BlocksKernels::CountPlanes<Cell>* countPlanes, const BlocksKernels& kernels,
+void ExpectValues(BlocksKernels::Encode<Cell>* encode,
+                  BlocksKernels::CountPlanes<Cell>* countPlanes, const BlocksKernels& kernels,
                   const std::vector<std::pair<Cell, std::int32_t>>& values, std::uint8_t planes) {
   // Two blocks, the values in the second.
   std::vector<Cell> cells(128);

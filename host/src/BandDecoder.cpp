@@ -138,7 +138,8 @@ void BandDecoder::DecodeRun(Band& band, const TileRun& run) {
   std::vector<TilePartBytes> parts;
   if (std::none_of(begin, begin + run.columns, [](const auto& p) { return p.empty(); })) {
     for (std::uint32_t i = 0; i < run.columns; ++i) partsOf(run.column + i, parts);
-    std::ranges::stable_partition(parts, [](const auto& part) { return part.numMissing == 0; });
+    std::stable_partition(parts.begin(), parts.end(),
+                          [](const auto& part) { return part.numMissing == 0; });
     DecodeTiles(band, run, parts);
     return;
   }
