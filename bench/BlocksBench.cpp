@@ -190,7 +190,7 @@ void EncodeBand(benchmark::State& state) {
   Coded coded;
   for (auto _ : state) {
     const kel::EncodeBand band = plane.Band();
-    EncodeTileComponent(&band, false, coded);
+    EncodeTileComponent(&band, false, false, coded);
   }
   Report(state, plane.Blocks(), static_cast<double>(coded.numBytes));
 }
@@ -199,7 +199,7 @@ void DecodeBand(benchmark::State& state) {
   Plane<std::int32_t> plane(static_cast<std::int32_t>(state.range(0)));
   const kel::EncodeBand band = plane.Band();
   Coded coded;
-  EncodeTileComponent(&band, false, coded);
+  EncodeTileComponent(&band, false, false, coded);
   // Bytes behind the band, as the next one would be.
   std::vector<std::uint8_t> bytes(coded.Bytes(), coded.Bytes() + coded.numBytes);
   bytes.resize(bytes.size() + 1000);
