@@ -381,14 +381,16 @@ void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::i
 void InverseRctShortsTo8Bit(const std::int16_t* y, const std::int16_t* u, const std::int16_t* v,
                             std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
   Sweep({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
-    Shorts luma, blue, red;
+    // Sums of unsigned lanes, which may wrap around.
+    Words luma, blue, red;
     LoadTo(luma, from[0]);
     LoadTo(blue, from[1]);
     LoadTo(red, from[2]);
-    const Shorts green = luma - ((blue + red) >> 2);
-    StoreShifted(to[0], red + green);
-    StoreShifted(to[1], green);
-    StoreShifted(to[2], blue + green);
+    const Shorts chroma = __builtin_bit_cast(Shorts, blue + red) >> 2;
+    const Words green = luma - __builtin_bit_cast(Words, chroma);
+    StoreShifted(to[0], __builtin_bit_cast(Shorts, red + green));
+    StoreShifted(to[1], __builtin_bit_cast(Shorts, green));
+    StoreShifted(to[2], __builtin_bit_cast(Shorts, blue + green));
   });
 }
 
