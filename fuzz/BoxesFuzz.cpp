@@ -27,8 +27,7 @@ void TouchAll(const kel::KelFileInfo& f) {
   for (KelULong i = 0; i < f.NumUUIDBoxes; ++i) Touch(f.UUIDBoxes[i].data, f.UUIDBoxes[i].length);
   for (KelULong i = 0; f.PalettePresent && i < f.Palette->numColumns; ++i) {
     const __tagKelPalette& p = *f.Palette;
-    const bool isMapped = p.mapType != nullptr && p.mapType[i] != 0;
-    Touch(p.columns[i], p.numEntries * ((p.depths[isMapped ? p.mapColumn[i] : i] + 7U) / 8));
+    Touch(p.columns[i], p.numEntries * ((p.depths[i] + 7U) / 8));
   }
   for (KelULong i = 0; f.ChannelDefPresent && i < f.ChannelDefs->N; ++i) {
     Require(f.ChannelDefs->order[i] >= -1 && f.ChannelDefs->order[i] <= 65535);

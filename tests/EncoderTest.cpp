@@ -135,6 +135,7 @@ TEST_F(Encoder, CountsAndEndMarker) {
   EXPECT_EQ(stream.bytes.back(), 0xD9);
   EXPECT_EQ(stream.stream.wbuf, nullptr);
   for (const KelLong tile : {2, -1}) EXPECT_EQ(host.encoder.CompressTile(tile), KelErrBadParam);
+  host.encoder.Die();  // while there is a stream
 }
 
 // Headers written a second time over tiles; or not where the first ones stand.
@@ -318,6 +319,7 @@ TEST_F(Encoder, FetchesThatFail) {
         EXPECT_EQ(host.encoder.CompressTile(1), KelOK);
       }
       EXPECT_EQ(stream.bytes, whole);
+      host.encoder.Die();  // while there is a stream
     }
   }
   host.fetchError = 0;
@@ -532,6 +534,7 @@ TEST_F(Encoder, SizesAndSteps) {
   EXPECT_GT(extra, transparency);
   EXPECT_EQ(encoder.GetMinCodeStreamLength(), least + extra - transparency);
   EXPECT_EQ(encoder.GetMaxCodeStreamLength() % 1024, 0);
+  encoder.Die();  // while there is a stream
 }
 
 // A debug file that is not made, or a name that is read from options that are gone.
