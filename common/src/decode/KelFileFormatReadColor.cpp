@@ -166,7 +166,7 @@ void ReadPalette(BoxReader& in, const BoxExtent& box) {
   const std::uint8_t* first = entries.bytes.Data();
   for (std::uint32_t i = 0; i < numColumns; ++i) {
     const std::size_t width = BytesOf(palette.depths[i]);
-    if (width == 0) continue;
+    if (width == 0 || palette.numEntries == 0) continue;
     for (std::size_t j = 0; j < palette.numEntries; ++j) {
       std::copy_n(first + j * entryBytes, width, info.paletteColumns[i] + j * width);
     }
