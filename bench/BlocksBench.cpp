@@ -61,7 +61,7 @@ struct Field {
   }
 };
 
-BlocksKernels KernelsOf(kel::KernelSet set) {
+BlocksKernels KernelsOf(const kel::KernelSet& set) {
   kel::KernelTable table;
   FillKernelTable(set, table);
   return table.blocks;
@@ -86,7 +86,8 @@ void Report(benchmark::State& state, double blocks, double bytes) {
   state.counters["bits"] = bytes * 8 / (blocks * 64.0);
 }
 
-void Decode(benchmark::State& state, kel::KernelSet set, Statistics statistics, bool interleaved) {
+void Decode(benchmark::State& state, const kel::KernelSet& set, Statistics statistics,
+            bool interleaved) {
   const BlocksKernels kernels = KernelsOf(set);
   Field field(static_cast<int>(state.range(0)), statistics);
   const std::uint8_t* end =
@@ -104,7 +105,7 @@ void Decode(benchmark::State& state, kel::KernelSet set, Statistics statistics, 
 }
 
 template <class Cell>
-void Encode(benchmark::State& state, kel::KernelSet set, Statistics statistics,
+void Encode(benchmark::State& state, const kel::KernelSet& set, Statistics statistics,
             BlocksKernels::Encode<Cell>* BlocksKernels::*kernel) {
   const BlocksKernels kernels = KernelsOf(set);
   Field field(static_cast<int>(state.range(0)), statistics);
@@ -118,7 +119,7 @@ void Encode(benchmark::State& state, kel::KernelSet set, Statistics statistics,
 }
 
 template <class Cell>
-void CountPlanes(benchmark::State& state, kel::KernelSet set,
+void CountPlanes(benchmark::State& state, const kel::KernelSet& set,
                  BlocksKernels::CountPlanes<Cell>* BlocksKernels::*kernel) {
   const BlocksKernels kernels = KernelsOf(set);
   Field field(static_cast<int>(state.range(0)), Statistics::kLaplacian);
@@ -224,9 +225,9 @@ void Register(const std::string& name, const std::vector<std::int64_t>& sizes,
   });
 }
 
-void RegisterKernels(kel::KernelSet set) {
+void RegisterKernels(const kel::KernelSet& set) {
   const std::vector<std::int64_t> planes = {0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 12, -1};
-  const std::string in = std::string("/") + kel::KernelSetName(set);
+  const std::string in = std::string("/") + set.name;
   for (const Statistics statistics : {Statistics::kLaplacian, Statistics::kUniform}) {
     const std::string of = statistics == Statistics::kUniform ? "/uniform" : "/Laplacian";
     Register("Decode" + of + in, planes, Decode, set, statistics, false);
@@ -246,7 +247,7 @@ void RegisterKernels(kel::KernelSet set) {
 
 int main(int argc, char** argv) {
   KelLibInit(HostMemory());
-  for (const kel::KernelSet set : kel::kAllKernelSets) {
+  for (const kel::KernelSet& set : kel::KernelSets()) {
     kel::KernelTable table;
     if (FillKernelTable(set, table)) RegisterKernels(set);
   }

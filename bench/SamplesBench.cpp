@@ -131,14 +131,14 @@ void CountSamples(benchmark::State& state, std::size_t samples) {
 
 void RegisterKernels() {
   for (const auto& kernel : kKernels) {
-    for (const KernelSet set : kAllKernelSets) {
+    for (const KernelSet& set : KernelSets()) {
       KernelTable table;
       if (!FillKernelTable(set, table)) continue;
       for (const std::size_t rows : {std::size_t{1}, kHeight}) {
         const std::size_t width = rows == 1 ? kRow : kWidth;
         const std::string call = kernel.call;
-        const std::string name = call.substr(0, call.find('(')) + '/' + KernelSetName(set) +
-                                 (rows == 1 ? "/cached" : "/image");
+        const std::string name =
+            call.substr(0, call.find('(')) + '/' + set.name + (rows == 1 ? "/cached" : "/image");
         benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
           Memory& memory = Shared(width * rows);
           for (auto _ : state) {

@@ -132,8 +132,9 @@ const Driver kDrivers[] = {
      }},
 };
 
-void RunDriver(benchmark::State& state, const Driver& driver, Size size, kel::KernelSet most) {
-  kel::ChooseKernels(most);
+void RunDriver(benchmark::State& state, const Driver& driver, Size size,
+               const kel::KernelSet& last) {
+  kel::ChooseKernels(last);
   Workload work(size);
   for (auto _ : state) driver.run(work);
   Report(state, static_cast<double>(work.Count()) * driver.planes);
@@ -227,7 +228,7 @@ const Kernel kKernels[] = {
      }},
 };
 
-void RunKernel(benchmark::State& state, const Kernel& kernel, kel::KernelSet set) {
+void RunKernel(benchmark::State& state, const Kernel& kernel, const kel::KernelSet& set) {
   kel::KernelTable table;
   if (!kel::FillKernelTable(set, table)) {
     state.SkipWithError("not on this machine");
@@ -243,19 +244,21 @@ void RunKernel(benchmark::State& state, const Kernel& kernel, kel::KernelSet set
 
 const bool registered = [] {
   for (const Kernel& kernel : kKernels) {
-    for (const kel::KernelSet set : kel::kAllKernelSets) {
-      const std::string name = std::string("kernel/") + kernel.name + "/" + kel::KernelSetName(set);
-      benchmark::RegisterBenchmark(
-          name.c_str(), [&kernel, set](benchmark::State& state) { RunKernel(state, kernel, set); });
+    for (const kel::KernelSet& set : kel::KernelSets()) {
+      const std::string name = std::string("kernel/") + kernel.name + "/" + set.name;
+      benchmark::RegisterBenchmark(name.c_str(), [&kernel, &set](benchmark::State& state) {
+        RunKernel(state, kernel, set);
+      });
     }
   }
   for (const Driver& driver : kDrivers) {
     for (const Size size : kSizes) {
-      for (const kel::KernelSet set : {kel::KernelSet::kScalar, kel::KernelSet::kAvx512}) {
+      for (const bool scalar : {true, false}) {
+        const kel::KernelSet& set = scalar ? kel::KernelSets().front() : kel::KernelSets().back();
         const std::string name = std::string("driver/") + driver.name + "/" +
                                  std::to_string(size.width) + "x" + std::to_string(size.height) +
-                                 (set == kel::KernelSet::kScalar ? "/scalar" : "/best");
-        benchmark::RegisterBenchmark(name.c_str(), [&driver, size, set](benchmark::State& state) {
+                                 (scalar ? "/scalar" : "/best");
+        benchmark::RegisterBenchmark(name.c_str(), [&driver, size, &set](benchmark::State& state) {
           RunDriver(state, driver, size, set);
         });
       }

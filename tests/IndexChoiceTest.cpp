@@ -66,7 +66,7 @@ std::vector<int> Chosen(kel::ChoiceKernels::Choose<Cell>* choose, const std::vec
 // plane count that is not the block's.
 TEST_F(IndexChoice, SetsAgree) {
   kel::KernelTable scalar;
-  ASSERT_TRUE(FillKernelTable(kel::KernelSet::kScalar, scalar));
+  ASSERT_TRUE(FillKernelTable(kel::KernelSets().front(), scalar));
   WithEverySet([&](const kel::KernelTable& table) {
     std::mt19937 random(1);
     for (int i = 0; i < 6000; ++i) {

@@ -70,7 +70,7 @@ template <class In, class Out, class Call>
 void Compare(const KernelTable& table, const char* name, std::size_t perSample, Call call) {
   std::mt19937 random(1);
   KernelTable scalar;
-  ASSERT_TRUE(FillKernelTable(KernelSet::kScalar, scalar));
+  ASSERT_TRUE(FillKernelTable(kel::KernelSets().front(), scalar));
   for (std::size_t count = 0; count <= kMostSamples; ++count) {
     const std::size_t cells = count * perSample + 2 * kGuard;
     std::vector<In> in[3];

@@ -11,10 +11,10 @@ namespace test {
 /// The set is the library's choice during the check, which also gets its table.
 template <class Check>
 void WithEverySet(Check check) {
-  for (const kel::KernelSet set : kel::kAllKernelSets) {
+  for (const kel::KernelSet& set : kel::KernelSets()) {
     kel::KernelTable table;
     if (!kel::FillKernelTable(set, table)) continue;
-    SCOPED_TRACE(kel::KernelSetName(set));
+    SCOPED_TRACE(set.name);
     kel::ChooseKernels(set);
     check(table);
     if (testing::Test::HasFailure()) break;

@@ -170,17 +170,17 @@ void EncodeShortsVector(const std::int16_t* cells, std::ptrdiff_t strideCells,
 
 void EncodeIntegersVector(const std::int32_t* cells, std::ptrdiff_t strideCells,
                           const std::uint8_t* planeCounts, std::size_t count, BlockSink& sink) {
-  EncodeRun(
-      cells, strideCells, planeCounts, count, sink,
-      [](const std::int32_t* block, std::ptrdiff_t stride, unsigned planes, BlockSink& local)
-          __attribute__((always_inline)) {
-            if (planes <= kMostEncodedPlanes) return EncodeBlock(block, stride, planes, local);
-            // The call takes a copy, so that the sink itself can stay in registers.
-            BlockSink copy = local;
-            const auto planeCount = static_cast<std::uint8_t>(planes);
-            EncodeIntegersScalar(block, stride, &planeCount, 1, copy);
-            local = copy;
-          });
+  EncodeRun(cells, strideCells, planeCounts, count, sink,
+            [](const std::int32_t* block, std::ptrdiff_t stride, unsigned planes, BlockSink& local)
+                KEL_FORCED {
+                  if (planes <= kMostEncodedPlanes)
+                    return EncodeBlock(block, stride, planes, local);
+                  // The call takes a copy, so that the sink itself can stay in registers.
+                  BlockSink copy = local;
+                  const auto planeCount = static_cast<std::uint8_t>(planes);
+                  EncodeIntegersScalar(block, stride, &planeCount, 1, copy);
+                  local = copy;
+                });
 }
 
 // ---- Plane counts ----

@@ -2,6 +2,8 @@
 #ifndef KEL_INLINE_H
 #define KEL_INLINE_H
 
-#define KEL_INLINE [[gnu::always_inline]] inline
+/// The attribute: behind the parameters of a lambda, where a function says KEL_INLINE.
+#define KEL_FORCED __attribute__((always_inline))
+#define KEL_INLINE KEL_FORCED inline
 
 #endif

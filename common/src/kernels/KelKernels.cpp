@@ -1,90 +1,80 @@
-// Choosing a kernel table: which sets the build has and which of them the processor runs.
+// The table of kernel sets, and the choice of kernels among those that the processor runs.
+//
+// A set is a row here and a line in common/src/CMakeLists.txt, which names its source and flags.
 #include "KelKernels.h"
 
-#include "KelKernelSets.h"
-
 namespace kel {
+
+// Each defined in the set's own source.
+void OverwriteWithBaseVector(KernelTable& table) noexcept;
+void OverwriteWithAvx2(KernelTable& table) noexcept;
+void OverwriteWithAvx512(KernelTable& table) noexcept;
+
 namespace {
 
-/// Whether this build has the set's kernels and this processor runs them.
-bool SetIsAvailable(KernelSet set) noexcept {
-  switch (set) {
-    case KernelSet::kScalar:
-      return true;
-    case KernelSet::kBaseVector:
-#if defined(KEL_HAS_BASE_VECTOR)
-      return true;
-#else
-      return false;
-#endif
-    case KernelSet::kAvx2:
-#if defined(KEL_HAS_X86_VECTOR)
-      return __builtin_cpu_supports("avx2") != 0;
-#else
-      return false;
-#endif
-    case KernelSet::kAvx512:
-#if defined(KEL_HAS_X86_VECTOR)
-      return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-             __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
-             __builtin_cpu_supports("bmi2");
-#else
-      return false;
-#endif
-  }
-  return false;
+bool RunsEverywhere() noexcept {
+  return true;
 }
 
-/// The scalar kernels, then what each available set up to the named one does better.
-KernelTable MakeTable(KernelSet set) noexcept {
-  KernelTable table{};
-  table.set = set;
+void FillWithScalar(KernelTable& table) noexcept {
   FillScalarWaveletKernels(table.wavelet);
   FillScalarSamplesKernels(table.samples);
   FillScalarBlocksKernels(table.blocks);
   FillScalarChoiceKernels(table.choice);
-#if defined(KEL_HAS_BASE_VECTOR)
-  if (set >= KernelSet::kBaseVector) OverwriteWithBaseVector(table);
+}
+
+constexpr KernelSet kSets[] = {
+    {.name = "scalar", .runsHere = RunsEverywhere, .overwrite = FillWithScalar},
+#if defined(KEL_HAS_KERNELS_BASE)
+    {.name = "base vector", .runsHere = RunsEverywhere, .overwrite = OverwriteWithBaseVector},
 #endif
-#if defined(KEL_HAS_X86_VECTOR)
-  if (set >= KernelSet::kAvx2) OverwriteWithAvx2(table);
-  if (set >= KernelSet::kAvx512) OverwriteWithAvx512(table);
+#if defined(KEL_HAS_KERNELS_AVX2)
+    {.name = "AVX2",
+     .runsHere = []() noexcept { return __builtin_cpu_supports("avx2") != 0; },
+     .overwrite = OverwriteWithAvx2},
 #endif
+#if defined(KEL_HAS_KERNELS_AVX512)
+    {.name = "AVX-512",
+     .runsHere =
+         []() noexcept {
+           return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                  __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+                  __builtin_cpu_supports("bmi2");
+         },
+     .overwrite = OverwriteWithAvx512},
+#endif
+};
+
+/// What the sets up to the given one do better, of those that run here.
+KernelTable MakeTable(const KernelSet& last) noexcept {
+  KernelTable table{};
+  for (const KernelSet& set : kSets) {
+    if (set.runsHere()) set.overwrite(table);
+    if (set.overwrite == last.overwrite) break;
+  }
   return table;
 }
 
-KernelTable chosen = MakeTable(KernelSet::kScalar);
+KernelTable chosen = MakeTable(kSets[0]);
 
 }  // namespace
+
+std::span<const KernelSet> KernelSets() noexcept {
+  return kSets;
+}
 
 const KernelTable& Kernels() noexcept {
   return chosen;
 }
 
-bool FillKernelTable(KernelSet set, KernelTable& table) noexcept {
-  if (!SetIsAvailable(set)) return false;
+void ChooseKernels(const KernelSet& last) noexcept {
+  chosen = MakeTable(last);
+}
+
+bool FillKernelTable(const KernelSet& set, KernelTable& table) noexcept {
+  if (!set.runsHere()) return false;
   table = MakeTable(set);
   return true;
-}
-
-void ChooseKernels(KernelSet most) noexcept {
-  for (const KernelSet set : kAllKernelSets) {
-    if (set <= most) FillKernelTable(set, chosen);
-  }
-}
-
-const char* KernelSetName(KernelSet set) noexcept {
-  switch (set) {
-    case KernelSet::kScalar:
-      return "scalar";
-    case KernelSet::kBaseVector:
-      return "base vector";
-    case KernelSet::kAvx2:
-      return "AVX2";
-    case KernelSet::kAvx512:
-      return "AVX-512";
-  }
-  return "";
 }
 
 }  // namespace kel

@@ -7,7 +7,7 @@
 #ifndef KEL_KERNELS_H
 #define KEL_KERNELS_H
 
-#include <cstdint>
+#include <span>
 
 #include "KelBlocksKernels.h"
 #include "KelChoiceKernels.h"
@@ -16,33 +16,33 @@
 
 namespace kel {
 
-/// Sets of kernels, each including those before it on its kind of processor.
-enum class KernelSet : std::uint8_t { kScalar, kBaseVector, kAvx2, kAvx512 };
-
-inline constexpr KernelSet kAllKernelSets[] = {KernelSet::kScalar, KernelSet::kBaseVector,
-                                               KernelSet::kAvx2, KernelSet::kAvx512};
-
 struct KernelTable {
-  KernelSet set;  ///< the best set that the table holds kernels of
   WaveletKernels wavelet;
   SamplesKernels samples;
   BlocksKernels blocks;
   ChoiceKernels choice;
 };
 
+/// Kernels for one instruction set.
+struct KernelSet {
+  const char* name;                                ///< for reports
+  bool (*runsHere)() noexcept;                     ///< whether this processor has the instructions
+  void (*overwrite)(KernelTable& table) noexcept;  ///< enters what the set does better
+};
+
+/// The sets that this build has, the scalar one first, each better than those before it.
+std::span<const KernelSet> KernelSets() noexcept;
+
 /// The chosen table; the scalar one before the library starts.
 const KernelTable& Kernels() noexcept;
 
-/// Chooses the best table for this machine, of the sets up to the named one. Called when the
+/// Chooses the best table for this machine, of the sets up to the given one. Called when the
 /// library starts.
-void ChooseKernels(KernelSet most = KernelSet::kAvx512) noexcept;
+void ChooseKernels(const KernelSet& last = KernelSets().back()) noexcept;
 
-/// Fills the table of a named set, for tests and benches. False when the machine or the build
-/// does not offer it.
-bool FillKernelTable(KernelSet set, KernelTable& table) noexcept;
-
-/// Name of a set, for reports.
-const char* KernelSetName(KernelSet set) noexcept;
+/// Fills the table of a set with what it and those before it do better, for tests and benches.
+/// False when the machine does not run it.
+bool FillKernelTable(const KernelSet& set, KernelTable& table) noexcept;
 
 }  // namespace kel
 

@@ -3,7 +3,7 @@
 #define KEL_VECTOR_BYTES 64
 #include "KelBlocksVector.h"
 #include "KelChoiceVector.h"
-#include "KelKernelSets.h"
+#include "KelKernels.h"
 #include "KelSamplesVector.h"
 #include "KelWaveletVector.h"
 

@@ -2,7 +2,7 @@
 // NEON on AArch64).
 #define KEL_VECTOR_BYTES 16
 #include "KelBlocksVector.h"
-#include "KelKernelSets.h"
+#include "KelKernels.h"
 #include "KelSamplesVector.h"
 #include "KelWaveletVector.h"
 

@@ -18,8 +18,6 @@
 #include "KelSamplesKernels.h"
 #include "KelVector.h"
 
-#define KEL_FORCED __attribute__((always_inline))
-
 namespace kel {
 namespace {
 namespace samples {
@@ -51,8 +49,8 @@ KEL_INLINE void Convert(To& to, const From& from) {
 /// Calls body(in, out) with the addresses of every whole step. The rest goes through copies, so
 /// that nothing beyond the counted samples is read or written.
 template <int kIns, int kOuts, class In, class Out, class Body>
-KEL_INLINE void Sweep(const In* const (&in)[kIns], Out* const (&out)[kOuts], std::size_t count,
-                      Body body) {
+KEL_INLINE void SweepPadded(const In* const (&in)[kIns], Out* const (&out)[kOuts],
+                            std::size_t count, Body body) {
   const In* from[kIns];
   Out* to[kOuts];
   std::size_t i = 0;
@@ -107,14 +105,14 @@ KEL_INLINE void LoadLevelled(VInt (&levels)[2], const std::int32_t* address) {
 }
 
 void BytesToShorts(const std::uint8_t* in, std::int16_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreFrom(to[0], LoadLevelled(from[0]));
   });
 }
 
 template <class Sample>
 void ToInts(const Sample* in, std::int32_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VInt levels[2];
     LoadLevelled(levels, from[0]);
     for (int half = 0; half < 2; ++half) Store(to[0] + half * kLanes, levels[half]);
@@ -123,7 +121,7 @@ void ToInts(const Sample* in, std::int32_t* out, std::size_t count) {
 
 template <class Sample>
 void ToFloats(const Sample* in, float* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VInt levels[2];
     LoadLevelled(levels, from[0]);
     for (int half = 0; half < 2; ++half) {
@@ -135,7 +133,7 @@ void ToFloats(const Sample* in, float* out, std::size_t count) {
 /// What becomes of bytes stays below 2^10, the sum of four of them included.
 void ForwardRct8(const std::uint8_t* r, const std::uint8_t* g, const std::uint8_t* b,
                  std::int16_t* y, std::int16_t* u, std::int16_t* v, std::size_t count) {
-  Sweep({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
     const Shorts red = LoadLevelled(from[0]), green = LoadLevelled(from[1]);
     const Shorts blue = LoadLevelled(from[2]);
     StoreFrom(to[0], (red + green + green + blue) >> std::int16_t{2});
@@ -147,7 +145,7 @@ void ForwardRct8(const std::uint8_t* r, const std::uint8_t* g, const std::uint8_
 template <class Sample>
 void ForwardRct(const Sample* r, const Sample* g, const Sample* b, std::int32_t* y, std::int32_t* u,
                 std::int32_t* v, std::size_t count) {
-  Sweep({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({r, g, b}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VInt levels[3][2];
     for (int k = 0; k < 3; ++k) LoadLevelled(levels[k], from[k]);
     for (int half = 0; half < 2; ++half) {
@@ -165,7 +163,7 @@ void ForwardRct(const Sample* r, const Sample* g, const Sample* b, std::int32_t*
 template <class Sample>
 void ForwardIct(const Sample* r, const Sample* g, const Sample* b, float* y, float* cb, float* cr,
                 std::size_t count) {
-  Sweep({r, g, b}, {y, cb, cr}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({r, g, b}, {y, cb, cr}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VInt levels[3][2];
     for (int k = 0; k < 3; ++k) LoadLevelled(levels[k], from[k]);
     for (int half = 0; half < 2; ++half) {
@@ -245,14 +243,14 @@ KEL_INLINE void InverseRctHalf(const std::int32_t* const (&in)[3], VUInt (&rgb)[
 }
 
 void InverseRct(std::int32_t* y, std::int32_t* u, std::int32_t* v, std::size_t count) {
-  Sweep<3, 3, std::int32_t>({y, u, v}, {y, u, v}, count,
-                            [](const auto& from, const auto& to) KEL_FORCED {
-                              for (int at = 0; at < kStep; at += kLanes) {
-                                VUInt rgb[3];
-                                InverseRctHalf({from[0] + at, from[1] + at, from[2] + at}, rgb);
-                                for (int k = 0; k < 3; ++k) Store(to[k] + at, rgb[k]);
-                              }
-                            });
+  SweepPadded<3, 3, std::int32_t>(
+      {y, u, v}, {y, u, v}, count, [](const auto& from, const auto& to) KEL_FORCED {
+        for (int at = 0; at < kStep; at += kLanes) {
+          VUInt rgb[3];
+          InverseRctHalf({from[0] + at, from[1] + at, from[2] + at}, rgb);
+          for (int k = 0; k < 3; ++k) Store(to[k] + at, rgb[k]);
+        }
+      });
 }
 
 /// Half a step of the inverse irreversible transform, from luma plus an offset.
@@ -266,17 +264,17 @@ KEL_INLINE void InverseIctHalf(const float* const (&in)[3], double offset, VFloa
 }
 
 void InverseIct(float* y, float* cb, float* cr, std::size_t count) {
-  Sweep<3, 3, float>({y, cb, cr}, {y, cb, cr}, count,
-                     [](const auto& from, const auto& to) KEL_FORCED {
-                       for (int half = 0; half < 2; ++half) {
-                         const int at = half * kLanes;
-                         VFloat rgb[3];
-                         // An offset of -0 leaves every value as it is, zeros of either sign
-                         // included.
-                         InverseIctHalf({from[0] + at, from[1] + at, from[2] + at}, -0.0, rgb);
-                         for (int k = 0; k < 3; ++k) Store(to[k] + at, rgb[k]);
-                       }
-                     });
+  SweepPadded<3, 3, float>(
+      {y, cb, cr}, {y, cb, cr}, count, [](const auto& from, const auto& to) KEL_FORCED {
+        for (int half = 0; half < 2; ++half) {
+          const int at = half * kLanes;
+          VFloat rgb[3];
+          // An offset of -0 leaves every value as it is, zeros of either sign
+          // included.
+          InverseIctHalf({from[0] + at, from[1] + at, from[2] + at}, -0.0, rgb);
+          for (int k = 0; k < 3; ++k) Store(to[k] + at, rgb[k]);
+        }
+      });
 }
 
 /// The low halves of the 32-bit lanes of two vectors.
@@ -366,7 +364,7 @@ KEL_INLINE VInt NearestBytes(VFloat v) {
 
 void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::int32_t* v,
                       std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
-  Sweep({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VInt rgb[3][2];
     for (int half = 0; half < 2; ++half) {
       VUInt pixels[3];
@@ -380,7 +378,7 @@ void InverseRctTo8Bit(const std::int32_t* y, const std::int32_t* u, const std::i
 
 void InverseRctShortsTo8Bit(const std::int16_t* y, const std::int16_t* u, const std::int16_t* v,
                             std::uint8_t* r, std::uint8_t* g, std::uint8_t* b, std::size_t count) {
-  Sweep({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({y, u, v}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
     // Sums of unsigned lanes, which may wrap around.
     Words luma, blue, red;
     LoadTo(luma, from[0]);
@@ -396,7 +394,7 @@ void InverseRctShortsTo8Bit(const std::int16_t* y, const std::int16_t* u, const 
 
 void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uint8_t* r,
                       std::uint8_t* g, std::uint8_t* b, std::size_t count) {
-  Sweep({y, cb, cr}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({y, cb, cr}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
     VFloat low[3], high[3];
     InverseIctHalf({from[0], from[1], from[2]}, 128.0, low);
     InverseIctHalf({from[0] + kLanes, from[1] + kLanes, from[2] + kLanes}, 128.0, high);
@@ -405,13 +403,13 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
 }
 
 void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreShifted(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
   });
 }
 
 void ShortTo8Bit(const std::int16_t* in, std::uint8_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     Shorts v;
     LoadTo(v, from[0]);
     StoreShifted(to[0], v);
@@ -419,7 +417,7 @@ void ShortTo8Bit(const std::int16_t* in, std::uint8_t* out, std::size_t count) {
 }
 
 void FloatTo8Bit(const float* in, std::uint8_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreBytes(to[0], NearestBytes(Load<VFloat>(from[0]) + 128.0F),
                NearestBytes(Load<VFloat>(from[0] + kLanes) + 128.0F));
   });
@@ -452,24 +450,26 @@ KEL_INLINE void StoreLevel(std::int32_t* address, VInt v, std::int32_t lowest, s
 
 void IntsToLevels(const std::int32_t* in, std::int32_t* out, std::size_t count, std::int32_t lowest,
                   std::int32_t highest, std::int32_t addend) {
-  Sweep({in}, {out}, count, [lowest, highest, addend](const auto& from, const auto& to) KEL_FORCED {
-    for (int at = 0; at < kStep; at += kLanes) {
-      StoreLevel(to[0] + at, Load<VInt>(from[0] + at), lowest, highest, addend);
-    }
-  });
+  SweepPadded({in}, {out}, count,
+              [lowest, highest, addend](const auto& from, const auto& to) KEL_FORCED {
+                for (int at = 0; at < kStep; at += kLanes) {
+                  StoreLevel(to[0] + at, Load<VInt>(from[0] + at), lowest, highest, addend);
+                }
+              });
 }
 
 void FloatsToLevels(const float* in, std::int32_t* out, std::size_t count, std::int32_t lowest,
                     std::int32_t highest, std::int32_t addend) {
-  Sweep({in}, {out}, count, [lowest, highest, addend](const auto& from, const auto& to) KEL_FORCED {
-    for (int at = 0; at < kStep; at += kLanes) {
-      StoreLevel(to[0] + at, Nearest(Load<VFloat>(from[0] + at)), lowest, highest, addend);
-    }
-  });
+  SweepPadded(
+      {in}, {out}, count, [lowest, highest, addend](const auto& from, const auto& to) KEL_FORCED {
+        for (int at = 0; at < kStep; at += kLanes) {
+          StoreLevel(to[0] + at, Nearest(Load<VFloat>(from[0] + at)), lowest, highest, addend);
+        }
+      });
 }
 
 void ScaleLevels(std::int32_t* levels, std::size_t count, const LevelScale& scale) {
-  Sweep<1, 1, std::int32_t>(
+  SweepPadded<1, 1, std::int32_t>(
       {levels}, {levels}, count, [scale](const auto& from, const auto& to) KEL_FORCED {
         for (int at = 0; at < kStep; at += kLanes) {
           const VFloat level = __builtin_convertvector(Load<VInt>(from[0] + at), VFloat);
@@ -480,7 +480,7 @@ void ScaleLevels(std::int32_t* levels, std::size_t count, const LevelScale& scal
 }
 
 void FloatsToShorts(const float* in, std::int16_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     const VFloat low = Load<VFloat>(from[0]) + 12582912.0F;
     const VFloat high = Load<VFloat>(from[0] + kLanes) + 12582912.0F;
     StoreFrom(to[0], LowHalves(__builtin_bit_cast(VInt, low), __builtin_bit_cast(VInt, high)));
@@ -488,13 +488,13 @@ void FloatsToShorts(const float* in, std::int16_t* out, std::size_t count) {
 }
 
 void LevelsToBytes(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
-  Sweep({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreBytes(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
   });
 }
 
 void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count, int shift) {
-  Sweep({in}, {out}, count, [shift](const auto& from, const auto& to) KEL_FORCED {
+  SweepPadded({in}, {out}, count, [shift](const auto& from, const auto& to) KEL_FORCED {
     const Words words = LowHalves(Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
     StoreFrom(to[0], words << static_cast<std::uint16_t>(shift));
   });
@@ -539,7 +539,5 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
 
 }  // namespace
 }  // namespace kel
-
-#undef KEL_FORCED
 
 #endif

@@ -18,7 +18,7 @@ namespace {
 /// Runs a body of kStep values, and one of a single value, over [0, count). The last full step
 /// ends at count and may overlap the one before it, so a body must give the same result again.
 template <std::size_t kStep, class VectorBody, class SingleBody>
-inline void Sweep(std::size_t count, VectorBody vectorBody, SingleBody singleBody) {
+inline void SweepOverlapping(std::size_t count, VectorBody vectorBody, SingleBody singleBody) {
   if (count < kStep) {
     for (std::size_t i = 0; i < count; ++i) singleBody(i);
     return;
@@ -55,7 +55,7 @@ void SynthesiseRow53(const Cell* low, const Cell* high, Cell* out, std::size_t p
     even = EvenSample53<T>(Load<T>(low + n), Load<T>(high + n - 1), h);
     odd = OddSample53<T>(h, even, EvenSample53<T>(Load<T>(low + n + 1), h, Load<T>(high + n + 1)));
   };
-  Sweep<CellVector<Cell>::kCount>(
+  SweepOverlapping<CellVector<Cell>::kCount>(
       pairs,
       [=](std::size_t n) {
         V even, odd;
@@ -83,7 +83,7 @@ void SynthesiseRows53(const Cell* const* low, const Cell* const* high, const Cel
     Store(even + i, e);
     Store(odd + i, OddSample53<T>(h, Load<T>(evenBefore + i), e));
   };
-  Sweep<CellVector<Cell>::kCount>(
+  SweepOverlapping<CellVector<Cell>::kCount>(
       count, [=](std::size_t i) { body(i, V{}); }, [=](std::size_t i) { body(i, U{}); });
 }
 
@@ -92,7 +92,7 @@ void AnalyseRow53(const Cell* x, Cell* low, Cell* high, std::size_t pairs) {
   using V = typename CellVector<Cell>::V;
   using U = typename CellVector<Cell>::U;
   constexpr std::size_t kCount = CellVector<Cell>::kCount;
-  Sweep<kCount>(
+  SweepOverlapping<kCount>(
       pairs,
       [=](std::size_t n) {
         const Cell* const at = x + 2 * n;
@@ -128,7 +128,7 @@ void AnalyseRows53(const Cell* const* x, const Cell* highBefore, Cell* high, Cel
     Store(high + i, h);
     Store(low + i, LowPass53<T>(even, Load<T>(highBefore + i), h));
   };
-  Sweep<CellVector<Cell>::kCount>(
+  SweepOverlapping<CellVector<Cell>::kCount>(
       count, [=](std::size_t i) { body(i, V{}); }, [=](std::size_t i) { body(i, U{}); });
 }
 
@@ -180,7 +180,7 @@ void SynthesiseChunk97(const float* low, const float* high, float* out, std::siz
                         {LoadAs<T>(l - 1), LoadAs<T>(l), LoadAs<T>(l + 1)},
                         {LoadAs<T>(h - 2), LoadAs<T>(h - 1), LoadAs<T>(h), LoadAs<T>(h + 1)})));
   };
-  Sweep<kCount>(
+  SweepOverlapping<kCount>(
       pairs + 1, [&](std::size_t n) { evenAt(n, V{}); }, [&](std::size_t n) { evenAt(n, S{}); });
   const auto oddAt = [&]<class T>(std::size_t n, T) {
     const float *const l = low + n, *const h = high + n;
@@ -188,7 +188,7 @@ void SynthesiseChunk97(const float* low, const float* high, float* out, std::siz
                                      {LoadAs<T>(h - 1), LoadAs<T>(h), LoadAs<T>(h + 1)},
                                      {LoadAs<T>(even + n), LoadAs<T>(even + n + 1)}));
   };
-  Sweep<kCount>(
+  SweepOverlapping<kCount>(
       pairs,
       [&](std::size_t n) {
         const Singles e = Load<Singles>(even + n), o = oddAt(n, V{});
@@ -222,13 +222,13 @@ void SynthesiseRows97(const float* const* low, const float* const* high, const f
     const T e[2] = {LoadAs<T>(evenBefore + i), LoadAs<T>(even + i)};
     Store(odd + i, Rounded(OddSample97<S, T>({l[0], l[1]}, {h[0], h[1], h[2]}, e)));
   };
-  Sweep<Arithmetic<S>::kCount>(
+  SweepOverlapping<Arithmetic<S>::kCount>(
       count, [=](std::size_t i) { body(i, V{}); }, [=](std::size_t i) { body(i, S{}); });
 }
 
 /// Splits x[0], x[1], ... x[2 pairs] into its even and its odd samples, as doubles.
 inline void SplitToDouble(const float* x, double* even, double* odd, std::size_t pairs) {
-  Sweep<kWideLanes>(
+  SweepOverlapping<kWideLanes>(
       pairs,
       [=](std::size_t n) {
         const VHalfFloat a = Load<VHalfFloat>(x + 2 * n);
@@ -254,7 +254,7 @@ inline void AnalyseChunk97(const float* x, float* low, float* high, std::size_t 
     Store(core + n, HighPassCore97<T>({Load<T>(e), Load<T>(o), Load<T>(e + 1), Load<T>(o + 1),
                                        Load<T>(e + 2), Load<T>(o + 2), Load<T>(e + 3)}));
   };
-  Sweep<kWideLanes>(
+  SweepOverlapping<kWideLanes>(
       pairs + 1, [&](std::size_t n) { coreAt(n, VDouble{}); },
       [&](std::size_t n) { coreAt(n, double{}); });
   const double lowFactor = factors[0], highFactor = factors[1];
@@ -267,7 +267,7 @@ inline void AnalyseChunk97(const float* x, float* low, float* high, std::size_t 
     Store(low + n, Rounded(T(l * lowFactor)));
     Store(high + n, Rounded(T(kHighPassGain97 * h * highFactor)));
   };
-  Sweep<kWideLanes>(
+  SweepOverlapping<kWideLanes>(
       pairs, [&](std::size_t n) { pairAt(n, VDouble{}); },
       [&](std::size_t n) { pairAt(n, double{}); });
 }
@@ -294,12 +294,12 @@ inline void AnalyseRows97(const float* const* x, const double* coreBefore, doubl
     Store(high + i, Rounded(T(kHighPassGain97 * h)));
     Store(low + i, Rounded(l));
   };
-  Sweep<kWideLanes>(
+  SweepOverlapping<kWideLanes>(
       count, [=](std::size_t i) { body(i, VDouble{}); }, [=](std::size_t i) { body(i, double{}); });
 }
 
 inline void Dequantise(const std::int32_t* in, float* out, std::size_t count, float step) {
-  Sweep<kLanes>(
+  SweepOverlapping<kLanes>(
       count,
       [=](std::size_t i) {
         const VFloat v = __builtin_convertvector(Load<VInt>(in + i), VFloat);
@@ -310,7 +310,7 @@ inline void Dequantise(const std::int32_t* in, float* out, std::size_t count, fl
 
 inline void FloatTo8BitAway(const float* in, std::uint8_t* out, std::size_t count) {
   typedef std::uint8_t Bytes __attribute__((vector_size(kLanes)));
-  Sweep<kLanes>(
+  SweepOverlapping<kLanes>(
       count,
       [=](std::size_t i) {
         const VFloat shifted = Load<VFloat>(in + i) + 128.0F;
