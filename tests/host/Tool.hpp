@@ -6,6 +6,7 @@
 
 #include "ImageFile.hpp"
 #include "TestImages.hpp"
+#include "ToolPlaces.h"
 
 namespace test {
 

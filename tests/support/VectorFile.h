@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "BitAssembler.h"
+#include "Places.h"
 #include "kel/Kel.h"
 
 namespace test {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "Places.h"
+
 namespace test {
 
 inline std::vector<std::string> VectorNames() {
