@@ -11,9 +11,9 @@ using namespace kel;
 using fuzz::Require;
 
 void CheckStyle(const KelCodingStyle& style) {
-  Require(style.numLevels >= 0 && style.numLevels <= kMaxLevels);
+  Require(style.numLevels >= 0 && style.numLevels <= format::kMostLevels);
   Require(style.progressionOrder >= 0 && style.progressionOrder <= 4);
-  for (std::int32_t r = 0; style.precinctWidthExps != nullptr && r <= kMaxLevels; ++r) {
+  for (std::int32_t r = 0; style.precinctWidthExps != nullptr && r <= format::kMostLevels; ++r) {
     const std::int32_t least = r > 0 && r <= style.numLevels ? 1 : 0;
     Require(style.precinctWidthExps[r] >= least && style.precinctHeightExps[r] >= least);
   }

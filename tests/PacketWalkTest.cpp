@@ -47,7 +47,7 @@ struct Tile {
     const auto pick = [&](int least, int most) {
       return std::uniform_int_distribution<int>(least, most)(random);
     };
-    const auto exponent = [&] { return pick(0, 3) == 0 ? kWholePrecinct : pick(1, 4); };
+    const auto exponent = [&] { return pick(0, 3) == 0 ? format::kWholePrecinct : pick(1, 4); };
     record.box = {pick(0, 9), pick(10, 40), pick(0, 9), pick(10, 40)};
     comps.resize(std::size_t(pick(1, 4)));
     decComps.resize(comps.size());
@@ -253,7 +253,8 @@ TEST_F(PacketWalks, LoopsWithoutPacketsAreNotRunThrough) {
   tile.resolutions.resize(2);
   tile.record.comps = tile.comps.data();
   tile.SetResolutions(0, {ResolutionOf({0, 1 << 21, 0, 1 << 21}, 1, 1)});
-  tile.SetResolutions(1, {ResolutionOf({0, 8, 0, 8}, kWholePrecinct, kWholePrecinct)});
+  tile.SetResolutions(1,
+                      {ResolutionOf({0, 8, 0, 8}, format::kWholePrecinct, format::kWholePrecinct)});
   tile.SetChanges(random, 2);
   tile.rs = {0, 0}, tile.re = {1, 1}, tile.cs = {1, 1}, tile.ce = {2, 2}, tile.ly = {1, 1};
   tile.order = {KelRPCL, KelRPCL};

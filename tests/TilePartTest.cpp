@@ -128,7 +128,7 @@ TEST_F(TileParts, EveryCutFindsWhatHasArrived) {
       for (const Delivery& how : {kDeliveries[0], kDeliveries[2]}) {
         Source data(whole, how, size);
         const auto arrived = [&](std::size_t i) {
-          return static_cast<std::int64_t>(size) >= whole.positions[i] + kSotSegmentBytes;
+          return static_cast<std::int64_t>(size) >= whole.positions[i] + format::kSotBytes;
         };
         EXPECT_EQ(data->GoToTilePart(1, 0), arrived(2)) << size;
         EXPECT_EQ(data->GoToTilePart(0, 0), arrived(1)) << size;

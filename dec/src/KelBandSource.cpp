@@ -72,7 +72,7 @@ std::uint64_t CodedRowBytes(const TileCompRecord& record) {
 }
 
 bool CodedBandsFitShorts(const TileCompRecord& record, std::int64_t mostSample) {
-  std::uint8_t bits[NumSubbands(kMostLevels)] = {};
+  std::uint8_t bits[NumSubbands(format::kMostLevels)] = {};
   for (int b = 0; b < NumSubbands(record.dec->decodeRes); ++b) {
     const BandRecord& band = record.dec->bands[b];
     if (band.coded != nullptr && !band.box.IsEmpty()) bits[b] = band.coded[1];

@@ -78,7 +78,7 @@ class KelDecDataMgr {
 
   Flavour GetFlavour() const { return flavour_; }
   /// First byte of every marker in this flavour.
-  std::uint32_t MarkerByte() const { return flavour_ == Flavour::kFF ? 0xFF : 0xAB; }
+  std::uint32_t MarkerByte() const { return MarkerByteOf(flavour_); }
   bool InMemory() const { return memoryMode_; }
   std::int64_t GetPosition() const;
   void SavePositionA() { positionA_ = GetPosition(); }

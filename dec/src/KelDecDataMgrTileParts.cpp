@@ -1,9 +1,8 @@
 // The decoder's byte source among the markers of tile-parts: queries at the read position, the
 // search for the next SOT, and the way to a given tile-part.
 //
-// An SOT segment is 12 bytes: marker, Lsot (2), Isot (2), Psot (4), TPsot (1), TNsot (1). Packet
-// data carry no stuffing, so any marker can turn up in them by chance; what is searched for is
-// therefore checked further.
+// Packet data carry no stuffing, so any marker can turn up in them by chance; what is searched for
+// is therefore checked further.
 #include <algorithm>
 #include <cstring>
 
@@ -15,12 +14,6 @@
 
 namespace kel {
 namespace {
-
-constexpr std::uint32_t kSOT = 0x90, kSOP = 0x91, kEPH = 0x92, kEOC = 0xD9;
-constexpr std::uint64_t kSopBytes = 6;
-
-/// Most tiles that a 16-bit tile index can tell apart.
-constexpr std::int64_t kMostTiles = 65536;
 
 /// Bytes behind a tile-part that are held with it, so that reading its last blocks, which looks
 /// ahead, does not make the window slide.
@@ -34,7 +27,8 @@ constexpr std::uint64_t kReadThrough = 512;
 
 /// Whether a marker can follow SOT: SOD, or one of those that belong into headers.
 constexpr bool IsHeaderMarker(std::uint32_t second) {
-  return second == 0x93 || (second >= 0x50 && second <= 0x6F);
+  return second == format::kSOD ||
+         (second >= format::kFirstHeaderMarker && second <= format::kLastHeaderMarker);
 }
 
 }  // namespace
@@ -45,42 +39,43 @@ bool KelDecDataMgr::NextIs(std::uint32_t secondByte) {
 }
 
 bool KelDecDataMgr::IsSOT() {
-  return NextIs(kSOT) && EnsureBuffered(kSotSegmentBytes) == kBufferedOk;
+  return NextIs(format::kSOT) && EnsureBuffered(format::kSotBytes) == kBufferedOk;
 }
 
 bool KelDecDataMgr::IsEOCOrEnd() {
-  return EnsureBuffered(2) != kBufferedOk || NextIs(kEOC) || (NextIs(kSOT) && !IsSOT());
+  return EnsureBuffered(2) != kBufferedOk || NextIs(format::kEOC) ||
+         (NextIs(format::kSOT) && !IsSOT());
 }
 
 bool KelDecDataMgr::AtTilePartBoundary() {
-  return EnsureBuffered(2) != kBufferedOk || NextIs(kEOC) || NextIs(kSOT);
+  return EnsureBuffered(2) != kBufferedOk || NextIs(format::kEOC) || NextIs(format::kSOT);
 }
 
 bool KelDecDataMgr::ReadEOC() {
   if (AtEnd()) return false;
-  const bool isEOC = NextIs(kEOC);
+  const bool isEOC = NextIs(format::kEOC);
   SkipForward(2);
   return isEOC;
 }
 
 bool KelDecDataMgr::SkipSOP() {
-  if (!NextIs(kSOP)) return false;
-  SkipForward(kSopBytes);
+  if (!NextIs(format::kSOP)) return false;
+  SkipForward(format::kSopBytes);
   return true;
 }
 
 bool KelDecDataMgr::SkipEPH() {
-  if (!NextIs(kEPH)) return false;
+  if (!NextIs(format::kEPH)) return false;
   SkipForward(2);
   return true;
 }
 
 bool KelDecDataMgr::IsEOC() {
-  return NextIs(kEOC);
+  return NextIs(format::kEOC);
 }
 
 bool KelDecDataMgr::IsValidSOT() {
-  return IsSOT() && PeekBytesAt(2, 2) == kSotSegmentBytes - 2 &&
+  return IsSOT() && PeekBytesAt(2, 2) == format::kSotBytes - 2 &&
          PeekSotIsot() < AsCount(std::int64_t{tilesAcross_} * tilesDown_);
 }
 
@@ -100,12 +95,13 @@ Boundary KelDecDataMgr::BoundaryAt(std::uint64_t ahead) const {
   const std::uint64_t shown = Available() - ahead;
   const std::uint32_t first = MarkerByte();
   if (shown < 2) return shown == 0 || p[0] == first ? Boundary::kDataEnd : Boundary::kNone;
-  if (p[0] == first && p[1] == kEOC) return Boundary::kMarker;
-  const bool isMarker = p[0] == first && p[1] == kSOT;
-  if (shown < kSotSegmentBytes) return isMarker ? Boundary::kDataEnd : Boundary::kNone;
-  const bool hasLength = p[2] == 0 && p[3] == kSotSegmentBytes - 2;
-  const bool isFollowed = shown >= kLeastTilePartBytes && p[12] == first && IsHeaderMarker(p[13]);
-  const bool isHalfMarker = p[0] == first || p[1] == kSOT;
+  if (p[0] == first && p[1] == format::kEOC) return Boundary::kMarker;
+  const bool isMarker = p[0] == first && p[1] == format::kSOT;
+  if (shown < format::kSotBytes) return isMarker ? Boundary::kDataEnd : Boundary::kNone;
+  const bool hasLength = p[2] == 0 && p[3] == format::kSotBytes - 2;
+  const bool isFollowed =
+      shown >= format::kLeastTilePartBytes && p[12] == first && IsHeaderMarker(p[13]);
+  const bool isHalfMarker = p[0] == first || p[1] == format::kSOT;
   const bool isSOT = isMarker ? hasLength || isFollowed : isHalfMarker && hasLength && isFollowed;
   return isSOT ? Boundary::kMarker : Boundary::kNone;
 }
@@ -114,7 +110,7 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
   const std::int64_t here = GetPosition();
   if (position <= here) return Boundary::kNone;
   const std::uint64_t ahead = AsCount(position - here);
-  const std::uint64_t wanted = ahead + kLeastTilePartBytes;
+  const std::uint64_t wanted = ahead + format::kLeastTilePartBytes;
   if (!IsMovable()) {
     Hold(wanted + kHeldBehindPart);
     return BoundaryAt(ahead);
@@ -126,7 +122,7 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
   }
   // A stream may be moved behind its end: the byte before tells whether the data reach so far.
   if (position > endsBefore_ || !MoveToPeek(position - 1)) return Boundary::kNone;
-  EnsureBuffered(1 + kLeastTilePartBytes);
+  EnsureBuffered(1 + format::kLeastTilePartBytes);
   const Boundary found = BoundaryAt(1);
   if (Available() == 0) endsBefore_ = position - 1;
   MoveTo(here);
@@ -138,15 +134,17 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
 /// The first segment in the window from an address on that can begin a tile-part; null without one.
 const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
   const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
-  while (windowEnd_ - from >= std::int64_t{kLeastTilePartBytes}) {
-    const auto places = static_cast<std::size_t>(windowEnd_ - from - kLeastTilePartBytes + 1);
+  while (windowEnd_ - from >= std::int64_t{format::kLeastTilePartBytes}) {
+    const auto places =
+        static_cast<std::size_t>(windowEnd_ - from - format::kLeastTilePartBytes + 1);
     const void* found = std::memchr(from, static_cast<int>(MarkerByte()), places);
     if (found == nullptr) return nullptr;
     const auto* p = static_cast<const std::uint8_t*>(found);
     const std::uint32_t length = LoadBE32(p + 6);
-    const bool isLength = length == 0 || (length >= kLeastTilePartBytes && length <= INT32_MAX);
+    const bool isLength =
+        length == 0 || (length >= format::kLeastTilePartBytes && length <= INT32_MAX);
     const bool isNumber = p[11] == 0 || p[10] < p[11];
-    if (p[1] == kSOT && p[2] == 0 && p[3] == kSotSegmentBytes - 2 &&
+    if (p[1] == format::kSOT && p[2] == 0 && p[3] == format::kSotBytes - 2 &&
         (p[4] << 8 | p[5]) < numTiles && isLength && isNumber && p[12] == MarkerByte() &&
         IsHeaderMarker(p[13])) {
       return p;
@@ -164,7 +162,7 @@ SotSearch KelDecDataMgr::SearchSOT(std::int64_t from) {
   std::uint64_t ahead = IsMovable() ? 0 : AsCount(from - here);
   const std::uint8_t* found = nullptr;
   for (;;) {
-    const std::uint64_t wanted = ahead + kLeastTilePartBytes;
+    const std::uint64_t wanted = ahead + format::kLeastTilePartBytes;
     if (IsMovable()) {
       EnsureBuffered(wanted);
     } else {
@@ -173,7 +171,7 @@ SotSearch KelDecDataMgr::SearchSOT(std::int64_t from) {
     const bool isThere = Available() >= wanted;
     if (isThere) found = FindSOT(readPosition_ + ahead);
     if (!isThere || found != nullptr) break;
-    ahead = Available() - (kLeastTilePartBytes - 1);
+    ahead = Available() - (format::kLeastTilePartBytes - 1);
     if (IsMovable()) {
       readPosition_ += ahead;
       ahead = 0;
@@ -202,8 +200,8 @@ const KelTilePartEntry* KelDecDataMgr::WalkToTilePart(std::int32_t tile, std::in
   if (index_ == nullptr) {
     const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
     index_ = MakeTilePartIndex(
-        static_cast<std::uint32_t>(std::clamp<std::int64_t>(numTiles, 0, kMostTiles)), positionB_,
-        damages_);
+        static_cast<std::uint32_t>(std::clamp<std::int64_t>(numTiles, 0, format::kMostTiles)),
+        positionB_, damages_);
   }
   AlignToByte();
   index_->wantedTile = tile;

@@ -14,7 +14,6 @@
 namespace kel {
 namespace {
 
-constexpr std::int64_t kLengthBytes = 4;
 constexpr int kDetailBands = 3;
 
 /// Large packets are gathered in steps of this many bytes at most while they really arrive.
@@ -32,7 +31,7 @@ struct PacketAt {
   std::int64_t start;   ///< of its length
   std::int64_t length;  ///< as that says
 
-  std::int64_t Body() const { return start + kLengthBytes; }
+  std::int64_t Body() const { return start + format::kCountBytes; }
   std::int64_t End() const { return Body() + length; }
   bool HasDetails() const { return id.resolution > 0; }
 };
@@ -59,15 +58,15 @@ std::int64_t PeekLength(KelDecDataMgr& data, std::int64_t position) {
   const std::int64_t here = data.GetPosition();
   std::uint64_t ahead = AsCount(position - here);
   const bool isFar =
-      data.EnsureBuffered(ahead + kLengthBytes) == kAboveCapacity && data.IndexAllowed();
+      data.EnsureBuffered(ahead + format::kCountBytes) == kAboveCapacity && data.IndexAllowed();
   if (isFar && data.MoveTo(position)) {
-    data.EnsureBuffered(kLengthBytes);
+    data.EnsureBuffered(format::kCountBytes);
     ahead = 0;
   }
   std::int64_t length = INT64_MAX;
-  if (data.Available() >= ahead + kLengthBytes) {
+  if (data.Available() >= ahead + format::kCountBytes) {
     length = 0;
-    for (std::uint64_t k = 0; k < kLengthBytes; ++k) {
+    for (std::uint64_t k = 0; k < format::kCountBytes; ++k) {
       length = length << 8 | data.PeekByte(ahead + k);
     }
   }
@@ -80,10 +79,10 @@ std::int64_t PeekLength(KelDecDataMgr& data, std::int64_t position) {
 std::int64_t EndByBandLengths(const PartReading& part, const PacketAt& packet) {
   std::int64_t at = packet.Body();
   for (int band = 0; band < kDetailBands; ++band) {
-    if (at > part.end - kLengthBytes) return INT64_MAX;
+    if (at > part.end - format::kCountBytes) return INT64_MAX;
     const std::int64_t length = PeekLength(part.data, at);
     if (length == INT64_MAX) return INT64_MAX;
-    at += kLengthBytes + length;
+    at += format::kCountBytes + length;
   }
   return at <= part.end ? at : INT64_MAX;
 }
@@ -91,9 +90,9 @@ std::int64_t EndByBandLengths(const PartReading& part, const PacketAt& packet) {
 /// Whether what stands at a position can follow a packet: the end of the tile-part, or a packet
 /// whose length fits into it.
 bool CanFollow(const PartReading& part, std::int64_t position) {
-  if (position >= part.end - kLengthBytes) return position == part.end;
+  if (position >= part.end - format::kCountBytes) return position == part.end;
   const std::int64_t length = PeekLength(part.data, position);
-  return length <= part.end - position - kLengthBytes;
+  return length <= part.end - position - format::kCountBytes;
 }
 
 // ---- Bands ----
@@ -158,7 +157,7 @@ void DecodeByLengths(const PartReading& part, const PacketAt& packet, std::int64
   KelDecDataMgr& data = part.data;
   data.MoveTo(packet.Body());
   for (std::int32_t b = FirstBand(packet); b < FirstBand(packet) + kDetailBands; ++b) {
-    const std::int64_t bandBytes = data.ReadUInt(kLengthBytes);
+    const std::int64_t bandBytes = data.ReadUInt(format::kCountBytes);
     const std::int64_t start = data.GetPosition();
     const std::int64_t end = std::min(start + bandBytes, packetEnd);
     if (bandBytes == 0) continue;
@@ -177,8 +176,8 @@ std::int64_t DecodeByBits(const PartReading& part, const PacketAt& packet, std::
   data.MoveTo(packet.Body());
   bool isWhole = true;
   for (std::int32_t b = FirstBand(packet); b < FirstBand(packet) + kDetailBands; ++b) {
-    isWhole = isWhole && data.GetPosition() <= part.end - kLengthBytes;
-    if (isWhole && data.ReadUInt(kLengthBytes) == 0) continue;
+    isWhole = isWhole && data.GetPosition() <= part.end - format::kCountBytes;
+    if (isWhole && data.ReadUInt(format::kCountBytes) == 0) continue;
     isWhole = isWhole && DecodeBand(part, packet, cells, b, part.end).isWhole;
     if (!isWhole) ClearBand(packet, b, cells);
   }
@@ -342,7 +341,7 @@ Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
 Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const PacketId& id) {
   KelDecDataMgr& data = part.data;
   PacketAt packet{id, record, data.GetPosition(), 0};
-  if (packet.start > part.end - kLengthBytes) return Unfit(part);
+  if (packet.start > part.end - format::kCountBytes) return Unfit(part);
   packet.length = PeekLength(data, packet.start);
   if (packet.length == INT64_MAX) return Unfit(part);
   const bool fits = packet.length <= part.end - packet.Body();
@@ -352,9 +351,9 @@ Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const Pack
   Outcome outcome = fits ? Outcome::kHandled : Unfit(part);
   if (isWanted && (fits || part.endIsKnown)) record.dec->hasData = true;
   if (!isWanted) {
-    if (fits) data.SkipForward(AsCount(kLengthBytes + packet.length));
+    if (fits) data.SkipForward(AsCount(format::kCountBytes + packet.length));
   } else if (part.tile.dec->progress.takesBands) {
-    data.SkipForward(kLengthBytes);
+    data.SkipForward(format::kCountBytes);
     const bool isTaken = fits && TakePacket(data, record, id.resolution, AsCount(packet.length));
     part.tile.dec->progress.mustNotTake = !isTaken;
     if (!isTaken) outcome = Outcome::kNotArrived;

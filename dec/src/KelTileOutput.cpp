@@ -454,7 +454,7 @@ class Delivery {
 void CountDecodedBytes(const ImageMap& map, TileRecord& tile) {
   for (std::int32_t c = 0; c < map.numComps; ++c) {
     TileCompRecord& record = tile.comps[c];
-    if (map.encOpt->RateMode == 0) {
+    if (map.encOpt->RateMode == format::kRateModeUnset) {
       const std::uint64_t sum = AsCount(map.encOpt->RateParamB) + record.dec->decodedBytes;
       map.encOpt->RateParamB =
           SaturateToInt32(static_cast<std::int64_t>(std::min<std::uint64_t>(sum, INT32_MAX)));

@@ -14,8 +14,6 @@
 namespace kel {
 namespace {
 
-constexpr std::uint32_t kMostPartsOfTile = 256;
-
 void Note(const KelTilePartIndex& index, const KelDamage& damage) {
   if (index.log != nullptr) NoteDamage(*index.log, damage);
 }
@@ -42,7 +40,7 @@ void Record(KelTilePartIndex& index, KelTilePartEntry entry) {
   if (chain.last != 0) {
     entry.ordinal = static_cast<std::uint16_t>(index.entries[chain.last - 1].ordinal + 1);
   }
-  if (entry.ordinal == kMostPartsOfTile) return;
+  if (entry.ordinal == format::kMostTileParts) return;
   GrowByOne(index.entries, index.numEntries, index.obtainedEntries);
   index.entries[index.numEntries++] = entry;
   (chain.last != 0 ? index.entries[chain.last - 1].next : chain.first) = index.numEntries;
@@ -66,7 +64,7 @@ bool FindWay(KelTilePartIndex& index, KelDecDataMgr& data) {
 PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_t announced,
                            std::int64_t searchFrom, bool willBeRead) {
   const std::int64_t end = start + announced;
-  if (announced >= kLeastTilePartBytes && announced <= INT32_MAX) {
+  if (announced >= format::kLeastTilePartBytes && announced <= INT32_MAX) {
     switch (data.LookForBoundary(end, willBeRead)) {
       case Boundary::kMarker:
         return {end, PartEnding::kKnown, false, end};
@@ -76,7 +74,7 @@ PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_
         break;
     }
   }
-  const SotSearch found = data.SearchSOT(std::max(searchFrom, start + kSotSegmentBytes));
+  const SotSearch found = data.SearchSOT(std::max(searchFrom, start + format::kSotBytes));
   // Past the largest length that a tile-part can have there is another one.
   const bool isEnd = found.isFound && found.position - start <= INT32_MAX;
   return {found.position, isEnd ? PartEnding::kKnown : PartEnding::kOpen, isEnd, found.position};
@@ -108,7 +106,7 @@ bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
   entry.tile = static_cast<std::uint16_t>(data.PeekSotIsot());
   entry.part = static_cast<std::uint8_t>(data.PeekSotTPsot());
   entry.announced = data.PeekSotPsot();
-  index.searchedTo = entry.position + kSotSegmentBytes;
+  index.searchedTo = entry.position + format::kSotBytes;
   Measure(index, data, entry);
   Record(index, entry);
   return true;
@@ -120,7 +118,7 @@ void RefreshTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
   KelTilePartEntry& last = index.entries[index.numEntries - 1];
   // Entries beyond the number kept of a tile are measured again when they are met again.
   if (last.ending == PartEnding::kKnown || !data.MoveTo(last.position)) return;
-  index.searchedTo = std::max(index.searchedTo, last.position + kSotSegmentBytes);
+  index.searchedTo = std::max(index.searchedTo, last.position + format::kSotBytes);
   Measure(index, data, last);
 }
 

@@ -10,14 +10,11 @@
 #include <cstdint>
 
 #include "KelDamageLog.h"
+#include "kel/KelFormat.h"
 
 namespace kel {
 
 class KelDecDataMgr;
-
-inline constexpr std::uint32_t kSotSegmentBytes = 12;
-/// A tile-part holds at least its SOT segment and SOD.
-inline constexpr std::uint32_t kLeastTilePartBytes = 14;
 
 /// How far the end of a tile-part is known.
 enum class PartEnding : std::uint8_t {

@@ -300,7 +300,7 @@ void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponen
 void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty,
                          CodedTileComponent& coded) {
   const std::int32_t numLevels = coded.numLevels;
-  assert(numLevels >= 0 && numLevels <= kMaxLevels);
+  assert(numLevels >= 0 && numLevels <= format::kMostLevels);
   const std::int32_t numBands = 3 * numLevels + 1;
   PlaneBounds bounds[kMaxSubbands];
   std::uint64_t numBlocks = 0, mostBytes = kStoreSlackBytes;

@@ -14,10 +14,7 @@ namespace kel {
 namespace {
 
 /// Largest position in a stream, less the two bytes of the end marker.
-constexpr std::uint64_t kMostPosition = 0x7FFFFFFF - 2;
-
-/// Most tile-parts that a tile can announce.
-constexpr int kMostParts = 255;
+constexpr std::uint64_t kMostPosition = 0x7FFFFFFF - format::kMarkerBytes;
 
 /// What a tile-part holds: resolutions of components, both as half-open ranges.
 struct PartRange {
@@ -28,8 +25,8 @@ struct PartRange {
 /// The tile-parts of a tile: those that hold packets, and one for each component where components
 /// have their own, so that a reader who counts them keeps step.
 struct Parts {
-  PartRange ranges[kMostParts];
-  std::uint64_t dataBytes[kMostParts];
+  PartRange ranges[format::kMostCountedTileParts];
+  std::uint64_t dataBytes[format::kMostCountedTileParts];
   int count = 0;
 };
 
@@ -65,7 +62,8 @@ std::uint64_t DataBytes(const TileToWrite& tile, const PartRange& range) {
 Parts DivideTile(const TileToWrite& tile) {
   Parts parts;
   const int numRes = tile.numLevels + 1;
-  const int mostParts = std::min(tile.isByComponent ? tile.numComps : numRes, kMostParts);
+  const int mostParts =
+      std::min(tile.isByComponent ? tile.numComps : numRes, format::kMostCountedTileParts);
   for (int i = 0; i < mostParts; ++i) {
     const PartRange range =
         tile.isByComponent ? PartRange{i, i + 1, 0, numRes} : PartRange{0, tile.numComps, i, i + 1};
@@ -181,7 +179,7 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
     WriteHeader(set, first);
     return first;
   });
-  std::uint64_t total = header.count + AsCount(parts.count - 1) * kTilePartHeaderBytes;
+  std::uint64_t total = header.count + AsCount(parts.count - 1) * format::kLeastTilePartBytes;
   for (int i = 0; i < parts.count; ++i) total = SaturatingAdd(total, parts.dataBytes[i]);
   if (SaturatingAdd(total, AsCount(stream.GetCurPos())) > kMostPosition) {
     Raise(KelErrUnsupported, kModuleImage);

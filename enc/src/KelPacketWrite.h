@@ -17,12 +17,10 @@
 
 #include "KelTileCoder.h"
 #include "base/KelBox.h"
+#include "kel/KelFormat.h"
 #include "kel/KelStream.h"
 
 namespace kel {
-
-/// Bytes of a tile-part header without coding segments: SOT and SOD.
-inline constexpr std::uint32_t kTilePartHeaderBytes = 14;
 
 /// Quality layers: each repeats the packets of the first, or those behind it have empty ones.
 struct Layers {

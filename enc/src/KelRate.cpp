@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/KelInt.h"
+#include "kel/KelFormat.h"
 
 namespace kel {
 namespace {
@@ -64,8 +65,8 @@ KelLong Limited(std::int64_t bytes) {
 
 /// Headers, data and the channels apart, all limited so that sums stay in range.
 std::int64_t WithHeaders(const RateInputs& in, std::int64_t data) {
-  return std::min(kHeaderPerTile * in.numTiles, kMost) + kFixedHeader + std::min(data, kMost) +
-         in.apartSize;
+  return std::min(std::int64_t{format::kLeastTilePartBytes} * in.numTiles, kMost) + kFixedHeader +
+         std::min(data, kMost) + in.apartSize;
 }
 
 }  // namespace

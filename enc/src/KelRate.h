@@ -24,9 +24,6 @@ struct RateInputs {
   std::int64_t apartSize;              ///< signed: bytes that channels outside add to the stream
 };
 
-/// Bytes of the tile-part header that every tile has at least.
-inline constexpr std::int64_t kHeaderPerTile = 14;
-
 /// Least and greatest lengths of a code stream; the latter is a multiple of 1024.
 KelLong MinCodeStreamLength(const RateInputs& in);
 KelLong MaxCodeStreamLength(const RateInputs& in);

@@ -93,7 +93,7 @@ std::uint64_t PacketBytes(const CodedTileComp& coded, int r) {
   if (coded.box.IsEmpty() || ReduceBox(coded.box, coded.code.numLevels - r).IsEmpty()) return 0;
   // A band that is not dropped has a header.
   if (coded.code.resSize[r] == 0) return kEmptyPacketBytes;
-  return coded.code.resSize[r] + (r == 0 ? kLowestCountBytes : kPacketCountBytes);
+  return coded.code.resSize[r] + (r == 0 ? format::kCountBytes : kPacketCountBytes);
 }
 
 }  // namespace kel

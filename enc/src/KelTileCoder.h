@@ -8,14 +8,14 @@
 #include "KelBlockEncode.h"
 #include "KelWaitingBands.h"
 #include "base/KelBox.h"
+#include "kel/KelFormat.h"
 #include "transform/KelQuant.h"
 #include "transform/KelWaveletForward.h"
 
 namespace kel {
 
 /// Bytes of a packet's counts: one of its own and one per band, but in resolution 0 one in all.
-inline constexpr std::uint64_t kPacketCountBytes = 16;
-inline constexpr std::uint64_t kLowestCountBytes = 4;
+inline constexpr std::uint64_t kPacketCountBytes = 4 * format::kCountBytes;
 
 /// A tile-component as it was coded. Without samples all sizes are 0.
 struct CodedTileComp {
@@ -65,7 +65,7 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder);
 void FinishTileComp(TileCompCoder& coder);
 
 /// Bytes of a packet that holds nothing.
-inline constexpr std::uint64_t kEmptyPacketBytes = 4;
+inline constexpr std::uint64_t kEmptyPacketBytes = format::kCountBytes;
 
 /// Bytes of the packet of a resolution; 0 for one without samples, which has none.
 std::uint64_t PacketBytes(const CodedTileComp& coded, int resolution);

@@ -18,8 +18,6 @@ constexpr std::uint64_t kLargestUncut = 1024 * 1024;
 constexpr std::uint32_t kTileWidth = 1024, kTileHeight = 512;
 /// Tiles begin at multiples of this: of what five levels halve, and of the decoder's vectors.
 constexpr std::uint32_t kTileStep = 64;
-constexpr unsigned kMostLevels = 32, kMostLayers = 65535, kMostDepth = 28;
-constexpr std::uint64_t kMostTiles = 65535;
 
 TileBox BoxOf(KelImage& image, KelLong component, KelLong tile) {
   const KelImageGeometry& geometry = *image.GetGeometryParams();
@@ -55,12 +53,13 @@ void CheckPlanes(const Image& image) {
   Require(image.width != 0 && image.height != 0 && !image.planes.empty(), "the image is empty");
   Require(image.width <= INT32_MAX && image.height <= INT32_MAX, "the image is too large");
   const unsigned depth = image.planes[0].Depth();
-  Require(depth <= kMostDepth, "samples of more than 28 bits cannot be encoded");
+  Require(depth <= format::kMostEncodedDepth, "samples of more than 28 bits cannot be encoded");
   const unsigned colours = NumColours(image);
   for (std::size_t i = 0; i < image.planes.size(); ++i) {
     const Plane& plane = image.planes[i];
     Require(plane.Depth() == depth, "channels of different depths cannot be encoded together");
-    Require(plane.xStep >= 1 && plane.xStep <= 255 && plane.yStep >= 1 && plane.yStep <= 255,
+    Require(plane.xStep >= 1 && plane.xStep <= format::kMostSubsampling && plane.yStep >= 1 &&
+                plane.yStep <= format::kMostSubsampling,
             "the distance of samples is 1 to 255");
     Require(plane.Width() == (image.width + plane.xStep - 1) / plane.xStep &&
                 plane.Height() == (image.height + plane.yStep - 1) / plane.yStep,
@@ -102,9 +101,10 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   CheckPlanes(image);
   CheckPalette(image);
   Require(params.quality >= 1 && params.quality <= 100, "the quality is a number from 1 to 100");
-  Require(params.levels <= kMostLevels || params.levels == EncodeParams::kFittingLevels,
+  Require(params.levels <= format::kMostLevels || params.levels == EncodeParams::kFittingLevels,
           "at most 32 levels are possible");
-  Require(params.layers >= 1 && params.layers <= kMostLayers, "1 to 65535 layers are possible");
+  Require(params.layers >= 1 && params.layers <= format::kMostLayers,
+          "1 to 65535 layers are possible");
   Require(!params.lossless || params.sizeLimit == 0, "a lossless file cannot be limited to a size");
   if (params.regionMask != nullptr) {
     Require(!params.lossless, "a region is for lossy coding");
@@ -131,7 +131,7 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   if (params.levels == EncodeParams::kFittingLevels) checked.levels = FittingLevels(checked);
   const std::uint64_t across = (image.width + checked.tileWidth - 1) / checked.tileWidth;
   const std::uint64_t down = (image.height + checked.tileHeight - 1) / checked.tileHeight;
-  Require(across * down <= kMostTiles, "more than 65535 tiles are not possible");
+  Require(across * down <= format::kMostTiles, "more than 65535 tiles are not possible");
   const auto step = [&](std::size_t i) {
     return std::pair(image.planes[i].xStep, image.planes[i].yStep);
   };

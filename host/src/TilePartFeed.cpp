@@ -10,7 +10,6 @@ namespace {
 constexpr std::size_t kMostWindow = INT32_MAX;
 /// So much behind the main header lets a reader see that a tile-part begins.
 constexpr std::size_t kBehindHeader = 64;
-constexpr std::size_t kEndMarkerBytes = 2;
 
 }  // namespace
 
@@ -76,8 +75,8 @@ void TilePartFeed::TakeParts() {
     Keep(part);
     taken = part.offset + part.length;
   }
-  const bool atEnd = window_.size() - taken >= kEndMarkerBytes &&
-                     window_[taken] == Facts().markerByte && window_[taken + 1] == 0xD9;
+  const bool atEnd = window_.size() - taken >= format::kMarkerBytes &&
+                     window_[taken] == Facts().markerByte && window_[taken + 1] == format::kEOC;
   done_ = ended_ || atEnd;
   grow_ = taken > headerEnd ? windowBytes_ : std::min(2 * grow_, kMostWindow / 4);
   window_.erase(window_.begin() + static_cast<std::ptrdiff_t>(headerEnd),

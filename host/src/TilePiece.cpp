@@ -14,11 +14,7 @@
 namespace kel::host {
 namespace {
 
-constexpr KelULong kSiz = 0x51, kCod = 0x52, kCoc = 0x53, kPoc = 0x5F, kCom = 0x64;
-constexpr KelULong kSot = 0x90, kSod = 0x93;
-constexpr std::uint8_t kEoc = 0xD9, kLrcp = 0;
-constexpr std::size_t kSizBytes = 40, kOrderAt = 5, kLevelsAt = 9, kSotBytes = 12;
-constexpr std::uint32_t kXmlBox = 0x786D6C20, kUuidBox = 0x75756964;  // "xml ", "uuid"
+constexpr std::size_t kSizBytes = format::kSizGridBytes + 2, kOrderAt = 5, kLevelsAt = 9;
 
 void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value) {
   for (int shift = 24; shift >= 0; shift -= 8)
@@ -66,9 +62,10 @@ void LowerLevels(Bytes& segment, std::size_t levelsAt, unsigned reduce) {
 }
 
 void AppendSegment(Building& out, KelULong code, Bytes segment) {
-  const std::size_t indexBytes = out.front.facts->geometry->Csiz < 257 ? 1 : 2;
+  const auto indexBytes =
+      static_cast<std::size_t>(format::ComponentIndexBytes(out.front.facts->geometry->Csiz));
   switch (code) {
-    case kSiz: {
+    case format::kSIZ: {
       if (segment.size() < kSizBytes) throw Error(Failure::kInput, "its SIZ segment is cut off");
       const std::int64_t x1 = Halved(out.tile.x1, out.reduce), y1 = Halved(out.tile.y1, out.reduce);
       const std::int64_t fields[] = {
@@ -78,18 +75,18 @@ void AppendSegment(Building& out, KelULong code, Bytes segment) {
       }
       break;
     }
-    case kCod:
+    case format::kCOD:
       if (std::exchange(out.seenCod, true)) return;
       LowerLevels(segment, kLevelsAt, out.reduce);
-      if (out.Reorders()) segment.at(kOrderAt) = kLrcp;
+      if (out.Reorders()) segment.at(kOrderAt) = KelLRCP;
       break;
-    case kCoc:
+    case format::kCOC:
       LowerLevels(segment, 5 + indexBytes, out.reduce);
       break;
-    case kPoc:
+    case format::kPOC:
       if (out.Reorders()) return;
       break;
-    case kCom:
+    case format::kCOM:
       return;
     default:
       break;
@@ -108,7 +105,7 @@ void AppendBoxes(Building& out) {
       out.Append(Bytes(4));
       out.Append(header.subspan(4));
     } else if (box.isWhole && box.offset + box.length <= facts.codeStreamOffset &&
-               box.type != kXmlBox && box.type != kUuidBox) {
+               box.type != format::BoxType("xml ") && box.type != format::BoxType("uuid")) {
       out.Append(bytes.subspan(box.offset, box.length));
     }
   }
@@ -141,21 +138,21 @@ void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegmen
                 std::span<const KelIndexPacket> packets, RangeSource& source) {
   const std::size_t start = out.data.size();
   out.seenCod = false;
-  out.Marker(kSot);
-  out.data.resize(start + kSotBytes);
-  PutU16(out.data, start + 2, kSotBytes - 2);
-  out.data[start + 10] = static_cast<std::uint8_t>(number);
+  out.Marker(format::kSOT);
+  out.data.resize(start + format::kSotBytes);
+  PutU16(out.data, start + 2, format::kSotBytes - format::kMarkerBytes);
+  out.data[start + format::kTPsotAt] = static_cast<std::uint8_t>(number);
   for (const KelIndexSegment& segment : segments) {
-    if (segment.code == kSot || segment.code == kSod) continue;
+    if (segment.code == format::kSOT || segment.code == format::kSOD) continue;
     AppendSegment(out, segment.code, Fetched(source, segment.offset, segment.length));
   }
-  out.Marker(kSod);
+  out.Marker(format::kSOD);
   for (const KelIndexPacket& packet : packets) {
     const std::size_t at = out.data.size();
     out.data.resize(at + packet.length);
     source.Fetch(packet.offset, std::span(out.data).subspan(at));
   }
-  PutU32(out.data, start + 6, out.data.size() - start);
+  PutU32(out.data, start + format::kPsotAt, out.data.size() - start);
 }
 
 }  // namespace
@@ -234,14 +231,14 @@ Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
       at = end;
     }
   }
-  out.Marker(kEoc);
+  out.Marker(format::kEOC);
   return std::move(out.data);
 }
 
 Bytes BuildDescription(const DataFront& front) {
   Bytes data = front.bytes;
   data.push_back(static_cast<std::uint8_t>(front.facts->markerByte));
-  data.push_back(kEoc);
+  data.push_back(format::kEOC);
   return data;
 }
 

@@ -10,10 +10,6 @@ namespace {
 /// up an image object does not count.
 constexpr std::uint64_t kRunArea = 512 * 512;
 
-constexpr std::uint32_t kXmlBox = 0x786D6C20, kUuidBox = 0x75756964;  // "xml ", "uuid"
-constexpr std::uint8_t kEoc = 0xD9;
-constexpr std::size_t kSizGridBytes = 38;  // marker, length, capabilities, eight numbers
-
 std::int64_t CeilDiv(std::int64_t a, std::int64_t b) {
   return (a + b - 1) / b;
 }
@@ -53,8 +49,8 @@ const KelIndexBox* BoxOfCodeStream(const KelIndexFacts& facts) {
 void AppendBoxes(Bytes& data, ByteView bytes, const KelIndexFacts& facts) {
   const KelULong codeStreamType = BoxOfCodeStream(facts)->type;
   for (const KelIndexBox& box : std::span(facts.boxes, facts.numBoxes)) {
-    const bool carried =
-        box.isWhole && box.type != codeStreamType && box.type != kXmlBox && box.type != kUuidBox;
+    const bool carried = box.isWhole && box.type != codeStreamType &&
+                         box.type != format::BoxType("xml ") && box.type != format::BoxType("uuid");
     if (carried) Append(data, Piece(bytes, box.offset, box.length));
   }
   const std::size_t at = data.size();
@@ -81,7 +77,8 @@ RunGrid GridOf(const KelImageGeometry& whole, const TileRun& run) {
 /// Moves the image area and the tile grid of the SIZ segment at a place to a run. The library has
 /// read the segment there, so that all its fields stand inside the header.
 void NarrowSiz(Bytes& data, std::size_t at, const RunGrid& grid) {
-  if (at + kSizGridBytes > data.size()) throw Error(Failure::kInput, "its SIZ segment is cut off");
+  if (at + format::kSizGridBytes > data.size())
+    throw Error(Failure::kInput, "its SIZ segment is cut off");
   const auto put = [&](std::size_t field, std::int64_t value) {
     PutU32(data, at + field, static_cast<std::uint64_t>(value));
   };
@@ -182,12 +179,12 @@ Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
     Append(data, part.bytes);
     const std::uint32_t row = part.tile / across - run.row,
                         column = part.tile % across - run.column;
-    PutU16(data, at + 4, row * run.columns + column);
-    PutU32(data, at + 6, part.bytes.size() + part.numMissing);
+    PutU16(data, at + format::kIsotAt, row * run.columns + column);
+    PutU32(data, at + format::kPsotAt, part.bytes.size() + part.numMissing);
   }
   if (!parts.empty() && parts.back().numMissing != 0) return data;
   data.push_back(static_cast<std::uint8_t>(facts.markerByte));
-  data.push_back(kEoc);
+  data.push_back(format::kEOC);
   return data;
 }
 

@@ -5,6 +5,7 @@
 #include "KelColor.h"
 #include "KelDamage.h"
 #include "KelFileRecords.h"
+#include "KelFormat.h"
 #include "KelGeometry.h"
 #include "KelImage.h"
 #include "KelImageData.h"

@@ -90,6 +90,11 @@ std::vector<std::vector<Packet>> PartsOf(const Stream& s, int tile) {
   return parts;
 }
 
+/// A marker with its first byte.
+constexpr std::uint32_t Marked(kel::format::Marker marker) {
+  return 0xAB00U | marker;
+}
+
 void ReadSizes(Cursor segment, Stream& s) {
   segment.Take(4);
   s.width = static_cast<int>(segment.Take(4));
@@ -122,8 +127,8 @@ std::string WalkSegments(Cursor& in, std::uint32_t until, Stream& s) {
     if (marker == until || marker >> 8 != 0xAB) return markers;
     markers += "0123456789ABCDEF"[marker >> 4 & 15];
     markers += "0123456789ABCDEF"[marker & 15];
-    if (marker == 0xAB51) ReadSizes(in, s);
-    if (marker == 0xAB52) ReadCodingStyle(in, s);
+    if (marker == Marked(kel::format::kSIZ)) ReadSizes(in, s);
+    if (marker == Marked(kel::format::kCOD)) ReadCodingStyle(in, s);
     const std::size_t start = in.at;
     in.at = start + in.Take(2);
   }
@@ -150,22 +155,24 @@ WalkedFile WalkFile(const Bytes& file) {
   }
 
   Stream s;
-  EXPECT_EQ(in.Take(2), 0xAB4FU);
-  walked.mainMarkers = WalkSegments(in, 0xAB90, s);
+  EXPECT_EQ(in.Take(2), Marked(kel::format::kSOC));
+  walked.mainMarkers = WalkSegments(in, Marked(kel::format::kSOT), s);
   in.at -= 2;
   int tile = -1;
   std::size_t part = 0;
   std::vector<std::vector<Packet>> parts;
   while (in.at + 2 < file.size() && !testing::Test::HasFatalFailure()) {
     const std::size_t start = in.at;
-    EXPECT_EQ(in.Take(4), 0xAB90000AU);
+    EXPECT_EQ(in.Take(2), Marked(kel::format::kSOT));
+    EXPECT_EQ(in.Take(2), kel::format::kSotBytes - kel::format::kMarkerBytes);
     // Tiles without samples have no parts.
-    for (; part == parts.size() && tile < 65535; part = 0) parts = PartsOf(s, ++tile);
+    for (; part == parts.size() && tile < kel::format::kMostTiles; part = 0)
+      parts = PartsOf(s, ++tile);
     EXPECT_EQ(in.Take(2), static_cast<std::uint32_t>(tile));
     const std::size_t end = start + in.Take(4);
     EXPECT_EQ(in.Take(1), part);
     EXPECT_EQ(in.Take(1), parts.size());
-    WalkSegments(in, 0xAB93, s);
+    WalkSegments(in, Marked(kel::format::kSOD), s);
     if (part < parts.size()) {
       for (const Packet& p : parts[part]) {
         WalkPacket(in, s.TileComp(tile, p.comp), p.resolution, s.levels);
@@ -177,7 +184,7 @@ WalkedFile WalkFile(const Bytes& file) {
     if (in.at != end) return walked;
   }
   EXPECT_EQ(part, parts.size()) << "tile-parts are missing";
-  EXPECT_EQ(in.Take(2), 0xABD9U);
+  EXPECT_EQ(in.Take(2), Marked(kel::format::kEOC));
   EXPECT_EQ(in.at, file.size());
   return walked;
 }

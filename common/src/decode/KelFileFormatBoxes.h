@@ -47,13 +47,6 @@ struct BoxHandler {
   void (*read)(BoxReader& in, const BoxExtent& box);
 };
 
-/// A box type from its four characters.
-constexpr std::uint32_t BoxType(const char (&text)[5]) {
-  std::uint32_t type = 0;
-  for (int i = 0; i < 4; ++i) type = type << 8 | static_cast<std::uint8_t>(text[i]);
-  return type;
-}
-
 /// Reads the children of a superbox, those without a handler being passed over. A child's header
 /// that the data cut off is refused with cutCode.
 void ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,

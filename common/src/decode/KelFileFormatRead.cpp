@@ -109,24 +109,26 @@ void ReadCaptureResolution(BoxReader& in, const BoxExtent& box) {
   in.info.horizontalResolution = ResolutionOf(horizontalN, horizontalD, horizontalE);
 }
 
-constexpr BoxHandler kResolutionChildren[] = {{BoxType("resc"), ReadCaptureResolution}};
+constexpr BoxHandler kResolutionChildren[] = {{format::BoxType("resc"), ReadCaptureResolution}};
 
 void ReadResolution(BoxReader& in, const BoxExtent& box) {
   in.info.ResolutionInfoPresent = true;
   ReadChildren(in, box, kResolutionChildren, KelErrBoxHeader);
 }
 
-constexpr BoxHandler kHeaderChildren[] = {
-    {BoxType("ihdr"), ReadImageHeader},      {BoxType("bpcc"), ReadComponentDepths},
-    {BoxType("colr"), ReadColorSpec},        {BoxType("pclr"), ReadPalette},
-    {BoxType("cmap"), ReadComponentMapping}, {BoxType("cdef"), ReadChannelDefinition},
-    {BoxType("res "), ReadResolution}};
+constexpr BoxHandler kHeaderChildren[] = {{format::BoxType("ihdr"), ReadImageHeader},
+                                          {format::BoxType("bpcc"), ReadComponentDepths},
+                                          {format::BoxType("colr"), ReadColorSpec},
+                                          {format::BoxType("pclr"), ReadPalette},
+                                          {format::BoxType("cmap"), ReadComponentMapping},
+                                          {format::BoxType("cdef"), ReadChannelDefinition},
+                                          {format::BoxType("res "), ReadResolution}};
 
 void ReadHeaderSuperbox(BoxReader& in, const BoxExtent& box) {
   ReadChildren(in, box, kHeaderChildren, KelErrBoxHeader);
 }
 
-constexpr BoxHandler kGroupChildren[] = {{BoxType("colr"), ReadColorSpec}};
+constexpr BoxHandler kGroupChildren[] = {{format::BoxType("colr"), ReadColorSpec}};
 
 void ReadColorGroup(BoxReader& in, const BoxExtent& box) {
   ReadChildren(in, box, kGroupChildren, KelErrBoxTruncated);
@@ -146,10 +148,10 @@ void ReadLayerChannels(BoxReader& in, const BoxExtent& box) {
   ReadChannelDefinition(in, box);
 }
 
-constexpr BoxHandler kLayerChildren[] = {{BoxType("opct"), ReadLayerOpacity},
-                                         {BoxType("cdef"), ReadLayerChannels},
-                                         {BoxType("cgrp"), ReadColorGroup},
-                                         {BoxType("res "), ReadResolution}};
+constexpr BoxHandler kLayerChildren[] = {{format::BoxType("opct"), ReadLayerOpacity},
+                                         {format::BoxType("cdef"), ReadLayerChannels},
+                                         {format::BoxType("cgrp"), ReadColorGroup},
+                                         {format::BoxType("res "), ReadResolution}};
 
 void ReadLayerHeader(BoxReader& in, const BoxExtent& box) {
   in.layerHasOpacity = in.layerHasChannels = false;
@@ -179,7 +181,7 @@ void ReadFragmentList(BoxReader& in, const BoxExtent& box) {
   in.info.numFragments = in.U16();
 }
 
-constexpr BoxHandler kFragmentChildren[] = {{BoxType("flst"), ReadFragmentList}};
+constexpr BoxHandler kFragmentChildren[] = {{format::BoxType("flst"), ReadFragmentList}};
 
 void ReadFragmentTable(BoxReader& in, const BoxExtent& box) {
   ReadChildren(in, box, kFragmentChildren, KelErrBoxHeader);
@@ -242,25 +244,27 @@ struct LayoutTypes {
 
 constexpr std::array<BoxHandler, 11> TopLevel(const LayoutTypes& types) {
   return {{{types.signature, ReadSignature},
-           {BoxType("ftyp"), PassFileType},
-           {BoxType("rreq"), PassBox},
-           {BoxType("cref"), PassBox},
+           {format::BoxType("ftyp"), PassFileType},
+           {format::BoxType("rreq"), PassBox},
+           {format::BoxType("cref"), PassBox},
            {types.codeStreamHeader, PassBox},
            {types.header, ReadHeaderSuperbox},
            {types.layerHeader, ReadLayerHeader},
-           {BoxType("ftbl"), ReadFragmentTable},
-           {BoxType("xml "), ReadXML},
-           {BoxType("uuid"), ReadUUID},
+           {format::BoxType("ftbl"), ReadFragmentTable},
+           {format::BoxType("xml "), ReadXML},
+           {format::BoxType("uuid"), ReadUUID},
            {types.codeStream, ReadCodeStreamBox}}};
 }
 
-constexpr BoxLayout kOwnLayout = {kModuleFileFormat, BoxType("zolt"),
-                                  TopLevel({BoxType("weab"), BoxType("vrmh"), BoxType("vrmc"),
-                                            BoxType("abch"), BoxType("ablh")})};
+constexpr BoxLayout kOwnLayout = {
+    kModuleFileFormat, format::BoxType("zolt"),
+    TopLevel({format::BoxType("weab"), format::BoxType("vrmh"), format::BoxType("vrmc"),
+              format::BoxType("abch"), format::BoxType("ablh")})};
 
-constexpr BoxLayout kStandardLayout = {kModuleFileFormatOld, 0x0D0A870A,
-                                       TopLevel({BoxType("jP  "), BoxType("jp2h"), BoxType("jp2c"),
-                                                 BoxType("jpch"), BoxType("jplh")})};
+constexpr BoxLayout kStandardLayout = {
+    kModuleFileFormatOld, 0x0D0A870A,
+    TopLevel({format::BoxType("jP  "), format::BoxType("jp2h"), format::BoxType("jp2c"),
+              format::BoxType("jpch"), format::BoxType("jplh")})};
 
 /// Whether all of a box has arrived; the reader stays at its contents. False too where a stream
 /// does not come back to them.

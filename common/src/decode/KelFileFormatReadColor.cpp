@@ -11,7 +11,6 @@
 namespace kel {
 namespace {
 
-constexpr std::uint32_t kCIELab = 14, kCIEJab = 19;  // enumerated colour spaces
 constexpr std::uint32_t kColorTemperature = 0x4354;  // the characters CT
 
 /// Bytes of a palette entry or key value whose stored depth byte is given: depth minus one, so
@@ -40,7 +39,7 @@ KelColorSpec& AppendColorSpec(KelFileInfo& info) {
 /// The parameters of the two CIE spaces: six ranges and offsets; for CIELab also an illuminant or,
 /// behind the characters CT, a colour temperature. A box without them means the defaults.
 void ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t bytesLeft) {
-  cie.kind = isLab ? 1 : 2;
+  cie.kind = isLab ? format::kKindCIELab : format::kKindCIEJab;
   if (bytesLeft == 0) {
     InitDefaultCIEParams(cie.kind, &cie, DepthOf(in.info, 1), DepthOf(in.info, 2));
     return;
@@ -56,10 +55,10 @@ void ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t b
   const std::uint32_t first = in.U16();
   const std::uint16_t second = in.U16();
   if (first == kColorTemperature) {
-    cie.illuminantKind = 2;
+    cie.illuminantKind = format::kIlluminantTemperature;
     cie.temperature = second;
   } else {
-    cie.illuminantKind = 1;
+    cie.illuminantKind = format::kIlluminantCode;
     cie.illuminant = first << 16 | second;
   }
 }
@@ -134,8 +133,8 @@ void ReadColorSpec(BoxReader& in, const BoxExtent& box) {
   if (!in.Has(4)) Refuse(KelErrBoxTruncated);
   entry.enumeratedSpace = in.info.enumeratedSpace = in.U32();
   in.info.enumeratedPresent = true;
-  const bool isLab = entry.enumeratedSpace == kCIELab;
-  if (!isLab && entry.enumeratedSpace != kCIEJab) return;
+  const bool isLab = entry.enumeratedSpace == format::kSpaceCIELab;
+  if (!isLab && entry.enumeratedSpace != format::kSpaceCIEJab) return;
   ReadCIEParams(in, entry.cie, isLab, box.bodyLength - 7);
 }
 

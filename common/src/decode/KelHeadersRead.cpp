@@ -40,7 +40,7 @@ struct HeaderReader {
   std::uint16_t U16() { return static_cast<std::uint16_t>(data.ReadUInt(2)); }
   std::uint32_t U32() { return data.ReadUInt(4); }
   /// Bytes of a component index, and one.
-  int IndexBytes() const { return set.Csiz < 257 ? 1 : 2; }
+  int IndexBytes() const { return format::ComponentIndexBytes(set.Csiz); }
   std::int32_t Index() { return static_cast<std::int32_t>(data.ReadUInt(IndexBytes())); }
 };
 
@@ -64,7 +64,7 @@ bool CheckSizes(KelSizParams& sizes) {
   sizes.YTsiz = std::min(sizes.YTsiz, most);
   const std::int64_t across = CountTiles(sizes.Xsiz, sizes.XTOsiz, sizes.XTsiz);
   const std::int64_t down = CountTiles(sizes.Ysiz, sizes.YTOsiz, sizes.YTsiz);
-  return across * down <= 65535;
+  return across * down <= format::kMostTiles;
 }
 
 void ReadComponentSizes(HeaderReader& in) {
@@ -118,10 +118,10 @@ void SetDefaultPrecincts(KelCodingStyle& style, std::int32_t exponent) {
 /// so that its precincts cannot be one sample wide or high.
 void ReadPrecincts(HeaderReader& in, KelCodingStyle& style) {
   ReleaseCodingStyle(style);
-  style.precinctWidthExps = OwnedArray<std::int32_t>::Make(kMaxLevels + 1).Release();
-  style.precinctHeightExps = OwnedArray<std::int32_t>::Make(kMaxLevels + 1).Release();
-  const bool isPartitioned = style.defaultPrecinctWidthExp != kWholePrecinct ||
-                             style.defaultPrecinctHeightExp != kWholePrecinct;
+  style.precinctWidthExps = OwnedArray<std::int32_t>::Make(format::kMostLevels + 1).Release();
+  style.precinctHeightExps = OwnedArray<std::int32_t>::Make(format::kMostLevels + 1).Release();
+  const bool isPartitioned = style.defaultPrecinctWidthExp != format::kWholePrecinct ||
+                             style.defaultPrecinctHeightExp != format::kWholePrecinct;
   if (isPartitioned && !in.Has(static_cast<std::uint64_t>(style.numLevels) + 1)) return;
   for (std::int32_t r = 0; r <= style.numLevels; ++r) {
     const std::uint32_t exponents = isPartitioned ? in.U8() : 0xFF;
@@ -136,7 +136,7 @@ void ReadPrecincts(HeaderReader& in, KelCodingStyle& style) {
 void ReadStyleFields(HeaderReader& in, KelCodingStyle& style) {
   if (!in.Has(5)) return;
   style.numLevels = in.U8();
-  if (style.numLevels > kMaxLevels) Refuse(KelErrBadMarker);
+  if (style.numLevels > format::kMostLevels) Refuse(KelErrBadMarker);
   style.blockWidthExp = in.U8() + 2;
   style.blockHeightExp = in.U8() + 2;
   const std::uint32_t bits = in.U8();
@@ -162,7 +162,7 @@ void ReadCOD(HeaderReader& in) {
   const bool hasPrecincts = in.length != 12;
   if (hasPrecincts ? flags == 0 : (flags & 1) != 0) Refuse(KelErrBadSegmentValue);
   if (in.length < 12) Refuse(KelErrBadMarker);
-  SetDefaultPrecincts(style, hasPrecincts ? 0 : kWholePrecinct);
+  SetDefaultPrecincts(style, hasPrecincts ? 0 : format::kWholePrecinct);
   set.usesSOP = style.usesSOP = flags >> 1 & 1;
   set.usesEPH = style.usesEPH = flags >> 2 & 1;
   set.progressionOrder = style.progressionOrder = in.U8();
@@ -208,7 +208,7 @@ void ReadCOC(HeaderReader& in) {
   style.precinctWidthExps = style.precinctHeightExps = nullptr;
   style.component = component;
   const bool hasPrecincts = (in.U8() & 1) != 0 && in.length > plainLength;
-  SetDefaultPrecincts(style, hasPrecincts ? 0 : kWholePrecinct);
+  SetDefaultPrecincts(style, hasPrecincts ? 0 : format::kWholePrecinct);
   ReadStyleFields(in, style);
   if (in.cutOff) return;
   style.defaultPrecinctWidthExp = style.precinctWidthExps[0];
@@ -409,25 +409,23 @@ struct SegmentReader {
 };
 
 constexpr SegmentReader kSegments[] = {
-    {0x4F, ReadSOC, false, nullptr},
-    {0x51, ReadSIZ, true, nullptr},
-    {0x52, ReadCOD, true, &KelHeaderParams::seenCOD},
-    {0x53, ReadCOC, true, nullptr},
-    {0x5C, ReadQCD, true, nullptr},
-    {0x5D, ReadQCC, true, nullptr},
-    {0x5E, ReadRGN, true, nullptr},
-    {0x5F, ReadPOC, true, &KelHeaderParams::seenPOC},
-    {0x60, RefusePackedHeaders, false, nullptr},  // PPM
-    {0x61, RefusePackedHeaders, false, nullptr},  // PPT
-    {0x64, ReadCOM, true, nullptr},
-    {0x90, ReadSOT, false, nullptr},
-    {0x91, PassSOP, false, nullptr},
-    {0x92, PassEPH, false, nullptr},
-    {0x93, ReadSOD, false, nullptr},
-    {0xD9, ReadEOC, false, nullptr},
+    {format::kSOC, ReadSOC, false, nullptr},
+    {format::kSIZ, ReadSIZ, true, nullptr},
+    {format::kCOD, ReadCOD, true, &KelHeaderParams::seenCOD},
+    {format::kCOC, ReadCOC, true, nullptr},
+    {format::kQCD, ReadQCD, true, nullptr},
+    {format::kQCC, ReadQCC, true, nullptr},
+    {format::kRGN, ReadRGN, true, nullptr},
+    {format::kPOC, ReadPOC, true, &KelHeaderParams::seenPOC},
+    {format::kPPM, RefusePackedHeaders, false, nullptr},
+    {format::kPPT, RefusePackedHeaders, false, nullptr},
+    {format::kCOM, ReadCOM, true, nullptr},
+    {format::kSOT, ReadSOT, false, nullptr},
+    {format::kSOP, PassSOP, false, nullptr},
+    {format::kEPH, PassEPH, false, nullptr},
+    {format::kSOD, ReadSOD, false, nullptr},
+    {format::kEOC, ReadEOC, false, nullptr},
 };
-
-constexpr std::uint32_t kTLM = 0x55;  // noted, not read
 
 void ReadSegment(HeaderReader& in) {
   const std::uint32_t marker = in.data.PeekByte(0) << 8 | in.data.PeekByte(1);
@@ -437,7 +435,7 @@ void ReadSegment(HeaderReader& in) {
                                             [&](const SegmentReader& s) { return s.code == code; });
   if (found != end && !found->hasLength) return found->read(in);
   in.data.SkipForward(2);
-  if (code == kTLM) in.set.seenTLM = 1;
+  if (code == format::kTLM) in.set.seenTLM = 1;  // noted, not read
   const bool isRepeated = found != end && found->seen != nullptr && in.set.*found->seen != 0;
   if (found == end || isRepeated) {
     in.cutOff = !PassUnknown(in.data, marker);

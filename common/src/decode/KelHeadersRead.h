@@ -9,7 +9,7 @@
 namespace kel {
 
 /// Bytes that the window of a stream must be able to hold: the segment of the most components.
-inline constexpr std::uint32_t kHeaderWindowBytes = 3 * 65535;
+inline constexpr std::uint32_t kHeaderWindowBytes = 3 * format::kMostSegmentBytes;
 
 /// How the reading of a header ended.
 struct [[nodiscard]] HeaderResult {

@@ -18,7 +18,6 @@ namespace {
 /// Samples that a tile-component may have records for, over all tiles, and tiles that a 16-bit
 /// tile index can name.
 constexpr std::int64_t kMostTileComps = std::int64_t{1} << 20;
-constexpr std::int64_t kMostTiles = 65535;
 
 /// First load, and loads after a move, of a stream of which little will be read.
 constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64;
@@ -47,7 +46,7 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
   d.flavour = Flavour::kAB;
   d.streamIsSeekable = stream != nullptr && stream->IsSeekable();
   if (data != nullptr) {
-    state.endsInHeader = data->length <= kSignatureBytes;
+    state.endsInHeader = data->length <= format::kSignatureBytes;
     const auto flavour = RecogniseSignature(*data);
     if (!flavour) return Fail(state, KelErrUnknownFormat);
     d.flavour = *flavour;
@@ -75,7 +74,7 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
 
 /// Whether the data begin with a code stream, not with boxes around one.
 bool IsBareCodeStream(KelDecDataMgr& data) {
-  return data.PeekByte(0) == data.MarkerByte() || data.PeekByte(1) == 0x4F;
+  return data.PeekByte(0) == data.MarkerByte() || data.PeekByte(1) == format::kSOC;
 }
 
 KelLong ReadFileBoxes(ImageState& state) {
@@ -164,7 +163,7 @@ void DescribeImage(ImageState& state, KelEncOpt& o) {
   o.ResolutionY = file->verticalResolution * kMetresPerInch;
   o.ColorSpecList = file->ColorSpecList;
   o.RateParamB = static_cast<KelLong>(std::min<std::uint64_t>(file->codeStreamLength, INT32_MAX));
-  o.RateMode = 3;
+  o.RateMode = format::kRateModeOfFile;
 }
 
 /// Levels below full size that a component is decoded at.
@@ -210,7 +209,7 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   ImageMap& map = state.map;
   const KelImageGeometry& geometry = *state.geometry;
   const std::int64_t numTiles = std::int64_t{geometry.NumXTiles} * geometry.NumYTiles;
-  if (geometry.NumXTiles < 1 || geometry.NumYTiles < 1 || numTiles > kMostTiles) {
+  if (geometry.NumXTiles < 1 || geometry.NumYTiles < 1 || numTiles > format::kMostTiles) {
     return Fail(state, KelErrBadMarker);
   }
   if (numTiles * geometry.Csiz > kMostTileComps) return Fail(state, KelErrNoMemory);

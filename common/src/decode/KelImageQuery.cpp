@@ -67,12 +67,12 @@ KelLong ColorsOfSpecification(const __tagColorSpecList* list, KelLong numComps) 
     if (entry->iccProfile != nullptr) return ColorsOfProfile(*entry->iccProfile);
     if (entry->method != 1) continue;
     switch (entry->enumeratedSpace) {
-      case 17:
+      case format::kSpaceGrey:
         return 1;
-      case 14:
-      case 16:
-      case 18:
-      case 19:
+      case format::kSpaceCIELab:
+      case format::kSpaceSRGB:
+      case format::kSpaceSYCC:
+      case format::kSpaceCIEJab:
         return 3;
       case 12:
         return 4;

@@ -25,9 +25,6 @@
 namespace kel {
 namespace {
 
-/// Tile-part numbers are bytes; a tile with more tile-parts is damaged or hostile.
-constexpr std::int32_t kMostParts = 256;
-
 /// A tile-part that has been found: where it stands in the reader's data.
 struct FoundPart {
   KelDecDataMgr& data;
@@ -111,7 +108,7 @@ KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {
 /// nothing needs to be made for it yet.
 bool IsBare(const TileRecord& tile, const FoundPart& part) {
   return tile.dec->walk == nullptr && part.endIsKnown &&
-         part.end - part.start == kLeastTilePartBytes;
+         part.end - part.start == format::kLeastTilePartBytes;
 }
 
 /// Reads a tile-part, or what has arrived of it, into its tile: from its header on, or, when it is
@@ -152,13 +149,14 @@ KelLong ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
 const KelTilePartEntry* NextPart(KelDecDataMgr& data, const TileRecord& tile) {
   const TileProgress& progress = tile.dec->progress;
   const std::int32_t number = progress.numParts - (progress.partIsOpen ? 1 : 0);
-  if (progress.isBroken || number >= kMostParts) return nullptr;
+  if (progress.isBroken || number >= format::kMostTileParts) return nullptr;
   return data.FindTilePart(tile.index, number);
 }
 
 /// Notes the tile-parts of a tile whose place is lost.
 void NoteUnplaced(const TilePass& pass, const TileRecord& tile) {
-  for (std::int32_t number = tile.dec->progress.numParts; number < kMostParts; ++number) {
+  for (std::int32_t number = tile.dec->progress.numParts; number < format::kMostTileParts;
+       ++number) {
     const KelTilePartEntry* entry = pass.decoder.dataMgr->FindTilePart(tile.index, number);
     if (entry == nullptr) return;
     NoteLoss(pass, KelDamageNoPlace, tile, PartOf(*pass.decoder.dataMgr, *entry));

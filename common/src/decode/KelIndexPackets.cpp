@@ -15,11 +15,6 @@
 namespace kel {
 namespace {
 
-constexpr std::uint64_t kLengthBytes = 4;
-
-/// Tile-part numbers are bytes.
-constexpr KelULong kMostParts = 256;
-
 bool IsWanted(const KelIndexWant& want, const KelIndexPacket& packet) {
   const bool isOfComponent =
       want.component < 0 || packet.component == static_cast<KelULong>(want.component);
@@ -69,15 +64,16 @@ bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndex
        at = CurrentPacket(walk)) {
     const std::uint64_t here = AsCount(data.GetPosition());
     if (here == end) break;
-    if (end - std::min(here, end) < kLengthBytes) return false;
-    if (data.EnsureBuffered(kLengthBytes) != kBufferedOk) return false;
-    const std::uint64_t length = data.ReadUInt(kLengthBytes);
-    if (length > end - here - kLengthBytes || data.SkipForward(length) != length) return false;
+    if (end - std::min(here, end) < format::kCountBytes) return false;
+    if (data.EnsureBuffered(format::kCountBytes) != kBufferedOk) return false;
+    const std::uint64_t length = data.ReadUInt(format::kCountBytes);
+    if (length > end - here - format::kCountBytes || data.SkipForward(length) != length)
+      return false;
     const std::int32_t levels = tile.comps[at->component].dec->numLevels;
     RecordPacket(index, {static_cast<KelULong>(at->component),
                          static_cast<KelULong>(at->resolution), static_cast<KelULong>(at->layer),
                          static_cast<KelULong>(levels - at->resolution), AsCount(at->precinct),
-                         here, static_cast<KelULong>(kLengthBytes + length), part.part});
+                         here, static_cast<KelULong>(format::kCountBytes + length), part.part});
     numLeft -= IsWanted(index.wanted, index.packetList[index.packets.count - 1]) ? 1 : 0;
     PacketHandled(walk);
     isEmpty = false;
@@ -95,7 +91,7 @@ void ListPackets(IndexState& index) {
   ScopeGuard restart([&] { RestartTile(map, tile); });
   EnsureDecTileComps(map, tile);
   std::uint64_t numLeft = 0;
-  for (KelULong k = 0; k < kMostParts; ++k) {
+  for (KelULong k = 0; k < format::kMostTileParts; ++k) {
     const KelIndexTilePart* part = FindPartOfTile(index, number, k);
     if (part == nullptr || !data.MoveTo(static_cast<std::int64_t>(part->offset))) return;
     const HeaderResult header = ReadTilePartHeader(map, data, tile);
@@ -152,7 +148,7 @@ void ListRanges(IndexState& index, const KelIndexWant& want) {
     if (part == nullptr) break;
     RecordRange(index, part->offset, part->headerBytes);
     for (; next != end && next->part == k; ++next) {
-      RecordRange(index, next->offset, IsWanted(want, *next) ? next->length : kLengthBytes);
+      RecordRange(index, next->offset, IsWanted(want, *next) ? next->length : format::kCountBytes);
     }
   }
 }

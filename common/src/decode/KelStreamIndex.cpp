@@ -16,8 +16,6 @@
 namespace kel {
 namespace {
 
-constexpr std::uint32_t kEOC = 0xD9;
-
 ImageState& Image(const IndexState& index) {
   return *index.image;
 }
@@ -133,7 +131,7 @@ void ReadPartHeader(const DecoderState& decoder, KelIndexTilePart& part, KelHead
 bool HasEndMarker(KelDecDataMgr& data, std::uint64_t offset) {
   if (offset > INT64_MAX || !data.MoveTo(static_cast<std::int64_t>(offset))) return false;
   return data.EnsureBuffered(2) == kBufferedOk && data.PeekByte(0) == data.MarkerByte() &&
-         data.PeekByte(1) == kEOC;
+         data.PeekByte(1) == format::kEOC;
 }
 
 /// Where the packets end when the last tile-part does not say so.

@@ -13,6 +13,7 @@
 #include "base/KelOutBuffer.h"
 #include "base/KelRaise.h"
 #include "encode/KelMainStream.h"
+#include "kel/KelFormat.h"
 
 namespace kel {
 namespace {
@@ -27,15 +28,6 @@ constexpr std::uint64_t kMostRecordBytes = 0x7FFFFFFF - 0x100000;
 constexpr std::uint64_t kBoxOverhead = 64;
 
 constexpr float kInchesPerMetre = 39.37008F;
-
-// Enumerated colour spaces. The two internal numbers are written as CIELab and CIEJab without
-// parameters, which means the defaults.
-constexpr KelULong kCieLab = 14;
-constexpr KelULong kSRGB = 16;
-constexpr KelULong kGrey = 17;
-constexpr KelULong kCieJab = 19;
-constexpr KelULong kPlainCieLab = 50;
-constexpr KelULong kPlainCieJab = 51;
 
 /// A box under construction: its header is written first, its length at the end of the scope.
 class BoxScope {
@@ -126,13 +118,13 @@ std::uint32_t ColorFeature(const __tagColorSpecList* list) {
   if (choice->method == 2) return 43;
   if (choice->method != 1) return 0;
   switch (choice->enumeratedSpace) {
-    case kSRGB:
+    case format::kSpaceSRGB:
       return 45;
-    case kGrey:
+    case format::kSpaceGrey:
       return 46;
     case 12:
       return 55;
-    case kCieLab:
+    case format::kSpaceCIELab:
       return 56;
     default:
       return 0;
@@ -205,8 +197,8 @@ void PutCieParams(const KelColorSpec& spec, KelOutBuffer& out) {
   for (const KelULong value : {p.rangeL, p.offsetL, p.rangeA, p.offsetA, p.rangeB, p.offsetB}) {
     PutU32(out, value);
   }
-  if (spec.enumeratedSpace != kCieLab) return;
-  if (p.illuminantKind == 2) {
+  if (spec.enumeratedSpace != format::kSpaceCIELab) return;
+  if (p.illuminantKind == format::kIlluminantTemperature) {
     PutBytes(out, "CT", 2);
     PutU16(out, p.temperature);
   } else {
@@ -226,8 +218,10 @@ void WriteColor(const KelColorSpec& spec, KelOutBuffer& out) {
     return;
   }
   const KelULong space = spec.enumeratedSpace;
-  PutU32(out, space == kPlainCieLab ? kCieLab : space == kPlainCieJab ? kCieJab : space);
-  if (space == kCieLab || space == kCieJab) PutCieParams(spec, out);
+  PutU32(out, space == format::kSpacePlainCIELab   ? format::kSpaceCIELab
+              : space == format::kSpacePlainCIEJab ? format::kSpaceCIEJab
+                                                   : space);
+  if (space == format::kSpaceCIELab || space == format::kSpaceCIEJab) PutCieParams(spec, out);
 }
 
 /// The options' colour descriptions, or one that follows from the number of components.
@@ -240,9 +234,9 @@ void WriteColors(const KelEncOpt& o, KelOutBuffer& out) {
   KelColorSpec spec{};
   spec.method = 1;
   if (count >= 3 && o.NumColorChannels >= 3) {
-    spec.enumeratedSpace = kSRGB;
+    spec.enumeratedSpace = format::kSpaceSRGB;
   } else if (count <= 3 && o.NumColorChannels >= 1) {
-    spec.enumeratedSpace = kGrey;
+    spec.enumeratedSpace = format::kSpaceGrey;
   }
   WriteColor(spec, out);
 }

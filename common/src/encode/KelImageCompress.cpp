@@ -11,12 +11,14 @@
 #include "encode/KelMainStream.h"
 #include "encode/KelTileRows.h"
 #include "format/KelPartition.h"
+#include "format/KelSignature.h"
 #include "format/KelTileBox.h"
 
 namespace kel {
 namespace {
 
-constexpr std::uint8_t kEndMarker[2] = {0xAB, 0xD9};
+constexpr std::uint8_t kEndMarker[format::kMarkerBytes] = {MarkerByteOf(Flavour::kAB),
+                                                           format::kEOC};
 
 /// Drops what an earlier coding of a tile left.
 void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {

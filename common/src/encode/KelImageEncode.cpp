@@ -21,16 +21,7 @@
 namespace kel {
 namespace {
 
-// Limits of the code stream's fields, and of what 32-bit coefficients can hold.
-constexpr std::int64_t kMostTiles = 65535;
-constexpr KelLong kMostComponents = 16384;
-constexpr KelLong kMostPartsPerTile = 255;
-constexpr KelLong kMostLayers = 65535;
-constexpr KelLong kMostSubsampling = 255;
-constexpr KelLong kMostDepth = 28;
-
-/// Rate-control mode, code-block exponents and region style that every encoder has.
-constexpr KelLong kRateMode = 5;
+/// Code-block exponents and region style that every encoder has.
 constexpr KelLong kBlockExp = 3;
 constexpr KelLong kRegionStyle = 2;
 
@@ -46,7 +37,7 @@ void EmptyDebugFile(const char* name) noexcept {
 
 /// Whether a geometry can be copied: its arrays are there and its tiling is allowed.
 bool GeometryIsWhole(const KelImageGeometry* g) {
-  return g != nullptr && IsWithin(g->Csiz, 1, kMostComponents) && g->XRsiz != nullptr &&
+  return g != nullptr && IsWithin(g->Csiz, 1, format::kMostComponents) && g->XRsiz != nullptr &&
          g->YRsiz != nullptr && g->BitDepths != nullptr && !g->ParamsAreInConsistent();
 }
 
@@ -61,12 +52,13 @@ bool GeometryCanBeCoded(const KelImageGeometry& g) {
   const bool hasOffsets = g.XOsiz != 0 || g.YOsiz != 0 || g.XTOsiz != 0 || g.YTOsiz != 0;
   const std::int64_t numTiles = std::int64_t{g.NumXTiles} * g.NumYTiles;
   if (hasOffsets || g.Xsiz < 1 || g.Ysiz < 1 || g.NumXTiles < 1 || g.NumYTiles < 1 ||
-      numTiles > kMostTiles) {
+      numTiles > format::kMostTiles) {
     return false;
   }
   for (KelLong c = 0; c < g.Csiz; ++c) {
-    if (!IsWithin(g.XRsiz[c], 1, kMostSubsampling) || !IsWithin(g.YRsiz[c], 1, kMostSubsampling) ||
-        !IsWithin(g.BitDepths[c], 1, kMostDepth)) {
+    if (!IsWithin(g.XRsiz[c], 1, format::kMostSubsampling) ||
+        !IsWithin(g.YRsiz[c], 1, format::kMostSubsampling) ||
+        !IsWithin(g.BitDepths[c], 1, format::kMostEncodedDepth)) {
       return false;
     }
   }
@@ -74,10 +66,11 @@ bool GeometryCanBeCoded(const KelImageGeometry& g) {
 }
 
 bool CodingParamsAreAllowed(const KelEncOpt& o) {
-  return IsWithin(o.NumLayers, 1, kMostLayers) && IsWithin(o.NumLevels, 0, kMaxLevels) &&
+  return IsWithin(o.NumLayers, 1, format::kMostLayers) &&
+         IsWithin(o.NumLevels, 0, format::kMostLevels) &&
          IsWithin(o.ProgressionOrder, KelLRCP, KelCPRL) &&
-         IsWithin(o.PrecinctWidthExp, 0, kWholePrecinct) &&
-         IsWithin(o.PrecinctHeightExp, 0, kWholePrecinct);
+         IsWithin(o.PrecinctWidthExp, 0, format::kWholePrecinct) &&
+         IsWithin(o.PrecinctHeightExp, 0, format::kWholePrecinct);
 }
 
 /// A component transform needs three components alike, all of them written.
@@ -102,7 +95,8 @@ bool ChannelsAreAllowed(const KelEncOpt& o) {
     return false;
   }
   const KelLong numWritten = NumInMainStream(o);
-  const KelLong mostWritten = o.ProgressionOrder == KelCPRL ? kMostPartsPerTile : kMostComponents;
+  const KelLong mostWritten =
+      o.ProgressionOrder == KelCPRL ? format::kMostCountedTileParts : format::kMostComponents;
   return IsWithin(numWritten, 1, mostWritten);
 }
 
@@ -193,7 +187,7 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
     EmptyDebugFile(debugFileName);
   });
   if (options != nullptr) {
-    options->RateMode = kRateMode;
+    options->RateMode = format::kRateModeEncoder;
     options->CodeBlockWidthExp = options->CodeBlockHeightExp = kBlockExp;
     if (options->RoiEnabled) options->RoiStyle = kRegionStyle;
   }

@@ -48,7 +48,9 @@ RateInputs RateInputsOf(ImageState& state) {
 /// tile-parts of its own.
 std::int64_t SizeOfComponent(const ImageState& state, KelLong component) {
   const KelEncOpt& o = state.encoder->settings;
-  std::int64_t bytes = o.ProgressionOrder == KelCPRL ? kHeaderPerTile * state.map.numTiles : 0;
+  std::int64_t bytes = o.ProgressionOrder == KelCPRL
+                           ? std::int64_t{format::kLeastTilePartBytes} * state.map.numTiles
+                           : 0;
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     const TileRecord& tile = state.map.tiles[t];
     if (tile.comps == nullptr) continue;
@@ -150,7 +152,7 @@ KelLong UpdateCodestreamSize(const ImageState& state, KelLong from, KelLong size
   const KelLong fromParts = PartsPerTile(o, from);
   const KelLong toParts = PartsPerTile(o, to);
   if (fromParts < 0 || toParts < 0) return -1;
-  const std::int64_t perPart = kHeaderPerTile * state.map.numTiles;
+  const std::int64_t perPart = std::int64_t{format::kLeastTilePartBytes} * state.map.numTiles;
   return Limited(size + perPart * (std::int64_t{toParts} - fromParts));
 }
 

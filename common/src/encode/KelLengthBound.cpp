@@ -17,8 +17,6 @@
 namespace kel {
 namespace {
 
-constexpr std::uint64_t kEndMarkerBytes = 2;
-
 /// Segment of a component's steps without the pairs: marker, length, component, style.
 constexpr std::uint64_t kQuantSegmentBytes = 7;
 
@@ -96,9 +94,9 @@ KelLong CodeStreamLengthBound(ImageState& state) {
   const KelLong partsOfTile = o.ProgressionOrder == KelCPRL ? NumInMainStream(o) : o.NumLevels + 1;
   const std::uint64_t stepsBytes =
       kQuantSegmentBytes + 2 * static_cast<std::uint64_t>(NumSubbands(o.NumLevels));
-  std::uint64_t bytes = e.headerBytes + kEndMarkerBytes;
+  std::uint64_t bytes = e.headerBytes + format::kMarkerBytes;
   for (std::int32_t t = 0; t < state.map.numTiles && bytes < INT32_MAX; ++t) {
-    bytes = SaturatingAdd(bytes, AsCount(partsOfTile) * kTilePartHeaderBytes);
+    bytes = SaturatingAdd(bytes, AsCount(partsOfTile) * format::kLeastTilePartBytes);
     for (KelLong c = 0; c < state.map.numComps && bytes < INT32_MAX; ++c) {
       if (!IsInMainStream(o, c)) continue;
       if (IsCodedIrreversibly(o, c)) bytes += stepsBytes;

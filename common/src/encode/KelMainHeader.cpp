@@ -15,7 +15,7 @@ namespace kel {
 namespace {
 
 /// Most bytes of a comment: what Lcom can count, less itself and Rcom.
-constexpr std::uint32_t kMostCommentBytes = 65531;
+constexpr std::uint32_t kMostCommentBytes = format::kMostSegmentBytes - 4;
 
 /// The records of a main header, filled from options and geometry. The set's pointers lead into
 /// the owners beside it.
@@ -108,7 +108,7 @@ void FillExtraChannels(const KelEncOpt& o, MainHeader& h) {
     style = h.style;
     style.component = firstExtra + static_cast<KelLong>(i);
     style.numLevels = o.NumLevels;
-    style.defaultPrecinctWidthExp = style.defaultPrecinctHeightExp = kWholePrecinct;
+    style.defaultPrecinctWidthExp = style.defaultPrecinctHeightExp = format::kWholePrecinct;
     KelQuantParams& quant = h.componentQuants[i];
     quant = h.quant;
     quant.component = style.component;

@@ -19,9 +19,6 @@
 namespace kel {
 namespace {
 
-/// The rate mode of a preview that shows what coding does; any other one simulates it.
-constexpr KelLong kDirectMode = 5;
-
 /// The top of the range that previews are recast to.
 KelLong PreviewMax(KelLong bitDepth) {
   return bitDepth == 8 ? 255 : KelLong{1} << (bitDepth - 1);
@@ -51,7 +48,7 @@ class TilePreview {
         tile_(tile),
         request_(request),
         resolution_(static_cast<int>(request.resolution)),
-        isDirect_(state.encOpt->RateMode == kDirectMode) {}
+        isDirect_(state.encOpt->RateMode == format::kRateModeEncoder) {}
 
   void Run() {
     EnsureTileComps(state_.map, tile_);

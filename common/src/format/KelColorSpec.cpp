@@ -5,12 +5,12 @@
 #include <array>
 
 #include "kel/KelColor.h"
+#include "kel/KelFormat.h"
 
 namespace {
 
-constexpr KelULong kCIELab = 1;
-constexpr KelULong kCIEJab = 2;
-constexpr KelULong kIlluminantCode = 1;
+namespace format = kel::format;
+
 constexpr KelULong kIlluminantD50 = 0x443530;  // the characters D, 5, 0
 
 /// 2^n; 0 beyond 32 bits.
@@ -23,18 +23,19 @@ KelULong PowerOfTwo(KelULong n) {
 extern "C" {
 
 KelLong InitDefaultCIEParams(KelULong kind, KelCIEParams* params, KelULong bitsA, KelULong bitsB) {
-  if (params == nullptr || (kind != kCIELab && kind != kCIEJab)) return KelErrBadParam;
-  if (bitsA == 0 || bitsB < (kind == kCIELab ? 3U : 1U)) return KelErrBadParam;
+  if (params == nullptr || (kind != format::kKindCIELab && kind != format::kKindCIEJab))
+    return KelErrBadParam;
+  if (bitsA == 0 || bitsB < (kind == format::kKindCIELab ? 3U : 1U)) return KelErrBadParam;
   params->kind = kind;
   params->rangeL = 100;
   params->offsetL = 0;
   params->offsetA = PowerOfTwo(bitsA - 1);
   params->temperature = 0;
-  if (kind == kCIELab) {
+  if (kind == format::kKindCIELab) {
     params->rangeA = 170;
     params->rangeB = 200;
     params->offsetB = PowerOfTwo(bitsB - 2) + PowerOfTwo(bitsB - 3);
-    params->illuminantKind = kIlluminantCode;
+    params->illuminantKind = format::kIlluminantCode;
     params->illuminant = kIlluminantD50;
   } else {
     params->rangeA = 255;
@@ -55,7 +56,7 @@ KelLong CIEParamsAreDefaults(const KelCIEParams* params, KelULong bitsA, KelULon
     return std::array{p.rangeL, p.offsetL, p.rangeA, p.offsetA, p.rangeB, p.offsetB};
   };
   if (values(*params) != values(defaults)) return 0;
-  if (params->kind == kCIEJab) return 1;
+  if (params->kind == format::kKindCIEJab) return 1;
   return params->illuminantKind == defaults.illuminantKind &&
                  params->illuminant == defaults.illuminant
              ? 1
@@ -65,6 +66,9 @@ KelLong CIEParamsAreDefaults(const KelCIEParams* params, KelULong bitsA, KelULon
 KelLong ColorSpecIsKelCompatibile(const KelColorSpec* entry) {
   if (entry == nullptr) return 0;
   if (entry->method == 2) return 1;
-  return entry->method == 1 && entry->enumeratedSpace >= 16 && entry->enumeratedSpace <= 18 ? 1 : 0;
+  return entry->method == 1 && entry->enumeratedSpace >= format::kSpaceSRGB &&
+                 entry->enumeratedSpace <= format::kSpaceSYCC
+             ? 1
+             : 0;
 }
 }

@@ -11,6 +11,7 @@
 
 #include "kel/KelColor.h"
 #include "kel/KelFileRecords.h"
+#include "kel/KelFormat.h"
 
 namespace kel {
 

@@ -2,7 +2,7 @@
 // headers are in files of their own.
 //
 // Every array comes from the memory layer, zero-filled, with a length that does not depend on the
-// data: kQuantEntries for exponents and mantissas, kMaxLevels + 1 for precinct exponents.
+// data: kQuantEntries for exponents and mantissas, format::kMostLevels + 1 for precinct exponents.
 #include "format/KelHeaders.h"
 
 #include <algorithm>
@@ -119,8 +119,8 @@ void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept {
 }
 
 void CopyCodingStyle(KelCodingStyle& destination, const KelCodingStyle& source) {
-  auto widths = CopyOf(source.precinctWidthExps, kMaxLevels + 1);
-  auto heights = CopyOf(source.precinctHeightExps, kMaxLevels + 1);
+  auto widths = CopyOf(source.precinctWidthExps, format::kMostLevels + 1);
+  auto heights = CopyOf(source.precinctHeightExps, format::kMostLevels + 1);
   destination = source;
   destination.precinctWidthExps = widths.Release();
   destination.precinctHeightExps = heights.Release();

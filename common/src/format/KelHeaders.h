@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "base/KelMemFuncDefs.h"
+#include "kel/KelFormat.h"
 #include "transform/KelQuant.h"
 
 namespace kel {
@@ -17,9 +18,6 @@ namespace kel {
 /// The length of every exponent and mantissa array, whatever the level count, so that a count
 /// which changes between segments never lets a reader or a copy run past an array.
 inline constexpr int kQuantEntries = 100;
-
-/// Precinct exponent that means: not partitioned in this direction.
-inline constexpr int kWholePrecinct = 15;
 
 /// Image and tile sizes (SIZ).
 struct KelSizParams {
@@ -42,14 +40,14 @@ struct KelCodingStyle {
   std::uint8_t usesEPH, usesSOP;         ///< COD only
   std::int32_t defaultPrecinctWidthExp;  ///< 15: resolutions are not partitioned
   std::int32_t defaultPrecinctHeightExp;
-  std::int32_t* precinctWidthExps;  ///< kMaxLevels + 1 entries by resolution, or null
+  std::int32_t* precinctWidthExps;  ///< format::kMostLevels + 1 entries by resolution, or null
   std::int32_t* precinctHeightExps;
   std::int32_t blockWidthExp;  ///< the segment's value plus 2
   std::int32_t blockHeightExp;
-  std::int32_t numLevels;           ///< 0 to kMaxLevels
+  std::int32_t numLevels;           ///< 0 to format::kMostLevels
   std::int32_t irreversible;        ///< 1: 9/7 filter, 0: 5/3 filter
   std::int32_t progressionOrder;    ///< COD only, 0 to 4
-  std::int32_t numLayers;           ///< COD only, 1 to 65535
+  std::int32_t numLayers;           ///< COD only, 1 to format::kMostLayers
   std::int32_t componentTransform;  ///< COD only
   // Region of interest, set for a tile-component whose component has an RGN segment.
   std::int32_t hasRegion;

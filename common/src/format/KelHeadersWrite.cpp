@@ -4,35 +4,21 @@
 // components on. Relies on records that hold in-range values; nothing is checked here.
 #include "format/KelHeadersWrite.h"
 
+#include "format/KelSignature.h"
+#include "kel/KelFormat.h"
+
 namespace kel {
 namespace {
 
-/// Second bytes of the markers; the first is kMarkerByte.
-enum Marker : std::uint8_t {
-  kSOC = 0x4F,
-  kSIZ = 0x51,
-  kCOD = 0x52,
-  kCOC = 0x53,
-  kQCD = 0x5C,
-  kQCC = 0x5D,
-  kRGN = 0x5E,
-  kPOC = 0x5F,
-  kCOM = 0x64,
-  kSOT = 0x90,
-  kSOD = 0x93,
-};
-constexpr std::uint32_t kMarkerByte = 0xAB;
-
-/// Place of Psot behind the start of a tile-part header.
-constexpr std::uint32_t kPsotOffset = 6;
+using format::Marker;
 
 void PutMarker(KelOutBuffer& out, Marker marker) {
-  PutByte(out, kMarkerByte);
+  PutByte(out, MarkerByteOf(Flavour::kAB));
   PutByte(out, marker);
 }
 
 std::uint32_t IndexBytes(const KelHeaderParams& set) {
-  return set.Csiz >= 257 ? 2 : 1;
+  return static_cast<std::uint32_t>(format::ComponentIndexBytes(set.Csiz));
 }
 
 void PutComponentIndex(KelOutBuffer& out, const KelHeaderParams& set, std::int32_t component) {
@@ -45,7 +31,7 @@ void PutSmall(KelOutBuffer& out, std::int32_t value) {
 
 void WriteSIZ(const KelHeaderParams& set, KelOutBuffer& out) {
   const KelSizParams& s = *set.sizes;
-  PutMarker(out, kSIZ);
+  PutMarker(out, format::kSIZ);
   PutU16(out, 38 + 3 * static_cast<std::uint32_t>(set.Csiz));
   PutU16(out, 0);  // Rsiz
   for (const std::uint32_t size :
@@ -61,8 +47,8 @@ void WriteSIZ(const KelHeaderParams& set, KelOutBuffer& out) {
 }
 
 bool HasPrecincts(const KelCodingStyle& style) {
-  return style.defaultPrecinctWidthExp != kWholePrecinct ||
-         style.defaultPrecinctHeightExp != kWholePrecinct;
+  return style.defaultPrecinctWidthExp != format::kWholePrecinct ||
+         style.defaultPrecinctHeightExp != format::kWholePrecinct;
 }
 
 void PutPrecincts(KelOutBuffer& out, const KelCodingStyle& style, std::int32_t numLevels) {
@@ -90,7 +76,7 @@ void PutBlockCoding(KelOutBuffer& out, const KelCodingStyle& style, std::int32_t
 void WriteCOD(const KelHeaderParams& set, KelOutBuffer& out) {
   const KelCodingStyle& style = *set.codingStyle;
   const bool precincts = HasPrecincts(style);
-  PutMarker(out, kCOD);
+  PutMarker(out, format::kCOD);
   PutU16(out, precincts ? static_cast<std::uint32_t>(set.numLevels) + 13 : 12);
   PutByte(out, (set.usesEPH != 0 ? 4U : 0U) + (set.usesSOP != 0 ? 2U : 0U) + (precincts ? 1U : 0U));
   PutSmall(out, set.progressionOrder);
@@ -104,7 +90,7 @@ void WriteCOD(const KelHeaderParams& set, KelOutBuffer& out) {
 void WriteCOC(const KelHeaderParams& set, const KelCodingStyle& style, KelOutBuffer& out) {
   const bool precincts = HasPrecincts(style);
   const std::uint32_t length = precincts ? static_cast<std::uint32_t>(style.numLevels) + 10 : 9;
-  PutMarker(out, kCOC);
+  PutMarker(out, format::kCOC);
   PutU16(out, length + IndexBytes(set) - 1);
   PutComponentIndex(out, set, style.component);
   PutByte(out, precincts ? 1 : 0);
@@ -143,21 +129,21 @@ struct QuantFields {
 
 void WriteQCD(const KelHeaderParams& set, KelOutBuffer& out) {
   const QuantFields fields{*set.quantisation, set.numLevels};
-  PutMarker(out, kQCD);
+  PutMarker(out, format::kQCD);
   PutU16(out, 2 + fields.Bytes());
   fields.Put(out);
 }
 
 void WriteQCC(const KelHeaderParams& set, const KelQuantParams& quant, KelOutBuffer& out) {
   const QuantFields fields{quant, quant.numLevels};
-  PutMarker(out, kQCC);
+  PutMarker(out, format::kQCC);
   PutU16(out, 2 + IndexBytes(set) + fields.Bytes());
   PutComponentIndex(out, set, quant.component);
   fields.Put(out);
 }
 
 void WriteRGN(const KelHeaderParams& set, const KelRoiParams& region, KelOutBuffer& out) {
-  PutMarker(out, kRGN);
+  PutMarker(out, format::kRGN);
   PutU16(out, 4 + IndexBytes(set));
   PutComponentIndex(out, set, region.component);
   PutByte(out, 0);  // Srgn
@@ -167,7 +153,7 @@ void WriteRGN(const KelHeaderParams& set, const KelRoiParams& region, KelOutBuff
 void WritePOC(const KelHeaderParams& set, KelOutBuffer& out) {
   const KelProgressionChanges& changes = *set.progressionChanges;
   const int indexBytes = static_cast<int>(IndexBytes(set));
-  PutMarker(out, kPOC);
+  PutMarker(out, format::kPOC);
   PutU16(out, 2 + (5 + 2 * IndexBytes(set)) * static_cast<std::uint32_t>(changes.count));
   for (std::int32_t i = 0; i < changes.count; ++i) {
     PutByte(out, changes.resolutionStart[i]);
@@ -180,7 +166,7 @@ void WritePOC(const KelHeaderParams& set, KelOutBuffer& out) {
 }
 
 void WriteCOM(const KelHeaderParams& set, KelOutBuffer& out) {
-  PutMarker(out, kCOM);
+  PutMarker(out, format::kCOM);
   PutU16(out, set.commentLength + 4U);
   PutU16(out, 1);  // Rcom: text
   PutBytes(out, set.comment, set.commentLength);
@@ -210,11 +196,11 @@ void WriteCodingSegments(const KelHeaderParams& set, KelOutBuffer& out) {
 void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
   const std::uint32_t start = out.count;
   if (set.inMainHeader != 0) {
-    PutMarker(out, kSOC);
+    PutMarker(out, format::kSOC);
     WriteSIZ(set, out);
   } else {
-    PutMarker(out, kSOT);
-    PutU16(out, 10);
+    PutMarker(out, format::kSOT);
+    PutU16(out, format::kSotBytes - format::kMarkerBytes);
     PutU16(out, set.Isot);
     PutU32(out, 0);
     PutByte(out, set.TPsot);
@@ -224,8 +210,8 @@ void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
   if (set.seenPOC != 0) WritePOC(set, out);
   if (set.seenCOM != 0) WriteCOM(set, out);
   if (set.inMainHeader != 0) return;
-  PutMarker(out, kSOD);
-  PatchU32(out, start + kPsotOffset, out.count - start + set.dataLength);
+  PutMarker(out, format::kSOD);
+  PatchU32(out, start + format::kPsotAt, out.count - start + set.dataLength);
 }
 
 }  // namespace kel

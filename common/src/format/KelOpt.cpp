@@ -9,6 +9,7 @@
 
 #include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
+#include "kel/KelFormat.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ void SetDefaults(KelEncOpt& o) {
 
   o.NumLevels = 5;
   o.Irreversible = 1;
-  o.RateMode = 0;
+  o.RateMode = kel::format::kRateModeUnset;
   o.RateFlag = false;
   o.RateParamA = 0;
   o.RateParamB = 0;

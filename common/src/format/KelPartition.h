@@ -11,8 +11,8 @@
 namespace kel {
 
 /// The cells of a grid that a box touches. Cells are 2^widthExp x 2^heightExp; the first and the
-/// last cell may be partial. An exponent of kWholePrecinct or more means a single cell in that
-/// direction, however large the box.
+/// last cell may be partial. An exponent of format::kWholePrecinct or more means a single cell in
+/// that direction, however large the box.
 struct GridPartition {
   Box box;
   int widthExp, heightExp;
@@ -26,11 +26,11 @@ inline GridPartition PartitionBox(const Box& box, int widthExp, int heightExp) {
   GridPartition grid{box, widthExp, heightExp, 0, 0, 0, 0};
   if (box.IsEmpty()) return grid;
   grid.across = grid.down = 1;
-  if (widthExp < kWholePrecinct) {
+  if (widthExp < format::kWholePrecinct) {
     grid.firstColumn = FloorShift(box.x0, widthExp);
     grid.across = CeilShift(box.x1, widthExp) - grid.firstColumn;
   }
-  if (heightExp < kWholePrecinct) {
+  if (heightExp < format::kWholePrecinct) {
     grid.firstRow = FloorShift(box.y0, heightExp);
     grid.down = CeilShift(box.y1, heightExp) - grid.firstRow;
   }
@@ -42,8 +42,8 @@ struct SampleRange {
   std::int64_t first, end;
 };
 
-/// Cell number `index` of a grid along one axis, clipped to a range. Exponents of kWholePrecinct
-/// and more give the whole range.
+/// Cell number `index` of a grid along one axis, clipped to a range. Exponents of
+/// format::kWholePrecinct and more give the whole range.
 inline SampleRange ClipCell(std::int64_t index, int exponent, bool isWhole, SampleRange range) {
   if (isWhole) return range;
   return {std::max(range.first, index << exponent), std::min(range.end, (index + 1) << exponent)};
@@ -56,10 +56,10 @@ inline Box PrecinctOfBand(const Box& band, const GridPartition& resolution, std:
   const int halving = isLowest ? 0 : 1;
   const SampleRange across =
       ClipCell(resolution.firstColumn + precinct % resolution.across, resolution.widthExp - halving,
-               resolution.widthExp >= kWholePrecinct, {band.x0, band.x1});
+               resolution.widthExp >= format::kWholePrecinct, {band.x0, band.x1});
   const SampleRange down =
       ClipCell(resolution.firstRow + precinct / resolution.across, resolution.heightExp - halving,
-               resolution.heightExp >= kWholePrecinct, {band.y0, band.y1});
+               resolution.heightExp >= format::kWholePrecinct, {band.y0, band.y1});
   return {across.first, across.end, down.first, down.end};
 }
 

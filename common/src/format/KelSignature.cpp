@@ -11,13 +11,13 @@ namespace {
 struct Signature {
   Flavour flavour;
   std::uint32_t length;
-  std::array<std::uint8_t, kSignatureBytes> bytes;
+  std::array<std::uint8_t, format::kSignatureBytes> bytes;
 };
 
 constexpr std::array<Signature, 4> kSignatures = {{
-    {Flavour::kAB, 4, {0xAB, 0x4F, 0xAB, 0x51}},
+    {Flavour::kAB, 4, {0xAB, format::kSOC, 0xAB, format::kSIZ}},
     {Flavour::kAB, 12, {0, 0, 0, 12, 'w', 'e', 'a', 'b', 'z', 'o', 'l', 't'}},
-    {Flavour::kFF, 4, {0xFF, 0x4F, 0xFF, 0x51}},
+    {Flavour::kFF, 4, {0xFF, format::kSOC, 0xFF, format::kSIZ}},
     {Flavour::kFF, 12, {0, 0, 0, 12, 'j', 'P', ' ', ' ', 0x0D, 0x0A, 0x87, 0x0A}},
 }};
 
@@ -33,10 +33,10 @@ std::optional<Flavour> RecogniseSignature(const std::uint8_t* bytes) {
 }
 
 std::optional<Flavour> RecogniseSignature(KelCodeStm& stream) {
-  std::array<std::uint8_t, kSignatureBytes> bytes{};
+  std::array<std::uint8_t, format::kSignatureBytes> bytes{};
   std::uint32_t filled = 0;
-  while (filled < kSignatureBytes) {
-    const auto wanted = static_cast<KelLong>(kSignatureBytes - filled);
+  while (filled < format::kSignatureBytes) {
+    const auto wanted = static_cast<KelLong>(format::kSignatureBytes - filled);
     const KelLong delivered = stream.read(bytes.data() + filled, wanted);
     if (delivered <= 0 || delivered > wanted) return std::nullopt;
     filled += static_cast<std::uint32_t>(delivered);
@@ -45,7 +45,7 @@ std::optional<Flavour> RecogniseSignature(KelCodeStm& stream) {
 }
 
 std::optional<Flavour> RecogniseSignature(const KelCompressedData& data) {
-  if (data.data == nullptr || data.length <= kSignatureBytes) return std::nullopt;
+  if (data.data == nullptr || data.length <= format::kSignatureBytes) return std::nullopt;
   return RecogniseSignature(data.data);
 }
 

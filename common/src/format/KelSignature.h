@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "kel/KelFormat.h"
 #include "kel/KelStream.h"
 
 namespace kel {
@@ -12,11 +13,13 @@ namespace kel {
 /// The two flavours of the code-stream syntax, named by the first byte of every marker. Each goes
 /// with a box layout of its own.
 enum class Flavour : std::uint8_t {
-  kAB,  ///< markers AB xx, boxes of the library's own layout
-  kFF   ///< markers FF xx, boxes of the standard layout
+  kAB = 0xAB,  ///< markers AB xx, boxes of the library's own layout
+  kFF = 0xFF   ///< markers FF xx, boxes of the standard layout
 };
 
-inline constexpr std::uint32_t kSignatureBytes = 12;
+constexpr std::uint8_t MarkerByteOf(Flavour flavour) {
+  return static_cast<std::uint8_t>(flavour);
+}
 
 /// The flavour that 12 bytes begin, as a bare code stream or as a file; nothing when neither.
 std::optional<Flavour> RecogniseSignature(const std::uint8_t* bytes);

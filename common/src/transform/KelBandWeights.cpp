@@ -30,7 +30,7 @@ constexpr FilterPair kPair53 = {{0.707107, 0.353553, 0.0, 0.0, 0.0},
 constexpr int KeptAfterRound(int k) {
   return 5 * k + 9;
 }
-constexpr int kMostValues = KeptAfterRound(kMaxLevels - 1);
+constexpr int kMostValues = KeptAfterRound(format::kMostLevels - 1);
 
 /// One half of a symmetric sequence, centre first; zero beyond what was computed.
 struct HalfSequence {

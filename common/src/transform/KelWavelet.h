@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "base/KelBox.h"
+#include "kel/KelFormat.h"
 #include "samples/KelCellKind.h"
 
 namespace kel {
@@ -26,9 +27,8 @@ enum class SubbandKind : std::uint8_t { kLL, kHL, kLH, kHH };
 constexpr int NumSubbands(int numLevels) {
   return 3 * numLevels + 1;
 }
-/// Most levels that a code stream can ask for, and the subbands of so many.
-inline constexpr int kMaxLevels = 32;
-inline constexpr int kMaxSubbands = NumSubbands(kMaxLevels);
+/// Subbands of the most levels that a code stream can ask for.
+inline constexpr int kMaxSubbands = NumSubbands(format::kMostLevels);
 /// The kind of a subband, and the level it belongs to (with no level at all LL counts as 0).
 constexpr SubbandKind KindOfSubband(int subband) {
   return subband == 0 ? SubbandKind::kLL : static_cast<SubbandKind>((subband - 1) % 3 + 1);
@@ -63,9 +63,6 @@ struct Rows {
 // levels as the resolution's number: they have the same boxes there, and the first entries of the
 // same list of steps.
 
-/// Most levels of a transform.
-inline constexpr int kMostLevels = 32;
-
 /// Cells around a row of a band that the synthesis may write, if the band says so.
 inline constexpr std::int64_t kBandRowMargin = 32;
 
@@ -90,7 +87,7 @@ struct ComponentBands {
   Box box;
   int numLevels;
   CellKind cells;
-  BandRows bands[NumSubbands(kMostLevels)];
+  BandRows bands[NumSubbands(format::kMostLevels)];
 };
 
 /// How the indices of the 9/7 filter are dequantised.

@@ -53,7 +53,8 @@ struct ForwardRows {
   BandRowTaker taker;
   CellKind cells;
   int numLevels;
-  ForwardLevel levels[kMaxLevels + 1];  ///< finest first; the last one is LL, which has no steps
+  ForwardLevel
+      levels[format::kMostLevels + 1];  ///< finest first; the last one is LL, which has no steps
   std::uint8_t* lowHigh[2];             ///< rows made down, with room for mirrored neighbours
   std::uint8_t* across[2];              ///< rows made across
 };

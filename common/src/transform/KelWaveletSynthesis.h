@@ -212,7 +212,7 @@ class ComponentSynthesis {
   const Cell* Next() { return NextRow(*finest_); }
 
  private:
-  LevelSynthesis<Cell> levels_[kMostLevels + 1];
+  LevelSynthesis<Cell> levels_[format::kMostLevels + 1];
   LevelSynthesis<Cell>* finest_;
 };
 

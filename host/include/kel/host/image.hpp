@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_IMAGE_HPP
 #define KEL_HOST_IMAGE_HPP
 
+#include <kel/KelFormat.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -20,12 +22,12 @@ enum class ChannelRole { kColour, kOpacity, kPremultipliedOpacity, kOther };
 /// Colour spaces that a number stands for; the numbers are those of the file format.
 enum class ColourSpace : std::uint32_t {
   kUnspecified = 0,
-  kCmyk = 12,
-  kCieLab = 14,
-  kSrgb = 16,
-  kGrey = 17,
-  kSycc = 18,
-  kCieJab = 19
+  kCmyk = format::kSpaceCMYK,
+  kCieLab = format::kSpaceCIELab,
+  kSrgb = format::kSpaceSRGB,
+  kGrey = format::kSpaceGrey,
+  kSycc = format::kSpaceSYCC,
+  kCieJab = format::kSpaceCIEJab
 };
 
 /// Zeroed bytes with the copies of a value, for samples: large blocks that cost little to obtain.
