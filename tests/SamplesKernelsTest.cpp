@@ -130,6 +130,7 @@ void CompareAll(const KernelTable& table) {
   KEL_SAME(float, float, 1, inverseIct(out[0], out[1], out[2], n));
   KEL_SAME(I32, U8, 1, inverseRctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(float, U8, 1, inverseIctTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
+  KEL_SAME(float, U8, 1, inverseIctSingleTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(I16, U8, 1, inverseRctShortsTo8Bit(in[0], in[1], in[2], out[0], out[1], out[2], n));
   KEL_SAME(I32, U8, 1, intTo8Bit(in[0], out[0], n));
   KEL_SAME(I16, U8, 1, shortTo8Bit(in[0], out[0], n));

@@ -308,38 +308,55 @@ class Delivery {
   void DeliverConstant(TileCompRecord& record) {
     const bool isCopied = !request_.skipRecast || TakesDirectRoute(record);
     const bool isFilled = isCopied && FillHostBuffer(context_.map, request_, record);
-    if (isFilled || !tile_.dec->progress.isComplete) {
-      record.outputImage->FreeImageBuffer();
-      DescribeOutput(record);
-      record.dec->frameDone = record.dataReady = true;
-      ReleaseCoefficients(record);
-      return;
-    }
+    if (isFilled || !tile_.dec->progress.isComplete) return FinishInHostBuffer(record);
     SamplePlane samples(record, 4);
     samples.Clear();
     samples.Install(record, IsIrreversible(record) ? kFloatSamples : kIntegerSamples);
     Recast(record);
   }
 
+  /// Where the bytes of a component are written: its output image, or the host's buffer.
+  class ByteTarget {
+   public:
+    ByteTarget(Delivery& delivery, TileCompRecord& record) : delivery_(delivery), record_(record) {
+      const HostPlacement place =
+          PlaceInHostBuffer(delivery.context_.map, delivery.request_, record);
+      const bool fits = place.address != nullptr && place.isWhole && place.sampleBytes == 1;
+      if (delivery.context_.manner.withoutOutputImages && fits) {
+        rows = {place.address, static_cast<std::size_t>(place.stride)};
+      } else {
+        rows = image_.emplace(record, 1).RowsOf<std::uint8_t>();
+      }
+    }
+
+    /// All rows have been written.
+    void Finish() {
+      if (!image_) return delivery_.FinishInHostBuffer(record_);
+      image_->Install(record_, kIntegerSamples);
+      delivery_.Finish(record_);
+    }
+
+    Rows<std::uint8_t> rows;
+
+   private:
+    Delivery& delivery_;
+    TileCompRecord& record_;
+    std::optional<SamplePlane> image_;
+  };
+
   void DeliverColors() {
     Source source{3, {&Color(0), &Color(1), &Color(2)}, {}, {}, {}, nullptr};
-    std::optional<SamplePlane> bytes[3];
-    for (int i = 0; i < 3; ++i) bytes[i].emplace(Color(i), 1);
-    const Rows<std::uint8_t> out[3] = {bytes[0]->RowsOf<std::uint8_t>(),
-                                       bytes[1]->RowsOf<std::uint8_t>(),
-                                       bytes[2]->RowsOf<std::uint8_t>()};
+    ByteTarget targets[3] = {{*this, Color(0)}, {*this, Color(1)}, {*this, Color(2)}};
+    const Rows<std::uint8_t> out[3] = {targets[0].rows, targets[1].rows, targets[2].rows};
     if (IsIrreversible(Color(0))) {
       OpenSource97(source);
-      InverseDwt97IctTo8Bit(source.bands, source.scratch, out);
+      InverseDwt97IctTo8Bit(source.bands, source.scratch, out, Sums());
     } else {
       OpenSource(source, ShortestCells(source, kMostShortColor));
       InverseDwt53RctTo8Bit(source.bands, source.scratch, out);
     }
     CloseSource(source);
-    for (int i = 0; i < 3; ++i) {
-      bytes[i]->Install(Color(i), kIntegerSamples);
-      Finish(Color(i));
-    }
+    for (ByteTarget& target : targets) target.Finish();
   }
 
   void DeliverDirect(TileCompRecord& record) {
@@ -349,10 +366,7 @@ class Delivery {
     InverseDwt97To8Bit(source.bands[0], source.scratch,
                        {place.address, static_cast<std::size_t>(place.stride)});
     CloseSource(source);
-    record.outputImage->FreeImageBuffer();
-    DescribeOutput(record);
-    record.dec->frameDone = record.dataReady = true;
-    ReleaseCoefficients(record);
+    FinishInHostBuffer(record);
   }
 
   /// Reconstructs a component as 32-bit samples.
@@ -397,18 +411,17 @@ class Delivery {
       Recast(record);
       return;
     }
-    SamplePlane bytes(record, 1);
+    ByteTarget target(*this, record);
     Source source{1, {&record}, {}, {}, {}, nullptr};
     if (IsIrreversible(record)) {
       OpenSource97(source);
-      InverseDwt97GeneralTo8Bit(source.bands[0], source.scratch, bytes.RowsOf<std::uint8_t>());
+      InverseDwt97GeneralTo8Bit(source.bands[0], source.scratch, target.rows, Sums());
     } else {
       OpenSource(source, ShortestCells(source, INT16_MAX));
-      InverseDwt53To8Bit(source.bands[0], source.scratch, bytes.RowsOf<std::uint8_t>());
+      InverseDwt53To8Bit(source.bands[0], source.scratch, target.rows);
     }
     CloseSource(source);
-    bytes.Install(record, kIntegerSamples);
-    Finish(record);
+    target.Finish();
   }
 
   /// Turns a component's 32-bit samples into the form asked for.
@@ -424,6 +437,18 @@ class Delivery {
       if (code != KelOK) Raise(code, kModuleImageMap);
     }
     Finish(record);
+  }
+
+  Sums97 Sums() const {
+    return context_.manner.singlePrecision ? Sums97::kSingle : Sums97::kDouble;
+  }
+
+  /// The host's buffer holds the samples, and nothing else does.
+  void FinishInHostBuffer(TileCompRecord& record) {
+    record.outputImage->FreeImageBuffer();
+    DescribeOutput(record);
+    record.dec->frameDone = record.dataReady = true;
+    ReleaseCoefficients(record);
   }
 
   /// The output image holds the samples: gives the host its copy.

@@ -33,10 +33,17 @@ class OutputScratch {
   ScratchArray<std::uint32_t> cells_;
 };
 
+/// What the host leaves to the decoder for the sake of speed.
+struct DecodeManner {
+  bool singlePrecision;      ///< sums of the 9/7 filter and the colours of 8-bit samples
+  bool withoutOutputImages;  ///< for samples of 8 bits that the host's buffer takes whole
+};
+
 /// What delivering needs to know beside the tile.
 struct DeliveryContext {
   ImageMap& map;
   const FrameRequest& request;
+  DecodeManner manner;
   WorkMeter& work;
   bool forceComponentTransform;     ///< the decoder option
   std::int32_t colorComponents[3];  ///< components that carry colours 1 to 3

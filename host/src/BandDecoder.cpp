@@ -157,7 +157,7 @@ void BandDecoder::DecodeTiles(Band& band, const TileRun& run,
                               const std::vector<TilePartBytes>& parts) {
   const auto decode = [&]() -> std::optional<PartResult> {
     if (parts.empty()) return std::nullopt;
-    return DecodeInto({band.areas, 0, feed_.Header().Components()},
+    return DecodeInto({band.areas, 0, feed_.Header().Components(), params_.exact},
                       BuildRun(feed_.HeaderBytes(), feed_.Facts(), run, parts), &grid_, &run,
                       band.planes);
   };

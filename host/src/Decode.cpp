@@ -17,10 +17,12 @@ constexpr unsigned kMostHalvings = 31;
 
 /// What the parts of a decode share.
 struct Job {
-  Job(ByteView data, Index& indexOfData) : bytes(data), index(indexOfData) {}
+  Job(ByteView data, Index& indexOfData, bool isExact)
+      : bytes(data), index(indexOfData), exact(isExact) {}
 
   ByteView bytes;
   Index& index;
+  bool exact;
   unsigned halvings = 0;  ///< by the decoder: 0 or 1
   std::vector<ComponentArea> areas;
   std::vector<Plane> planes;
@@ -33,7 +35,7 @@ struct Job {
 /// False, with nothing decoded, when the library sees something else in the run.
 bool DecodePart(Job& job, ByteView bytes, const TileRun* run) {
   const auto part =
-      DecodeInto({job.areas, job.halvings, job.index.Components()}, bytes,
+      DecodeInto({job.areas, job.halvings, job.index.Components(), job.exact}, bytes,
                  run == nullptr ? nullptr : job.index.Facts().geometry, run, job.planes);
   if (!part) return false;
   const std::lock_guard lock(job.mutex);
@@ -118,7 +120,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   Bytes storage;
   const ByteView bytes = ReadAll(source, storage);
   Index index(bytes);
-  Job job(bytes, index);
+  Job job(bytes, index, params.exact);
 
   auto whole = std::make_unique<Decoder>(job.bytes);
   const KelImageGeometry& geometry = *whole->Object().GetGeometryParams();

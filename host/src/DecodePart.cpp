@@ -11,6 +11,7 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
   if (run != nullptr && !IsRunOf(*whole, *run, *object.GetGeometryParams())) return std::nullopt;
   const auto part = ComponentAreas(*object.GetGeometryParams(), target.halvings);
   FrameTarget frame(target.areas, part, target.components, decoder.Found().ComponentTransform);
+  decoder.SetExact(target.exact);
   const KelLong code = decoder.DecodeFrame(bytes, frame.Raw(), frame.Frame(planes));
   frame.FinishPlanes(object, target.halvings, planes);
 

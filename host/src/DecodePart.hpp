@@ -15,6 +15,7 @@ struct PartTarget {
   const std::vector<ComponentArea>& areas;  ///< of the planes
   unsigned halvings = 0;                    ///< by the decoder: 0 or 1
   std::span<const KelIndexComponent> components;
+  bool exact = false;  ///< as in DecodeParams
 };
 
 struct PartResult {

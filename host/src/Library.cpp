@@ -111,6 +111,10 @@ void Decoder::Release() {
   KelGetMemObj()->Free(resolutions_);
 }
 
+void Decoder::SetExact(bool exact) {
+  Check(image_.SetDecodeManner(!exact, true), image_, Failure::kInput);
+}
+
 KelLong Decoder::DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame) {
   block_ = {bytes.data(), static_cast<KelULong>(bytes.size())};
   KelLong code = KelOK;

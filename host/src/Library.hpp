@@ -76,6 +76,9 @@ class Decoder {
   /// What was found in the data.
   const KelEncOpt& Found() const { return *options_.EncOpt; }
 
+  /// Samples are written to the frame's planes alone, where the library can; those of up to 8 bits
+  /// by sums in double precision, or faster ones. For the frames to come.
+  void SetExact(bool exact);
   /// Decodes what is new in the bytes, which begin with those given before. Returns the library's
   /// code; throws Error (kMemory).
   KelLong DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame);

@@ -159,7 +159,7 @@ void CopyCommon(const Plane& from, const ComponentArea& fromArea, Plane& to,
 
 struct Picture::State {
   State(RangeSource& source, const PictureParams& params)
-      : bytes(source), stream(bytes), tiles(params.cacheBytes) {}
+      : bytes(source), stream(bytes), exact(params.exact), tiles(params.cacheBytes) {}
   ~State() { index.Die(); }
 
   void Open();
@@ -169,6 +169,7 @@ struct Picture::State {
 
   RangeCache bytes;
   SourceStream stream;
+  const bool exact;
   std::mutex indexMutex;
   KelStreamIndex index;
   DataFront front;
@@ -213,6 +214,7 @@ TilePointer Picture::State::DecodeTile(const TileParts& parts, unsigned reduce) 
     throw Error(Failure::kInput, "a tile lies elsewhere than the header says");
   }
   FrameTarget target(image->areas, found, components, decoder.Found().ComponentTransform);
+  decoder.SetExact(exact);
   const KelLong code = decoder.DecodeFrame(piece, target.Raw(), target.Frame(image->planes));
   target.FinishPlanes(object, 0, image->planes);
   image->complete = code == KelOK && object.TileIsComplete(0);

@@ -31,6 +31,7 @@ Opened::Opened(ByteView bytes, const Index& index)
       room(PlaneBytes(areas), "the decoded image"),
       planes(MakePlanes(areas)),
       complete(static_cast<std::size_t>(decoder.Object().GetNumTiles())) {
+  decoder.SetExact(false);
   const auto roles = ComponentRoles(decoder.Object());
   for (std::size_t c = 0; c < planes.size(); ++c) {
     planes[c].role = roles[c].role;

@@ -223,6 +223,14 @@ class KEL_API KelImage {
   /// decoded already are not decoded again: what their output images hold is copied to its new
   /// place. Returns 0; 15 for a rectangle that shows nothing of the image.
   KelLong SetDecodeRegion(KelLong x0, KelLong x1, KelLong y0, KelLong y1);
+  /// Guarded. What may be traded for speed in the tiles that frames to come deliver; both are false
+  /// after InitDecoder. singlePrecision: the irreversible filter and its colours to samples of 8
+  /// bits are computed in single instead of double precision. Now and then a sample is then one
+  /// level off, by the same on every machine; deeper samples are not affected. withoutOutputImages:
+  /// where the host's buffer takes the whole of a tile-component that ends as bytes without
+  /// rotation, no output image is made beside it (TileCompDataIsValid is then false); such a tile
+  /// is decoded again when the host's buffers move. Returns 0.
+  KelLong SetDecodeManner(bool singlePrecision, bool withoutOutputImages);
   /// Guarded. Gives back everything that a tile holds: coefficients, records, output images'
   /// samples. A later frame that wants the tile decodes it again, unless the data are gone. Returns
   /// 0; 15 for a tile out of range.

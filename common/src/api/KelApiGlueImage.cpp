@@ -162,6 +162,16 @@ KelLong KelImage::SetDecodeRegion(KelLong x0, KelLong x1, KelLong y0, KelLong y1
       kTheCode);
 }
 
+KelLong KelImage::SetDecodeManner(bool singlePrecision, bool withoutOutputImages) {
+  return Guarded(
+      handle_, Side::kDecoder,
+      [&](ImageState& state) {
+        state.decoder->manner = {singlePrecision, withoutOutputImages};
+        return KelOK;
+      },
+      kTheCode);
+}
+
 KelLong KelImage::ReleaseTile(KelLong tile) {
   return Guarded(
       handle_, Side::kDecoder, [&](ImageState& state) { return kel::ReleaseTile(state, tile); },

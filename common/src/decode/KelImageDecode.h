@@ -6,6 +6,7 @@
 #include "KelDecDataMgr.h"
 #include "KelDecMap.h"
 #include "KelFrameRequest.h"
+#include "KelTileOutput.h"
 #include "format/KelFileFormat.h"
 #include "image/KelImageState.h"
 #include "image/KelWork.h"
@@ -26,6 +27,7 @@ struct DecoderState {
   KelULong framesDecoded;
   KelULong bytesLastFrame;
   KelLong orientation;
+  DecodeManner manner;
   FrameRequest request;  ///< of the last frame
   bool hasRequest;
   DamageLog damages;  ///< owns its entries

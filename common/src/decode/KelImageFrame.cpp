@@ -98,6 +98,7 @@ void FindColors(const ImageState& state, std::int32_t (&components)[3]) {
 DeliveryContext DescribeDelivery(ImageState& state) {
   DeliveryContext delivery{state.map,
                            state.decoder->request,
+                           state.decoder->manner,
                            state.decoder->work,
                            state.decOpt->ForceComponentTransform != 0,
                            {}};

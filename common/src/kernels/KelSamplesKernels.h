@@ -77,6 +77,9 @@ struct SamplesKernels {
   /// Y + 128 for Y, each result rounded to single precision, then nearest and clamped to 0..255.
   void (*inverseIctTo8Bit)(const float* y, const float* cb, const float* cr, std::uint8_t* r,
                            std::uint8_t* g, std::uint8_t* b, std::size_t count);
+  /// The same with every operation rounded to single precision.
+  void (*inverseIctSingleTo8Bit)(const float* y, const float* cb, const float* cr, std::uint8_t* r,
+                                 std::uint8_t* g, std::uint8_t* b, std::size_t count);
   /// Level shift of 8-bit samples: v + 128, clamped to 0..255.
   void (*intTo8Bit)(const std::int32_t* in, std::uint8_t* out, std::size_t count);
   void (*shortTo8Bit)(const std::int16_t* in, std::uint8_t* out, std::size_t count);

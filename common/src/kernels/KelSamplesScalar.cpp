@@ -147,6 +147,16 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
   }
 }
 
+void InverseIctSingleTo8Bit(const float* y, const float* cb, const float* cr, std::uint8_t* r,
+                            std::uint8_t* g, std::uint8_t* b, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const float luma = y[i] + 128.0F;
+    r[i] = RoundToByte(luma + 1.402F * cr[i]);
+    g[i] = RoundToByte(luma - 0.34413F * cb[i] - 0.71414F * cr[i]);
+    b[i] = RoundToByte(luma + 1.772F * cb[i]);
+  }
+}
+
 template <class Cell>
 void IntTo8Bit(const Cell* in, std::uint8_t* out, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) out[i] = ShiftToByte(in[i]);
@@ -218,6 +228,7 @@ void FillScalarSamplesKernels(SamplesKernels& table) noexcept {
       .inverseRctTo8Bit = InverseRctTo8Bit,
       .inverseRctShortsTo8Bit = InverseRctShortsTo8Bit,
       .inverseIctTo8Bit = InverseIctTo8Bit,
+      .inverseIctSingleTo8Bit = InverseIctSingleTo8Bit,
       .intTo8Bit = IntTo8Bit<std::int32_t>,
       .shortTo8Bit = IntTo8Bit<std::int16_t>,
       .floatTo8Bit = FloatTo8Bit,

@@ -402,6 +402,22 @@ void InverseIctTo8Bit(const float* y, const float* cb, const float* cr, std::uin
   });
 }
 
+void InverseIctSingleTo8Bit(const float* y, const float* cb, const float* cr, std::uint8_t* r,
+                            std::uint8_t* g, std::uint8_t* b, std::size_t count) {
+  SweepPadded({y, cb, cr}, {r, g, b}, count, [](const auto& from, const auto& to) KEL_FORCED {
+    VInt rgb[3][2];
+    for (int half = 0; half < 2; ++half) {
+      const int at = half * kLanes;
+      const VFloat luma = Load<VFloat>(from[0] + at) + 128.0F;
+      const VFloat blue = Load<VFloat>(from[1] + at), red = Load<VFloat>(from[2] + at);
+      rgb[0][half] = NearestBytes(luma + 1.402F * red);
+      rgb[1][half] = NearestBytes(luma - 0.34413F * blue - 0.71414F * red);
+      rgb[2][half] = NearestBytes(luma + 1.772F * blue);
+    }
+    for (int k = 0; k < 3; ++k) StoreBytes(to[k], rgb[k][0], rgb[k][1]);
+  });
+}
+
 void IntTo8Bit(const std::int32_t* in, std::uint8_t* out, std::size_t count) {
   SweepPadded({in}, {out}, count, [](const auto& from, const auto& to) KEL_FORCED {
     StoreShifted(to[0], Load<VInt>(from[0]), Load<VInt>(from[0] + kLanes));
@@ -525,6 +541,7 @@ void LevelsToWords(const std::int32_t* in, std::uint16_t* out, std::size_t count
       .inverseRctTo8Bit = samples::InverseRctTo8Bit,
       .inverseRctShortsTo8Bit = samples::InverseRctShortsTo8Bit,
       .inverseIctTo8Bit = samples::InverseIctTo8Bit,
+      .inverseIctSingleTo8Bit = samples::InverseIctSingleTo8Bit,
       .intTo8Bit = samples::IntTo8Bit,
       .shortTo8Bit = samples::ShortTo8Bit,
       .floatTo8Bit = samples::FloatTo8Bit,

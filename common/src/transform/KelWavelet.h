@@ -125,11 +125,16 @@ void InverseDwt53(const ComponentBands& bands, void* scratch, Rows<std::int32_t>
 /// Straight to 8-bit samples: v + 128, clamped.
 void InverseDwt53To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out);
 
-// The general 9/7 path: double arithmetic, single-precision results.
+// The general 9/7 path. Results are of single precision.
 
+/// Sums and products: rounded to double precision, or each to single precision, which is faster.
+enum class Sums97 : std::uint8_t { kDouble, kSingle };
+
+/// In double precision.
 void InverseDwt97(const ComponentBands& bands, void* scratch, Rows<float> out);
-/// The same values straight to 8-bit samples: v + 128, to nearest, halves to even, clamped.
-void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out);
+/// Straight to 8-bit samples: v + 128, to nearest, halves to even, clamped.
+void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out,
+                               Sums97 sums = Sums97::kDouble);
 
 /// The direct 9/7 path to 8-bit samples: single-precision arithmetic. Samples are v + 128, clamped,
 /// rounded to nearest: halves to even when the width is a multiple of 4 and the output stride one
@@ -141,7 +146,7 @@ void InverseDwt97To8Bit(const ComponentBands& bands, void* scratch, Rows<std::ui
 void InverseDwt53RctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
                            const Rows<std::uint8_t> (&out)[3]);
 void InverseDwt97IctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
-                           const Rows<std::uint8_t> (&out)[3]);
+                           const Rows<std::uint8_t> (&out)[3], Sums97 sums = Sums97::kDouble);
 
 // Region masks.
 

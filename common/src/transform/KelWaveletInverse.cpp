@@ -80,6 +80,11 @@ void ColorsToBytes(const ComponentBands (&bands)[3], const SynthesisKernels<Cell
   }
 }
 
+const SynthesisKernels<float>& SynthesisOf(Sums97 sums) {
+  const WaveletKernels& kernels = Kernels().wavelet;
+  return sums == Sums97::kSingle ? kernels.synthesis97Single : kernels.synthesis97;
+}
+
 }  // namespace
 
 IndexSteps StepsOfIndices(const float* steps) {
@@ -133,9 +138,10 @@ void InverseDwt97(const ComponentBands& bands, void* scratch, Rows<float> out) {
   ToPlane(bands, Kernels().wavelet.synthesis97, scratch, out);
 }
 
-void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out) {
+void InverseDwt97GeneralTo8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out,
+                               Sums97 sums) {
   const KernelTable& kernels = Kernels();
-  ToBytes(bands, kernels.wavelet.synthesis97, scratch, kernels.samples.floatTo8Bit, out);
+  ToBytes(bands, SynthesisOf(sums), scratch, kernels.samples.floatTo8Bit, out);
 }
 
 void InverseDwt97To8Bit(const ComponentBands& bands, void* scratch, Rows<std::uint8_t> out) {
@@ -159,9 +165,11 @@ void InverseDwt53RctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
 }
 
 void InverseDwt97IctTo8Bit(const ComponentBands (&bands)[3], void* scratch,
-                           const Rows<std::uint8_t> (&out)[3]) {
-  const KernelTable& kernels = Kernels();
-  ColorsToBytes(bands, kernels.wavelet.synthesis97, scratch, kernels.samples.inverseIctTo8Bit, out);
+                           const Rows<std::uint8_t> (&out)[3], Sums97 sums) {
+  const SamplesKernels& kernels = Kernels().samples;
+  ColorsToBytes(bands, SynthesisOf(sums), scratch,
+                sums == Sums97::kSingle ? kernels.inverseIctSingleTo8Bit : kernels.inverseIctTo8Bit,
+                out);
 }
 
 }  // namespace kel

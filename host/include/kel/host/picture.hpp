@@ -19,6 +19,7 @@ struct Region {
 
 struct PictureParams {
   std::uint64_t cacheBytes = std::uint64_t{64} << 20;  ///< of decoded tiles that are kept
+  bool exact = false;                                  ///< as in DecodeParams
 };
 
 /// Every operation may be called on any thread.
