@@ -22,6 +22,7 @@ struct EncodeOptions {
   FileOptions files;
   CodingOptions coding;
   std::uint64_t size = 0;
+  double psnr = 0;
   std::string order = "rlcp";
   unsigned layers = 1;
   std::string comment;
@@ -78,6 +79,7 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
 
   host::EncodeParams params = ParamsOf(options.coding);
   params.sizeLimit = options.size;
+  params.psnr = options.psnr;
   params.order =
       options.order == "cprl" ? host::PacketOrder::kComponents : host::PacketOrder::kResolutions;
   params.layers = options.layers;
@@ -170,15 +172,26 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
   command
-      .add_option("--size", options->size,
-                  "best file of at most BYTES, without loss if that fits\n"
-                  "It is found by encoding several times. Units are K, M and G (of 1024).")
+      .add_option(
+          "--size", options->size,
+          "best file of at most BYTES, without loss if that fits\n"
+          "It is at most 1 % smaller, unless the finest there is takes less. Units are K, M "
+          "and G (of 1024).")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Validator(
           [](std::string& bytes) { return bytes == "0" ? "no file has 0 bytes" : ""; }, ""))
       ->excludes("--lossless")
       ->excludes("--quality");
+  command
+      .add_option("--psnr", options->psnr,
+                  "file of that peak signal-to-noise ratio, within 0.1 dB\n"
+                  "over the samples of all colours")
+      ->type_name("DB")
+      ->check(CLI::Range(1.0, 200.0))
+      ->excludes("--lossless")
+      ->excludes("--quality")
+      ->excludes("--size");
   command
       .add_option("--order", options->order,
                   "rlcp: coarse to fine; cprl: by component\n"
@@ -207,7 +220,8 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
       "  kel encode -q 80 --output-dir out *.png         many files side by side\n"
       "A dash stands for standard input and output. A picture is read as it is coded, a row of "
       "tiles\n"
-      "at a time; held whole in memory are pictures with --size or a palette to be looked up,\n"
+      "at a time; held whole in memory are pictures with --size, --psnr or a palette to be looked "
+      "up,\n"
       "interlaced or odd-depth PNG, PNG with metadata at its end, TIFF from a pipe or in one "
       "strip\n"
       "per channel, and progressive JPEG. Metadata at the end of a PNG from a pipe are left out.\n"

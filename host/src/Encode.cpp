@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 
+#include "EncodeTargets.hpp"
 #include "RowBands.hpp"
 
 namespace kel::host {
@@ -77,46 +78,6 @@ std::uint64_t EncodeOnce(const Image& image, TileSamples& samples, const EncodeP
   return writer.BytesWritten();
 }
 
-/// The best file that is not larger than the limit: the lossless one, or that of the best quality,
-/// found by halving the range of qualities. At most eight trials on real coded sizes, the first of
-/// a quality at that of the parameters.
-EncodeReport EncodeToSize(const Image& image, TileSamples& samples, const EncodeParams& params,
-                          Sink& sink) {
-  EncodeReport report;
-  report.trials = 0;
-  Bytes best;
-  std::uint64_t smallest = UINT64_MAX;
-  const auto fits = [&](const EncodeParams& these, int quality) {
-    MemorySink trial;
-    const std::uint64_t bytes = EncodeOnce(image, samples, these, quality, trial);
-    ++report.trials;
-    smallest = std::min(smallest, bytes);
-    if (bytes > params.sizeLimit) return false;
-    best = std::move(trial.bytes);
-    report.quality = these.lossless ? 0 : quality;
-    return true;
-  };
-  EncodeParams lossless = params;
-  lossless.lossless = true;
-  if (params.regionMask != nullptr || !fits(lossless, params.quality)) {
-    int quality = params.quality;
-    for (int low = 1, high = 100; low <= high; quality = (low + high) / 2) {
-      if (fits(params, quality)) {
-        low = quality + 1;
-      } else {
-        high = quality - 1;
-      }
-    }
-  }
-  if (best.empty()) {
-    throw Error(Failure::kOutput, "the image cannot be made that small: it takes " +
-                                      std::to_string(smallest) + " bytes at least");
-  }
-  report.bytes = best.size();
-  sink.Write(best);
-  return report;
-}
-
 EncodeReport EncodeAll(const Image& image, TileSamples& samples, const EncodeParams& params,
                        Sink& sink) {
   EncodeReport report;
@@ -130,15 +91,17 @@ EncodeReport EncodeAll(const Image& image, TileSamples& samples, const EncodePar
 
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink) {
   const EncodeParams checked = CheckedParams(image, params);
-  PlaneSamples samples(image);
-  if (checked.sizeLimit == 0) return EncodeAll(image, samples, checked, sink);
-  const EncodeReport report = EncodeToSize(image, samples, checked, sink);
+  if (!HasTarget(checked)) {
+    PlaneSamples samples(image);
+    return EncodeAll(image, samples, checked, sink);
+  }
+  const EncodeReport report = EncodeToTarget(image, checked, sink);
   sink.Finish();
   return report;
 }
 
 EncodeReport Encode(RowSource& rows, const EncodeParams& params, Sink& sink) {
-  if (params.sizeLimit != 0) return Encode(ReadImage(rows), params, sink);
+  if (HasTarget(params)) return Encode(ReadImage(rows), params, sink);
   const EncodeParams checked = CheckedParams(rows.Description(), params);
   RowBands bands(rows, checked);
   return EncodeAll(rows.Description(), bands, checked, sink);

@@ -14,9 +14,10 @@ constexpr KelLong kMaskDepth = 8;
 
 /// The library's number for a quality. Its 100 stands for steps of 1 in every band, which for
 /// samples of up to 8 bits is coarser than 99, and larger; with a region it is the finest there is.
-int LibraryQuality(const Image& image, const EncodeParams& params, int quality) {
+double LibraryQuality(const Image& image, const EncodeParams& params, double quality) {
+  constexpr double kFinest = 99;
   const bool isShallow = image.planes[0].Depth() <= 8;
-  return isShallow && params.regionMask == nullptr ? std::min(quality, 99) : quality;
+  return isShallow && params.regionMask == nullptr ? std::min(quality, kFinest) : quality;
 }
 
 /// A profile without lookup tables (the tag "A2B0") is one of the restricted kind.
@@ -36,7 +37,7 @@ bool IsRestricted(const Bytes& profile) {
 
 }  // namespace
 
-EncoderOptions::EncoderOptions(const Image& image, const EncodeParams& params, int quality) {
+EncoderOptions::EncoderOptions(const Image& image, const EncodeParams& params, double quality) {
   SetGeometry(image, params);
   SetCoding(image, params, quality);
   SetChannels(image);
@@ -65,7 +66,7 @@ void EncoderOptions::SetGeometry(const Image& image, const EncodeParams& params)
   }
 }
 
-void EncoderOptions::SetCoding(const Image& image, const EncodeParams& params, int quality) {
+void EncoderOptions::SetCoding(const Image& image, const EncodeParams& params, double quality) {
   options_.NumLevels = static_cast<KelLong>(params.levels);
   options_.Irreversible = params.lossless ? 0 : 1;
   options_.TargetQuality = static_cast<float>(LibraryQuality(image, params, quality));

@@ -12,7 +12,7 @@ namespace kel::host {
 class EncoderOptions {
  public:
   /// The image outlives the options.
-  EncoderOptions(const Image& image, const EncodeParams& params, int quality);
+  EncoderOptions(const Image& image, const EncodeParams& params, double quality);
   EncoderOptions(const EncoderOptions&) = delete;
   EncoderOptions& operator=(const EncoderOptions&) = delete;
 
@@ -20,7 +20,7 @@ class EncoderOptions {
 
  private:
   void SetGeometry(const Image& image, const EncodeParams& params);
-  void SetCoding(const Image& image, const EncodeParams& params, int quality);
+  void SetCoding(const Image& image, const EncodeParams& params, double quality);
   void SetChannels(const Image& image);
   void SetColour(const Image& image);
   void SetPalette(const Palette& palette);

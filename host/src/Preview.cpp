@@ -1,7 +1,8 @@
 // What a decoder would make of an image, from the encoder's own preview of every tile.
 #include <algorithm>
 
-#include "TileEncoder.hpp"
+#include "EncodeTargets.hpp"
+#include "kel/host/decode.hpp"
 #include "kel/host/rows.hpp"
 
 namespace kel::host {
@@ -43,6 +44,14 @@ void CopyTile(const KelTileComponent& component, Plane& plane) {
 
 Image Preview(const Image& image, const EncodeParams& params) {
   const EncodeParams checked = CheckedParams(image, params);
+  if (HasTarget(checked)) {
+    MemorySink file;
+    EncodeToTarget(image, checked, file);
+    MemorySource source(file.bytes);
+    DecodeParams decoding;
+    decoding.threads = checked.threads;
+    return Decode(source, decoding);
+  }
   Image preview = image;  // opacity and other extra channels are coded without loss
   if (checked.lossless) return preview;
   std::vector<std::unique_ptr<TileEncoder>> encoders(checked.threads);

@@ -3,6 +3,7 @@
 #include "TileEncoder.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <utility>
 
@@ -106,6 +107,10 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   Require(params.layers >= 1 && params.layers <= format::kMostLayers,
           "1 to 65535 layers are possible");
   Require(!params.lossless || params.sizeLimit == 0, "a lossless file cannot be limited to a size");
+  Require(!params.lossless || params.psnr == 0, "a lossless file has no error to be chosen");
+  Require(params.psnr >= 0 && std::isfinite(params.psnr), "decibels are a number from 0 on");
+  Require(params.psnr == 0 || params.sizeLimit == 0,
+          "a file has one target, its size or its error");
   if (params.regionMask != nullptr) {
     Require(!params.lossless, "a region is for lossy coding");
     Require(
@@ -117,6 +122,7 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   // Samples of one bit take less without loss than at any quality.
   if (image.planes[0].Depth() == 1 && params.sizeLimit == 0) {
     checked.lossless = true;
+    checked.psnr = 0;
     checked.regionMask = nullptr;
   }
   const bool uncut = std::uint64_t{image.width} * image.height <= kLargestUncut;
@@ -151,7 +157,7 @@ void PlaneSamples::Copy(std::size_t component, const TileBox& box, std::uint8_t*
 }
 
 struct TileEncoder::State {
-  State(const Image& source, TileSamples& itsSamples, const EncodeParams& params, int quality)
+  State(const Image& source, TileSamples& itsSamples, const EncodeParams& params, double quality)
       : image(source),
         samples(itsSamples),
         mask(params.regionMask),
@@ -274,7 +280,7 @@ void TileEncoder::State::Flush() {
 }
 
 TileEncoder::TileEncoder(const Image& image, TileSamples& samples, const EncodeParams& params,
-                         int quality) {
+                         double quality) {
   RequireSession();
   state_ = std::make_unique<State>(image, samples, params, quality);
   State& state = *state_;

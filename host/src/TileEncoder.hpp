@@ -50,7 +50,7 @@ class TileEncoder {
  public:
   /// All of these, the parameters as CheckedParams returned them, outlive the encoder. The planes
   /// of the image need not hold samples.
-  TileEncoder(const Image& image, TileSamples& samples, const EncodeParams& params, int quality);
+  TileEncoder(const Image& image, TileSamples& samples, const EncodeParams& params, double quality);
   ~TileEncoder();
   TileEncoder(const TileEncoder&) = delete;
   TileEncoder& operator=(const TileEncoder&) = delete;

@@ -139,8 +139,9 @@ class KEL_API KelEncOpt {
   KelLong PrecinctWidthExp;   ///< 15: one precinct; others only where a tile fits in one [15]
   KelLong PrecinctHeightExp;  ///< [15]
   KelULong CoderValue;        ///< not interpreted [0]
-  /// Quality of irreversible coding, 1 to 100 (rounded but with ChooseIndices, clamped), read when
-  /// a tile is coded. 100 means a step of 1 in every subband; it is not lossless [40]
+  /// Quality of irreversible coding, 1 to 100 (rounded, clamped), read when a tile is coded. With
+  /// ChooseIndices it counts with its fraction, and from -40 on. 100 means a step of 1 in every
+  /// subband; it is not lossless [40]
   float TargetQuality;
   KelLong* RateTable = nullptr;  ///< RateTableCount values from the registered Malloc; owned [null]
   KelLong RateTableCount;        ///< [0]

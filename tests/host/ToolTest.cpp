@@ -155,13 +155,17 @@ TEST(Tool, SizeIsTheBestThatFits) {
   tool.Do("encode --size 30K in.ppm fit.kel");
   const std::size_t fit = tool.folder.Get("fit.kel").size();
   EXPECT_LE(fit, 30U * 1024);
+  EXPECT_GE(fit, 30U * 1024 * 99 / 100);
+  tool.Do("encode --plain --size 30K in.ppm plain.kel");
+  const std::size_t plain = tool.folder.Get("plain.kel").size();
+  EXPECT_LE(plain, 30U * 1024);
   int quality = 1;
   const auto sizeAt = [&](int q) {
-    tool.Do("encode -q " + std::to_string(q) + " in.ppm at.kel");
+    tool.Do("encode --plain -q " + std::to_string(q) + " in.ppm at.kel");
     return tool.folder.Get("at.kel").size();
   };
-  while (quality < 99 && sizeAt(quality) != fit) ++quality;
-  EXPECT_EQ(sizeAt(quality), fit) << "no quality gives this file";
+  while (quality < 99 && sizeAt(quality) != plain) ++quality;
+  EXPECT_EQ(sizeAt(quality), plain) << "no quality gives this file";
   EXPECT_GT(sizeAt(quality + 1), 30U * 1024) << "the next one would have fitted too";
   EXPECT_EQ(sizeAt(100), sizeAt(99)) << "there are no finer steps for 8 bits";
   EXPECT_NE(tool.Run("encode --size 0 in.ppm none.kel").err.find("--size: no file has 0 bytes"),
@@ -170,6 +174,29 @@ TEST(Tool, SizeIsTheBestThatFits) {
   EXPECT_EQ(result.code, 4);
   EXPECT_EQ(result.err.find("kel: none.kel: the image cannot be made that small"), 0U);
   EXPECT_FALSE(std::filesystem::exists(tool.folder.Path("none.kel")));
+}
+
+TEST(Tool, ErrorIsTheOneThatWasAskedFor) {
+  const Tool tool;
+  tool.Put("in.png", [] {
+    Image image = SlopeImage(130, 500);  // high enough for strips to be measured first
+    image.planes.push_back(NoiseImage(130, 500, 1, 8).planes[0]);
+    image.planes.back().role = kel::host::ChannelRole::kOpacity;
+    image.planes.back().colour = 0;
+    return image;
+  }());
+  const Image image = tool.GetImage("in.png");
+  for (const int asked : {36, 42, 48}) {
+    tool.Do("encode --psnr " + std::to_string(asked) + " in.png x.kel");
+    tool.Do("decode x.kel out.png");
+    const auto difference = kel::host::Compare(image, tool.GetImage("out.png"));
+    double error = 0;
+    for (int c = 0; c < 3; ++c) error += std::pow(10, -difference.planes[c].psnr / 10) / 3;
+    EXPECT_NEAR(-10 * std::log10(error), asked, 0.1);
+    EXPECT_EQ(difference.planes[3].count, 0U);
+  }
+  tool.Do("encode --psnr 90 in.png x.kel");
+  EXPECT_EQ(json::parse(tool.Do("info --json x.kel"))["filter"], "5/3");
 }
 
 TEST(Tool, DecodeTurnsScalesAndReduces) {

@@ -3,6 +3,7 @@
 #include "encode/KelTileRows.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "KelRate.h"
 #include "encode/KelMainStream.h"
@@ -110,8 +111,12 @@ namespace {
 /// parts of these.
 constexpr KelLong kMostDepthAtUnitSteps = 16;
 
+/// Nothing that even steps are wanted for lies below.
+constexpr float kLeastQuality = -40.0F;
+
 double ExactQuality(float quality) {
-  return quality >= 1.0F ? std::min(static_cast<double>(quality), 100.0) : 1.0;
+  if (std::isnan(quality)) return 1.0;
+  return static_cast<double>(std::clamp(quality, kLeastQuality, 100.0F));
 }
 
 ComponentRole RoleOf(const KelEncOpt& o, KelLong component) {

@@ -23,7 +23,7 @@ struct QuantTarget {
                  ///< transform made
   // For even steps, which the factor and the whole quality do not matter to.
   bool areEven = false;
-  double exactQuality = 0;  ///< 1 to 100
+  double exactQuality = 0;  ///< -40 to 100
   ComponentRole role = ComponentRole::kAlone;
 };
 

@@ -19,7 +19,9 @@ struct EncodeParams {
   /// 1 to 100, of lossy coding: 60 gives about 40 dB on a photo, 100 is the finest there is.
   /// Samples of one bit are coded without loss whatever it says, since that takes less.
   int quality = 60;
-  /// When not 0: the best file of at most so many bytes, without loss if that fits.
+  /// When not 0: the best file of at most so many bytes, without loss if that fits. It is at most
+  /// 1 % smaller, unless the finest lossy coding is, or qualities go by whole numbers: with `plain`
+  /// and with a region.
   std::uint64_t sizeLimit = 0;
   /// 0: pictures up to 1024 x 1024 samples are not cut, larger ones evenly into tiles of about
   /// 1024 x 512.
@@ -35,12 +37,17 @@ struct EncodeParams {
   const Plane* regionMask = nullptr;  ///< lossy: nonzero where full precision is kept; grid size
   unsigned threads = 0;               ///< 0: one per processor. The output does not depend on it
   Progress progress;                  ///< tiles done; may be empty
+  /// When not 0: the peak signal-to-noise ratio, in decibels over the samples of all colours, that
+  /// the decoded image has, within 0.1; as near as the quality can bring it where that is not
+  /// near enough, and without loss above the finest lossy coding. Not together with sizeLimit.
+  double psnr = 0;
 };
 
 struct EncodeReport {
   std::uint64_t bytes = 0;  ///< written
-  int quality = 0;          ///< used; 0 when lossless
-  unsigned trials = 1;      ///< times that the image was coded
+  int quality = 0;          ///< used, to the nearest whole number; 0 when lossless
+  unsigned trials = 1;      ///< times that the whole image was coded
+  double psnr = 0;          ///< what was reached, when it was asked for
 };
 
 /// Encodes an image into a complete file and finishes the sink. The planes must be of one depth
@@ -50,10 +57,11 @@ struct EncodeReport {
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink);
 
 /// The same of rows, of which no more than two rows of tiles stand in memory (one with one thread).
-/// A sizeLimit takes several trials, and so the whole picture.
+/// A sizeLimit or a psnr takes several trials, and so the whole picture.
 EncodeReport Encode(RowSource& rows, const EncodeParams& params, Sink& sink);
 
-/// What a decoder will make of the image encoded with these parameters, without encoding it.
+/// What a decoder will make of the image encoded with these parameters, without encoding it; with
+/// a sizeLimit or a psnr it is encoded and decoded.
 /// Samples of 8 bits are what decoding delivers, but for the rounding of few; those of other
 /// depths are approximate, since the library's previews have half as many levels.
 Image Preview(const Image& image, const EncodeParams& params);
