@@ -222,6 +222,21 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
   return copied;
 }
 
+GatheredBytes GatherBytes(KelDecDataMgr& data, std::uint64_t length, std::uint64_t firstPiece,
+                          std::uint64_t behind) {
+  if (data.InMemory()) firstPiece = length = std::min(length, data.Available());
+  GatheredBytes gathered{};
+  while (gathered.length < length) {
+    const std::uint64_t filled = gathered.length;
+    const std::uint64_t room =
+        std::min(length, SaturatingAdd(filled, std::max(filled, firstPiece)));
+    gathered.bytes.Grow(SaturatingAdd(room, behind), filled);
+    gathered.length += data.ReadBytes(gathered.bytes.Data() + filled, room - filled);
+    if (gathered.length < room) break;
+  }
+  return gathered;
+}
+
 /// The unread bits and the next four bytes as one number hold all that can be asked for.
 std::uint32_t KelDecDataMgr::ReadBits(int n) {
   assert(n >= 1 && n <= 32);

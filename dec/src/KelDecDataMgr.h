@@ -18,6 +18,7 @@
 #include <cstdint>
 
 #include "base/KelBytes.h"
+#include "base/KelMemFuncDefs.h"
 #include "format/KelSignature.h"
 #include "kel/KelStream.h"
 
@@ -245,6 +246,21 @@ class KelDecDataMgr {
   std::int32_t tilesAcross_, tilesDown_;
   std::int64_t positionA_, positionB_;
 };
+
+/// Bytes whose number the data announce.
+struct GatheredBytes {
+  OwnedArray<std::uint8_t> bytes;
+  std::uint64_t length;
+
+  /// Big-endian numbers at a place inside.
+  std::uint32_t U16At(std::uint64_t offset) const { return LoadBE16(bytes.Data() + offset); }
+};
+
+/// Copies `length` bytes from the read position on, or as many as arrive; `behind` more can be read
+/// behind them. From a stream room is obtained as they arrive, first for `firstPiece`, so that a
+/// length alone obtains little. Raises 8.
+GatheredBytes GatherBytes(KelDecDataMgr& data, std::uint64_t length, std::uint64_t firstPiece,
+                          std::uint64_t behind);
 
 }  // namespace kel
 

@@ -16,8 +16,8 @@ namespace {
 
 constexpr int kDetailBands = 3;
 
-/// Large packets are gathered in steps of this many bytes at most while they really arrive.
-constexpr std::uint64_t kGatherBytes = std::uint64_t{1} << 20;
+/// Room for a large packet is first obtained for so many bytes.
+constexpr std::uint64_t kFirstPieceBytes = std::uint64_t{1} << 20;
 
 /// Zeros behind the copy of a packet, so that the kernels reach its end.
 constexpr std::uint64_t kReadableBehindBand = kMostBlockBytes + kLoadSlackBytes;
@@ -184,23 +184,6 @@ std::int64_t DecodeByBits(const PartReading& part, const PacketAt& packet, std::
   return isWhole ? data.GetPosition() : INT64_MAX;
 }
 
-/// A copy of the bytes of a packet, with room behind them, or nothing when they have not all
-/// arrived. Memory is obtained as they arrive, so that a length alone obtains little.
-OwnedArray<std::uint8_t> GatherPacket(KelDecDataMgr& data, std::uint64_t lengthBytes) {
-  OwnedArray<std::uint8_t> bytes;
-  std::uint64_t filled = 0;
-  while (filled < lengthBytes) {
-    const std::uint64_t room = std::min(lengthBytes, filled + std::max(filled, kGatherBytes));
-    auto larger = OwnedArray<std::uint8_t>::Make(room + kReadableBehindBand);
-    KelMemCopy(larger.Data(), bytes.Data(), filled);
-    bytes = std::move(larger);
-    const std::uint64_t got = data.ReadBytes(bytes.Data() + filled, room - filled);
-    if (got != room - filled) return {};
-    filled = room;
-  }
-  return bytes;
-}
-
 // ---- Taking packets ----
 
 /// Whether the bands of a tile's packets can be taken, to be decoded when the tile is delivered:
@@ -255,13 +238,13 @@ bool TakePacket(KelDecDataMgr& data, TileCompRecord& record, std::int32_t resolu
     data.SkipForward(lengthBytes);
     return NoteBands(record, resolution, bytes, lengthBytes, available);
   }
-  auto bytes = GatherPacket(data, lengthBytes);
-  if (!bytes) return false;
+  GatheredBytes gathered = GatherBytes(data, lengthBytes, kFirstPieceBytes, kReadableBehindBand);
+  if (gathered.length < lengthBytes) return false;
   EnsureResolutions(record);
   std::uint8_t*& copy = record.dec->resolutions[resolution].codedCopy;
   if (copy != nullptr) return false;
-  const std::uint64_t readable = bytes.Size();
-  copy = bytes.Release();
+  const std::uint64_t readable = gathered.bytes.Size();
+  copy = gathered.bytes.Release();
   return NoteBands(record, resolution, copy, lengthBytes, readable);
 }
 

@@ -28,7 +28,10 @@ constexpr float kQualityFactors[101] = {
     1.0072918F, 1.0072268F, 1.007182F,  1.0071201F, 1.0070634F};
 
 constexpr std::int64_t kMost = INT32_MAX;
+/// Given: what the formulas take for the main header and the end marker.
 constexpr std::int64_t kFixedHeader = 167;
+/// Given, a single-precision number: how much longer than the samples the packets can become.
+constexpr double kMostGrowth = 1.070633888244629;
 
 /// The largest value that formulas pass on: far above every meaningful size, far below overflow.
 constexpr double kLimit = 4.0e18;
@@ -76,7 +79,7 @@ KelLong MinCodeStreamLength(const RateInputs& in) {
 }
 
 KelLong MaxCodeStreamLength(const RateInputs& in) {
-  const std::int64_t data = RoundSingle(static_cast<double>(in.rawSize) * 1.070633888244629);
+  const std::int64_t data = RoundSingle(static_cast<double>(in.rawSize) * kMostGrowth);
   const std::int64_t length = std::max<std::int64_t>(WithHeaders(in, data), 0);
   const std::int64_t whole = CeilSingle(static_cast<double>(length) / 1024.0) * 1024;
   return static_cast<KelLong>(std::min(whole, kMost / 1024 * 1024));
@@ -93,6 +96,7 @@ QualityChoice ChooseQuality(const RateInputs& in, std::int64_t targetBytes) {
   const double target = static_cast<double>(std::max<std::int64_t>(targetBytes, 0));
   const std::int64_t index =
       std::clamp<std::int64_t>(RoundSingle(target * 100.0 / raw + 0.5) - 1, 1, 100);
+  // A tenth more than the table says, which is given like the table.
   const double factor = static_cast<double>(kQualityFactors[index]);
   std::int64_t effective = RoundSingle(target / (factor + 0.1 * (factor - 1.0)));
   if (effective > in.rawSize) effective = RoundSingle(raw / 1.1);

@@ -105,6 +105,18 @@ class OwnedArray {
     made.size_ = static_cast<std::size_t>(size);
     return made;
   }
+  /// A copy of `size` elements; zero-filled where there are none to copy.
+  static OwnedArray CopyOf(const T* source, std::uint64_t size) {
+    OwnedArray made = Make(size);
+    KelMemCopy(made.data_, source, SaturatingMul(size, sizeof(T)));
+    return made;
+  }
+  /// Goes over to a larger block; the first `used` elements move.
+  void Grow(std::uint64_t size, std::uint64_t used) {
+    OwnedArray larger = Make(size);
+    KelMemCopy(larger.data_, data_, SaturatingMul(used, sizeof(T)));
+    *this = std::move(larger);
+  }
 
   T* Data() const noexcept { return data_; }
   std::size_t Size() const noexcept { return size_; }

@@ -16,9 +16,7 @@ std::uint8_t* Extend(KelOutBuffer& out, std::uint64_t n) {
   const std::uint64_t capacity = out.bytes.Size();
   if (needed > capacity) {
     const std::uint64_t grown = capacity + std::max<std::uint64_t>(out.growth, capacity / 2);
-    auto larger = OwnedArray<std::uint8_t>::Make(std::max(needed, grown));
-    KelMemCopy(larger.Data(), out.bytes.Data(), out.count);
-    out.bytes = std::move(larger);
+    out.bytes.Grow(std::max(needed, grown), out.count);
   }
   std::uint8_t* end = out.bytes.Data() + out.count;
   out.count = static_cast<std::uint32_t>(needed);

@@ -52,18 +52,9 @@ struct BoxHandler {
 void ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHandler> handlers,
                   KelLong cutCode);
 
-/// Contents whose length the data announce. Room for them is obtained once they are known to be
-/// there, or, from a stream, while they arrive.
-struct Contents {
-  OwnedArray<std::uint8_t> bytes;
-  std::uint64_t length;
-
-  /// Big-endian numbers at a place inside.
-  std::uint32_t U16At(std::uint64_t offset) const { return LoadBE16(bytes.Data() + offset); }
-};
-
-/// Reads `length` bytes of contents, or with toEnd what is left; false when fewer arrive.
-bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Contents& contents);
+/// Reads `length` bytes of contents, or with toEnd what is left; false when fewer arrive. Room for
+/// them is obtained once they are known to be there, or, from a stream, while they arrive.
+bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, GatheredBytes& contents);
 
 // Handlers of the boxes about colour and channels.
 void ReadColorSpec(BoxReader& in, const BoxExtent& box);          // 'colr'

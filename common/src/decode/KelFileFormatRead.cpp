@@ -189,7 +189,7 @@ void ReadFragmentTable(BoxReader& in, const BoxExtent& box) {
 
 void ReadXML(BoxReader& in, const BoxExtent& box) {
   KelFileInfo& info = in.info;
-  Contents contents{};
+  GatheredBytes contents{};
   if (!ReadContents(in.data, box.bodyLength, box.toEnd, contents)) Refuse(KelErrBoxRange);
   GrowByOne(info.XMLBoxes, info.NumXMLBoxes, info.obtainedXMLBoxes);
   __tagKelXML& xml = info.XMLBoxes[info.NumXMLBoxes++];
@@ -204,7 +204,7 @@ void ReadUUID(BoxReader& in, const BoxExtent& box) {
   if (box.bodyLength < sizeof uuid.uuid) Refuse(KelErrBoxSignature);
   if (!in.Has(sizeof uuid.uuid)) Refuse(KelErrBoxTruncated);
   in.data.ReadBytes(uuid.uuid, sizeof uuid.uuid);
-  Contents contents{};
+  GatheredBytes contents{};
   if (!ReadContents(in.data, box.bodyLength - sizeof uuid.uuid, box.toEnd, contents)) {
     Refuse(KelErrBoxRange);
   }
@@ -314,25 +314,10 @@ void ReadChildren(BoxReader& in, const BoxExtent& parent, std::span<const BoxHan
   }
 }
 
-bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Contents& contents) {
-  if (data.InMemory()) {
-    const std::uint64_t left = data.Available();
-    if (!toEnd && length > left) return false;
-    length = std::min(length, left);
-  }
-  std::uint64_t room = data.InMemory() ? length : std::min(length, kFirstPiece);
-  while (room != 0) {
-    auto larger = OwnedArray<std::uint8_t>::Make(room);
-    KelMemCopy(larger.Data(), contents.bytes.Data(), contents.length);
-    contents.bytes = std::move(larger);
-    const std::uint64_t wanted = room - contents.length;
-    const std::uint64_t got = data.ReadBytes(contents.bytes.Data() + contents.length, wanted);
-    contents.length += got;
-    if (got < wanted) return toEnd;
-    if (room == length) return true;
-    room = std::min(length, SaturatingMul(room, 2));
-  }
-  return true;
+bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, GatheredBytes& contents) {
+  if (data.InMemory() && !toEnd && length > data.Available()) return false;
+  contents = GatherBytes(data, length, kFirstPiece, 0);
+  return toEnd || contents.length == length;
 }
 
 Failure ReadBoxes(KelFileInfo& info, KelDecDataMgr& data) {

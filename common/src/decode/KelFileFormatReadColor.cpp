@@ -66,7 +66,7 @@ void ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t b
 void ReadICCProfile(BoxReader& in, const BoxExtent& box, KelColorSpec& entry) {
   in.info.ICCPresent = true;
   entry.iccProfile = OwnedRecord<__tagICCProfile>::Make().Release();
-  Contents contents{};
+  GatheredBytes contents{};
   if (!ReadContents(in.data, box.bodyLength - 3, box.toEnd, contents)) Refuse(KelErrBoxRange);
   entry.iccProfile->size = static_cast<KelULong>(contents.length);
   entry.iccProfile->data = contents.bytes.Release();
@@ -158,7 +158,7 @@ void ReadPalette(BoxReader& in, const BoxExtent& box) {
   for (std::uint32_t i = 0; i < numColumns; ++i) entryBytes += BytesOf(palette.depths[i]);
   const std::uint64_t allBytes = SaturatingMul(entryBytes, palette.numEntries);
   if (allBytes > box.bodyLength - 3 - numColumns) Refuse(KelErrBoxSignature);
-  Contents entries{};
+  GatheredBytes entries{};
   if (!ReadContents(in.data, allBytes, false, entries)) Refuse(KelErrBoxTruncated);
   ObtainColumns(info, palette);
   // Column by column: those without bytes cost nothing, however many entries are announced.
@@ -181,7 +181,7 @@ void ReadComponentMapping(BoxReader& in, const BoxExtent& box) {
   if (info.Palette == nullptr) return;
   __tagKelPalette& palette = *info.Palette;
   const std::uint64_t count = box.bodyLength / 4;
-  Contents mappings{};
+  GatheredBytes mappings{};
   if (!ReadContents(in.data, 4 * count, false, mappings)) Refuse(KelErrBoxTruncated);
   const std::uint64_t size = std::max<std::uint64_t>(count, palette.numColumns);
   auto components = OwnedArray<KelULong>::Make(size);
@@ -208,7 +208,7 @@ void ReadChannelDefinition(BoxReader& in, const BoxExtent& box) {
   if (!in.Has(2)) Refuse(KelErrBoxTruncated);
   const std::uint32_t count = in.U16();
   if (box.bodyLength - 2 < 6 * std::uint64_t{count}) Refuse(KelErrBoxSignature);
-  Contents entries{};
+  GatheredBytes entries{};
   if (!ReadContents(in.data, 6 * std::uint64_t{count}, false, entries)) Refuse(KelErrBoxTruncated);
   ReleaseChannelDefinition(in.info);
   in.info.ChannelDefPresent = true;

@@ -12,6 +12,7 @@
 #include "encode/KelMainStream.h"
 #include "encode/KelTileRows.h"
 #include "format/KelBlockGrid.h"
+#include "format/KelTileBox.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {
@@ -62,7 +63,7 @@ unsigned PlanesOf(double magnitude) {
 std::uint64_t MostPacketBytes(const ImageState& state, const KelTileGeometry& t) {
   const EncoderState& e = *state.encoder;
   const KelEncOpt& o = e.settings;
-  const Box box = {t.X0, t.X1, t.Y0, t.Y1};
+  const Box box = BoxOf(t);
   if (box.IsEmpty()) return 0;
   const bool irreversible = IsCodedIrreversibly(o, t.Component);
   ChosenSteps chosen;

@@ -16,13 +16,6 @@ using kel::CeilDiv;
 using kel::CeilShift;
 using kel::SaturateToInt32;
 
-/// A copy of an array of longs, zero-filled when there is none to copy.
-kel::OwnedArray<KelLong> CopyOfLongs(const KelLong* source, KelLong count) {
-  auto copy = kel::OwnedArray<KelLong>::Make(kel::AsCount(count));
-  kel::KelMemCopy(copy.Data(), source, kel::SaturatingMul(kel::AsCount(count), sizeof(KelLong)));
-  return copy;
-}
-
 /// Tiles along one axis; 0 for a tile size that no canvas can have.
 KelLong CountTiles(KelLong size, KelLong gridOrigin, KelLong tileSize) {
   if (tileSize <= 0) return 0;
@@ -81,17 +74,15 @@ KelLong KelImageGeometry::InitImageGeometry(KelLong xsiz, KelLong ysiz, KelLong 
   YTOsiz = ytosiz;
   Csiz = csiz;
   XRsiz = YRsiz = BitDepths = nullptr;
-  try {
-    auto across = CopyOfLongs(xrsiz, csiz);
-    auto down = CopyOfLongs(yrsiz, csiz);
-    auto depths = CopyOfLongs(bitDepths, csiz);
+  kel::NamingModule(kel::kModuleGeometry, [&] {
+    using Longs = kel::OwnedArray<KelLong>;
+    Longs across = Longs::CopyOf(xrsiz, kel::AsCount(csiz));
+    Longs down = Longs::CopyOf(yrsiz, kel::AsCount(csiz));
+    Longs depths = Longs::CopyOf(bitDepths, kel::AsCount(csiz));
     XRsiz = across.Release();
     YRsiz = down.Release();
     BitDepths = depths.Release();
-  } catch (const KelException&) {
-    // The record of a geometry's failure names the geometry, not the memory layer beneath it.
-    kel::Raise(KelErrNoMemory, kel::kModuleGeometry);
-  }
+  });
   NumXTiles = CountTiles(Xsiz, XTOsiz, XTsiz);
   NumYTiles = CountTiles(Ysiz, YTOsiz, YTsiz);
   if (ParamsAreInConsistent()) {

@@ -21,10 +21,7 @@ void ReleaseArray(T*& array) noexcept {
 /// A copy of n elements; empty when there is nothing to copy.
 template <class T>
 OwnedArray<T> CopyOf(const T* source, std::uint64_t n) {
-  if (source == nullptr || n == 0) return {};
-  auto copy = OwnedArray<T>::Make(n);
-  KelMemCopy(copy.Data(), source, SaturatingMul(n, sizeof(T)));
-  return copy;
+  return source != nullptr && n != 0 ? OwnedArray<T>::CopyOf(source, n) : OwnedArray<T>();
 }
 
 /// A component's record: by the numbers that the reader keeps, since a header may hold as many

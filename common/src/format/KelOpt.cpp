@@ -28,11 +28,9 @@ KelImageGeometry* NewGeometry(Arguments... arguments) {
   return geometry;
 }
 
-kel::OwnedArray<KelLong> CopyOfLongs(const KelLong* source, KelLong count) {
-  if (source == nullptr) return {};
-  auto copy = kel::OwnedArray<KelLong>::Make(kel::AsCount(count));
-  std::copy_n(source, copy.Size(), copy.Data());
-  return copy;
+KelLong* CopyOfLongs(const KelLong* source, KelLong count) {
+  if (source == nullptr) return nullptr;
+  return kel::OwnedArray<KelLong>::CopyOf(source, kel::AsCount(count)).Release();
 }
 
 /// The defaults of everything but the image group.
@@ -165,8 +163,8 @@ KelLong KelEncOpt::Clone(KelEncOpt* source) {
   TargetQuality = source->TargetQuality;
   RateTableCount = source->RateTableCount;
   NamingModule(kel::kModuleOpt, [&] {
-    LayerTargets = CopyOfLongs(source->LayerTargets, source->NumLayers).Release();
-    RateTable = CopyOfLongs(source->RateTable, source->RateTableCount).Release();
+    LayerTargets = CopyOfLongs(source->LayerTargets, source->NumLayers);
+    RateTable = CopyOfLongs(source->RateTable, source->RateTableCount);
     return 0;
   });
   release.Disarm();

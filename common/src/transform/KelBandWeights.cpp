@@ -15,7 +15,9 @@
 namespace kel {
 namespace {
 
-/// Symmetric filters, centre first.
+/// Symmetric filters, centre first: the synthesis filters of both transforms as the definition of
+/// the weights has them. Those of the 9/7 transform are normalised to low-pass sums of 2; those of
+/// the 5/3 one are given to six digits, low-pass sums of the root of 2.
 constexpr int kTaps = 5;
 struct FilterPair {
   double low[kTaps], high[kTaps];
