@@ -34,6 +34,9 @@ class Picture {
 
   /// Everything about the picture but its samples: the planes are empty.
   const Image& Description() const;
+  /// The image that Decode gives of the whole picture with so many halvings, without its samples.
+  /// Throws Error (kParameter) for more than 31.
+  Image Describe(unsigned reduce) const;
   std::uint32_t Width() const;
   std::uint32_t Height() const;
   std::uint32_t TilesAcross() const;

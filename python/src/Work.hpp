@@ -1,0 +1,57 @@
+// How a call from Python becomes work of the kit: on the account of the process's memory limit,
+// without the interpreter's lock, and ended by the signals that the interpreter has noted.
+//
+// Everything here is called with the lock held unless it says otherwise.
+#ifndef KEL_PYTHON_WORK_HPP
+#define KEL_PYTHON_WORK_HPP
+
+#include <pybind11/pybind11.h>
+
+#include <kel/host/session.hpp>
+
+#include <memory>
+#include <utility>
+
+namespace kel::python {
+
+namespace py = pybind11;
+
+/// The library's time of use under one memory limit. What works on its account holds it.
+struct Room {
+  explicit Room(std::uint64_t limit)
+      : session(limit), account(host::SessionScope::Current()), bytes(limit) {}
+  host::Session session;
+  host::Account* account;
+  std::uint64_t bytes;
+};
+
+/// The room of calls that begin now. The last one stays until the process ends.
+std::shared_ptr<Room> CurrentRoom();
+void SetMemoryLimit(std::uint64_t bytes);
+
+/// A signal handler of the interpreter raised an exception, which is set on the calling thread.
+struct Interrupted {};
+
+/// Lets the interpreter's signal handlers run and throws Interrupted when one of them raised an
+/// exception. Does something on the interpreter's main thread only, and there not more often than
+/// every 20 milliseconds. To be called without the lock.
+void CheckSignals();
+
+/// Calls work() without the lock, on the account of a room.
+template <class Work>
+decltype(auto) Run(const Room& room, Work&& work) {
+  try {
+    const py::gil_scoped_release unlocked;
+    const host::SessionScope scope(room.account);
+    return work();
+  } catch (const Interrupted&) {
+    throw py::error_already_set();
+  }
+}
+
+/// Kinds of kel.Error, thrown as such from now on by every function of the module.
+void AddErrors(py::module_& module);
+
+}  // namespace kel::python
+
+#endif
