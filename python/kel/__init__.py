@@ -79,8 +79,8 @@ def _tile_pair(value):
 
 def _array_of(array):
     array = numpy.asarray(array)
-    if array.dtype == numpy.bool_:
-        return array.view(numpy.uint8), 1
+    if array.dtype == numpy.bool_ and array.ndim:
+        return (array.view(numpy.uint8) != 0).view(numpy.uint8), 1  # some hold other bytes than 1
     if array.dtype.kind == "u" and not array.dtype.isnative:
         array = array.astype(array.dtype.newbyteorder("="))
     return array, None
