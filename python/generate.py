@@ -20,10 +20,12 @@ TYPES = {
     "DPI": ("float | tuple[float, float] | None", "float or (x, y), samples per inch"),
 }
 
-# Options of `kel encode` that are about files and the console, and so not the package's.
+# Options of `kel encode` that are about files and the console, and so not the package's; and those
+# about what image files hold, which the package takes as keywords of its own.
 ABOUT_FILES = {
     "help", "output", "output-dir", "files-from", "recursive", "overwrite", "no-overwrite",
-    "skip-existing", "report", "jobs", "progress", "quiet", "verbose",
+    "skip-existing", "report", "jobs", "progress", "quiet", "verbose", "max-memory", "max-pixels",
+    "timeout", "page", "keep-values", "auto-orient", "strip", "strict", "exif", "icc", "xmp",
 }
 
 

@@ -139,7 +139,7 @@ void Options::Finish() const {
 }
 
 std::vector<std::string> CodingOptions() {
-  return {"lossless", "quality", "plain", "levels",           "size",
+  return {"lossless", "quality", "plain", "levels",           "size", "psnr",
           "layers",   "tile",    "order", "colour_transform", "roi"};
 }
 
@@ -153,6 +153,7 @@ host::EncodeParams TakeCoding(Options& options, host::Image& mask) {
   options.Take("plain", params.plain);
   options.Take("levels", params.levels);
   options.Take("size", params.sizeLimit);
+  options.Take("psnr", params.psnr);
   options.Take("layers", params.layers);
   options.Take("threads", params.threads);
   options.Take("colour_transform", params.colourTransform);

@@ -81,8 +81,10 @@ def test_depths_below_the_type(depth):
 def test_targets(photo):
     assert psnr(photo, kel.decode(kel.encode(photo))) > 39
     assert len(kel.encode(photo, quality=20)) < len(kel.encode(photo, quality=80))
+    assert abs(psnr(photo, kel.decode(kel.encode(photo, psnr=37.5))) - 37.5) < 0.1
     assert 55_000 < len(kel.encode(photo, size="60K")) <= 60 << 10
-    for wrong in ({"quality": 0}, {"quality": 50, "lossless": True}, {"size": 0}, {"order": "xyz"},
+    for wrong in ({"quality": 0}, {"quality": 50, "lossless": True}, {"size": 0}, {"psnr": -1},
+                  {"psnr": 40, "size": 9}, {"order": "xyz"},
                   {"size": "much"}, {"tile": "big"}, {"alpha": "yes"}, {"depth": 9}):
         with pytest.raises(kel.ParameterError):
             kel.encode(photo, **wrong)
