@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "Data.hpp"
+#include "Files.hpp"
 #include "InfoJson.hpp"
 #include "InfoRanges.hpp"
 #include "OutputFile.hpp"
@@ -23,14 +24,12 @@ namespace {
 using host::Error;
 using host::Failure;
 
-const host::Progress kWatch = [](std::size_t, std::size_t) { CheckSignals(); };
-
 // ---- Encoding ----
 
 host::EncodeReport EncodeArray(const py::array& array, const py::dict& options, host::Sink& sink) {
   const Samples samples = SamplesOf(array);
   EncodeRequest request = ReadEncodeRequest(samples, options);
-  request.params.progress = kWatch;
+  request.params.progress = WatchProgress();
   if (!request.mask.planes.empty()) request.params.regionMask = &request.mask.planes[0];
   return Run(*CurrentRoom(), [&] {
     ArrayRows rows(samples, std::move(request.image));
@@ -120,7 +119,7 @@ DecodeRequest::DecodeRequest(const py::dict& given) {
   if (options.Take("region", rectangle)) region = ReadRegion(rectangle);
   options.Finish();
   params.acceptIncomplete = !strict;
-  params.progress = kWatch;
+  params.progress = WatchProgress();
 }
 
 /// Cuts a rectangle out of an image whose planes are of its size.
@@ -338,6 +337,9 @@ PYBIND11_MODULE(_kel, module) {
   module.def("encode", &Encode);
   module.def("write", &Write);
   module.def("decode", &Decode);
+  module.def("encode_file", &EncodeFile);
+  module.def("decode_file", &DecodeFile);
+  module.def("compare_files", &CompareFiles);
   module.def("info", &InfoText);
   py::class_<OpenPicture>(module, "Picture")
       .def(py::init<const py::object&, std::uint64_t>())

@@ -7,6 +7,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <kel/host/parallel.hpp>
 #include <kel/host/session.hpp>
 
 #include <memory>
@@ -36,6 +37,10 @@ struct Interrupted {};
 /// exception. Does something on the interpreter's main thread only, and there not more often than
 /// every 20 milliseconds. To be called without the lock.
 void CheckSignals();
+/// The same whenever some of the work is done.
+inline host::Progress WatchProgress() {
+  return [](std::size_t, std::size_t) { CheckSignals(); };
+}
 
 /// Calls work() without the lock, on the account of a room.
 template <class Work>
