@@ -70,13 +70,15 @@ DecodeReport BandDecoder::Run() {
   const std::size_t runsAcross = (across_ + perRun - 1) / perRun;
   const std::size_t numRuns = runsAcross * down_;
   std::size_t numDone = 0;
-  ForEachIndex(numRuns, ThreadCount(params_.threads), [&](unsigned, std::size_t index) {
+  const unsigned threads = ThreadCount(params_.threads);
+  std::vector<Bytes> data(std::min<std::size_t>(threads, numRuns));  // a run's, of each worker
+  ForEachIndex(numRuns, threads, [&](unsigned worker, std::size_t index) {
     try {
       const std::size_t row = index / runsAcross;
       TileRun run = RowOfTiles(row);
       run.column = static_cast<std::uint32_t>(index % runsAcross) * perRun;
       run.columns = std::min(perRun, static_cast<std::uint32_t>(across_) - run.column);
-      DecodeRun(Ready(row), run);
+      DecodeRun(Ready(row), run, data[worker]);
       EndRun(row);
       if (!params_.progress) return;
       const std::lock_guard lock(mutex_);
@@ -128,11 +130,11 @@ void BandDecoder::Open(std::size_t row) {
 }
 
 /// Tiles without any data are no part of a run.
-void BandDecoder::DecodeRun(Band& band, const TileRun& run) {
+void BandDecoder::DecodeRun(Band& band, const TileRun& run, Bytes& data) {
   const auto partsOf = [&](std::uint32_t column, std::vector<TilePartBytes>& parts) {
     const auto tile = static_cast<std::uint32_t>(run.row * across_ + column);
     for (const auto& part : band.parts[column])
-      parts.push_back({tile, part.Get(), part.numMissing});
+      parts.push_back({tile, part.bytes, part.numMissing});
   };
   const auto begin = band.parts.begin() + run.column;
   std::vector<TilePartBytes> parts;
@@ -140,7 +142,7 @@ void BandDecoder::DecodeRun(Band& band, const TileRun& run) {
     for (std::uint32_t i = 0; i < run.columns; ++i) partsOf(run.column + i, parts);
     std::stable_partition(parts.begin(), parts.end(),
                           [](const auto& part) { return part.numMissing == 0; });
-    DecodeTiles(band, run, parts);
+    DecodeTiles(band, run, parts, data);
     return;
   }
   for (std::uint32_t i = 0; i < run.columns; ++i) {
@@ -149,17 +151,17 @@ void BandDecoder::DecodeRun(Band& band, const TileRun& run) {
     single.columns = 1;
     parts.clear();
     partsOf(single.column, parts);
-    DecodeTiles(band, single, parts);
+    DecodeTiles(band, single, parts, data);
   }
 }
 
 void BandDecoder::DecodeTiles(Band& band, const TileRun& run,
-                              const std::vector<TilePartBytes>& parts) {
+                              const std::vector<TilePartBytes>& parts, Bytes& data) {
   const auto decode = [&]() -> std::optional<PartResult> {
     if (parts.empty()) return std::nullopt;
-    return DecodeInto({band.areas, 0, feed_.Header().Components(), params_.exact},
-                      BuildRun(feed_.HeaderBytes(), feed_.Facts(), run, parts), &grid_, &run,
-                      band.planes);
+    BuildRun(feed_.HeaderBytes(), feed_.Facts(), run, parts, data);
+    return DecodeInto({band.areas, 0, feed_.Header().Components(), params_.exact}, data, &grid_,
+                      &run, band.planes);
   };
   const auto attempt = [&]() -> std::optional<PartResult> {
     try {

@@ -38,8 +38,10 @@ class BandDecoder {
   /// Waits for a band, or opens it.
   Band& Ready(std::size_t row);
   void Open(std::size_t row);
-  void DecodeRun(Band& band, const TileRun& run);
-  void DecodeTiles(Band& band, const TileRun& run, const std::vector<TilePartBytes>& parts);
+  /// data: for the run's bytes, kept from one to the next.
+  void DecodeRun(Band& band, const TileRun& run, Bytes& data);
+  void DecodeTiles(Band& band, const TileRun& run, const std::vector<TilePartBytes>& parts,
+                   Bytes& data);
   void EndRun(std::size_t row);
   void Write(const Band& band);
 

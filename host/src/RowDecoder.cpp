@@ -43,8 +43,8 @@ struct RowDecoder::State {
 
   Source& source;
   DecodeParams params;
-  Bytes first;         ///< what was read of the source
-  ByteView seen;       ///< the same, or everything where it stands in memory
+  SampleBuffer first;  ///< for what was read of the source
+  ByteView seen;       ///< that, or everything where it stands in memory
   bool isAll = false;  ///< nothing is left in the source
   bool streams = false;
   Image description;
@@ -57,18 +57,18 @@ void RowDecoder::State::ReadFirst() {
     return;
   }
   const auto size = source.Size();
-  first.resize(!size                  ? kReadAtOnce
-               : *size >= kReadAtOnce ? kFirstOfLarge
-                                      : static_cast<std::size_t>(*size) + 1);
+  first = SampleBuffer(!size                  ? kReadAtOnce
+                       : *size >= kReadAtOnce ? kFirstOfLarge
+                                              : static_cast<std::size_t>(*size) + 1);
+  const std::span all(first.Data(), first.Size());
   std::size_t filled = 0;
-  while (filled < first.size()) {
-    const std::size_t count = source.Read(std::span(first).subspan(filled));
+  while (filled < all.size()) {
+    const std::size_t count = source.Read(all.subspan(filled));
     if (count == 0) break;
     filled += count;
   }
-  isAll = filled < first.size();
-  first.resize(filled);
-  seen = first;
+  isAll = filled < all.size();
+  seen = all.first(filled);
 }
 
 void RowDecoder::State::Describe(Index& index) {
@@ -127,9 +127,8 @@ DecodeReport RowDecoder::Decode(RowSink& sink) {
     CopyRows(rows, sink);
     return report;
   }
-  const auto feed = state.isAll
-                        ? std::make_unique<TilePartFeed>(state.seen)
-                        : std::make_unique<TilePartFeed>(state.source, std::move(state.first));
+  const auto feed = state.isAll ? std::make_unique<TilePartFeed>(state.seen)
+                                : std::make_unique<TilePartFeed>(state.source, state.seen);
   BandDecoder bands(*feed, state.params, sink);
   sink.Begin(state.description);
   const DecodeReport report = bands.Run();

@@ -1,11 +1,13 @@
 // The tile-parts of data that are read once, from front to back, each kept until its tile is
 // decoded. What stands where, the library's index tells, of a window over the data at a time.
+// Tile-parts stay where they were read; only what a window cuts off is copied to the next one.
 #ifndef KEL_HOST_TILE_PART_FEED_HPP
 #define KEL_HOST_TILE_PART_FEED_HPP
 
 #include <map>
 #include <memory>
 
+#include "KeptBlocks.hpp"
 #include "Library.hpp"
 #include "TileRuns.hpp"
 
@@ -13,9 +15,9 @@ namespace kel::host {
 
 class TilePartFeed {
  public:
-  /// first: bytes taken from the source already. Reads everything before the first tile-part.
-  /// Throws Error (kInput, kMemory).
-  TilePartFeed(Source& source, Bytes first, std::size_t windowBytes = std::size_t{4} << 20);
+  /// first: bytes taken from the source already, which outlive this. Reads everything before the
+  /// first tile-part. Throws Error (kInput, kMemory).
+  TilePartFeed(Source& source, ByteView first, std::size_t windowBytes = std::size_t{4} << 20);
   /// Of data in memory, which outlive this.
   explicit TilePartFeed(ByteView all);
 
@@ -26,12 +28,11 @@ class TilePartFeed {
 
   /// Reads until all tile-parts of the tiles from first to last - 1 are there, or the data end.
   void Fetch(std::uint32_t first, std::uint32_t last);
-  /// A tile-part that is the caller's.
+  /// A tile-part, and what keeps its bytes there; the feed must outlive it.
   struct Part {
-    Bytes owned;
-    ByteView inMemory;             ///< where it is not owned
+    std::shared_ptr<const void> holder;
+    ByteView bytes;
     std::uint64_t numMissing = 0;  ///< bytes that its length promises and the data lack
-    ByteView Get() const { return owned.empty() ? inMemory : ByteView(owned); }
   };
   /// What of a tile is there, in the order of the data; nothing the next time.
   std::vector<Part> Take(std::uint32_t tile);
@@ -53,8 +54,12 @@ class TilePartFeed {
   Bytes headerBytes_;         ///< a copy, unless in memory
   ByteView headers_;
   std::unique_ptr<Index> header_;
-  Bytes
-      window_;  ///< the header's bytes up to the first tile-part, then what was read and not taken
+  KeptBlocks blocks_;  ///< those of windows that nobody holds any more
+  /// The header's bytes up to the first tile-part, and what was read last, of which tile-parts up
+  /// to taken_ have been taken.
+  ByteView window_;
+  std::shared_ptr<const void> holder_;  ///< of the window; null for the first bytes
+  std::size_t taken_ = 0;
   std::size_t windowBytes_ = 0, grow_ = 0;
   std::map<std::uint32_t, Tile> tiles_;
 };

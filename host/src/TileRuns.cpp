@@ -158,12 +158,14 @@ Bytes BuildRun(ByteView bytes, const KelIndexFacts& facts, const TileRun& run) {
   for (const KelIndexTilePart& part : run.parts) {
     parts.push_back({part.tile, Piece(bytes, part.offset, part.length), 0});
   }
-  return BuildRun(bytes, facts, run, parts);
+  Bytes data;
+  BuildRun(bytes, facts, run, parts, data);
+  return data;
 }
 
-Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
-               std::span<const TilePartBytes> parts) {
-  Bytes data;
+void BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
+              std::span<const TilePartBytes> parts, Bytes& data) {
+  data.clear();
   std::size_t size = facts.firstTilePartOffset + 16;
   for (const TilePartBytes& part : parts) size += part.bytes.size();
   data.reserve(size);
@@ -182,10 +184,9 @@ Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
     PutU16(data, at + format::kIsotAt, row * run.columns + column);
     PutU32(data, at + format::kPsotAt, part.bytes.size() + part.numMissing);
   }
-  if (!parts.empty() && parts.back().numMissing != 0) return data;
+  if (!parts.empty() && parts.back().numMissing != 0) return;
   data.push_back(static_cast<std::uint8_t>(facts.markerByte));
   data.push_back(format::kEOC);
-  return data;
 }
 
 std::vector<ComponentArea> AreasOf(const KelImageGeometry& whole, const TileRun& run) {

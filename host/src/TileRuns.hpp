@@ -37,10 +37,11 @@ struct TilePartBytes {
   ByteView bytes;
   std::uint64_t numMissing = 0;  ///< bytes that its length promises and the data lack
 };
-/// The same of a rectangle of tiles; headers holds everything before the first tile-part. A
-/// tile-part that lacks bytes comes last, where the library sees that its data end early.
-Bytes BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
-               std::span<const TilePartBytes> parts);
+/// The same of a rectangle of tiles, in place of what the result holds; headers holds everything
+/// before the first tile-part. A tile-part that lacks bytes comes last, where the library sees that
+/// its data end early.
+void BuildRun(ByteView headers, const KelIndexFacts& facts, const TileRun& run,
+              std::span<const TilePartBytes> parts, Bytes& data);
 
 /// The areas of a run's components.
 std::vector<ComponentArea> AreasOf(const KelImageGeometry& whole, const TileRun& run);
