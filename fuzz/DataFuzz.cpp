@@ -3,6 +3,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
+#include "KelTilePartIndex.h"
 
 namespace {
 
@@ -30,7 +31,9 @@ std::string Step(kel::KelDecDataMgr& data, std::uint32_t step, std::int64_t size
       delivered = data.MoveTo(size * n / 31);
       break;
     case 5:
-      delivered = data.GoToTilePart(static_cast<std::int32_t>(n >> 2), n & 3);
+      if (const auto* part = data.FindTilePart(static_cast<std::int32_t>(n >> 2), n & 3)) {
+        delivered = part->position + data.MoveTo(part->position);
+      }
       break;
     case 6:
       delivered = data.SearchSOT(data.GetPosition() + n).position;
@@ -38,12 +41,10 @@ std::string Step(kel::KelDecDataMgr& data, std::uint32_t step, std::int64_t size
     default:
       if ((n & 1) != 0) data.SavePositionB();
       if ((n & 2) != 0) data.FreeTilePartIndex();
-      if ((n & 4) != 0) delivered = data.SkipSOP() + 2 * data.SkipEPH();
       if ((n & 8) != 0) delivered += 4 * data.ReadEOC();
       if ((n & 16) != 0) data.AlignToByte();
   }
-  const std::int64_t state =
-      data.IsSOT() + 2 * data.IsEOCOrEnd() + 4 * data.AtTilePartBoundary() + 8 * data.AtEnd();
+  const std::int64_t state = data.IsSOT() + 2 * data.IsEOCOrEnd() + 8 * data.AtEnd();
   return test::List({delivered, data.GetPosition(), data.UnreadBits(), state}) +
          test::List(bytes, 32) + '\n';
 }

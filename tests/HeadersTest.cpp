@@ -107,12 +107,12 @@ std::string Describe(const KelProgressionChanges& c) {
 
 std::string Describe(const KelHeaderParams& p) {
   const KelSizParams& s = *p.sizes;
-  std::string text = List({s.Xsiz, s.Ysiz, s.XOsiz, s.YOsiz, s.XTsiz, s.YTsiz, s.XTOsiz, s.YTOsiz,
-                           p.Rsiz, p.seenTLM}) +
-                     List(s.XRsiz, p.Csiz) + List(s.YRsiz, p.Csiz) + List(p.bitDepths, p.Csiz) +
-                     List(p.isSigned, p.Csiz) + "\nCOD" + Describe(*p.codingStyle) + "\nCOC" +
-                     Describe(*p.componentStyles) + "\nQCD" + Describe(*p.quantisation, 9) +
-                     "\nQCC" + Describe(*p.componentQuants, 9) + "\nRGN";
+  std::string text =
+      List({s.Xsiz, s.Ysiz, s.XOsiz, s.YOsiz, s.XTsiz, s.YTsiz, s.XTOsiz, s.YTOsiz, p.Rsiz}) +
+      List(s.XRsiz, p.Csiz) + List(s.YRsiz, p.Csiz) + List(p.bitDepths, p.Csiz) +
+      List(p.isSigned, p.Csiz) + "\nCOD" + Describe(*p.codingStyle) + "\nCOC" +
+      Describe(*p.componentStyles) + "\nQCD" + Describe(*p.quantisation, 9) + "\nQCC" +
+      Describe(*p.componentQuants, 9) + "\nRGN";
   for (std::int32_t i = 0; i < p.Csiz; ++i) {
     text += List({p.regions[i].present, p.regions[i].component, p.regions[i].shift});
   }
@@ -130,7 +130,7 @@ const std::string kFull = "4F!|" + Siz("100 80 3 0 4294967295 80 0 0", 3, "8B020
 // A field read from the wrong place, stored without its offset, or read differently in one flavour.
 TEST_F(Headers, OneOfEverything) {
   const std::string expected =
-      " 100,80,3,0,2147483647,80,0,0,4660,1 2,2,2 3,3,3 12,12,12 1,1,1"
+      " 100,80,3,0,2147483647,80,0,0,4660 2,2,2 3,3,3 12,12,12 1,1,1"
       "\nCOD 0,0,0,1,0,0,0,1,1 15,15,3,3,2,0,2,3,1 15,15,15 15,15,15"
       "\nCOC 1,1,0,0,0,0,1,0,0 15,7,4,4,1,1,0,0,0 15,6 7,3"
       "\nQCD 0,1,0,3,2 18,16,0,0,0,0,0,0,0 291,5,0,0,0,0,0,0,0"

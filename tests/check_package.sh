@@ -1,9 +1,10 @@
 #!/bin/sh
 # An outside project finds the installed package, by CMake and by pkg-config alone, and its
 # program compiles, links, runs and catches the library's exception.
-# Arguments: cmake, compiler, build folder, sanitizers of the build (its programs need them too).
+# Arguments: cmake, compiler, build folder, sanitizers of the build (its programs need them too),
+# the version.
 set -eu
-cmake=$1 compiler=$2 build=$3 sanitizers=$4
+cmake=$1 compiler=$2 build=$3 sanitizers=$4 version=$5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 flags=
@@ -11,11 +12,14 @@ flags=
 
 "$cmake" --install "$build" --prefix "$work/prefix" >/dev/null
 mkdir "$work/source"
+printf '#define VERSION "%s"\n' "$version" >"$work/source/version.h"
 cat >"$work/source/main.cpp" <<'CPP'
 #include <kel/Kel.h>
 
 #include <cstdlib>
 #include <cstring>
+
+#include "version.h"
 
 int main() {
   KelMemFuncs memory;
@@ -40,7 +44,7 @@ int main() {
   const bool fine = options.GeomParams->NumXTiles == 1;
   options.Die();
   KelLibShutDown();
-  return fine && std::strcmp(KelLibVersion(), "1.0.30866") == 0 ? 0 : 3;
+  return fine && std::strcmp(KelLibVersion(), VERSION) == 0 ? 0 : 3;
 }
 CPP
 cat >"$work/source/CMakeLists.txt" <<'CMAKE'

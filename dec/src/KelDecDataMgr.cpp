@@ -23,7 +23,6 @@ constexpr std::uint64_t kMostAtOnce = std::uint64_t{1} << 30;  // per call of th
 constexpr std::int64_t kUnknown = -1;
 constexpr KelLong kOriginRelative = 0;
 constexpr KelLong kOriginAbsolute = 1;
-constexpr KelLong kSeekRefused = -8;  // as the stream object says it
 
 /// The host's Read: the bytes that arrived; 0 at the end of the data, for a failure, and for a
 /// claim of more than was asked.
@@ -284,34 +283,6 @@ bool KelDecDataMgr::SeekStream(std::int64_t position) {
   EmptyWindow();
   streamPosition_ = reached;
   return reached == position;
-}
-
-std::int64_t KelDecDataMgr::Seek(int origin, std::int64_t offset) {
-  if (!memoryMode_ && !IsMovable()) return kMoveNotSeekable;
-  if (origin == kOriginRelative && offset > windowStart_ - readPosition_ &&
-      offset < windowEnd_ - readPosition_) {
-    readPosition_ += offset;
-    unreadBits_ = 0;
-    readPastEnd_ = false;
-    return GetPosition();
-  }
-  if (memoryMode_) {
-    if (origin != kOriginAbsolute || offset < 0 || offset >= windowEnd_ - windowStart_) {
-      return kMoveRefused;
-    }
-    MoveTo(offset);
-    return offset;
-  }
-  if (offset < INT32_MIN || offset > INT32_MAX) return kSeekRefused;
-  const std::int64_t target = origin == kOriginRelative ? GetPosition() + offset : offset;
-  if (origin > kOriginAbsolute || origin < kOriginRelative || target > INT32_MAX) {
-    return kSeekRefused;
-  }
-  const KelLong reached = stream_->seek(kOriginAbsolute, SaturateToInt32(target));
-  if (reached < 0) return reached;
-  EmptyWindow();
-  streamPosition_ = reached;
-  return KelOK;
 }
 
 bool KelDecDataMgr::MoveTo(std::int64_t position) {

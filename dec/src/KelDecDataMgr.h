@@ -26,11 +26,9 @@ namespace kel {
 
 // Codes of buffer requests and moves. They stay inside the library.
 inline constexpr int kBufferedOk = 0;
-inline constexpr int kNothingRead = 3;       ///< InitFromStream: not a byte arrived
-inline constexpr int kAboveCapacity = 5;     ///< EnsureBuffered: more than the window can hold
-inline constexpr int kDataEnded = -1;        ///< EnsureBuffered: fewer bytes are left
-inline constexpr int kMoveRefused = -1;      ///< Seek: target outside a memory block
-inline constexpr int kMoveNotSeekable = -4;  ///< Seek: the stream cannot seek
+inline constexpr int kNothingRead = 3;    ///< InitFromStream: not a byte arrived
+inline constexpr int kAboveCapacity = 5;  ///< EnsureBuffered: more than the window can hold
+inline constexpr int kDataEnded = -1;     ///< EnsureBuffered: fewer bytes are left
 
 /// Window sizes of the decoder, in bytes.
 inline constexpr std::uint32_t kFirstLoadBytes = 102400;
@@ -133,10 +131,6 @@ class KelDecDataMgr {
 
   // ---- Moves ----
 
-  /// Origin 0: from the read position, 1: from the start of the data. Returns the new position, 0,
-  /// or a negative code with nothing moved. Memory mode takes only targets strictly inside the
-  /// block.
-  std::int64_t Seek(int origin, std::int64_t offset);
   /// Moves forward by n bytes or to the end of the data, whichever comes first: inside the window,
   /// by a seek, or by reading and dropping. Returns the bytes passed over; when they are fewer
   /// than n, AtEnd holds.
@@ -147,12 +141,9 @@ class KelDecDataMgr {
 
   // ---- Tile-parts ----
 
-  bool IsSOT();               ///< the next two bytes are SOT and its segment has arrived whole
-  bool IsEOCOrEnd();          ///< EOC, fewer than two bytes left, or an SOT segment cut off
-  bool AtTilePartBoundary();  ///< SOT, EOC, or fewer than two bytes left
-  bool ReadEOC();             ///< consumes two bytes, unless at the end; true when they were EOC
-  bool SkipSOP();             ///< when SOP stands there, consumes its six bytes
-  bool SkipEPH();             ///< when EPH stands there, consumes its two bytes
+  bool IsSOT();       ///< the next two bytes are SOT and its segment has arrived whole
+  bool IsEOCOrEnd();  ///< EOC, fewer than two bytes left, or an SOT segment cut off
+  bool ReadEOC();     ///< consumes two bytes, unless at the end; true when they were EOC
   // Fields of an SOT segment at the read position.
   std::uint32_t PeekSotIsot() { return PeekBytesAt(4, 2); }
   std::uint32_t PeekSotPsot() { return PeekBytesAt(6, 4); }
@@ -173,9 +164,6 @@ class KelDecDataMgr {
   SotSearch SearchSOT(std::int64_t from);
   /// The entry of a tile-part, found by walking on if need be; null when it cannot be reached.
   const KelTilePartEntry* FindTilePart(std::int32_t tile, std::int32_t part);
-  /// The same, with the read position moved to its SOT. One that stands under the read position
-  /// already is always found.
-  bool GoToTilePart(std::int32_t tile, std::int32_t part);
   /// The tile-parts found so far, or null.
   const KelTilePartIndex* TileParts() const { return index_; }
   /// More data may have arrived behind those that the index knows.

@@ -47,27 +47,11 @@ bool KelDecDataMgr::IsEOCOrEnd() {
          (NextIs(format::kSOT) && !IsSOT());
 }
 
-bool KelDecDataMgr::AtTilePartBoundary() {
-  return EnsureBuffered(2) != kBufferedOk || NextIs(format::kEOC) || NextIs(format::kSOT);
-}
-
 bool KelDecDataMgr::ReadEOC() {
   if (AtEnd()) return false;
   const bool isEOC = NextIs(format::kEOC);
   SkipForward(2);
   return isEOC;
-}
-
-bool KelDecDataMgr::SkipSOP() {
-  if (!NextIs(format::kSOP)) return false;
-  SkipForward(format::kSopBytes);
-  return true;
-}
-
-bool KelDecDataMgr::SkipEPH() {
-  if (!NextIs(format::kEPH)) return false;
-  SkipForward(2);
-  return true;
 }
 
 bool KelDecDataMgr::IsEOC() {
@@ -211,13 +195,6 @@ const KelTilePartEntry* KelDecDataMgr::WalkToTilePart(std::int32_t tile, std::in
     if (last.tile == tile) entry = kel::FindTilePart(*index_, tile, part);
   }
   return entry;
-}
-
-bool KelDecDataMgr::GoToTilePart(std::int32_t tile, std::int32_t part) {
-  if (tile < 0 || part < 0) return false;
-  if (IsSOT() && PeekSotIsot() == AsCount(tile) && PeekSotTPsot() == AsCount(part)) return true;
-  const KelTilePartEntry* entry = FindTilePart(tile, part);
-  return entry != nullptr && MoveTo(entry->position);
 }
 
 }  // namespace kel

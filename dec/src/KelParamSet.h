@@ -15,12 +15,12 @@ struct ParamSet {
   KelCodingStyle* style;
   KelQuantParams* quant;
   KelProgressionChanges* changes;  ///< image and tile level only
-  bool ownsStyle, ownsQuant, ownsChanges;
+  bool ownsStyle = false, ownsQuant = false, ownsChanges = false;
 };
 
 /// A set that owns nothing and goes by the records of the level above.
 inline ParamSet SharedParams(const ParamSet& above) {
-  return {above.style, above.quant, above.changes, false, false, false};
+  return {.style = above.style, .quant = above.quant, .changes = above.changes};
 }
 
 // Give a level a record of its own, a copy of the source. Raise 8, with the set as it was.

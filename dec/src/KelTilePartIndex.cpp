@@ -67,9 +67,9 @@ PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_
   if (announced >= format::kLeastTilePartBytes && announced <= INT32_MAX) {
     switch (data.LookForBoundary(end, willBeRead)) {
       case Boundary::kMarker:
-        return {end, PartEnding::kKnown, false, end};
+        return {end, PartEnding::kKnown, /*isRepaired=*/false, end};
       case Boundary::kDataEnd:
-        return {end, PartEnding::kProvisional, false, searchFrom};
+        return {end, PartEnding::kProvisional, /*isRepaired=*/false, searchFrom};
       case Boundary::kNone:
         break;
     }

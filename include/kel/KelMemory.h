@@ -120,7 +120,7 @@ KEL_API KelULong KelLibLeave(void);
 /// The registered callbacks, or null when the library is not started.
 KEL_API KelMemFuncs* KelGetMemObj(void);
 
-/// The version, "1.0.30866". May be asked at any time.
+/// The version, such as "1.0.30866". May be asked at any time.
 KEL_API const char* KelLibVersion(void);
 
 /// When the library was built, such as "Sun, 22 Nov 2026 10:00:00 +0000"; constant for one

@@ -31,7 +31,7 @@ enum KelResult : KelLong {
   KelErrNoMemory = 8,          ///< a memory callback returned null, or a size cannot be held
   KelErrBadMarker = 10,        ///< a marker segment is malformed or carries a value out of range
   KelErrBadParam = 15,         ///< an argument or a combination of parameters is not allowed
-  KelErrPoolEmpty = 16,        ///< a memory pool was reset while it owned no block
+  KelErrPoolEmpty = 16,        ///< part of the interface, not used: no operation returns it
   KelErrUnknownFormat = 17,    ///< the data begin with no known signature
   KelErrBadSegmentValue = 18,  ///< a reserved bit or a wrong length in a marker segment
   KelErrBoxSignature = 21,     ///< a box is malformed, or one that must be present is missing

@@ -34,7 +34,7 @@ typedef enum kel_status {
   KEL_ERROR_UNEXPECTED = 7  /* a fault of the library */
 } kel_status;
 
-/* "1.0.30866"; constant. */
+/* Such as "1.0.30866"; constant. */
 KEL_C_API const char* kel_version(void);
 
 /* What the last function that failed on this thread had to say, without capital and full stop;

@@ -58,16 +58,6 @@ void* AllocFromMemPool(MemPool& pool, std::uint64_t sizeBytes) {
   return place;
 }
 
-KelLong ResetMemPool(MemPool& pool) noexcept {
-  if (pool.first == nullptr) return KelErrPoolEmpty;
-  for (MemPoolBlock* block = pool.first; block != nullptr; block = block->next) {
-    KelMemSet(block->base, 0, block->sizeBytes);
-    block->nextFree = block->base;
-  }
-  pool.current = pool.first;
-  return KelOK;
-}
-
 void ReleaseMemPool(MemPool& pool) noexcept {
   while (pool.first != nullptr) {
     MemPoolBlock* next = pool.first->next;

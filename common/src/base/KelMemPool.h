@@ -28,10 +28,6 @@ void PrepareMemPool(MemPool& pool, std::uint64_t blockBytes, std::uint32_t align
 /// Raises 8.
 void* AllocFromMemPool(MemPool& pool, std::uint64_t sizeBytes);
 
-/// Makes everything handed out available again, zero-filled. Returns 0, or 16 when the pool owns
-/// no block.
-KelLong ResetMemPool(MemPool& pool) noexcept;
-
 /// Frees all blocks; may run twice.
 void ReleaseMemPool(MemPool& pool) noexcept;
 

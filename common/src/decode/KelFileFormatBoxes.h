@@ -30,8 +30,8 @@ struct BoxReader {
   KelDecDataMgr& data;
   std::uint32_t signature;  ///< contents of the layout's signature box
   // Of the compositing-layer header being read.
-  bool layerHasOpacity, layerHasChannels;
-  bool stop;  ///< the code stream is the last box to be read
+  bool layerHasOpacity = false, layerHasChannels = false;
+  bool stop = false;  ///< the code stream is the last box to be read
 
   /// Whether n more bytes have arrived.
   bool Has(std::uint64_t n) { return data.EnsureBuffered(n) == kBufferedOk; }

@@ -71,7 +71,7 @@ void ReadImageHeader(BoxReader& in, const BoxExtent& box) {
     header.numDepths = count;
   }
   if (in.U8() != 7) Refuse(KelErrBoxSignature);
-  header.colorSpaceUnknown = in.U8() != 0;
+  in.U8();  // UnkC
   in.info.IPR = in.U8() != 0;
 }
 
@@ -178,7 +178,7 @@ void PassBox(BoxReader&, const BoxExtent&) {}
 void ReadFragmentList(BoxReader& in, const BoxExtent& box) {
   if (box.bodyLength < 2) Refuse(KelErrBoxSignature);
   if (!in.Has(2)) Refuse(KelErrBoxTruncated);
-  in.info.numFragments = in.U16();
+  in.U16();  // NF
 }
 
 constexpr BoxHandler kFragmentChildren[] = {{format::BoxType("flst"), ReadFragmentList}};
@@ -323,7 +323,7 @@ bool ReadContents(KelDecDataMgr& data, std::uint64_t length, bool toEnd, Gathere
 Failure ReadBoxes(KelFileInfo& info, KelDecDataMgr& data) {
   const BoxLayout& layout = data.GetFlavour() == Flavour::kFF ? kStandardLayout : kOwnLayout;
   return NamingModule(layout.module, [&] {
-    BoxReader in{info, data, layout.signature, false, false, false};
+    BoxReader in{.info = info, .data = data, .signature = layout.signature};
     return RefusalBy([&] { ReadTopLevel(in, layout); });
   });
 }

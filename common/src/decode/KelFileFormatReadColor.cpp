@@ -64,7 +64,6 @@ void ReadCIEParams(BoxReader& in, KelCIEParams& cie, bool isLab, std::uint64_t b
 }
 
 void ReadICCProfile(BoxReader& in, const BoxExtent& box, KelColorSpec& entry) {
-  in.info.ICCPresent = true;
   entry.iccProfile = OwnedRecord<__tagICCProfile>::Make().Release();
   GatheredBytes contents{};
   if (!ReadContents(in.data, box.bodyLength - 3, box.toEnd, contents)) Refuse(KelErrBoxRange);
@@ -132,7 +131,6 @@ void ReadColorSpec(BoxReader& in, const BoxExtent& box) {
   if (box.bodyLength < 7) Refuse(KelErrBoxSignature);
   if (!in.Has(4)) Refuse(KelErrBoxTruncated);
   entry.enumeratedSpace = in.info.enumeratedSpace = in.U32();
-  in.info.enumeratedPresent = true;
   const bool isLab = entry.enumeratedSpace == format::kSpaceCIELab;
   if (!isLab && entry.enumeratedSpace != format::kSpaceCIEJab) return;
   ReadCIEParams(in, entry.cie, isLab, box.bodyLength - 7);

@@ -26,9 +26,9 @@ struct HeaderReader {
   KelHeaderParams& set;
   KelDecDataMgr& data;
   std::uint32_t* tilePartLength;
-  std::uint32_t length;  ///< value of the length field of the segment being read
-  bool seenSIZ, seenSOT;
-  bool stop, cutOff;
+  std::uint32_t length = 0;  ///< value of the length field of the segment being read
+  bool seenSIZ = false, seenSOT = false;
+  bool stop = false, cutOff = false;
 
   bool InMainHeader() const { return set.inMainHeader != 0; }
   /// Whether n more bytes have arrived.
@@ -313,7 +313,6 @@ void ReadPOC(HeaderReader& in) {
   set.seenPOC = 1;
   const auto count = static_cast<std::int32_t>((in.length - 2) / entryBytes);
   AllocProgressionChanges(changes, count);
-  set.numProgressionChanges = count;
   for (std::int32_t i = 0; i < count; ++i) {
     changes.resolutionStart[i] = in.U8();
     changes.componentStart[i] = static_cast<std::uint16_t>(in.Index());
@@ -435,7 +434,6 @@ void ReadSegment(HeaderReader& in) {
                                             [&](const SegmentReader& s) { return s.code == code; });
   if (found != end && !found->hasLength) return found->read(in);
   in.data.SkipForward(2);
-  if (code == format::kTLM) in.set.seenTLM = 1;  // noted, not read
   const bool isRepeated = found != end && found->seen != nullptr && in.set.*found->seen != 0;
   if (found == end || isRepeated) {
     in.cutOff = !PassUnknown(in.data, marker);
@@ -458,7 +456,7 @@ void KeepPlace(HeaderReader& in, std::uint32_t code, std::int64_t position) {
 }  // namespace
 
 HeaderResult ReadHeader(KelHeaderParams& set, KelDecDataMgr& data, std::uint32_t* tilePartLength) {
-  HeaderReader in{set, data, tilePartLength, 0, false, false, false, false};
+  HeaderReader in{.set = set, .data = data, .tilePartLength = tilePartLength};
   const Failure refusal = RefusalBy([&] {
     while (!in.stop && in.Has(2)) {
       const std::int64_t position = data.GetPosition();

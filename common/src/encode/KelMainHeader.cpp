@@ -69,7 +69,6 @@ void FillCodingStyle(const KelEncOpt& o, MainHeader& h) {
   h.style.cbBypass = o.CbBypass ? 1 : 0;
   h.style.cbReset = o.CbReset ? 1 : 0;
   h.style.cbTermAll = o.CbTermAll ? 1 : 0;
-  h.style.cbVertCausal = o.CbVertCausal ? 1 : 0;
   h.style.cbPredTerm = o.CbPredTerm ? 1 : 0;
   h.style.cbSegSymbols = o.CbSegSymbols ? 1 : 0;
   h.style.defaultPrecinctWidthExp = o.PrecinctWidthExp;

@@ -21,7 +21,6 @@ struct KelImageHeaderInfo {
   std::uint8_t* isSigned;   ///< NC flags
   std::uint32_t NC, HEIGHT, WIDTH;
   std::uint32_t numDepths;  ///< leading components whose depth a box gave
-  bool colorSpaceUnknown;   ///< UnkC
 };
 
 /// A box at the top level, in the order of the file.
@@ -42,7 +41,6 @@ struct KelOpacityInfo {
 /// lends it the records of a host takes them out again before the release.
 struct KelFileInfo {
   KelImageHeaderInfo* imageHeader;
-  bool ICCPresent, enumeratedPresent;
   KelULong enumeratedSpace;           ///< of the last 'colr' of method 1
   __tagColorSpecList* ColorSpecList;  ///< null before the first 'colr'
   bool IPR;
@@ -60,8 +58,7 @@ struct KelFileInfo {
   float horizontalResolution, verticalResolution;  ///< capture, grid points per metre
   bool PalettePresent;
   __tagKelPalette* Palette;
-  KelULong numMappings;   ///< entries of the component mapping; the palette's arrays may be longer
-  KelULong numFragments;  ///< of 'flst', not used to find the code stream
+  KelULong numMappings;  ///< entries of the component mapping; the palette's arrays may be longer
   bool opacityPresent;
   KelOpacityInfo* opacity;
   KelBoxRecord* boxes;  ///< null without any

@@ -33,7 +33,6 @@ struct KelCodingStyle {
   std::uint8_t cbBypass;                 ///< bit 0
   std::uint8_t cbReset;                  ///< bit 1
   std::uint8_t cbTermAll;                ///< bit 2
-  std::uint8_t cbVertCausal;             ///< the encoder's option; not a bit of its own
   std::uint8_t cbInterleavedSigns;       ///< bit 3 INVERTED: 1 when the bit is clear
   std::uint8_t cbPredTerm;               ///< bit 4
   std::uint8_t cbSegSymbols;             ///< bit 5
@@ -125,14 +124,12 @@ struct KelHeaderParams {
   std::int32_t numLevels;  ///< of the COD
   std::int32_t progressionOrder, numLayers, componentTransform, irreversible;  ///< of the COD
   std::int32_t Csiz;
-  std::int32_t numProgressionChanges;
   std::uint16_t commentLength;  ///< bytes
   std::uint8_t* comment;
   std::uint32_t dataLength;  ///< packet bytes behind a tile-part header; writer only
   std::uint8_t* bitDepths;   ///< Csiz depths, 1 to 38
-  std::uint8_t seenTLM;
-  bool keepsPlaces;         ///< set by the caller: list the segments
-  KelSegmentPlace* places;  ///< null without any
+  bool keepsPlaces;          ///< set by the caller: list the segments
+  KelSegmentPlace* places;   ///< null without any
   std::uint32_t numPlaces, obtainedPlaces;
 };
 
