@@ -1,5 +1,5 @@
 # Debian packages by cpack: the library (libkel1), what is needed to build with it (libkel-dev),
-# and the command (kel).
+# the command (kel), and what shows pictures on the desktop (kel-gdk-pixbuf).
 #
 #   cmake --preset package && cmake --build --preset package && cpack --preset package
 set(CPACK_PACKAGE_NAME kel)
@@ -12,6 +12,9 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime development)
 if(KEL_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
+if(TARGET kel_pixbuf_loader)
+  list(APPEND CPACK_COMPONENTS_ALL desktop)
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -38,5 +41,11 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${exact_library}")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "encode and decode images with the Kel wavelet codec
 Turns PNG, PNM, TIFF and JPEG files into Kel files and back, lossless or lossy, and tells what is
 in them.")
+
+# The caches of loaders and of MIME types are renewed by triggers of the packages that own them.
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_NAME kel-gdk-pixbuf)
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS "${exact_library}, shared-mime-info")
+set(CPACK_DEBIAN_DESKTOP_DESCRIPTION "Kel pictures in programs that show images by gdk-pixbuf
+The loader, a thumbnailer for file managers, and the MIME type image/x-kel.")
 
 include(CPack)

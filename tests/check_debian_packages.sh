@@ -10,10 +10,15 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 
 DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install \
-  "$packages"/libkel1_*.deb "$packages"/libkel-dev_*.deb "$packages"/kel_*.deb >/dev/null
+  "$packages"/libkel1_*.deb "$packages"/libkel-dev_*.deb "$packages"/kel_*.deb \
+  "$packages"/kel-gdk-pixbuf_*.deb >/dev/null
 kel encode --lossless "$photo" photo.kel
 kel decode photo.kel photo.png
 kel compare "$photo" photo.png | grep -q 'The images are identical'
+
+# Nothing but the package tells the desktop of the loader and of the type.
+gdk-pixbuf-thumbnailer -s 100 photo.kel thumbnail.png
+kel-thumbnailer -s 100 photo.kel own.png
 
 cat >main.cpp <<'CPP'
 #include <kel/host.hpp>
@@ -28,7 +33,7 @@ CPP
 g++ -std=c++20 main.cpp -o outside -lkel_host $(pkg-config --cflags --libs kel) -pthread
 ./outside
 
-apt-get -qq -y remove kel libkel-dev libkel1 >/dev/null
+apt-get -qq -y remove kel kel-gdk-pixbuf libkel-dev libkel1 >/dev/null
 if [ -e /usr/bin/kel ]; then
   echo "the command is still there" >&2
   exit 1

@@ -1,25 +1,15 @@
 // Where EXIF and XMP stand in an image.
 #include "Metadata.hpp"
 
+#include <kel/host/exif.hpp>
+
 #include <algorithm>
 
 namespace kel::tool {
-namespace {
-
-/// The identifier that says "EXIF data as a TIFF file": the characters JpgTiffExif->JP2.
-constexpr std::array<std::uint8_t, 16> kExifId = {'J', 'p', 'g', 'T', 'i', 'f', 'f', 'E',
-                                                  'x', 'i', 'f', '-', '>', 'J', 'P', '2'};
-
-}  // namespace
 
 void AddExif(host::Image& image, host::ByteView exif) {
   if (exif.empty()) return;
-  image.uuids.push_back({kExifId, host::Bytes(exif.begin(), exif.end())});
-}
-
-host::ByteView FindExif(const host::Image& image) {
-  const auto found = std::ranges::find(image.uuids, kExifId, &host::UuidPayload::id);
-  return found == image.uuids.end() ? host::ByteView() : host::ByteView(found->data);
+  image.uuids.push_back({host::kExifId, host::Bytes(exif.begin(), exif.end())});
 }
 
 void AddXmp(host::Image& image, std::string text) {

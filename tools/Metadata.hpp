@@ -2,6 +2,7 @@
 #ifndef KEL_TOOLS_METADATA_HPP
 #define KEL_TOOLS_METADATA_HPP
 
+#include <kel/host/exif.hpp>
 #include <kel/host/image.hpp>
 
 #include <string>
@@ -10,8 +11,7 @@ namespace kel::tool {
 
 /// Adds EXIF data, in the form of a TIFF file without the name that JPEG files put in front.
 void AddExif(host::Image& image, host::ByteView exif);
-/// The EXIF data; empty when there are none.
-host::ByteView FindExif(const host::Image& image);
+using host::FindExif;
 
 void AddXmp(host::Image& image, std::string text);
 /// The first XML payload that is XMP; null when there is none.

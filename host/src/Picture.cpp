@@ -318,6 +318,20 @@ std::vector<ByteRange> Picture::BytesOf(std::uint32_t tile, unsigned reduce) {
   return ranges;
 }
 
+std::vector<ByteRange> Picture::PlacesOf(std::uint32_t tile) {
+  TileRegion(tile);
+  State& state = *state_;
+  const std::lock_guard lock(state.indexMutex);
+  const KelIndexTileParts* found = state.index.GetTileParts();
+  state.stream.Rethrow();
+  if (found == nullptr) ThrowFailure(state.index.GetErrorDetails(), Failure::kMemory);
+  std::vector<ByteRange> places;
+  for (const KelIndexTilePart& part : std::span(found->parts, found->count)) {
+    if (part.tile == tile) places.push_back({part.offset, part.offset + part.length});
+  }
+  return places;
+}
+
 Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads,
                       DecodeReport* report) {
   State& state = *state_;

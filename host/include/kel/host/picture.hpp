@@ -50,6 +50,9 @@ class Picture {
   /// of the data. Throw Error: kParameter for a tile that does not exist, kInput, kMemory.
   std::uint64_t FrontBytes() const;
   std::vector<ByteRange> BytesOf(std::uint32_t tile, unsigned reduce = 0);
+  /// Where a tile stands in the data, whatever of it is needed; nothing in it is read for that.
+  /// Throws as BytesOf.
+  std::vector<ByteRange> PlacesOf(std::uint32_t tile);
 
   /// The samples of a region, clipped to the picture, with width and height halved `reduce` times:
   /// those that decoding everything at this resolution gives there. Only the bytes that they need
