@@ -2,6 +2,7 @@
 #include <kel/host/convert.hpp>
 #include <kel/host/decode.hpp>
 #include <kel/host/errors.hpp>
+#include <kel/host/pnm.hpp>
 #include <kel/host/session.hpp>
 #include <kel/host/similarity.hpp>
 
@@ -67,6 +68,7 @@ host::Image LoadAnyImage(const std::string& name, unsigned threads) {
       host::MemorySource source(bytes);
       image = host::Decode(source, params);
     }
+    host::UseFullRange(image);
     host::MakeOrdinary(image);
     return image;
   } catch (const host::Error& error) {

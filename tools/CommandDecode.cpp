@@ -2,6 +2,7 @@
 #include <kel/host/convert.hpp>
 #include <kel/host/decode.hpp>
 #include <kel/host/picture.hpp>
+#include <kel/host/pnm.hpp>
 #include <kel/host/session.hpp>
 
 #include <CLI/CLI.hpp>
@@ -12,7 +13,9 @@
 #include "Console.hpp"
 #include "Files.hpp"
 #include "ImageFile.hpp"
+#include "Metadata.hpp"
 #include "OutputFile.hpp"
+#include "PictureOptions.hpp"
 #include "RawPlanes.hpp"
 
 namespace kel::tool {
@@ -20,6 +23,7 @@ namespace {
 
 struct DecodeOptions {
   FileOptions files;
+  MetadataOptions metadata;
   unsigned reduce = 0;
   std::string region;
   std::optional<std::uint32_t> tile;
@@ -47,6 +51,12 @@ std::string FormatName(const DecodeOptions& options, const std::string& output) 
 bool GoesByRows(const DecodeOptions& options, const std::string& format,
                 const host::Image& description) {
   if (options.rotate != 0 || options.bits != 0 || !options.rawPrefix.empty()) return false;
+  host::Image changed;
+  host::CopyDescription(description, changed);
+  ChangeMetadata(options.metadata, changed);
+  const bool isPnm = FormatOfName(format) == ImageFormat::kPnm;
+  if (IsToBeTurned(options.metadata, changed)) return false;
+  if (host::KeptMaxValue(changed) != 0 && !isPnm) return false;
   return host::HasPlainRows(description) &&
          (host::IsOrdinary(description) || KeepsPalette(format, description));
 }
@@ -87,13 +97,18 @@ host::Image DecodeRegion(const DecodeOptions& options, const Task& task,
 
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
                 host::Image image) {
+  ChangeMetadata(options.metadata, image);
+  const bool isPnm = !format.empty() && FormatOfName(format) == ImageFormat::kPnm;
+  if (options.bits != 0 || (!isPnm && !format.empty())) host::UseFullRange(image);
   if (options.bits != 0) {
     host::ExpandPalette(image);
     host::ChangeDepth(image, options.bits);
   }
+  if (options.rotate != 0 || options.metadata.autoOrient) MakeUpright(image);
   host::Rotate(image, options.rotate);
   if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix);
   if (task.output.empty()) return;
+  WarnOfLosses(image, format, task);
   OutputFile output(task.output, task.onExisting);
   WriteImage(image, format, output);
 }
@@ -117,7 +132,7 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
   const host::Image description = decoder.Description();
   if (GoesByRows(options, format, description)) {
     OutputFile output(task.output, task.onExisting);
-    report = decoder.Decode(*MakeImageFile(format, output));
+    report = decoder.Decode(*MakeChangedFile(format, output, options.metadata, task));
   } else {
     WriteWhole(options, task, format, decoder.DecodeImage(&report));
   }
@@ -168,7 +183,11 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
   command.add_option("--tile", options->tile, "decode one tile only, counted in rows from 0")
       ->type_name("N")
       ->excludes(region);
-  command.add_option("--rotate", options->rotate, "turn clockwise by 90, 180 or 270 degrees")
+  command
+      .add_option("--rotate", options->rotate,
+                  "turn clockwise by 90, 180 or 270 degrees\n"
+                  "It is turned from how it is to be seen; the orientation has no part in the "
+                  "result any more.")
       ->type_name("DEGREES")
       ->check(CLI::IsMember({90, 180, 270}));
   command.add_option("--bits", options->bits, "scale samples to N bits")
@@ -177,6 +196,7 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
   command.add_flag("--exact", options->exact,
                    "compute lossy pictures of up to 8 bits in double precision\n"
                    "Without it fewer than one of 15,000 samples of a photo differ, by one level.");
+  AddMetadataOptions(command, options->metadata);
   command
       .add_option("--raw-planes", options->rawPrefix,
                   "write bare samples to PREFIX.cN.raw, described in PREFIX.json\n"

@@ -6,12 +6,15 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 
 #include "Commands.hpp"
 #include "Console.hpp"
 #include "Files.hpp"
 #include "ImageFile.hpp"
+#include "Metadata.hpp"
 #include "OutputFile.hpp"
+#include "PictureOptions.hpp"
 
 namespace kel::tool {
 namespace {
@@ -21,6 +24,8 @@ constexpr std::size_t kMostPaletteEntries = 1024;
 struct EncodeOptions {
   FileOptions files;
   CodingOptions coding;
+  MetadataOptions metadata;
+  ReadOptions reading;
   std::uint64_t size = 0;
   double psnr = 0;
   std::string order = "rlcp";
@@ -48,13 +53,21 @@ bool KeepsPalette(const host::Image& image, bool lossless) {
          });
 }
 
-/// The rows to be encoded: the file's, or those of its image with the palette looked up.
-std::unique_ptr<host::RowSource> OpenRows(host::BufferedSource& source, bool lossless) {
-  auto rows = OpenImage(source);
-  const host::Image& description = rows->Description();
-  if (!description.palette || KeepsPalette(description, lossless)) return rows;
+/// The rows to be encoded: the file's, or those of its image with the palette looked up or turned.
+/// Null when the file has fewer pages.
+std::unique_ptr<host::RowSource> OpenRows(host::BufferedSource& source,
+                                          const EncodeOptions& options,
+                                          const ReadSettings& settings) {
+  auto rows = OpenImage(source, settings);
+  if (rows == nullptr) return rows;
+  host::Image& description = rows->Description();
+  ChangeMetadata(options.metadata, description);
+  const bool turns = IsToBeTurned(options.metadata, description);
+  const bool keeps = !description.palette || KeepsPalette(description, options.coding.lossless);
+  if (keeps && !turns) return rows;
   host::Image image = host::ReadImage(*rows);
-  host::ExpandPalette(image);
+  if (!keeps) host::ExpandPalette(image);
+  if (turns) MakeUpright(image);
   return std::make_unique<host::ImageRowSource>(std::move(image));
 }
 
@@ -66,13 +79,15 @@ std::string Summary(const host::Image& image, const host::EncodeReport& report) 
   return text + (report.quality == 0 ? "lossless" : "quality " + std::to_string(report.quality));
 }
 
-int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task& task) {
-  if (FormatOfName(task.output)) {
-    throw UsageError(task.output + ": a Kel file under the name of an image; let it end in .kel");
-  }
+/// Encodes one page; 0 is the first and only one. False when there are fewer.
+bool EncodePage(const EncodeOptions& options, const host::Image* mask, const Task& task,
+                unsigned page) {
   const auto input = OpenInput(task.input);
   host::BufferedSource source(*input);
-  const auto rows = OpenRows(source, options.coding.lossless);
+  ReadSettings settings = SettingsOf(options.reading, task, page);
+  settings.keepValues = options.coding.lossless;
+  const auto rows = OpenRows(source, options, settings);
+  if (rows == nullptr) return false;
   host::Image& image = rows->Description();
   if (!options.comment.empty()) image.comment = options.comment;
   if (options.resolution > 0) image.resolution = {options.resolution, options.resolution};
@@ -91,6 +106,36 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
   const host::EncodeReport report = host::Encode(*rows, params, output);
   if (task.announce) {
     PrintMessage(task.output + ": " + Summary(image, report) + ", " + Speed(image, start));
+  }
+  return true;
+}
+
+/// NAME-2.kel of NAME.kel.
+std::string NameOfPage(const std::string& name, unsigned page) {
+  const std::filesystem::path path(name);
+  const std::string file =
+      path.stem().string() + "-" + std::to_string(page) + path.extension().string();
+  return (path.parent_path() / file).string();
+}
+
+int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task& task) {
+  if (FormatOfName(task.output)) {
+    throw UsageError(task.output + ": a Kel file under the name of an image; let it end in .kel");
+  }
+  const std::string& page = options.reading.page;
+  if (page == "all") {
+    if (task.input == kStandardStream || task.output == kStandardStream) {
+      throw UsageError("--page all needs files, not standard input or output");
+    }
+    Task one = task;
+    for (unsigned number = 1;; ++number) {
+      one.output = NameOfPage(task.output, number);
+      if (!EncodePage(options, mask, one, number)) return kDone;
+    }
+  }
+  if (!EncodePage(options, mask, task,
+                  page.empty() ? 0 : static_cast<unsigned>(std::stoul(page)))) {
+    throw host::Error(host::Failure::kInput, "there is no page " + page);
   }
   return kDone;
 }
@@ -171,6 +216,8 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   CLI::App& command = *app.add_subcommand("encode", "turn image files into Kel files");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
+  AddReadOptions(command, options->reading);
+  AddMetadataOptions(command, options->metadata);
   command
       .add_option(
           "--size", options->size,

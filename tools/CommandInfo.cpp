@@ -1,4 +1,5 @@
 // kel info: what a Kel file is, for people and for programs.
+#include <kel/host/decode.hpp>
 #include <kel/host/errors.hpp>
 #include <kel/host/probe.hpp>
 #include <kel/host/session.hpp>
@@ -12,9 +13,12 @@
 
 #include "Commands.hpp"
 #include "Console.hpp"
+#include "Exif.hpp"
 #include "Files.hpp"
 #include "InfoJson.hpp"
 #include "InfoRanges.hpp"
+#include "Metadata.hpp"
+#include "Text.hpp"
 
 namespace kel::tool {
 namespace {
@@ -24,30 +28,6 @@ using host::Info;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kShownTileParts = 8;
-
-/// Characters that steer a terminal or the direction and shape of text instead of standing there:
-/// controls, marks of direction and width, annotations, tags.
-constexpr std::pair<std::uint32_t, std::uint32_t> kUnseen[] = {
-    {0x00, 0x1F},     {0x7F, 0x9F},     {0xAD, 0xAD},      {0x61C, 0x61C},
-    {0x180E, 0x180E}, {0x200B, 0x200F}, {0x2028, 0x202E},  {0x2060, 0x206F},
-    {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
-
-/// UTF-8 text that does nothing to a terminal but stand there.
-std::string Printable(const std::string& text) {
-  std::string shown;
-  for (std::size_t at = 0, count = 0; at < text.size(); at += count) {
-    count = std::max<std::size_t>(CharacterBytes(text, at), 1);
-    std::uint32_t code = static_cast<unsigned char>(text[at]);
-    if (count > 1) code &= 0x7FU >> count;
-    for (std::size_t i = 1; i < count; ++i) {
-      code = code << 6 | (static_cast<unsigned char>(text[at + i]) & 0x3FU);
-    }
-    const bool isUnseen = std::ranges::any_of(
-        kUnseen, [&](const auto& range) { return code >= range.first && code <= range.second; });
-    shown += isUnseen ? " " : text.substr(at, count);
-  }
-  return shown;
-}
 
 std::string ColourText(const Info::ColourSpecification& colour) {
   switch (colour.method) {
@@ -61,6 +41,11 @@ std::string ColourText(const Info::ColourSpecification& colour) {
       return "method " + std::to_string(colour.method);
   }
 }
+
+struct InfoOptions {
+  std::vector<std::string> files;
+  bool json = false, ranges = false, exif = false;
+};
 
 // ---- For people ----
 
@@ -154,21 +139,45 @@ void PrintInfo(const std::string& name, const Info& info) {
   PrintTileParts(table, info);
 }
 
-int RunInfo(const std::vector<std::string>& files, bool asJson, bool withRanges) {
+/// The EXIF data of a file, which are among its payloads.
+std::vector<ExifLine> ExifOf(host::Source& source) {
+  host::DecodeParams params;
+  params.acceptIncomplete = true;
+  const host::RowDecoder decoder(source, params);
+  return ListExif(FindExif(decoder.Description()));
+}
+
+void PrintExif(host::Source& source) {
+  Table table;
+  for (const ExifLine& line : ExifOf(source)) {
+    table.Line(line.name, Printable(Utf8(line.value)));
+  }
+}
+
+Json ExifJson(host::Source& source) {
+  Json groups = Json::object();
+  for (const ExifLine& line : ExifOf(source)) groups[line.group][line.name] = Utf8(line.value);
+  return groups;
+}
+
+int RunInfo(const InfoOptions& options) {
+  const auto& [files, asJson, withRanges, withExif] = options;
   const host::Session session(2 * HalfOfMemory());
   Json all = Json::array();
   int code = kDone;
   for (const std::string& file : files) {
     try {
       const host::Bytes bytes = ReadInput(file);
-      host::MemorySource source(bytes);
+      host::MemorySource source(bytes), forExif(bytes);
       const Info info = host::Probe(source);
       if (asJson) {
         all.push_back(InfoJson(NameOf(file), info));
         if (withRanges) all.back()["byte_ranges"] = RangesJson(bytes);
+        if (withExif) all.back()["exif"] = ExifJson(forExif);
       } else {
         PrintInfo(NameOf(file), info);
         if (withRanges) PrintRanges(bytes);
+        if (withExif) PrintExif(forExif);
       }
     } catch (const host::Error& error) {
       std::cout.flush();
@@ -187,11 +196,7 @@ int RunInfo(const std::vector<std::string>& files, bool asJson, bool withRanges)
 }  // namespace
 
 void AddInfoCommand(CLI::App& app, Run& run) {
-  struct Options {
-    std::vector<std::string> files;
-    bool json = false, ranges = false;
-  };
-  auto options = std::make_shared<Options>();
+  auto options = std::make_shared<InfoOptions>();
   CLI::App& command = *app.add_subcommand("info", "tell what Kel files are");
   command.add_option("files", options->files, "files; - is standard input")
       ->required()
@@ -202,6 +207,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
       "A component has box_depth and box_signed when the boxes of the file describe its "
       "samples otherwise than the code stream does. The latter counts, here and in "
       "decode. A file that cannot be read has an error in the array.");
+  command.add_flag("--exif", options->exif, "the fields of the EXIF data");
   command.add_flag("--ranges", options->ranges,
                    "which bytes each tile needs at each resolution\n"
                    "Positions count from the first byte of the file; what stands in front of the "
@@ -212,9 +218,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
       "  kel info --ranges --json map.kel | jq '.byte_ranges.tiles[] | select(.reduce == 3)'\n"
       "  kel info --json photo.kel | jq .tile_parts\n"
       "Positions of tile-parts count from the first byte of the code stream.\n");
-  command.callback([options, &run] {
-    run = [options] { return RunInfo(options->files, options->json, options->ranges); };
-  });
+  command.callback([options, &run] { run = [options] { return RunInfo(*options); }; });
 }
 
 }  // namespace kel::tool

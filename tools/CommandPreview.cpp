@@ -3,6 +3,7 @@
 #include <kel/host/convert.hpp>
 #include <kel/host/decode.hpp>
 #include <kel/host/encode.hpp>
+#include <kel/host/pnm.hpp>
 #include <kel/host/probe.hpp>
 #include <kel/host/session.hpp>
 
@@ -14,6 +15,7 @@
 #include "Files.hpp"
 #include "ImageFile.hpp"
 #include "OutputFile.hpp"
+#include "PictureOptions.hpp"
 
 namespace kel::tool {
 namespace {
@@ -42,7 +44,7 @@ host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task,
 
 host::Image PreviewOfImage(const host::Bytes& bytes, const CodingOptions& coding,
                            const Task& task) {
-  host::Image image = ReadImage(bytes);
+  host::Image image = ReadImage(bytes, SettingsOf({}, task, 0));
   if (!coding.lossless) host::ExpandPalette(image);
   host::EncodeParams params = ParamsOf(coding);
   params.threads = task.threads;
@@ -64,12 +66,14 @@ int PreviewTask(const PreviewOptions& options, const Task& task) {
   host::DecodeReport report;
   report.complete = true;
   const auto start = std::chrono::steady_clock::now();
-  const host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
-                                                    : PreviewOfEncoded(bytes, task, report);
+  host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
+                                              : PreviewOfEncoded(bytes, task, report);
   if (task.verbose) {
     PrintMessage(NameOf(task.input) + ": preview of " + std::to_string(preview.width) + " x " +
                  std::to_string(preview.height) + ", " + Speed(preview, start));
   }
+  if (FormatOfName(name) != ImageFormat::kPnm) host::UseFullRange(preview);
+  WarnOfLosses(preview, name, task);
   OutputFile output(task.output, task.onExisting);
   WriteImage(preview, name, output);
   return WarnOfMissing(task.input, report);

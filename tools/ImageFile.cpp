@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -59,7 +60,48 @@ bool HasSmallPalette(const Image& image) {
          });
 }
 
+/// Rows that tell, behind the last one, when other pictures follow.
+class FirstPage final : public host::RowSource {
+ public:
+  FirstPage(std::unique_ptr<host::RowSource> rows, Warn warn)
+      : rows_(std::move(rows)), warn_(std::move(warn)) {
+    host::CopyDescription(rows_->Description(), description_);
+    left_ = description_.height;
+  }
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    rows_->Read(count, to, strideBytes);
+    left_ -= count;
+    if (left_ == 0 && rows_->HasMore()) {
+      warn_("only the first of several pictures is taken; --page takes others");
+    }
+  }
+
+ private:
+  std::unique_ptr<host::RowSource> rows_;
+  Warn warn_;
+  std::uint32_t left_ = 0;
+};
+
+std::unique_ptr<host::RowSource> OpenPnm(host::BufferedSource& source,
+                                         const ReadSettings& settings) {
+  auto rows = host::OpenPnm(
+      source, {.page = std::max(settings.page, 1U), .keepValues = settings.keepValues});
+  if (rows == nullptr || settings.page != 0) return rows;
+  return std::make_unique<FirstPage>(std::move(rows), settings.warn);
+}
+
 }  // namespace
+
+void Complaints::Note(const char* text) noexcept {
+  for (std::size_t i = 0; i < count_; ++i) {
+    if (std::strncmp(texts_[i], text, kMostLength - 1) == 0) return;
+  }
+  if (count_ < kMost) std::strncpy(texts_[count_++], text, kMostLength - 1);
+}
+
+void Complaints::Tell(const Warn& warn) {
+  while (numTold_ < count_) warn(texts_[numTold_++]);
+}
 
 std::optional<ImageFormat> RecogniseImage(host::ByteView bytes) {
   using namespace std::string_view_literals;
@@ -79,20 +121,21 @@ std::optional<ImageFormat> FormatOfName(const std::string& name) {
   return found == kEndings.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source) {
+std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source,
+                                           const ReadSettings& settings) {
   const host::ByteView first = source.Peek(kMagicBytes);
   if (first.empty()) throw Error(Failure::kInput, "the file is empty");
   const std::optional<ImageFormat> format = RecogniseImage(first);
   if (!format) throw Error(Failure::kInput, "not a PNG, PNM, TIFF or JPEG image");
   switch (*format) {
     case ImageFormat::kPng:
-      return OpenPng(source);
+      return OpenPng(source, settings);
     case ImageFormat::kTiff:
-      return OpenTiff(source);
+      return OpenTiff(source, settings);
     case ImageFormat::kJpeg:
-      return OpenJpeg(source);
+      return OpenJpeg(source, settings);
     default:
-      return host::OpenPnm(source);
+      return OpenPnm(source, settings);
   }
 }
 
@@ -119,10 +162,10 @@ bool KeepsPalette(const std::string& name, const Image& description) {
   return has && HasSmallPalette(description);
 }
 
-Image ReadImage(host::ByteView bytes) {
+Image ReadImage(host::ByteView bytes, const ReadSettings& settings) {
   host::MemorySource memory(bytes);
   host::BufferedSource source(memory);
-  return host::ReadImage(*OpenImage(source));
+  return host::ReadImage(*OpenImage(source, settings));
 }
 
 void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {

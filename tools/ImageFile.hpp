@@ -11,6 +11,7 @@
 #include <kel/host/row_streams.hpp>
 #include <kel/host/streams.hpp>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,24 +25,52 @@ std::optional<ImageFormat> RecogniseImage(host::ByteView bytes);
 /// The format that the ending of a name stands for.
 std::optional<ImageFormat> FormatOfName(const std::string& name);
 
+/// Told what is wrong with a file, or lost on the way; may throw to refuse it.
+using Warn = std::function<void(const std::string&)>;
+
+/// How an image file is read.
+struct ReadSettings {
+  Warn warn = [](const std::string&) {};
+  unsigned page = 0;        ///< from 1 on; 0 is the first, and a warning when there are more
+  bool keepValues = false;  ///< samples of PNM files that do not use their depth are not scaled
+};
+
 /// Opens an image file of any of the formats. Whether its rows come without the picture being held
-/// tells RowSource::HoldsPicture.
-std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source);
+/// tells RowSource::HoldsPicture. Null when it has fewer pages than asked for.
+std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source,
+                                           const ReadSettings& settings = {});
 /// A file in the format of the name's ending, which FormatOfName must know.
 std::unique_ptr<host::RowSink> MakeImageFile(const std::string& name, host::Sink& sink);
 /// Whether a file of that name keeps the image's palette, which is looked up for others.
 bool KeepsPalette(const std::string& name, const host::Image& description);
 
 /// All of an image file, and all of an image, made ordinary for its format.
-host::Image ReadImage(host::ByteView bytes);
+host::Image ReadImage(host::ByteView bytes, const ReadSettings& settings = {});
 void WriteImage(const host::Image& image, const std::string& name, host::Sink& sink);
 
-std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source);
+std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source,
+                                         const ReadSettings& settings);
 std::unique_ptr<host::RowSink> MakePng(host::Sink& sink);
-std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source);
+std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source,
+                                          const ReadSettings& settings);
 std::unique_ptr<host::RowSink> MakeTiff(host::Sink& sink);
-std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source);
+std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source,
+                                          const ReadSettings& settings);
 std::unique_ptr<host::RowSink> MakeJpeg(host::Sink& sink);
+
+/// What a library said while it read a file, until it can be passed on: the libraries jump over
+/// code that could throw.
+class Complaints {
+ public:
+  void Note(const char* text) noexcept;
+  /// Passes on what has not been before.
+  void Tell(const Warn& warn);
+
+ private:
+  static constexpr std::size_t kMost = 8, kMostLength = 200;
+  char texts_[kMost][kMostLength] = {};
+  std::size_t count_ = 0, numTold_ = 0;
+};
 
 /// What a format can hold beside grey and RGB of one size and depth.
 struct FormatLimits {

@@ -17,6 +17,7 @@
 #include <jerror.h>
 
 #include "ImageFile.hpp"
+#include "Md5.hpp"
 #include "Metadata.hpp"
 
 namespace kel::tool {
@@ -28,12 +29,18 @@ using host::Failure;
 using host::Image;
 
 constexpr int kQuality = 95;
-constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2;
+constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2,
+              kBlocksMarker = JPEG_APP0 + 13;
 constexpr unsigned kLongestMarker = 0xFFFF;
 constexpr std::size_t kMostMarkerData = 65533;
 constexpr std::size_t kPieceBytes = 65536;  // read or written at once
 constexpr std::string_view kExifName("Exif\0\0", 6);
 constexpr std::string_view kXmpName("http://ns.adobe.com/xap/1.0/\0", 29);
+constexpr std::string_view kExtensionName("http://ns.adobe.com/xmp/extension/\0", 35);
+constexpr std::string_view kBlocksName("Photoshop 3.0\0", 14);
+constexpr std::size_t kDigestBytes = 32;            // in hexadecimal digits
+constexpr std::size_t kMostXmpPiece = 65000;        // of an extension, in a marker
+constexpr std::size_t kMostXmp = 64 * 1024 * 1024;  // put together from pieces
 constexpr double kCentimetresPerInch = 2.54;
 
 /// libjpeg's error manager with our way back.
@@ -41,6 +48,7 @@ struct ErrorManager : jpeg_error_mgr {
   std::jmp_buf back;
   char message[JMSG_LENGTH_MAX] = {};
   std::exception_ptr thrown;  ///< by a source or sink, behind which libjpeg stands
+  Complaints complaints;
 };
 
 [[noreturn]] void OnError(j_common_ptr common) {
@@ -49,9 +57,14 @@ struct ErrorManager : jpeg_error_mgr {
   std::longjmp(errors.back, 1);
 }
 
-/// Warnings are passed over, but for the one that says that the rest is missing.
+/// Warnings are noted, but for the one that says that the rest is missing, which is a failure.
 void OnMessage(j_common_ptr common, int level) {
-  if (level < 0 && common->err->msg_code == JWRN_JPEG_EOF) OnError(common);
+  if (level >= 0) return;
+  if (common->err->msg_code == JWRN_JPEG_EOF) OnError(common);
+  auto& errors = *static_cast<ErrorManager*>(common->err);
+  char text[JMSG_LENGTH_MAX];
+  errors.format_message(common, text);
+  errors.complaints.Note(text);
 }
 
 void SetUp(ErrorManager& errors) {
@@ -113,6 +126,8 @@ bool ReadHeader(JpegReader& r) {
   jpeg_create_decompress(&r.jpeg);
   jpeg_save_markers(&r.jpeg, kMetadataMarker, kLongestMarker);
   jpeg_save_markers(&r.jpeg, kProfileMarker, kLongestMarker);
+  jpeg_save_markers(&r.jpeg, kBlocksMarker, kLongestMarker);
+  jpeg_save_markers(&r.jpeg, JPEG_COM, kLongestMarker);
   r.jpeg.client_data = &r;
   r.manager.init_source = [](j_decompress_ptr) {};
   r.manager.fill_input_buffer = FillInput;
@@ -150,6 +165,22 @@ void Require(const JpegReader& reader, bool success) {
   throw Error(Failure::kInput, std::string("damaged JPEG file: ") + reader.errors.message);
 }
 
+/// Puts a piece of an extension in its place: a digest, the size of all, the piece's position, and
+/// the piece.
+void AddExtension(ByteView marker, std::string& extension) {
+  constexpr std::size_t kHead = kDigestBytes + 8;
+  if (marker.size() < kHead) return;
+  const auto word = [&](std::size_t at) {
+    return std::size_t{marker[at]} << 24 | std::size_t{marker[at + 1]} << 16 |
+           marker[at + 2] * 256U | marker[at + 3];
+  };
+  const std::size_t total = word(kDigestBytes), at = word(kDigestBytes + 4);
+  const ByteView piece = marker.subspan(kHead);
+  if (total > kMostXmp || at > total || piece.size() > total - at) return;
+  extension.resize(std::max(extension.size(), at + piece.size()), ' ');
+  std::copy(piece.begin(), piece.end(), extension.begin() + static_cast<std::ptrdiff_t>(at));
+}
+
 void ReadMetadata(const JpegReader& reader, Image& image) {
   const jpeg_decompress_struct& jpeg = reader.jpeg;
   if (reader.profileBytes != 0) {
@@ -160,16 +191,26 @@ void ReadMetadata(const JpegReader& reader, Image& image) {
     const double scale = jpeg.density_unit == 2 ? kCentimetresPerInch : 1;
     image.resolution = {jpeg.X_density * scale, jpeg.Y_density * scale};
   }
+  std::string xmp, extension;
   for (const jpeg_marker_struct* marker = jpeg.marker_list; marker != nullptr;
        marker = marker->next) {
+    const ByteView bytes(marker->data, marker->data_length);
     const std::string_view data(reinterpret_cast<const char*>(marker->data), marker->data_length);
-    if (marker->marker != kMetadataMarker) continue;
-    if (data.starts_with(kExifName)) {
-      AddExif(image, ByteView(marker->data, marker->data_length).subspan(kExifName.size()));
+    if (marker->marker == JPEG_COM) {
+      image.comment.append(image.comment.empty() ? "" : "\n").append(data);
+    } else if (marker->marker == kBlocksMarker && data.starts_with(kBlocksName)) {
+      AddIptc(image, IptcInBlocks(bytes.subspan(kBlocksName.size())));
+    } else if (marker->marker != kMetadataMarker) {
+      continue;
+    } else if (data.starts_with(kExifName)) {
+      AddExif(image, bytes.subspan(kExifName.size()));
     } else if (data.starts_with(kXmpName)) {
-      AddXmp(image, std::string(data.substr(kXmpName.size())));
+      xmp = data.substr(kXmpName.size());
+    } else if (data.starts_with(kExtensionName)) {
+      AddExtension(bytes.subspan(kExtensionName.size()), extension);
     }
   }
+  AddXmp(image, extension.empty() ? xmp : JoinXmp(xmp, extension));
 }
 
 // ---- Writing ----
@@ -183,7 +224,7 @@ struct JpegWriter {
   jpeg_destination_mgr manager{};
   ErrorManager errors;
   jpeg_compress_struct jpeg{};
-  host::Bytes exif, xmp;  ///< whole markers' data; empty for none
+  std::vector<std::pair<int, host::Bytes>> markers;  ///< with their numbers, data and names
 };
 
 /// Writes what the piece holds and begins it anew.
@@ -239,10 +280,8 @@ bool StartWriting(JpegWriter& w, const Image& image) {
   }
   SetDensity(w.jpeg, image);
   jpeg_start_compress(&w.jpeg, TRUE);
-  for (const host::Bytes* marker : {&w.exif, &w.xmp}) {
-    if (marker->empty()) continue;
-    jpeg_write_marker(&w.jpeg, kMetadataMarker, marker->data(),
-                      static_cast<unsigned>(marker->size()));
+  for (const auto& [number, data] : w.markers) {
+    jpeg_write_marker(&w.jpeg, number, data.data(), static_cast<unsigned>(data.size()));
   }
   if (!image.iccProfile.empty()) {
     jpeg_write_icc_profile(&w.jpeg, image.iccProfile.data(),
@@ -269,19 +308,45 @@ void Require(const JpegWriter& writer, bool success) {
   throw Error(Failure::kOutput, std::string("cannot be written as JPEG: ") + writer.errors.message);
 }
 
-/// The data of a marker: its name, then the payload; nothing when that is empty or too long.
+/// Adds a marker: its name, then the payload; nothing when that is empty or too long.
 template <class Payload>
-host::Bytes MarkerData(std::string_view name, const Payload& payload) {
-  host::Bytes data;
-  if (payload.empty() || name.size() + payload.size() > kMostMarkerData) return data;
-  data.assign(name.begin(), name.end());
+void AddMarker(JpegWriter& writer, int number, std::string_view name, const Payload& payload) {
+  if (payload.empty() || name.size() + payload.size() > kMostMarkerData) return;
+  host::Bytes data(name.begin(), name.end());
   data.insert(data.end(), payload.begin(), payload.end());
-  return data;
+  writer.markers.emplace_back(number, std::move(data));
+}
+
+/// XMP of one marker, or a pointer to an extension of many.
+void AddXmpMarkers(JpegWriter& writer, std::string_view xmp) {
+  if (kXmpName.size() + xmp.size() <= kMostMarkerData) {
+    AddMarker(writer, kMetadataMarker, kXmpName, xmp);
+    return;
+  }
+  const std::string digest =
+      Md5Digits({reinterpret_cast<const std::uint8_t*>(xmp.data()), xmp.size()});
+  AddMarker(writer, kMetadataMarker, kXmpName, MakeXmpPointer(digest));
+  for (std::size_t at = 0; at < xmp.size(); at += kMostXmpPiece) {
+    std::string piece = digest;
+    for (const std::size_t number : {xmp.size(), at}) {
+      for (const int shift : {24, 16, 8, 0}) piece += static_cast<char>(number >> shift);
+    }
+    AddMarker(writer, kMetadataMarker, kExtensionName, piece.append(xmp.substr(at, kMostXmpPiece)));
+  }
+}
+
+void AddMarkers(JpegWriter& writer, const Image& image) {
+  AddMarker(writer, kMetadataMarker, kExifName, FindExif(image));
+  if (const std::string* xmp = FindXmp(image)) AddXmpMarkers(writer, *xmp);
+  const ByteView iptc = FindIptc(image);
+  if (!iptc.empty()) AddMarker(writer, kBlocksMarker, kBlocksName, MakeIptcBlock(iptc));
+  AddMarker(writer, JPEG_COM, {}, image.comment);
 }
 
 class JpegSource final : public host::RowSource {
  public:
-  explicit JpegSource(host::BufferedSource& source) : reader_(source) {
+  JpegSource(host::BufferedSource& source, const ReadSettings& settings)
+      : reader_(source), warn_(settings.warn) {
     Require(reader_, ReadHeader(reader_));
     const J_COLOR_SPACE space = reader_.jpeg.jpeg_color_space;
     if (space == JCS_CMYK || space == JCS_YCCK) {
@@ -296,6 +361,7 @@ class JpegSource final : public host::RowSource {
                                           space == JCS_GRAYSCALE ? 1 : 3, 8);
     ReadMetadata(reader_, description_);
     Require(reader_, StartReading(reader_));
+    reader_.errors.complaints.Tell(warn_);
   }
 
   void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
@@ -303,6 +369,7 @@ class JpegSource final : public host::RowSource {
     if (reader_.jpeg.output_scanline == reader_.jpeg.output_height) {
       Require(reader_, FinishReading(reader_));
     }
+    reader_.errors.complaints.Tell(warn_);
   }
 
   /// libjpeg keeps the coefficients of a progressive file.
@@ -310,6 +377,7 @@ class JpegSource final : public host::RowSource {
 
  private:
   JpegReader reader_;
+  Warn warn_;
 };
 
 class JpegSink final : public host::RowSink {
@@ -324,8 +392,7 @@ class JpegSink final : public host::RowSink {
     if (std::max(description.width, description.height) > JPEG_MAX_DIMENSION) {
       throw Error(Failure::kOutput, "JPEG files hold at most 65500 columns and rows");
     }
-    writer_.exif = MarkerData(kExifName, FindExif(description));
-    if (const std::string* xmp = FindXmp(description)) writer_.xmp = MarkerData(kXmpName, *xmp);
+    AddMarkers(writer_, description);
     Require(writer_, StartWriting(writer_, description));
   }
 
@@ -346,8 +413,10 @@ class JpegSink final : public host::RowSink {
 
 }  // namespace
 
-std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source) {
-  return std::make_unique<JpegSource>(source);
+std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source,
+                                          const ReadSettings& settings) {
+  if (settings.page > 1) return nullptr;
+  return std::make_unique<JpegSource>(source, settings);
 }
 
 std::unique_ptr<host::RowSink> MakeJpeg(host::Sink& sink) {

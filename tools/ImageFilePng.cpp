@@ -15,13 +15,18 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <csetjmp>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string_view>
 
+#include <zlib.h>
+
 #include "ImageFile.hpp"
 #include "Metadata.hpp"
+#include "Text.hpp"
 
 namespace kel::tool {
 namespace {
@@ -40,9 +45,20 @@ constexpr int kCompression = 4;  // nearly as small as the default, in half the 
 constexpr png_uint_32 kMostSide = 0x7FFFFFFF;
 constexpr std::size_t kPieceBytes = 256 * 1024;  // of compressed data, written at once
 
+/// Chunks whose data are taken as they are: profiles, of which libpng would refuse some, and the
+/// number of pictures.
+const png_byte kRawChunks[] = "iCCP\0acTL";
+constexpr int kNumRawChunks = 2;
+constexpr const char* kProfileName = "ICC profile";
+constexpr const char* kCommentKeyword = "Comment";
+constexpr std::string_view kHexKeyword = "Raw profile type ";
+constexpr std::size_t kMostComment = 65000;  // of the format
+constexpr std::size_t kMostProfile = 64 * 1024 * 1024;
+
 struct Failures {
   char message[200] = {};
   std::exception_ptr thrown;  ///< by a source or sink, behind which libpng stands
+  Complaints complaints;
 };
 
 void OnError(png_structp png, png_const_charp message) {
@@ -51,7 +67,9 @@ void OnError(png_structp png, png_const_charp message) {
   png_longjmp(png, 1);
 }
 
-void OnWarning(png_structp, png_const_charp) {}
+void OnWarning(png_structp png, png_const_charp message) {
+  static_cast<Failures*>(png_get_error_ptr(png))->complaints.Note(message);
+}
 
 // ---- Reading ----
 
@@ -87,6 +105,7 @@ bool ReadHeader(PngReader& r) {
   if (setjmp(png_jmpbuf(r.png)) != 0) return false;
   png_set_read_fn(r.png, &r, ReadBytes);
   png_set_user_limits(r.png, kMostSide, kMostSide);
+  png_set_keep_unknown_chunks(r.png, PNG_HANDLE_CHUNK_ALWAYS, kRawChunks, kNumRawChunks);
   png_read_info(r.png, r.info);
   int interlace = 0;
   png_get_IHDR(r.png, r.info, &r.width, &r.height, &r.depth, &r.colourType, &interlace, nullptr,
@@ -182,14 +201,103 @@ void ApplyNotedDepth(Image& image, unsigned noted) {
   if (host::Compare(restored, image).identical) image.planes = std::move(reduced.planes);
 }
 
-void ReadMetadata(PngReader& reader, Image& image) {
-  png_charp name = nullptr;
-  int compression = 0;
-  png_bytep profile = nullptr;
-  png_uint_32 profileBytes = 0;
-  if (png_get_iCCP(reader.png, reader.info, &name, &compression, &profile, &profileBytes) != 0) {
-    image.iccProfile.assign(profile, profile + profileBytes);
+/// The data of a chunk that libpng does not look into; nothing when there is none.
+ByteView RawChunk(const PngReader& reader, std::string_view name) {
+  png_unknown_chunkp chunks = nullptr;
+  const int count = png_get_unknown_chunks(reader.png, reader.info, &chunks);
+  for (int i = 0; i < count; ++i) {
+    if (name == reinterpret_cast<const char*>(chunks[i].name)) {
+      return {chunks[i].data, chunks[i].size};
+    }
   }
+  return {};
+}
+
+/// A profile out of its chunk: a name that ends with a zero byte, a zero byte, compressed data.
+Bytes ReadProfile(ByteView chunk, const Warn& warn) {
+  const auto zero = std::ranges::find(chunk, 0);
+  if (chunk.end() - zero < 2) return {};
+  const ByteView data(zero + 2, chunk.end());
+  Bytes profile;
+  z_stream stream{};
+  if (inflateInit(&stream) != Z_OK) return {};
+  stream.next_in = const_cast<Bytef*>(data.data());
+  stream.avail_in = static_cast<uInt>(data.size());
+  int result = Z_OK;
+  while (result == Z_OK && profile.size() < kMostProfile) {
+    profile.resize(profile.size() + kPieceBytes);
+    stream.next_out = profile.data() + profile.size() - kPieceBytes;
+    stream.avail_out = kPieceBytes;
+    result = inflate(&stream, Z_NO_FLUSH);
+  }
+  profile.resize(profile.size() - stream.avail_out);
+  inflateEnd(&stream);
+  if (result == Z_STREAM_END) return profile;
+  warn("the colour profile is damaged, and left out");
+  return {};
+}
+
+/// Bytes out of text that some programs write: a line feed, a name, a length, and digits.
+Bytes FromHex(std::string_view text) {
+  Bytes bytes;
+  for (int line = 0; line < 3; ++line) {
+    text.remove_prefix(std::min(text.size(), text.find('\n')));
+    if (!text.empty()) text.remove_prefix(1);
+  }
+  unsigned digits = 0, value = 0;
+  for (const char c : text) {
+    if (std::isxdigit(static_cast<unsigned char>(c)) == 0) continue;
+    const int digit = c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10;
+    value = value << 4 | static_cast<unsigned>(digit);
+    if (++digits % 2 == 0) bytes.push_back(static_cast<std::uint8_t>(value));
+  }
+  return bytes;
+}
+
+std::string ToHex(std::string_view name, ByteView bytes) {
+  std::string text = "\n" + std::string(name) + "\n" + std::to_string(bytes.size());
+  char pair[3];
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i % 36 == 0) text += '\n';
+    std::snprintf(pair, sizeof pair, "%02x", bytes[i]);
+    text += pair;
+  }
+  return text + '\n';
+}
+
+/// Profiles that stand in a text as digits.
+void ReadHexText(std::string_view kind, std::string_view text, Image& image) {
+  const Bytes bytes = FromHex(text);
+  const std::string_view data(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (kind == "iptc") {
+    AddIptc(image, data.starts_with("8BIM") ? IptcInBlocks(bytes) : ByteView(bytes));
+  } else if (data.starts_with(std::string_view("Exif\0\0", 6))) {
+    AddExif(image, ByteView(bytes).subspan(6));
+  }
+}
+
+void ReadTexts(PngReader& reader, Image& image) {
+  png_textp texts = nullptr;
+  const int numTexts = png_get_text(reader.png, reader.info, &texts, nullptr);
+  Texts others;
+  for (int i = 0; i < numTexts; ++i) {
+    const std::string_view keyword = texts[i].key;
+    const std::string text = texts[i].text;
+    if (keyword == kXmpKeyword) {
+      AddXmp(image, text);
+    } else if (keyword.starts_with(kHexKeyword)) {
+      ReadHexText(keyword.substr(kHexKeyword.size()), text, image);
+    } else if (keyword == kCommentKeyword && image.comment.empty() && text.size() < kMostComment) {
+      image.comment = Utf8(text);
+    } else {
+      others.emplace_back(keyword, Utf8(text));
+    }
+  }
+  SetTexts(image, others);
+}
+
+void ReadMetadata(PngReader& reader, const Warn& warn, Image& image) {
+  image.iccProfile = ReadProfile(RawChunk(reader, "iCCP"), warn);
   png_uint_32 x = 0, y = 0;
   int unit = 0;
   if (png_get_pHYs(reader.png, reader.info, &x, &y, &unit) != 0 && unit == PNG_RESOLUTION_METER) {
@@ -200,11 +308,21 @@ void ReadMetadata(PngReader& reader, Image& image) {
   if (png_get_eXIf_1(reader.png, reader.info, &exifBytes, &exif) != 0) {
     AddExif(image, {exif, exifBytes});
   }
-  png_textp texts = nullptr;
-  const int numTexts = png_get_text(reader.png, reader.info, &texts, nullptr);
-  for (int i = 0; i < numTexts; ++i) {
-    if (std::strcmp(texts[i].key, kXmpKeyword) == 0) AddXmp(image, texts[i].text);
+  ReadTexts(reader, image);
+}
+
+/// Names what images have no place for.
+void WarnOfOthers(const PngReader& reader, const Warn& warn) {
+  constexpr std::pair<png_uint_32, const char*> kOthers[] = {
+      {PNG_INFO_bKGD, "background (bKGD)"}, {PNG_INFO_hIST, "histogram (hIST)"},
+      {PNG_INFO_oFFs, "offset (oFFs)"},     {PNG_INFO_pCAL, "scale of values (pCAL)"},
+      {PNG_INFO_sCAL, "scale (sCAL)"},      {PNG_INFO_sPLT, "suggested palette (sPLT)"}};
+  std::string lost;
+  for (const auto& [flag, name] : kOthers) {
+    if (png_get_valid(reader.png, reader.info, flag) == 0) continue;
+    lost += (lost.empty() ? "" : ", ") + std::string(name);
   }
+  if (!lost.empty()) warn("left out: " + lost);
 }
 
 /// Whether a file that can be read anywhere has metadata behind its samples. In a pipe they would
@@ -217,7 +335,8 @@ bool HasLateMetadata(const host::Source& source) {
     if (source.ReadAt(at, header) < kHeader) return false;
     const std::string_view type(reinterpret_cast<const char*>(header) + 4, 4);
     samples = samples || type == "IDAT";
-    if (samples && (type == "eXIf" || type == "iTXt")) return true;
+    const bool isMetadata = type == "eXIf" || type == "iTXt" || type == "tEXt" || type == "zTXt";
+    if (samples && isMetadata) return true;
     at += kHeader + kChecksum + png_get_uint_32(header);
   }
   return false;
@@ -226,7 +345,8 @@ bool HasLateMetadata(const host::Source& source) {
 /// Rows as libpng reads them, with opacity made of a transparent colour or palette entries.
 class PngSource final : public host::RowSource {
  public:
-  explicit PngSource(host::BufferedSource& source) : reader_(source) {
+  PngSource(host::BufferedSource& source, const ReadSettings& settings)
+      : reader_(source), warn_(settings.warn) {
     Require(reader_, ReadHeader(reader_));
     const bool colour = (reader_.colourType & PNG_COLOR_MASK_COLOR) != 0;
     const bool opacity = (reader_.colourType & PNG_COLOR_MASK_ALPHA) != 0;
@@ -239,7 +359,9 @@ class PngSource final : public host::RowSource {
         expands_ ? 8U : static_cast<unsigned>(reader_.depth), opacity || expands_ || hasKey_);
     if (indexed) description_.colourSpace = host::ColourSpace::kSrgb;
     if (indexed && !expands_) description_.palette = palette_;
-    ReadMetadata(reader_, description_);
+    ReadMetadata(reader_, warn_, description_);
+    WarnOfOthers(reader_, warn_);
+    reader_.failures.complaints.Tell(warn_);
   }
 
   void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
@@ -253,6 +375,7 @@ class PngSource final : public host::RowSource {
       if (!direct) Convert(all_.data() + (HoldsPicture() ? nextRow_ * reader_.rowBytes : 0), to);
     }
     if (nextRow_ == reader_.height && !HoldsPicture()) Require(reader_, ReadEnd(reader_));
+    reader_.failures.complaints.Tell(warn_);
   }
 
   bool HoldsPicture() const override { return reader_.passes > 1; }
@@ -260,7 +383,13 @@ class PngSource final : public host::RowSource {
   void ReadLateMetadata(Image& image) {
     image.xml.clear();
     image.uuids.clear();
-    ReadMetadata(reader_, image);
+    image.comment.clear();
+    ReadMetadata(reader_, warn_, image);
+  }
+  /// Pictures of an animation; 1 of other files.
+  std::uint32_t NumPictures() const {
+    const ByteView chunk = RawChunk(reader_, "acTL");
+    return chunk.size() < 4 ? 1 : std::max(png_get_uint_32(chunk.data()), 1U);
   }
   /// The depth that all channels are noted to have had; 0 when it is the file's.
   unsigned Noted() const {
@@ -314,6 +443,7 @@ class PngSource final : public host::RowSource {
   }
 
   PngReader reader_;
+  Warn warn_;
   host::Palette palette_;  ///< no columns when there is none
   bool expands_ = false;   ///< rows of indices become colours and opacity
   bool hasKey_ = false;    ///< one colour is transparent
@@ -336,7 +466,9 @@ struct PngWriter {
   int depth = 8, colourType = PNG_COLOR_TYPE_GRAY;
   png_color entries[256] = {};
   int numEntries = 0;
-  const std::string* xmp = nullptr;
+  Bytes profile;  ///< a whole chunk's data; empty for none
+  std::vector<std::string> keywords, texts;
+  std::vector<png_text> textEntries;
 };
 
 void WriteBytes(png_structp png, png_bytep from, png_size_t count) {
@@ -386,9 +518,10 @@ void ChooseForm(PngWriter& writer) {
 
 void SetMetadata(PngWriter& w) {
   const Image& image = w.image;
-  if (!image.iccProfile.empty()) {
-    png_set_iCCP(w.png, w.info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, image.iccProfile.data(),
-                 static_cast<png_uint_32>(image.iccProfile.size()));
+  const bool isStandard = image.colourSpace == host::ColourSpace::kSrgb ||
+                          image.colourSpace == host::ColourSpace::kGrey;
+  if (w.profile.empty() && isStandard) {
+    png_set_sRGB(w.png, w.info, PNG_sRGB_INTENT_PERCEPTUAL);
   }
   if (image.resolution) {
     png_set_pHYs(w.png, w.info,
@@ -401,12 +534,8 @@ void SetMetadata(PngWriter& w) {
     png_set_eXIf_1(w.png, w.info, static_cast<png_uint_32>(exif.size()),
                    const_cast<png_bytep>(exif.data()));
   }
-  if (w.xmp != nullptr) {
-    png_text text{};
-    text.compression = PNG_ITXT_COMPRESSION_NONE;
-    text.key = const_cast<png_charp>(kXmpKeyword);
-    text.text = const_cast<png_charp>(w.xmp->c_str());
-    png_set_text(w.png, w.info, &text, 1);
+  if (!w.textEntries.empty()) {
+    png_set_text(w.png, w.info, w.textEntries.data(), static_cast<int>(w.textEntries.size()));
   }
 }
 
@@ -416,7 +545,7 @@ bool WriteHeader(PngWriter& w) {
   if (w.info == nullptr) return false;
   if (setjmp(png_jmpbuf(w.png)) != 0) return false;
   png_set_write_fn(w.png, &w, WriteBytes, Flush);
-  png_set_benign_errors(w.png, 1);  // a profile that libpng does not like is left out
+  png_set_benign_errors(w.png, 1);  // a text that libpng does not like is left out
   png_set_user_limits(w.png, kMostSide, kMostSide);
   png_set_compression_level(w.png, kCompression);
   png_set_compression_buffer_size(w.png, kPieceBytes);
@@ -429,6 +558,11 @@ bool WriteHeader(PngWriter& w) {
     png_set_sBIT(w.png, w.info, &bits);
   }
   SetMetadata(w);
+  png_write_info_before_PLTE(w.png, w.info);
+  if (!w.profile.empty()) {  // not by png_set_iCCP, which refuses some
+    png_write_chunk(w.png, reinterpret_cast<png_const_bytep>("iCCP"), w.profile.data(),
+                    w.profile.size());
+  }
   png_write_info(w.png, w.info);
   if (std::endian::native == std::endian::little) png_set_swap(w.png);
   png_set_packing(w.png);
@@ -454,6 +588,47 @@ void Require(const PngWriter& writer, bool success) {
               std::string("cannot be written as PNG: ") + writer.failures.message);
 }
 
+/// The chunk of a profile: a name with a zero byte, a zero byte, compressed data.
+Bytes MakeProfileChunk(ByteView profile) {
+  if (profile.empty()) return {};
+  const std::string_view name(kProfileName);
+  Bytes chunk(name.begin(), name.end());
+  chunk.resize(name.size() + 2);
+  uLongf size = compressBound(profile.size());
+  chunk.resize(name.size() + 2 + size);
+  const int result = compress2(chunk.data() + name.size() + 2, &size, profile.data(),
+                               static_cast<uLong>(profile.size()), Z_DEFAULT_COMPRESSION);
+  if (result != Z_OK) throw Error(Failure::kMemory, "no memory for compressing a colour profile");
+  chunk.resize(name.size() + 2 + size);
+  return chunk;
+}
+
+void AddText(PngWriter& writer, std::string_view keyword, std::string_view text, bool isUtf8) {
+  writer.keywords.emplace_back(keyword);
+  writer.texts.emplace_back(text);
+  const bool isAscii =
+      std::ranges::all_of(text, [](char c) { return static_cast<signed char>(c) > 0; });
+  png_text& entry = writer.textEntries.emplace_back();
+  entry = {};
+  entry.compression = isUtf8 || !isAscii ? PNG_ITXT_COMPRESSION_NONE : PNG_TEXT_COMPRESSION_NONE;
+}
+
+void MakeTexts(PngWriter& writer) {
+  const Image& image = writer.image;
+  if (const std::string* xmp = FindXmp(image)) AddText(writer, kXmpKeyword, *xmp, true);
+  if (!image.comment.empty()) AddText(writer, kCommentKeyword, Utf8(image.comment), false);
+  for (const auto& [keyword, text] : FindTexts(image)) AddText(writer, keyword, text, false);
+  const ByteView iptc = FindIptc(image);
+  if (!iptc.empty()) {
+    AddText(writer, std::string(kHexKeyword) + "iptc", ToHex("iptc", MakeIptcBlock(iptc)), false);
+  }
+  for (std::size_t i = 0; i < writer.texts.size(); ++i) {
+    writer.textEntries[i].key = writer.keywords[i].data();
+    writer.textEntries[i].text = writer.texts[i].data();
+    writer.textEntries[i].text_length = writer.texts[i].size();
+  }
+}
+
 class PngSink final : public host::RowSink {
  public:
   explicit PngSink(host::Sink& sink) : writer_(sink) {}
@@ -461,7 +636,8 @@ class PngSink final : public host::RowSink {
   void Begin(const Image& description) override {
     CheckFits(description, {"PNG", 16, true, false, false});
     CopyDescription(description, writer_.image);
-    writer_.xmp = FindXmp(writer_.image);
+    writer_.profile = MakeProfileChunk(description.iccProfile);
+    MakeTexts(writer_);
     ChooseForm(writer_);
     Require(writer_, WriteHeader(writer_));
   }
@@ -504,9 +680,17 @@ class PngSink final : public host::RowSink {
 
 }  // namespace
 
-std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source) {
+std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source,
+                                         const ReadSettings& settings) {
   const bool late = HasLateMetadata(source);
-  auto png = std::make_unique<PngSource>(source);
+  auto png = std::make_unique<PngSource>(source, settings);
+  if (settings.page > png->NumPictures()) return nullptr;
+  if (settings.page > 1) {
+    throw Error(Failure::kInput, "of an animation only the first picture can be read");
+  }
+  if (settings.page == 0 && png->NumPictures() > 1) {
+    settings.warn("only the first picture of an animation is taken");
+  }
   const unsigned noted = png->Noted();
   if (noted == 0 && !late) return png;
   Image image = host::ReadImage(*png);

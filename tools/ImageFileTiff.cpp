@@ -10,11 +10,14 @@
 #include <kel/host/session.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 
+#include "Exif.hpp"
 #include "ImageFile.hpp"
 #include "Metadata.hpp"
 
@@ -46,6 +49,7 @@ struct TiffFile {
   std::uint64_t at = 0;
   std::exception_ptr thrown;  ///< by source or sink
   char message[300] = {};
+  Complaints complaints;
 
   std::uint64_t Size() const {
     return sink != nullptr     ? numPassed + held.size()
@@ -123,8 +127,21 @@ int OnError(TIFF*, void* user, const char*, const char* format, va_list argument
   return 1;
 }
 
-int OnWarning(TIFF*, void*, const char*, const char*, va_list) {
+/// Fields of private meaning are no damage.
+int OnWarning(TIFF*, void* user, const char*, const char* format, va_list arguments) {
+  char text[300];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  if (std::string_view(text).find("Unknown field") == std::string_view::npos) {
+    static_cast<TiffFile*>(user)->complaints.Note(text);
+  }
   return 1;
+}
+
+/// Warnings, and failures that libtiff reported and then passed over.
+void TellComplaints(TiffFile& file, const Warn& warn) {
+  if (file.message[0] != 0) file.complaints.Note(file.message);
+  file.message[0] = 0;
+  file.complaints.Tell(warn);
 }
 
 using TiffHandle = std::unique_ptr<TIFF, void (*)(TIFF*)>;
@@ -132,7 +149,7 @@ using TiffHandle = std::unique_ptr<TIFF, void (*)(TIFF*)>;
 TiffHandle OpenHandle(TiffFile& file, const char* mode) {
   TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
   TIFFOpenOptionsSetErrorHandlerExtR(options, OnError, &file);
-  TIFFOpenOptionsSetWarningHandlerExtR(options, OnWarning, nullptr);
+  TIFFOpenOptionsSetWarningHandlerExtR(options, OnWarning, &file);
   TIFF* tiff = TIFFClientOpenExt(
       "image", mode, &file, OnRead, OnWrite, OnSeek, [](thandle_t) { return 0; }, OnSize, nullptr,
       nullptr, options);
@@ -252,6 +269,23 @@ void ReadColourMap(TIFF* tiff, const TiffFile& file, Image& image) {
   image.colourSpace = host::ColourSpace::kSrgb;
 }
 
+/// Takes EXIF and IPTC out of the picture's directory and those below it.
+void ReadExifOf(TIFF* tiff, TiffFile& file, const Warn& warn, Image& image) {
+  const auto read = [&](std::uint64_t at, std::span<std::uint8_t> to) -> std::size_t {
+    file.at = at;
+    const tmsize_t count = OnRead(&file, to.data(), static_cast<tmsize_t>(to.size()));
+    return count < 0 ? 0 : static_cast<std::size_t>(count);
+  };
+  const ExifTree tree = ReadExif(read, TIFFCurrentDirOffset(tiff));
+  if (file.thrown) std::rethrow_exception(file.thrown);
+  if (!tree.SaysNothing()) AddExif(image, WriteExif(tree));
+  AddIptc(image, tree.iptc);
+  AddIptc(image, IptcInBlocks(tree.blocks));
+  for (const std::uint16_t tag : tree.leftOut) {
+    warn("left out: field " + std::to_string(tag) + ", which is too large");
+  }
+}
+
 void ReadMetadata(TIFF* tiff, Image& image) {
   std::uint32_t count = 0;
   void* data = nullptr;
@@ -275,7 +309,7 @@ void ReadMetadata(TIFF* tiff, Image& image) {
 /// Rows out of strips of pixels one by one; else a row of pieces at a time.
 class TiffSource final : public host::RowSource {
  public:
-  explicit TiffSource(host::BufferedSource& source) {
+  TiffSource(host::BufferedSource& source, const ReadSettings& settings) : warn_(settings.warn) {
     if (source.Size()) {
       file_.source = &source;
     } else {
@@ -283,12 +317,16 @@ class TiffSource final : public host::RowSource {
     }
     handle_ = OpenHandle(file_, "rm");
     if (!handle_) RefuseDamaged(file_);
+    hasPage_ = FindPage(settings.page);
+    if (!hasPage_) return;
     layout_ = ReadLayout(handle_.get());
     description_ = Describe(handle_.get(), layout_);
     if (layout_.photometric == PHOTOMETRIC_PALETTE) {
       ReadColourMap(handle_.get(), file_, description_);
     }
     ReadMetadata(handle_.get(), description_);
+    ReadExifOf(handle_.get(), file_, warn_, description_);
+    TellComplaints(file_, warn_);
     byRows_ = !layout_.tiled && !layout_.separate;
     channels_ = layout_.separate ? 1 : layout_.channels;
     CheckSizes();
@@ -307,13 +345,40 @@ class TiffSource final : public host::RowSource {
       }
       if (layout_.photometric == PHOTOMETRIC_MINISWHITE) Invert(to);
     }
+    TellComplaints(file_, warn_);
   }
+
+  /// False when there are fewer pages than asked for.
+  bool HasPage() const { return hasPage_; }
 
   bool HoldsPicture() const override {
     return !storage_.empty() || (!byRows_ && layout_.pieceHeight >= layout_.height);
   }
 
  private:
+  /// Goes to a page. Smaller copies and masks of other pictures are none.
+  bool FindPage(unsigned page) {
+    TIFF* tiff = handle_.get();
+    const tdir_t count = TIFFNumberOfDirectories(tiff);
+    std::vector<tdir_t> pages;
+    for (tdir_t i = 0; count > 1 && i < count; ++i) {
+      std::uint32_t kind = 0;
+      if (TIFFSetDirectory(tiff, i) == 0) break;
+      TIFFGetField(tiff, TIFFTAG_SUBFILETYPE, &kind);
+      if ((kind & (FILETYPE_REDUCEDIMAGE | FILETYPE_MASK)) == 0) pages.push_back(i);
+    }
+    if (pages.empty()) pages.push_back(0);
+    if (page > pages.size()) return false;
+    if (page == 0 && pages.size() > 1) {
+      warn_("only the first of " + std::to_string(pages.size()) +
+            " pages is taken; --page takes others");
+    }
+    if (count > 1 && TIFFSetDirectory(tiff, pages[page == 0 ? 0 : page - 1]) == 0) {
+      RefuseDamaged(file_);
+    }
+    return true;
+  }
+
   /// libtiff must fill no more than is there, and no less than is taken.
   void CheckSizes() {
     TIFF* tiff = handle_.get();
@@ -393,6 +458,8 @@ class TiffSource final : public host::RowSource {
     });
   }
 
+  Warn warn_;
+  bool hasPage_ = false;
   Bytes storage_;  ///< of a source that can be read once only
   TiffFile file_;
   TiffHandle handle_{nullptr, TIFFClose};
@@ -417,7 +484,7 @@ void SetTags(TIFF* tiff, const Image& image) {
   TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, depth);
   TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<unsigned>(image.planes.size()));
   TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
+  TIFFSetField(tiff, TIFFTAG_ORIENTATION, OrientationOf(image));
   TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC,
                image.palette  ? PHOTOMETRIC_PALETTE
                : colours == 3 ? PHOTOMETRIC_RGB
@@ -467,6 +534,64 @@ void SetMetadata(TIFF* tiff, const Image& image) {
   }
 }
 
+/// A field that libtiff need not know.
+void SetField(TIFF* tiff, const ExifField& field, bool bigEndian) {
+  const TIFFField* known = TIFFFindField(tiff, field.tag, TIFF_ANY);
+  if (field.tag == TIFFTAG_ORIENTATION) return;
+  if (field.type == TIFF_ASCII) {
+    const std::string text(field.data.begin(), field.data.end());
+    if (known != nullptr && TIFFFieldDataType(known) == TIFF_ASCII && !TIFFFieldPassCount(known)) {
+      TIFFSetField(tiff, field.tag, text.c_str());
+      return;
+    }
+  }
+  if (known != nullptr) return;
+  char name[] = "EXIF";
+  const TIFFFieldInfo info = {field.tag,
+                              TIFF_VARIABLE2,
+                              TIFF_VARIABLE2,
+                              static_cast<TIFFDataType>(field.type),
+                              FIELD_CUSTOM,
+                              1,
+                              1,
+                              name};
+  TIFFMergeFieldInfo(tiff, &info, 1);
+  const bool isRatio = field.type == TIFF_RATIONAL || field.type == TIFF_SRATIONAL;
+  const auto count = static_cast<std::uint32_t>(field.count);
+  const Bytes values = NativeValues(field, bigEndian, isRatio ? 4 : ExifValueBytes(field.type));
+  if (!isRatio) {
+    TIFFSetField(tiff, field.tag, count, values.data());
+    return;
+  }
+  std::vector<float> ratios;
+  for (std::size_t i = 0; i < count; ++i) {
+    std::int32_t signedPair[2];
+    std::memcpy(signedPair, &values[8 * i], 8);
+    const bool isSigned = field.type == TIFF_SRATIONAL;
+    const auto number = [&](std::int32_t word) {
+      return isSigned ? double{1.0} * word : double{1.0} * static_cast<std::uint32_t>(word);
+    };
+    const double below = number(signedPair[1]);
+    ratios.push_back(static_cast<float>(below == 0 ? 0 : number(signedPair[0]) / below));
+  }
+  TIFFSetField(tiff, field.tag, count, ratios.data());
+}
+
+/// IPTC data are bytes; where libtiff takes them for words, it brings these in order.
+void SetIptc(TIFF* tiff, ByteView iptc, bool bigEndian) {
+  const TIFFField* field = TIFFFieldWithTag(tiff, TIFFTAG_RICHTIFFIPTC);
+  if (field != nullptr && TIFFFieldDataType(field) != TIFF_LONG) {
+    TIFFSetField(tiff, TIFFTAG_RICHTIFFIPTC, static_cast<std::uint32_t>(iptc.size()), iptc.data());
+    return;
+  }
+  ExifField words;
+  words.data.assign(iptc.begin(), iptc.end());
+  words.data.resize((iptc.size() + 3) / 4 * 4);
+  words.data = NativeValues(words, bigEndian, 4);
+  TIFFSetField(tiff, TIFFTAG_RICHTIFFIPTC, static_cast<std::uint32_t>(words.data.size() / 4),
+               words.data.data());
+}
+
 class TiffSink final : public host::RowSink {
  public:
   explicit TiffSink(host::Sink& sink) { file_.sink = &sink; }
@@ -475,9 +600,15 @@ class TiffSink final : public host::RowSink {
     CheckFits(description, {"TIFF", 16, true, true, true});
     CopyDescription(description, image_);
     const std::uint64_t bytes = std::uint64_t{host::RowBytes(image_)} * image_.height;
-    handle_ = OpenHandle(file_, bytes > kMostClassicBytes ? "w8" : "w");
+    const bool isBig = bytes > kMostClassicBytes;
+    const ExifTree exif = ReadExif(FindExif(image_));
+    const bool bigEndian =
+        exif.IsEmpty() ? std::endian::native == std::endian::big : exif.bigEndian;
+    handle_ = OpenHandle(file_,
+                         (std::string("w") + (isBig ? "8" : "") + (bigEndian ? "b" : "l")).c_str());
     if (!handle_) Refuse();
     TIFF* tiff = handle_.get();
+    PutExif(exif, isBig, bigEndian);
     SetTags(tiff, image_);
     if (image_.palette) SetColourMap(tiff, image_);
     SetMetadata(tiff, image_);
@@ -508,6 +639,22 @@ class TiffSink final : public host::RowSink {
   }
 
  private:
+  /// EXIF fields stand in the byte order of the file, behind its header.
+  void PutExif(const ExifTree& exif, bool isBig, bool bigEndian) {
+    TIFF* tiff = handle_.get();
+    const ExifPart part = WriteExifPart(exif, isBig ? 16 : 8, isBig);
+    file_.at = file_.Size();
+    Put(file_, part.bytes);
+    for (const ExifField& field : exif.image) SetField(tiff, field, bigEndian);
+    if (part.photo != 0) TIFFSetField(tiff, TIFFTAG_EXIFIFD, part.photo);
+    if (part.gps != 0) TIFFSetField(tiff, TIFFTAG_GPSIFD, part.gps);
+    const ByteView iptc = FindIptc(image_);
+    if (!iptc.empty()) SetIptc(tiff, iptc, bigEndian);
+    if (!image_.comment.empty() && !exif.Has(TIFFTAG_IMAGEDESCRIPTION)) {
+      TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, image_.comment.c_str());
+    }
+  }
+
   [[noreturn]] void Refuse() {
     if (file_.thrown) std::rethrow_exception(file_.thrown);
     throw Error(Failure::kOutput, std::string("cannot be written as TIFF: ") + file_.message);
@@ -523,8 +670,10 @@ class TiffSink final : public host::RowSink {
 
 }  // namespace
 
-std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source) {
-  auto rows = std::make_unique<TiffSource>(source);
+std::unique_ptr<host::RowSource> OpenTiff(host::BufferedSource& source,
+                                          const ReadSettings& settings) {
+  auto rows = std::make_unique<TiffSource>(source, settings);
+  if (!rows->HasPage()) return nullptr;
   const Image& description = rows->Description();
   if (!description.palette || description.planes.size() == 1) return rows;
   Image image = host::ReadImage(*rows);  // indices with further channels

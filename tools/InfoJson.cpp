@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "Text.hpp"
+
 namespace kel::tool {
 
 using host::ChannelRole;
@@ -53,36 +55,6 @@ std::string HexId(const std::array<std::uint8_t, 16>& id) {
   for (const std::uint8_t byte : id) {
     std::snprintf(digits, sizeof digits, "%02x", byte);
     text += digits;
-  }
-  return text;
-}
-
-std::size_t CharacterBytes(const std::string& text, std::size_t at) {
-  const auto first = static_cast<unsigned char>(text[at]);
-  const std::size_t count = first < 0x80                     ? 1
-                            : first >= 0xC2 && first <= 0xDF ? 2
-                            : first >= 0xE0 && first <= 0xEF ? 3
-                            : first >= 0xF0 && first <= 0xF4 ? 4
-                                                             : 0;
-  for (std::size_t i = 1; i < count; ++i) {
-    if (at + i >= text.size() || (text[at + i] & 0xC0) != 0x80) return 0;
-  }
-  return count;
-}
-
-std::string Utf8(const std::string& comment) {
-  std::size_t at = 0;
-  while (at < comment.size() && CharacterBytes(comment, at) != 0) at += CharacterBytes(comment, at);
-  if (at == comment.size()) return comment;
-  std::string text;
-  for (const char c : comment) {
-    const auto code = static_cast<unsigned char>(c);
-    if (code < 0x80) {
-      text += c;
-    } else {
-      text += static_cast<char>(0xC0 | code >> 6);
-      text += static_cast<char>(0x80 | (code & 0x3F));
-    }
   }
   return text;
 }

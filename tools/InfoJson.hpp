@@ -14,10 +14,6 @@ std::string SpaceName(std::uint32_t space);
 /// The order of packets, "RLCP".
 std::string Order(const host::Info& info);
 std::string HexId(const std::array<std::uint8_t, 16>& id);
-/// The number of bytes of the UTF-8 character at a position; 0 when none stands there.
-std::size_t CharacterBytes(const std::string& text, std::size_t at);
-/// A comment as UTF-8. The format calls comments Latin-1; many programs write UTF-8 all the same.
-std::string Utf8(const std::string& comment);
 /// Whether the boxes describe the samples otherwise than the code stream, which counts.
 bool BoxesDiffer(const host::Info::Component& component);
 

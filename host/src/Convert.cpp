@@ -243,6 +243,25 @@ void Rotate(Image& image, int degrees) {
   if (image.resolution) std::swap(image.resolution->x, image.resolution->y);
 }
 
+void Orient(Image& image, unsigned orientation) {
+  if (orientation < 1 || orientation > 8) {
+    throw Error(Failure::kParameter, "orientations are numbers from 1 to 8");
+  }
+  // Every orientation is one of four turns, of the picture or of its mirror image.
+  constexpr bool kMirrored[] = {false, true, false, true, true, false, true, false};
+  constexpr int kDegrees[] = {0, 0, 180, 180, 270, 90, 90, 270};
+  for (Plane& plane : image.planes) {
+    if (!kMirrored[orientation - 1]) break;
+    for (std::uint32_t y = 0; y < plane.Height(); ++y) {
+      WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+        auto* row = plane.Row<decltype(sample)>(y);
+        std::reverse(row, row + plane.Width());
+      });
+    }
+  }
+  Rotate(image, kDegrees[orientation - 1]);
+}
+
 Difference Compare(const Image& a, const Image& b) {
   if (a.planes.size() != b.planes.size()) {
     throw Error(Failure::kParameter, "the images have " + std::to_string(a.planes.size()) +

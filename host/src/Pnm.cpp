@@ -4,6 +4,7 @@
 #include "kel/host/pnm.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cctype>
 #include <string>
@@ -14,11 +15,16 @@
 namespace kel::host {
 namespace {
 
+/// Marks the payload of four bytes, most significant first, that holds a largest value.
+constexpr std::array<std::uint8_t, 16> kMaxValueId = {
+    0x9B, 0x52, 0x0E, 0x4F, 0xC1, 0x7A, 0x47, 0x8D, 0xA6, 0x33, 0x1D, 0xE8, 0x70, 0x95, 0x2C, 0xB4};
+
 struct Header {
   char form = 0;  ///< the digit of the magic number: '1' to '7'
   std::uint32_t width = 0, height = 0;
   std::uint32_t channels = 1, maxValue = 1;
   bool opacity = false;
+  std::string tuple;  ///< what a PAM file calls its channels
 
   bool IsPlain() const { return form <= '3'; }
   bool IsBits() const { return form == '1' || form == '4'; }  ///< where a set one is black
@@ -87,7 +93,7 @@ void ReadPamHeader(Parser& parser, Header& header) {
     } else if (word == "MAXVAL") {
       header.maxValue = parser.Number();
     } else if (word == "TUPLTYPE") {
-      parser.Word();  // the number of channels says as much
+      header.tuple = parser.Word();
     } else {
       Refuse("its PAM header is damaged");
     }
@@ -102,6 +108,9 @@ Header ReadHeader(Parser& parser) {
   header.form = static_cast<char>(form);
   if (header.form == '7') {
     ReadPamHeader(parser, header);
+    if (header.tuple.starts_with("CMYK")) {
+      Refuse("a CMYK image; only grey and RGB images can be read, so convert it to RGB first");
+    }
     header.opacity = header.channels == 2 || header.channels == 4;
   } else {
     header.width = parser.Number();
@@ -126,16 +135,19 @@ std::uint64_t FileRowBytes(const Header& header) {
 
 class PnmSource final : public RowSource {
  public:
-  explicit PnmSource(Source& source) : source_(source) {
-    Parser parser(source_);
-    header_ = ReadHeader(parser);
-    if (!header_.IsPlain()) parser.Next();  // the blank that ends the header
-    // A file that is too short is refused before memory for its image is asked for.
-    const auto left = source_.NumLeft();
-    if (left && *left / FileRowBytes(header_) < header_.height) RefuseShort();
-    const unsigned colours = header_.channels - (header_.opacity ? 1U : 0U);
-    description_ =
-        DescribeNewImage(header_.width, header_.height, colours, header_.Depth(), header_.opacity);
+  PnmSource(Source& source, const PnmParams& params)
+      : source_(source), keepValues_(params.keepValues) {
+    Open();
+    for (unsigned page = 1; page < params.page && isOpen_; ++page) SkipPicture();
+  }
+
+  /// False when there are fewer pages.
+  bool IsOpen() const { return isOpen_; }
+
+  bool HasMore() override {
+    if (header_.IsPlain()) Parser(source_).SkipBlanks();
+    const ByteView next = source_.Peek(2);
+    return next.size() == 2 && next[0] == 'P' && next[1] >= '1' && next[1] <= '7';
   }
 
   void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
@@ -157,6 +169,27 @@ class PnmSource final : public RowSource {
   }
 
  private:
+  void Open() {
+    Parser parser(source_);
+    header_ = ReadHeader(parser);
+    if (!header_.IsPlain()) parser.Next();  // the blank that ends the header
+    // A file that is too short is refused before memory for its image is asked for.
+    const auto left = source_.NumLeft();
+    if (left && *left / FileRowBytes(header_) < header_.height) RefuseShort();
+    const unsigned colours = header_.channels - (header_.opacity ? 1U : 0U);
+    description_ =
+        DescribeNewImage(header_.width, header_.height, colours, header_.Depth(), header_.opacity);
+    const bool isFull = header_.maxValue == description_.planes[0].MaxValue();
+    if (keepValues_ && !isFull) SetKeptMaxValue(description_, header_.maxValue);
+  }
+
+  void SkipPicture() {
+    Bytes row(RowBytes(description_));
+    for (std::uint32_t y = 0; y < header_.height; ++y) Read(1, row.data(), row.size());
+    isOpen_ = HasMore();
+    if (isOpen_) Open();
+  }
+
   [[noreturn]] static void RefuseShort() { Refuse("its samples are cut off"); }
 
   void Fill(std::span<std::uint8_t> to) {
@@ -206,10 +239,11 @@ class PnmSource final : public RowSource {
     if (header_.maxValue == kMost) return;
     if (Largest(samples, count) > header_.maxValue) RefuseLarge();
     const std::uint32_t full = description_.planes[0].MaxValue();
-    if (full != header_.maxValue) Rescale(samples, count, header_.maxValue, full);
+    if (!keepValues_ && full != header_.maxValue) Rescale(samples, count, header_.maxValue, full);
   }
 
   BufferedSource source_;
+  bool keepValues_, isOpen_ = true;
   Header header_;
   Bytes packed_;
 };
@@ -235,7 +269,8 @@ void CheckWritable(const Image& image, PnmKind kind) {
 
 std::string MakeHeader(const Image& image, PnmKind kind) {
   const std::string width = std::to_string(image.width), height = std::to_string(image.height);
-  const std::string most = std::to_string(image.planes[0].MaxValue());
+  const std::uint32_t kept = KeptMaxValue(image);
+  const std::string most = std::to_string(kept != 0 ? kept : image.planes[0].MaxValue());
   const bool colour = NumColours(image) == 3;
   const bool opacity = OpacityPlane(image) != nullptr;
   if (kind == PnmKind::kPbm) return "P4\n" + width + " " + height + "\n";
@@ -258,6 +293,7 @@ class PnmSink final : public RowSink {
     sink_.Write({reinterpret_cast<const std::uint8_t*>(head.data()), head.size()});
     rowSamples_ = std::size_t{description.width} * description.planes.size();
     words_ = description.planes[0].Depth() > 8;
+    keptMaxValue_ = KeptMaxValue(description);
   }
 
   void Write(std::uint32_t count, const std::uint8_t* rows, std::size_t strideBytes) override {
@@ -279,13 +315,25 @@ class PnmSink final : public RowSink {
 
  private:
   void WriteSamples(const std::uint8_t* samples, std::size_t count) {
-    if (!words_) {
+    if (!words_ && keptMaxValue_ == 0) {
       sink_.Write({samples, count});
       return;
     }
-    bytes_.assign(samples, samples + 2 * count);
-    SwapBigEndian(reinterpret_cast<std::uint16_t*>(bytes_.data()), count);
+    bytes_.assign(samples, samples + (words_ ? 2 : 1) * count);
+    if (keptMaxValue_ != 0) Limit(count);
+    if (words_) SwapBigEndian(reinterpret_cast<std::uint16_t*>(bytes_.data()), count);
     sink_.Write(bytes_);
+  }
+
+  /// No sample may be above what the header says.
+  void Limit(std::size_t count) {
+    WithSampleType(words_ ? 2 : 1, [&](auto sample) {
+      using Sample = decltype(sample);
+      auto* samples = reinterpret_cast<Sample*>(bytes_.data());
+      for (std::size_t i = 0; i < count; ++i) {
+        samples[i] = std::min(samples[i], static_cast<Sample>(keptMaxValue_));
+      }
+    });
   }
 
   void WriteBits(const std::uint8_t* row) {
@@ -300,13 +348,53 @@ class PnmSink final : public RowSink {
   PnmKind kind_;
   std::size_t rowSamples_ = 0;
   bool words_ = false;
+  std::uint32_t keptMaxValue_ = 0;
   Bytes bytes_, packed_;
 };
 
 }  // namespace
 
-std::unique_ptr<RowSource> OpenPnm(Source& source) {
-  return std::make_unique<PnmSource>(source);
+std::uint32_t KeptMaxValue(const Image& image) {
+  const auto found = std::ranges::find(image.uuids, kMaxValueId, &UuidPayload::id);
+  if (found == image.uuids.end() || found->data.size() != 4 || image.planes.empty()) return 0;
+  const Bytes& data = found->data;
+  const std::uint32_t value =
+      std::uint32_t{data[0]} << 24 | std::uint32_t{data[1]} << 16 | data[2] * 256U | data[3];
+  return value < image.planes[0].MaxValue() ? value : 0;
+}
+
+void SetKeptMaxValue(Image& image, std::uint32_t value) {
+  std::erase_if(image.uuids, [](const UuidPayload& payload) { return payload.id == kMaxValueId; });
+  if (value == 0) return;
+  UuidPayload& payload = image.uuids.emplace_back();
+  payload.id = kMaxValueId;
+  for (const int shift : {24, 16, 8, 0}) {
+    payload.data.push_back(static_cast<std::uint8_t>(value >> shift));
+  }
+}
+
+void UseFullRange(Image& image) {
+  const std::uint64_t from = KeptMaxValue(image);
+  SetKeptMaxValue(image, 0);
+  if (from == 0) return;
+  for (Plane& plane : image.planes) {
+    const std::uint64_t to = plane.MaxValue();
+    for (std::uint32_t y = 0; y < plane.Height(); ++y) {
+      WithSampleType(plane.BytesPerSample(), [&](auto sample) {
+        auto* row = plane.Row<decltype(sample)>(y);
+        for (std::uint32_t x = 0; x < plane.Width(); ++x) {
+          const std::uint64_t value = std::min<std::uint64_t>(row[x], from);
+          row[x] = static_cast<decltype(sample)>((value * to + from / 2) / from);
+        }
+      });
+    }
+  }
+}
+
+std::unique_ptr<RowSource> OpenPnm(Source& source, const PnmParams& params) {
+  auto pnm = std::make_unique<PnmSource>(source, params);
+  if (!pnm->IsOpen()) return nullptr;
+  return pnm;
 }
 
 Image ReadPnm(Source& source) {

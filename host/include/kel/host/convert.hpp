@@ -36,6 +36,10 @@ void ChangeDepth(Image& image, unsigned depth);
 /// Turns the image clockwise by 0, 90, 180 or 270 degrees; Error (kParameter) for another angle.
 void Rotate(Image& image, int degrees);
 
+/// Brings an image upright that is stored in one of the eight ways that EXIF and TIFF number from 1
+/// (as it is seen) to 8. Throws Error (kParameter) for another number.
+void Orient(Image& image, unsigned orientation);
+
 /// How far two images are apart, per plane.
 struct Difference {
   struct PlaneDifference {

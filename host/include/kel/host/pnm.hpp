@@ -11,12 +11,26 @@
 
 namespace kel::host {
 
-/// Opens an image whose rows are read as they are asked for. A largest value that is not 2^n - 1 is
-/// scaled up to the next one that is. The source of bytes outlives that of rows. Throws Error
-/// (kInput).
-std::unique_ptr<RowSource> OpenPnm(Source& source);
+struct PnmParams {
+  unsigned page = 1;  ///< of pictures that stand one behind the other
+  /// A largest value that is not 2^n - 1 is scaled up to the next one that is. When this is set
+  /// the samples stay, and the value becomes a payload of the image (KeptMaxValue).
+  bool keepValues = false;
+};
+
+/// Opens an image whose rows are read as they are asked for. Null when there are fewer pages. The
+/// source of bytes outlives that of rows. Throws Error (kInput).
+std::unique_ptr<RowSource> OpenPnm(Source& source, const PnmParams& params = {});
 /// Reads one image.
 Image ReadPnm(Source& source);
+
+/// The largest value of samples that were kept as they are below it; 0 when they use their depth.
+/// It is written to PNM files again; an image without it is scaled.
+std::uint32_t KeptMaxValue(const Image& image);
+/// Notes it; 0 takes the note away.
+void SetKeptMaxValue(Image& image, std::uint32_t value);
+/// Scales such samples up to their depth; of others nothing changes.
+void UseFullRange(Image& image);
 
 enum class PnmKind {
   kPlainest,  ///< PGM or PPM, or PAM when there is opacity

@@ -29,6 +29,8 @@ class RowSource {
   virtual void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) = 0;
   /// Whether the source keeps all samples in memory, because its form does not give them in order.
   virtual bool HoldsPicture() const { return false; }
+  /// Whether further pictures follow in the same bytes; asked when all rows have been read.
+  virtual bool HasMore() { return false; }
 
  protected:
   Image description_;
