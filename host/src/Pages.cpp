@@ -28,11 +28,11 @@ constexpr std::size_t kAlignment = 64;
 constexpr std::size_t kLargePage = std::size_t{2} << 20;
 
 bool IsMapped(std::size_t bytes) {
-  return bytes >= 2 * kLargePage && bytes < SIZE_MAX - 2 * kLargePage;
+  return bytes >= kLargePage && bytes < SIZE_MAX - 2 * kLargePage;
 }
 
 /// Maps a large page more than is needed, and gives back what lies in front of the first large
-/// page and behind the bytes. What is left of the last large page stays small pages.
+/// page and behind the bytes. The last large page stays small pages unless half of it is used.
 void* Map(std::size_t bytes) {
   const std::size_t length = (bytes + kLargePage - 1) / kLargePage * kLargePage;
   void* mapped = mmap(nullptr, length + kLargePage, PROT_READ | PROT_WRITE,
@@ -43,7 +43,7 @@ void* Map(std::size_t bytes) {
       (kLargePage - reinterpret_cast<std::uintptr_t>(first) % kLargePage) % kLargePage;
   if (lead != 0) munmap(first, lead);
   munmap(first + lead + length, kLargePage - lead);
-  madvise(first + lead, bytes / kLargePage * kLargePage, MADV_HUGEPAGE);
+  madvise(first + lead, (bytes + kLargePage / 2) / kLargePage * kLargePage, MADV_HUGEPAGE);
   return first + lead;
 }
 #endif
