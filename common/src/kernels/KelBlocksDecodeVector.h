@@ -2,8 +2,8 @@
 //
 // The top planes are walked a word at a time as in the scalar kernel; from there on a row of a
 // block is one vector, and everything happens to all its coefficients at once. Written for AVX2;
-// where BMI2 may be used the walk takes its bit scattering. Everything is local to the including
-// source.
+// where BMI2 may be used the walk and the signs take its bit scattering, and blocks of few planes
+// stand in half as many vectors. Everything is local to the including source.
 #ifndef KEL_BLOCKS_DECODE_VECTOR_H
 #define KEL_BLOCKS_DECODE_VECTOR_H
 
@@ -206,6 +206,157 @@ KEL_INLINE std::uint64_t DecodeBlock(const std::uint8_t* window, std::uint64_t b
   return position + 64 - numZero;
 }
 
+#if defined(__BMI2__)
+
+// ---- Blocks of few planes ----
+//
+// Up to eleven planes a coefficient fits into a lane of 16 bits, its low bits into two bytes, and
+// two rows into a vector: row y of the upper or lower four in its low half, row y + 2 in its high
+// half, so that two of these vectors, packed to bytes, are four rows in raster order. The signs
+// are put to their coefficients all at once, as bits of a plane.
+
+/// Most planes, two of them at the top: with nine low bits, from any phase in a byte, a
+/// coefficient lies within two bytes and a row within ten.
+constexpr unsigned kMostNarrowPlanes = 11;
+
+/// The bytes of a row's coefficients, for each number of low bits and phase: in each lane the two
+/// bytes that hold its bits, the first one most significant; and what shifts the bits of other
+/// coefficients out at the top.
+struct NarrowPlaces {
+  std::uint8_t bytes[kMostNarrowPlanes - 1][8][16];
+  std::uint16_t factors[kMostNarrowPlanes - 1][8][8];
+
+  consteval NarrowPlaces() : bytes{}, factors{} {
+    for (unsigned lowBits = 0; lowBits < kMostNarrowPlanes - 1; ++lowBits) {
+      for (unsigned phase = 0; phase < 8; ++phase) {
+        for (unsigned x = 0; x < 8; ++x) {
+          const unsigned start = phase + x * lowBits;
+          bytes[lowBits][phase][2 * x] = static_cast<std::uint8_t>(start / 8 + 1);
+          bytes[lowBits][phase][2 * x + 1] = static_cast<std::uint8_t>(start / 8);
+          factors[lowBits][phase][x] = static_cast<std::uint16_t>(1U << start % 8);
+        }
+      }
+    }
+  }
+};
+alignas(64) constexpr NarrowPlaces kNarrowPlaces;
+
+/// Where the bits of four rows stand in a plane of the upper half, for bytes in raster order: of a
+/// plane in the order of the code, and of one in raster order.
+struct RasterPlaces {
+  std::uint8_t codeByte[32], codeBit[32], rasterByte[32], rasterBit[32];
+
+  consteval RasterPlaces() : codeByte{}, codeBit{}, rasterByte{}, rasterBit{} {
+    for (unsigned i = 0; i < 32; ++i) {
+      const unsigned row = i / 8, column = i % 8;
+      const unsigned place = 63 - (16 * (column / 4) + 4 * (column % 4) + row);
+      codeByte[i] = static_cast<std::uint8_t>(place / 8);
+      codeBit[i] = static_cast<std::uint8_t>(1U << place % 8);
+      rasterByte[i] = static_cast<std::uint8_t>((63 - i) / 8);
+      rasterBit[i] = static_cast<std::uint8_t>(1U << (63 - i) % 8);
+    }
+  }
+};
+alignas(32) constexpr RasterPlaces kRasterPlaces;
+
+/// Half of a plane as bytes, all ones where its bit is set.
+KEL_INLINE __m256i SpreadBits(std::uint64_t plane, int half, const std::uint8_t* byte,
+                              const std::uint8_t* bit) {
+  const __m256i places =
+      _mm256_sub_epi8(LoadRow(byte), _mm256_set1_epi8(static_cast<char>(4 * half)));
+  const __m256i word = _mm256_set1_epi64x(static_cast<long long>(plane));
+  const __m256i bits = LoadRow(bit);
+  return _mm256_cmpeq_epi8(_mm256_and_si256(_mm256_shuffle_epi8(word, places), bits), bits);
+}
+
+KEL_INLINE __m256i ReversedBytes(__m256i bytes) {
+  const __m256i reversed = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0,
+                                            15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  const __m256i swapped = _mm256_permute4x64_epi64(bytes, 0x4E);
+  return _mm256_shuffle_epi8(swapped, reversed);
+}
+
+KEL_INLINE void StoreNarrow(__m128i values, float, std::int16_t* cells) {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(cells), values);
+}
+template <class Cell>
+KEL_INLINE void StoreNarrow(__m128i values, float step, Cell* cells) {
+  StoreCells(_mm256_cvtepi16_epi32(values), step, cells);
+}
+
+/// Stores two vectors of four rows, negative where the bytes say so.
+template <class Cell>
+KEL_INLINE void StoreFourRows(const __m256i* rows, __m256i negative, float step, Cell* cells,
+                              std::ptrdiff_t strideCells) {
+  const __m256i masks[2] = {_mm256_unpacklo_epi8(negative, negative),
+                            _mm256_unpackhi_epi8(negative, negative)};
+  for (int y = 0; y < 2; ++y, cells += strideCells) {
+    const __m256i values = _mm256_sub_epi16(_mm256_xor_si256(rows[y], masks[y]), masks[y]);
+    StoreNarrow(_mm256_castsi256_si128(values), step, cells);
+    StoreNarrow(_mm256_extracti128_si256(values, 1), step, cells + 2 * strideCells);
+  }
+}
+
+template <class Cell>
+KEL_INLINE std::uint64_t DecodeNarrowBlock(const std::uint8_t* window, std::uint64_t bits,
+                                           std::uint64_t start, unsigned planes, float step,
+                                           Cell* cells, std::ptrdiff_t strideCells) {
+  GroupWalk walk{window, start, bits};
+  std::uint64_t upper = 0;
+  std::uint64_t lower = walk.ReadPlane();
+  unsigned lowBits = 0;
+  if (planes > 1) {
+    upper = lower;
+    lower = walk.ReadPlane();
+    lowBits = planes - 2;
+  }
+  const std::uint64_t phase = walk.position & 7;
+  const std::uint8_t* from = window + (walk.position >> 3);
+  const auto twice = [](const void* address) {
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(static_cast<const __m128i*>(address)));
+  };
+  const __m256i bytes = twice(kNarrowPlaces.bytes[lowBits][phase]);
+  const __m256i factors = twice(kNarrowPlaces.factors[lowBits][phase]);
+  const __m128i spare = _mm_cvtsi32_si128(static_cast<int>(16 - lowBits));
+  const __m128i topShift = _mm_cvtsi32_si128(static_cast<int>(lowBits));
+  __m256i rows[4], zero[2];
+  for (int half = 0; half < 2; ++half) {
+    const auto plane = [&](std::uint64_t word, char value) {
+      return _mm256_and_si256(SpreadBits(word, half, kRasterPlaces.codeByte, kRasterPlaces.codeBit),
+                              _mm256_set1_epi8(value));
+    };
+    const __m256i top = _mm256_or_si256(plane(upper, 2), plane(lower, 1));
+    const auto takeRows = [&](unsigned y) {
+      const auto row = [&](unsigned number) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + number * lowBits));
+      };
+      const __m256i both = _mm256_set_m128i(row(y + 2), row(y));
+      const __m256i shifted = _mm256_mullo_epi16(_mm256_shuffle_epi8(both, bytes), factors);
+      return _mm256_srl_epi16(shifted, spare);
+    };
+    __m256i* const two = rows + 2 * half;
+    for (unsigned y = 0; y < 2; ++y) two[y] = takeRows(4 * static_cast<unsigned>(half) + y);
+    zero[half] = IsZero(_mm256_or_si256(top, _mm256_packs_epi16(two[0], two[1])));
+    const __m256i none = _mm256_setzero_si256();
+    two[0] = _mm256_or_si256(two[0], _mm256_sll_epi16(_mm256_unpacklo_epi8(top, none), topShift));
+    two[1] = _mm256_or_si256(two[1], _mm256_sll_epi16(_mm256_unpackhi_epi8(top, none), topShift));
+  }
+  const std::uint64_t numZero = CountBits(HighestBits(zero[0], zero[1]));
+  const std::uint64_t position = walk.position + 64 * lowBits;
+  const std::uint64_t nonZero = ~HighestBits(ReversedBytes(zero[0]), ReversedBytes(zero[1]));
+  // The last sign belongs to the last coefficient that is not zero; where none is, none is taken.
+  const std::uint64_t signs = LoadAllBits(window, position) >> (numZero & 63);
+  const std::uint64_t negative = _pdep_u64(signs, nonZero);
+  for (int half = 0; half < 2; ++half, cells += 4 * strideCells) {
+    StoreFourRows(rows + 2 * half,
+                  SpreadBits(negative, half, kRasterPlaces.rasterByte, kRasterPlaces.rasterBit),
+                  step, cells, strideCells);
+  }
+  return position + 64 - numZero;
+}
+
+#endif
+
 /// Blocks of more planes than the vector kernel takes go to the scalar one.
 template <class Cell>
 std::size_t DecodeRunVector(BlockSource& source, Cell* cells, std::ptrdiff_t strideCells,
@@ -218,6 +369,11 @@ std::size_t DecodeRunVector(BlockSource& source, Cell* cells, std::ptrdiff_t str
     done += DecodeRun(source, cells + 8 * done, strideCells, count - done, kMost,
                       [step](const std::uint8_t* window, std::uint64_t bits, std::uint64_t start,
                              unsigned planes, Cell* to, std::ptrdiff_t stride) {
+#if defined(__BMI2__)
+                        if (planes <= kMostNarrowPlanes) {
+                          return DecodeNarrowBlock(window, bits, start, planes, step, to, stride);
+                        }
+#endif
                         return DecodeBlock(window, bits, start, planes, step, to, stride);
                       });
     if (done == count) return done;
