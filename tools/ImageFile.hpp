@@ -76,7 +76,7 @@ class Complaints {
 struct FormatLimits {
   const char* format;  ///< completes "FORMAT files hold ..."
   unsigned mostDepth;
-  bool opacity, premultiplied, otherChannels;
+  bool opacity = false, premultiplied = false, otherChannels = false;
 };
 /// Throws Error (kOutput) when an image is beyond the limits.
 void CheckFits(const host::Image& image, const FormatLimits& limits);

@@ -385,7 +385,7 @@ class JpegSink final : public host::RowSink {
   explicit JpegSink(host::Sink& sink) : writer_(sink) {}
 
   void Begin(const Image& description) override {
-    CheckFits(description, {"JPEG", 8, false, false, false});
+    CheckFits(description, {.format = "JPEG", .mostDepth = 8});
     if (description.planes[0].Depth() != 8) {
       throw Error(Failure::kOutput, "JPEG files hold 8 bits per sample; add --bits 8");
     }

@@ -634,7 +634,7 @@ class PngSink final : public host::RowSink {
   explicit PngSink(host::Sink& sink) : writer_(sink) {}
 
   void Begin(const Image& description) override {
-    CheckFits(description, {"PNG", 16, true, false, false});
+    CheckFits(description, {.format = "PNG", .mostDepth = 16, .opacity = true});
     CopyDescription(description, writer_.image);
     writer_.profile = MakeProfileChunk(description.iccProfile);
     MakeTexts(writer_);

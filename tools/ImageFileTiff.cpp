@@ -597,7 +597,11 @@ class TiffSink final : public host::RowSink {
   explicit TiffSink(host::Sink& sink) { file_.sink = &sink; }
 
   void Begin(const Image& description) override {
-    CheckFits(description, {"TIFF", 16, true, true, true});
+    CheckFits(description, {.format = "TIFF",
+                            .mostDepth = 16,
+                            .opacity = true,
+                            .premultiplied = true,
+                            .otherChannels = true});
     CopyDescription(description, image_);
     const std::uint64_t bytes = std::uint64_t{host::RowBytes(image_)} * image_.height;
     const bool isBig = bytes > kMostClassicBytes;

@@ -67,9 +67,12 @@ PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_
   if (announced >= format::kLeastTilePartBytes && announced <= INT32_MAX) {
     switch (data.LookForBoundary(end, willBeRead)) {
       case Boundary::kMarker:
-        return {end, PartEnding::kKnown, /*isRepaired=*/false, end};
+        return {.end = end, .ending = PartEnding::kKnown, .isRepaired = false, .searchedTo = end};
       case Boundary::kDataEnd:
-        return {end, PartEnding::kProvisional, /*isRepaired=*/false, searchFrom};
+        return {.end = end,
+                .ending = PartEnding::kProvisional,
+                .isRepaired = false,
+                .searchedTo = searchFrom};
       case Boundary::kNone:
         break;
     }
@@ -77,7 +80,10 @@ PartExtent MeasureTilePart(KelDecDataMgr& data, std::int64_t start, std::uint32_
   const SotSearch found = data.SearchSOT(std::max(searchFrom, start + format::kSotBytes));
   // Past the largest length that a tile-part can have there is another one.
   const bool isEnd = found.isFound && found.position - start <= INT32_MAX;
-  return {found.position, isEnd ? PartEnding::kKnown : PartEnding::kOpen, isEnd, found.position};
+  return {.end = found.position,
+          .ending = isEnd ? PartEnding::kKnown : PartEnding::kOpen,
+          .isRepaired = isEnd,
+          .searchedTo = found.position};
 }
 
 KelTilePartIndex* MakeTilePartIndex(std::uint32_t numTiles, std::int64_t start, DamageLog* log) {

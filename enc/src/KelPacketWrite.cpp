@@ -101,15 +101,15 @@ class TileQuantisation {
       if (!tile.comps[c].irreversible || !coded.hasSteps) continue;
       if (!SameSteps(inForce_, coded)) {
         KelQuantParams& quant = isFirst ? inForce_ : own_[set.numComponentQuants++];
-        quant = {c,
-                 1,
-                 0,
-                 GuardBits(tile.announcedDepth),
-                 coded.exponents,
-                 coded.mantissas,
-                 tile.numLevels,
-                 0,
-                 0};
+        quant = {.component = c,
+                 .quantised = 1,
+                 .derived = 0,
+                 .guardBits = GuardBits(tile.announcedDepth),
+                 .exponents = coded.exponents,
+                 .mantissas = coded.mantissas,
+                 .numLevels = tile.numLevels,
+                 .hasRegion = 0,
+                 .regionShift = 0};
         if (isFirst) set.seenQCD = 1;
       }
       isFirst = false;

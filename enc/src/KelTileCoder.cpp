@@ -75,8 +75,12 @@ ForwardJob BeginTileComp(const TileCompJob& job, TileCompCoder& coder) {
     coder.divisors[b] = choosesIndices ? coder.steps[b] / kPartsPerStep : coder.steps[b];
   }
   const float* const divisors = coded.hasSteps ? coder.divisors : nullptr;
-  const WaitingJob waiting = {job.box,        numLevels, job.cells,
-                              job.sampleBits, divisors,  choosesIndices};
+  const WaitingJob waiting = {.box = job.box,
+                              .numLevels = numLevels,
+                              .cells = job.cells,
+                              .sampleBits = job.sampleBits,
+                              .steps = divisors,
+                              .choosesIndices = choosesIndices};
   BeginWaiting(waiting, EnsureKept(coder.memory, WaitingBytes(waiting)), coder.waiting);
   if (areFloats) coder.waiting.outside = {job.regionMarks, coder.steps};
   return {job.box, numLevels, job.cells, divisors, {&coder.waiting, TakeBandRow, PlaceBandRow}};

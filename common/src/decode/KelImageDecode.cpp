@@ -222,12 +222,9 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
   map.firstExtra = map.numComps;
   map.dec = OwnedRecord<DecMap>::Make().Release();
   map.dec->mainHeader = &d.mainHeader;
-  map.dec->mainParams = {d.mainHeader.codingStyle,
-                         d.mainHeader.quantisation,
-                         d.mainHeader.progressionChanges,
-                         false,
-                         false,
-                         false};
+  map.dec->mainParams = {.style = d.mainHeader.codingStyle,
+                         .quant = d.mainHeader.quantisation,
+                         .changes = d.mainHeader.progressionChanges};
   map.dec->fileDepths = FileDepths(d);
   map.dec->reductions = OwnedArray<std::int32_t>::Make(AsCount(map.numComps)).Release();
   state.maxRes = d.mainHeader.numLevels;

@@ -130,7 +130,7 @@ bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
 /// the first failure's.
 KelLong VisitTiles(ImageState& state) {
   DecoderState& d = *state.decoder;
-  TilePass pass{state.map, d, false, -1};
+  TilePass pass{.map = state.map, .decoder = d, .dataEnded = false, .lastTile = -1};
   const DeliveryContext delivery = DescribeDelivery(state);
   OutputScratch scratch;
   KelLong code = KelOK;

@@ -204,7 +204,12 @@ class TilePreview {
     std::transform(made.steps, made.steps + kQuantEntries, made.parts,
                    [](float step) { return step / kPartsPerStep; });
     const RowKind kind = RowKindOf(options_, c, to.numLevels);
-    const WaitingJob job = {to.box, to.numLevels, kind.cells, kind.sampleBits, made.parts, true};
+    const WaitingJob job = {.box = to.box,
+                            .numLevels = to.numLevels,
+                            .cells = kind.cells,
+                            .sampleBits = kind.sampleBits,
+                            .steps = made.parts,
+                            .choosesIndices = true};
     made.bands = ScratchArray<std::uint8_t>::Make(WaitingBytes(job));
     made.waiting.bands = made.bandRecords;
     BeginWaiting(job, made.bands.Data(), made.waiting);

@@ -24,6 +24,18 @@ OwnedArray<T> CopyOf(const T* source, std::uint64_t n) {
   return source != nullptr && n != 0 ? OwnedArray<T>::CopyOf(source, n) : OwnedArray<T>();
 }
 
+/// Calls visit with each array of progression changes.
+template <class Visit>
+void ForEachArrayOfChanges(Visit visit) {
+  using Changes = KelProgressionChanges;
+  visit(&Changes::resolutionStart);
+  visit(&Changes::componentStart);
+  visit(&Changes::layerEnd);
+  visit(&Changes::resolutionEnd);
+  visit(&Changes::componentEnd);
+  visit(&Changes::order);
+}
+
 /// A component's record: by the numbers that the reader keeps, since a header may hold as many
 /// records as there are components; else by looking at each.
 template <class T>
@@ -106,12 +118,7 @@ void ReleaseQuantParams(KelQuantParams& quant) noexcept {
 }
 
 void ReleaseProgressionChanges(KelProgressionChanges& changes) noexcept {
-  ReleaseArray(changes.resolutionStart);
-  ReleaseArray(changes.componentStart);
-  ReleaseArray(changes.layerEnd);
-  ReleaseArray(changes.resolutionEnd);
-  ReleaseArray(changes.componentEnd);
-  ReleaseArray(changes.order);
+  ForEachArrayOfChanges([&](auto array) { ReleaseArray(changes.*array); });
   changes.count = 0;
 }
 
@@ -134,39 +141,27 @@ void CopyQuantParams(KelQuantParams& destination, const KelQuantParams& source) 
 void CopyProgressionChanges(KelProgressionChanges& destination,
                             const KelProgressionChanges& source) {
   const std::uint64_t n = source.present != 0 ? AsCount(source.count) : 0;
-  auto resolutionStart = CopyOf(source.resolutionStart, n);
-  auto componentStart = CopyOf(source.componentStart, n);
-  auto layerEnd = CopyOf(source.layerEnd, n);
-  auto resolutionEnd = CopyOf(source.resolutionEnd, n);
-  auto componentEnd = CopyOf(source.componentEnd, n);
-  auto order = CopyOf(source.order, n);
-  destination = source;
-  destination.count = static_cast<std::int32_t>(n);
-  destination.resolutionStart = resolutionStart.Release();
-  destination.componentStart = componentStart.Release();
-  destination.layerEnd = layerEnd.Release();
-  destination.resolutionEnd = resolutionEnd.Release();
-  destination.componentEnd = componentEnd.Release();
-  destination.order = order.Release();
+  KelProgressionChanges copy = source;
+  copy.count = static_cast<std::int32_t>(n);
+  ForEachArrayOfChanges([&](auto array) { copy.*array = nullptr; });
+  ScopeGuard release([&] { ReleaseProgressionChanges(copy); });
+  ForEachArrayOfChanges([&](auto array) { copy.*array = CopyOf(source.*array, n).Release(); });
+  release.Disarm();
+  destination = copy;
 }
 
 void AllocProgressionChanges(KelProgressionChanges& changes, std::int32_t count) {
-  const std::uint64_t n = AsCount(count);
-  auto resolutionStart = OwnedArray<std::uint8_t>::Make(n);
-  auto componentStart = OwnedArray<std::uint16_t>::Make(n);
-  auto layerEnd = OwnedArray<std::uint16_t>::Make(n);
-  auto resolutionEnd = OwnedArray<std::uint8_t>::Make(n);
-  auto componentEnd = OwnedArray<std::uint16_t>::Make(n);
-  auto order = OwnedArray<std::uint8_t>::Make(n);
+  KelProgressionChanges made{};
+  made.kind = changes.kind;
+  made.count = count;
+  made.present = 1;
+  ScopeGuard release([&] { ReleaseProgressionChanges(made); });
+  ForEachArrayOfChanges([&]<class T>(T* KelProgressionChanges::*array) {
+    made.*array = OwnedArray<T>::Make(AsCount(count)).Release();
+  });
+  release.Disarm();
   ReleaseProgressionChanges(changes);
-  changes.present = 1;
-  changes.count = count;
-  changes.resolutionStart = resolutionStart.Release();
-  changes.componentStart = componentStart.Release();
-  changes.layerEnd = layerEnd.Release();
-  changes.resolutionEnd = resolutionEnd.Release();
-  changes.componentEnd = componentEnd.Release();
-  changes.order = order.Release();
+  changes = made;
 }
 
 KelCodingStyle* FindComponentStyle(const KelHeaderParams& set, std::int32_t component) {
