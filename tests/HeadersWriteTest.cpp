@@ -20,7 +20,7 @@ using HeadersWrite = test::LibraryTest;
 
 Bytes MainHeader(const KelEncOpt& options) {
   HostStream host({}, false);
-  const std::uint32_t bytes = kel::WriteMainHeader(options, host.stream);
+  const std::uint32_t bytes = kel::WriteMainHeader(options, nullptr, host.stream);
   host.stream.flushWriteBuffer();
   EXPECT_EQ(bytes, host.bytes.size());
   return host.bytes;

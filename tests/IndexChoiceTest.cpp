@@ -132,7 +132,8 @@ TEST_F(IndexChoice, PriceIsTheLeast) {
 }
 
 // A plane count beyond the others that widens the field of a whole band for less than that costs;
-// one that is worth it and must stay; blocks cut by the band's edges.
+// one that is worth it and must stay; blocks cut by the band's edges; a band that is left with less
+// than its field takes.
 TEST_F(IndexChoice, PlaneCountsAreNarrowed) {
   for (const int outlier : {15, 40}) {
     constexpr std::int32_t kSide = 8 * 40 + 3;
@@ -148,6 +149,11 @@ TEST_F(IndexChoice, PlaneCountsAreNarrowed) {
     NarrowPlaneCounts(band);
     EXPECT_EQ(*std::ranges::max_element(counts), outlier == 15 ? 2 : 6);
     EXPECT_EQ(cells[kSide * 20 + 20], outlier == 15 ? -3 : -40);
+    std::ranges::fill(counts, std::uint8_t{0});
+    std::ranges::fill(cells, std::int16_t{0});
+    cells[0] = counts[0] = 1;
+    NarrowPlaneCounts(band);
+    EXPECT_EQ(cells[0] + counts[0], 0);
   }
 }
 

@@ -42,8 +42,9 @@ struct MadeComp {
 /// The segments of a tile's first header.
 Bytes Announced(const std::vector<kel::TileCompToWrite>& comps) {
   HostStream host({}, false);
-  kel::WriteTile({0, comps.data(), static_cast<std::int32_t>(comps.size()), 1, {1, true}, 8, false},
-                 host.stream);
+  kel::WriteTile(
+      {0, comps.data(), static_cast<std::int32_t>(comps.size()), 1, {1, true}, 8, false, 0},
+      host.stream);
   const std::uint8_t sod[] = {0xAB, 0x93};
   return Bytes(host.bytes.begin() + 12,
                std::search(host.bytes.begin(), host.bytes.end(), std::begin(sod), std::end(sod)));
@@ -66,6 +67,28 @@ TEST_F(PacketWrite, StepsTravelInTheFirstHeaderOfTheTile) {
       << "a component that goes back to steps of 1 says so";
 }
 
+// A tile of another quality whose steps lose against those that the main header gave a component.
+TEST_F(PacketWrite, TilesOfOtherStepsNameWhomTheMainHeaderNamed) {
+  const MadeComp small({8, 9, 9, 10}, {1, 2, 3, 4}), large({1, 2, 3, 4});
+  const auto announcedLike = [](const MadeComp& comp) {
+    kel::ChosenSteps steps = {};
+    std::copy_n(comp.exponents.begin(), 4, steps.exponents);
+    std::copy_n(comp.mantissas.begin(), 4, steps.mantissas);
+    return steps;
+  };
+  const kel::ChosenSteps first = announcedLike(small), other = announcedLike(large);
+  MadeComp empty({8, 9, 9, 10});
+  empty.coded.hasSteps = false;
+  const auto comp = [](const MadeComp& made, const kel::ChosenSteps& announced) {
+    return kel::TileCompToWrite{&made.coded, true, &announced};
+  };
+  EXPECT_TRUE(Announced({comp(small, first), comp(large, other), comp(empty, other)}).empty());
+  EXPECT_EQ(Announced({comp(large, first), comp(large, other)}),
+            Hex("AB5C 000B 42 0800 1000 1800 2000  AB5D 000C 01 42 0800 1000 1800 2000"));
+  EXPECT_EQ(Announced({comp(empty, first), comp(small, other)}),
+            Hex("AB5D 000C 01 42 4001 4802 4803 5004"));
+}
+
 // A length of more than 31 bits must end before anything is written.
 TEST_F(PacketWrite, LengthsBeyondAStream) {
   MadeComp comp({8, 9, 9, 10});
@@ -73,7 +96,7 @@ TEST_F(PacketWrite, LengthsBeyondAStream) {
   HostStream host;
   const auto codeOf = [&](std::int32_t numLayers) {
     return RaisedBy([&] {
-             kel::WriteTile({0, comps, 1, 1, {numLayers, true}, 8, false}, host.stream);
+             kel::WriteTile({0, comps, 1, 1, {numLayers, true}, 8, false, 0}, host.stream);
            })
         .errCode;
   };

@@ -178,6 +178,13 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
   command.add_flag("--no-colour-transform", options.noColourTransform,
                    "code red, green and blue apart from each other");
   command
+      .add_option("--chroma", options.chroma,
+                  "444: colours as they are; 420: chroma at half the size both ways, for low\n"
+                  "qualities")
+      ->capture_default_str()
+      ->type_name("KIND")
+      ->check(CLI::IsMember({"444", "420"}));
+  command
       .add_option("--roi", options.mask,
                   "image file whose nonzero samples keep full precision in lossy coding")
       ->type_name("MASK")
@@ -189,6 +196,7 @@ host::EncodeParams ParamsOf(const CodingOptions& options) {
   params.lossless = options.lossless;
   params.quality = options.quality;
   params.plain = options.plain;
+  params.halfChroma = options.chroma == "420";
   if (options.levels) params.levels = *options.levels;
   params.colourTransform = !options.noColourTransform;
   if (!options.tile.empty()) {
@@ -267,7 +275,8 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
       "  kel encode -q 80 --output-dir out *.png         many files side by side\n"
       "A dash stands for standard input and output. A picture is read as it is coded, a row of "
       "tiles\n"
-      "at a time; held whole in memory are pictures with --size, --psnr or a palette to be looked "
+      "at a time; held whole in memory are pictures with --size, --psnr, --chroma 420 or a palette "
+      "to be looked "
       "up,\n"
       "interlaced or odd-depth PNG, PNG with metadata at its end, TIFF from a pipe or in one "
       "strip\n"

@@ -33,6 +33,7 @@ struct CodingOptions {
   bool lossless = false;
   int quality = 60;
   bool plain = false;
+  std::string chroma = "444";
   std::string tile;  ///< "WxH", empty for the default
   std::optional<unsigned> levels;
   bool noColourTransform = false;

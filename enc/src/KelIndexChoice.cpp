@@ -196,7 +196,8 @@ void LimitPlanes(const EncodeBand& band, unsigned planes) {
 
 template <class Cell>
 void Narrow(const EncodeBand& band) {
-  constexpr std::uint64_t kLeastShare = 16;  // blocks to one that is limited; more never pay
+  // Blocks to one that is limited, and to one that is emptied; more hardly ever pay.
+  constexpr std::uint64_t kLeastShare = 16, kLeastShareOfEmptied = 3;
   constexpr unsigned kMostPlanes = 31;
   std::uint64_t numWithPlanes[kMostPlanes + 1] = {};
   const std::uint64_t numBlocks = CountBlocksOf(band);
@@ -204,12 +205,13 @@ void Narrow(const EncodeBand& band) {
   unsigned least = 0, most = kMostPlanes;
   while (least < kMostPlanes && numWithPlanes[least] == 0) ++least;
   while (most > 0 && numWithPlanes[most] == 0) --most;
-  while (most > least + 1) {
+  // The field has a bit at least; only a band without planes does without it.
+  while (most > least + 1 || (least == 0 && most == 1)) {
     const unsigned fieldBits = PlaneCountFieldBits(static_cast<int>(least), static_cast<int>(most));
     const unsigned limit = least + (1U << (fieldBits - 1)) - 1;
     std::uint64_t numAbove = 0;
     for (unsigned planes = limit + 1; planes <= most; ++planes) numAbove += numWithPlanes[planes];
-    if (numAbove * kLeastShare > numBlocks) return;
+    if (numAbove * (limit == 0 ? kLeastShareOfEmptied : kLeastShare) > numBlocks) return;
     const auto saved = static_cast<std::int64_t>(numBlocks);
     if (PriceOfLimit<Cell>(band, limit, saved) >= saved) return;
     LimitPlanes<Cell>(band, limit);

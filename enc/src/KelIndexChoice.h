@@ -22,7 +22,7 @@ void ChooseIndicesAbove(const EncodeBand& band, std::int32_t row);
 inline constexpr std::int32_t kMostSixteenths = 0x7FFFFF00;
 
 /// Limits the few largest indices of a band where a narrower plane-count field for all its blocks
-/// is worth that.
+/// is worth that; at last to none, which leaves a band that takes no bytes.
 void NarrowPlaneCounts(const EncodeBand& band);
 
 }  // namespace kel

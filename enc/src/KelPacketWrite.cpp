@@ -69,21 +69,39 @@ Parts DivideTile(const TileToWrite& tile) {
         tile.isByComponent ? PartRange{i, i + 1, 0, numRes} : PartRange{0, tile.numComps, i, i + 1};
     const std::uint64_t bytes = DataBytes(tile, range);
     if (bytes == 0 && !tile.isByComponent) continue;
+    if (parts.count > 0 && !tile.isByComponent &&
+        SaturatingAdd(parts.dataBytes[parts.count - 1], bytes) <= tile.mostJoinedBytes) {
+      parts.ranges[parts.count - 1].endRes = i + 1;
+      parts.dataBytes[parts.count - 1] += bytes;
+      continue;
+    }
     parts.ranges[parts.count] = range;
     parts.dataBytes[parts.count++] = bytes;
   }
   return parts;
 }
 
-bool SameSteps(const KelQuantParams& a, const CodedTileComp& b) {
+bool SameSteps(const std::int32_t* exponents, const std::int32_t* mantissas,
+               const CodedTileComp& b) {
   const int count = NumSubbands(b.code.numLevels);
-  return std::equal(a.exponents, a.exponents + count, b.exponents) &&
-         std::equal(a.mantissas, a.mantissas + count, b.mantissas);
+  return std::equal(exponents, exponents + count, b.exponents) &&
+         std::equal(mantissas, mantissas + count, b.mantissas);
 }
 
-/// The quantisation segments of a tile's first header. The main header announced steps of 1. When
-/// the tile's first irreversible component has others, they become the tile's; every other
-/// irreversible component whose steps differ from those now in force gets a segment of its own.
+/// Whether the main header said the steps of all components.
+bool AreAnnounced(const TileToWrite& tile) {
+  return std::all_of(tile.comps, tile.comps + tile.numComps, [](const TileCompToWrite& comp) {
+    if (!comp.irreversible || !comp.coded->hasSteps) return true;
+    return comp.announced != nullptr &&
+           SameSteps(comp.announced->exponents, comp.announced->mantissas, *comp.coded);
+  });
+}
+
+/// The quantisation segments of a tile's first header: none when the main header said the same.
+/// Else the steps of the tile's first irreversible component become the tile's, and every other
+/// irreversible component whose steps differ from those now in force gets a segment of its own, as
+/// do those that the main header named. When the main header announced steps of 1, the first
+/// component's can be these.
 class TileQuantisation {
  public:
   TileQuantisation(const TileToWrite& tile, KelHeaderParams& set) {
@@ -95,12 +113,18 @@ class TileQuantisation {
     inForce_.mantissas = unitMantissas_;
     set.quantisation = &inForce_;
     set.componentQuants = own_.Data();
+    if (AreAnnounced(tile)) return;
+    const TileCompToWrite* const firstComp = std::find_if(
+        tile.comps, tile.comps + tile.numComps, [](const auto& comp) { return comp.irreversible; });
     bool isFirst = true;
     for (std::int32_t c = 0; c < tile.numComps; ++c) {
       const CodedTileComp& coded = *tile.comps[c].coded;
       if (!tile.comps[c].irreversible || !coded.hasSteps) continue;
-      if (!SameSteps(inForce_, coded)) {
-        KelQuantParams& quant = isFirst ? inForce_ : own_[set.numComponentQuants++];
+      const bool isNamed = tile.comps[c].announced != firstComp->announced;
+      const bool isOfTile = isFirst && !isNamed;
+      if (isNamed || (isOfTile && firstComp->announced != nullptr) ||
+          !SameSteps(inForce_.exponents, inForce_.mantissas, coded)) {
+        KelQuantParams& quant = isOfTile ? inForce_ : own_[set.numComponentQuants++];
         quant = {.component = c,
                  .quantised = 1,
                  .derived = 0,
@@ -110,9 +134,9 @@ class TileQuantisation {
                  .numLevels = tile.numLevels,
                  .hasRegion = 0,
                  .regionShift = 0};
-        if (isFirst) set.seenQCD = 1;
+        if (isOfTile) set.seenQCD = 1;
       }
-      isFirst = false;
+      if (!isNamed) isFirst = false;
     }
     set.seenQCC = set.numComponentQuants != 0 ? 1 : 0;
   }

@@ -35,6 +35,7 @@ std::uint64_t TileCompBytes(const CodedTileComp& coded, const Layers& layers);
 struct TileCompToWrite {
   const CodedTileComp* coded;
   bool irreversible;
+  const ChosenSteps* announced = nullptr;  ///< by the main header; null: steps of 1
 };
 
 /// A tile to be written: its components in the order of the code stream.
@@ -46,11 +47,13 @@ struct TileToWrite {
   Layers layers;
   std::int32_t announcedDepth;
   bool isByComponent;  ///< one tile-part per component, else per resolution
+  /// Resolutions that follow each other share a tile-part that holds no more than these.
+  std::uint64_t mostJoinedBytes;
 };
 
 /// Writes a tile and flushes the stream behind each tile-part; returns the bytes written. Coded
-/// bytes go to the stream from where they are. The first header of the tile announces steps that
-/// differ from those of the main header. Raises 8; 29, with
+/// bytes go to the stream from where they are. The first header of the tile announces steps when
+/// some differ from those of the main header. Raises 8; 29, with
 /// nothing written, when the stream would pass 2^31 - 1 bytes; 32 when the host does not take what
 /// is written.
 std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream);

@@ -203,6 +203,85 @@ void ConvertYccToRgb(Image& image) {
   image.colourSpace = ColourSpace::kSrgb;
 }
 
+namespace {
+
+/// Rows of the two chroma planes in full size, without an offset.
+struct ChromaRows {
+  std::vector<float> blue, red;
+};
+
+/// Reads a row of colours, and puts its luminance.
+template <class Sample>
+void TakeColours(const Image& image, std::uint32_t y, Plane& luminance, ChromaRows& chroma) {
+  const Sample* const from[] = {image.planes[0].Row<Sample>(y), image.planes[1].Row<Sample>(y),
+                                image.planes[2].Row<Sample>(y)};
+  Sample* const to = luminance.Row<Sample>(y);
+  for (std::uint32_t x = 0; x < image.width; ++x) {
+    const auto r = static_cast<float>(from[0][x]), g = static_cast<float>(from[1][x]),
+               b = static_cast<float>(from[2][x]);
+    const float luma = 0.299F * r + 0.587F * g + 0.114F * b;
+    to[x] = static_cast<Sample>(luma + 0.5F);
+    chroma.blue[x] = (b - luma) / 1.772F;
+    chroma.red[x] = (r - luma) / 1.402F;
+  }
+}
+
+/// Puts a row of half size: each sample stands for one at an even place, and has a quarter of each
+/// neighbour, across and down; edges are repeated.
+void PutHalf(const std::vector<float>* const (&rows)[3], std::uint32_t y, Plane& half) {
+  const std::size_t last = rows[0]->size() - 1;
+  const auto column = [&](std::size_t x) {
+    return (*rows[0])[x] + 2 * (*rows[1])[x] + (*rows[2])[x];
+  };
+  const std::uint32_t most = half.MaxValue();
+  const double middle = (most + 1.0) / 2;
+  WithSampleType(half.BytesPerSample(), [&](auto sample) {
+    auto* const to = half.Row<decltype(sample)>(y);
+    for (std::size_t k = 0; k < half.Width(); ++k) {
+      const std::size_t x = 2 * k;
+      const float sum = column(x == 0 ? 0 : x - 1) + 2 * column(x) + column(std::min(x + 1, last));
+      to[k] = static_cast<decltype(sample)>(Clamped(middle + static_cast<double>(sum) / 16, most));
+    }
+  });
+}
+
+}  // namespace
+
+Image WithHalfChroma(const Image& image) {
+  Image halved;
+  CopyDescription(image, halved);
+  halved.colourSpace = ColourSpace::kSycc;
+  const unsigned depth = image.planes[0].Depth();
+  const std::uint32_t width = (image.width + 1) / 2, height = (image.height + 1) / 2;
+  for (std::size_t c = 0; c < image.planes.size(); ++c) {
+    Plane& plane = halved.planes[c];
+    if (c > 2) {
+      plane = image.planes[c];
+      continue;
+    }
+    plane = c == 0 ? Plane(image.width, image.height, depth) : Plane(width, height, depth);
+    plane.colour = static_cast<unsigned>(c + 1);
+    plane.xStep = plane.yStep = c == 0 ? 1 : 2;
+  }
+  ChromaRows rows[3];
+  for (ChromaRows& row : rows) row.blue = row.red = std::vector<float>(image.width);
+  const std::uint32_t last = image.height - 1;
+  WithSampleType(image.planes[0].BytesPerSample(), [&](auto sample) {
+    std::uint32_t next = 0;
+    for (std::uint32_t y = 0; y < height; ++y) {
+      for (; next <= std::min(2 * y + 1, last); ++next) {
+        TakeColours<decltype(sample)>(image, next, halved.planes[0], rows[next % 3]);
+      }
+      const ChromaRows& above = rows[(y == 0 ? 0 : 2 * y - 1) % 3];
+      const ChromaRows& here = rows[2 * y % 3];
+      const ChromaRows& below = rows[std::min(2 * y + 1, last) % 3];
+      PutHalf({&above.blue, &here.blue, &below.blue}, y, halved.planes[1]);
+      PutHalf({&above.red, &here.red, &below.red}, y, halved.planes[2]);
+    }
+  });
+  return halved;
+}
+
 void OrderPlanes(Image& image) {
   std::ranges::stable_sort(image.planes, {}, RankOf);
 }

@@ -8,6 +8,7 @@
 
 #include "EncodeTargets.hpp"
 #include "RowBands.hpp"
+#include "kel/host/convert.hpp"
 
 namespace kel::host {
 namespace {
@@ -92,8 +93,10 @@ EncodeReport EncodeAll(const Image& image, TileSamples& samples, const EncodePar
 EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink) {
   const EncodeParams checked = CheckedParams(image, params);
   if (!HasTarget(checked)) {
-    PlaneSamples samples(image);
-    return EncodeAll(image, samples, checked, sink);
+    const Image halved = checked.halfChroma ? WithHalfChroma(image) : Image();
+    const Image& coded = checked.halfChroma ? halved : image;
+    PlaneSamples samples(coded);
+    return EncodeAll(coded, samples, checked, sink);
   }
   const EncodeReport report = EncodeToTarget(image, checked, sink);
   sink.Finish();
@@ -101,7 +104,7 @@ EncodeReport Encode(const Image& image, const EncodeParams& params, Sink& sink) 
 }
 
 EncodeReport Encode(RowSource& rows, const EncodeParams& params, Sink& sink) {
-  if (HasTarget(params)) return Encode(ReadImage(rows), params, sink);
+  if (HasTarget(params) || params.halfChroma) return Encode(ReadImage(rows), params, sink);
   const EncodeParams checked = CheckedParams(rows.Description(), params);
   RowBands bands(rows, checked);
   return EncodeAll(rows.Description(), bands, checked, sink);

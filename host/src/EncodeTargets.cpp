@@ -39,7 +39,9 @@ struct CodedImage {
   }
 };
 
-CodedImage Code(const Image& image, const EncodeParams& params, double quality) {
+CodedImage Code(const Image& given, const EncodeParams& params, double quality) {
+  const Image halved = params.halfChroma ? WithHalfChroma(given) : Image();
+  const Image& image = params.halfChroma ? halved : given;
   PlaneSamples samples(image);
   std::vector<std::unique_ptr<TileEncoder>> encoders(params.threads);
   encoders[0] = std::make_unique<TileEncoder>(image, samples, params, quality);
@@ -109,6 +111,8 @@ QualityTarget TargetFor(const EncodeParams& params, double value) {
 EncodeParams Lossless(const EncodeParams& params) {
   EncodeParams lossless = params;
   lossless.lossless = true;
+  lossless.halfChroma = false;
+  lossless.colourTransform = params.colourTransform || params.halfChroma;
   return lossless;
 }
 
@@ -217,7 +221,8 @@ double MeasurePsnr(const Image& image, const CodedImage& coded, const EncodePara
   MemorySource source(file.bytes);
   DecodeParams decoding;
   decoding.threads = params.threads;
-  const Image decoded = Decode(source, decoding);
+  Image decoded = Decode(source, decoding);
+  if (params.halfChroma) MakeOrdinary(decoded);
   return PsnrOfColours(image, decoded);
 }
 

@@ -44,9 +44,9 @@ void CopyTile(const KelTileComponent& component, Plane& plane) {
 
 Image Preview(const Image& image, const EncodeParams& params) {
   const EncodeParams checked = CheckedParams(image, params);
-  if (HasTarget(checked)) {
+  if (HasTarget(checked) || checked.halfChroma) {
     MemorySink file;
-    EncodeToTarget(image, checked, file);
+    Encode(image, params, file);
     MemorySource source(file.bytes);
     DecodeParams decoding;
     decoding.threads = checked.threads;

@@ -85,6 +85,15 @@ void CheckPalette(const Image& image) {
   }
 }
 
+/// Whether the colours are red, green and blue, each on the whole grid.
+bool HasRgb(const Image& image) {
+  const bool isRgb =
+      image.colourSpace == ColourSpace::kSrgb || image.colourSpace == ColourSpace::kUnspecified;
+  return isRgb && NumColours(image) == 3 && !image.palette &&
+         std::all_of(image.planes.begin(), image.planes.begin() + 3,
+                     [](const Plane& plane) { return plane.xStep == 1 && plane.yStep == 1; });
+}
+
 /// As many decompositions as leave eight samples of the tile's shorter side: what a lossy picture
 /// shows in the large takes most of a small file.
 unsigned FittingLevels(const EncodeParams& params) {
@@ -109,6 +118,7 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   Require(!params.lossless || params.sizeLimit == 0, "a lossless file cannot be limited to a size");
   Require(!params.lossless || params.psnr == 0, "a lossless file has no error to be chosen");
   Require(params.psnr >= 0 && std::isfinite(params.psnr), "decibels are a number from 0 on");
+  Require(!params.lossless || !params.halfChroma, "chroma at half size is for lossy coding");
   Require(params.psnr == 0 || params.sizeLimit == 0,
           "a file has one target, its size or its error");
   if (params.regionMask != nullptr) {
@@ -125,6 +135,9 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
     checked.psnr = 0;
     checked.regionMask = nullptr;
   }
+  checked.halfChroma = params.halfChroma && !checked.lossless && HasRgb(image);
+  Require(!checked.halfChroma || image.iccProfile.empty(),
+          "a picture with a colour profile cannot have chroma at half size");
   const bool uncut = std::uint64_t{image.width} * image.height <= kLargestUncut;
   if (params.tileWidth == 0) {
     checked.tileWidth = uncut ? image.width : DividedSide(image.width, kTileWidth);
@@ -141,8 +154,8 @@ EncodeParams CheckedParams(const Image& image, const EncodeParams& params) {
   const auto step = [&](std::size_t i) {
     return std::pair(image.planes[i].xStep, image.planes[i].yStep);
   };
-  checked.colourTransform =
-      params.colourTransform && NumColours(image) >= 3 && step(0) == step(1) && step(1) == step(2);
+  checked.colourTransform = params.colourTransform && !checked.halfChroma &&
+                            NumColours(image) >= 3 && step(0) == step(1) && step(1) == step(2);
   return checked;
 }
 

@@ -115,7 +115,9 @@ class KEL_API KelEncOpt {
   /// indices chosen by error and bits, and what is empty takes no bytes. Less data at the same
   /// quality number, with about the same error; every decoder reads it. Components that a region of
   /// interest shapes and lossless ones are the same either way but for what is empty. TargetQuality
-  /// then counts with its fraction. Takes the place of a field that was not interpreted [0]
+  /// then counts with its fraction, and the main header announces the steps that it had when the
+  /// encoder was initialised; resolutions of few bytes share a tile-part. Takes the place of a
+  /// field that was not interpreted [0]
   KelLong ChooseIndices;
   KelLong Reserved2[4];  ///< not interpreted [0]
   KelLong RateLimit;     ///< not interpreted [-1]

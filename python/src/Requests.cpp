@@ -139,14 +139,14 @@ void Options::Finish() const {
 }
 
 std::vector<std::string> CodingOptions() {
-  return {"lossless", "quality", "plain", "levels",           "size", "psnr",
+  return {"lossless", "quality", "plain", "levels",           "size", "psnr", "chroma",
           "layers",   "tile",    "order", "colour_transform", "roi"};
 }
 
 host::EncodeParams TakeCoding(Options& options, host::Image& mask) {
   host::EncodeParams params;
   std::pair<std::uint32_t, std::uint32_t> tile;
-  std::string order;
+  std::string order, chroma;
   py::array roi;
   options.Take("lossless", params.lossless);
   options.Take("quality", params.quality);
@@ -164,6 +164,10 @@ host::EncodeParams TakeCoding(Options& options, host::Image& mask) {
   if (options.Take("order", order)) {
     if (order != "rlcp" && order != "cprl") Refuse("order is 'rlcp' or 'cprl'");
     if (order == "cprl") params.order = host::PacketOrder::kComponents;
+  }
+  if (options.Take("chroma", chroma)) {
+    if (chroma != "444" && chroma != "420") Refuse("chroma is '444' or '420'");
+    params.halfChroma = chroma == "420";
   }
   if (options.Take("roi", roi)) mask = MaskOf(roi);
   return params;

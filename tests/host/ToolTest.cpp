@@ -199,6 +199,22 @@ TEST(Tool, ErrorIsTheOneThatWasAskedFor) {
   EXPECT_EQ(json::parse(tool.Do("info --json x.kel"))["filter"], "5/3");
 }
 
+TEST(Tool, HalfChromaComesBackAsColours) {
+  const Tool tool;
+  Image image = SlopeImage(131, 77);  // an edge with a single row and column of chroma
+  tool.Put("in.png", image);
+  tool.Do("encode --chroma 420 -q 80 in.png x.kel");
+  const json info = json::parse(tool.Do("info --json x.kel"));
+  EXPECT_EQ(info["components"][2]["subsampling"], json({2, 2}));
+  tool.Do("decode x.kel out.png");
+  EXPECT_GT(kel::host::Compare(image, tool.GetImage("out.png")).psnr, 34);
+  tool.Do("preview --chroma 420 -q 80 in.png shown.png");
+  EXPECT_TRUE(kel::host::Compare(tool.GetImage("shown.png"), tool.GetImage("out.png")).identical);
+  image.iccProfile = test::MakeProfile("RGB ");
+  tool.Put("profile.png", image);
+  EXPECT_EQ(tool.Run("encode --chroma 420 profile.png y.kel").code, 1);
+}
+
 TEST(Tool, DecodeTurnsScalesAndReduces) {
   const Tool tool;
   const Image image = NoiseImage(21, 10, 3, 8);

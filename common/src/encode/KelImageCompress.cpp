@@ -17,6 +17,9 @@
 namespace kel {
 namespace {
 
+/// Tile-parts with less than this hold more header than is worth their being apart.
+constexpr std::uint64_t kMostJoinedBytes = 1024;
+
 constexpr std::uint8_t kEndMarker[format::kMarkerBytes] = {MarkerByteOf(Flavour::kAB),
                                                            format::kEOC};
 
@@ -138,10 +141,11 @@ std::uint64_t WriteCodedTile(const ImageState& state, const TileRecord& tile) {
   KelLong numComps = 0;
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (!IsInMainStream(o, c)) continue;
-    e.toWrite[numComps++] = {&e.coders[c]->coded, IsCodedIrreversibly(o, c)};
+    e.toWrite[numComps++] = {&e.coders[c]->coded, IsCodedIrreversibly(o, c),
+                             AnnouncedStepsOf(e, c)};
   }
   return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, LayersOf(o), AnnouncedDepth(o),
-                    o.ProgressionOrder == KelCPRL},
+                    o.ProgressionOrder == KelCPRL, o.ChooseIndices != 0 ? kMostJoinedBytes : 0},
                    *state.codeStm);
 }
 

@@ -14,6 +14,7 @@
 #include "encode/KelFileFormatWrite.h"
 #include "encode/KelMainHeader.h"
 #include "encode/KelMainStream.h"
+#include "encode/KelTileRows.h"
 #include "format/KelHeaders.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelBandWeights.h"
@@ -146,6 +147,7 @@ void PrepareRateControl(EncoderState& e) {
   } else {
     ComputeBandWeights(s.NumLevels, e.bandWeights);
   }
+  ChooseAnnouncedSteps(e);
   e.qualitySteps = OwnedArray<KelLong>::Make(kNumQualitySteps).Release();
   e.quality = IsWithin(s.RateParamA, 1, 100) ? s.RateParamA : QualityNumber(s.TargetQuality);
   e.byteTarget = e.extraChannelsSize = e.transparencySize = -1;
@@ -171,7 +173,7 @@ KelLong WriteHeaders(ImageState& state, KelULong* bytes) {
   std::uint32_t boxBytes = 0;
   const KelLong code = WriteBoxes(o, *state.codeStm, &boxBytes);
   if (code != KelOK) return Refuse(state);
-  const std::uint32_t headerBytes = WriteMainHeader(o, *state.codeStm);
+  const std::uint32_t headerBytes = WriteMainHeader(o, state.encoder, *state.codeStm);
   state.encoder->headerBytes = boxBytes + headerBytes;
   if (bytes != nullptr) *bytes = boxBytes + headerBytes;
   return KelOK;

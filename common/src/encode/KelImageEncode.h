@@ -22,6 +22,9 @@ struct EncoderState {
   float* bandWeights;         ///< owned; one per subband
   bool isCompressed;          ///< every tile has been coded
   std::uint32_t headerBytes;  ///< of boxes and main header
+  // Steps that the main header announces, by the role of a component.
+  ChosenSteps announced[kNumRoles];
+  bool hasAnnounced[kNumRoles];
   // Rate control.
   KelLong quality;        ///< the image's quality percentage
   KelLong* qualitySteps;  ///< owned; kNumQualitySteps entries

@@ -8,6 +8,7 @@
 #include "KelStreamWrite.h"
 #include "base/KelRaise.h"
 #include "encode/KelMainStream.h"
+#include "encode/KelTileRows.h"
 #include "format/KelHeadersWrite.h"
 #include "transform/KelQuant.h"
 
@@ -22,7 +23,7 @@ constexpr std::uint32_t kMostCommentBytes = format::kMostSegmentBytes - 4;
 struct MainHeader {
   KelHeaderParams set{};
   KelCodingStyle style{};
-  KelQuantParams quant{};
+  KelQuantParams quant{}, unitQuant{};
   KelSizParams sizes{};
   std::int32_t exponents[kQuantEntries] = {};
   std::int32_t mantissas[kQuantEntries] = {};
@@ -87,6 +88,32 @@ void FillQuantisation(const KelEncOpt& o, MainHeader& h) {
   h.quant.exponents = h.exponents;
   h.quant.mantissas = h.mantissas;
   h.quant.numLevels = o.NumLevels;
+  h.unitQuant = h.quant;
+}
+
+void PointTo(const ChosenSteps& steps, KelQuantParams& quant) {
+  // Only read.
+  quant.exponents = const_cast<std::int32_t*>(steps.exponents);
+  quant.mantissas = const_cast<std::int32_t*>(steps.mantissas);
+}
+
+/// Announces the steps of the first irreversible component for all, and those of others that differ
+/// in segments of their own.
+void FillAnnouncedSteps(const KelEncOpt& o, const EncoderState& encoder, MainHeader& h) {
+  const ChosenSteps* ofAll = nullptr;
+  for (KelLong c = 0; c < o.GeomParams->Csiz; ++c) {
+    const ChosenSteps* const steps = IsInMainStream(o, c) ? AnnouncedStepsOf(encoder, c) : nullptr;
+    if (steps == nullptr || steps == ofAll) continue;
+    if (ofAll == nullptr) {
+      ofAll = steps;
+      PointTo(*steps, h.quant);
+      continue;
+    }
+    KelQuantParams& quant = h.componentQuants[h.set.numComponentQuants++];
+    quant = h.unitQuant;
+    quant.component = StreamIndex(o, c);
+    PointTo(*steps, quant);
+  }
 }
 
 /// Segments of the extra channels' own: reversible, without precincts.
@@ -95,11 +122,9 @@ void FillExtraChannels(const KelEncOpt& o, MainHeader& h) {
   const std::uint64_t count = AsCount(h.set.Csiz - firstExtra);
   if (count == 0) return;
   h.componentStyles = OwnedArray<KelCodingStyle>::Make(count);
-  h.componentQuants = OwnedArray<KelQuantParams>::Make(count);
-  h.set.seenCOC = h.set.seenQCC = 1;
+  h.set.seenCOC = 1;
   h.set.componentStyles = h.componentStyles.Data();
-  h.set.componentQuants = h.componentQuants.Data();
-  h.set.numComponentStyles = h.set.numComponentQuants = static_cast<std::uint32_t>(count);
+  h.set.numComponentStyles = static_cast<std::uint32_t>(count);
   std::size_t i = 0;
   for (KelLong c = o.NumColorChannels; c < o.GeomParams->Csiz; ++c) {
     if (!IsInMainStream(o, c)) continue;
@@ -108,8 +133,8 @@ void FillExtraChannels(const KelEncOpt& o, MainHeader& h) {
     style.component = firstExtra + static_cast<KelLong>(i);
     style.numLevels = o.NumLevels;
     style.defaultPrecinctWidthExp = style.defaultPrecinctHeightExp = format::kWholePrecinct;
-    KelQuantParams& quant = h.componentQuants[i];
-    quant = h.quant;
+    KelQuantParams& quant = h.componentQuants[h.set.numComponentQuants++];
+    quant = h.unitQuant;
     quant.component = style.component;
     quant.quantised = 0;
     quant.guardBits = GuardBits(o.GeomParams->BitDepths[c]);
@@ -127,14 +152,18 @@ void FillComment(const KelEncOpt& o, MainHeader& h) {
 }
 
 /// The main header's bytes. Raises 8.
-KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
+KelOutBuffer MakeMainHeader(const KelEncOpt& options, const EncoderState* encoder) {
   MainHeader header;
   header.set.inMainHeader = 1;
   header.set.Csiz = NumInMainStream(options);
   FillSizes(options, header);
   FillCodingStyle(options, header);
   FillQuantisation(options, header);
+  header.componentQuants = OwnedArray<KelQuantParams>::Make(AsCount(header.set.Csiz));
+  header.set.componentQuants = header.componentQuants.Data();
+  if (encoder != nullptr) FillAnnouncedSteps(options, *encoder, header);
   FillExtraChannels(options, header);
+  header.set.seenQCC = header.set.numComponentQuants != 0 ? 1 : 0;
   FillComment(options, header);
   KelOutBuffer out = KelOutBuffer::Make(kHeaderBufferBytes);
   WriteHeader(header.set, out);
@@ -143,8 +172,10 @@ KelOutBuffer MakeMainHeader(const KelEncOpt& options) {
 
 }  // namespace
 
-std::uint32_t WriteMainHeader(const KelEncOpt& options, KelCodeStm& stream) {
-  const KelOutBuffer out = NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options); });
+std::uint32_t WriteMainHeader(const KelEncOpt& options, const EncoderState* encoder,
+                              KelCodeStm& stream) {
+  const KelOutBuffer out =
+      NamingModule(kModuleHeaders, [&] { return MakeMainHeader(options, encoder); });
   WriteOut(stream, out.bytes.Data(), out.count);
   return out.count;
 }

@@ -126,11 +126,7 @@ ComponentRole RoleOf(const KelEncOpt& o, KelLong component) {
   return component == 1 ? ComponentRole::kBlueDifference : ComponentRole::kRedDifference;
 }
 
-}  // namespace
-
-QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component) {
-  const KelEncOpt& o = state.encoder->settings;
-  const float quality = state.encOpt->TargetQuality;
+QuantTarget TargetAt(const KelEncOpt& o, float quality, const KelTileGeometry& component) {
   QuantTarget target = {QualityNumber(quality), component.X1 - component.X0,
                         component.Y1 - component.Y0, AnnouncedDepth(o),
                         BudgetFactor(o, component.Component)};
@@ -139,6 +135,34 @@ QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& compon
   target.areEven = o.ChooseIndices != 0 && !o.RoiEnabled &&
                    (target.exactQuality < 100.0 || target.bitDepth <= kMostDepthAtUnitSteps);
   return target;
+}
+
+}  // namespace
+
+QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component) {
+  return TargetAt(state.encoder->settings, state.encOpt->TargetQuality, component);
+}
+
+void ChooseAnnouncedSteps(EncoderState& e) {
+  const KelEncOpt& o = e.settings;
+  for (KelLong c = 0; c < o.GeomParams->Csiz; ++c) {
+    if (!IsCodedIrreversibly(o, c) || IsRegionMask(o, c)) continue;
+    KelTileGeometry component;
+    component.InitKelTileGeometry(o.GeomParams, c, 0);
+    const QuantTarget target = TargetAt(o, o.TargetQuality, component);
+    // Steps of the end of the scale depend on the tile.
+    if (!target.areEven || target.exactQuality >= 100.0) continue;
+    const auto role = static_cast<std::size_t>(target.role);
+    if (e.hasAnnounced[role]) continue;
+    ChooseSteps(target, BoxOf(component), o.NumLevels, e.bandWeights, e.announced[role]);
+    e.hasAnnounced[role] = true;
+  }
+}
+
+const ChosenSteps* AnnouncedStepsOf(const EncoderState& e, KelLong component) {
+  if (!IsCodedIrreversibly(e.settings, component)) return nullptr;
+  const auto role = static_cast<std::size_t>(RoleOf(e.settings, component));
+  return e.hasAnnounced[role] ? &e.announced[role] : nullptr;
 }
 
 }  // namespace kel

@@ -36,6 +36,13 @@ KelLong NumTogether(const KelEncOpt& options, KelLong component);
 bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
                        KeptBlock& memory);
 
+/// The steps that the main header announces for a component: even ones at the quality that the
+/// encoder was initialised with, which most tiles have. Null: steps of 1, or lossless.
+const ChosenSteps* AnnouncedStepsOf(const EncoderState& encoder, KelLong component);
+
+/// Fills what AnnouncedStepsOf gives, once the weights of bands are there.
+void ChooseAnnouncedSteps(EncoderState& encoder);
+
 /// What the steps of an irreversible component follow from, at the host's present quality. Even
 /// ones mean that its indices are chosen.
 QuantTarget QuantTargetOf(const ImageState& state, const KelTileGeometry& component);

@@ -13,6 +13,7 @@ namespace kel {
 
 /// What a component is to the image, for even steps.
 enum class ComponentRole : std::uint8_t { kAlone, kLuminance, kBlueDifference, kRedDifference };
+inline constexpr int kNumRoles = 4;
 
 /// What the encoder's steps follow from.
 struct QuantTarget {

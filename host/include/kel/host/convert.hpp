@@ -19,6 +19,11 @@ void UndoSubsampling(Image& image);
 /// The planes must be of full size.
 void ConvertYccToRgb(Image& image);
 
+/// Red, green and blue as luminance and chroma (ColourSpace::kSycc), the latter at half the size
+/// both ways: ConvertYccToRgb behind UndoSubsampling gives them back. The colours come first in the
+/// image and stand on the whole grid; other planes are copied.
+Image WithHalfChroma(const Image& image);
+
 /// Puts the colour planes first, by colour number, then the opacity of the whole image, then the
 /// rest in the order they had.
 void OrderPlanes(Image& image);

@@ -41,6 +41,10 @@ struct EncodeParams {
   /// the decoded image has, within 0.1; as near as the quality can bring it where that is not
   /// near enough, and without loss above the finest lossy coding. Not together with sizeLimit.
   double psnr = 0;
+  /// Lossy: red, green and blue as luminance and chroma, the latter at half the size both ways, in
+  /// the file's standard colour space for that. For low qualities. Pictures of other colours are
+  /// coded as ever; those with a profile, which such a file cannot have, are refused.
+  bool halfChroma = false;
 };
 
 struct EncodeReport {
