@@ -27,7 +27,8 @@ inline std::uint64_t BitsOf(std::integral auto v) {
 }
 
 /// Rows of cells made of bytes, each from another place on, with cells in front of the first and
-/// `behind` of them behind the last. Sanitizers see what is read or written beyond.
+/// `behind` of them behind the last. Written to, these show in the result; beyond, or without any,
+/// it is the sanitizers that see what goes too far.
 template <class Cell>
 struct CellRows {
   std::size_t lead;
@@ -50,7 +51,7 @@ struct CellRows {
   }
 };
 
-/// Cells around a row that the wavelet kernels may read.
+/// Cells behind a row: what the wavelet kernels may read, and the margin of outputs.
 inline constexpr std::size_t kReach = 8;
 
 template <class Cell>
@@ -79,7 +80,7 @@ inline void AnalyseFloats(const kel::WaveletKernels& k, const Bytes& data, std::
   CellRows<float> in(data, 2 * n, kReach), out(data, 2 * n, kReach);
   CellRows<double> cores(data, n);
   CellRows<std::int32_t> ints(data, n);
-  CellRows<std::uint8_t> bytes(data, n);
+  CellRows<std::uint8_t> bytes(data, n, kReach);
   const double factors[] = {1.0 / 3, 0.7};
   k.analyseRow97(in[0], out[0], out[1], n, factors);
   const float* const x[] = {in[0], in[1], in[2], in[3], in[4], in[5], in[6]};
@@ -94,11 +95,11 @@ inline void AnalyseFloats(const kel::WaveletKernels& k, const Bytes& data, std::
 
 inline void ToPlanes(const kel::SamplesKernels& k, const Bytes& data, std::size_t n,
                      Result& result) {
-  CellRows<std::uint8_t> bytes(data, 5 * n), splitBytes(data, n);
-  CellRows<std::uint16_t> words(data, 5 * n), splitWords(data, n);
-  CellRows<std::int16_t> shorts(data, n);
-  CellRows<std::int32_t> samples(data, n), ints(data, n);
-  CellRows<float> floats(data, n), more(data, n);
+  CellRows<std::uint8_t> bytes(data, 5 * n), splitBytes(data, n, kReach);
+  CellRows<std::uint16_t> words(data, 5 * n), splitWords(data, n, kReach);
+  CellRows<std::int16_t> shorts(data, n, kReach);
+  CellRows<std::int32_t> samples(data, n), ints(data, n, kReach);
+  CellRows<float> floats(data, n, kReach), more(data, n, kReach);
   const std::size_t step = 3 + n % 3;
   k.splitBytes(bytes[0], step, splitBytes[0], splitBytes[1], splitBytes[2], n);
   k.splitWords(words[0], step, splitWords[0], splitWords[1], splitWords[2], n);
@@ -123,11 +124,11 @@ inline void ToPlanes(const kel::SamplesKernels& k, const Bytes& data, std::size_
 
 inline void FromPlanes(const kel::SamplesKernels& k, const Bytes& data, std::size_t n,
                        Result& result) {
-  CellRows<std::int16_t> in16(data, n), shorts(data, n);
-  CellRows<std::int32_t> in(data, n), ints(data, n);
-  CellRows<float> inFloats(data, n), floats(data, n);
-  CellRows<std::uint8_t> rgb(data, n), more(data, n);
-  CellRows<std::uint16_t> words(data, n);
+  CellRows<std::int16_t> in16(data, n), shorts(data, n, kReach);
+  CellRows<std::int32_t> in(data, n), ints(data, n, kReach);
+  CellRows<float> inFloats(data, n), floats(data, n, kReach);
+  CellRows<std::uint8_t> rgb(data, n, kReach), more(data, n, kReach);
+  CellRows<std::uint16_t> words(data, n, kReach);
   k.inverseRct(ints[0], ints[1], ints[2], n);
   k.inverseIct(floats[0], floats[1], floats[2], n);
   k.inverseRctTo8Bit(in[0], in[1], in[2], rgb[0], rgb[1], rgb[2], n);

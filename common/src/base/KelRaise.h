@@ -1,8 +1,8 @@
 // Raising failures, and the names of the modules that raise them.
 //
 // A raise site is one line: the condition, then Raise with the code and the module's name. Line
-// and file are taken from the call by themselves. Caught is at the public boundary, and in the two
-// helpers below.
+// and file are taken from the call by themselves. Caught is at the public boundary, in the two
+// helpers below, and where a frame ends (a host's Seek may throw there).
 #ifndef KEL_RAISE_H
 #define KEL_RAISE_H
 
