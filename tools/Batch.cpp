@@ -142,6 +142,7 @@ int RunPlan(TaskPlan& plan, const FileOptions& options, const TaskSettings& sett
         display.ShowPart(index, done, total, NameOf(planned.task.input));
       };
     }
+    const host::LimitScope limited(options.limits);
     const Outcome outcome = RunPlanned(planned, plan.isBatch, settings, work);
     display.ShowDone(index, NameOf(planned.task.input));
     const std::lock_guard lock(mutex);
@@ -202,6 +203,7 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
                   "threads [one per processor]\nThe output is the same for any number.")
       ->type_name("N")
       ->check(CLI::Range(1, 1024));
+  AddLimitOptions(command, options.limits);
   command
       .add_option("--progress", options.progress,
                   "bar, json or none [a bar where standard error is a terminal]\n"
@@ -213,6 +215,20 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
                    "tell what was done, and how fast\n"
                    "Times are those of coding itself, in megabytes (1000000 bytes) of samples per "
                    "second.");
+}
+
+void AddLimitOptions(CLI::App& command, host::Limits& limits) {
+  command
+      .add_option("--max-pixels", limits.maxPixels,
+                  "refuse images of more pixels; 0: never [1G]\n"
+                  "Units are K, M and G (of 1024).")
+      ->type_name("COUNT")
+      ->transform(CLI::AsSizeValue(false));
+  command
+      .add_option("--timeout", limits.seconds,
+                  "stop the work on a file after so many seconds [never]")
+      ->type_name("SECONDS")
+      ->check(CLI::NonNegativeNumber);
 }
 
 int RunTasks(const FileOptions& options, const TaskSettings& settings,

@@ -40,8 +40,10 @@ void PrintDifference(const host::Image& image, const host::Difference& differenc
   std::puts(difference.identical ? "The images are identical." : "The images differ.");
 }
 
-int RunCompare(const std::vector<std::string>& files, unsigned threads) {
+int RunCompare(const std::vector<std::string>& files, unsigned threads,
+               const host::Limits& limits) {
   const host::Session session(2 * HalfOfMemory());
+  const host::LimitScope limited(limits);
   const host::Image a = LoadAnyImage(files[0], threads);
   const host::Image b = LoadAnyImage(files[1], threads);
   try {
@@ -80,6 +82,7 @@ void AddCompareCommand(CLI::App& app, Run& run) {
   struct Options {
     std::vector<std::string> files;
     unsigned jobs = 0;
+    host::Limits limits;
   };
   auto options = std::make_shared<Options>();
   CLI::App& command =
@@ -91,13 +94,16 @@ void AddCompareCommand(CLI::App& app, Run& run) {
   command.add_option("-j,--jobs", options->jobs, "threads [one per processor]")
       ->type_name("N")
       ->check(CLI::Range(1, 1024));
+  AddLimitOptions(command, options->limits);
   command.footer(
       "Prints the PSNR of every component (10 log10 of the squared largest sample value over the\n"
       "mean squared difference), the largest difference, the share of samples that differ, and\n"
-      "the structural similarity. Exit codes: 0 identical, 1 different, 2 not comparable\n"
+      "the structural similarity. Exit codes: 0 identical, 1 different, 2 not comparable,\n"
+      "5 memory or pixel limit, 6 time limit\n"
       "Example: kel compare photo.png photo.kel\n");
-  command.callback(
-      [options, &run] { run = [options] { return RunCompare(options->files, options->jobs); }; });
+  command.callback([options, &run] {
+    run = [options] { return RunCompare(options->files, options->jobs, options->limits); };
+  });
 }
 
 }  // namespace kel::tool

@@ -229,7 +229,8 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "decoded; held whole are pictures with --reduce, --rotate, --bits or --raw-planes, with a\n"
       "palette to be looked up or channels of different sizes, and TIFF written to a pipe.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
-      "is there has been written), 4 output not written, 5 memory limit\n");
+      "is there has been written), 4 output not written, 5 memory or pixel limit,\n"
+      "6 time limit\n");
   command.callback([options, &run] { run = [options] { return RunDecode(*options); }; });
 }
 

@@ -281,7 +281,8 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
       "interlaced or odd-depth PNG, PNG with metadata at its end, TIFF from a pipe or in one "
       "strip\n"
       "per channel, and progressive JPEG. Metadata at the end of a PNG from a pipe are left out.\n"
-      "Exit codes: 0 done, 1 usage, 2 unreadable input, 4 output not written, 5 memory limit\n");
+      "Exit codes: 0 done, 1 usage, 2 unreadable input, 4 output not written, 5 memory or\n"
+      "pixel limit, 6 time limit\n");
   command.callback([options, &run] { run = [options] { return RunEncode(*options); }; });
 }
 

@@ -45,6 +45,7 @@ std::string ColourText(const Info::ColourSpecification& colour) {
 struct InfoOptions {
   std::vector<std::string> files;
   bool json = false, ranges = false, exif = false;
+  host::Limits limits;
 };
 
 // ---- For people ----
@@ -161,11 +162,12 @@ Json ExifJson(host::Source& source) {
 }
 
 int RunInfo(const InfoOptions& options) {
-  const auto& [files, asJson, withRanges, withExif] = options;
+  const auto& [files, asJson, withRanges, withExif, limits] = options;
   const host::Session session(2 * HalfOfMemory());
   Json all = Json::array();
   int code = kDone;
   for (const std::string& file : files) {
+    const host::LimitScope limited(limits);
     try {
       const host::Bytes bytes = ReadInput(file);
       host::MemorySource source(bytes), forExif(bytes);
@@ -212,6 +214,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
                    "which bytes each tile needs at each resolution\n"
                    "Positions count from the first byte of the file; what stands in front of the "
                    "tiles is needed always.");
+  AddLimitOptions(command, options->limits);
   command.footer(
       "Examples:\n"
       "  kel info photo.kel\n"

@@ -13,8 +13,8 @@ using host::Failure;
 
 int WorseOf(int a, int b) {
   // Incomplete is better than nothing; what the machine or the disk lacks stops more than one file.
-  constexpr int kByBadness[] = {kDone,        kIncompleteInput, kBadInput,
-                                kMemoryLimit, kBadOutput,       kUsage};
+  constexpr int kByBadness[] = {kDone,      kIncompleteInput, kBadInput, kMemoryLimit,
+                                kTimeLimit, kBadOutput,       kUsage};
   const auto badness = [&](int code) { return std::ranges::find(kByBadness, code); };
   return badness(a) < badness(b) ? b : a;
 }
@@ -63,6 +63,8 @@ int ExitCodeOf(const Error& error) {
       return kBadOutput;
     case Failure::kMemory:
       return kMemoryLimit;
+    case Failure::kTime:
+      return kTimeLimit;
     default:
       return kUsage;
   }

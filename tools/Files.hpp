@@ -3,6 +3,7 @@
 #define KEL_TOOLS_FILES_HPP
 
 #include <kel/host/errors.hpp>
+#include <kel/host/limits.hpp>
 #include <kel/host/parallel.hpp>
 #include <kel/host/streams.hpp>
 
@@ -32,7 +33,8 @@ enum ExitCode : int {
   kBadInput = 2,
   kIncompleteInput = 3,
   kBadOutput = 4,
-  kMemoryLimit = 5
+  kMemoryLimit = 5,  ///< also that on pixels
+  kTimeLimit = 6
 };
 
 /// The worse of two ways to end: what was lost altogether before what is incomplete.
@@ -55,11 +57,14 @@ struct FileOptions {
   bool overwrite = false, noOverwrite = false, skipExisting = false;
   std::string report;  ///< a file that gets a line of JSON for each input
   unsigned jobs = 0;
+  host::Limits limits;  ///< of each file
   std::string progress = "auto";
   bool quiet = false;
   bool verbose = false;
 };
 void AddFileOptions(CLI::App& command, FileOptions& options);
+/// Those of them that every command that reads has.
+void AddLimitOptions(CLI::App& command, host::Limits& limits);
 
 /// What work tells of itself beyond its exit code.
 struct TaskNotes {

@@ -179,6 +179,11 @@ void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {
     write(image);
     return;
   }
+  const bool isTiff = FormatOfName(name) == ImageFormat::kTiff;
+  if (image.palette && image.palette->columns.size() > 4 && !isTiff) {
+    throw Error(Failure::kOutput, "a palette of " + std::to_string(image.palette->columns.size()) +
+                                      " channels; only TIFF files hold more than four");
+  }
   Image ordinary = image;
   host::MakeOrdinary(ordinary);
   write(ordinary);

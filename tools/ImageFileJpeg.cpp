@@ -3,6 +3,7 @@
 // libjpeg reports failures by a function that must not return; ours jumps back with longjmp. So
 // every call into it stands in a function that holds nothing with a destructor.
 #include <kel/host/errors.hpp>
+#include <kel/host/limits.hpp>
 
 #include <algorithm>
 #include <csetjmp>
@@ -33,6 +34,9 @@ constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2,
               kBlocksMarker = JPEG_APP0 + 13;
 constexpr unsigned kLongestMarker = 0xFFFF;
 constexpr std::size_t kMostMarkerData = 65533;
+/// Scans of a progressive file. Each costs as much as the picture has samples, however few bytes
+/// it takes; encoders write ten or so.
+constexpr int kMostScans = 128;
 constexpr std::size_t kPieceBytes = 65536;  // read or written at once
 constexpr std::string_view kExifName("Exif\0\0", 6);
 constexpr std::string_view kXmpName("http://ns.adobe.com/xap/1.0/\0", 29);
@@ -87,6 +91,7 @@ struct JpegReader {
   host::BufferedSource& source;
   host::Bytes piece;  ///< what libjpeg reads from
   jpeg_source_mgr manager{};
+  jpeg_progress_mgr progress{};
   ErrorManager errors;
   jpeg_decompress_struct jpeg{};
   JOCTET* profile = nullptr;
@@ -120,6 +125,21 @@ void SkipInput(j_decompress_ptr jpeg, long count) {
   manager.bytes_in_buffer -= left;
 }
 
+/// Libjpeg asks for this many times in every scan.
+void OnProgress(j_common_ptr common) {
+  auto* jpeg = reinterpret_cast<j_decompress_ptr>(common);
+  auto& reader = *static_cast<JpegReader*>(jpeg->client_data);
+  try {
+    host::CheckTime();
+    if (jpeg->input_scan_number > kMostScans) {
+      throw Error(Failure::kInput, "a JPEG file of too many scans");
+    }
+  } catch (...) {
+    reader.errors.thrown = std::current_exception();
+  }
+  if (reader.errors.thrown) ERREXIT(jpeg, JERR_FILE_READ);
+}
+
 bool ReadHeader(JpegReader& r) {
   r.jpeg.err = &r.errors;
   if (setjmp(r.errors.back) != 0) return false;
@@ -135,6 +155,8 @@ bool ReadHeader(JpegReader& r) {
   r.manager.resync_to_restart = jpeg_resync_to_restart;
   r.manager.term_source = [](j_decompress_ptr) {};
   r.jpeg.src = &r.manager;
+  r.progress.progress_monitor = OnProgress;
+  r.jpeg.progress = &r.progress;
   jpeg_read_header(&r.jpeg, TRUE);
   if (jpeg_read_icc_profile(&r.jpeg, &r.profile, &r.profileBytes) == 0) r.profileBytes = 0;
   return true;

@@ -369,10 +369,10 @@ class PngSource final : public host::RowSource {
     for (; count > 0; --count, ++nextRow_, to += strideBytes) {
       const bool direct = !expands_ && !hasKey_ && !HoldsPicture();
       if (!HoldsPicture()) {
-        if (!direct) all_.resize(reader_.rowBytes);
-        Require(reader_, ReadRow(reader_, direct ? to : all_.data()));
+        if (!direct && all_.Size() == 0) all_ = host::SampleBuffer(reader_.rowBytes);
+        Require(reader_, ReadRow(reader_, direct ? to : all_.Data()));
       }
-      if (!direct) Convert(all_.data() + (HoldsPicture() ? nextRow_ * reader_.rowBytes : 0), to);
+      if (!direct) Convert(all_.Data() + (HoldsPicture() ? nextRow_ * reader_.rowBytes : 0), to);
     }
     if (nextRow_ == reader_.height && !HoldsPicture()) Require(reader_, ReadEnd(reader_));
     reader_.failures.complaints.Tell(warn_);
@@ -412,9 +412,10 @@ class PngSource final : public host::RowSource {
   void ReadInterlaced() {
     const host::MemoryReservation room(std::uint64_t{reader_.rowBytes} * reader_.height,
                                        "an interlaced PNG file");
-    all_.resize(reader_.rowBytes * reader_.height);
+    all_ = host::SampleBuffer(reader_.rowBytes * reader_.height);
     std::vector<png_bytep> rows;
-    for (std::size_t y = 0; y < reader_.height; ++y) rows.push_back(&all_[y * reader_.rowBytes]);
+    for (std::size_t y = 0; y < reader_.height; ++y)
+      rows.push_back(all_.Data() + y * reader_.rowBytes);
     Require(reader_, ReadAllRows(reader_, rows.data()));
     Require(reader_, ReadEnd(reader_));
   }
@@ -449,7 +450,8 @@ class PngSource final : public host::RowSource {
   bool hasKey_ = false;    ///< one colour is transparent
   std::uint16_t key_[3] = {};
   std::uint32_t nextRow_ = 0;
-  Bytes all_;  ///< the picture when interlaced, else a row to be converted
+  /// The picture when interlaced, else a row to be converted.
+  host::SampleBuffer all_;
 };
 
 // ---- Writing ----

@@ -230,6 +230,27 @@ unsigned ColoursOf(const Layout& layout) {
   }
 }
 
+/// The most bytes that one byte can be expanded to; 0 where there is no such bound.
+std::uint64_t MostExpansion(TIFF* tiff) {
+  std::uint16_t compression = COMPRESSION_NONE;
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+  switch (compression) {
+    case COMPRESSION_NONE:
+      return 1;
+    case COMPRESSION_PACKBITS:
+      return 64;
+    case COMPRESSION_JPEG:  // two bits for a block of 64 samples
+      return 1024;
+    case COMPRESSION_ADOBE_DEFLATE:
+    case COMPRESSION_DEFLATE:  // two bits for 258 bytes
+      return 1032;
+    case COMPRESSION_LZW:  // 12 bits for a string of all that came before
+      return 4096;
+    default:
+      return 0;
+  }
+}
+
 /// An image with a plane for every channel, without samples.
 Image Describe(TIFF* tiff, const Layout& layout) {
   const unsigned colours = ColoursOf(layout);
@@ -336,12 +357,12 @@ class TiffSource final : public host::RowSource {
     const std::size_t rowBytes = host::RowBytes(description_);
     for (; count > 0; --count, ++nextRow_, to += strideBytes) {
       if (byRows_) {
-        if (TIFFReadScanline(handle_.get(), packed_.data(), nextRow_, 0) < 0) RefuseDamaged(file_);
-        Unpack(packed_.data(), std::size_t{layout_.width} * layout_.channels, to);
+        if (TIFFReadScanline(handle_.get(), packed_.Data(), nextRow_, 0) < 0) RefuseDamaged(file_);
+        Unpack(packed_.Data(), std::size_t{layout_.width} * layout_.channels, to);
       } else {
         const std::uint32_t inPiece = nextRow_ % layout_.pieceHeight;
         if (inPiece == 0) ReadPieces();
-        std::copy_n(rows_.data() + inPiece * rowBytes, rowBytes, to);
+        std::copy_n(rows_.Data() + inPiece * rowBytes, rowBytes, to);
       }
       if (layout_.photometric == PHOTOMETRIC_MINISWHITE) Invert(to);
     }
@@ -389,12 +410,18 @@ class TiffSource final : public host::RowSource {
         host::PackedRowBytes(std::uint64_t{layout_.pieceWidth} * channels_, layout_.depth);
     const std::uint64_t needed = pieceRowBytes_ * (byRows_ ? 1 : layout_.pieceHeight);
     if (size <= 0 || static_cast<std::uint64_t>(size) < needed) RefuseDamaged(file_);
+    const std::uint64_t expansion = MostExpansion(tiff);
+    if (expansion != 0 && static_cast<std::uint64_t>(size) / expansion > file_.Size()) {
+      RefuseInput("damaged TIFF file: the samples that it announces are not there");
+    }
     room_ = host::MemoryReservation(
         static_cast<std::uint64_t>(size) +
             (byRows_ ? 0 : std::uint64_t{host::RowBytes(description_)} * layout_.pieceHeight),
         "the rows of a TIFF file at work");
-    packed_.resize(static_cast<std::size_t>(size));
-    if (!byRows_) rows_.resize(host::RowBytes(description_) * layout_.pieceHeight);
+    packed_ = host::SampleBuffer(static_cast<std::size_t>(size));
+    if (!byRows_) {
+      rows_ = host::SampleBuffer(host::RowBytes(description_) * layout_.pieceHeight);
+    }
   }
 
   void Unpack(const std::uint8_t* packed, std::size_t count, std::uint8_t* to) const {
@@ -415,12 +442,12 @@ class TiffSource final : public host::RowSource {
 
   void ReadPiece(std::uint32_t x, std::uint16_t sample) {
     TIFF* tiff = handle_.get();
-    const auto size = static_cast<tmsize_t>(packed_.size());
+    const auto size = static_cast<tmsize_t>(packed_.Size());
     const tmsize_t read =
         layout_.tiled ? TIFFReadEncodedTile(tiff, TIFFComputeTile(tiff, x, nextRow_, 0, sample),
-                                            packed_.data(), size)
+                                            packed_.Data(), size)
                       : TIFFReadEncodedStrip(tiff, TIFFComputeStrip(tiff, nextRow_, sample),
-                                             packed_.data(), size);
+                                             packed_.Data(), size);
     if (read < 0) RefuseDamaged(file_);
   }
 
@@ -433,8 +460,8 @@ class TiffSource final : public host::RowSource {
       using Sample = decltype(sample);
       std::vector<Sample> plane(width);
       for (std::uint32_t y = 0; y < height; ++y) {
-        const std::uint8_t* from = packed_.data() + y * pieceRowBytes_;
-        auto* to = reinterpret_cast<Sample*>(rows_.data() + y * host::RowBytes(description_)) +
+        const std::uint8_t* from = packed_.Data() + y * pieceRowBytes_;
+        auto* to = reinterpret_cast<Sample*>(rows_.Data() + y * host::RowBytes(description_)) +
                    x0 * step + first;
         if (!layout_.separate) {
           host::UnpackSamples(from, width * step, layout_.depth, to);
@@ -469,8 +496,8 @@ class TiffSource final : public host::RowSource {
   std::uint64_t pieceRowBytes_ = 0;
   host::MemoryReservation room_;
   std::uint32_t nextRow_ = 0;
-  Bytes packed_;  ///< a row or a piece, as libtiff delivers it
-  Bytes rows_;    ///< a row of pieces
+  host::SampleBuffer packed_;  ///< a row or a piece, as libtiff delivers it
+  host::SampleBuffer rows_;    ///< a row of pieces
 };
 
 // ---- Writing ----

@@ -61,6 +61,8 @@ kel_status StatusOf(Failure kind) {
       return KEL_ERROR_MEMORY;
     case Failure::kParameter:
       return KEL_ERROR_PARAMETER;
+    case Failure::kTime:
+      return KEL_ERROR_STOPPED;
   }
   return KEL_ERROR_UNEXPECTED;
 }

@@ -19,6 +19,9 @@ constexpr int kDetailBands = 3;
 /// Room for a large packet is first obtained for so many bytes.
 constexpr std::uint64_t kFirstPieceBytes = std::uint64_t{1} << 20;
 
+/// Finding a packet takes about as long as decoding so many samples, where many are empty.
+constexpr std::uint64_t kWorkOfPacket = 1024;
+
 /// Zeros behind the copy of a packet, so that the kernels reach its end.
 constexpr std::uint64_t kReadableBehindBand = kMostBlockBytes + kLoadSlackBytes;
 
@@ -413,6 +416,7 @@ PartEnd ReadTilePartPackets(const PartReading& part) {
       if (progress.partIsEmpty) PassEmptyTilePart(*tile.dec->walk);
       return PartEnd::kPartEnded;
     }
+    CountWork(part.work, kWorkOfPacket);
     const Outcome outcome = HandlePacket(part, tile.comps[at->component], *at);
     if (outcome == Outcome::kNotArrived) return PartEnd::kCutOff;
     if (outcome == Outcome::kDamaged) return Close(part, PartEnd::kDamaged);

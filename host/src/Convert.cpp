@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "kel/host/errors.hpp"
+#include "kel/host/session.hpp"
 
 namespace kel::host {
 namespace {
@@ -19,6 +20,11 @@ Plane MakeLike(const Plane& model, std::uint32_t width, std::uint32_t height, un
   plane.xStep = model.xStep;
   plane.yStep = model.yStep;
   return plane;
+}
+
+/// Adds to a sum that stops at the largest number.
+void AddUpTo(std::uint64_t& sum, std::uint64_t more) {
+  sum = more > UINT64_MAX - sum ? UINT64_MAX : sum + more;
 }
 
 /// Calls work with pointers to row y of both planes, in their own types.
@@ -164,6 +170,11 @@ void ExpandPalette(Image& image) {
   const Plane indices = std::move(image.planes[0]);
   image.palette.reset();
   image.planes.clear();
+  std::uint64_t bytes = 0;
+  for (const Palette::Column& column : palette.columns) {
+    AddUpTo(bytes, SampleBytes(indices.Width(), indices.Height(), 1, column.depth));
+  }
+  const MemoryReservation room(bytes, "the colours of a palette");
   unsigned colours = 0;
   for (const Palette::Column& column : palette.columns) {
     Plane& plane = image.planes.emplace_back(indices.Width(), indices.Height(), column.depth);
@@ -179,6 +190,12 @@ void ExpandPalette(Image& image) {
 }
 
 void UndoSubsampling(Image& image) {
+  std::uint64_t bytes = 0;
+  for (const Plane& plane : image.planes) {
+    if (plane.xStep == 1 && plane.yStep == 1) continue;
+    AddUpTo(bytes, SampleBytes(image.width, image.height, 1, plane.Depth()));
+  }
+  const MemoryReservation room(bytes, "channels in full size");
   for (Plane& plane : image.planes) {
     if (plane.xStep != 1 || plane.yStep != 1) plane = FullSize(plane, image.width, image.height);
   }

@@ -135,6 +135,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   job.areas = ComponentAreas(geometry, job.halvings);
   whole.reset();  // what it holds is not needed beside the parts
 
+  RequirePackets(index);
   const MemoryReservation room(PlaneBytes(job.areas), "the decoded image");
   job.planes = MakePlanes(job.areas);
   DecodeParts(job, params);

@@ -18,8 +18,10 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
   PartResult result;
   const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
   for (std::size_t tile = 0; tile < numTiles; ++tile) {
+    const auto index = static_cast<KelLong>(tile);
+    result.numCompleteTiles += object.TileIsComplete(index);
+    if (object.TileIsUntouched(index)) continue;
     result.numTilesWithSamples += TileComponent(object, tile, 0).TileCompDataReady();
-    result.numCompleteTiles += object.TileIsComplete(static_cast<KelLong>(tile));
   }
   result.failure.ClearErrState();
   if (code != KelOK) {
@@ -28,6 +30,10 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
     result.failure.errCode = code;
   }
   return result;
+}
+
+void RequirePackets(Index& index) {
+  if (!index.HasPackets()) throw Error(Failure::kInput, "the data end before the first samples");
 }
 
 void DecodeTally::StartAnew(std::size_t numTiles) {

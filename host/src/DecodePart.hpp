@@ -30,6 +30,9 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
                                      const KelImageGeometry* whole, const TileRun* run,
                                      std::vector<Plane>& planes);
 
+/// Throws Error (kInput) unless Index::HasPackets.
+void RequirePackets(Index& index);
+
 /// What came of all parts together.
 struct DecodeTally {
   DecodeReport report;

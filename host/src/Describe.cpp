@@ -8,6 +8,7 @@ namespace {
 
 constexpr KelLong kMappedThroughPalette = 1;
 constexpr std::uint8_t kSignedColumn = 0x80;
+constexpr KelULong kMostFreeEntries = 1024;
 
 /// Entries of one column: big-endian numbers of (stored depth + 7) / 8 bytes.
 std::vector<std::uint32_t> ReadEntries(const std::uint8_t* entries, KelULong count,
@@ -63,7 +64,9 @@ std::vector<ComponentRole> ComponentRoles(KelImage& image) {
         image.GetTransparencyType() == KelOpacityPremultiplied ? ChannelRole::kPremultipliedOpacity
                                                                : ChannelRole::kOpacity;
   }
-  for (KelLong n = 1; n <= image.GetNumColorChannels(); ++n) {
+  // Definitions may announce far more colours than there are components to hold them.
+  const KelLong numColours = std::min(image.GetNumColorChannels(), image.GetNumComponents());
+  for (KelLong n = 1; n <= numColours; ++n) {
     const KelLong colour = image.GetChannelIndex(n);
     if (colour >= 0 && colour < image.GetNumComponents()) {
       roles[static_cast<std::size_t>(colour)].colour = static_cast<unsigned>(n);
@@ -83,6 +86,7 @@ std::optional<Palette> DescribePalette(const KelImage& image, const KelIndexFact
   const KelULong channels =
       mapped ? std::min(found->numColumns, facts.numMappings) : found->numColumns;
   Palette palette;
+  std::uint64_t entryBytes = 0;
   for (KelULong i = 0; i < channels; ++i) {
     const KelULong column = mapped ? found->mapColumn[i] : i;
     if (mapped && (found->mapType[i] != kMappedThroughPalette || found->mapComponent[i] != 0)) {
@@ -91,6 +95,11 @@ std::optional<Palette> DescribePalette(const KelImage& image, const KelIndexFact
     const std::uint8_t depth = column < found->numColumns ? found->depths[column] : kSignedColumn;
     if ((depth & kSignedColumn) != 0 || depth >= 32) {
       throw Error(Failure::kInput, "its palette has signed, too deep or missing columns");
+    }
+    // Entries of some columns take no bytes in the file: then there is no end to their number.
+    entryBytes += (depth + 7U) / 8U * found->numEntries;
+    if (entryBytes == 0 && found->numEntries > kMostFreeEntries) {
+      throw Error(Failure::kInput, "its palette has too many entries");
     }
     Palette::Column& described = palette.columns.emplace_back();
     described.depth = depth + 1U;

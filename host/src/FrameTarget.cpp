@@ -186,6 +186,7 @@ void FrameTarget::FinishPlanes(const KelImage& object, unsigned halvings,
     }
     const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
     for (std::size_t tile = 0; tile < numTiles; ++tile) {
+      if (object.TileIsUntouched(static_cast<KelLong>(tile))) continue;
       CopyRawTile(TileComponent(object, tile, c), whole_[c], halvings, planes[c]);
     }
   }

@@ -7,6 +7,7 @@
 
 #include "Pages.hpp"
 #include "kel/host/errors.hpp"
+#include "kel/host/limits.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -64,6 +65,7 @@ Plane Plane::WithoutSamples(std::uint32_t width, std::uint32_t height, unsigned 
 
 Plane::Plane(std::uint32_t width, std::uint32_t height, unsigned depth)
     : Plane(width, height, depth, Shape()) {
+  CheckPixels(width, height);
   const std::uint64_t size = Product(stride_, height);
   const auto refuse = [&] {
     throw Error(Failure::kMemory, "there is no memory for " + FormatBytes(size) + " of samples");
@@ -89,6 +91,7 @@ void Plane::Set(std::uint32_t x, std::uint32_t y, std::uint32_t value) {
 
 Image DescribeNewImage(std::uint32_t width, std::uint32_t height, unsigned numColours,
                        unsigned depth, bool withOpacity) {
+  CheckPixels(width, height);
   Image image;
   image.width = width;
   image.height = height;

@@ -1,8 +1,11 @@
 // Calls into the library, and its image object for decoding.
 #include "Library.hpp"
 
+#include <algorithm>
 #include <new>
+#include <set>
 
+#include "kel/host/limits.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -21,7 +24,15 @@ void ThrowFailure(const KelException& raised, Failure kind, const KelErrorPlace&
       sentence = "more memory is needed than the limit of " + FormatBytes(Session::Limit());
     }
   }
+  if (raised.errCode == KelErrAborted) {
+    kind = Failure::kTime;
+    sentence = "the time limit was reached";
+  }
   throw Error(kind, sentence, raised, place);
+}
+
+void AskForTime(KelUserActions& actions) {
+  actions.AbortRequested = [] { return static_cast<KelLong>(TimeIsUp()); };
 }
 
 void Check(KelLong code, const KelImage& image, Failure kind) {
@@ -87,13 +98,41 @@ const KelIndexTileParts& Index::TileParts() {
   return *parts;
 }
 
+bool Index::HasPackets() {
+  constexpr std::uint64_t kSamplesPerByte = 1 << 14;
+  constexpr KelULong kLowestOnly = 32, kLengthBytes = 4;
+  const KelIndexTileParts& found = TileParts();
+  const KelImageGeometry& grid = *Facts().geometry;
+  const auto side = [](KelLong from, KelLong to) { return static_cast<std::uint64_t>(to - from); };
+  const std::uint64_t area = side(grid.XOsiz, grid.Xsiz) * side(grid.YOsiz, grid.Ysiz);
+  std::uint64_t bodyBytes = 0;
+  std::set<KelULong> asked;
+  for (const KelIndexTilePart& part : std::span(found.parts, found.count)) {
+    if (part.headerBytes == 0 || part.length <= part.headerBytes) continue;
+    bodyBytes += part.length - part.headerBytes;
+    if (bodyBytes > area / kSamplesPerByte) return true;
+    if (!asked.insert(part.tile).second) continue;
+    const KelIndexWant lowest{part.tile, -1, kLowestOnly, 1}, all{part.tile, -1, 0, 0};
+    const KelIndexPackets* packets = index_.GetPackets(&lowest);
+    if (packets == nullptr || packets->count == 0) continue;
+    const auto hasBytes = [](const KelIndexPacket& packet) { return packet.length > kLengthBytes; };
+    if (std::any_of(packets->packets, packets->packets + packets->count, hasBytes)) return true;
+    // Empty ones alone make a picture of one colour when none is missing.
+    packets = index_.GetPackets(&all);
+    if (packets != nullptr && packets->areAll) return true;
+  }
+  return false;
+}
+
 Decoder::Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect) {
   RequireSession();
   if (bytes.empty()) throw Error(Failure::kInput, "there are no data");
   Raising(Failure::kInput, [&] { options_.InitToDefaults(); });
   block_ = {bytes.data(), static_cast<KelULong>(bytes.size())};
+  AskForTime(actions_);
+  procs_.UserActions = &actions_;
   try {
-    Check(image_.InitDecoder(nullptr, &block_, &options_, nullptr, &resolutions_, aspect), image_,
+    Check(image_.InitDecoder(nullptr, &block_, &options_, &procs_, &resolutions_, aspect), image_,
           Failure::kInput);
   } catch (...) {
     Release();
@@ -123,7 +162,7 @@ KelLong Decoder::DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame) {
   } catch (const std::bad_alloc&) {  // the one operation whose guard lets such failures pass
     code = KelErrNoMemory;
   }
-  if (code == KelErrNoMemory) Check(code, image_, Failure::kMemory);
+  if (code == KelErrNoMemory || code == KelErrAborted) Check(code, image_, Failure::kMemory);
   return code;
 }
 

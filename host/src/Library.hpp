@@ -17,7 +17,8 @@ namespace kel::host {
 /// Throws Error (kParameter) when no session runs.
 void RequireSession();
 
-/// Throws what a failure of the library means: kMemory for code 8, else the kind given.
+/// Throws what a failure of the library means: kMemory for code 8, kTime for 28, which only the
+/// limit on time brings about, else the kind given.
 [[noreturn]] void ThrowFailure(const KelException& raised, Failure kind,
                                const KelErrorPlace& place = {nullptr, -1});
 
@@ -26,6 +27,9 @@ void Check(KelLong code, const KelImage& image, Failure kind);
 
 /// A tile-component's handle; throws Error (kMemory) when the library cannot make it.
 KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::size_t component);
+
+/// Lets the library ask whether the limit on time has been reached.
+void AskForTime(KelUserActions& actions);
 
 /// Runs a call that may raise KelException.
 template <class Call>
@@ -53,6 +57,10 @@ class Index {
   std::span<const KelIndexComponent> Components() const;
   /// Throws Error (kMemory).
   const KelIndexTileParts& TileParts();
+  /// Whether some tile has a packet with bytes or all of its packets, or the data are so many for
+  /// the image's samples that damage may hide a packet. Before that nothing but an announced size
+  /// speaks for planes. Throws Error (kMemory).
+  bool HasPackets();
 
  private:
   Index() = default;
@@ -80,12 +88,14 @@ class Decoder {
   /// by sums in double precision, or faster ones. For the frames to come.
   void SetExact(bool exact);
   /// Decodes what is new in the bytes, which begin with those given before. Returns the library's
-  /// code; throws Error (kMemory).
+  /// code; throws Error (kMemory, kTime).
   KelLong DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame);
 
  private:
   void Release();
 
+  KelUserActions actions_;
+  KelClientProcs procs_;
   KelDecOpt options_;
   KelImage image_;
   KelCompressedData block_{};

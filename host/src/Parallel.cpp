@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "kel/host/limits.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -23,10 +24,15 @@ void ForEachIndex(std::size_t count, unsigned threads,
   std::mutex mutex;
   std::exception_ptr failure;
   Account* account = SessionScope::Current();
+  const LimitScope::Work* limits = LimitScope::Current();
   const auto work = [&](unsigned worker) {
     const SessionScope scope(account);
+    const LimitScope limited(limits);
     try {
-      for (std::size_t index; (index = next.fetch_add(1)) < count;) task(worker, index);
+      for (std::size_t index; (index = next.fetch_add(1)) < count;) {
+        CheckTime();
+        task(worker, index);
+      }
     } catch (...) {
       const std::lock_guard lock(mutex);
       if (!failure) failure = std::current_exception();

@@ -21,6 +21,7 @@ struct Opened {
   MemoryReservation room;
   std::vector<Plane> planes;  ///< as the library leaves them
   std::vector<bool> complete;
+  bool hasPackets = false;  ///< before, decoding would only fill planes with nothing
 };
 
 Opened::Opened(ByteView bytes, const Index& index)
@@ -46,8 +47,13 @@ std::unique_ptr<Opened> OpenArrived(ByteView bytes) {
 }
 
 void Opened::DecodeMore(ByteView bytes, ProgressiveDecoder::Update& update) {
+  if (!hasPackets) {
+    hasPackets = Index(bytes).HasPackets();
+    if (!hasPackets) return;
+  }
   KelImage& object = decoder.Object();
   const auto everyComponent = [&](std::size_t tile, auto&& visit) {
+    if (object.TileIsUntouched(static_cast<KelLong>(tile))) return;
     for (std::size_t c = 0; c < areas.size(); ++c) visit(TileComponent(object, tile, c));
   };
   for (std::size_t tile = 0; tile < complete.size(); ++tile) {

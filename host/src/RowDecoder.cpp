@@ -4,6 +4,7 @@
 #include "BandDecoder.hpp"
 #include "Describe.hpp"
 #include "kel/host/decode.hpp"
+#include "kel/host/limits.hpp"
 
 namespace kel::host {
 namespace {
@@ -84,6 +85,8 @@ void RowDecoder::State::Describe(Index& index) {
   const auto roles = ComponentRoles(decoder.Object());
   for (const ComponentArea& area : ComponentAreas(grid, 0)) {
     if (area.depth > 32) throw Error(Failure::kInput, "samples of more than 32 bits");
+    CheckPixels(static_cast<std::uint64_t>(area.x1 - area.x0),
+                static_cast<std::uint64_t>(area.y1 - area.y0));
     Plane& plane = description.planes.emplace_back(
         Plane::WithoutSamples(reduced(area.x0, area.x1), reduced(area.y0, area.y1), area.depth));
     plane.xStep = area.xStep;
@@ -126,6 +129,10 @@ DecodeReport RowDecoder::Decode(RowSink& sink) {
     ImageRowSource rows(DecodeImage(&report));
     CopyRows(rows, sink);
     return report;
+  }
+  if (state.isAll) {
+    Index index(state.seen);
+    RequirePackets(index);
   }
   const auto feed = state.isAll ? std::make_unique<TilePartFeed>(state.seen)
                                 : std::make_unique<TilePartFeed>(state.source, state.seen);

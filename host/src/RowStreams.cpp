@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "kel/host/errors.hpp"
+#include "kel/host/limits.hpp"
 #include "kel/host/rows.hpp"
 
 namespace kel::host {
@@ -65,11 +66,11 @@ void ImageRowSource::Read(std::uint32_t count, std::uint8_t* to, std::size_t str
 
 void ImageRowSink::Begin(const Image& description) {
   CopyDescription(description, image);
-  MakeSamples(image);
   nextRow_ = 0;
 }
 
 void ImageRowSink::Write(std::uint32_t count, const std::uint8_t* from, std::size_t strideBytes) {
+  if (nextRow_ == 0) MakeSamples(image);
   for (; count > 0; --count, from += strideBytes) {
     WithPlaneRows(image.planes, nextRow_++, [&](auto& rows, auto sample) {
       SplitSamples(reinterpret_cast<const decltype(sample)*>(from), rows.size(), image.width,
@@ -87,6 +88,7 @@ void CopyRows(RowSource& source, RowSink& sink) {
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(rowBytes * rows);
   for (std::uint32_t y = 0; y < description.height; y += rows) {
     const std::uint32_t count = std::min(rows, description.height - y);
+    CheckTime();
     source.Read(count, piece.get(), rowBytes);
     sink.Write(count, piece.get(), rowBytes);
   }

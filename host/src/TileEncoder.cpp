@@ -186,7 +186,8 @@ struct TileEncoder::State {
     dataProcs.GetTileComponent = FetchTileComponent;
     dataProcs.GetNumInterleaved = together ? CountInterleaved : nullptr;
     dataProcs.GetReserved = nullptr;
-    clientProcs.UserActions = nullptr;
+    AskForTime(actions);
+    clientProcs.UserActions = &actions;
     clientProcs.ImageDataProcs = &dataProcs;
   }
   ~State() { object.Die(); }
@@ -209,6 +210,7 @@ struct TileEncoder::State {
   EncoderOptions options;
   KelStreamProcs streamProcs;
   KelImageDataProcs dataProcs;
+  KelUserActions actions;
   KelClientProcs clientProcs;
   KelCodeStm stream;
   KelImage object;

@@ -243,6 +243,10 @@ class KEL_API KelImage {
   KelLong GetDamage(KelLong n, KelDamage* damage) const;
   /// Whether every packet of a tile that the decoded resolution needs has been decoded.
   bool TileIsComplete(KelLong tile) const;
+  /// Whether nothing of a tile has been read, nor any of its handles been asked for, which makes
+  /// records of all of them: in a picture of many tiles only the others can tell anything. True
+  /// also for a tile out of range.
+  bool TileIsUntouched(KelLong tile) const;
 
   // Encoding. Order: InitEncoder; CompressAndWriteTile for every tile in increasing order; Die.
 

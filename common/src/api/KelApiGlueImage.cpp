@@ -129,6 +129,10 @@ KelImageOrientation KelImage::GetOrientationForDecode() const {
   });
 }
 
+bool KelImage::TileIsUntouched(KelLong tile) const {
+  return Query(handle_, true, [&](ImageState& state) { return kel::TileIsUntouched(state, tile); });
+}
+
 bool KelImage::TileIsComplete(KelLong tile) const {
   return Query(handle_, false, [&](ImageState& state) { return kel::TileIsComplete(state, tile); });
 }

@@ -112,6 +112,10 @@ bool TileIsComplete(const ImageState& state, KelLong t) {
   return tile.dec->progress.isComplete || HasNoSamples(state.map, tile);
 }
 
+bool TileIsUntouched(const ImageState& state, KelLong t) {
+  return t < 0 || t >= state.map.numTiles || state.map.tiles[t].comps == nullptr;
+}
+
 __tagICCProfile* ICCProfileOf(const ImageState& state) {
   if (state.isEncoder || state.encOpt == nullptr) return nullptr;
   return ChooseICCProfile(state.encOpt->ColorSpecList);

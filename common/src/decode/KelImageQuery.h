@@ -9,6 +9,7 @@ namespace kel {
 KelLong LevelsOfTile(ImageState& state, KelLong tile);
 KelTileComponent* TileComponentOf(ImageState& state, KelLong tile, KelLong component);
 bool TileIsComplete(const ImageState& state, KelLong tile);
+bool TileIsUntouched(const ImageState& state, KelLong tile);
 __tagICCProfile* ICCProfileOf(const ImageState& state);
 KelLong NumColorChannelsOf(const ImageState& state);
 KelChannelType ComponentTypeOf(const ImageState& state, KelLong component);

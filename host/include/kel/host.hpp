@@ -18,6 +18,7 @@
 #include "host/errors.hpp"
 #include "host/exif.hpp"
 #include "host/image.hpp"
+#include "host/limits.hpp"
 #include "host/parallel.hpp"
 #include "host/picture.hpp"
 #include "host/pnm.hpp"

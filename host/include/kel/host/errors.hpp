@@ -16,8 +16,9 @@ enum class Failure {
   kInput,       ///< data that cannot be read or decoded
   kIncomplete,  ///< data that end early, where incomplete data were not accepted
   kOutput,      ///< a destination that cannot be written, or that cannot hold the image
-  kMemory,      ///< out of memory, or beyond the session's limit
-  kParameter    ///< parameters, or an image, that the called function does not allow
+  kMemory,      ///< out of memory, or beyond the session's limit or that on pixels
+  kParameter,   ///< parameters, or an image, that the called function does not allow
+  kTime         ///< the limit on time was reached
 };
 
 class Error : public std::runtime_error {

@@ -62,7 +62,8 @@ class SampleBuffer {
 class Plane {
  public:
   Plane() = default;
-  /// All samples zero. Throws Error (kParameter) for a depth outside 1 to 32.
+  /// All samples zero. Throws Error: kParameter for a depth outside 1 to 32, kMemory for more
+  /// samples than the limit on pixels allows (LimitScope).
   Plane(std::uint32_t width, std::uint32_t height, unsigned depth);
   /// A plane that tells its size and depth and holds no samples, for descriptions of images whose
   /// rows come one after another. Throws as above.
@@ -154,7 +155,7 @@ struct Image {
 Image MakeImage(std::uint32_t width, std::uint32_t height, unsigned numColours, unsigned depth,
                 bool withOpacity = false);
 
-/// The same without samples, of any size.
+/// The same without samples; the limit on pixels holds for it too.
 Image DescribeNewImage(std::uint32_t width, std::uint32_t height, unsigned numColours,
                        unsigned depth, bool withOpacity = false);
 

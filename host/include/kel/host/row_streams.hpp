@@ -64,7 +64,8 @@ class ImageRowSource : public RowSource {
   std::uint32_t nextRow_ = 0;
 };
 
-/// Gathers rows in an image.
+/// Gathers rows in an image, which has no samples before the first row: what is only announced
+/// takes no memory.
 class ImageRowSink : public RowSink {
  public:
   void Begin(const Image& description) override;
