@@ -36,7 +36,7 @@ async function sendSlowly(response, path, from, to, rate) {
   const stream = createReadStream(path, {
     start: from,
     end: to - 1,
-    highWaterMark: Math.max(512, rate / 20),
+    highWaterMark: Math.max(512, Math.floor(rate / 20)),
   });
   for await (const chunk of stream) {
     await sleep((1000 * chunk.length) / rate);

@@ -41,6 +41,7 @@ export async function showArriving(stream, size, signal) {
   $('picture').width = $('picture').height = 1;
 
   const look = async () => {
+    const fed = arrived;
     const piece = new Uint8Array(waitingBytes);
     let at = 0;
     for (const chunk of waiting) {
@@ -56,6 +57,7 @@ export async function showArriving(stream, size, signal) {
     drawUpright($('picture'), image);
     $('picture').setAttribute('aria-label', `Picture of ${image.width} by ${image.height} pixels`);
     $('arriving').dataset.looks = ++looks;
+    if (looks === 1) $('arriving').dataset.first = fed;
   };
   const tell = (text) => {
     $('arrived').value = size ? arrived / size : 0;
@@ -63,7 +65,7 @@ export async function showArriving(stream, size, signal) {
       `${formatBytes(arrived)}${size ? ` of ${formatBytes(size)}` : ''} in ${formatTime(performance.now() - began)}${text}`;
   };
 
-  delete $('arriving').dataset.done;
+  for (const name of ['done', 'looks', 'first']) delete $('arriving').dataset[name];
   try {
     const reader = stream.getReader();
     for (let next = await reader.read(); !next.done; next = await reader.read()) {

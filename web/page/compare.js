@@ -41,7 +41,8 @@ export class Comparison {
     for (const id of ['original', 'coded', 'difference']) Object.assign($(id), {width, height});
     context('original').drawImage(bitmap, 0, 0);
     bitmap.close();
-    this.#original = context('original').getImageData(0, 0, width, height);
+    const pixels = context('original').getImageData(0, 0, width, height);
+    this.#original = null; // nothing is coded before the worker has it
     this.#coded = null;
     this.#name = name.replace(/\.\w+$/, '') || 'picture';
     this.#fileBytes = fileBytes;
@@ -49,8 +50,8 @@ export class Comparison {
     this.#fit();
     this.#split();
     await this.#ready;
-    const {data} = this.#original;
-    this.#worker.postMessage({take: {width, height, data}});
+    this.#worker.postMessage({take: {width, height, data: pixels.data}});
+    this.#original = pixels;
     this.#changed();
   }
 

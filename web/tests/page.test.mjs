@@ -3,7 +3,7 @@
 // Arguments: the page's folder, the command, a folder with playwright-core, [--large].
 
 import assert from 'node:assert/strict';
-import {spawn, execFileSync} from 'node:child_process';
+import {execFileSync, spawn, spawnSync} from 'node:child_process';
 import {once} from 'node:events';
 import {copyFileSync, existsSync, mkdirSync, statSync} from 'node:fs';
 import {createRequire} from 'node:module';
@@ -89,7 +89,7 @@ async function photosAreCodedAndCompared(page, url) {
   assert.equal(download.suggestedFilename(), 'coffee.kel');
   // The page's figures are those of the command for the file that it gives.
   execFileSync(command, ['decode', '--quiet', saved, join(work, 'saved.png')]);
-  const said = execFileSync(command, ['compare', photo, join(work, 'saved.png')], {
+  const {stdout: said} = spawnSync(command, ['compare', photo, join(work, 'saved.png')], {
     encoding: 'utf8',
   });
   assert.ok(Math.abs(Number(/^all\s+([\d.]+)/m.exec(said)[1]) - sizes[2].psnr) < 0.011, said);
@@ -104,13 +104,14 @@ async function picturesRefineAsTheyArrive(page, url) {
   execFileSync(command, ['encode', '--quiet', '-q', '80', photo, join(files, 'photo.kel')]);
   const size = statSync(join(files, 'photo.kel')).size;
   await page.goto(
-    `${url}?open=${encodeURIComponent(`files/photo.kel?rate=${Math.round(size / 3)}`)}`,
+    `${url}?open=${encodeURIComponent(`files/photo.kel?rate=${Math.round(size / 5)}`)}`,
   );
-  await page.waitForSelector('#arriving[data-looks="2"]');
-  assert.equal(await data(page, 'arriving', 'done'), null, 'shown before everything is there');
+  await page.waitForFunction(() => Number(document.getElementById('arriving').dataset.looks) >= 2);
   await shot(page, 'arriving-early');
   await page.waitForSelector('#arriving[data-done="complete"]');
   assert.ok(Number(await data(page, 'arriving', 'looks')) >= 4);
+  const first = Number(await data(page, 'arriving', 'first'));
+  assert.ok(first < size / 4, `first shown after ${first} of ${size} bytes`);
   await shot(page, 'arriving-done');
   const centre = await page.evaluate(() => [
     ...document.getElementById('picture').getContext('2d').getImageData(300, 200, 1, 1).data,
