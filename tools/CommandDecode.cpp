@@ -11,6 +11,7 @@
 
 #include "Commands.hpp"
 #include "Console.hpp"
+#include "DecodedRows.hpp"
 #include "Files.hpp"
 #include "ImageFile.hpp"
 #include "Metadata.hpp"
@@ -47,18 +48,23 @@ std::string FormatName(const DecodeOptions& options, const std::string& output) 
   return name;
 }
 
-/// Whether rows can go from the decoder into the file as they are.
+/// Bare planes are written side by side up to so many.
+constexpr std::size_t kMostRawByRows = 64;
+
+/// Whether rows can go from the decoder into files one after another.
 bool GoesByRows(const DecodeOptions& options, const std::string& format,
                 const host::Image& description) {
-  if (options.rotate != 0 || options.bits != 0 || !options.rawPrefix.empty()) return false;
+  if (options.rotate != 0) return false;
   host::Image changed;
   host::CopyDescription(description, changed);
   ChangeMetadata(options.metadata, changed);
+  if (IsToBeTurned(options.metadata, changed) || !host::HasPlainRows(description)) return false;
+  if (options.bits != 0 && (description.palette || host::KeptMaxValue(changed) != 0)) return false;
+  if (!options.rawPrefix.empty() && description.planes.size() > kMostRawByRows) return false;
+  if (format.empty()) return true;
   const bool isPnm = FormatOfName(format) == ImageFormat::kPnm;
-  if (IsToBeTurned(options.metadata, changed)) return false;
   if (host::KeptMaxValue(changed) != 0 && !isPnm) return false;
-  return host::HasPlainRows(description) &&
-         (host::IsOrdinary(description) || KeepsPalette(format, description));
+  return host::IsOrdinary(description) || KeepsPalette(format, description);
 }
 
 /// WIDTHxHEIGHT+X+Y.
@@ -113,6 +119,20 @@ void WriteWhole(const DecodeOptions& options, const Task& task, const std::strin
   WriteImage(image, format, output);
 }
 
+host::DecodeReport WriteRows(const DecodeOptions& options, const Task& task,
+                             const std::string& format, host::RowDecoder& decoder) {
+  std::optional<RawPlanes> raw;
+  if (!options.rawPrefix.empty()) raw.emplace(options.rawPrefix);
+  std::optional<OutputFile> output;
+  std::unique_ptr<host::RowSink> file;
+  if (!task.output.empty()) {
+    output.emplace(task.output, task.onExisting);
+    file = MakeChangedFile(format, *output, options.metadata, task);
+  }
+  DecodedRows rows(options.bits, raw ? &*raw : nullptr, file.get());
+  return decoder.Decode(rows);
+}
+
 int DecodeTask(const DecodeOptions& options, const Task& task) {
   const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
   host::DecodeReport report;
@@ -131,8 +151,7 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
   host::RowDecoder decoder(*input, params);
   const host::Image description = decoder.Description();
   if (GoesByRows(options, format, description)) {
-    OutputFile output(task.output, task.onExisting);
-    report = decoder.Decode(*MakeChangedFile(format, output, options.metadata, task));
+    report = WriteRows(options, task, format, decoder);
   } else {
     WriteWhole(options, task, format, decoder.DecodeImage(&report));
   }
@@ -226,8 +245,9 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
       "A dash stands for standard input and output. A picture of several tiles is written as it "
       "is\n"
-      "decoded; held whole are pictures with --reduce, --rotate, --bits or --raw-planes, with a\n"
-      "palette to be looked up or channels of different sizes, and TIFF written to a pipe.\n"
+      "decoded, also with --bits and --raw-planes; held whole are pictures with --reduce or\n"
+      "--rotate, with a palette to be looked up or channels of different sizes, and TIFF written\n"
+      "to a pipe.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
       "is there has been written), 4 output not written, 5 memory or pixel limit,\n"
       "6 time limit\n");

@@ -2,10 +2,7 @@
 #include "RawPlanes.hpp"
 
 #include <filesystem>
-#include <memory>
 #include <nlohmann/json.hpp>
-
-#include "OutputFile.hpp"
 
 namespace kel::tool {
 namespace {
@@ -22,36 +19,62 @@ void WriteRow(const host::Plane& plane, std::uint32_t y, host::Bytes& row) {
   });
 }
 
+void AppendPlane(const host::Plane& plane, OutputFile& file) {
+  host::Bytes row;
+  for (std::uint32_t y = 0; y < plane.Height(); ++y) {
+    WriteRow(plane, y, row);
+    file.Write(row);
+  }
+}
+
 }  // namespace
 
-void WriteRawPlanes(const host::Image& image, const std::string& prefix) {
-  std::vector<std::unique_ptr<OutputFile>> files;
-  nlohmann::ordered_json description;
-  description["width"] = image.width;
-  description["height"] = image.height;
-  description["components"] = nlohmann::ordered_json::array();
-  for (std::size_t c = 0; c < image.planes.size(); ++c) {
-    const host::Plane& plane = image.planes[c];
-    const std::string name = prefix + ".c" + std::to_string(c) + ".raw";
-    OutputFile& file = *files.emplace_back(std::make_unique<OutputFile>(name));
-    host::Bytes row;
-    for (std::uint32_t y = 0; y < plane.Height(); ++y) {
-      WriteRow(plane, y, row);
-      file.Write(row);
-    }
-    file.Close();
-    description["components"].push_back({{"file", std::filesystem::path(name).filename().string()},
-                                         {"width", plane.Width()},
-                                         {"height", plane.Height()},
-                                         {"depth", plane.Depth()},
-                                         {"signed", false},
-                                         {"bytes_per_sample", plane.BytesPerSample()},
-                                         {"subsampling", {plane.xStep, plane.yStep}}});
+std::string RawPlanes::NameOf(std::size_t plane) const {
+  return prefix_ + ".c" + std::to_string(plane) + ".raw";
+}
+
+void RawPlanes::Begin(const host::Image& description) {
+  host::CopyDescription(description, description_);
+  for (std::size_t c = 0; c < description.planes.size(); ++c) {
+    files_.push_back(std::make_unique<OutputFile>(NameOf(c)));
   }
-  OutputFile& json = *files.emplace_back(std::make_unique<OutputFile>(prefix + ".json"));
+}
+
+void RawPlanes::Append(const host::Image& rows) {
+  for (std::size_t c = 0; c < rows.planes.size(); ++c) AppendPlane(rows.planes[c], *files_[c]);
+}
+
+void RawPlanes::Finish() {
+  nlohmann::ordered_json description;
+  description["width"] = description_.width;
+  description["height"] = description_.height;
+  description["components"] = nlohmann::ordered_json::array();
+  for (std::size_t c = 0; c < description_.planes.size(); ++c) {
+    const host::Plane& plane = description_.planes[c];
+    description["components"].push_back(
+        {{"file", std::filesystem::path(NameOf(c)).filename().string()},
+         {"width", plane.Width()},
+         {"height", plane.Height()},
+         {"depth", plane.Depth()},
+         {"signed", false},
+         {"bytes_per_sample", plane.BytesPerSample()},
+         {"subsampling", {plane.xStep, plane.yStep}}});
+  }
+  OutputFile& json = *files_.emplace_back(std::make_unique<OutputFile>(prefix_ + ".json"));
   const std::string text = description.dump(2) + "\n";
   json.Write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-  for (const auto& file : files) file->Finish();
+  for (const auto& file : files_) file->Finish();
+}
+
+void WriteRawPlanes(const host::Image& image, const std::string& prefix) {
+  RawPlanes planes(prefix);
+  host::CopyDescription(image, planes.description_);
+  for (std::size_t c = 0; c < image.planes.size(); ++c) {
+    OutputFile& file = *planes.files_.emplace_back(std::make_unique<OutputFile>(planes.NameOf(c)));
+    AppendPlane(image.planes[c], file);
+    file.Close();  // not many at a time
+  }
+  planes.Finish();
 }
 
 }  // namespace kel::tool

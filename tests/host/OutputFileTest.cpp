@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "DecodedRows.hpp"
 #include "Files.hpp"
 #include "RawPlanes.hpp"
 #include "TestImages.hpp"
@@ -122,6 +123,31 @@ TEST(RawPlanes, AreBareLittleEndianSamples) {
   std::filesystem::create_directory(folder.Path("q.json"));  // the last file cannot be written
   EXPECT_EQ(ErrorOf([&] { WriteRawPlanes(image, folder.Path("q")); }).Kind(), Failure::kOutput);
   EXPECT_EQ(folder.NumFiles(), 5U);
+}
+
+// Rows that go on as they come: pieces lost or out of place, in the depth of the others.
+TEST(DecodedRows, AreThoseOfTheWholeImage) {
+  const Folder folder;
+  Image image = test::NoiseImage(7, 9, 3, 8);
+  for (const unsigned bits : {0U, 12U}) {
+    ImageRowSource source(image);
+    RawPlanes raw(folder.Path("rows"));
+    ImageRowSink file;
+    DecodedRows rows(bits, &raw, &file);
+    rows.Begin(image);
+    Bytes piece(4 * RowBytes(image));
+    for (const std::uint32_t count : {4U, 1U, 4U}) {
+      source.Read(count, piece.data(), RowBytes(image));
+      rows.Write(count, piece.data(), RowBytes(image));
+    }
+    rows.Finish();
+    if (bits != 0) ChangeDepth(image, bits);
+    test::ExpectSamePlanes(image, file.image);
+    WriteRawPlanes(image, folder.Path("whole"));
+    for (const char* part : {".c0.raw", ".c2.raw"}) {
+      EXPECT_EQ(folder.Get(std::string("rows") + part), folder.Get(std::string("whole") + part));
+    }
+  }
 }
 
 FileOptions Options(std::vector<std::string> files, std::string folder = {}) {
