@@ -1,5 +1,6 @@
 # Debian packages by cpack: the library (libkel1), what is needed to build with it (libkel-dev),
-# the command (kel), and what shows pictures on the desktop (kel-gdk-pixbuf).
+# the command (kel), what shows pictures on the desktop (kel-gdk-pixbuf), and the Python package
+# (python3-kel).
 #
 #   cmake --preset package && cmake --build --preset package && cpack --preset package
 set(CPACK_PACKAGE_NAME kel)
@@ -15,6 +16,9 @@ if(KEL_BUILD_TOOLS)
 endif()
 if(TARGET kel_pixbuf_loader)
   list(APPEND CPACK_COMPONENTS_ALL desktop)
+endif()
+if(KEL_BUILD_PYTHON)
+  list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -47,5 +51,16 @@ set(CPACK_DEBIAN_DESKTOP_PACKAGE_NAME kel-gdk-pixbuf)
 set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS "${exact_library}, shared-mime-info")
 set(CPACK_DEBIAN_DESKTOP_DESCRIPTION "Kel pictures in programs that show images by gdk-pixbuf
 The loader, a thumbnailer for file managers, and the MIME type image/x-kel.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kel)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+math(EXPR next_python "${Python_VERSION_MINOR} + 1")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${exact_library}, python3-numpy,\
+ python3 (>= 3.${Python_VERSION_MINOR}~), python3 (<< 3.${next_python})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS
+    "python3-pil, python3-zarr, python3-dask, python3-distributed")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "wavelet-coded pictures as arrays (Python 3)
+Arrays of numpy to Kel files and back, pictures of any size of which parts are read, a plugin for
+Pillow, a codec for Zarr, and fleets of pictures over Dask.")
 
 include(CPack)

@@ -11,7 +11,7 @@ cd "$work"
 
 DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install \
   "$packages"/libkel1_*.deb "$packages"/libkel-dev_*.deb "$packages"/kel_*.deb \
-  "$packages"/kel-gdk-pixbuf_*.deb >/dev/null
+  "$packages"/kel-gdk-pixbuf_*.deb "$packages"/python3-kel_*.deb >/dev/null
 kel encode --lossless "$photo" photo.kel
 kel decode photo.kel photo.png
 kel compare "$photo" photo.png | grep -q 'The images are identical'
@@ -33,7 +33,13 @@ CPP
 g++ -std=c++20 main.cpp -o outside -lkel_host $(pkg-config --cflags --libs kel) -pthread
 ./outside
 
-apt-get -qq -y remove kel kel-gdk-pixbuf libkel-dev libkel1 >/dev/null
+/usr/bin/python3 - <<'PYTHON'
+import importlib.metadata, kel
+assert kel.decode("photo.kel").shape == (400, 600, 3)
+assert importlib.metadata.version("kel") == kel.__version__
+PYTHON
+
+apt-get -qq -y remove python3-kel kel kel-gdk-pixbuf libkel-dev libkel1 >/dev/null
 if [ -e /usr/bin/kel ]; then
   echo "the command is still there" >&2
   exit 1

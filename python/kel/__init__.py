@@ -20,7 +20,7 @@ import numpy
 
 from . import _kel
 from ._kel import (Error, IncompleteError, InputError, MemoryLimitError, OutputError,
-                   ParameterError, memory_limit)
+                   ParameterError)
 from ._options import ENCODE as _ENCODE
 from ._options import VERSION as __version__
 
@@ -56,6 +56,11 @@ def set_memory_limit(limit):
     half of the machine's memory. What exceeds it raises MemoryLimitError.
     """
     _kel.set_memory_limit(_bytes_number(limit) if limit else 0)
+
+
+def memory_limit():
+    """The limit of set_memory_limit in bytes; 0 for none."""
+    return _kel.memory_limit()
 
 
 def _bytes_number(value):

@@ -191,3 +191,19 @@ def test_threads_work_side_by_side(photo):
     done.set()
     ticker.join()
     assert len(ticks) > 5
+
+
+def test_stubs_tell_what_is_there():
+    import ast
+    import pathlib
+    stubs = ast.parse(pathlib.Path(kel.__file__).with_name("__init__.pyi").read_text())
+    told = {node.name: node for node in stubs.body
+            if isinstance(node, (ast.FunctionDef, ast.ClassDef))}
+    assert set(kel.__all__) == {name for name in told if not name.startswith("_")}
+    for name, node in told.items():
+        if isinstance(node, ast.FunctionDef):
+            arguments = [a.arg for a in node.args.args + node.args.kwonlyargs]
+            assert arguments == list(inspect.signature(getattr(kel, name)).parameters), name
+    picture = {getattr(n, "name", None) or n.target.id for n in told["Picture"].body}
+    public = {n for n in dir(kel.open(kel.encode(numpy.zeros((1, 1), "u1")))) if n[0] != "_"}
+    assert public == {n for n in picture if n[0] != "_"}
