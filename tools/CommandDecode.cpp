@@ -26,7 +26,7 @@ struct DecodeOptions {
   FileOptions files;
   MetadataOptions metadata;
   unsigned reduce = 0;
-  std::string region;
+  std::string region, fit;
   std::optional<std::uint32_t> tile;
   int rotate = 0;
   unsigned bits = 0;
@@ -79,26 +79,39 @@ host::Region ParseRegion(const std::string& text) {
   return region;
 }
 
-/// A part of the picture: of a file only the bytes that it needs are read.
-host::Image DecodeRegion(const DecodeOptions& options, const Task& task,
-                         host::DecodeReport& report) {
+bool IsPartial(const DecodeOptions& options) {
+  return options.reduce != 0 || !options.fit.empty() || options.tile || !options.region.empty();
+}
+
+/// The size to fit, before the image is turned.
+void SetFit(const DecodeOptions& options, host::DecodeParams& params) {
+  char behind = 0;
+  const int fields =
+      std::sscanf(options.fit.c_str(), "%ux%u%c", &params.fitWidth, &params.fitHeight, &behind);
+  if (fields != 2 || options.fit.find('-') != std::string::npos || params.fitWidth == 0 ||
+      params.fitHeight == 0) {
+    throw UsageError("--fit takes WIDTHxHEIGHT, such as 1920x1080, not " + options.fit);
+  }
+  if (options.rotate % 180 != 0) std::swap(params.fitWidth, params.fitHeight);
+}
+
+/// A part of the picture or of its resolutions: of a file only the bytes that it needs are read.
+host::Image DecodePart(const DecodeOptions& options, const Task& task, host::DecodeParams& params,
+                       host::DecodeReport& report) {
   const bool isStream = task.input == kStandardStream;
   const host::Bytes bytes = isStream ? ReadInput(task.input) : host::Bytes();
-  std::unique_ptr<host::RangeSource> source;
-  if (isStream) {
-    source = std::make_unique<host::MemoryRanges>(bytes);
-  } else {
-    source = std::make_unique<host::FileRanges>(task.input);
+  if (!options.fit.empty()) SetFit(options, params);
+  if (!options.region.empty()) params.region = ParseRegion(options.region);
+  if (options.tile) {
+    host::MemoryRanges memory(bytes);
+    std::optional<host::FileRanges> file;
+    if (!isStream) file.emplace(task.input);
+    host::Picture picture(file ? static_cast<host::RangeSource&>(*file) : memory);
+    params.region = picture.TileRegion(*options.tile);
   }
-  host::Picture picture(*source, {.exact = options.exact});
-  const host::Region region =
-      options.tile ? picture.TileRegion(*options.tile) : ParseRegion(options.region);
-  host::Image image = picture.Decode(region, options.reduce, task.threads, &report);
-  if (options.strict && !report.complete) {
-    throw host::Error(host::Failure::kIncomplete,
-                      "incomplete: the region has tiles that are not whole");
-  }
-  return image;
+  host::MemorySource memory(bytes);
+  if (isStream) return host::Decode(memory, params, &report);
+  return host::Decode(*OpenInput(task.input), params, &report);
 }
 
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
@@ -136,18 +149,25 @@ host::DecodeReport WriteRows(const DecodeOptions& options, const Task& task,
 int DecodeTask(const DecodeOptions& options, const Task& task) {
   const std::string format = task.output.empty() ? std::string() : FormatName(options, task.output);
   host::DecodeReport report;
-  if (options.tile || !options.region.empty()) {
-    WriteWhole(options, task, format, DecodeRegion(options, task, report));
-    return WarnOfMissing(task.input, report);
-  }
   host::DecodeParams params;
   params.reduce = options.reduce;
   params.exact = options.exact;
   params.acceptIncomplete = !options.strict;
   params.threads = task.threads;
   params.progress = task.progress;
-  const auto input = OpenInput(task.input);
   const auto start = std::chrono::steady_clock::now();
+  const auto tell = [&](const host::Image& image) {
+    if (!task.verbose) return;
+    PrintMessage(NameOf(task.input) + ": " + std::to_string(image.width) + " x " +
+                 std::to_string(image.height) + ", " + Speed(image, start));
+  };
+  if (IsPartial(options)) {
+    host::Image image = DecodePart(options, task, params, report);
+    tell(image);
+    WriteWhole(options, task, format, std::move(image));
+    return WarnOfMissing(task.input, report);
+  }
+  const auto input = OpenInput(task.input);
   host::RowDecoder decoder(*input, params);
   const host::Image description = decoder.Description();
   if (GoesByRows(options, format, description)) {
@@ -155,10 +175,7 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
   } else {
     WriteWhole(options, task, format, decoder.DecodeImage(&report));
   }
-  if (task.verbose) {
-    PrintMessage(NameOf(task.input) + ": " + std::to_string(description.width) + " x " +
-                 std::to_string(description.height) + ", " + Speed(description, start));
-  }
+  tell(description);
   return WarnOfMissing(task.input, report);
 }
 
@@ -189,16 +206,22 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
   auto options = std::make_shared<DecodeOptions>();
   CLI::App& command = *app.add_subcommand("decode", "turn Kel files into image files");
   AddFileOptions(command, options->files);
-  command.add_option("--reduce", options->reduce, "halve width and height N times")
-      ->type_name("N")
-      ->check(CLI::Range(0, 31));
-  CLI::Option* region =
+  CLI::Option* reduce =
       command
-          .add_option(
-              "--region", options->region,
-              "decode a rectangle only, given in samples of full size\n"
-              "With --reduce it is halved; then that resolution of the coding itself is decoded.")
-          ->type_name("WxH+X+Y");
+          .add_option("--reduce", options->reduce,
+                      "halve width and height N times\n"
+                      "It is the coding's own resolution, and of the file only its bytes are read; "
+                      "below the lowest one samples are averaged.")
+          ->type_name("N")
+          ->check(CLI::Range(0, 31));
+  command.add_option("--fit", options->fit, "halve as often as it takes to be no larger than this")
+      ->type_name("WxH")
+      ->excludes(reduce);
+  CLI::Option* region = command
+                            .add_option("--region", options->region,
+                                        "decode a rectangle only, given in samples of full size\n"
+                                        "With --reduce it is halved.")
+                            ->type_name("WxH+X+Y");
   command.add_option("--tile", options->tile, "decode one tile only, counted in rows from 0")
       ->type_name("N")
       ->excludes(region);
@@ -240,13 +263,15 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "Examples:\n"
       "  kel decode photo.kel photo.png\n"
       "  kel decode --reduce 2 photo.kel small.jpg       a quarter of width and height\n"
+      "  kel decode --fit 1920x1080 map.kel screen.png   no larger than a screen\n"
       "  kel decode --region 640x480+1000+0 map.kel part.png\n"
       "  kel decode --raw-planes out/photo photo.kel     bare samples for other programs\n"
       "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
       "A dash stands for standard input and output. A picture of several tiles is written as it "
       "is\n"
-      "decoded, also with --bits and --raw-planes; held whole are pictures with --reduce or\n"
-      "--rotate, with a palette to be looked up or channels of different sizes, and TIFF written\n"
+      "decoded, also with --bits and --raw-planes; held whole are pictures with --reduce,\n"
+      "--fit or --rotate, with a palette to be looked up or channels of different sizes, and TIFF "
+      "written\n"
       "to a pipe.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
       "is there has been written), 4 output not written, 5 memory or pixel limit,\n"

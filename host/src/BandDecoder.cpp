@@ -160,8 +160,8 @@ void BandDecoder::DecodeTiles(Band& band, const TileRun& run,
   const auto decode = [&]() -> std::optional<PartResult> {
     if (parts.empty()) return std::nullopt;
     BuildRun(feed_.HeaderBytes(), feed_.Facts(), run, parts, data);
-    return DecodeInto({band.areas, 0, feed_.Header().Components(), params_.exact}, data, &grid_,
-                      &run, band.planes);
+    return DecodeInto({band.areas, feed_.Header().Components(), params_.exact}, data, &grid_, &run,
+                      band.planes);
   };
   const auto attempt = [&]() -> std::optional<PartResult> {
     try {

@@ -2,14 +2,22 @@
 #include "DecodePart.hpp"
 
 namespace kel::host {
+void NarrowDecoder(KelImage& object, unsigned halvings, const CanvasBox& box) {
+  Check(object.SetDecodeReduction(static_cast<KelLong>(halvings)), object, Failure::kParameter);
+  const auto edge = [](std::int64_t position) { return static_cast<KelLong>(position); };
+  Check(object.SetDecodeRegion(edge(box.x0), edge(box.x1), edge(box.y0), edge(box.y1)), object,
+        Failure::kParameter);
+}
 
 std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
                                      const KelImageGeometry* whole, const TileRun* run,
                                      std::vector<Plane>& planes) {
-  Decoder decoder(bytes, target.halvings == 0 ? KelAspectFull : KelAspectHalf);
+  Decoder decoder(bytes);
   KelImage& object = decoder.Object();
   if (run != nullptr && !IsRunOf(*whole, *run, *object.GetGeometryParams())) return std::nullopt;
-  const auto part = ComponentAreas(*object.GetGeometryParams(), target.halvings);
+  if (target.box != nullptr) NarrowDecoder(object, target.halvings, *target.box);
+  const auto part =
+      target.box == nullptr ? ComponentAreas(*object.GetGeometryParams(), 0) : target.areas;
   FrameTarget frame(target.areas, part, target.components, decoder.Found().ComponentTransform);
   decoder.SetExact(target.exact);
   const KelLong code = decoder.DecodeFrame(bytes, frame.Raw(), frame.Frame(planes));

@@ -10,13 +10,22 @@
 
 namespace kel::host {
 
+/// A rectangle of the canvas: x0 and y0 inclusive, x1 and y1 exclusive.
+struct CanvasBox {
+  std::int64_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;
+};
 /// The planes that a part goes into.
 struct PartTarget {
   const std::vector<ComponentArea>& areas;  ///< of the planes
-  unsigned halvings = 0;                    ///< by the decoder: 0 or 1
   std::span<const KelIndexComponent> components;
   bool exact = false;  ///< as in DecodeParams
+  /// What of the part is decoded, and how many resolutions are left out; null: all of it.
+  const CanvasBox* box = nullptr;
+  unsigned halvings = 0;
 };
+
+/// What an image object is to decode.
+void NarrowDecoder(KelImage& object, unsigned halvings, const CanvasBox& box);
 
 struct PartResult {
   std::size_t numTilesWithSamples = 0, numCompleteTiles = 0;

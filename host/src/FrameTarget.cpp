@@ -39,13 +39,23 @@ std::int64_t CeilDiv(std::int64_t a, std::int64_t b) {
   return (a + b - 1) / b;
 }
 
-void ShiftDown(Plane& plane, const Region& region) {
+/// Words that the library leaves shifted up, as a Plane has them; from may be the plane itself.
+void ShiftDown(const Plane& from, const Region& region, Plane& plane) {
   const unsigned shift = 16 - plane.Depth();
   for (std::uint32_t y = 0; y < region.height; ++y) {
+    const auto* source = from.Row<std::uint16_t>(region.y + y) + region.x;
     auto* row = plane.Row<std::uint16_t>(region.y + y) + region.x;
     for (std::uint32_t x = 0; x < region.width; ++x) {
-      row[x] = static_cast<std::uint16_t>(row[x] >> shift);
+      row[x] = static_cast<std::uint16_t>(source[x] >> shift);
     }
+  }
+}
+
+void CopyRegion(const Plane& from, const Region& region, Plane& to) {
+  const std::size_t bytes = from.BytesPerSample();
+  for (std::uint32_t y = region.y; y < region.y + region.height; ++y) {
+    std::copy_n(from.Row<std::uint8_t>(y) + region.x * bytes, region.width * bytes,
+                to.Row<std::uint8_t>(y) + region.x * bytes);
   }
 }
 
@@ -56,7 +66,8 @@ std::uint32_t FromRaw(Cell cell, std::uint32_t most) {
   return static_cast<std::uint32_t>(std::clamp(value, 0.0, static_cast<double>(most)));
 }
 
-/// Copies one component of a tile out of the library's plane, whose rows can be padded.
+/// Copies what lies inside the plane of one component of a tile out of the library's plane, whose
+/// rows can be padded.
 void CopyRawTile(const KelTileComponent& component, const ComponentArea& whole, unsigned halvings,
                  Plane& plane) {
   const KelImageData* data = component.GetOutputImage();
@@ -64,9 +75,10 @@ void CopyRawTile(const KelTileComponent& component, const ComponentArea& whole, 
   const KelTileGeometry& place = *component.GetTileGeometryParams();
   const std::int64_t x0 = HalvedEdge(place.X0, halvings), x1 = HalvedEdge(place.X1, halvings);
   const std::int64_t y0 = HalvedEdge(place.Y0, halvings), y1 = HalvedEdge(place.Y1, halvings);
-  const bool isInside = x0 >= whole.x0 && x1 <= whole.x1 && y0 >= whole.y0 && y1 <= whole.y1 &&
-                        x1 - x0 <= data->GetWidth() && y1 - y0 <= data->GetHeight();
-  if (!isInside || x1 <= x0 || y1 <= y0) return;
+  const bool isInside = x1 - x0 <= data->GetWidth() && y1 - y0 <= data->GetHeight();
+  const std::int64_t left = std::max(x0, whole.x0), right = std::min(x1, whole.x1);
+  const std::int64_t top = std::max(y0, whole.y0), bottom = std::min(y1, whole.y1);
+  if (!isInside || right <= left || bottom <= top) return;
   KelMemFuncs& memory = *KelGetMemObj();
   const auto* cells = static_cast<const std::uint8_t*>(memory.LockBuf(data->GetImageBuffer()));
   if (cells == nullptr) throw Error(Failure::kMemory, std::string(CodeSentence(KelErrNoMemory)));
@@ -74,8 +86,9 @@ void CopyRawTile(const KelTileComponent& component, const ComponentArea& whole, 
     using Cell = decltype(cell);
     const auto* from = reinterpret_cast<const Cell*>(cells);
     const std::uint32_t most = plane.MaxValue();
-    for (std::int64_t y = y0; y < y1; ++y, from += data->GetWidth()) {
-      for (std::int64_t x = x0; x < x1; ++x) {
+    from += (top - y0) * data->GetWidth();
+    for (std::int64_t y = top; y < bottom; ++y, from += data->GetWidth()) {
+      for (std::int64_t x = left; x < right; ++x) {
         plane.Set(static_cast<std::uint32_t>(x - whole.x0),
                   static_cast<std::uint32_t>(y - whole.y0), FromRaw(from[x - x0], most));
       }
@@ -181,13 +194,36 @@ void FrameTarget::FinishPlanes(const KelImage& object, unsigned halvings,
   for (std::size_t c = 0; c < planes.size(); ++c) {
     const unsigned depth = part_[c].depth;
     if (!raw_) {
-      if (depth > 8 && depth < 16) ShiftDown(planes[c], RegionOf(whole_[c], part_[c]));
+      if (depth > 8 && depth < 16) {
+        ShiftDown(planes[c], RegionOf(whole_[c], part_[c]), planes[c]);
+      }
       continue;
     }
     const auto numTiles = static_cast<std::size_t>(object.GetNumTiles());
     for (std::size_t tile = 0; tile < numTiles; ++tile) {
       if (object.TileIsUntouched(static_cast<KelLong>(tile))) continue;
       CopyRawTile(TileComponent(object, tile, c), whole_[c], halvings, planes[c]);
+    }
+  }
+}
+
+bool FrameTarget::NeedsFinish() const {
+  return raw_ || std::ranges::any_of(part_, [](const ComponentArea& area) {
+           return area.depth > 8 && area.depth < 16;
+         });
+}
+
+void FrameTarget::FinishTile(const KelImage& object, std::size_t tile, unsigned halvings,
+                             const std::vector<ComponentArea>& part, const std::vector<Plane>& from,
+                             std::vector<Plane>& to) const {
+  for (std::size_t c = 0; c < to.size(); ++c) {
+    const unsigned depth = part[c].depth;
+    if (raw_) {
+      CopyRawTile(TileComponent(object, tile, c), whole_[c], halvings, to[c]);
+    } else if (depth > 8 && depth < 16) {
+      ShiftDown(from[c], RegionOf(whole_[c], part[c]), to[c]);
+    } else {
+      CopyRegion(from[c], RegionOf(whole_[c], part[c]), to[c]);
     }
   }
 }

@@ -48,6 +48,14 @@ class FrameTarget {
   /// Call once after the last frame.
   void FinishPlanes(const KelImage& object, unsigned halvings, std::vector<Plane>& planes) const;
 
+  /// Whether the planes are not as a Plane promises before they are finished.
+  bool NeedsFinish() const;
+  /// The same for one tile, from the planes of the frames into others: so these can be looked at
+  /// between frames. part: the areas of the tile within the planes.
+  void FinishTile(const KelImage& object, std::size_t tile, unsigned halvings,
+                  const std::vector<ComponentArea>& part, const std::vector<Plane>& from,
+                  std::vector<Plane>& to) const;
+
  private:
   const std::vector<ComponentArea>& whole_;
   const std::vector<ComponentArea>& part_;

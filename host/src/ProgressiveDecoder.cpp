@@ -1,118 +1,219 @@
 // Decoding while data arrive: one image object over the growing bytes.
+//
+// To show what has come of a tile takes as long as to show all of it. So not every piece is decoded
+// when it comes: about one look is taken for every tile, and within the first one whenever its data
+// have doubled.
 #include <algorithm>
 
 #include "Describe.hpp"
-#include "FrameTarget.hpp"
-#include "kel/host/decode.hpp"
+#include "RegionDecode.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
 namespace {
 
-/// What there is from the header on.
-struct Opened {
-  explicit Opened(ByteView bytes, const Index& index);
-  void DecodeMore(ByteView bytes, ProgressiveDecoder::Update& update);
+/// Fewer new bytes are not worth a look.
+constexpr std::size_t kLeastStep = 4096;
+/// The header is looked for again when the bytes have grown by this part.
+constexpr std::size_t kHeaderGrowth = 8;
+constexpr std::uint8_t kEoc = 0xD9;
 
-  Decoder decoder;
-  Image description;  ///< everything but the planes
-  std::vector<ComponentArea> areas;
-  FrameTarget target;
-  MemoryReservation room;
-  std::vector<Plane> planes;  ///< as the library leaves them
-  std::vector<bool> complete;
-  bool hasPackets = false;  ///< before, decoding would only fill planes with nothing
+using Update = ProgressiveDecoder::Update;
+
+/// The smallest rectangle that holds two, of which either may be empty.
+Region Union(const Region& a, const Region& b) {
+  if (a.width == 0 || a.height == 0) return b;
+  if (b.width == 0 || b.height == 0) return a;
+  const std::uint32_t x = std::min(a.x, b.x), y = std::min(a.y, b.y);
+  return {x, y, std::max(a.x + a.width, b.x + b.width) - x,
+          std::max(a.y + a.height, b.y + b.height) - y};
+}
+
+/// What there is from the header on.
+class Opened {
+ public:
+  Opened(ByteView bytes, const Index& index, const ProgressiveParams& params);
+  void DecodeMore(ByteView bytes, Update& update);
+  const Image& Picture() const { return image_; }
+  std::uint8_t MarkerByte() const { return markerByte_; }
+  std::size_t NumComplete() const { return numTiles_ - open_.size(); }
+
+ private:
+  CanvasBox PlaceOf(std::uint32_t tile) const;
+  void Show(std::uint32_t tile, Update& update);
+
+  Decoder decoder_;
+  const std::uint8_t markerByte_;
+  const unsigned reduce_;
+  Image image_;
+  const CanvasBox box_;
+  const std::vector<ComponentArea> areas_;
+  FrameTarget target_;
+  MemoryReservation room_;
+  std::vector<Plane> below_;  ///< as the library leaves them, where that is not what is shown
+  std::vector<std::uint32_t> open_;  ///< the tiles wanted that are not complete
+  std::size_t numTiles_ = 0;
+  bool hasPackets_ = false;  ///< before, decoding would only fill planes with nothing
 };
 
-Opened::Opened(ByteView bytes, const Index& index)
-    : decoder(bytes),
-      description(DescribeImage(decoder, index.Facts())),
-      areas(ComponentAreas(*decoder.Object().GetGeometryParams(), 0)),
-      target(areas, areas, index.Components(), decoder.Found().ComponentTransform),
-      room(PlaneBytes(areas), "the decoded image"),
-      planes(MakePlanes(areas)),
-      complete(static_cast<std::size_t>(decoder.Object().GetNumTiles())) {
-  decoder.SetExact(false);
-  const auto roles = ComponentRoles(decoder.Object());
-  for (std::size_t c = 0; c < planes.size(); ++c) {
-    planes[c].role = roles[c].role;
-    planes[c].colour = roles[c].colour;
+Opened::Opened(ByteView bytes, const Index& index, const ProgressiveParams& params)
+    : decoder_(bytes),
+      markerByte_(static_cast<std::uint8_t>(index.Facts().markerByte)),
+      reduce_(params.reduce),
+      image_(DescribeImage(decoder_, index.Facts())),
+      box_(BoxOf(*decoder_.Object().GetGeometryParams(),
+                 params.region.value_or(Region{0, 0, image_.width, image_.height}))),
+      areas_(AreasWithin(*decoder_.Object().GetGeometryParams(), box_, reduce_)),
+      target_(areas_, areas_, index.Components(), decoder_.Found().ComponentTransform) {
+  const unsigned levels = index.Facts().numLevels;
+  if (reduce_ > (image_.palette ? 0 : levels)) {
+    throw Error(Failure::kParameter, image_.palette
+                                         ? "an image with a palette cannot be reduced"
+                                         : "the picture can be halved " + std::to_string(levels) +
+                                               " times, not " + std::to_string(reduce_));
   }
+  decoder_.SetExact(false);
+  NarrowDecoder(decoder_.Object(), reduce_, box_);
+  const bool needsFinish = target_.NeedsFinish();
+  room_ = MemoryReservation(PlaneBytes(areas_) * (needsFinish ? 2 : 1), "the decoded image");
+  image_.planes = MakePlanes(areas_);
+  if (needsFinish) below_ = MakePlanes(areas_);
+  SetSize(image_, box_, reduce_);
+  const auto roles = ComponentRoles(decoder_.Object());
+  for (std::size_t c = 0; c < areas_.size(); ++c) {
+    image_.planes[c].role = roles[c].role;
+    image_.planes[c].colour = roles[c].colour;
+  }
+  open_ = TilesTouching(*decoder_.Object().GetGeometryParams(), box_);
+  numTiles_ = open_.size();
 }
 
-/// What stands in the data once the main header has arrived; nothing before.
-std::unique_ptr<Opened> OpenArrived(ByteView bytes) {
-  const std::unique_ptr<Index> index = Index::OfArrived(bytes);
-  return index ? std::make_unique<Opened>(bytes, *index) : nullptr;
+/// The part of a tile that is shown.
+CanvasBox Opened::PlaceOf(std::uint32_t tile) const {
+  const CanvasBox all = TileBox(*decoder_.Object().GetGeometryParams(), tile);
+  return {std::max(all.x0, box_.x0), std::max(all.y0, box_.y0), std::min(all.x1, box_.x1),
+          std::min(all.y1, box_.y1)};
 }
 
-void Opened::DecodeMore(ByteView bytes, ProgressiveDecoder::Update& update) {
-  if (!hasPackets) {
-    hasPackets = Index(bytes).HasPackets();
-    if (!hasPackets) return;
+/// Takes over what the library has delivered of a tile.
+void Opened::Show(std::uint32_t tile, Update& update) {
+  const CanvasBox place = PlaceOf(tile);
+  if (!below_.empty()) {
+    target_.FinishTile(decoder_.Object(), tile, reduce_,
+                       AreasWithin(*decoder_.Object().GetGeometryParams(), place, reduce_), below_,
+                       image_.planes);
   }
-  KelImage& object = decoder.Object();
-  const auto everyComponent = [&](std::size_t tile, auto&& visit) {
-    if (object.TileIsUntouched(static_cast<KelLong>(tile))) return;
-    for (std::size_t c = 0; c < areas.size(); ++c) visit(TileComponent(object, tile, c));
+  const auto edge = [&](std::int64_t at, std::int64_t origin) {
+    return static_cast<std::uint32_t>(HalvedEdge(at, reduce_) - HalvedEdge(origin, reduce_));
   };
-  for (std::size_t tile = 0; tile < complete.size(); ++tile) {
-    everyComponent(tile, [](KelTileComponent& part) { part.ResetTileCompDataReady(); });
+  const std::uint32_t x = edge(place.x0, box_.x0), y = edge(place.y0, box_.y0);
+  update.improved =
+      Union(update.improved, {x, y, edge(place.x1, box_.x0) - x, edge(place.y1, box_.y0) - y});
+  update.improvedTiles.push_back(tile);
+}
+
+void Opened::DecodeMore(ByteView bytes, Update& update) {
+  if (!hasPackets_) {
+    hasPackets_ = Index(bytes).HasPackets();
+    if (!hasPackets_) return;
   }
-  // A code other than 0 says that some tile is missing or damaged; more data may bring it.
-  decoder.DecodeFrame(bytes, target.Raw(), target.Frame(planes));
-  for (std::size_t tile = 0; tile < complete.size(); ++tile) {
-    bool improved = false;
-    everyComponent(tile, [&](KelTileComponent& part) { improved |= part.TileCompDataReady(); });
-    if (improved) update.improvedTiles.push_back(tile);
-    if (!complete[tile] && object.TileIsComplete(static_cast<KelLong>(tile))) {
-      complete[tile] = true;
-      update.completedTiles.push_back(tile);
+  KelImage& object = decoder_.Object();
+  for (const std::uint32_t tile : open_) {
+    if (object.TileIsUntouched(static_cast<KelLong>(tile))) continue;
+    for (std::size_t c = 0; c < areas_.size(); ++c) {
+      TileComponent(object, tile, c).ResetTileCompDataReady();
     }
   }
-  update.complete = std::ranges::find(complete, false) == complete.end();
+  // A code other than 0 says that some tile is missing or damaged; more data may bring it.
+  decoder_.DecodeFrame(bytes, target_.Raw(),
+                       target_.Frame(below_.empty() ? image_.planes : below_));
+  std::erase_if(open_, [&](std::uint32_t tile) {
+    bool improved = false;
+    const bool isUntouched = object.TileIsUntouched(static_cast<KelLong>(tile));
+    for (std::size_t c = 0; c < areas_.size() && !isUntouched; ++c) {
+      improved |= TileComponent(object, tile, c).TileCompDataReady();
+    }
+    if (improved) Show(tile, update);
+    if (!object.TileIsComplete(static_cast<KelLong>(tile))) return false;
+    update.completedTiles.push_back(tile);
+    return true;
+  });
+  update.complete = open_.empty();
 }
 
 }  // namespace
 
 struct ProgressiveDecoder::State {
+  explicit State(const ProgressiveParams& itsParams) : params(itsParams) {}
+
+  bool IsWorthALook() const;
+  /// Decodes everything that has come, and adds to the update.
+  void Decode();
+
+  const ProgressiveParams params;
   Bytes bytes;
+  std::size_t numSeen = 0;         ///< bytes, when they were looked at last
   std::unique_ptr<Opened> opened;  ///< null before the header has arrived
+  Update update;                   ///< what has not been told
 };
 
-ProgressiveDecoder::ProgressiveDecoder() : state_(std::make_unique<State>()) {
+/// The end marker ends the data; whether it is one, the decoder finds out.
+bool ProgressiveDecoder::State::IsWorthALook() const {
+  const std::size_t more = bytes.size() - numSeen;
+  if (!opened) return more >= numSeen / kHeaderGrowth;
+  const std::size_t n = bytes.size();
+  const bool endsHere = n >= 2 && bytes[n - 1] == kEoc && bytes[n - 2] == opened->MarkerByte();
+  const std::size_t perTile = n / std::max<std::size_t>(opened->NumComplete(), 1);
+  return endsHere || numSeen == 0 || more >= std::max(kLeastStep, std::min(perTile, numSeen));
+}
+
+void ProgressiveDecoder::State::Decode() {
+  if (numSeen == bytes.size()) return;
+  numSeen = bytes.size();
+  if (!opened) {
+    const std::unique_ptr<Index> index = Index::OfArrived(bytes);
+    if (!index) return;
+    opened = std::make_unique<Opened>(bytes, *index, params);
+    update.headerIsNew = true;
+  }
+  opened->DecodeMore(bytes, update);
+}
+
+ProgressiveDecoder::ProgressiveDecoder(const ProgressiveParams& params)
+    : state_(std::make_unique<State>(params)) {
   RequireSession();
+  if (params.reduce > kMostHalvings) {
+    throw Error(Failure::kParameter, "at most 31 halvings are possible");
+  }
 }
 
 ProgressiveDecoder::~ProgressiveDecoder() = default;
 
-ProgressiveDecoder::Update ProgressiveDecoder::Feed(ByteView more) {
+Update ProgressiveDecoder::Feed(ByteView more) {
   State& state = *state_;
   if (more.size() > INT32_MAX - state.bytes.size()) {
     throw Error(Failure::kInput, "is larger than 2 GiB, the most that the format can address");
   }
   state.bytes.insert(state.bytes.end(), more.begin(), more.end());
-  Update update;
-  if (!state.opened) {
-    state.opened = OpenArrived(state.bytes);
-    if (!state.opened) return update;
-    update.headerIsNew = true;
-  }
-  state.opened->DecodeMore(state.bytes, update);
-  return update;
+  if (more.empty() || state.IsWorthALook()) state.Decode();
+  const bool complete = state.update.complete;
+  Update told = std::exchange(state.update, {});
+  state.update.complete = complete;
+  return told;
 }
 
 bool ProgressiveDecoder::HasHeader() const {
   return state_->opened != nullptr;
 }
 
-Image ProgressiveDecoder::GetImage() const {
+const Image& ProgressiveDecoder::Look() const {
   if (!HasHeader()) throw Error(Failure::kIncomplete, "the header has not arrived yet");
-  const Opened& opened = *state_->opened;
-  Image image = opened.description;
-  image.planes = opened.planes;
-  opened.target.FinishPlanes(opened.decoder.Object(), 0, image.planes);
-  return image;
+  return state_->opened->Picture();
+}
+
+Image ProgressiveDecoder::GetImage() const {
+  state_->Decode();
+  return Look();
 }
 
 }  // namespace kel::host

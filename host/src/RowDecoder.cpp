@@ -3,6 +3,7 @@
 
 #include "BandDecoder.hpp"
 #include "Describe.hpp"
+#include "RegionDecode.hpp"
 #include "kel/host/decode.hpp"
 #include "kel/host/limits.hpp"
 
@@ -13,7 +14,6 @@ namespace {
 constexpr std::size_t kReadAtOnce = 16 << 20;
 /// Of larger ones, this first.
 constexpr std::size_t kFirstOfLarge = 1 << 20;
-constexpr unsigned kMostHalvings = 31;
 
 /// Bytes that were read, then the rest of their source.
 class ChainedSource final : public Source {
@@ -25,6 +25,10 @@ class ChainedSource final : public Source {
     std::copy_n(first_.begin(), count, to.begin());
     first_ = first_.subspan(count);
     return count;
+  }
+  std::optional<std::uint64_t> Size() const override { return rest_.Size(); }
+  std::size_t ReadAt(std::uint64_t offset, std::span<std::uint8_t> to) const override {
+    return rest_.ReadAt(offset, to);
   }
 
  private:
@@ -76,19 +80,18 @@ void RowDecoder::State::Describe(Index& index) {
   Decoder decoder(seen);
   description = DescribeImage(decoder, index.Facts());
   const KelImageGeometry& grid = *index.Facts().geometry;
-  const auto reduced = [&](std::int64_t from, std::int64_t to) {
-    return static_cast<std::uint32_t>(HalvedEdge(to, params.reduce) -
-                                      HalvedEdge(from, params.reduce));
-  };
-  description.width = reduced(grid.XOsiz, grid.Xsiz);
-  description.height = reduced(grid.YOsiz, grid.Ysiz);
+  const CanvasBox box =
+      BoxOf(grid, params.region.value_or(Region{0, 0, description.width, description.height}));
+  const unsigned halvings = HalvingsOf(params, box);
+  SetSize(description, box, halvings);
   const auto roles = ComponentRoles(decoder.Object());
-  for (const ComponentArea& area : ComponentAreas(grid, 0)) {
+  for (const ComponentArea& area : AreasWithin(grid, box, halvings)) {
     if (area.depth > 32) throw Error(Failure::kInput, "samples of more than 32 bits");
     CheckPixels(static_cast<std::uint64_t>(area.x1 - area.x0),
                 static_cast<std::uint64_t>(area.y1 - area.y0));
     Plane& plane = description.planes.emplace_back(
-        Plane::WithoutSamples(reduced(area.x0, area.x1), reduced(area.y0, area.y1), area.depth));
+        Plane::WithoutSamples(static_cast<std::uint32_t>(area.x1 - area.x0),
+                              static_cast<std::uint32_t>(area.y1 - area.y0), area.depth));
     plane.xStep = area.xStep;
     plane.yStep = area.yStep;
     plane.role = roles[description.planes.size() - 1].role;
@@ -99,7 +102,7 @@ void RowDecoder::State::Describe(Index& index) {
 bool RowDecoder::State::CanStream(Index& index) const {
   const KelImageGeometry& grid = *index.Facts().geometry;
   const bool several = grid.NumXTiles > 1 || grid.NumYTiles > 1;
-  if (params.reduce != 0 || !several || !CanBeCut(index.Facts())) return false;
+  if (IsPartial(params) || !several || !CanBeCut(index.Facts())) return false;
   return HasPlainRows(description) && (!isAll || index.TileParts().areRegular);
 }
 

@@ -67,9 +67,11 @@ void AppendSegment(Building& out, KelULong code, Bytes segment) {
   switch (code) {
     case format::kSIZ: {
       if (segment.size() < kSizBytes) throw Error(Failure::kInput, "its SIZ segment is cut off");
-      const std::int64_t x1 = Halved(out.tile.x1, out.reduce), y1 = Halved(out.tile.y1, out.reduce);
+      const std::int64_t x1 = Halved(out.tile.box.x1, out.reduce),
+                         y1 = Halved(out.tile.box.y1, out.reduce);
       const std::int64_t fields[] = {
-          x1, y1, Halved(out.tile.x0, out.reduce), Halved(out.tile.y0, out.reduce), x1, y1, 0, 0};
+          x1, y1, Halved(out.tile.box.x0, out.reduce), Halved(out.tile.box.y0, out.reduce), x1, y1,
+          0,  0};
       for (std::size_t i = 0; i < std::size(fields); ++i) {
         PutU32(segment, 6 + 4 * i, static_cast<std::uint64_t>(fields[i]));
       }
@@ -157,32 +159,26 @@ void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegmen
 
 }  // namespace
 
-TileParts CollectTile(KelStreamIndex& index, std::uint32_t tile, unsigned reduce) {
-  TileParts found;
-  found.tile = tile;
-  const KelImageGeometry& grid = *index.GetFacts()->geometry;
+CanvasBox TileBox(const KelImageGeometry& grid, std::uint32_t tile) {
   KelLong x0 = 0, x1 = 0, y0 = 0, y1 = 0;
   const auto number = static_cast<KelLong>(tile);
   grid.GetTileBoundingBox(grid.GetXIndex(number), grid.GetYIndex(number), &x0, &x1, &y0, &y1);
-  found.x0 = x0;
-  found.y0 = y0;
-  found.x1 = x1;
-  found.y1 = y1;
-  const KelIndexWant want{tile, -1, reduce, 0};
-  const KelIndexPackets* packets = index.GetPackets(&want);
-  const KelIndexTileParts* parts = index.GetTileParts();
-  if (packets == nullptr || parts == nullptr)
-    ThrowFailure(index.GetErrorDetails(), Failure::kMemory);
-  found.packets.assign(packets->packets, packets->packets + packets->count);
-  found.hasAllPackets = packets->areAll;
-  for (KelULong i = 0; i < parts->count; ++i) {
-    if (parts->parts[i].tile != tile || parts->parts[i].headerBytes == 0) continue;
-    KelULong count = 0;
-    const KelIndexSegment* segments = index.GetSegments(i, &count);
-    if (segments == nullptr) ThrowFailure(index.GetErrorDetails(), Failure::kMemory);
-    found.headers.push_back({parts->parts[i].part, {segments, segments + count}});
+  return {x0, y0, x1, y1};
+}
+
+TileParts CollectTile(RangeIndex& index, std::uint32_t tile, unsigned reduce) {
+  TileParts found;
+  found.tile = tile;
+  found.box = TileBox(*index.Facts().geometry, tile);
+  const KelIndexPackets& packets = index.Packets({tile, -1, reduce, 0});
+  found.packets.assign(packets.packets, packets.packets + packets.count);
+  found.hasAllPackets = packets.areAll;
+  for (const KelULong i : index.PartsOf(tile)) {
+    const KelIndexTilePart& part = index.TileParts().parts[i];
+    if (part.headerBytes == 0) continue;
+    const auto segments = index.Segments(i);
+    found.headers.push_back({part.part, {segments.begin(), segments.end()}});
   }
-  std::ranges::sort(found.headers, {}, &TileParts::Header::part);
   return found;
 }
 
@@ -207,8 +203,8 @@ std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce) {
 Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
                  RangeSource& source) {
   Building out{front, tile, reduce, {}};
-  if (tile.headers.empty() || Halved(tile.x0, reduce) >= Halved(tile.x1, reduce) ||
-      Halved(tile.y0, reduce) >= Halved(tile.y1, reduce)) {
+  if (tile.headers.empty() || Halved(tile.box.x0, reduce) >= Halved(tile.box.x1, reduce) ||
+      Halved(tile.box.y0, reduce) >= Halved(tile.box.y1, reduce)) {
     return {};
   }
   std::vector<KelIndexPacket> packets;

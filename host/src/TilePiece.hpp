@@ -9,15 +9,15 @@
 
 #include <vector>
 
-#include "Library.hpp"
-#include "kel/host/ranges.hpp"
+#include "RangeIndex.hpp"
+#include "RegionDecode.hpp"
 
 namespace kel::host {
 
 /// What the index tells of a tile, copied: the index itself serves one thread at a time.
 struct TileParts {
   std::uint32_t tile = 0;
-  std::int64_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;  ///< on the canvas
+  CanvasBox box;
   struct Header {
     KelULong part = 0;
     std::vector<KelIndexSegment> segments;
@@ -26,7 +26,7 @@ struct TileParts {
   std::vector<KelIndexPacket> packets;
   bool hasAllPackets = false;  ///< that the resolution asked for needs
 };
-TileParts CollectTile(KelStreamIndex& index, std::uint32_t tile, unsigned reduce);
+TileParts CollectTile(RangeIndex& index, std::uint32_t tile, unsigned reduce);
 
 /// The front of the data: boxes and main header, whose bytes it holds.
 struct DataFront {

@@ -2,7 +2,9 @@
 #ifndef KEL_HOST_DECODE_HPP
 #define KEL_HOST_DECODE_HPP
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "image.hpp"
@@ -12,19 +14,27 @@
 
 namespace kel::host {
 
+/// A rectangle of the picture, in its full size from its upper left corner.
+struct Region {
+  std::uint32_t x = 0, y = 0, width = 0, height = 0;
+};
+
 struct DecodeParams {
   unsigned reduce = 0;            ///< halvings of width and height
   bool acceptIncomplete = false;  ///< deliver what is there instead of throwing (kIncomplete)
   /// Sums of the irreversible filter in double instead of single precision, for samples of up to 8
   /// bits: fewer than one of 15,000 samples of photographs differ, by one level.
   bool exact = false;
-  unsigned threads = 0;  ///< 0: one per processor. The samples do not depend on it
-  Progress progress;     ///< groups of tiles done; may be empty
+  unsigned threads = 0;          ///< 0: one per processor. The samples do not depend on it
+  Progress progress;             ///< groups of tiles done; may be empty
+  std::optional<Region> region;  ///< only this part, clipped to the picture; else all of it
+  /// Unless 0: at least as many halvings as make the image so small.
+  std::uint32_t fitWidth = 0, fitHeight = 0;
 };
 
 struct DecodeReport {
-  bool complete = false;  ///< every packet of every tile was there
-  std::size_t numTiles = 0, numCompleteTiles = 0;
+  bool complete = false;                           ///< every packet of every tile was there
+  std::size_t numTiles = 0, numCompleteTiles = 0;  ///< of those that the region touches
   std::string problem;  ///< first failure met on the way, as a sentence; empty when none
 };
 
@@ -32,8 +42,9 @@ struct DecodeReport {
 /// samples are zero. Throws Error: kInput when the data cannot be decoded at all, kIncomplete,
 /// kMemory, kParameter.
 ///
-/// The first halving is the decoder's own, where every component has a resolution to leave out;
-/// further ones are averages of 2 x 2 samples.
+/// Halvings leave out resolutions of the wavelet; where some tile holds fewer, those beyond are
+/// averages of 2 x 2 samples, and with a region an error (kParameter). With halvings or a region
+/// only the bytes that they need are read of a source that knows its size.
 Image Decode(Source& source, const DecodeParams& params = {}, DecodeReport* report = nullptr);
 
 /// A picture that is decoded row of tiles by row of tiles, while its data are read, where these
@@ -58,27 +69,40 @@ class RowDecoder {
   std::unique_ptr<State> state_;
 };
 
+struct ProgressiveParams {
+  std::optional<Region> region;  ///< only this part, clipped to the picture; else all of it
+  unsigned reduce = 0;           ///< halvings, by resolutions of the wavelet; tiles without so many
+                                 ///< levels stay empty
+};
+
 /// Decodes data as they arrive.
 class ProgressiveDecoder {
  public:
-  /// What a piece of data has changed.
+  /// What has changed since the last piece.
   struct Update {
     bool headerIsNew = false;                 ///< GetImage can be called from now on
     std::vector<std::size_t> improvedTiles;   ///< whose samples became better
     std::vector<std::size_t> completedTiles;  ///< of which nothing more can come
-    bool complete = false;                    ///< every tile is complete
+    bool complete = false;                    ///< every tile wanted is complete
+    Region improved;  ///< of the image's samples, what became better; empty when nothing did
   };
 
-  ProgressiveDecoder();
+  explicit ProgressiveDecoder(const ProgressiveParams& params = {});
   ~ProgressiveDecoder();
   ProgressiveDecoder(const ProgressiveDecoder&) = delete;
   ProgressiveDecoder& operator=(const ProgressiveDecoder&) = delete;
 
-  /// Takes the next bytes and decodes what they complete. Throws Error (kInput) for data that
-  /// cannot become an image, kMemory.
+  /// Takes the next bytes. They are decoded when enough have come to make it worth while, which is
+  /// about once for every tile, when the end marker comes, and when `more` is empty: then all that
+  /// has come is decoded. Throws Error: kInput for data that cannot become an image, kParameter for
+  /// a region outside the picture and more halvings than it holds, kMemory.
   Update Feed(ByteView more);
   bool HasHeader() const;
-  /// The image as it stands; throws Error (kIncomplete) before the header is there.
+  /// The image as the last Update left it, not a copy: it holds until the next Feed or GetImage.
+  /// Throws Error (kIncomplete) before the header is there.
+  const Image& Look() const;
+  /// Decodes all that has come, and copies the image; the next Update tells what became better by
+  /// it. Throws as Feed and Look.
   Image GetImage() const;
 
  private:

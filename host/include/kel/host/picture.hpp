@@ -12,11 +12,6 @@
 
 namespace kel::host {
 
-/// A rectangle of the picture, in its full size from its upper left corner.
-struct Region {
-  std::uint32_t x = 0, y = 0, width = 0, height = 0;
-};
-
 struct PictureParams {
   std::uint64_t cacheBytes = std::uint64_t{64} << 20;  ///< of decoded tiles that are kept
   bool exact = false;                                  ///< as in DecodeParams

@@ -1,0 +1,133 @@
+// The index over a source of ranges.
+#include "RangeIndex.hpp"
+
+#include <algorithm>
+#include <numeric>
+#include <tuple>
+
+namespace kel::host {
+
+RangeStream::RangeStream(RangeSource& source) : source_(source) {
+  procs_.clientData = this;
+  procs_.Read = [](void* self, void* to, KelLong count) {
+    return static_cast<RangeStream*>(self)->Read(static_cast<std::uint8_t*>(to), count);
+  };
+  procs_.Write = [](void*, const void*, KelLong) { return KelLong{-1}; };
+  procs_.Seek = [](void* self, KelLong, KelLong offset) {
+    static_cast<RangeStream*>(self)->position_ = static_cast<std::uint64_t>(offset);
+    return offset;
+  };
+  stream_.InitKelCodeStm(static_cast<KelLong>(End()), false, true, true, false, &procs_);
+}
+
+std::uint64_t RangeStream::End() const {
+  return std::min<std::uint64_t>(source_.Size(), INT32_MAX);
+}
+
+void RangeStream::Rethrow() {
+  if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+KelLong RangeStream::Read(std::uint8_t* to, KelLong count) {
+  const std::uint64_t left = End() - std::min(End(), position_);
+  const auto taken =
+      static_cast<std::size_t>(std::min<std::uint64_t>(left, static_cast<std::uint64_t>(count)));
+  if (taken == 0) return 0;
+  try {
+    source_.Fetch(position_, {to, taken});
+  } catch (...) {
+    failure_ = std::current_exception();
+    return -1;
+  }
+  position_ += taken;
+  return static_cast<KelLong>(taken);
+}
+
+RangeIndex::RangeIndex(RangeSource& source) : stream_(source) {
+  RequireSession();
+  const KelLong code = index_.InitIndex(stream_.Stream(), nullptr);
+  if (code == KelOK) return;
+  KelException raised = index_.GetErrorDetails();
+  raised.errCode = code;
+  index_.Die();
+  stream_.Rethrow();
+  ThrowFailure(raised, Failure::kInput);
+}
+
+RangeIndex::~RangeIndex() {
+  index_.Die();
+}
+
+template <class Result>
+const Result& RangeIndex::Checked(const Result* result) {
+  stream_.Rethrow();
+  if (result == nullptr) ThrowFailure(index_.GetErrorDetails(), Failure::kMemory);
+  return *result;
+}
+
+std::span<const KelIndexComponent> RangeIndex::Components() const {
+  return {Facts().components, static_cast<std::size_t>(Facts().geometry->Csiz)};
+}
+
+const KelIndexTileParts& RangeIndex::TileParts() {
+  return Checked(index_.GetTileParts());
+}
+
+std::span<const KelULong> RangeIndex::PartsOf(std::uint32_t tile) {
+  const KelIndexTilePart* parts = TileParts().parts;
+  if (byTile_.empty()) {
+    byTile_.resize(TileParts().count);
+    std::iota(byTile_.begin(), byTile_.end(), KelULong{0});
+    std::ranges::sort(byTile_, {}, [&](KelULong i) {
+      return std::tuple(parts[i].tile, parts[i].part, parts[i].offset);
+    });
+  }
+  const auto found =
+      std::ranges::equal_range(byTile_, tile, {}, [&](KelULong i) { return parts[i].tile; });
+  return {found.begin(), found.end()};
+}
+
+std::span<const KelIndexSegment> RangeIndex::Segments(KelULong part) {
+  KelULong count = 0;
+  const KelIndexSegment* segments = index_.GetSegments(part, &count);
+  stream_.Rethrow();
+  return segments == nullptr ? std::span<const KelIndexSegment>() : std::span(segments, count);
+}
+
+const KelIndexPackets& RangeIndex::Packets(const KelIndexWant& want) {
+  return Checked(index_.GetPackets(&want));
+}
+
+const KelIndexRanges& RangeIndex::Ranges(const KelIndexWant& want) {
+  return Checked(index_.GetRanges(&want));
+}
+
+/// The lowest resolution of a component stands so many levels below full size.
+unsigned RangeIndex::LevelsOf(std::uint32_t tile) {
+  constexpr KelULong kLowestOnly = 32;
+  const KelIndexPackets& found = Packets({tile, -1, kLowestOnly, 1});
+  unsigned levels = kLowestOnly;
+  for (const KelIndexPacket& packet : std::span(found.packets, found.count)) {
+    if (packet.resolution == 0) levels = std::min(levels, packet.levelsAbove);
+  }
+  return found.count == 0 ? Facts().numLevels : levels;
+}
+
+unsigned RangeIndex::LeastLevels() {
+  const KelIndexTileParts& parts = TileParts();
+  std::vector<bool> hasOwn(static_cast<std::size_t>(Facts().geometry->NumXTiles) *
+                           static_cast<std::size_t>(Facts().geometry->NumYTiles));
+  for (const KelIndexTilePart& part : std::span(parts.parts, parts.count)) {
+    hasOwn[part.tile] = hasOwn[part.tile] || part.hasCodingStyle;
+  }
+  unsigned least = 32;
+  bool isCommonKnown = false;  // of the tiles that follow the main header
+  for (std::uint32_t tile = 0; tile < hasOwn.size(); ++tile) {
+    if ((!hasOwn[tile] && isCommonKnown) || PartsOf(tile).empty()) continue;
+    isCommonKnown = isCommonKnown || !hasOwn[tile];
+    least = std::min(least, LevelsOf(tile));
+  }
+  return isCommonKnown ? least : std::min(least, Facts().numLevels);
+}
+
+}  // namespace kel::host

@@ -1,0 +1,68 @@
+// The library's index of data that are fetched in ranges: it reads through a stream object, and
+// what made a fetch fail is thrown on.
+#ifndef KEL_HOST_RANGE_INDEX_HPP
+#define KEL_HOST_RANGE_INDEX_HPP
+
+#include <exception>
+
+#include "Library.hpp"
+#include "kel/host/ranges.hpp"
+
+namespace kel::host {
+
+/// The library's stream object over a source of ranges. Positions of streams are 31-bit numbers.
+class RangeStream {
+ public:
+  explicit RangeStream(RangeSource& source);
+  RangeStream(const RangeStream&) = delete;
+  RangeStream& operator=(const RangeStream&) = delete;
+
+  KelCodeStm* Stream() { return &stream_; }
+  /// Throws what made a read fail, if one did: the library only sees the data end there.
+  void Rethrow();
+
+ private:
+  std::uint64_t End() const;
+  KelLong Read(std::uint8_t* to, KelLong count);
+
+  RangeSource& source_;
+  std::uint64_t position_ = 0;
+  std::exception_ptr failure_;
+  KelStreamProcs procs_;
+  KelCodeStm stream_;
+};
+
+/// One thread at a time. All operations throw Error (kInput, kMemory).
+class RangeIndex {
+ public:
+  /// Reads everything before the first tile-part. source outlives the index.
+  explicit RangeIndex(RangeSource& source);
+  ~RangeIndex();
+  RangeIndex(const RangeIndex&) = delete;
+  RangeIndex& operator=(const RangeIndex&) = delete;
+
+  const KelIndexFacts& Facts() const { return *index_.GetFacts(); }
+  std::span<const KelIndexComponent> Components() const;
+  const KelIndexTileParts& TileParts();
+  /// The numbers of a tile's tile-parts in TileParts(), in the order in which they are decoded.
+  std::span<const KelULong> PartsOf(std::uint32_t tile);
+  /// The segments of the header of a tile-part; none for a header that cannot be read.
+  std::span<const KelIndexSegment> Segments(KelULong part);
+  const KelIndexPackets& Packets(const KelIndexWant& want);
+  const KelIndexRanges& Ranges(const KelIndexWant& want);
+  /// How often every tile-component of the picture can be halved by leaving out resolutions.
+  unsigned LeastLevels();
+
+ private:
+  unsigned LevelsOf(std::uint32_t tile);
+  template <class Result>
+  const Result& Checked(const Result* result);
+
+  RangeStream stream_;
+  KelStreamIndex index_;
+  std::vector<KelULong> byTile_;
+};
+
+}  // namespace kel::host
+
+#endif

@@ -1,0 +1,109 @@
+// A picture opened for reading tile by tile: the index over a cache of byte ranges, and tiles
+// decoded one by one and kept.
+//
+// A tile is decoded whole at the resolution asked for; a region is copied together from the tiles
+// that it touches. Fetching and decoding run side by side; only the index is asked by one thread at
+// a time.
+#ifndef KEL_HOST_TILE_READER_HPP
+#define KEL_HOST_TILE_READER_HPP
+
+#include <algorithm>
+#include <list>
+#include <mutex>
+
+#include "Describe.hpp"
+#include "RegionDecode.hpp"
+#include "TilePiece.hpp"
+#include "kel/host/session.hpp"
+
+namespace kel::host {
+
+/// A tile at one resolution.
+struct DecodedTile {
+  std::vector<ComponentArea> areas;
+  std::vector<Plane> planes;
+  MemoryReservation room;
+  std::uint64_t bytes = 0;
+  PartResult result;
+};
+using TilePointer = std::shared_ptr<const DecodedTile>;
+
+/// Tiles kept, the last used first.
+class TileCache {
+ public:
+  explicit TileCache(std::uint64_t mostBytes) : mostBytes_(mostBytes) {}
+
+  TilePointer Find(std::uint32_t tile, unsigned reduce) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find_if(
+        entries_, [&](const Entry& entry) { return entry.tile == tile && entry.reduce == reduce; });
+    if (found == entries_.end()) return nullptr;
+    entries_.splice(entries_.begin(), entries_, found);
+    return entries_.front().image;
+  }
+
+  void Keep(std::uint32_t tile, unsigned reduce, const TilePointer& image) {
+    const std::lock_guard lock(mutex_);
+    if (image->bytes > mostBytes_) return;
+    entries_.push_front({tile, reduce, image});
+    bytes_ += image->bytes;
+    while (bytes_ > mostBytes_) {
+      bytes_ -= entries_.back().image->bytes;
+      entries_.pop_back();
+    }
+  }
+
+ private:
+  struct Entry {
+    std::uint32_t tile;
+    unsigned reduce;
+    TilePointer image;
+  };
+  const std::uint64_t mostBytes_;
+  std::mutex mutex_;
+  std::list<Entry> entries_;
+  std::uint64_t bytes_ = 0;
+};
+
+class TileReader {
+ public:
+  /// Reads what stands in front of the tiles. source outlives the reader. Throws Error (kInput,
+  /// kMemory).
+  TileReader(RangeSource& source, std::uint64_t cacheBytes, bool exact);
+
+  const KelImageGeometry& Grid() const { return *front_.facts->geometry; }
+  const DataFront& Front() const { return front_; }
+  const Image& Description() const { return description_; }
+  /// Runs work on the index, one at a time.
+  template <class Work>
+  decltype(auto) WithIndex(Work&& work) {
+    const std::lock_guard lock(indexMutex_);
+    return std::forward<Work>(work)(index_);
+  }
+
+  /// An image for areas of the picture, all samples zero.
+  Image EmptyImage(const std::vector<ComponentArea>& areas, const CanvasBox& box,
+                   unsigned reduce) const;
+  /// The region at a resolution of the wavelet; tally is begun anew with the tiles touched. Throws
+  /// Error: kParameter for a region outside and for more halvings than a tile holds; kInput,
+  /// kMemory.
+  Image Decode(const Region& region, const DecodeParams& params, DecodeTally& tally);
+
+ private:
+  TilePointer Tile(std::uint32_t tile, unsigned reduce);
+  TilePointer DecodeTile(const TileParts& parts, unsigned reduce);
+
+  const bool exact_;
+  RangeCache bytes_;
+  std::mutex indexMutex_;
+  RangeIndex index_;
+  DataFront front_;
+  std::vector<KelIndexComponent> components_;
+  std::vector<ComponentRole> roles_;
+  Image description_;
+  TileCache tiles_;
+};
+
+}  // namespace kel::host
+
+#endif
