@@ -87,6 +87,7 @@ std::size_t NumChangedOutside(const Image& a, const Image& b, const Region& regi
 }
 
 TEST(PartialDecode, ArrivingDataTellWhatBecameBetterInFewLooks) {
+  constexpr std::size_t kPiece = 1500;
   const Session session;
   for (const unsigned depth : {8U, 12U, 20U}) {
     const Bytes bytes = Encoded(test::NoiseImage(420, 300, 1, depth), 100);
@@ -97,9 +98,9 @@ TEST(PartialDecode, ArrivingDataTellWhatBecameBetterInFewLooks) {
     std::size_t numImprovements = 0;
     bool complete = false;
     Image before;
-    for (std::size_t at = 0; at < bytes.size(); at += 100) {
+    for (std::size_t at = 0; at < bytes.size(); at += kPiece) {
       const auto update =
-          decoder.Feed(ByteView(bytes).subspan(at, std::min<std::size_t>(100, bytes.size() - at)));
+          decoder.Feed(ByteView(bytes).subspan(at, std::min(kPiece, bytes.size() - at)));
       if (!decoder.HasHeader()) continue;
       const Image& now = decoder.Look();
       if (!update.headerIsNew) {
