@@ -24,24 +24,7 @@ Image Picture::Describe(unsigned reduce) const {
   if (reduce > kMostHalvings) {
     throw Error(Failure::kParameter, "at most 31 halvings are possible");
   }
-  const KelImageGeometry& grid = state_->Grid();
-  Image image = state_->description;
-  for (const ComponentArea& area :
-       AreasWithin(grid, grid.XOsiz, grid.YOsiz, grid.Xsiz, grid.Ysiz, reduce)) {
-    const ComponentRole& role = state_->roles[image.planes.size()];
-    Plane& plane = image.planes.emplace_back(
-        Plane::WithoutSamples(static_cast<std::uint32_t>(area.x1 - area.x0),
-                              static_cast<std::uint32_t>(area.y1 - area.y0), area.depth));
-    plane.role = role.role;
-    plane.colour = role.colour;
-    plane.xStep = area.xStep;
-    plane.yStep = area.yStep;
-  }
-  image.width =
-      static_cast<std::uint32_t>(HalvedEdge(grid.Xsiz, reduce) - HalvedEdge(grid.XOsiz, reduce));
-  image.height =
-      static_cast<std::uint32_t>(HalvedEdge(grid.Ysiz, reduce) - HalvedEdge(grid.YOsiz, reduce));
-  return image;
+  return state_->Describe(reduce);
 }
 
 std::uint32_t Picture::Width() const {

@@ -115,6 +115,24 @@ TilePointer TileReader::Tile(std::uint32_t tile, unsigned reduce) {
   return image;
 }
 
+Image TileReader::Describe(unsigned reduce) const {
+  const KelImageGeometry& grid = Grid();
+  const CanvasBox box{grid.XOsiz, grid.YOsiz, grid.Xsiz, grid.Ysiz};
+  Image image = description_;
+  for (const ComponentArea& area : AreasWithin(grid, box, reduce)) {
+    const ComponentRole& role = roles_[image.planes.size()];
+    Plane& plane = image.planes.emplace_back(
+        Plane::WithoutSamples(static_cast<std::uint32_t>(area.x1 - area.x0),
+                              static_cast<std::uint32_t>(area.y1 - area.y0), area.depth));
+    plane.role = role.role;
+    plane.colour = role.colour;
+    plane.xStep = area.xStep;
+    plane.yStep = area.yStep;
+  }
+  SetSize(image, box, reduce);
+  return image;
+}
+
 Image TileReader::EmptyImage(const std::vector<ComponentArea>& areas, const CanvasBox& box,
                              unsigned reduce) const {
   Image image = description_;

@@ -81,6 +81,8 @@ class TileReader {
     return std::forward<Work>(work)(index_);
   }
 
+  /// The whole picture after so many halvings, without its samples.
+  Image Describe(unsigned reduce) const;
   /// An image for areas of the picture, all samples zero.
   Image EmptyImage(const std::vector<ComponentArea>& areas, const CanvasBox& box,
                    unsigned reduce) const;
