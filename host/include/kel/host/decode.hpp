@@ -25,9 +25,9 @@ struct DecodeParams {
   /// Sums of the irreversible filter in double instead of single precision, for samples of up to 8
   /// bits: fewer than one of 15,000 samples of photographs differ, by one level.
   bool exact = false;
-  unsigned threads = 0;          ///< 0: one per processor. The samples do not depend on it
-  Progress progress;             ///< groups of tiles done; may be empty
-  std::optional<Region> region;  ///< only this part, clipped to the picture; else all of it
+  unsigned threads = 0;               ///< 0: one per processor. The samples do not depend on it
+  Progress progress;                  ///< groups of tiles done; may be empty
+  std::optional<Region> region = {};  ///< only this part, clipped to the picture; else all of it
   /// Unless 0: at least as many halvings as make the image so small.
   std::uint32_t fitWidth = 0, fitHeight = 0;
 };
@@ -70,9 +70,9 @@ class RowDecoder {
 };
 
 struct ProgressiveParams {
-  std::optional<Region> region;  ///< only this part, clipped to the picture; else all of it
-  unsigned reduce = 0;           ///< halvings, by resolutions of the wavelet; tiles without so many
-                                 ///< levels stay empty
+  std::optional<Region> region = {};  ///< only this part, clipped to the picture; else all of it
+  unsigned reduce = 0;  ///< halvings, by resolutions of the wavelet; tiles without so many
+                        ///< levels stay empty
 };
 
 /// Decodes data as they arrive.
