@@ -73,16 +73,15 @@ std::vector<ByteRange> Picture::BytesOf(std::uint32_t tile, unsigned reduce) {
 
 std::vector<ByteRange> Picture::PlacesOf(std::uint32_t tile) {
   TileRegion(tile);
-  State& state = *state_;
-  const std::lock_guard lock(state.indexMutex);
-  const KelIndexTileParts* found = state.index.GetTileParts();
-  state.stream.Rethrow();
-  if (found == nullptr) ThrowFailure(state.index.GetErrorDetails(), Failure::kMemory);
-  std::vector<ByteRange> places;
-  for (const KelIndexTilePart& part : std::span(found->parts, found->count)) {
-    if (part.tile == tile) places.push_back({part.offset, part.offset + part.length});
-  }
-  return places;
+  return state_->WithIndex([&](RangeIndex& index) {
+    std::vector<ByteRange> places;
+    for (const KelULong i : index.PartsOf(tile)) {
+      const KelIndexTilePart& part = index.TileParts().parts[i];
+      places.push_back({part.offset, part.offset + part.length});
+    }
+    std::ranges::sort(places, {}, &ByteRange::from);
+    return places;
+  });
 }
 
 Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads,
