@@ -82,9 +82,10 @@ std::span<const KelULong> RangeIndex::PartsOf(std::uint32_t tile) {
       return std::tuple(parts[i].tile, parts[i].part, parts[i].offset);
     });
   }
-  const auto found =
-      std::ranges::equal_range(byTile_, tile, {}, [&](KelULong i) { return parts[i].tile; });
-  return {found.begin(), found.end()};
+  const auto tileOf = [&](KelULong i) { return parts[i].tile; };
+  const auto first = std::ranges::lower_bound(byTile_, tile, {}, tileOf);
+  const auto last = std::ranges::upper_bound(byTile_, tile, {}, tileOf);
+  return {first, last};
 }
 
 std::span<const KelIndexSegment> RangeIndex::Segments(KelULong part) {
