@@ -176,14 +176,16 @@ TEST_F(IndexChoice, FewerBytesForTheQuality) {
     std::size_t components;
     Coding coding;
     KelLong tile;
+    KelLong depth = 8;
   };
   const Row rows[] = {{3, {.quality = 60, .transform = true}, 203},
                       {4, {.quality = 30, .transform = true, .order = KelCPRL, .colors = 3}, 90},
                       {1, {.quality = 80, .levels = 3, .layers = 3}, 64},
-                      {1, {.quality = 100, .levels = 5}, 203}};
+                      {1, {.quality = 100, .levels = 5}, 203},
+                      {1, {.quality = 70}, 110, 16}};
   for (const Row& row : rows) {
     SCOPED_TRACE(&row - rows);
-    const Picture picture = MakePicture(203, 187, row.components, 8);
+    const Picture picture = MakePicture(203, 187, row.components, row.depth);
     std::size_t sizes[2];
     std::vector<Plane> decoded[2];
     for (const int choose : {0, 1}) {
@@ -203,6 +205,38 @@ TEST_F(IndexChoice, FewerBytesForTheQuality) {
     EXPECT_LT(sizes[1], sizes[0] * (row.coding.layers > 1 ? 4 : 10) / 10);
     EXPECT_NEAR(Psnr(decoded[1], picture.planes), Psnr(decoded[0], picture.planes), 1.5);
   }
+}
+
+// A tile whose steps are not those that the main header announced; a region of interest whose
+// coefficients are chosen as if they had steps.
+TEST_F(IndexChoice, QualityOfEachTileAndRegions) {
+  const Picture picture = MakePicture(96, 64, 4, 8);
+  const auto decodedAt = [&](float first, float second) {
+    EncodeHost host(picture, 48, 64,
+                    {.quality = 40, .transform = true, .colors = 3, .choose = true});
+    HostStream stream;
+    EXPECT_EQ(host.Init(stream), KelOK);
+    for (const KelLong tile : {0, 1}) {
+      host.options.TargetQuality = tile == 0 ? first : second;
+      EXPECT_EQ(host.encoder.CompressAndWriteTile(tile, nullptr), KelOK);
+    }
+    host.encoder.Die();
+    if (stream.stream.wbuf != nullptr) stream.stream.flushWriteBuffer();
+    return Decode(stream.bytes).planes;
+  };
+  const auto both = decodedAt(40, 90), low = decodedAt(40, 40), high = decodedAt(90, 90);
+  for (std::size_t c = 0; c < 4; ++c) {
+    for (KelLong y = 0; y < 64; ++y) {
+      for (KelLong x = 0; x < 96; ++x) {
+        ASSERT_EQ(both[c].At(x, y), (x < 48 ? low : high)[c].At(x, y)) << c;
+      }
+    }
+  }
+  const auto withRegion = [&](bool choose) {
+    return EncodeHost(picture, 48, 64, {.transform = true, .mask = 3, .choose = choose}).Encode();
+  };
+  EXPECT_TRUE(Decode(withRegion(true)).planes == Decode(withRegion(false)).planes);
+  EXPECT_LE(withRegion(true).size(), withRegion(false).size());
 }
 
 // A component whose packets are all empty beside one that has data, with either filter.
