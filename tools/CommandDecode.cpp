@@ -67,18 +67,6 @@ bool GoesByRows(const DecodeOptions& options, const std::string& format,
   return host::IsOrdinary(description) || KeepsPalette(format, description);
 }
 
-/// WIDTHxHEIGHT+X+Y.
-host::Region ParseRegion(const std::string& text) {
-  host::Region region;
-  char behind = 0;
-  const int fields = std::sscanf(text.c_str(), "%ux%u+%u+%u%c", &region.width, &region.height,
-                                 &region.x, &region.y, &behind);
-  if (fields != 4 || text.find('-') != std::string::npos) {
-    throw UsageError("--region takes WIDTHxHEIGHT+X+Y, such as 640x480+1000+0, not " + text);
-  }
-  return region;
-}
-
 bool IsPartial(const DecodeOptions& options) {
   return options.reduce != 0 || !options.fit.empty() || options.tile || !options.region.empty();
 }
@@ -98,20 +86,12 @@ void SetFit(const DecodeOptions& options, host::DecodeParams& params) {
 /// A part of the picture or of its resolutions: of a file only the bytes that it needs are read.
 host::Image DecodePart(const DecodeOptions& options, const Task& task, host::DecodeParams& params,
                        host::DecodeReport& report) {
-  const bool isStream = task.input == kStandardStream;
-  const host::Bytes bytes = isStream ? ReadInput(task.input) : host::Bytes();
   if (!options.fit.empty()) SetFit(options, params);
   if (!options.region.empty()) params.region = ParseRegion(options.region);
-  if (options.tile) {
-    host::MemoryRanges memory(bytes);
-    std::optional<host::FileRanges> file;
-    if (!isStream) file.emplace(task.input);
-    host::Picture picture(file ? static_cast<host::RangeSource&>(*file) : memory);
-    params.region = picture.TileRegion(*options.tile);
-  }
-  host::MemorySource memory(bytes);
-  if (isStream) return host::Decode(memory, params, &report);
-  return host::Decode(*OpenInput(task.input), params, &report);
+  const InputRanges ranges(task.input);
+  if (options.tile) params.region = host::Picture(ranges.Get()).TileRegion(*options.tile);
+  const auto input = ranges.MakeSource();
+  return host::Decode(*input, params, &report);
 }
 
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,

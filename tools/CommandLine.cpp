@@ -50,6 +50,7 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
   AddInfoCommand(app, run);
   AddPreviewCommand(app, run);
   AddCompareCommand(app, run);
+  AddTrimCommand(app, run);
   app.require_subcommand(1);
   app.set_version_flag(
       "--version", std::string("kel ") + KelLibVersion() + ", library built " + KelLibBuildDate());

@@ -27,6 +27,7 @@ void AddDecodeCommand(CLI::App& app, Run& run);
 void AddInfoCommand(CLI::App& app, Run& run);
 void AddPreviewCommand(CLI::App& app, Run& run);
 void AddCompareCommand(CLI::App& app, Run& run);
+void AddTrimCommand(CLI::App& app, Run& run);
 
 /// Options of coding, which encode and preview share.
 struct CodingOptions {

@@ -2,6 +2,7 @@
 #include "Files.hpp"
 
 #include <unistd.h>
+#include <kel/host/decode.hpp>
 #include <kel/host/image.hpp>
 
 #include <algorithm>
@@ -22,6 +23,31 @@ int WorseOf(int a, int b) {
 std::unique_ptr<host::Source> OpenInput(const std::string& path) {
   if (path == kStandardStream) return std::make_unique<host::FileSource>(stdin, NameOf(path));
   return std::make_unique<host::FileSource>(path);
+}
+
+InputRanges::InputRanges(const std::string& path) : path_(path) {
+  if (path == kStandardStream) {
+    bytes_ = ReadInput(path);
+    ranges_ = std::make_unique<host::MemoryRanges>(bytes_);
+  } else {
+    ranges_ = std::make_unique<host::FileRanges>(path);
+  }
+}
+
+std::unique_ptr<host::Source> InputRanges::MakeSource() const {
+  if (path_ == kStandardStream) return std::make_unique<host::MemorySource>(bytes_);
+  return OpenInput(path_);
+}
+
+host::Region ParseRegion(const std::string& text) {
+  host::Region region;
+  char behind = 0;
+  const int fields = std::sscanf(text.c_str(), "%ux%u+%u+%u%c", &region.width, &region.height,
+                                 &region.x, &region.y, &behind);
+  if (fields != 4 || text.find('-') != std::string::npos) {
+    throw UsageError("--region takes WIDTHxHEIGHT+X+Y, such as 640x480+1000+0, not " + text);
+  }
+  return region;
 }
 
 host::Bytes ReadInput(const std::string& path) {

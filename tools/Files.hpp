@@ -5,6 +5,7 @@
 #include <kel/host/errors.hpp>
 #include <kel/host/limits.hpp>
 #include <kel/host/parallel.hpp>
+#include <kel/host/ranges.hpp>
 #include <kel/host/streams.hpp>
 
 #include <chrono>
@@ -22,7 +23,8 @@ class App;
 
 namespace kel::host {
 struct Image;
-}
+struct Region;
+}  // namespace kel::host
 
 namespace kel::tool {
 
@@ -103,6 +105,21 @@ int RunTasks(const FileOptions& options, const TaskSettings& settings,
 
 /// A file to read; "-" is standard input. Throws Error (kInput).
 std::unique_ptr<host::Source> OpenInput(const std::string& path);
+/// A file to read anywhere in; "-" is standard input, which is read whole. Throws Error (kInput).
+class InputRanges {
+ public:
+  explicit InputRanges(const std::string& path);
+  host::RangeSource& Get() const { return *ranges_; }
+  /// The same from the beginning on; this outlives it.
+  std::unique_ptr<host::Source> MakeSource() const;
+
+ private:
+  std::string path_;
+  host::Bytes bytes_;
+  std::unique_ptr<host::RangeSource> ranges_;
+};
+/// The rectangle that WIDTHxHEIGHT+X+Y stands for. Throws UsageError.
+host::Region ParseRegion(const std::string& text);
 /// Everything of a file; "-" is standard input. Throws Error (kInput).
 host::Bytes ReadInput(const std::string& path);
 /// Whether a name is one that Kel files and code streams have: .kel in any case.

@@ -1,34 +1,16 @@
 // Building the code stream of one tile.
-//
-// Layouts of the segments that change, offsets from their markers:
-//   SIZ  6 canvas edges (4 + 4), 14 image area (4 + 4), 22 tile size (4 + 4), 30 tile origin (4 +
-//   4) COD  5 order, 9 levels, 14 precincts (1 per resolution, unless the segment ends before) COC
-//   4 component (1, or 2 with 257 components and more), then style (1), levels, and precincts
-//        five bytes behind these
 #include "TilePiece.hpp"
 
 #include <algorithm>
 #include <tuple>
 #include <utility>
 
+#include "SegmentEdit.hpp"
+
 namespace kel::host {
 namespace {
 
-constexpr std::size_t kSizBytes = format::kSizGridBytes + 2, kOrderAt = 5, kLevelsAt = 9;
-
-void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8)
-    bytes.at(at++) = static_cast<std::uint8_t>(value >> shift);
-}
-
-void PutU16(Bytes& bytes, std::size_t at, std::uint64_t value) {
-  bytes.at(at) = static_cast<std::uint8_t>(value >> 8);
-  bytes.at(at + 1) = static_cast<std::uint8_t>(value);
-}
-
-std::int64_t Halved(std::int64_t edge, unsigned times) {
-  return (edge + (std::int64_t{1} << times) - 1) >> times;
-}
+constexpr std::size_t kOrderAt = 5;
 
 /// A piece while it is made.
 struct Building {
@@ -46,44 +28,24 @@ struct Building {
   void Append(ByteView bytes) { data.insert(data.end(), bytes.begin(), bytes.end()); }
 };
 
-/// Takes levels out of a coding style whose number of levels stands at a place.
-void LowerLevels(Bytes& segment, std::size_t levelsAt, unsigned reduce) {
-  const unsigned levels = segment.at(levelsAt);
-  if (levels < reduce) {
-    throw Error(Failure::kParameter, "the picture can be halved " + std::to_string(levels) +
-                                         " times, not " + std::to_string(reduce));
-  }
-  segment[levelsAt] = static_cast<std::uint8_t>(levels - reduce);
-  const std::size_t precinctsAt = levelsAt + 5;
-  if (segment.size() > precinctsAt)
-    segment.resize(segment.size() -
-                   std::min<std::size_t>(reduce, segment.size() - precinctsAt - 1));
-  PutU16(segment, 2, segment.size() - 2);
-}
-
 void AppendSegment(Building& out, KelULong code, Bytes segment) {
   const auto indexBytes =
       static_cast<std::size_t>(format::ComponentIndexBytes(out.front.facts->geometry->Csiz));
   switch (code) {
     case format::kSIZ: {
-      if (segment.size() < kSizBytes) throw Error(Failure::kInput, "its SIZ segment is cut off");
-      const std::int64_t x1 = Halved(out.tile.box.x1, out.reduce),
-                         y1 = Halved(out.tile.box.y1, out.reduce);
-      const std::int64_t fields[] = {
-          x1, y1, Halved(out.tile.box.x0, out.reduce), Halved(out.tile.box.y0, out.reduce), x1, y1,
-          0,  0};
-      for (std::size_t i = 0; i < std::size(fields); ++i) {
-        PutU32(segment, 6 + 4 * i, static_cast<std::uint64_t>(fields[i]));
-      }
+      const auto at = [&](std::int64_t edge) { return HalvedCoordinate(edge, out.reduce); };
+      const CanvasBox& box = out.tile.box;
+      SetGrid(segment,
+              {at(box.x1), at(box.y1), at(box.x0), at(box.y0), at(box.x1), at(box.y1), 0, 0});
       break;
     }
     case format::kCOD:
       if (std::exchange(out.seenCod, true)) return;
-      LowerLevels(segment, kLevelsAt, out.reduce);
+      LowerLevels(segment, code, indexBytes, out.reduce);
       if (out.Reorders()) segment.at(kOrderAt) = KelLRCP;
       break;
     case format::kCOC:
-      LowerLevels(segment, 5 + indexBytes, out.reduce);
+      LowerLevels(segment, code, indexBytes, out.reduce);
       break;
     case format::kPOC:
       if (out.Reorders()) return;
@@ -203,8 +165,9 @@ std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce) {
 Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
                  RangeSource& source) {
   Building out{front, tile, reduce, {}};
-  if (tile.headers.empty() || Halved(tile.box.x0, reduce) >= Halved(tile.box.x1, reduce) ||
-      Halved(tile.box.y0, reduce) >= Halved(tile.box.y1, reduce)) {
+  if (tile.headers.empty() ||
+      HalvedCoordinate(tile.box.x0, reduce) >= HalvedCoordinate(tile.box.x1, reduce) ||
+      HalvedCoordinate(tile.box.y0, reduce) >= HalvedCoordinate(tile.box.y1, reduce)) {
     return {};
   }
   std::vector<KelIndexPacket> packets;

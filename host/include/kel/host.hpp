@@ -30,5 +30,6 @@
 #include "host/session.hpp"
 #include "host/similarity.hpp"
 #include "host/streams.hpp"
+#include "host/trim.hpp"
 
 #endif

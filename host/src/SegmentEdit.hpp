@@ -1,0 +1,36 @@
+// Marker segments changed for pictures that lose resolutions or tiles. A segment is its bytes from
+// the marker on; offsets count from there.
+#ifndef KEL_HOST_SEGMENT_EDIT_HPP
+#define KEL_HOST_SEGMENT_EDIT_HPP
+
+#include "Library.hpp"
+
+namespace kel::host {
+
+void PutU16(Bytes& bytes, std::size_t at, std::uint64_t value);
+void PutU32(Bytes& bytes, std::size_t at, std::uint64_t value);
+
+/// A coordinate of the canvas after so many halvings.
+std::int64_t HalvedCoordinate(std::int64_t edge, unsigned times);
+
+/// The numbers of a SIZ segment that place picture and tiles.
+struct GridFields {
+  std::int64_t x1 = 0, y1 = 0, x0 = 0, y0 = 0;  ///< the image area
+  std::int64_t tileWidth = 0, tileHeight = 0, tileX0 = 0, tileY0 = 0;
+};
+void SetGrid(Bytes& siz, const GridFields& grid);
+
+/// Takes levels out of a coding style (COD or COC), and the precincts of the resolutions that go.
+/// Throws Error (kParameter) when it has fewer. componentBytes: of a component's number, 1 or 2.
+void LowerLevels(Bytes& segment, unsigned code, std::size_t componentBytes, unsigned reduce);
+/// Takes the steps of the bands that go out of a quantisation (QCD or QCC).
+void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsigned reduce);
+
+/// The box that holds the code stream of a file of boxes. Throws Error (kInput) without one.
+const KelIndexBox& BoxOfCodeStream(const KelIndexFacts& facts);
+/// The beginning of a box whose contents are so long.
+void AppendBoxHeader(Bytes& to, std::uint32_t type, std::uint64_t contentBytes);
+
+}  // namespace kel::host
+
+#endif
