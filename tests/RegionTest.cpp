@@ -172,6 +172,19 @@ TEST_F(Regions, MannersGiveTheSameSamplesOrNearlySo) {
   }
 }
 
+// Records, rows or images of a tile that are made anew for the next one beyond what is known: lists
+// of its tile-parts' headers, and records of its components.
+TEST_F(Regions, FurtherTilesRequestLittle) {
+  EncodeHost host(MakePicture(256, 256, 3, 8), 64, 64, {.irreversible = 1, .transform = true});
+  Viewer viewer(host.Encode(), Source::kMemory, 1);
+  ASSERT_EQ(viewer.code, KelOK);
+  EXPECT_EQ(viewer.image.SetDecodeManner(true, true), KelOK);
+  viewer.Show({0, 256, 0, 128}, 0);
+  const std::size_t before = memory.Requests();
+  viewer.Show({0, 256, 128, 256}, 0);
+  EXPECT_LE(memory.Requests() - before, 8U * 96);
+}
+
 TEST_F(Regions, HalfSizeIsTheAspectsHalf) {
   const Bytes data = Vector("rev53_rgb_rct");
   const Decoded half =
