@@ -232,6 +232,30 @@ TEST_F(DecoderDamage, DamagesAreTold) {
   EXPECT_EQ(told, "2:1.1 4:1.1 7:1.2 1:-1.-1 ");
 }
 
+// Noise from a damaged bit to the end of its band; and in a file that repeats its data, anything
+// at all.
+TEST_F(DecoderDamage, ADamagedByteCostsFewBlocks) {
+  for (const KelLong layers : {1, 2}) {
+    EncodeHost host(MakePicture(256, 256, 1, 8, Content::kShades),
+                    {.irreversible = 0, .layers = layers});
+    const Bytes data = host.Encode();
+    const Plane whole = test::Decode(data).planes[0];
+    const std::size_t first = FirstPacket(data);
+    std::size_t numWrong = 0;
+    constexpr std::size_t kPlaces = 16;
+    for (std::size_t n = 0; n < kPlaces; ++n) {
+      Bytes damaged = data;
+      damaged[first + (data.size() - first) * (4 * n + 3) / (4 * kPlaces)] ^= 0x55;
+      const Plane plane = test::Decode(damaged).planes[0];
+      for (std::size_t i = 0; i < whole.samples.size(); ++i) {
+        numWrong += std::abs(plane.samples[i] - whole.samples[i]) > 8;
+      }
+    }
+    // A low bit or a sign ends nothing too early or late, and is not noticed.
+    EXPECT_LE(numWrong, layers == 1 ? kPlaces * whole.samples.size() / 50 : kPlaces * 4);
+  }
+}
+
 // Tile-parts out of order that arrive bit by bit: none may stand in for one that is to come.
 TEST_F(DecoderDamage, PiecesOfTilePartsOutOfOrder) {
   for (const KelLong order : {KelRLCP, KelCPRL}) {

@@ -38,6 +38,7 @@ struct BandRecord {
   Box box;                      ///< in band coordinates
   std::int64_t column, row;     ///< its first cell in the coefficient plane
   bool isFilled;                ///< every cell holds a value, decoded or zero
+  bool isDamaged;               ///< some of these values were lost
   const std::uint8_t* coded;    ///< its bytes, where these are taken; null: it is zero
   std::uint64_t codedBytes;     ///< how many they are,
   std::uint64_t readableBytes;  ///< and how many can be read from there on

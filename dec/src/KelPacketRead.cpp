@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "KelBandMend.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
 #include "base/KelBytes.h"
@@ -150,6 +151,53 @@ void ClearBand(const PacketAt& packet, std::int32_t b, std::int32_t* cells) {
   }
 }
 
+/// Decodes again what of a band is sound, after its damage has shown: its blocks did not end where
+/// its length says.
+void MendDamage(const PartReading& part, const PacketAt& packet, std::int32_t* cells,
+                std::int32_t b, std::int64_t start, std::int64_t end) {
+  ClearBand(packet, b, cells);
+  part.data.MoveTo(start);
+  const GatheredBytes bytes =
+      GatherBytes(part.data, AsCount(end - start), kFirstPieceBytes, kMendSlackBytes);
+  BandPart blocks = PartOfBand(packet.record, b, packet.id.precinct);
+  blocks.work = &part.work;
+  const MendOutcome mended =
+      MendBand({bytes.bytes.Data(), bytes.length}, blocks, !packet.HasDetails(),
+               FirstCell(packet, b, blocks, cells), packet.record.dec->rowStride);
+  const std::int64_t from = start + static_cast<std::int64_t>(mended.firstBad);
+  KelDamage damage{KelDamageBand, part.tile.index, part.part, AsCount(part.basis + from),
+                   mended.endOfBad - mended.firstBad};
+  damage.component = packet.id.component;
+  damage.resolution = packet.id.resolution;
+  NoteDamage(part.damages, damage);
+}
+
+/// What the cells of a band held before a further layer is decoded over them.
+OwnedArray<std::int32_t> KeepBand(const PacketAt& packet, std::int32_t b,
+                                  const std::int32_t* cells) {
+  const BandRecord& band = packet.record.dec->bands[b];
+  if (packet.id.layer == 0 || !band.isFilled || band.isDamaged) return {};
+  const BandPart part = PartOfBand(packet.record, b, packet.id.precinct);
+  if (part.IsEmpty()) return {};
+  const std::size_t width = AsIndex(part.x1 - part.x0);
+  auto kept = OwnedArray<std::int32_t>::Make(width * AsCount(part.y1 - part.y0));
+  const std::int32_t* row = FirstCell(packet, b, part, const_cast<std::int32_t*>(cells));
+  for (std::size_t y = 0; y < kept.Size() / width; ++y, row += packet.record.dec->rowStride) {
+    std::copy_n(row, width, kept.Data() + y * width);
+  }
+  return kept;
+}
+
+void RestoreBand(const PacketAt& packet, std::int32_t b, const OwnedArray<std::int32_t>& kept,
+                 std::int32_t* cells) {
+  const BandPart part = PartOfBand(packet.record, b, packet.id.precinct);
+  const std::size_t width = AsIndex(part.x1 - part.x0);
+  std::int32_t* row = FirstCell(packet, b, part, cells);
+  for (std::size_t y = 0; y < kept.Size() / width; ++y, row += packet.record.dec->rowStride) {
+    std::copy_n(kept.Data() + y * width, width, row);
+  }
+}
+
 std::int32_t FirstBand(const PacketAt& packet) {
   return packet.HasDetails() ? 3 * packet.id.resolution - 2 : 0;
 }
@@ -164,9 +212,12 @@ void DecodeByLengths(const PartReading& part, const PacketAt& packet, std::int64
     const std::int64_t start = data.GetPosition();
     const std::int64_t end = std::min(start + bandBytes, packetEnd);
     if (bandBytes == 0) continue;
+    const auto kept = KeepBand(packet, b, cells);
     const BandReading band = DecodeBand(part, packet, cells, b, end);
     if (band.isWhole && band.end == end) continue;
-    Note(part, KelDamageBand, start, end);
+    MendDamage(part, packet, cells, b, start, end);
+    if (kept) RestoreBand(packet, b, kept, cells);
+    packet.record.dec->bands[b].isDamaged = !kept;
     data.MoveTo(end);
   }
 }
@@ -297,6 +348,7 @@ Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
   KelDecDataMgr& data = part.data;
   if (fits) {
     data.MoveTo(packet.Body());
+    const auto kept = KeepBand(packet, 0, cells);
     const BandReading band = DecodeBand(part, packet, cells, 0, packet.End());
     if (band.isWhole && band.end == packet.End()) return Outcome::kHandled;
     data.MoveTo(packet.start);
@@ -306,7 +358,9 @@ Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
       return Outcome::kNotArrived;
     }
     if (CanFollow(part, packet.End())) {
-      Note(part, KelDamageBand, packet.Body(), packet.End());
+      MendDamage(part, packet, cells, 0, packet.Body(), packet.End());
+      if (kept) RestoreBand(packet, 0, kept, cells);
+      packet.record.dec->bands[0].isDamaged = !kept;
       data.MoveTo(packet.End());
       return Outcome::kHandled;
     }

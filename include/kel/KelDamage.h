@@ -16,7 +16,8 @@ enum KelDamageKind : KelLong {
   KelDamageHeader = 3,
   /// A packet does not fit into its tile-part: it and what follows it there are not decoded.
   KelDamagePacket = 4,
-  /// The bits of a band do not end where its length says, so its samples are likely wrong.
+  /// The bits of a band do not end where its length says. Blocks that make no sense were left out,
+  /// which blurs the picture there; others of it may be wrong.
   KelDamageBand = 5,
   /// Bytes at the end of a tile-part that belong to no packet.
   KelDamageExcess = 6,
@@ -27,11 +28,13 @@ enum KelDamageKind : KelLong {
 /// One place of damage. Offsets count from the first byte of the data that the decoder was given.
 class KEL_API KelDamage {
  public:
-  KelLong kind;          ///< KelDamageKind
-  KelLong tile;          ///< index of the tile concerned; -1 when it cannot be told
-  KelLong tilePart;      ///< number of the tile-part in its tile; -1 when it cannot be told
-  std::uint64_t offset;  ///< first byte concerned
-  std::uint64_t bytes;   ///< bytes that could not be used from there on, or may be wrong
+  KelLong kind;             ///< KelDamageKind
+  KelLong tile;             ///< index of the tile concerned; -1 when it cannot be told
+  KelLong tilePart;         ///< number of the tile-part in its tile; -1 when it cannot be told
+  std::uint64_t offset;     ///< first byte concerned
+  std::uint64_t bytes;      ///< bytes that could not be used from there on, or may be wrong
+  KelLong component = -1;   ///< of a band; -1 for other kinds
+  KelLong resolution = -1;  ///< likewise; 0 is the lowest
 };
 
 #endif
