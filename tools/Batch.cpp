@@ -193,10 +193,11 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
                 "pass over inputs whose output exists\nSo an interrupted run is resumed.")
       ->excludes(overwrite);
   command
-      .add_option("--report", options.report,
-                  "add a line of JSON for each input to a file\n"
-                  "It has input, output, bytes, seconds, warnings, exit code, and the error if "
-                  "there was one.")
+      .add_option(
+          "--report", options.report,
+          "add a line of JSON for each input to a file\n"
+          "It has input, output, bytes, seconds, PSNR where it was measured, warnings, exit "
+          "code, and the error if there was one.")
       ->type_name("FILE");
   command
       .add_option("-j,--jobs", options.jobs,
@@ -213,7 +214,8 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
   command.add_flag("--quiet", options.quiet, "no progress bar");
   command.add_flag("--verbose", options.verbose,
                    "tell what was done, and how fast\n"
-                   "Times are those of coding itself, in megabytes (1000000 bytes) of samples per "
+                   "Failures then also tell where in the library they were noticed. Times are "
+                   "those of coding itself, in megabytes (1000000 bytes) of samples per "
                    "second.");
 }
 
@@ -231,8 +233,19 @@ void AddLimitOptions(CLI::App& command, host::Limits& limits) {
       ->check(CLI::NonNegativeNumber);
 }
 
+void AddMemoryOption(CLI::App& command, std::uint64_t& bytes, const std::string& preset) {
+  command
+      .add_option("--max-memory", bytes,
+                  "refuse images that need more; 0: never [" + preset +
+                      "]\nUnits are K, M and G (of 1024). A container's limit counts as its "
+                      "memory.")
+      ->type_name("SIZE")
+      ->transform(CLI::AsSizeValue(false));
+}
+
 int RunTasks(const FileOptions& options, const TaskSettings& settings,
              const std::function<int(const Task&)>& work) {
+  ShowDetails(options.verbose);
   TaskPlan plan = PlanTasks(options, settings);
   return RunPlan(plan, options, settings, work);
 }

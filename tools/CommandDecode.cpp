@@ -230,12 +230,7 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       ->capture_default_str()
       ->type_name("NAME")
       ->check(CLI::IsMember({"png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg"}));
-  command
-      .add_option("--max-memory", options->maxMemory,
-                  "refuse images that need more; 0: never [half of the machine's memory]\n"
-                  "Units are K, M and G (of 1024).")
-      ->type_name("SIZE")
-      ->transform(CLI::AsSizeValue(false));
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_flag("--strict", options->strict,
                    "treat incomplete data as an error\n"
                    "Without it, what is there is decoded and written.");

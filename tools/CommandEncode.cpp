@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <filesystem>
 
 #include "Commands.hpp"
@@ -24,8 +25,10 @@ constexpr std::size_t kMostPaletteEntries = 1024;
 struct EncodeOptions {
   FileOptions files;
   CodingOptions coding;
+  std::uint64_t maxMemory = 2 * HalfOfMemory();
   MetadataOptions metadata;
   ReadOptions reading;
+  bool measure = false;
   std::uint64_t size = 0;
   double psnr = 0;
   std::string order = "rlcp";
@@ -79,6 +82,21 @@ std::string Summary(const host::Image& image, const host::EncodeReport& report) 
   return text + (report.quality == 0 ? "lossless" : "quality " + std::to_string(report.quality));
 }
 
+/// Notes and tells the PSNR of what was written against the picture that was encoded.
+void MeasureOutput(const EncodeOptions& options, const Task& task, unsigned page) {
+  const auto input = OpenInput(task.input);
+  host::BufferedSource source(*input);
+  ReadSettings settings;
+  settings.page = page == 0 ? 1 : page;
+  host::Image image = host::ReadImage(*OpenRows(source, options, settings));
+  host::MakeOrdinary(image);
+  const double psnr = host::Compare(image, LoadAnyImage(task.output, task.threads)).psnr;
+  if (task.notes != nullptr) task.notes->psnr = psnr;
+  char text[32] = "identical";
+  if (!std::isinf(psnr)) std::snprintf(text, sizeof text, "%.2f dB", psnr);
+  if (task.announce) PrintMessage(task.output + ": " + text);
+}
+
 /// Encodes one page; 0 is the first and only one. False when there are fewer.
 bool EncodePage(const EncodeOptions& options, const host::Image* mask, const Task& task,
                 unsigned page) {
@@ -107,6 +125,7 @@ bool EncodePage(const EncodeOptions& options, const host::Image* mask, const Tas
   if (task.announce) {
     PrintMessage(task.output + ": " + Summary(image, report) + ", " + Speed(image, start));
   }
+  if (options.measure) MeasureOutput(options, task, page);
   return true;
 }
 
@@ -123,8 +142,10 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
     throw UsageError(task.output + ": a Kel file under the name of an image; let it end in .kel");
   }
   const std::string& page = options.reading.page;
+  const bool streams = task.input == kStandardStream || task.output == kStandardStream;
+  if (options.measure && streams) throw UsageError("--measure needs files to read again");
   if (page == "all") {
-    if (task.input == kStandardStream || task.output == kStandardStream) {
+    if (streams) {
       throw UsageError("--page all needs files, not standard input or output");
     }
     Task one = task;
@@ -141,15 +162,16 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
 }
 
 int RunEncode(EncodeOptions& options) {
-  const host::Session session(2 * HalfOfMemory());
+  const host::Session session(options.maxMemory);
   std::unique_ptr<host::Image> mask;
   if (!options.coding.mask.empty()) {
     options.files.otherInputs = {options.coding.mask};
     mask = std::make_unique<host::Image>(ReadMask(options.coding.mask));
   }
-  const TaskSettings settings{.ending = ".kel", .isInput = [](const std::string& name) {
-                                return FormatOfName(name).has_value();
-                              }};
+  const TaskSettings settings{
+      .ending = ".kel",
+      .memoryAdvice = "; --max-memory SIZE raises the limit",
+      .isInput = [](const std::string& name) { return FormatOfName(name).has_value(); }};
   return RunTasks(options.files, settings,
                   [&](const Task& task) { return EncodeTask(options, mask.get(), task); });
 }
@@ -224,6 +246,10 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   CLI::App& command = *app.add_subcommand("encode", "turn image files into Kel files");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
+  AddMemoryOption(command, options->maxMemory, "the machine's memory");
+  command.add_flag("--measure", options->measure,
+                   "decode what was written, and put its PSNR into the report\n"
+                   "It is told too, where results are.");
   AddReadOptions(command, options->reading);
   AddMetadataOptions(command, options->metadata);
   command

@@ -44,7 +44,7 @@ std::string ColourText(const Info::ColourSpecification& colour) {
 
 struct InfoOptions {
   std::vector<std::string> files;
-  bool json = false, ranges = false, exif = false;
+  bool json = false, ranges = false, exif = false, tileParts = false;
   host::Limits limits;
 };
 
@@ -103,21 +103,21 @@ void PrintExtras(Table& table, const Info& info) {
     table.Line("UUID", HexId(uuid.id), ", ", uuid.bytes, " bytes");
 }
 
-void PrintTileParts(Table& table, const Info& info) {
+void PrintTileParts(Table& table, const Info& info, std::size_t shown) {
   const std::size_t count = info.tileParts.size();
   table.Line("tile-parts", count,
              info.tilePartsRegular ? "" : ", then the data end early or are damaged");
-  for (std::size_t i = 0; i < std::min(count, kShownTileParts); ++i) {
+  for (std::size_t i = 0; i < std::min(count, shown); ++i) {
     const Info::TilePart& part = info.tileParts[i];
     table.Line("", "tile ", part.tile, " part ", part.part, ": ", part.length, " bytes at ",
                part.offset);
   }
-  if (count > kShownTileParts) {
-    table.Line("", "and ", count - kShownTileParts, " more; --json lists all");
+  if (count > shown) {
+    table.Line("", "and ", count - shown, " more; --tile-parts lists all");
   }
 }
 
-void PrintInfo(const std::string& name, const Info& info) {
+void PrintInfo(const std::string& name, const Info& info, bool allTileParts) {
   Table table;
   const double pixels = 1.0 * info.width * info.height;
   char rate[32];
@@ -137,7 +137,7 @@ void PrintInfo(const std::string& name, const Info& info) {
              info.levels, " levels, ", info.layers, info.layers == 1 ? " layer, " : " layers, ",
              Order(info), info.colourTransform ? ", colour transform" : "");
   PrintExtras(table, info);
-  PrintTileParts(table, info);
+  PrintTileParts(table, info, allTileParts ? info.tileParts.size() : kShownTileParts);
 }
 
 /// The EXIF data of a file, which are among its payloads.
@@ -162,25 +162,42 @@ Json ExifJson(host::Source& source) {
 }
 
 int RunInfo(const InfoOptions& options) {
-  const auto& [files, asJson, withRanges, withExif, limits] = options;
+  const auto& [files, asJson, withRanges, withExif, allTileParts, limits] = options;
   const host::Session session(2 * HalfOfMemory());
   Json all = Json::array();
   int code = kDone;
   for (const std::string& file : files) {
     const host::LimitScope limited(limits);
     try {
-      const host::Bytes bytes = ReadInput(file);
-      host::MemorySource source(bytes), forExif(bytes);
-      const Info info = host::Probe(source);
+      const bool isStream = file == kStandardStream;
+      const host::Bytes bytes = isStream ? ReadInput(file) : host::Bytes();
+      const auto open = [&]() -> std::unique_ptr<host::Source> {
+        if (isStream) return std::make_unique<host::MemorySource>(bytes);
+        return OpenInput(file);
+      };
+      const Info info = host::Probe(*open());
+      Json json;
       if (asJson) {
-        all.push_back(InfoJson(NameOf(file), info));
-        if (withRanges) all.back()["byte_ranges"] = RangesJson(bytes);
-        if (withExif) all.back()["exif"] = ExifJson(forExif);
+        json = InfoJson(NameOf(file), info);
       } else {
-        PrintInfo(NameOf(file), info);
-        if (withRanges) PrintRanges(bytes);
-        if (withExif) PrintExif(forExif);
+        PrintInfo(NameOf(file), info, allTileParts);
       }
+      if (withRanges) {
+        std::unique_ptr<host::RangeSource> ranges;
+        if (isStream) {
+          ranges = std::make_unique<host::MemoryRanges>(bytes);
+        } else {
+          ranges = std::make_unique<host::FileRanges>(file);
+        }
+        if (asJson) {
+          json["byte_ranges"] = RangesJson(*ranges);
+        } else {
+          PrintRanges(*ranges);
+        }
+      }
+      if (withExif && asJson) json["exif"] = ExifJson(*open());
+      if (withExif && !asJson) PrintExif(*open());
+      if (asJson) all.push_back(std::move(json));
     } catch (const host::Error& error) {
       std::cout.flush();
       PrintMessage((error.File().empty() ? NameOf(file) + ": " : "") + Describe(error));
@@ -209,6 +226,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
       "A component has box_depth and box_signed when the boxes of the file describe its "
       "samples otherwise than the code stream does. The latter counts, here and in "
       "decode. A file that cannot be read has an error in the array.");
+  command.add_flag("--tile-parts", options->tileParts, "all tile-parts, not the first eight");
   command.add_flag("--exif", options->exif, "the fields of the EXIF data");
   command.add_flag("--ranges", options->ranges,
                    "which bytes each tile needs at each resolution\n"

@@ -14,7 +14,7 @@ class HelpFormatter : public CLI::Formatter {
   std::string make_usage(const CLI::App* app, std::string) const override {
     const std::string name = app->get_name();
     if (app->get_parent() == nullptr) return "Usage: kel COMMAND [OPTIONS] FILE...\n";
-    if (name == "info") return "\nUsage: kel info [OPTIONS] FILE...\n";
+    if (name == "info" || name == "bench") return "\nUsage: kel " + name + " [OPTIONS] FILE...\n";
     if (name == "compare") return "\nUsage: kel compare [OPTIONS] A B\n";
     return "\nUsage: kel " + name + " [OPTIONS] IN OUT\n       kel " + name +
            " [OPTIONS] IN... DIR\n";
@@ -51,6 +51,7 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
   AddPreviewCommand(app, run);
   AddCompareCommand(app, run);
   AddTrimCommand(app, run);
+  AddBenchCommand(app, run);
   app.require_subcommand(1);
   app.set_version_flag(
       "--version", std::string("kel ") + KelLibVersion() + ", library built " + KelLibBuildDate());

@@ -26,6 +26,7 @@ constexpr std::uint32_t kLongestSide = 1024;
 struct PreviewOptions {
   FileOptions files;
   CodingOptions coding;
+  std::uint64_t maxMemory = 2 * HalfOfMemory();
 };
 
 host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task,
@@ -87,15 +88,18 @@ void AddPreviewCommand(CLI::App& app, Run& run) {
       "preview", "show what encoding will make of an image, or a small picture of a Kel file");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
+  AddMemoryOption(command, options->maxMemory, "the machine's memory");
   command.footer(
       "Examples:\n"
       "  kel preview -q 30 photo.png look.png    what quality 30 would look like\n"
       "  kel preview photo.kel small.png         at most 1024 columns and rows\n");
   command.callback([options, &run] {
     run = [options] {
-      const host::Session session(2 * HalfOfMemory());
+      const host::Session session(options->maxMemory);
       if (!options->coding.mask.empty()) options->files.otherInputs = {options->coding.mask};
-      const TaskSettings settings{.ending = ".png", .isInput = [](const std::string& name) {
+      const TaskSettings settings{.ending = ".png",
+                                  .memoryAdvice = "; --max-memory SIZE raises the limit",
+                                  .isInput = [](const std::string& name) {
                                     return IsEncodedName(name) || FormatOfName(name).has_value();
                                   }};
       return RunTasks(options->files, settings,

@@ -6,11 +6,17 @@
 #include <kel/host/image.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <fstream>
 
 namespace kel::tool {
 using host::Error;
 using host::Failure;
+
+namespace {
+std::atomic<bool> detailsAreShown{false};
+}
 
 int WorseOf(int a, int b) {
   // Incomplete is better than nothing; what the machine or the disk lacks stops more than one file.
@@ -96,14 +102,28 @@ int ExitCodeOf(const Error& error) {
   }
 }
 
+void ShowDetails(bool shown) {
+  detailsAreShown = shown;
+}
+
 std::string Describe(const Error& error) {
-  return error.what() + (error.Details().empty() ? std::string() : " (" + error.Details() + ")");
+  const bool shown = detailsAreShown && !error.Details().empty();
+  return error.what() + (shown ? " (" + error.Details() + ")" : std::string());
 }
 
 std::uint64_t HalfOfMemory() {
   const long pages = sysconf(_SC_PHYS_PAGES), pageBytes = sysconf(_SC_PAGE_SIZE);
-  if (pages <= 0 || pageBytes <= 0) return 0;
-  return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageBytes) / 2;
+  std::uint64_t bytes = pages <= 0 || pageBytes <= 0 ? 0
+                                                     : static_cast<std::uint64_t>(pages) *
+                                                           static_cast<std::uint64_t>(pageBytes);
+  // A container's limit, of either version of control groups; without one there is no number.
+  for (const char* file :
+       {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"}) {
+    std::uint64_t limit = 0;
+    if (std::ifstream(file) >> limit && limit != 0)
+      bytes = bytes == 0 ? limit : std::min(bytes, limit);
+  }
+  return bytes / 2;
 }
 
 }  // namespace kel::tool

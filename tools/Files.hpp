@@ -130,12 +130,16 @@ std::string NameOf(const std::string& path);
 /// "0.013 s, 55.4 MB/s" of the samples, for work that took since the time given.
 std::string Speed(const host::Image& image, std::chrono::steady_clock::time_point since);
 
-/// Exit code and message of the exception that is being handled.
+/// Exit code and message of the exception that is being handled. The message says where in the
+/// library a failure was noticed only after ShowDetails.
 int ExitCodeOf(const host::Error& error);
+void ShowDetails(bool shown);
 std::string Describe(const host::Error& error);
 
-/// Half of the machine's memory.
+/// Half of the memory of the machine, or of the container when that has less.
 std::uint64_t HalfOfMemory();
+/// Declares --max-memory, whose value is `bytes` until it is given.
+void AddMemoryOption(CLI::App& command, std::uint64_t& bytes, const std::string& preset);
 
 }  // namespace kel::tool
 

@@ -29,9 +29,8 @@ std::uint64_t Sum(const std::vector<host::ByteRange>& ranges) {
 
 }  // namespace
 
-void PrintRanges(host::ByteView file) {
-  host::MemoryRanges source(file);
-  host::Picture picture(source);
+void PrintRanges(host::RangeSource& file) {
+  host::Picture picture(file);
   std::cout << "front: bytes 0 to " << picture.FrontBytes() << '\n';
   EachResolution(
       picture, [](std::uint32_t tile, unsigned reduce, const std::vector<host::ByteRange>& ranges) {
@@ -46,9 +45,8 @@ void PrintRanges(host::ByteView file) {
       });
 }
 
-nlohmann::ordered_json RangesJson(host::ByteView file) {
-  host::MemoryRanges source(file);
-  host::Picture picture(source);
+nlohmann::ordered_json RangesJson(host::RangeSource& file) {
+  host::Picture picture(file);
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   EachResolution(picture, [&](std::uint32_t tile, unsigned reduce,
                               const std::vector<host::ByteRange>& ranges) {

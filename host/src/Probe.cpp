@@ -5,11 +5,14 @@
 
 #include "Describe.hpp"
 #include "FrameTarget.hpp"
+#include "RangeIndex.hpp"
+#include "TilePiece.hpp"
 
 namespace kel::host {
 namespace {
 
-void DescribeComponents(Decoder& decoder, const Index& index, Info& info) {
+template <class AnyIndex>
+void DescribeComponents(Decoder& decoder, const AnyIndex& index, Info& info) {
   KelImage& object = decoder.Object();
   const auto areas = ComponentAreas(*object.GetGeometryParams(), 0);
   const auto roles = ComponentRoles(object);
@@ -72,18 +75,28 @@ void DescribeTiling(const Decoder& decoder, Info& info) {
   info.tilesDown = positive(geometry.NumYTiles);
 }
 
-}  // namespace
+/// A source that can be read anywhere, as ranges.
+class SourceRanges final : public RangeSource {
+ public:
+  explicit SourceRanges(const Source& source) : source_(source) {}
+  std::uint64_t Size() const override { return *source_.Size(); }
+  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override {
+    if (source_.ReadAt(from, to) != to.size()) {
+      throw Error(Failure::kInput, "the data became shorter while they were read");
+    }
+  }
 
-Info Probe(Source& source) {
-  Bytes storage;
-  const ByteView bytes = ReadAll(source, storage);
-  Decoder decoder(bytes);
-  Index index(bytes);
+ private:
+  const Source& source_;
+};
+
+template <class AnyIndex>
+Info Describe(Decoder& decoder, AnyIndex& index, std::uint64_t numBytes) {
   const KelIndexFacts& facts = index.Facts();
   const KelEncOpt& found = decoder.Found();
 
   Info info;
-  info.bytes = bytes.size();
+  info.bytes = numBytes;
   info.flavour = facts.markerByte;
   info.boxed = facts.isBoxed;
   info.codeStreamOffset = facts.codeStreamOffset;
@@ -112,6 +125,35 @@ Info Probe(Source& source) {
   }
   info.tilePartsRegular = tileParts.areRegular;
   return info;
+}
+
+/// By the index of a file of which headers are read, and no more.
+Info ProbeRanges(RangeSource& source) {
+  constexpr std::uint64_t kCacheBytes = 1 << 20, kBlockBytes = 512;
+  RangeCache cache(source, kCacheBytes, kBlockBytes);
+  RangeIndex index(cache);
+  DataFront front;
+  front.facts = &index.Facts();
+  front.bytes.resize(static_cast<std::size_t>(front.facts->firstTilePartOffset));
+  cache.Fetch(0, front.bytes);
+  const Bytes data = BuildDescription(front);
+  Decoder decoder(data);
+  return Describe(decoder, index, source.Size());
+}
+
+}  // namespace
+
+Info Probe(Source& source) {
+  Bytes storage;
+  const std::optional<ByteView> view = source.View();
+  if (!view && source.Size()) {
+    SourceRanges ranges(source);
+    return ProbeRanges(ranges);
+  }
+  const ByteView bytes = view ? *view : ReadAll(source, storage);
+  Decoder decoder(bytes);
+  Index index(bytes);
+  return Describe(decoder, index, bytes.size());
 }
 
 }  // namespace kel::host

@@ -139,4 +139,19 @@ TEST(Tool, DamageAndFurtherPicturesAreToldAndRefusedOnDemand) {
   EXPECT_EQ(tool.Run("encode --page 3 two.ppm z.kel").code, 2);
 }
 
+// A file is probed by its index and a pipe by its bytes: both must say the same.
+TEST(Tool, InfoOfAFileIsThatOfAPipe) {
+  const Tool tool;
+  tool.Put("in.ppm", NoiseImage(300, 200, 3, 8));
+  tool.Do("encode --tile 64x64 in.ppm x.kel");
+  const std::string whole = tool.folder.Get("x.kel");
+  for (const std::size_t bytes : {whole.size(), whole.size() / 2, std::size_t{60}}) {
+    tool.folder.Put("x.kel", whole.substr(0, bytes));
+    const Tool::Result file = tool.Run("info --tile-parts x.kel");
+    const Tool::Result pipe = tool.Run("info --tile-parts - < x.kel");
+    EXPECT_EQ(file.code, pipe.code);
+    EXPECT_EQ(file.out.substr(file.out.find('\n') + 1), pipe.out.substr(pipe.out.find('\n') + 1));
+  }
+}
+
 }  // namespace
