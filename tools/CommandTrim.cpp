@@ -49,8 +49,9 @@ void AddTrimCommand(CLI::App& app, Run& run) {
       "Examples:\n"
       "  kel trim --reduce 2 map.kel small.kel           a quarter of width and height\n"
       "  kel trim --region 2048x2048+4096+0 map.kel part.kel\n"
-      "Packets are copied as they are, headers rewritten. A damaged file is refused; kel repair\n"
-      "mends it first. Halvings need tiles whose sides can be halved so often.\n");
+      "Packets are copied as they are, headers rewritten. A damaged file is refused. Halvings "
+      "need\n"
+      "tiles whose sides can be halved so often.\n");
   command.callback([options, &run] {
     run = [options] {
       if (options->reduce == 0 && options->region.empty()) {

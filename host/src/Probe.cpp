@@ -136,7 +136,7 @@ Info ProbeRanges(RangeSource& source) {
   front.facts = &index.Facts();
   front.bytes.resize(static_cast<std::size_t>(front.facts->firstTilePartOffset));
   cache.Fetch(0, front.bytes);
-  const Bytes data = BuildDescription(front);
+  const Bytes data = BuildDescription(front, cache);
   Decoder decoder(data);
   return Describe(decoder, index, source.Size());
 }

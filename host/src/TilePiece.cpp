@@ -11,6 +11,7 @@ namespace kel::host {
 namespace {
 
 constexpr std::size_t kOrderAt = 5;
+constexpr std::uint64_t kMostBytesBehind = 64 << 20;
 
 /// A piece while it is made.
 struct Building {
@@ -194,10 +195,26 @@ Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
   return std::move(out.data);
 }
 
-Bytes BuildDescription(const DataFront& front) {
+Bytes BuildDescription(const DataFront& front, RangeSource& source) {
+  const KelIndexFacts& facts = *front.facts;
   Bytes data = front.bytes;
-  data.push_back(static_cast<std::uint8_t>(front.facts->markerByte));
+  data.push_back(static_cast<std::uint8_t>(facts.markerByte));
   data.push_back(format::kEOC);
+  const std::uint64_t end = source.Size();
+  const bool endsEarlier = facts.codeStreamEnd >= front.bytes.size() && facts.codeStreamEnd < end;
+  if (!facts.isBoxed || !endsEarlier || end - facts.codeStreamEnd > kMostBytesBehind) return data;
+  for (const KelIndexBox& box : std::span(facts.boxes, facts.numBoxes)) {
+    if (box.offset + box.headerBytes != facts.codeStreamOffset) continue;
+    // The box of the code stream ends behind the end marker now.
+    const auto at = static_cast<std::size_t>(box.offset);
+    const bool isLong = box.headerBytes == 16;
+    if (isLong) PutU32(data, at + 8, 0);
+    PutU32(data, isLong ? at + 12 : at, data.size() - at);
+    const std::size_t shortened = data.size();
+    data.resize(shortened + static_cast<std::size_t>(end - facts.codeStreamEnd));
+    source.Fetch(facts.codeStreamEnd, std::span(data).subspan(shortened));
+    break;
+  }
   return data;
 }
 

@@ -42,8 +42,10 @@ std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce);
 Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
                  RangeSource& source);
 
-/// Boxes and main header with an end marker behind them: enough to describe the picture.
-Bytes BuildDescription(const DataFront& front);
+/// Boxes and main header with an end marker behind them, and the boxes that follow the code stream:
+/// enough to describe the picture. Of the source it fetches those boxes alone; more than 64 MiB of
+/// them are left out. Throws Error (kInput).
+Bytes BuildDescription(const DataFront& front, RangeSource& source);
 
 }  // namespace kel::host
 

@@ -77,7 +77,7 @@ TileReader::TileReader(RangeSource& source, std::uint64_t cacheBytes, bool exact
   front_.bytes.resize(static_cast<std::size_t>(front_.facts->firstTilePartOffset));
   bytes_.Fetch(0, front_.bytes);
   components_.assign(index_.Components().begin(), index_.Components().end());
-  const Bytes data = BuildDescription(front_);
+  const Bytes data = BuildDescription(front_, bytes_);
   Decoder decoder(data);
   description_ = DescribeImage(decoder, *front_.facts);
   roles_ = ComponentRoles(decoder.Object());

@@ -164,8 +164,8 @@ Bytes Trimmer::Header(std::span<const KelIndexSegment> segments) {
 void Trimmer::TakePackets(std::uint32_t tile, std::vector<PlannedPart*> ofPart) {
   const KelIndexPackets& found = index_.Packets({tile, -1, params_.reduce, 0});
   if (!found.areAll) {
-    throw Error(Failure::kInput, "packets of tile " + std::to_string(tile) +
-                                     " are missing or damaged; kel check tells more");
+    throw Error(Failure::kInput,
+                "packets of tile " + std::to_string(tile) + " are missing or damaged");
   }
   for (const KelIndexPacket& packet : std::span(found.packets, found.count)) {
     PlannedPart* part = packet.part < ofPart.size() ? ofPart[packet.part] : nullptr;
@@ -229,8 +229,7 @@ void Trimmer::Plan() {
     throw Error(Failure::kParameter, "an image with a palette cannot be reduced");
   }
   if (!index_.TileParts().areRegular) {
-    throw Error(Failure::kInput,
-                "its tile-parts are not where their lengths say; kel repair mends that");
+    throw Error(Failure::kInput, "its tile-parts are not where their lengths say");
   }
   PlanGrid();
   parts_.resize(index_.TileParts().count);

@@ -319,7 +319,7 @@ std::string InfoText(const py::object& given, const std::string& name, bool rang
     const host::ByteView bytes = host::ReadAll(*source, storage);
     host::MemorySource all(bytes);
     nlohmann::ordered_json json = tool::InfoJson(name, host::Probe(all));
-    MemoryRanges asRanges(bytes);
+    host::MemoryRanges asRanges(bytes);
     if (ranges) json["byte_ranges"] = tool::RangesJson(asRanges);
     return json.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
   });

@@ -70,8 +70,8 @@ struct Info {
   bool tilePartsRegular = false;  ///< they follow each other to the end as their lengths say
 };
 
-/// Reads headers and boxes, and walks the tile-parts. Of a source that can be read anywhere, such as
-/// a file, it reads from the beginning, and little more than the headers; others are read whole.
+/// Reads headers and boxes, and walks the tile-parts. Of a source that can be read anywhere, such
+/// as a file, it reads from the beginning, and little more than the headers; others are read whole.
 /// Throws Error (kInput, kMemory).
 Info Probe(Source& source);
 
