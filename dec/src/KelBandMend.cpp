@@ -23,8 +23,17 @@ constexpr std::int64_t kLookBack = 8;
 /// Places in the chain that blocks found further on can have, from the last sure one on.
 constexpr std::int64_t kMostPlaces = 256;
 
-/// Blocks that may be tried for each byte of the band.
+/// Blocks that may be tried for each byte of the band; and of all bands of an object together,
+/// which a file of damaged bands alone would otherwise make a hundred times dearer than a sound
+/// one: so many, and some more for each of their bytes.
 constexpr std::int64_t kTrialsPerByte = 16;
+constexpr std::uint64_t kTrialsOfAll = 1 << 17, kFurtherTrialsPerByte = 2;
+
+/// Blocks that may still be tried for all bands of an object.
+std::uint64_t TrialsLeft(const WorkMeter& work) {
+  const std::uint64_t most = kTrialsOfAll + kFurtherTrialsPerByte * work.mendBytes;
+  return most - std::min(most, work.mendTrials);
+}
 
 /// The bits of a band as they stand, and what speaks against them.
 struct CheckedBits {
@@ -147,9 +156,13 @@ class Mender {
         numBlocks_(across_ * CountBlocks(part.y0, part.y1, part.heightExponent)),
         trialsLeft_(kTrialsPerByte * static_cast<std::int64_t>(bytes.size())),
         starts_(OwnedArray<std::uint64_t>::Make(AsCount(numBlocks_) + 1)),
-        planes_(OwnedArray<std::int8_t>::Make(AsCount(numBlocks_))) {}
+        planes_(OwnedArray<std::int8_t>::Make(AsCount(numBlocks_))) {
+    if (part.work == nullptr) return;
+    trialsLeft_ = std::min(trialsLeft_, static_cast<std::int64_t>(TrialsLeft(*part.work)));
+  }
 
   MendOutcome Run(bool isLowest);
+  std::uint64_t NumTrials() const { return numTrials_; }
 
  private:
   struct Rect {
@@ -175,6 +188,7 @@ class Mender {
   std::int32_t* cells_;
   std::ptrdiff_t strideCells_;
   std::int64_t across_, numBlocks_, trialsLeft_;
+  std::uint64_t numTrials_ = 0;
   OwnedArray<std::uint64_t> starts_;
   OwnedArray<std::int8_t> planes_;  ///< plane counts plus one; 0: not decoded
   Range range_{};
@@ -211,6 +225,7 @@ Chain Mender::Follow(std::uint64_t position, std::int64_t block, std::int64_t mo
   BlockCells cells;
   while (block + chain.count < end && trialsLeft_ > 0) {
     --trialsLeft_;
+    ++numTrials_;
     if (part_.work != nullptr) CountWork(*part_.work, kBlockSide * kBlockSide);
     if (Read(position, block + chain.count, chain.numColumns, cells) < 0) break;
     chain.to = position;
@@ -410,7 +425,20 @@ MendOutcome MendBand(std::span<const std::uint8_t> bytes, const BandPart& part, 
                                  CountBlocks(part.y0, part.y1, part.heightExponent);
   // A block takes a bit at least; records of more would be made of what is only announced.
   if (AsCount(numBlocks) > 8 * bytes.size()) return {0, bytes.size(), false};
-  return Mender(bytes, part, cells, strideCells).Run(isLowest);
+  Mender mender(bytes, part, cells, strideCells);
+  const MendOutcome outcome = mender.Run(isLowest);
+  if (part.work != nullptr) part.work->mendTrials += mender.NumTrials();
+  return outcome;
+}
+
+bool CanMend(const BandPart& part, std::uint64_t bytes) {
+  // Clearing so many cells takes as long as trying a block.
+  constexpr std::uint64_t kCellsOfTrial = 1 << 13;
+  WorkMeter& work = *part.work;
+  const std::int64_t width = part.x1 - part.x0, height = part.y1 - part.y0;
+  work.mendBytes += bytes;
+  if (!part.IsEmpty()) work.mendTrials += AsCount(width * height) / kCellsOfTrial;
+  return TrialsLeft(work) != 0;
 }
 
 }  // namespace kel

@@ -26,6 +26,10 @@ MendOutcome MendBand(std::span<const std::uint8_t> bytes, const BandPart& part, 
                      std::int32_t* cells, std::ptrdiff_t strideCells);
 inline constexpr std::uint64_t kMendSlackBytes = 16;
 
+/// Whether a further band of so many bytes, whose part counts work, may be mended: the work of all
+/// together is bounded by their bytes, far lower than that of each, clearing their cells included.
+bool CanMend(const BandPart& part, std::uint64_t bytes);
+
 }  // namespace kel
 
 #endif

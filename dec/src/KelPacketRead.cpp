@@ -152,15 +152,16 @@ void ClearBand(const PacketAt& packet, std::int32_t b, std::int32_t* cells) {
 }
 
 /// Decodes again what of a band is sound, after its damage has shown: its blocks did not end where
-/// its length says.
+/// its length says. Where too much was mended already, what was decoded stays as it is.
 void MendDamage(const PartReading& part, const PacketAt& packet, std::int32_t* cells,
                 std::int32_t b, std::int64_t start, std::int64_t end) {
+  BandPart blocks = PartOfBand(packet.record, b, packet.id.precinct);
+  blocks.work = &part.work;
+  if (!CanMend(blocks, AsCount(end - start))) return Note(part, KelDamageBand, start, end);
   ClearBand(packet, b, cells);
   part.data.MoveTo(start);
   const GatheredBytes bytes =
       GatherBytes(part.data, AsCount(end - start), kFirstPieceBytes, kMendSlackBytes);
-  BandPart blocks = PartOfBand(packet.record, b, packet.id.precinct);
-  blocks.work = &part.work;
   const MendOutcome mended =
       MendBand({bytes.bytes.Data(), bytes.length}, blocks, !packet.HasDetails(),
                FirstCell(packet, b, blocks, cells), packet.record.dec->rowStride);

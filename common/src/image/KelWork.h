@@ -15,6 +15,8 @@ inline constexpr std::uint64_t kWorkUntilAsked = std::uint64_t{1} << 20;
 struct WorkMeter {
   KelUserActions* actions;  ///< may be null
   std::uint64_t samples;    ///< since the host was asked
+  /// Of mending bands: their bytes so far, and the blocks that were tried for them.
+  std::uint64_t mendBytes, mendTrials;
 };
 
 /// Asks the host whether to go on. Raises 28 when it does not want to.
