@@ -69,10 +69,11 @@ py::object ToArray(host::Image image, const py::object& out) {
   }
   py::array array = out.is_none() ? MakeArray(image) : out.cast<py::array>();
   const Samples samples = SamplesFor(array, image);
-  const py::gil_scoped_release unlocked;
-  host::ImageRowSource rows(std::move(image));
-  ArraySink sink(samples);
-  host::CopyRows(rows, sink);
+  WithoutLock([&] {
+    host::ImageRowSource rows(std::move(image));
+    ArraySink sink(samples);
+    host::CopyRows(rows, sink);
+  });
   return array;
 }
 

@@ -42,16 +42,24 @@ inline host::Progress WatchProgress() {
   return [](std::size_t, std::size_t) { CheckSignals(); };
 }
 
-/// Calls work() without the lock, on the account of a room.
+/// Calls work() without the lock. What a signal handler raised meanwhile is thrown on.
 template <class Work>
-decltype(auto) Run(const Room& room, Work&& work) {
+decltype(auto) WithoutLock(Work&& work) {
   try {
     const py::gil_scoped_release unlocked;
-    const host::SessionScope scope(room.account);
     return work();
   } catch (const Interrupted&) {
     throw py::error_already_set();
   }
+}
+
+/// The same on the account of a room.
+template <class Work>
+decltype(auto) Run(const Room& room, Work&& work) {
+  return WithoutLock([&]() -> decltype(auto) {
+    const host::SessionScope scope(room.account);
+    return work();
+  });
 }
 
 /// Kinds of kel.Error, thrown as such from now on by every function of the module.
