@@ -163,8 +163,9 @@ void MendDamage(const PartReading& part, const PacketAt& packet, std::int32_t* c
   const GatheredBytes bytes =
       GatherBytes(part.data, AsCount(end - start), kFirstPieceBytes, kMendSlackBytes);
   const MendOutcome mended =
-      MendBand({bytes.bytes.Data(), bytes.length}, blocks, !packet.HasDetails(),
-               FirstCell(packet, b, blocks, cells), packet.record.dec->rowStride);
+      MendBand({bytes.bytes.Data(), static_cast<std::size_t>(bytes.length)}, blocks,
+               !packet.HasDetails(), FirstCell(packet, b, blocks, cells),
+               static_cast<std::ptrdiff_t>(packet.record.dec->rowStride));
   const std::int64_t from = start + static_cast<std::int64_t>(mended.firstBad);
   KelDamage damage{KelDamageBand, part.tile.index, part.part, AsCount(part.basis + from),
                    mended.endOfBad - mended.firstBad};
