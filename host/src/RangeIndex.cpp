@@ -85,7 +85,8 @@ std::span<const KelULong> RangeIndex::PartsOf(std::uint32_t tile) {
   const auto tileOf = [&](KelULong i) { return parts[i].tile; };
   const auto first = std::ranges::lower_bound(byTile_, tile, {}, tileOf);
   const auto last = std::ranges::upper_bound(byTile_, tile, {}, tileOf);
-  return {first, last};
+  return std::span(byTile_).subspan(static_cast<std::size_t>(first - byTile_.begin()),
+                                    static_cast<std::size_t>(last - first));
 }
 
 std::span<const KelIndexSegment> RangeIndex::Segments(KelULong part) {

@@ -104,6 +104,22 @@ template <class Range, class Output>
 auto copy(Range&& range, Output to) {
   return std::copy(std::begin(range), std::end(range), to);
 }
+template <class Range, class Value, class Compare = std::less<>, class Projection = KelSame>
+auto lower_bound(Range&& range, const Value& value, Compare compare = {},
+                 Projection projection = {}) {
+  return std::lower_bound(std::begin(range), std::end(range), value,
+                          [&](const auto& element, const Value& other) {
+                            return std::invoke(compare, std::invoke(projection, element), other);
+                          });
+}
+template <class Range, class Value, class Compare = std::less<>, class Projection = KelSame>
+auto upper_bound(Range&& range, const Value& value, Compare compare = {},
+                 Projection projection = {}) {
+  return std::upper_bound(std::begin(range), std::end(range), value,
+                          [&](const Value& other, const auto& element) {
+                            return std::invoke(compare, other, std::invoke(projection, element));
+                          });
+}
 template <class Range, class Output, class Predicate>
 auto copy_if(Range&& range, Output to, Predicate predicate) {
   return std::copy_if(std::begin(range), std::end(range), to, predicate);
