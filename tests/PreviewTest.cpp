@@ -121,7 +121,7 @@ std::vector<std::vector<Plane>> DecodeTiles(const Bytes& file, int reduction,
     tiles.emplace_back();
     for (KelLong c = 0; c < count; ++c) {
       const kel::TileCompRecord& record = state.map.tiles[t].comps[c];
-      tiles.back().push_back(SamplesOf(record.outputImage, 8,
+      tiles.back().push_back(SamplesOf(record.shown.outputImage, 8,
                                        static_cast<KelLong>(record.dec->resolutionBox.Width())));
     }
   }

@@ -138,10 +138,10 @@ int ReadBlock(CheckedBits& bits, const Range& range, SignLayout layout, BlockCel
 
 /// A stretch of blocks that follow each other without contradiction.
 struct Chain {
-  std::int64_t first, count;  ///< blocks
-  std::uint64_t from, to;     ///< bits
-  std::uint32_t numColumns;   ///< that speak for it
-  bool endsWell;              ///< with the band's last block and its last byte
+  std::int64_t first = 0, count = 0;  ///< blocks
+  std::uint64_t from = 0, to = 0;     ///< bits
+  std::uint32_t numColumns = 0;       ///< that speak for it
+  bool endsWell = false;              ///< with the band's last block and its last byte
 };
 
 class Mender {
@@ -220,7 +220,7 @@ int Mender::Read(std::uint64_t& position, std::int64_t block, std::uint32_t& col
 
 /// Follows blocks from a bit on, the first taken for the one of that index, up to `most` of them.
 Chain Mender::Follow(std::uint64_t position, std::int64_t block, std::int64_t most) {
-  Chain chain{block, 0, position, position, 0, false};
+  Chain chain{.first = block, .from = position, .to = position};
   const std::int64_t end = std::min(numBlocks_, block + most);
   BlockCells cells;
   while (block + chain.count < end && trialsLeft_ > 0) {
@@ -256,7 +256,7 @@ void Mender::Store(const Chain& chain) {
 Chain Mender::FindHeader() {
   constexpr std::uint64_t kHeaderBits = 16;
   constexpr int kMostFieldBits = 5;
-  Chain best{0, 0, kHeaderBits, kHeaderBits, 0, false};
+  Chain best{.from = kHeaderBits, .to = kHeaderBits};
   if (bytes_.size() < 2) return best;
   range_ = {static_cast<std::int8_t>(bytes_[0]), static_cast<std::int8_t>(bytes_[1])};
   if (range_.IsValid()) best = Follow(kHeaderBits, 0, numBlocks_);

@@ -125,7 +125,7 @@ bool CodedBandsEndedWell(const TileCompRecord& record, const BandMemory& memory)
 
 LockedPlane::LockedPlane(TileCompRecord& record) : record_(record) {
   EnsureCoefficients(record);
-  lock_ = BufferLock(record.waveletData->ImageBuffer);
+  lock_ = BufferLock(record.shown.waveletData->ImageBuffer);
   if (!lock_) Raise(KelErrNoMemory, kModuleImageMap);
   for (int b = 0; b < NumSubbands(record.dec->decodeRes); ++b) {
     EnsureBandFilled(record, b, lock_.As<std::int32_t>());

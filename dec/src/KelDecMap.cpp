@@ -19,7 +19,7 @@ void InitDecTileComp(const ImageMap& map, const TileRecord& tile, TileCompRecord
                      std::int32_t c) {
   DecTileComp& comp = *record.dec;
   comp.sampleDepth = SampleDepth(map, c);
-  if (record.outputImage == nullptr) record.outputImage = NewImage();
+  if (record.shown.outputImage == nullptr) record.shown.outputImage = NewImage();
   ReleaseParamSet(comp.params);
   comp.params.style = tile.dec->params.style;
   comp.params.quant = tile.dec->params.quant;

@@ -88,7 +88,7 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
 void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
                       const TileCompRecord& record) {
   const HostPlacement place = PlaceInHostBuffer(map, request, record);
-  const KelImageData& image = *record.outputImage;
+  const KelImageData& image = *record.shown.outputImage;
   if (place.address == nullptr || image.SizeOfDataType != place.sampleBytes ||
       image.Width < place.skipX + place.width || image.Height < place.skipY + place.height) {
     return;

@@ -401,7 +401,7 @@ Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const Pack
     if (!isTaken) outcome = Outcome::kNotArrived;
   } else if (fits || part.endIsKnown) {
     EnsureCoefficients(record);
-    const BufferLock lock(record.waveletData->ImageBuffer);
+    const BufferLock lock(record.shown.waveletData->ImageBuffer);
     if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
     auto* cells = lock.As<std::int32_t>();
     outcome = packet.HasDetails() ? DecodeDetails(part, packet, fits, cells)

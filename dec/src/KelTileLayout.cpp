@@ -81,7 +81,7 @@ void EnsureResolutions(TileCompRecord& record) {
 void ReleaseLayout(TileCompRecord& record) noexcept {
   DecTileComp& comp = *record.dec;
   comp.hasData = false;
-  ReleaseImage(record.waveletData);
+  ReleaseImage(record.shown.waveletData);
   ReleaseResolutions(record);
   if (comp.bands != nullptr) KelFree(comp.bands);
   comp.bands = nullptr;
@@ -98,8 +98,9 @@ void SizeTileComp(const ImageMap& map, TileCompRecord& record) {
 
 void DescribeOutput(TileCompRecord& record) {
   DecTileComp& comp = *record.dec;
-  if (record.outputImage == nullptr || record.outputImage->ImageBuffer != nullptr) return;
-  KelImageData& image = *record.outputImage;
+  if (record.shown.outputImage == nullptr || record.shown.outputImage->ImageBuffer != nullptr)
+    return;
+  KelImageData& image = *record.shown.outputImage;
   image.Width = SaturateToInt32(comp.rowStride);
   image.Height = SaturateToInt32(comp.resolutionBox.Height());
   image.SizeOfDataType = 4;
@@ -128,13 +129,13 @@ void EnsureCoefficients(TileCompRecord& record) {
   EnsureBands(record);
   DecTileComp& comp = *record.dec;
   const std::int64_t height = comp.resolutionBox.Height();
-  if (const KelImageData* image = record.waveletData) {
+  if (const KelImageData* image = record.shown.waveletData) {
     if (image->Width == comp.rowStride && image->Height == height && image->SizeOfDataType == 4 &&
         image->ImageBuffer != nullptr) {
       return;
     }
     // A host has put another image here: start over.
-    ReleaseImage(record.waveletData);
+    ReleaseImage(record.shown.waveletData);
   }
   // What was decoded before is lost, if a host has taken the plane away.
   for (int b = 0; b < NumSubbands(comp.decodeRes); ++b) comp.bands[b].isFilled = false;
@@ -144,7 +145,7 @@ void EnsureCoefficients(TileCompRecord& record) {
   KelImageData* image = NewImage();
   InstallSamples(*image, std::move(buffer), static_cast<KelLong>(comp.rowStride),
                  static_cast<KelLong>(height), 4, kIntegerSamples);
-  record.waveletData = image;
+  record.shown.waveletData = image;
 }
 
 void EnsureBandFilled(TileCompRecord& record, std::int32_t b, std::int32_t* cells) {

@@ -77,7 +77,7 @@ class SamplePlane {
   /// Makes the plane the component's output.
   void Install(TileCompRecord& record, KelLong bufferType) {
     lock_ = BufferLock();
-    InstallSamples(*record.outputImage, std::move(buffer_), static_cast<KelLong>(stride_),
+    InstallSamples(*record.shown.outputImage, std::move(buffer_), static_cast<KelLong>(stride_),
                    static_cast<KelLong>(height_), sampleBytes_, bufferType);
   }
 
@@ -131,9 +131,9 @@ class Delivery {
 
  private:
   static void Clear(TileCompRecord& record) {
-    if (record.outputImage == nullptr) record.outputImage = NewImage();
+    if (record.shown.outputImage == nullptr) record.shown.outputImage = NewImage();
     record.dec->frameDone = record.dec->resolutionBox.IsEmpty();
-    record.dataReady = record.dataValid = false;
+    record.shown.dataReady = record.shown.dataValid = false;
   }
 
   // ---- Routes ----
@@ -388,9 +388,9 @@ class Delivery {
   void DeliverTriple() {
     for (int i = 0; i < 3; ++i) Reconstruct(Color(i));
     {
-      const BufferLock locks[3] = {BufferLock(Color(0).outputImage->ImageBuffer),
-                                   BufferLock(Color(1).outputImage->ImageBuffer),
-                                   BufferLock(Color(2).outputImage->ImageBuffer)};
+      const BufferLock locks[3] = {BufferLock(Color(0).shown.outputImage->ImageBuffer),
+                                   BufferLock(Color(1).shown.outputImage->ImageBuffer),
+                                   BufferLock(Color(2).shown.outputImage->ImageBuffer)};
       if (!locks[0] || !locks[1] || !locks[2]) Raise(KelErrNoMemory, kModuleImageMap);
       const Box& box = Color(0).dec->resolutionBox;
       InverseComponentTransform({{locks[0].As<void>(), locks[1].As<void>(), locks[2].As<void>()},
@@ -429,9 +429,10 @@ class Delivery {
     const ChannelRequest channel = ChannelOf(request_, record.tileGeom.Component);
     if (!request_.skipRecast && channel.hasFormat) {
       if (request_.orientation != 0) {
-        CompactRows(*record.outputImage, static_cast<KelLong>(record.dec->resolutionBox.Width()));
+        CompactRows(*record.shown.outputImage,
+                    static_cast<KelLong>(record.dec->resolutionBox.Width()));
       }
-      const KelLong code = record.outputImage->RecastData_Rotation(
+      const KelLong code = record.shown.outputImage->RecastData_Rotation(
           record.dec->sampleDepth, false, channel.outBitDepth, channel.outMax, channel.outMin,
           KelRecastNominal, KelImageOrientation{request_.orientation});
       if (code != KelOK) Raise(code, kModuleImageMap);
@@ -445,15 +446,15 @@ class Delivery {
 
   /// The host's buffer holds the samples, and nothing else does.
   void FinishInHostBuffer(TileCompRecord& record) {
-    record.outputImage->FreeImageBuffer();
+    record.shown.outputImage->FreeImageBuffer();
     DescribeOutput(record);
-    record.dec->frameDone = record.dataReady = true;
+    record.dec->frameDone = record.shown.dataReady = true;
     ReleaseCoefficients(record);
   }
 
   /// The output image holds the samples: gives the host its copy.
   void Finish(TileCompRecord& record) {
-    record.dec->frameDone = record.dataReady = record.dataValid = true;
+    record.dec->frameDone = record.shown.dataReady = record.shown.dataValid = true;
     CopyToHostBuffer(context_.map, request_, record);
     ReleaseCoefficients(record);
   }
@@ -462,7 +463,7 @@ class Delivery {
 
   /// Coefficients of a complete tile are not needed again.
   void ReleaseCoefficients(TileCompRecord& record) {
-    if (tile_.dec->progress.isComplete) ReleaseImage(record.waveletData);
+    if (tile_.dec->progress.isComplete) ReleaseImage(record.shown.waveletData);
   }
 
   const DeliveryContext& context_;

@@ -403,27 +403,29 @@ bool PassUnknown(KelDecDataMgr& data, std::uint32_t marker) {
 struct SegmentReader {
   std::uint32_t code;  ///< second byte of the marker
   void (*read)(HeaderReader& in);
-  bool hasLength;                       ///< read from behind the length field, the segment complete
-  std::uint8_t KelHeaderParams::*seen;  ///< set: this is a repetition, to be passed over
+  /// Read from behind the length field, the segment complete; else from the marker on.
+  bool hasLength = true;
+  /// Set: this is a repetition, to be passed over.
+  std::uint8_t KelHeaderParams::*seen = nullptr;
 };
 
 constexpr SegmentReader kSegments[] = {
-    {format::kSOC, ReadSOC, false, nullptr},
-    {format::kSIZ, ReadSIZ, true, nullptr},
-    {format::kCOD, ReadCOD, true, &KelHeaderParams::seenCOD},
-    {format::kCOC, ReadCOC, true, nullptr},
-    {format::kQCD, ReadQCD, true, nullptr},
-    {format::kQCC, ReadQCC, true, nullptr},
-    {format::kRGN, ReadRGN, true, nullptr},
-    {format::kPOC, ReadPOC, true, &KelHeaderParams::seenPOC},
-    {format::kPPM, RefusePackedHeaders, false, nullptr},
-    {format::kPPT, RefusePackedHeaders, false, nullptr},
-    {format::kCOM, ReadCOM, true, nullptr},
-    {format::kSOT, ReadSOT, false, nullptr},
-    {format::kSOP, PassSOP, false, nullptr},
-    {format::kEPH, PassEPH, false, nullptr},
-    {format::kSOD, ReadSOD, false, nullptr},
-    {format::kEOC, ReadEOC, false, nullptr},
+    {.code = format::kSOC, .read = ReadSOC, .hasLength = false},
+    {.code = format::kSIZ, .read = ReadSIZ},
+    {.code = format::kCOD, .read = ReadCOD, .seen = &KelHeaderParams::seenCOD},
+    {.code = format::kCOC, .read = ReadCOC},
+    {.code = format::kQCD, .read = ReadQCD},
+    {.code = format::kQCC, .read = ReadQCC},
+    {.code = format::kRGN, .read = ReadRGN},
+    {.code = format::kPOC, .read = ReadPOC, .seen = &KelHeaderParams::seenPOC},
+    {.code = format::kPPM, .read = RefusePackedHeaders, .hasLength = false},
+    {.code = format::kPPT, .read = RefusePackedHeaders, .hasLength = false},
+    {.code = format::kCOM, .read = ReadCOM},
+    {.code = format::kSOT, .read = ReadSOT, .hasLength = false},
+    {.code = format::kSOP, .read = PassSOP, .hasLength = false},
+    {.code = format::kEPH, .read = PassEPH, .hasLength = false},
+    {.code = format::kSOD, .read = ReadSOD, .hasLength = false},
+    {.code = format::kEOC, .read = ReadEOC, .hasLength = false},
 };
 
 void ReadSegment(HeaderReader& in) {

@@ -73,11 +73,11 @@ bool MoveTile(const ImageState& state, TileRecord& tile) {
   tile.dec->progress.mustMove = false;
   for (std::int32_t c = 0; c < state.map.numComps; ++c) {
     const TileCompRecord& record = tile.comps[c];
-    if (!record.dec->resolutionBox.IsEmpty() && !record.dataValid) return false;
+    if (!record.dec->resolutionBox.IsEmpty() && !record.shown.dataValid) return false;
   }
   for (std::int32_t c = 0; c < state.map.numComps; ++c) {
     const TileCompRecord& record = tile.comps[c];
-    if (record.dataValid) CopyToHostBuffer(state.map, state.decoder->request, record);
+    if (record.shown.dataValid) CopyToHostBuffer(state.map, state.decoder->request, record);
   }
   return true;
 }

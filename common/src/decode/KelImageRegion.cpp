@@ -55,8 +55,8 @@ KelLong ReleaseTile(ImageState& state, KelLong index) {
   ReleaseStash(tile.dec->early);
   for (std::int32_t c = 0; tile.comps != nullptr && c < state.map.numComps; ++c) {
     TileCompRecord& record = tile.comps[c];
-    record.dataReady = record.dataValid = false;
-    if (record.outputImage != nullptr) record.outputImage->FreeImageBuffer();
+    record.shown.dataReady = record.shown.dataValid = false;
+    if (record.shown.outputImage != nullptr) record.shown.outputImage->FreeImageBuffer();
   }
   return KelOK;
 }

@@ -23,10 +23,20 @@ constexpr std::uint64_t kMostJoinedBytes = 1024;
 constexpr std::uint8_t kEndMarker[format::kMarkerBytes] = {MarkerByteOf(Flavour::kAB),
                                                            format::kEOC};
 
+/// Makes the encoder's records of a tile's components, unless they exist. Raises 8.
+void EnsureEncTileComps(ImageMap& map, TileRecord& tile) {
+  EnsureTileComps(map, tile);
+  if (tile.comps[0].enc != nullptr) return;
+  auto* parts = static_cast<EncTileComp*>(
+      AllocFromMemPool(map.recordPool, SaturatingMul(AsCount(map.numComps), sizeof(EncTileComp))));
+  for (std::int32_t c = 0; c < map.numComps; ++c) tile.comps[c].enc = &parts[c];
+}
+
 /// Drops what an earlier coding of a tile left.
 void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
-  for (KelLong c = 0; tile.comps != nullptr && c < e.settings.GeomParams->Csiz; ++c) {
-    tile.comps[c].codedBytes = 0;
+  const bool wasCoded = tile.comps != nullptr && tile.comps[0].enc != nullptr;
+  for (KelLong c = 0; wasCoded && c < e.settings.GeomParams->Csiz; ++c) {
+    tile.comps[c].enc->codedBytes = 0;
   }
   e.extraChannelsSize = e.transparencySize = -1;
 }
@@ -93,7 +103,7 @@ bool TransformTile(const ImageState& state, const TileRecord& tile) {
 template <class AfterComponent>
 bool CodeTile(ImageState& state, TileRecord& tile, AfterComponent afterComponent) {
   EncoderState& e = *state.encoder;
-  EnsureTileComps(state.map, tile);
+  EnsureEncTileComps(state.map, tile);
   ForgetTile(e, tile);
   for (KelLong c = 0; c < state.map.numComps; ++c) ReleaseOutput(tile.comps[c]);
   ScopeGuard undo([&] { ForgetTile(e, tile); });
@@ -101,7 +111,7 @@ bool CodeTile(ImageState& state, TileRecord& tile, AfterComponent afterComponent
   for (KelLong c = 0; c < state.map.numComps; ++c) {
     if (IsRegionMask(e.settings, c)) continue;
     FinishTileComp(*e.coders[c]);
-    tile.comps[c].codedBytes = TileCompBytes(e.coders[c]->coded, LayersOf(e.settings));
+    tile.comps[c].enc->codedBytes = TileCompBytes(e.coders[c]->coded, LayersOf(e.settings));
     afterComponent();
   }
   if (tile.index == state.map.numTiles - 1) e.isCompressed = true;

@@ -32,6 +32,11 @@ struct EncoderState {
   KelLong byteTarget, extraChannelsSize, transparencySize;
 };
 
+/// The encoder's part of a tile-component, made when its tile is first coded.
+struct EncTileComp {
+  std::uint64_t codedBytes;  ///< of its packets in all layers; 0 until it is coded
+};
+
 inline constexpr std::uint64_t kNumQualitySteps = 101;
 
 /// Initialises an encoder and writes the headers. Returns the code of a failed check, with the

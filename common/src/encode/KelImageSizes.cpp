@@ -53,9 +53,9 @@ std::int64_t SizeOfComponent(const ImageState& state, KelLong component) {
                            : 0;
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
     const TileRecord& tile = state.map.tiles[t];
-    if (tile.comps == nullptr) continue;
+    if (tile.comps == nullptr || tile.comps[component].enc == nullptr) continue;
     bytes += static_cast<std::int64_t>(
-        std::min<std::uint64_t>(tile.comps[component].codedBytes, INT32_MAX));
+        std::min<std::uint64_t>(tile.comps[component].enc->codedBytes, INT32_MAX));
   }
   return bytes;
 }

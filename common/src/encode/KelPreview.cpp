@@ -335,13 +335,14 @@ class TilePreview {
   void Install(KelLong c, OwnedBuffer samples, KelLong sampleBytes, KelLong bufferType) {
     const Box& shown = ViewFor(c).shown;
     TileCompRecord& record = tile_.comps[c];
-    record.outputImage = record.progData = NewImage();
-    InstallSamples(*record.outputImage, std::move(samples), static_cast<KelLong>(shown.Width()),
-                   static_cast<KelLong>(shown.Height()), sampleBytes, bufferType);
+    record.shown.outputImage = record.shown.progData = NewImage();
+    InstallSamples(*record.shown.outputImage, std::move(samples),
+                   static_cast<KelLong>(shown.Width()), static_cast<KelLong>(shown.Height()),
+                   sampleBytes, bufferType);
   }
 
   void InvertColors() {
-    const auto imageOf = [&](int c) { return tile_.comps[c].outputImage; };
+    const auto imageOf = [&](int c) { return tile_.comps[c].shown.outputImage; };
     const BufferLock locks[3] = {BufferLock(imageOf(0)->ImageBuffer),
                                  BufferLock(imageOf(1)->ImageBuffer),
                                  BufferLock(imageOf(2)->ImageBuffer)};
@@ -355,7 +356,7 @@ class TilePreview {
   /// Turns a component's samples, if they are of 32 bits, into those of the preview. An extra
   /// channel at full resolution is shown as it is.
   void Convert(KelLong c) {
-    KelImageData& image = *tile_.comps[c].outputImage;
+    KelImageData& image = *tile_.comps[c].shown.outputImage;
     const KelLong depth = GeometryOf(c).BitDepth;
     if (RouteOf(c) == PreviewRoute::kExtra && resolution_ == options_.NumLevels) {
       RestoreSamples(image, depth);

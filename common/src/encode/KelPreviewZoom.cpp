@@ -65,7 +65,7 @@ void ReadRow(const ZoomJob& job, SampleSource source, std::uint64_t y, float* ro
 /// Whether a preview shows the whole tile-component, so that its samples can be had from there.
 bool IsWholePreview(const TileCompRecord& record) {
   const KelTileGeometry& t = record.tileGeom;
-  const KelImageData* image = record.outputImage;
+  const KelImageData* image = record.shown.outputImage;
   return image != nullptr && image->ImageBuffer != nullptr && image->Width == t.X1 - t.X0 &&
          image->Height == t.Y1 - t.Y0 && image->ImageBufferType == kIntegerSamples &&
          image->SizeOfDataType * 8 == t.BitDepth;
@@ -80,10 +80,10 @@ class ZoomSource {
       isThere_ = host_.Fetch(t.Component, samples_);
       return;
     }
-    samples_.lock = BufferLock(job.record.outputImage->ImageBuffer);
+    samples_.lock = BufferLock(job.record.shown.outputImage->ImageBuffer);
     if (!samples_.lock) Raise(KelErrNoMemory, kModulePreview);
-    samples_.source =
-        MakeSampleSource(samples_.lock.As<void>(), job.record.outputImage->Width, t.BitDepth, 1, 0);
+    samples_.source = MakeSampleSource(samples_.lock.As<void>(),
+                                       job.record.shown.outputImage->Width, t.BitDepth, 1, 0);
     isThere_ = true;
   }
 

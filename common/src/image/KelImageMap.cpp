@@ -21,7 +21,7 @@ void InitTileComp(const ImageMap& map, const TileRecord& tile, TileCompRecord& r
 }
 
 void ReleaseTileComp(TileCompRecord& record) noexcept {
-  ReleaseImage(record.waveletData);
+  ReleaseImage(record.shown.waveletData);
   ReleaseOutput(record);
   TileCompCell*& cell = TileCompRecord::CellOf(record.handle);
   if (cell != nullptr) KelFree(cell);
@@ -79,9 +79,9 @@ void ReleaseImageMap(ImageMap& map) noexcept {
 }
 
 void ReleaseOutput(TileCompRecord& record) noexcept {
-  if (record.progData == record.outputImage) record.progData = nullptr;
-  ReleaseImage(record.progData);
-  ReleaseImage(record.outputImage);
+  if (record.shown.progData == record.shown.outputImage) record.shown.progData = nullptr;
+  ReleaseImage(record.shown.progData);
+  ReleaseImage(record.shown.outputImage);
 }
 
 }  // namespace kel

@@ -19,20 +19,27 @@ namespace kel {
 struct DecMap;
 struct DecTile;
 struct DecTileComp;
+struct EncTileComp;
+
+/// What the handle of a tile-component shows and lets the host set, on either side.
+struct ShownData {
+  bool dataReady;             ///< output exists
+  bool dataValid;             ///< output is in outputImage
+  KelImageData* outputImage;  ///< owned; decoder: samples; encoder: the preview
+  KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
+  KelImageData* waveletData;  ///< owned; decoder: coefficients, while the tile is not complete
+};
 
 /// One component of one tile.
 struct TileCompRecord {
   KelTileGeometry tileGeom;  ///< identity and box
-  bool dataReady;            ///< output exists
-  bool dataValid;            ///< output is in outputImage
   KelEncOpt* encOpt;
   KelDecOpt* decOpt;
-  KelImageData* waveletData;  ///< owned; decoder: coefficients, while the tile is not complete
-  KelImageData* outputImage;  ///< owned; decoder: samples; encoder: the preview
-  KelImageData* progData;     ///< owned unless it is outputImage; encoder: the preview too
-  KelTileComponent handle;    ///< owns its cell
-  DecTileComp* dec;           ///< of the pool; what it owns the decoder releases
-  std::uint64_t codedBytes;   ///< encoder: of its packets in all layers; 0 until it is coded
+  ShownData shown;
+  KelTileComponent handle;  ///< owns its cell
+  // Of the pool; what they own their side releases.
+  DecTileComp* dec;
+  EncTileComp* enc;
 
   /// Access to the handle's cell, for making and releasing handles.
   static TileCompCell*& CellOf(KelTileComponent& handle) { return handle.cell_; }

@@ -24,32 +24,32 @@ void Replace(KelImageData*& place, KelImageData* image, const KelImageData* else
 }  // namespace kel
 
 KelImageData* KelTileComponent::GetOutputImage() const {
-  return cell_->record->outputImage;
+  return cell_->record->shown.outputImage;
 }
 
 void KelTileComponent::SetOutputImage(KelImageData* image) {
-  kel::Replace(cell_->record->outputImage, image, cell_->record->progData);
+  kel::Replace(cell_->record->shown.outputImage, image, cell_->record->shown.progData);
 }
 
 KelImageData* KelTileComponent::GetProgData() const {
-  return cell_->record->progData;
+  return cell_->record->shown.progData;
 }
 
 void KelTileComponent::SetProgData(KelImageData* image) {
-  kel::Replace(cell_->record->progData, image, cell_->record->outputImage);
+  kel::Replace(cell_->record->shown.progData, image, cell_->record->shown.outputImage);
 }
 
 KelImageData* KelTileComponent::GetWaveletData() const {
-  return cell_->record->waveletData;
+  return cell_->record->shown.waveletData;
 }
 
 void KelTileComponent::SetWaveletData(KelImageData* image) {
   if (image != nullptr && image->GetImageBuffer() != nullptr) image->GetImageBuffer()->bufType = 1;
-  kel::Replace(cell_->record->waveletData, image, nullptr);
+  kel::Replace(cell_->record->shown.waveletData, image, nullptr);
 }
 
 void KelTileComponent::ReleaseWaveletData() {
-  cell_->record->waveletData = nullptr;
+  cell_->record->shown.waveletData = nullptr;
 }
 
 KelTileGeometry* KelTileComponent::GetTileGeometryParams() const {
@@ -73,27 +73,27 @@ KelDecOpt* KelTileComponent::GetDecOpt() const {
 }
 
 bool KelTileComponent::TileCompDataReady() const {
-  return cell_->record->dataReady;
+  return cell_->record->shown.dataReady;
 }
 
 void KelTileComponent::SetTileCompDataReady() {
-  cell_->record->dataReady = true;
+  cell_->record->shown.dataReady = true;
 }
 
 void KelTileComponent::ResetTileCompDataReady() {
-  cell_->record->dataReady = false;
+  cell_->record->shown.dataReady = false;
 }
 
 bool KelTileComponent::TileCompDataIsValid() const {
-  return cell_->record->dataValid;
+  return cell_->record->shown.dataValid;
 }
 
 void KelTileComponent::SetTileCompDataIsValid() {
-  cell_->record->dataValid = true;
+  cell_->record->shown.dataValid = true;
 }
 
 void KelTileComponent::ResetTileCompDataIsValid() {
-  cell_->record->dataValid = false;
+  cell_->record->shown.dataValid = false;
 }
 
 void KelTileComponent::Init(kel::TileCompRecord* record) {
