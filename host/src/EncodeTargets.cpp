@@ -1,5 +1,5 @@
 // The search for a size or an error. A few strips of a large picture, coded at some qualities, give
-// the shape of its curve; then the whole picture is coded, mostly once or twice.
+// the shape of its curve; then the whole picture is coded, mostly two or three times.
 #include "EncodeTargets.hpp"
 
 #include <algorithm>

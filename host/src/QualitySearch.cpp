@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
-#include <utility>
 
 namespace kel::host {
 namespace {
@@ -13,87 +12,99 @@ constexpr int kMostMeasurements = 10, kMostEstimates = 3;
 /// Where fractional qualities have closed in, and how far around a point a curve is known.
 constexpr double kFinestDifference = 0.01, kKnownAround = 0.7;
 
-struct Measured {
-  double quality, value;
-};
+bool IsBefore(const QualityPoint& point, double quality) {
+  return point.quality < quality;
+}
+
+void Insert(std::vector<QualityPoint>& points, double quality, double value) {
+  const auto place = std::lower_bound(points.begin(), points.end(), quality, IsBefore);
+  if (place != points.end() && place->quality == quality) return;
+  points.insert(place, {quality, value});
+}
 
 /// The quality to be measured at next, between what was measured below and above the target.
 double NextQuality(const QualityTarget& target, const RisingCurve& curve,
-                   const std::optional<Measured>& below, const std::optional<Measured>& above) {
-  double quality = curve.QualityFor(target.value);
-  if (below && above && !(quality > below->quality && quality < above->quality)) {
-    const double share = (target.value - below->value) / (above->value - below->value);
-    quality = below->quality + std::clamp(share, 0.1, 0.9) * (above->quality - below->quality);
+                   const std::optional<QualityPoint>& below,
+                   const std::optional<QualityPoint>& above, double least, double most) {
+  double quality = curve.QualityFor(target.value, least, most);
+  if (below && above) {  // keeps off the ends, at which it would creep
+    const double length = above->quality - below->quality;
+    quality = std::clamp(quality, below->quality + 0.02 * length, above->quality - 0.02 * length);
   }
-  return target.isFractional ? quality : std::round(quality);
+  return std::clamp(target.isFractional ? quality : std::round(quality), least, most);
 }
 
 }  // namespace
 
-void RisingCurve::Add(double quality, double value) {
-  const auto place = std::ranges::lower_bound(points_, quality, {}, &Point::quality);
-  if (place != points_.end() && place->quality == quality) return;
-  points_.insert(place, {quality, value + distance_});
+void RisingCurve::AddEstimate(double quality, double value) {
+  Insert(shape_, quality, value);
 }
 
-void RisingCurve::MoveTo(double quality, double value) {
-  if (points_.size() < 2) {
-    Add(quality, value - distance_);
-    return;
-  }
-  const double further = value - ValueAt(quality);
-  for (Point& point : points_) point.value += further;
-  distance_ += further;
+void RisingCurve::AddMeasured(double quality, double value) {
+  Insert(measured_, quality, value);
 }
 
 bool RisingCurve::IsKnownAt(double quality) const {
-  return std::ranges::any_of(points_, [&](const Point& point) {
+  return std::any_of(shape_.begin(), shape_.end(), [&](const QualityPoint& point) {
     return std::abs(point.quality - quality) <= kKnownAround;
   });
 }
 
-template <class IsBehind>
-std::pair<RisingCurve::Point, double> RisingCurve::Stretch(IsBehind isBehind) const {
-  if (points_.empty()) return {{quality_, value_}, slope_};
-  if (points_.size() == 1) return {points_[0], slope_};
-  std::size_t end = 1;
-  while (end + 1 < points_.size() && !isBehind(points_[end])) ++end;
-  const Point &from = points_[end - 1], &to = points_[end];
-  const double slope = (to.value - from.value) / (to.quality - from.quality);
-  // Measurements of very little may fall where they should rise.
-  return {from, std::max(slope, slope_ / 8)};
+double RisingCurve::ShapeAt(double quality) const {
+  // Without estimates what was measured gives the shape as well.
+  const std::vector<QualityPoint>& points = shape_.empty() ? measured_ : shape_;
+  if (points.size() < 2) {
+    const QualityPoint& from = points.empty() ? start_ : points[0];
+    return from.value + (quality - from.quality) * slope_;
+  }
+  const auto to = std::lower_bound(points.begin() + 1, points.end() - 1, quality, IsBefore);
+  const auto from = to - 1;
+  const double slope = (to->value - from->value) / (to->quality - from->quality);
+  // Estimates of very little may fall where they should rise.
+  return from->value + (quality - from->quality) * std::max(slope, slope_ / 8);
 }
 
 double RisingCurve::ValueAt(double quality) const {
-  const auto [point, slope] = Stretch([&](const Point& p) { return p.quality >= quality; });
-  return point.value + (quality - point.quality) * slope;
+  const double shape = ShapeAt(quality);
+  if (measured_.empty()) return shape;
+  const auto distance = [&](const QualityPoint& point) {
+    return point.value - ShapeAt(point.quality);
+  };
+  const auto above = std::lower_bound(measured_.begin(), measured_.end(), quality, IsBefore);
+  if (above == measured_.end()) return shape + distance(measured_.back());
+  if (above == measured_.begin()) return shape + distance(*above);
+  const auto below = above - 1;
+  const double share = (quality - below->quality) / (above->quality - below->quality);
+  return shape + distance(*below) + share * (distance(*above) - distance(*below));
 }
 
-double RisingCurve::QualityFor(double value) const {
-  const auto [point, slope] = Stretch([&](const Point& p) { return p.value >= value; });
-  return point.quality + (value - point.value) / slope;
+double RisingCurve::QualityFor(double value, double least, double most) const {
+  constexpr int kHalvings = 40;  // of at most some hundred: exact enough
+  for (int i = 0; i < kHalvings; ++i) {
+    const double middle = (least + most) / 2;
+    (ValueAt(middle) < value ? least : most) = middle;
+  }
+  return (least + most) / 2;
 }
 
 void SearchQuality(const QualityTarget& target, RisingCurve& curve, const Measure& estimate,
                    const Measure& measure) {
-  std::optional<Measured> below, above;
+  std::optional<QualityPoint> below, above;
   const double step = target.isFractional ? kFinestDifference : 1;
   for (int i = 0; i < kMostMeasurements; ++i) {
     const double least = below ? below->quality + step : target.least;
     const double most = above ? above->quality - step : target.most;
     if (least > most) return;
-    const auto next = [&] {
-      return std::clamp(NextQuality(target, curve, below, above), least, most);
-    };
+    const auto next = [&] { return NextQuality(target, curve, below, above, least, most); };
     double quality = next();
     for (int j = 0; estimate && j < kMostEstimates && !curve.IsKnownAt(quality); ++j) {
-      curve.Add(quality, estimate(quality));
+      curve.AddEstimate(quality, estimate(quality));
       quality = next();
     }
     const double value = measure(quality);
     if (value >= target.value - target.below && value <= target.value + target.above) return;
     (value < target.value ? below : above) = {quality, value};
-    curve.MoveTo(quality, value);
+    curve.AddMeasured(quality, value);
   }
 }
 

@@ -4,39 +4,37 @@
 #define KEL_HOST_QUALITY_SEARCH_HPP
 
 #include <functional>
-#include <utility>
 #include <vector>
 
 namespace kel::host {
 
-/// What is known of a quantity as it rises with the quality: straight between the points that were
-/// measured, and on from the outer ones.
+struct QualityPoint {
+  double quality, value;
+};
+
+/// What is known of a quantity as it rises with the quality. Estimates, which are taken on a part
+/// of a picture, give the shape of the curve: straight between them, and on from the outer ones.
+/// Measurements of the whole picture tell how far above or below that shape the curve runs.
 class RisingCurve {
  public:
-  /// The line that stands as long as fewer than two points were measured.
-  RisingCurve(double quality, double value, double slope)
-      : quality_(quality), value_(value), slope_(slope) {}
+  /// The line that stands as long as nothing is known, and whose slope holds until there are two
+  /// points.
+  RisingCurve(double quality, double value, double slope) : start_{quality, value}, slope_(slope) {}
 
-  void Add(double quality, double value);
-  /// Moves the curve, and points that will be added, to where it passes through a point: what is
-  /// measured on a part of a picture has the shape of the whole one's.
-  void MoveTo(double quality, double value);
-  /// Whether a point was added so near to a quality that the curve is known there.
+  void AddEstimate(double quality, double value);
+  void AddMeasured(double quality, double value);
+  /// Whether an estimate stands so near to a quality that the curve is known there.
   bool IsKnownAt(double quality) const;
-  double ValueAt(double quality) const;
-  double QualityFor(double value) const;
+  /// The quality, in a range, at which the curve reaches a value; an end where it does not.
+  double QualityFor(double value, double least, double most) const;
 
  private:
-  struct Point {
-    double quality, value;
-  };
-  /// The stretch that ends at the first point for which `isBehind` holds, or the last one.
-  template <class IsBehind>
-  std::pair<Point, double> Stretch(IsBehind isBehind) const;
+  double ShapeAt(double quality) const;
+  double ValueAt(double quality) const;
 
-  double quality_, value_, slope_;
-  double distance_ = 0;        ///< by which the curve was moved
-  std::vector<Point> points_;  ///< of rising quality
+  QualityPoint start_;
+  double slope_;
+  std::vector<QualityPoint> shape_, measured_;  ///< of rising quality
 };
 
 /// What is looked for, and how exactly.
@@ -49,8 +47,8 @@ struct QualityTarget {
 using Measure = std::function<double(double quality)>;
 
 /// Measures at the qualities that a curve suggests, until a value will do, the qualities at hand
-/// close in, or many were tried. The curve moves to each measurement. `estimate`, when there is
-/// one, costs little and gives the curve its shape around the qualities to be measured at.
+/// close in, or many were tried. `estimate`, when there is one, costs little and gives the curve
+/// its shape around the qualities to be measured at.
 void SearchQuality(const QualityTarget& target, RisingCurve& curve, const Measure& estimate,
                    const Measure& measure);
 
