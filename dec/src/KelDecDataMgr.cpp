@@ -36,7 +36,7 @@ std::uint64_t ReadFrom(KelCodeStm& stream, std::uint8_t* destination, std::uint6
 
 // ---- Set-up and state ----
 
-int KelDecDataMgr::InitFromMemory(const KelCompressedData& block, Flavour flavour) {
+void KelDecDataMgr::InitFromMemory(const KelCompressedData& block, Flavour flavour) {
   ReleaseWindow();
   memoryMode_ = true;
   endsBefore_ = INT64_MAX;
@@ -45,11 +45,10 @@ int KelDecDataMgr::InitFromMemory(const KelCompressedData& block, Flavour flavou
   stream_ = nullptr;
   SetWindow(block.data, block.data != nullptr ? block.length : 0);
   capacity_ = Available();
-  return KelOK;
 }
 
-int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity,
-                                  KelCodeStm* stream, Flavour flavour) {
+bool KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity,
+                                   KelCodeStm* stream, Flavour flavour) {
   ReleaseWindow();
   memoryMode_ = false;
   flavour_ = flavour;
@@ -63,7 +62,7 @@ int KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capacit
   streamPosition_ = stream != nullptr ? stream->GetCurPos() : 0;
   knownEnd_ = kUnknown;
   endsBefore_ = INT64_MAX;
-  return Load(1) == kBufferedOk ? KelOK : kNothingRead;
+  return Load(1) == kBufferedOk;
 }
 
 void KelDecDataMgr::ExpectMore() {

@@ -26,7 +26,6 @@ namespace kel {
 
 // Codes of buffer requests and moves. They stay inside the library.
 inline constexpr int kBufferedOk = 0;
-inline constexpr int kNothingRead = 3;    ///< InitFromStream: not a byte arrived
 inline constexpr int kAboveCapacity = 5;  ///< EnsureBuffered: more than the window can hold
 inline constexpr int kDataEnded = -1;     ///< EnsureBuffered: fewer bytes are left
 
@@ -56,12 +55,12 @@ class KelDecDataMgr {
   // ---- Set-up and state ----
 
   /// Reads a block of the host's memory, which must stay valid. Saved positions and tile grid of
-  /// an earlier use survive. Returns 0.
-  int InitFromMemory(const KelCompressedData& block, Flavour flavour);
+  /// an earlier use survive.
+  void InitFromMemory(const KelCompressedData& block, Flavour flavour);
   /// Reads a stream from where it stands, with a first load of min(firstLoad, capacity) bytes.
-  /// Returns 0, or kNothingRead. The tile-part queries need a capacity of 64 bytes at least.
-  int InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity, KelCodeStm* stream,
-                     Flavour flavour);
+  /// False when not a byte arrived. The tile-part queries need a capacity of 64 bytes at least.
+  [[nodiscard]] bool InitFromStream(std::uint32_t firstLoad, std::uint32_t capacity,
+                                    KelCodeStm* stream, Flavour flavour);
   /// A stream that has ended may have grown: it is asked again.
   void ExpectMore();
   /// Releases the window; a seekable stream is moved back by the bytes read but not consumed.

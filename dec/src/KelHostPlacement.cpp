@@ -5,6 +5,7 @@
 
 #include "base/KelRaise.h"
 #include "samples/KelImageDataAccess.h"
+#include "samples/KelRecast.h"
 
 namespace kel {
 namespace {
@@ -104,6 +105,14 @@ void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
   }
 }
 
+void RecastFor(const ChannelRequest& channel, KelLong sampleDepth, KelLong orientation,
+               KelImageData& image) {
+  const RecastTarget target = {sampleDepth, channel.outBitDepth, channel.outMax, channel.outMin,
+                               KelRecastNominal};
+  NamingModule(kModuleImageMap,
+               [&] { Recast(image, target, false, KelImageOrientation{orientation}); });
+}
+
 bool FillHostBuffer(const ImageMap& map, const FrameRequest& request,
                     const TileCompRecord& record) {
   const HostPlacement place = PlaceInHostBuffer(map, request, record);
@@ -111,14 +120,10 @@ bool FillHostBuffer(const ImageMap& map, const FrameRequest& request,
   // The sample is made as all samples are: from a 32-bit one, by the conversion asked for.
   const ChannelRequest& channel = request.channels[record.tileGeom.Component];
   KelImageData zero;
-  KelLong code = zero.InitKelImageData(1, 1, 4, kIntegerSamples, nullptr);
   ScopeGuard release([&] { zero.FreeImageBuffer(); });
-  if (code == KelOK) {
-    code = zero.RecastData_Rotation(record.dec->sampleDepth, false, channel.outBitDepth,
-                                    channel.outMax, channel.outMin, KelRecastNominal,
-                                    KelImageOrientation{KelOrientation0});
-  }
+  const KelLong code = zero.InitKelImageData(1, 1, sizeof(std::int32_t), kIntegerSamples, nullptr);
   if (code != KelOK) Raise(code, kModuleImageMap);
+  RecastFor(channel, record.dec->sampleDepth, KelOrientation0, zero);
   const BufferLock lock(zero.ImageBuffer);
   if (!lock) Raise(KelErrNoMemory, kModuleImageMap);
   const auto* sample = lock.As<std::uint8_t>();

@@ -31,6 +31,10 @@ HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request
 void CopyToHostBuffer(const ImageMap& map, const FrameRequest& request,
                       const TileCompRecord& record);
 
+/// Turns a component's 32-bit samples into the form that is asked for. Raises 8.
+void RecastFor(const ChannelRequest& channel, KelLong sampleDepth, KelLong orientation,
+               KelImageData& image);
+
 /// Fills a component's place in the host's buffer with the sample that coefficients of zero make.
 /// False when the buffer cannot be used. Raises 8.
 bool FillHostBuffer(const ImageMap& map, const FrameRequest& request, const TileCompRecord& record);

@@ -432,10 +432,7 @@ class Delivery {
         CompactRows(*record.shown.outputImage,
                     static_cast<KelLong>(record.dec->resolutionBox.Width()));
       }
-      const KelLong code = record.shown.outputImage->RecastData_Rotation(
-          record.dec->sampleDepth, false, channel.outBitDepth, channel.outMax, channel.outMin,
-          KelRecastNominal, KelImageOrientation{request_.orientation});
-      if (code != KelOK) Raise(code, kModuleImageMap);
+      RecastFor(channel, record.dec->sampleDepth, request_.orientation, *record.shown.outputImage);
     }
     Finish(record);
   }

@@ -31,6 +31,13 @@ void ThrowFailure(const KelException& raised, Failure kind, const KelErrorPlace&
   throw Error(kind, sentence, raised, place);
 }
 
+void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind) {
+  KelException raised = index.GetErrorDetails();
+  const KelErrorPlace place = index.GetErrorPlace();
+  raised.errCode = code;
+  ThrowFailure(raised, kind, place);
+}
+
 void AskForTime(KelUserActions& actions) {
   actions.AbortRequested = [] { return static_cast<KelLong>(TimeIsUp()); };
 }
@@ -63,16 +70,9 @@ KelLong Index::Open(ByteView bytes) {
   return index_.InitIndex(nullptr, &block);
 }
 
-void Index::Refuse(KelLong code) {
-  KelException raised = index_.GetErrorDetails();
-  raised.errCode = code;
-  index_.Die();
-  ThrowFailure(raised, Failure::kInput);
-}
-
-Index::Index(ByteView bytes) {
+Index::Index(ByteView bytes) : Index() {  // so that the destructor runs when this throws
   const KelLong code = Open(bytes);
-  if (code != KelOK) Refuse(code);
+  if (code != KelOK) ThrowIndexFailure(index_, code, Failure::kInput);
 }
 
 Index::~Index() {
@@ -85,7 +85,7 @@ std::unique_ptr<Index> Index::OfArrived(ByteView bytes) {
   const KelLong code = index->Open(bytes);
   if (code == KelOK) return index;
   if (index->index_.DataEndInHeader()) return nullptr;
-  index->Refuse(code);
+  ThrowIndexFailure(index->index_, code, Failure::kInput);
 }
 
 std::span<const KelIndexComponent> Index::Components() const {
@@ -94,7 +94,7 @@ std::span<const KelIndexComponent> Index::Components() const {
 
 const KelIndexTileParts& Index::TileParts() {
   const KelIndexTileParts* parts = index_.GetTileParts();
-  if (parts == nullptr) ThrowFailure(index_.GetErrorDetails(), Failure::kMemory);
+  if (parts == nullptr) ThrowIndexFailure(index_, KelErrNoMemory, Failure::kMemory);
   return *parts;
 }
 

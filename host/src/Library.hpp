@@ -28,6 +28,9 @@ void Check(KelLong code, const KelImage& image, Failure kind);
 /// A tile-component's handle; throws Error (kMemory) when the library cannot make it.
 KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::size_t component);
 
+/// Throws what an index object failed with last, with the code that it returned.
+[[noreturn]] void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind);
+
 /// Lets the library ask whether the limit on time has been reached.
 void AskForTime(KelUserActions& actions);
 
@@ -65,7 +68,6 @@ class Index {
  private:
   Index() = default;
   KelLong Open(ByteView bytes);
-  [[noreturn]] void Refuse(KelLong code);
 
   KelStreamIndex index_;
 };

@@ -47,11 +47,13 @@ RangeIndex::RangeIndex(RangeSource& source) : stream_(source) {
   RequireSession();
   const KelLong code = index_.InitIndex(stream_.Stream(), nullptr);
   if (code == KelOK) return;
-  KelException raised = index_.GetErrorDetails();
-  raised.errCode = code;
-  index_.Die();
-  stream_.Rethrow();
-  ThrowFailure(raised, Failure::kInput);
+  try {
+    stream_.Rethrow();
+    ThrowIndexFailure(index_, code, Failure::kInput);
+  } catch (...) {
+    index_.Die();
+    throw;
+  }
 }
 
 RangeIndex::~RangeIndex() {
@@ -61,7 +63,7 @@ RangeIndex::~RangeIndex() {
 template <class Result>
 const Result& RangeIndex::Checked(const Result* result) {
   stream_.Rethrow();
-  if (result == nullptr) ThrowFailure(index_.GetErrorDetails(), Failure::kMemory);
+  if (result == nullptr) ThrowIndexFailure(index_, KelErrNoMemory, Failure::kMemory);
   return *result;
 }
 

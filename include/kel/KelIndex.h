@@ -152,6 +152,8 @@ class KEL_API KelStreamIndex {
   KelLong Die();
   /// A copy of the details of the last failure.
   KelException GetErrorDetails() const;
+  /// The place of the failure that GetErrorDetails tells of; line -1 without one.
+  KelErrorPlace GetErrorPlace() const;
 
   /// The facts; null unless InitIndex succeeded.
   const KelIndexFacts* GetFacts() const;

@@ -28,11 +28,11 @@ class DataSource {
     kel::ScopeGuard release([&] { manager_->Release(); });
     if (how.memory) {
       const KelCompressedData block{bytes.data(), static_cast<KelULong>(bytes.size())};
-      result = manager_->InitFromMemory(block, flavour);
+      manager_->InitFromMemory(block, flavour);
     } else {
       host.emplace(bytes, how.seekable);
       host->mostPerRead = how.mostPerRead;
-      result =
+      isThere =
           manager_->InitFromStream(kel::kFirstLoadBytes, how.capacity, host->Stream(), flavour);
     }
     release.Disarm();
@@ -46,7 +46,7 @@ class DataSource {
 
   Bytes bytes;
   std::optional<HostStream> host;
-  int result = 0;  ///< of the initialisation
+  bool isThere = true;  ///< a byte at least, of a stream
 
  private:
   kel::OwnedRecord<kel::KelDecDataMgr> manager_;

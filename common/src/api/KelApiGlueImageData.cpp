@@ -7,7 +7,17 @@
 
 namespace {
 
-constexpr auto kCodeItself = [](KelLong code) { return code; };
+/// The code of a conversion.
+template <class Convert>
+KelLong Converted(Convert convert) {
+  return kel::Guard(
+      nullptr,
+      [&] {
+        convert();
+        return KelLong{KelOK};
+      },
+      [](KelLong code) { return code; });
+}
 
 }  // namespace
 
@@ -20,23 +30,20 @@ KelLong KelImageData::RecastData(KelLong bitDepth, bool signedOutput, KelLong nu
 KelLong KelImageData::RecastDataTo8BppUnsigned(KelLong bitDepth, KelLong outMax, KelLong outMin,
                                                KelRecastMeth method) {
   const kel::RecastTarget target = {bitDepth, 8, outMax, outMin, method};
-  return kel::Guard(
-      nullptr, [&] { return kel::RecastToBytes(*this, target); }, kCodeItself);
+  return Converted([&] { kel::RecastToBytes(*this, target); });
 }
 
 KelLong KelImageData::RecastDataTo16BppUnsigned(KelLong bitDepth, KelLong outMax, KelLong outMin,
                                                 KelRecastMeth method) {
   const kel::RecastTarget target = {bitDepth, 16, outMax, outMin, method};
-  return kel::Guard(
-      nullptr, [&] { return kel::RecastToWords(*this, target); }, kCodeItself);
+  return Converted([&] { kel::RecastToWords(*this, target); });
 }
 
 KelLong KelImageData::RecastData_Rotation(KelLong bitDepth, bool signedOutput, KelLong numBits,
                                           KelLong outMax, KelLong outMin, KelRecastMeth method,
                                           KelImageOrientation orientation) {
   const kel::RecastTarget target = {bitDepth, numBits, outMax, outMin, method};
-  return kel::Guard(
-      nullptr, [&] { return kel::Recast(*this, target, signedOutput, orientation); }, kCodeItself);
+  return Converted([&] { kel::Recast(*this, target, signedOutput, orientation); });
 }
 
 KelLong KelImageData::CropData(KelLong x0, KelLong x1, KelLong y0, KelLong y1) {

@@ -35,6 +35,11 @@ KelException KelStreamIndex::GetErrorDetails() const {
   return state_ != nullptr ? state_->failure : KelException();
 }
 
+KelErrorPlace KelStreamIndex::GetErrorPlace() const {
+  if (state_ == nullptr) return {nullptr, -1};
+  return {state_->failure.file, state_->failure.lineNum};
+}
+
 const KelIndexFacts* KelStreamIndex::GetFacts() const {
   return state_ != nullptr && state_->isReady ? &state_->facts : nullptr;
 }

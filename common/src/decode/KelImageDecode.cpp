@@ -64,9 +64,9 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
   } else {
     state.codeStm = stream;
     const std::uint32_t firstLoad = state.servesIndex ? kLittleLoadBytes : kFirstLoadBytes;
-    const int result = d.dataMgr->InitFromStream(firstLoad, kWindowBytes, stream, d.flavour);
+    const bool isThere = d.dataMgr->InitFromStream(firstLoad, kWindowBytes, stream, d.flavour);
     if (state.servesIndex) d.dataMgr->SetLoadAfterMove(kLittleAfterMove);
-    if (result != kBufferedOk) return Fail(state, result);
+    if (!isThere) return Fail(state, KelErrNothingRead);
   }
   d.dataMgr->EnsureBuffered(kHeaderBytes);
   return KelOK;

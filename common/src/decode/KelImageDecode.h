@@ -23,7 +23,7 @@ struct DecoderState {
   KelFileInfo* fileInfo;         ///< owned; null for a bare code stream
   KelEncOpt* description;        ///< owned; what the headers told of the image
   KelHeaderParams mainHeader;    ///< owns its records
-  Failure refusal;               ///< of the first tile-part header that this frame refused
+  Failure refusal;               ///< the first of this frame that it goes on after
   KelULong framesDecoded;
   KelULong bytesLastFrame;
   KelLong orientation;

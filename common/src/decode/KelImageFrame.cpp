@@ -14,9 +14,9 @@ namespace {
 /// What the reader stands on when a frame begins.
 enum class FrameSource : std::uint8_t { kReady, kNothing };
 
-/// Sets the reader up over the data of this frame, at the first tile-part. A non-zero code means
-/// that not a byte could be read there.
-FrameSource OpenFrame(ImageState& state, const KelCompressedData* block, KelLong& code) {
+/// Sets the reader up over the data of this frame, at the first tile-part. That not a byte could be
+/// read there is the frame's refusal.
+FrameSource OpenFrame(ImageState& state, const KelCompressedData* block) {
   DecoderState& d = *state.decoder;
   KelDecDataMgr& data = *d.dataMgr;
   const bool isFirst = d.framesDecoded == 0;
@@ -28,13 +28,16 @@ FrameSource OpenFrame(ImageState& state, const KelCompressedData* block, KelLong
     if (!d.streamIsSeekable || state.codeStm->seek(1, SaturateToInt32(data.PositionB())) < 0) {
       return FrameSource::kNothing;
     }
-    code = data.InitFromStream(kFirstLoadBytes, kWindowBytes, state.codeStm, d.flavour);
+    if (!data.InitFromStream(kFirstLoadBytes, kWindowBytes, state.codeStm, d.flavour)) {
+      d.refusal = MakeFailure(KelErrNothingRead, kModuleImage);
+      return FrameSource::kNothing;
+    }
   } else if (block != nullptr || !isFirst) {
     if (block != nullptr) d.block = *block;
     data.InitFromMemory(d.block, d.flavour);
     data.ReturnToPositionB();
   }
-  return code == KelOK ? FrameSource::kReady : FrameSource::kNothing;
+  return FrameSource::kReady;
 }
 
 /// Leaves the source as the next frame expects it, whatever has happened in this one.
@@ -118,22 +121,19 @@ bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
     pass.decoder.furthest = furthest;
   });
   tile.dec->progress.takesBands = true;
-  const KelLong code = ReadTile(pass, tile);
-  const bool isWhole =
-      code == KelOK && tile.dec->progress.isComplete && !tile.dec->progress.mustNotTake;
+  const bool isRead = ReadTile(pass, tile);
+  const bool isWhole = isRead && tile.dec->progress.isComplete && !tile.dec->progress.mustNotTake;
   if (!isWhole || !DeliverTile(delivery, tile, scratch)) return false;
   restart.Disarm();
   return true;
 }
 
-/// Decodes and delivers the tiles in raster order. Where one fails the others go on; the result is
-/// the first failure's.
-KelLong VisitTiles(ImageState& state) {
+/// Decodes and delivers the tiles in raster order. Where one fails the others go on.
+void VisitTiles(ImageState& state) {
   DecoderState& d = *state.decoder;
   TilePass pass{.map = state.map, .decoder = d, .dataEnded = false, .lastTile = -1};
   const DeliveryContext delivery = DescribeDelivery(state);
   OutputScratch scratch;
-  KelLong code = KelOK;
   BeginProgress(state.progress, state.map.numTiles);
   ScopeGuard end([&] { EndProgress(state.progress); });
   for (std::int32_t t = 0; t < state.map.numTiles; ++t) {
@@ -144,11 +144,9 @@ KelLong VisitTiles(ImageState& state) {
     if (tile.dec->progress.isDelivered) continue;
     AskToGoOn(d.work);
     if (TakeTile(pass, delivery, tile, scratch)) continue;
-    const KelLong result = ReadTile(pass, tile);
-    if (code == KelOK) code = result;
+    static_cast<void>(ReadTile(pass, tile));  // what has arrived is delivered in any case
     DeliverTile(delivery, tile, scratch);
   }
-  return code;
 }
 
 }  // namespace
@@ -162,21 +160,18 @@ KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConver
   const bool fromStream = data == nullptr && state.codeStm != nullptr;
   ScopeGuard close([&] { CloseFrame(state, fromStream); });
 
-  KelLong code = KelOK;
-  if (OpenFrame(state, data, code) == FrameSource::kReady) {
+  if (OpenFrame(state, data) == FrameSource::kReady) {
     ScopeGuard notePosition(
         [&] { d.bytesLastFrame = static_cast<KelULong>(reader.GetPosition()); });
     reader.RefreshTileParts();
     NoteRequest(state,
                 TakeRequest(frame, state.map.numComps, skipConversion, skipRecast, d.orientation));
-    code = VisitTiles(state);
+    VisitTiles(state);
     if (reader.IndexAllowed()) reader.MoveTo(d.furthest);
     if (reader.IsEOCOrEnd()) reader.ReadEOC();
   }
-  if (code != KelOK) {
-    state.failure = d.refusal.errCode == code ? d.refusal : MakeFailure(code, kModuleImage);
-  }
-  return code;
+  if (d.refusal.errCode != KelOK) state.failure = d.refusal;
+  return d.refusal.errCode;
 }
 
 }  // namespace kel

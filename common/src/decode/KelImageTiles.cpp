@@ -98,10 +98,15 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
 
 namespace {
 
-/// Keeps what the first refused header of a frame was refused with; returns the result's code.
-KelLong NoteRefusal(DecoderState& d, const HeaderResult& header) {
-  if (d.refusal.errCode == KelOK) d.refusal = header.refusal;
-  return header.refusal.errCode;
+/// Keeps the first refusal of a frame.
+void NoteRefusal(DecoderState& d, const Failure& refusal) {
+  if (d.refusal.errCode == KelOK) d.refusal = refusal;
+}
+
+/// There is nothing of a tile. That is refused when others are there, else it may still come.
+bool MissTile(DecoderState& d, bool othersAreThere) {
+  if (othersAreThere) NoteRefusal(d, MakeFailure(KelErrBadParam, kModuleImage));
+  return !othersAreThere;
 }
 
 /// Whether a tile-part is a header without a segment beside SOT, and the tile has not begun: then
@@ -112,35 +117,36 @@ bool IsBare(const TileRecord& tile, const FoundPart& part) {
 }
 
 /// Reads a tile-part, or what has arrived of it, into its tile: from its header on, or, when it is
-/// open already, from where its reading stopped. The code is that of its header.
-KelLong ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
+/// open already, from where its reading stopped. False when its header is refused.
+bool ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
   TileProgress& progress = tile.dec->progress;
   KelDecDataMgr& data = part.data;
   if (progress.partIsOpen) {
-    if (!data.MoveTo(progress.resumePosition)) return KelOK;
+    if (!data.MoveTo(progress.resumePosition)) return true;
   } else if (IsBare(tile, part)) {
     progress.numParts = part.number + 1;
     ++progress.numBareParts;
     progress.isChanged = true;
-    return KelOK;
+    return true;
   } else {
-    if (!data.MoveTo(part.start)) return KelOK;
+    if (!data.MoveTo(part.start)) return true;
     EnsureDecTileComps(pass.map, tile);
     const HeaderResult header = ReadTilePartHeader(pass.map, data, tile);
     const bool isPast = data.GetPosition() > part.end;
-    if (header.incomplete && !part.endIsKnown) return KelOK;
+    if (header.incomplete && !part.endIsKnown) return true;
     if (header.refusal.errCode != KelOK || header.incomplete || isPast) {
       progress.numParts = part.number + 1;
       NoteLoss(pass, KelDamageHeader, tile, part);
       LosePart(tile);
-      return NoteRefusal(pass.decoder, header);
+      NoteRefusal(pass.decoder, header.refusal);
+      return header.refusal.errCode == KelOK;
     }
   }
   const PartEnd end = ReadTilePartPackets({data, tile, part.number, part.end, part.endIsKnown,
                                            part.basis, pass.decoder.damages, pass.decoder.work});
   progress.partIsOpen = end == PartEnd::kCutOff;
   if (end == PartEnd::kDamaged) LosePart(tile);
-  return KelOK;
+  return true;
 }
 
 // ---- Data that can be moved in ----
@@ -163,17 +169,17 @@ void NoteUnplaced(const TilePass& pass, const TileRecord& tile) {
   }
 }
 
-KelLong ReadByIndex(TilePass& pass, TileRecord& tile) {
+bool ReadByIndex(TilePass& pass, TileRecord& tile) {
   DecoderState& d = pass.decoder;
   TileProgress& progress = tile.dec->progress;
-  KelLong code = KelOK;
-  while (!progress.isComplete && code == KelOK) {
+  bool isRead = true;
+  while (!progress.isComplete && isRead) {
     const KelTilePartEntry* entry = NextPart(*d.dataMgr, tile);
     if (entry == nullptr) break;
     const FoundPart part = PartOf(*d.dataMgr, *entry);
     const std::int32_t partsBefore = progress.numParts;
     const bool wasOpen = progress.partIsOpen;
-    code = ReadPart(pass, tile, part);
+    isRead = ReadPart(pass, tile, part);
     d.furthest =
         std::max(d.furthest, progress.partIsOpen || part.end == INT64_MAX ? d.dataMgr->GetPosition()
                                                                           : part.end);
@@ -183,15 +189,13 @@ KelLong ReadByIndex(TilePass& pass, TileRecord& tile) {
   const KelTilePartIndex* index = d.dataMgr->TileParts();
   const bool othersAreThere = index != nullptr && (index->lastTile > tile.index ||
                                                    (index->isEnded && index->lastTile >= 0));
-  if (code == KelOK && progress.numParts == 0 && othersAreThere) code = KelErrBadParam;
-  return code;
+  return isRead && (progress.numParts != 0 || MissTile(d, othersAreThere));
 }
 
 // ---- Streams that cannot seek ----
 
-/// Reads the tile's next tile-part from the stash. False when it is not there. The code is that of
-/// its header.
-bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
+/// Reads the tile's next tile-part from the stash. False when it is not there.
+bool ReadStashedPart(TilePass& pass, TileRecord& tile, bool& isRead) {
   if (tile.dec->progress.isBroken) return false;
   StashedPart* stashed = TakeStashedPart(tile.dec->early, tile.dec->progress.numParts);
   if (stashed == nullptr) return false;
@@ -200,9 +204,9 @@ bool ReadStashedPart(TilePass& pass, TileRecord& tile, KelLong& code) {
   data.InitFromMemory({stashed->bytes, static_cast<KelULong>(stashed->length)},
                       pass.decoder.flavour);
   data.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
-  code = ReadPart(pass, tile,
-                  {data, stashed->part, 0, static_cast<std::int64_t>(stashed->length), true,
-                   stashed->position});
+  isRead = ReadPart(pass, tile,
+                    {data, stashed->part, 0, static_cast<std::int64_t>(stashed->length), true,
+                     stashed->position});
   return true;
 }
 
@@ -220,8 +224,8 @@ bool FindWay(TilePass& pass) {
 }
 
 /// Deals with the tile-part under the reader: decodes it when it is the next of its tile, keeps it
-/// when it is early, passes over it when it is of no use.
-KelLong PassPart(TilePass& pass) {
+/// when it is early, passes over it when it is of no use. False when a header is refused.
+bool PassPart(TilePass& pass) {
   KelDecDataMgr& data = *pass.decoder.dataMgr;
   const std::int64_t start = data.GetPosition();
   TileRecord& tile = pass.map.tiles[data.PeekSotIsot()];
@@ -239,12 +243,12 @@ KelLong PassPart(TilePass& pass) {
   const bool isOfUse = !progress.isComplete && !progress.isBroken && !progress.partIsOpen &&
                        number >= progress.numParts && !HasNoSamples(pass.map, tile) &&
                        IsWanted(pass.map, tile);
-  KelLong code = KelOK;
+  bool isRead = true;
   if (isOfUse && number > progress.numParts) {
     StashTilePart(tile.dec->early, data, number, isOpen ? UINT64_MAX : AsCount(extent.end - start));
   } else if (isOfUse) {
-    code = ReadPart(pass, tile, part);
-    while (code == KelOK && !progress.isComplete && ReadStashedPart(pass, tile, code)) {
+    isRead = ReadPart(pass, tile, part);
+    while (isRead && !progress.isComplete && ReadStashedPart(pass, tile, isRead)) {
     }
   } else if (progress.isBroken) {
     NoteLoss(pass, KelDamageNoPlace, tile, part);
@@ -252,30 +256,29 @@ KelLong PassPart(TilePass& pass) {
   pass.decoder.furthest = std::max(pass.decoder.furthest, data.GetPosition());
   // An open one takes all that is left; only the end marker can follow it.
   pass.dataEnded = isOpen ? !data.IsEOC() : !data.MoveTo(extent.end);
-  return code;
+  return isRead;
 }
 
-KelLong ReadInPassing(TilePass& pass, TileRecord& tile) {
+bool ReadInPassing(TilePass& pass, TileRecord& tile) {
   TileProgress& progress = tile.dec->progress;
-  KelLong code = KelOK;
-  while (code == KelOK && !progress.isComplete) {
-    if (ReadStashedPart(pass, tile, code)) continue;
+  bool isRead = true;
+  while (isRead && !progress.isComplete) {
+    if (ReadStashedPart(pass, tile, isRead)) continue;
     pass.dataEnded = pass.dataEnded || !FindWay(pass);
     if (pass.dataEnded) break;
-    code = PassPart(pass);
+    isRead = PassPart(pass);
   }
   KelDecDataMgr& data = *pass.decoder.dataMgr;
   pass.decoder.furthest = std::max(pass.decoder.furthest, data.GetPosition());
   const bool othersAreThere =
       pass.lastTile > tile.index || (pass.dataEnded && pass.lastTile >= 0 && data.IsEOC());
-  if (code == KelOK && progress.numParts == 0 && othersAreThere) code = KelErrBadParam;
-  return code;
+  return isRead && (progress.numParts != 0 || MissTile(pass.decoder, othersAreThere));
 }
 
 }  // namespace
 
-KelLong ReadTile(TilePass& pass, TileRecord& tile) {
-  if (tile.dec->progress.isComplete) return KelOK;
+bool ReadTile(TilePass& pass, TileRecord& tile) {
+  if (tile.dec->progress.isComplete) return true;
   return pass.decoder.dataMgr->IndexAllowed() ? ReadByIndex(pass, tile) : ReadInPassing(pass, tile);
 }
 

@@ -21,10 +21,10 @@ struct TilePass {
 /// header is incomplete. Raises 8, 29.
 HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& tile);
 
-/// Reads everything of a tile that has arrived and was not read yet. Returns 0; 15 when data of
-/// other tiles are there but none of this one; the code of a bad tile-part header. Raises 8,
-/// 28, 29.
-KelLong ReadTile(TilePass& pass, TileRecord& tile);
+/// Reads everything of a tile that has arrived and was not read yet. False when that was refused,
+/// which the decoder notes as the frame's refusal unless it has one: 15 when data of other tiles
+/// are there but none of this one, or the refusal of a tile-part header. Raises 8, 28, 29.
+[[nodiscard]] bool ReadTile(TilePass& pass, TileRecord& tile);
 
 }  // namespace kel
 

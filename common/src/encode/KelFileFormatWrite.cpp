@@ -365,13 +365,13 @@ bool FileRecordsAreWritable(const KelEncOpt& o) {
   return bytes <= kMostRecordBytes;
 }
 
-KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length) {
-  if (!FileRecordsAreWritable(options)) return KelErrBadParam;
+bool WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length) {
+  if (!FileRecordsAreWritable(options)) return false;
   const KelOutBuffer out = NamingModule(kModuleFileFormat, [&] { return MakeBoxes(options); });
   if (stream.IsSeekable()) stream.seek(1, 0);
   WriteOut(stream, out.bytes.Data(), out.count);
   *length = out.count;
-  return KelOK;
+  return true;
 }
 
 }  // namespace kel

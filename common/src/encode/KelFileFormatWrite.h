@@ -15,10 +15,10 @@ namespace kel {
 bool FileRecordsAreWritable(const KelEncOpt& options);
 
 /// Writes the boxes, from the signature to the header of the code-stream box, at the start of a
-/// seekable stream, else at its current position. *length receives their size. Returns 0, or 15,
-/// with nothing written, when the records cannot be written. The options must have passed the
-/// encoder's other checks. Raises 8.
-KelLong WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length);
+/// seekable stream, else at its current position. *length receives their size. False, with nothing
+/// written, when the records cannot be written. The options must have passed the encoder's other
+/// checks. Raises 8.
+[[nodiscard]] bool WriteBoxes(const KelEncOpt& options, KelCodeStm& stream, std::uint32_t* length);
 
 }  // namespace kel
 

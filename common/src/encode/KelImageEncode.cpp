@@ -171,8 +171,7 @@ KelLong Refuse(ImageState& state, SourcePlace place = SourcePlace::Here()) {
 KelLong WriteHeaders(ImageState& state, KelULong* bytes) {
   const KelEncOpt& o = state.encoder->settings;
   std::uint32_t boxBytes = 0;
-  const KelLong code = WriteBoxes(o, *state.codeStm, &boxBytes);
-  if (code != KelOK) return Refuse(state);
+  if (!WriteBoxes(o, *state.codeStm, &boxBytes)) return Refuse(state);
   const std::uint32_t headerBytes = WriteMainHeader(o, state.encoder, *state.codeStm);
   state.encoder->headerBytes = boxBytes + headerBytes;
   if (bytes != nullptr) *bytes = boxBytes + headerBytes;

@@ -363,8 +363,7 @@ class TilePreview {
       return;
     }
     const RecastTarget target = {depth, depth, PreviewMax(depth), 0, KelRecastNominal};
-    const KelLong code = Recast(image, target, false, KelOrientation0);
-    if (code != KelOK) Raise(code, kModulePreview);
+    Recast(image, target, false, KelOrientation0);
   }
 
   ImageState& state_;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <type_traits>
 
+#include "base/KelRaise.h"
 #include "kernels/KelKernels.h"
 #include "samples/KelImageDataAccess.h"
 #include "samples/KelPackedSamples.h"
@@ -283,7 +284,7 @@ bool IsRecastable(const KelImageData& image, const RecastTarget& target) {
 /// packed into whole bytes. An empty image gets an empty buffer. Raises 8 with the container
 /// unchanged.
 template <class Convert>
-KelLong Replace(KelImageData& image, KelLong numBits, bool turned, Convert convert) {
+void Replace(KelImageData& image, KelLong numBits, bool turned, Convert convert) {
   const std::uint64_t width = AsCount(image.Width), height = AsCount(image.Height);
   const KelLong newWidth = turned ? image.Height : image.Width;
   const KelLong newHeight = turned ? image.Width : image.Height;
@@ -291,11 +292,11 @@ KelLong Replace(KelImageData& image, KelLong numBits, bool turned, Convert conve
   {
     const BufferLock source(image.ImageBuffer);
     const bool empty = width == 0 || height == 0;
-    if (!source && !empty) return KelErrNoMemory;
+    if (!source && !empty) Raise(KelErrNoMemory, kModuleImageMap);
     const std::uint64_t rowBytes = PackedRowBytes(newWidth, numBits);
     recast = OwnedBuffer::Make(SaturatingMul(rowBytes, AsCount(newHeight)));
     const BufferLock made(recast.Get());
-    if (!made && !empty) return KelErrNoMemory;
+    if (!made && !empty) Raise(KelErrNoMemory, kModuleImageMap);
     auto* out = made.As<std::uint8_t>();
     if (!empty && image.ImageBufferType == kFloatSamples) {
       convert(Plane<float>{source.As<float>(), width, height}, out);
@@ -304,7 +305,6 @@ KelLong Replace(KelImageData& image, KelLong numBits, bool turned, Convert conve
     }
   }
   InstallSamples(image, std::move(recast), newWidth, newHeight, numBits / 8, kIntegerSamples);
-  return KelOK;
 }
 
 /// The shift of 8-bit samples to bytes, which needs no scale.
@@ -317,10 +317,10 @@ void ShiftToBytes(const Plane<std::int32_t>& in, std::uint8_t* out) {
 
 }  // namespace
 
-KelLong RecastToBytes(KelImageData& image, const RecastTarget& target) {
+void RecastToBytes(KelImageData& image, const RecastTarget& target) {
   if (image.ImageBuffer == nullptr) ForgetDynRange(image);
-  if (!IsRecastable(image, target)) return KelOK;
-  return Replace(image, 8, false, [&](const auto& in, std::uint8_t* out) {
+  if (!IsRecastable(image, target)) return;
+  Replace(image, 8, false, [&](const auto& in, std::uint8_t* out) {
     if (target.method == KelRecastNominal && target.bitDepth == 8) {
       ShiftToBytes(in, out);
     } else {
@@ -329,19 +329,19 @@ KelLong RecastToBytes(KelImageData& image, const RecastTarget& target) {
   });
 }
 
-KelLong RecastToWords(KelImageData& image, const RecastTarget& target) {
-  if (!IsRecastable(image, target)) return KelOK;
-  return Replace(image, 16, false, [&](const auto& in, std::uint8_t* out) {
+void RecastToWords(KelImageData& image, const RecastTarget& target) {
+  if (!IsRecastable(image, target)) return;
+  Replace(image, 16, false, [&](const auto& in, std::uint8_t* out) {
     RecastRows(WordPlan(target, image, in.cells), in, out);
   });
 }
 
-KelLong RecastAndRotate(KelImageData& image, const RecastTarget& target,
-                        KelImageOrientation orientation) {
-  if (!IsRecastable(image, target)) return KelOK;
+void RecastAndRotate(KelImageData& image, const RecastTarget& target,
+                     KelImageOrientation orientation) {
+  if (!IsRecastable(image, target)) return;
   const bool turned = orientation == KelOrientation90 || orientation == KelOrientation270;
   const RecastPlan plan = GeneralPlan(target);
-  return Replace(image, target.numBits, turned, [&](const auto& in, std::uint8_t* out) {
+  Replace(image, target.numBits, turned, [&](const auto& in, std::uint8_t* out) {
     if (orientation == KelOrientation0) {
       RecastRows(plan, in, out);
     } else if (orientation == KelOrientation180) {
@@ -355,13 +355,13 @@ KelLong RecastAndRotate(KelImageData& image, const RecastTarget& target,
   });
 }
 
-KelLong Recast(KelImageData& image, const RecastTarget& target, bool signedOutput,
-               KelImageOrientation orientation) {
+void Recast(KelImageData& image, const RecastTarget& target, bool signedOutput,
+            KelImageOrientation orientation) {
   if (orientation == KelOrientation0 && !signedOutput) {
     if (target.numBits == 8) return RecastToBytes(image, target);
     if (target.numBits == 16) return RecastToWords(image, target);
   }
-  return RecastAndRotate(image, target, orientation);
+  RecastAndRotate(image, target, orientation);
 }
 
 }  // namespace kel

@@ -1,6 +1,6 @@
 // Recasting: 32-bit samples centred on zero become unsigned samples of another depth and range,
 // rotated on request. The rules are those of the public header; these are its operations without
-// the guard. All return 0, also when there is nothing to convert, and raise 8.
+// the guard. Nothing happens when there is nothing to convert. All raise 8.
 #ifndef KEL_RECAST_H
 #define KEL_RECAST_H
 
@@ -17,18 +17,18 @@ struct RecastTarget {
 };
 
 /// To bytes; numBits is not looked at.
-KelLong RecastToBytes(KelImageData& image, const RecastTarget& target);
+void RecastToBytes(KelImageData& image, const RecastTarget& target);
 
 /// To 16-bit words; numBits is not looked at.
-KelLong RecastToWords(KelImageData& image, const RecastTarget& target);
+void RecastToWords(KelImageData& image, const RecastTarget& target);
 
 /// To any depth by the general arithmetic, which bytes and words can also go through; rotated.
-KelLong RecastAndRotate(KelImageData& image, const RecastTarget& target,
-                        KelImageOrientation orientation);
+void RecastAndRotate(KelImageData& image, const RecastTarget& target,
+                     KelImageOrientation orientation);
 
 /// Any of the three: unsigned and unrotated bytes and words have arithmetic of their own.
-KelLong Recast(KelImageData& image, const RecastTarget& target, bool signedOutput,
-               KelImageOrientation orientation);
+void Recast(KelImageData& image, const RecastTarget& target, bool signedOutput,
+            KelImageOrientation orientation);
 
 }  // namespace kel
 
