@@ -14,12 +14,9 @@ struct CodeText {
   std::string_view name, sentence;
 };
 
-/// An initialisation of the decoder that could not read a byte; the library gives it no name.
-constexpr KelLong kNothingRead = 3;
-
 constexpr std::array kCodes = {
     CodeText{KelOK, "KelOK", "no failure"},
-    CodeText{kNothingRead, "nothing read", "there are no data"},
+    CodeText{KelErrNothingRead, "KelErrNothingRead", "there are no data"},
     CodeText{KelErrNoMemory, "KelErrNoMemory", "out of memory"},
     CodeText{KelErrBadMarker, "KelErrBadMarker",
              "a header of the code stream is damaged or cut off"},

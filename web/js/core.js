@@ -17,6 +17,18 @@ const forms = {samples: 0, rgba: 1, planes: 2};
 const roles = ['colour', 'opacity', 'premultipliedOpacity', 'other'];
 const spaces = {12: 'cmyk', 14: 'cielab', 16: 'srgb', 17: 'grey', 18: 'sycc', 19: 'ciejab'};
 const mostBytes = 2 ** 31 - 1;
+/** What is told of a picture when it is opened, in that order. */
+const pictureFacts = [
+  'width',
+  'height',
+  'tilesAcross',
+  'tilesDown',
+  'tileWidth',
+  'tileHeight',
+  'levels',
+  'channels',
+  'depth',
+];
 
 /** A module of four bytes more than nothing: a function that uses a vector. */
 const vectorProbe = new Uint8Array([
@@ -307,31 +319,9 @@ export class Core {
       this.#sources.delete(source);
       throw failure;
     }
-    const [
-      place,
-      width,
-      height,
-      tilesAcross,
-      tilesDown,
-      tileWidth,
-      tileHeight,
-      levels,
-      channels,
-      depth,
-      ...rest
-    ] = this.#numbers();
-    const info = {
-      width,
-      height,
-      tilesAcross,
-      tilesDown,
-      tileWidth,
-      tileHeight,
-      levels,
-      channels,
-      depth,
-    };
-    Object.assign(info, this.#description(rest));
+    const [place, ...facts] = this.#numbers();
+    const info = Object.fromEntries(pictureFacts.map((name) => [name, facts.shift()]));
+    Object.assign(info, this.#description(facts));
     const rangesOf = (tile, reduce, all) => {
       this.#check(this.#wasm.kel_ranges(place, tile, reduce, all));
       const numbers = this.#numbers();

@@ -17,13 +17,7 @@ using kel::Side;
 
 KelLong KelImage::InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientProcs* procs) {
   Die();
-  const KelLong made = kel::Guard(
-      nullptr,
-      [this] {
-        kel::EnsureState(handle_).isEncoder = true;
-        return KelLong{KelOK};
-      },
-      kTheCode);
+  const KelLong made = kel::MakeState(handle_, true);
   if (made != KelOK) return made;
   return Guarded(
       handle_, Side::kEither,

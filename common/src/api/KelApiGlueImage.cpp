@@ -23,6 +23,16 @@ using kel::StateOf;
 
 namespace kel {
 
+KelLong MakeState(ImageHandle*& handle, bool isEncoder) {
+  return Guard(
+      nullptr,
+      [&] {
+        EnsureState(handle).isEncoder = isEncoder;
+        return KelLong{KelOK};
+      },
+      kTheCode);
+}
+
 void ReleaseState(ImageHandle*& handle) noexcept {
   if (handle == nullptr) return;
   if (ImageState* state = handle->state) {
@@ -78,13 +88,7 @@ KelLong KelImage::InitDecoder(KelCodeStm* stream, KelCompressedData* data, KelDe
                               KelClientProcs* procs, KelULong** resolutions,
                               KelDecodePixelAspectRatio aspect) {
   Die();
-  const KelLong made = kel::Guard(
-      nullptr,
-      [this] {
-        kel::EnsureState(handle_).isEncoder = false;
-        return KelLong{KelOK};
-      },
-      kTheCode);
+  const KelLong made = kel::MakeState(handle_, false);
   if (made != KelOK) return made;
   return Guarded(
       handle_, Side::kEither,

@@ -40,8 +40,12 @@ struct HeaderReader {
   std::uint16_t U16() { return static_cast<std::uint16_t>(data.ReadUInt(2)); }
   std::uint32_t U32() { return data.ReadUInt(4); }
   /// Bytes of a component index, and one.
-  int IndexBytes() const { return format::ComponentIndexBytes(set.Csiz); }
-  std::int32_t Index() { return static_cast<std::int32_t>(data.ReadUInt(IndexBytes())); }
+  std::uint32_t IndexBytes() const {
+    return static_cast<std::uint32_t>(format::ComponentIndexBytes(set.Csiz));
+  }
+  std::int32_t Index() {
+    return static_cast<std::int32_t>(data.ReadUInt(static_cast<int>(IndexBytes())));
+  }
 };
 
 // ---- Image and tile sizes ----
@@ -190,16 +194,22 @@ T& RecordOf(T*& records, std::uint32_t& used, std::uint32_t& obtained, std::uint
   return records[numbers[component] - 1];
 }
 
+/// Begins a segment about one component that has so many bytes beside the component's index.
+std::int32_t ReadComponent(HeaderReader& in, std::uint32_t otherBytes, std::uint8_t& seen) {
+  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
+  if (in.length < otherBytes + in.IndexBytes()) Refuse(KelErrBadMarker);
+  seen = 1;
+  const std::int32_t component = in.Index();
+  if (component >= in.set.Csiz) Refuse(KelErrBadMarker);
+  return component;
+}
+
 /// A component's style begins as a copy of the COD's. Its segment has precinct sizes when Scoc says
 /// so and it is longer than its other fields.
 void ReadCOC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
-  const std::uint32_t plainLength = 8U + static_cast<std::uint32_t>(in.IndexBytes());
-  if (in.length < plainLength) Refuse(KelErrBadMarker);
-  set.seenCOC = 1;
-  const std::int32_t component = in.Index();
-  if (component >= set.Csiz) Refuse(KelErrBadMarker);
+  constexpr std::uint32_t kPlainBytes = 8;
+  const std::int32_t component = ReadComponent(in, kPlainBytes, set.seenCOC);
   KelCodingStyle& style =
       RecordOf(set.componentStyles, set.numComponentStyles, set.obtainedComponentStyles,
                set.styleNumbers, set.Csiz, component);
@@ -207,7 +217,7 @@ void ReadCOC(HeaderReader& in) {
   style = *set.codingStyle;
   style.precinctWidthExps = style.precinctHeightExps = nullptr;
   style.component = component;
-  const bool hasPrecincts = (in.U8() & 1) != 0 && in.length > plainLength;
+  const bool hasPrecincts = (in.U8() & 1) != 0 && in.length > kPlainBytes + in.IndexBytes();
   SetDefaultPrecincts(style, hasPrecincts ? 0 : format::kWholePrecinct);
   ReadStyleFields(in, style);
   if (in.cutOff) return;
@@ -268,12 +278,8 @@ void ReadQCD(HeaderReader& in) {
 
 void ReadQCC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
-  if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
-  const std::uint32_t fixedLength = 3U + static_cast<std::uint32_t>(in.IndexBytes());
-  if (in.length < fixedLength) Refuse(KelErrBadMarker);
-  set.seenQCC = 1;
-  const std::int32_t component = in.Index();
-  if (component >= set.Csiz) Refuse(KelErrBadMarker);
+  constexpr std::uint32_t kFixedBytes = 3;
+  const std::int32_t component = ReadComponent(in, kFixedBytes, set.seenQCC);
   auto exponents = OwnedArray<std::int32_t>::Make(kQuantEntries);
   auto mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries);
   KelQuantParams& quant =
@@ -284,7 +290,7 @@ void ReadQCC(HeaderReader& in) {
   quant.exponents = exponents.Release();
   quant.mantissas = mantissas.Release();
   quant.component = component;
-  ReadSteps(in, quant, in.length - fixedLength);
+  ReadSteps(in, quant, in.length - kFixedBytes - in.IndexBytes());
 }
 
 // ---- Region, progression changes, comment ----
@@ -308,7 +314,7 @@ void ReadPOC(HeaderReader& in) {
   KelHeaderParams& set = in.set;
   if (in.InMainHeader() && !in.seenSIZ) Refuse(KelErrBadMarker);
   KelProgressionChanges& changes = *set.progressionChanges;
-  const std::uint32_t entryBytes = 5U + 2U * static_cast<std::uint32_t>(in.IndexBytes());
+  const std::uint32_t entryBytes = 5 + 2 * in.IndexBytes();
   if (in.length < 2 + entryBytes) Refuse(KelErrBadMarker);
   set.seenPOC = 1;
   const auto count = static_cast<std::int32_t>((in.length - 2) / entryBytes);

@@ -165,20 +165,25 @@ KEL_INLINE std::uint64_t CountBits(std::uint64_t word) {
   return static_cast<unsigned>(__builtin_popcountll(word));
 }
 
+/// The two uppermost planes, and how many are below them. A single plane takes the part of the
+/// lower one.
+struct TopPlanes {
+  std::uint64_t upper, lower;
+  unsigned lowBits;
+};
+
+KEL_INLINE TopPlanes ReadTopPlanes(GroupWalk& walk, unsigned planes) {
+  const std::uint64_t first = walk.ReadPlane();
+  if (planes < 2) return {0, first, 0};
+  return {first, walk.ReadPlane(), planes - 2};
+}
+
 template <class Cell>
 KEL_INLINE std::uint64_t DecodeBlock(const std::uint8_t* window, std::uint64_t bits,
                                      std::uint64_t start, unsigned planes, float step, Cell* cells,
                                      std::ptrdiff_t strideCells) {
   GroupWalk walk{window, start, bits};
-  // A single plane takes the part of the lower one.
-  std::uint64_t upper = 0;
-  std::uint64_t lower = walk.ReadPlane();
-  unsigned lowBits = 0;
-  if (planes > 1) {
-    upper = lower;
-    lower = walk.ReadPlane();
-    lowBits = planes - 2;
-  }
+  const auto [upper, lower, lowBits] = ReadTopPlanes(walk, planes);
   const __m256i top[2] = {PackedHalf(upper, lower, 0), PackedHalf(upper, lower, 1)};
   __m256i rows[8];
   __m256i zero[2];
@@ -302,14 +307,8 @@ KEL_INLINE std::uint64_t DecodeNarrowBlock(const std::uint8_t* window, std::uint
                                            std::uint64_t start, unsigned planes, float step,
                                            Cell* cells, std::ptrdiff_t strideCells) {
   GroupWalk walk{window, start, bits};
-  std::uint64_t upper = 0;
-  std::uint64_t lower = walk.ReadPlane();
-  unsigned lowBits = 0;
-  if (planes > 1) {
-    upper = lower;
-    lower = walk.ReadPlane();
-    lowBits = planes - 2;
-  }
+  const TopPlanes uppermost = ReadTopPlanes(walk, planes);
+  const unsigned lowBits = uppermost.lowBits;
   const std::uint64_t phase = walk.position & 7;
   const std::uint8_t* from = window + (walk.position >> 3);
   const auto twice = [](const void* address) {
@@ -325,7 +324,7 @@ KEL_INLINE std::uint64_t DecodeNarrowBlock(const std::uint8_t* window, std::uint
       return _mm256_and_si256(SpreadBits(word, half, kRasterPlaces.codeByte, kRasterPlaces.codeBit),
                               _mm256_set1_epi8(value));
     };
-    const __m256i top = _mm256_or_si256(plane(upper, 2), plane(lower, 1));
+    const __m256i top = _mm256_or_si256(plane(uppermost.upper, 2), plane(uppermost.lower, 1));
     const auto takeRows = [&](unsigned y) {
       const auto row = [&](unsigned number) {
         return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + number * lowBits));
