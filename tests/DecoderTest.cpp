@@ -8,6 +8,7 @@
 #include <set>
 
 #include "DecodeHost.h"
+#include "EncodeHost.h"
 #include "HostMemory.h"
 #include "HostStream.h"
 #include "VectorFile.h"
@@ -187,8 +188,6 @@ TEST_F(Decoder, QueriesTellWhatTheFileHolds) {
   }
 }
 
-// Host buffers must be filled once and left alone while nothing changes, and filled again when the
-// request does.
 // The data that a frame did not use are given back by a seek, while nothing may be thrown.
 TEST_F(Decoder, ASeekThatThrowsDoesNotEndTheProgram) {
   Bytes data = Vector("rev53_grey_5_levels");
@@ -206,6 +205,8 @@ TEST_F(Decoder, ASeekThatThrowsDoesNotEndTheProgram) {
   options.Die();
 }
 
+// Host buffers must be filled once and left alone while nothing changes, and filled again when the
+// request does.
 TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   MemoryDecoder d(Vector("rev53_rgb_rct"));
   const KelImageGeometry& g = *d.image.GetGeometryParams();
@@ -231,6 +232,65 @@ TEST_F(Decoder, AFinishedTileIsDecodedAgainOnlyForAnotherRequest) {
   std::fill(plane.begin(), plane.end(), std::uint8_t{0xEE});
   decode();
   EXPECT_EQ(plane, untouched) << "a buffer whose rows are too short must not be used";
+}
+
+/// A bare code stream with a segment added to its n-th tile-part header, and where that begins.
+std::size_t AddSegment(Bytes& data, int n, const Bytes& segment) {
+  const Bytes SOT = Hex("AB90 000A");
+  auto at = std::search(data.begin(), data.end(), SOT.begin(), SOT.end());
+  const auto length = [&] { return at[6] << 24 | at[7] << 16 | at[8] << 8 | at[9]; };
+  for (; n > 0; --n) at += length();
+  const auto more = static_cast<int>(segment.size()) + length();
+  for (int i = 0; i < 4; ++i) at[6 + i] = static_cast<std::uint8_t>(more >> (24 - 8 * i));
+  const auto start = std::size_t(at - data.begin());
+  data.insert(at + 12, segment.begin(), segment.end());
+  return start;
+}
+
+// Each packet is in a tile-part of its own: those of resolution 0 as a change in the first header
+// says, the others as one in the seventh does. A tile is complete when all have come.
+TEST_F(Decoder, ChangesOfProgressionGoOnInLaterHeaders) {
+  const Bytes plain = Vector("parts_per_component");
+  Bytes data = plain;
+  AddSegment(data, 0, Hex("AB5F 0009 00 00 0002 01 03 01"));
+  const std::size_t seventh = AddSegment(data, 6, Hex("AB5F 0009 01 00 0002 21 03 01"));
+  const auto expected = test::Decode(plain);
+  for (const Source source : {Source::kMemory, Source::kSeekable, Source::kUnseekable}) {
+    for (const std::size_t piece : {std::size_t{0}, seventh}) {
+      const auto decoded = test::Decode(data, {.source = source, .piece = piece});
+      EXPECT_TRUE(decoded.isComplete && decoded.planes == expected.planes) << int(source) << piece;
+    }
+  }
+  MemoryDecoder d(Bytes(data.begin(), data.begin() + std::ptrdiff_t(seventh)));
+  EXPECT_EQ(d.image.GetNextFrame(nullptr, nullptr, false, true, nullptr), KelOK);
+  EXPECT_FALSE(d.image.TileIsComplete(0)) << "the first change ended";
+}
+
+std::ptrdiff_t BoxAt(const Bytes& data, const std::string& type) {
+  return std::search(data.begin(), data.end(), type.begin(), type.end()) - data.begin();
+}
+
+// Boxes that tell no depth, another than the code stream, or not every component's, must not change
+// a sample.
+TEST_F(Decoder, TheCodeStreamsDepthDecides) {
+  const test::Picture picture = test::MakePicture(40, 30, {8, 11, 4}, {1, 1, 1});
+  Bytes few = test::EncodeHost(picture).Encode();
+  const auto list = few.begin() + BoxAt(few, "bpcc");
+  ASSERT_EQ(Bytes(list - 4, list + 7), Hex("0000000B 62706363 07 0A 03"));
+  list[-1] -= 2;
+  few[std::size_t(BoxAt(few, "vrmh") - 1)] -= 2;  // of the box around it
+  few.erase(list + 5, list + 7);
+  for (Bytes data : {Vector("file_jp2_minimal"), Vector("file_weab_minimal"), few}) {
+    Bytes bare(data.begin() + BoxAt(data, data[4] == 'j' ? "jp2c" : "vrmc") + 4, data.end());
+    const auto expected = test::Decode(bare);
+    const auto box = BoxAt(data, "bpcc");
+    for (const int bits : {0, 11, 255}) {
+      data[std::size_t(BoxAt(data, "ihdr") + 14)] = static_cast<std::uint8_t>(bits);
+      const auto decoded = test::Decode(data);
+      EXPECT_EQ(decoded.initCode, KelOK);
+      EXPECT_EQ(decoded.planes, expected.planes) << box << " " << bits;
+    }
+  }
 }
 
 TEST_F(Decoder, RefusedRequestsEndInCode8AndLeakNothing) {

@@ -75,7 +75,8 @@ void ReadImageHeader(BoxReader& in, const BoxExtent& box) {
   in.info.IPR = in.U8() != 0;
 }
 
-/// 'bpcc': a byte per component, sign in bit 7 and depth minus one below.
+/// 'bpcc': a byte per component, sign in bit 7 and depth minus one below. One that is too short
+/// leaves the last components without a depth of the boxes, whatever 'ihdr' said.
 void ReadComponentDepths(BoxReader& in, const BoxExtent& box) {
   KelImageHeaderInfo& header = *in.info.imageHeader;
   if (header.bitDepths == nullptr) Refuse(KelErrBoxSignature);
@@ -86,7 +87,7 @@ void ReadComponentDepths(BoxReader& in, const BoxExtent& box) {
     header.bitDepths[c] = depth & 0x7F;
     header.isSigned[c] = depth >> 7;
   }
-  header.numDepths = std::max(header.numDepths, static_cast<std::uint32_t>(count));
+  header.numDepths = static_cast<std::uint32_t>(count);
 }
 
 /// A resolution value: numerator over denominator, times ten to a signed power.

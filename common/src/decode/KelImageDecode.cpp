@@ -191,7 +191,7 @@ const std::uint8_t* FileDepths(const DecoderState& d) {
   }
   const KelImageHeaderInfo& header = *d.fileInfo->imageHeader;
   if (header.bitDepths == nullptr || header.isSigned == nullptr ||
-      header.NC != static_cast<std::uint32_t>(h.Csiz) ||
+      header.NC != static_cast<std::uint32_t>(h.Csiz) || header.numDepths != header.NC ||
       header.bitDepths[0] + 1 != h.bitDepths[0]) {
     return nullptr;
   }
