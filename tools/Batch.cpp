@@ -8,6 +8,7 @@
 
 #include "Console.hpp"
 #include "Files.hpp"
+#include "Report.hpp"
 #include "Tasks.hpp"
 
 namespace kel::tool {
@@ -76,51 +77,21 @@ Outcome RunPlanned(const PlannedTask& planned, bool isBatch, const TaskSettings&
   return outcome;
 }
 
-/// One line of JSON for each input, added to what the file holds already. Each is whole when it is
-/// written, so that a run that was killed leaves a report that can be read.
-class Report {
- public:
-  explicit Report(const std::string& path) : path_(path) {
-    if (path.empty()) return;
-    if (IsProtected(path)) throw Error(Failure::kOutput, path, "is one of the inputs");
-    file_ = std::fopen(path.c_str(), "ab");
-    if (file_ == nullptr) Fail();
-  }
-  ~Report() {
-    if (file_ != nullptr) std::fclose(file_);
-  }
-  Report(const Report&) = delete;
-  Report& operator=(const Report&) = delete;
-
-  void Add(const Task& task, const TaskNotes& notes, const Outcome& outcome) {
-    if (file_ == nullptr) return;
-    Json line = {{"input", task.input}, {"output", task.output}};
-    std::error_code error;
-    const auto bytes = fs::file_size(task.output, error);
-    const bool isWritten = outcome.code == kDone || outcome.code == kIncompleteInput;
-    if (!error && isWritten) line["bytes"] = bytes;
-    if (outcome.skipped) line["skipped"] = true;
-    line["seconds"] = outcome.seconds;
-    if (notes.psnr) {
-      line["psnr"] = std::isinf(*notes.psnr) ? Json("identical") : Json(*notes.psnr);
-    }
-    if (!notes.warnings.empty()) line["warnings"] = notes.warnings;
-    line["code"] = outcome.code;
-    if (!outcome.message.empty()) line["error"] = outcome.message;
-    const std::string text = line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-    if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() || std::fflush(file_) != 0) {
-      Fail();
-    }
-  }
-
- private:
-  [[noreturn]] void Fail() const {
-    throw Error(Failure::kOutput, path_, std::string("cannot be written: ") + std::strerror(errno));
-  }
-
-  std::string path_;
-  std::FILE* file_ = nullptr;
-};
+/// The line of the report for a task.
+Json ReportLine(const Task& task, const TaskNotes& notes, const Outcome& outcome) {
+  Json line = {{"input", task.input}, {"output", task.output}};
+  std::error_code error;
+  const auto bytes = fs::file_size(task.output, error);
+  const bool isWritten = outcome.code == kDone || outcome.code == kIncompleteInput;
+  if (!error && isWritten) line["bytes"] = bytes;
+  if (outcome.skipped) line["skipped"] = true;
+  line["seconds"] = outcome.seconds;
+  if (notes.psnr) line["psnr"] = std::isinf(*notes.psnr) ? Json("identical") : Json(*notes.psnr);
+  if (!notes.warnings.empty()) line["warnings"] = notes.warnings;
+  line["code"] = outcome.code;
+  if (!outcome.message.empty()) line["error"] = outcome.message;
+  return line;
+}
 
 int RunPlan(TaskPlan& plan, const FileOptions& options, const TaskSettings& settings,
             const std::function<int(const Task&)>& work) {
@@ -150,7 +121,7 @@ int RunPlan(TaskPlan& plan, const FileOptions& options, const TaskSettings& sett
       PrintMessage(outcome.message);
       ++failures;
     }
-    report.Add(planned.task, notes, outcome);
+    report.Add(ReportLine(planned.task, notes, outcome));
     code = WorseOf(code, outcome.code);
   };
   host::ForEachIndex(plan.tasks.size(), threads, run);
@@ -173,11 +144,7 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
                   "It is made when missing. The files are done side by side; failures are told as "
                   "they happen, and the rest is done.")
       ->type_name("DIR");
-  command
-      .add_option("--files-from", options.filesFrom,
-                  "file that lists further inputs, one a line\n"
-                  "A dash is standard input. Names may be separated by zero bytes instead.")
-      ->type_name("FILE");
+  AddListOption(command, options);
   command.add_flag("--recursive", options.recursive,
                    "take the files in folders, and mirror their tree");
   auto* overwrite = command.add_flag("--overwrite", options.overwrite,
@@ -199,11 +166,7 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
           "It has input, output, bytes, seconds, PSNR where it was measured, warnings, exit "
           "code, and the error if there was one.")
       ->type_name("FILE");
-  command
-      .add_option("-j,--jobs", options.jobs,
-                  "threads [one per processor]\nThe output is the same for any number.")
-      ->type_name("N")
-      ->check(CLI::Range(1, 1024));
+  AddJobsOption(command, options);
   AddLimitOptions(command, options.limits);
   command
       .add_option("--progress", options.progress,
@@ -217,6 +180,22 @@ void AddFileOptions(CLI::App& command, FileOptions& options) {
                    "Failures then also tell where in the library they were noticed. Times are "
                    "those of coding itself, in megabytes (1000000 bytes) of samples per "
                    "second.");
+}
+
+void AddListOption(CLI::App& command, FileOptions& options) {
+  command
+      .add_option("--files-from", options.filesFrom,
+                  "file that lists further inputs, one a line\n"
+                  "A dash is standard input. Names may be separated by zero bytes instead.")
+      ->type_name("FILE");
+}
+
+void AddJobsOption(CLI::App& command, FileOptions& options) {
+  command
+      .add_option("-j,--jobs", options.jobs,
+                  "threads [one per processor]\nThe output is the same for any number.")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1024));
 }
 
 void AddLimitOptions(CLI::App& command, host::Limits& limits) {

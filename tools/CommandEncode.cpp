@@ -33,6 +33,7 @@ struct EncodeOptions {
   double psnr = 0;
   std::string order = "rlcp";
   unsigned layers = 1;
+  bool checksums = false;
   std::string comment;
   double resolution = 0;
 };
@@ -116,6 +117,7 @@ bool EncodePage(const EncodeOptions& options, const host::Image* mask, const Tas
   params.order =
       options.order == "cprl" ? host::PacketOrder::kComponents : host::PacketOrder::kResolutions;
   params.layers = options.layers;
+  params.checksums = options.checksums;
   params.regionMask = mask == nullptr ? nullptr : &mask->planes[0];
   params.threads = task.threads;
   params.progress = task.progress;
@@ -289,6 +291,9 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
       ->capture_default_str()
       ->type_name("N")
       ->check(CLI::Range(1, 65535));
+  command.add_flag("--checksums", options->checksums,
+                   "a checksum of every packet, for kel check\n"
+                   "Four bytes each, and 14 a tile-part; decoders pass over them.");
   command.add_option("--comment", options->comment, "text to put into the file")->type_name("TEXT");
   command.add_option("--resolution", options->resolution, "samples per inch [the image's own]")
       ->type_name("DPI")

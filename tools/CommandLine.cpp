@@ -14,7 +14,8 @@ class HelpFormatter : public CLI::Formatter {
   std::string make_usage(const CLI::App* app, std::string) const override {
     const std::string name = app->get_name();
     if (app->get_parent() == nullptr) return "Usage: kel COMMAND [OPTIONS] FILE...\n";
-    if (name == "info" || name == "bench") return "\nUsage: kel " + name + " [OPTIONS] FILE...\n";
+    if (name == "info" || name == "check" || name == "bench")
+      return "\nUsage: kel " + name + " [OPTIONS] FILE...\n";
     if (name == "compare") return "\nUsage: kel compare [OPTIONS] A B\n";
     return "\nUsage: kel " + name + " [OPTIONS] IN OUT\n       kel " + name +
            " [OPTIONS] IN... DIR\n";
@@ -51,6 +52,7 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
   AddPreviewCommand(app, run);
   AddCompareCommand(app, run);
   AddTrimCommand(app, run);
+  AddCheckCommand(app, run);
   AddBenchCommand(app, run);
   app.require_subcommand(1);
   app.set_version_flag(

@@ -28,6 +28,7 @@ void AddInfoCommand(CLI::App& app, Run& run);
 void AddPreviewCommand(CLI::App& app, Run& run);
 void AddCompareCommand(CLI::App& app, Run& run);
 void AddTrimCommand(CLI::App& app, Run& run);
+void AddCheckCommand(CLI::App& app, Run& run);
 void AddBenchCommand(CLI::App& app, Run& run);
 
 /// Options of coding, which encode and preview share.

@@ -65,7 +65,10 @@ struct FileOptions {
   bool verbose = false;
 };
 void AddFileOptions(CLI::App& command, FileOptions& options);
-/// Those of them that every command that reads has.
+/// Those of them that name a list of inputs, how many threads, and what every command that reads
+/// has.
+void AddListOption(CLI::App& command, FileOptions& options);
+void AddJobsOption(CLI::App& command, FileOptions& options);
 void AddLimitOptions(CLI::App& command, host::Limits& limits);
 
 /// What work tells of itself beyond its exit code.

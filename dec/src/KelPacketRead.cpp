@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "KelBandMend.h"
+#include "KelPacketLengths.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
 #include "base/KelBytes.h"
@@ -14,8 +15,6 @@
 
 namespace kel {
 namespace {
-
-constexpr int kDetailBands = 3;
 
 /// Room for a large packet is first obtained for so many bytes.
 constexpr std::uint64_t kFirstPieceBytes = std::uint64_t{1} << 20;
@@ -54,49 +53,6 @@ bool HasArrived(KelDecDataMgr& data, std::int64_t position) {
   const bool arrived = data.MoveTo(position - 1) && !data.AtEnd();
   data.MoveTo(here);
   return arrived;
-}
-
-/// The length that stands at a position, not before the read position, which stays; the largest
-/// value where it has not arrived.
-std::int64_t PeekLength(KelDecDataMgr& data, std::int64_t position) {
-  const std::int64_t here = data.GetPosition();
-  std::uint64_t ahead = AsCount(position - here);
-  const bool isFar =
-      data.EnsureBuffered(ahead + format::kCountBytes) == kAboveCapacity && data.IndexAllowed();
-  if (isFar && data.MoveTo(position)) {
-    data.EnsureBuffered(format::kCountBytes);
-    ahead = 0;
-  }
-  std::int64_t length = INT64_MAX;
-  if (data.Available() >= ahead + format::kCountBytes) {
-    length = 0;
-    for (std::uint64_t k = 0; k < format::kCountBytes; ++k) {
-      length = length << 8 | data.PeekByte(ahead + k);
-    }
-  }
-  if (isFar) data.MoveTo(here);
-  return length;
-}
-
-/// Where the lengths of a packet's bands, followed from its body on, lead to; the largest value
-/// where they leave the tile-part or what has arrived of it.
-std::int64_t EndByBandLengths(const PartReading& part, const PacketAt& packet) {
-  std::int64_t at = packet.Body();
-  for (int band = 0; band < kDetailBands; ++band) {
-    if (at > part.end - format::kCountBytes) return INT64_MAX;
-    const std::int64_t length = PeekLength(part.data, at);
-    if (length == INT64_MAX) return INT64_MAX;
-    at += format::kCountBytes + length;
-  }
-  return at <= part.end ? at : INT64_MAX;
-}
-
-/// Whether what stands at a position can follow a packet: the end of the tile-part, or a packet
-/// whose length fits into it.
-bool CanFollow(const PartReading& part, std::int64_t position) {
-  if (position >= part.end - format::kCountBytes) return position == part.end;
-  const std::int64_t length = PeekLength(part.data, position);
-  return length <= part.end - position - format::kCountBytes;
 }
 
 // ---- Bands ----
@@ -314,19 +270,19 @@ Outcome Unfit(const PartReading& part) {
 Outcome DecodeDetails(const PartReading& part, const PacketAt& packet, bool fits,
                       std::int32_t* cells) {
   KelDecDataMgr& data = part.data;
-  const std::int64_t byBands = EndByBandLengths(part, packet);
+  const std::int64_t byBands = EndByBandLengths(part.data, packet.Body(), part.end);
   if (fits && byBands == packet.End()) {
     DecodeByLengths(part, packet, packet.End(), cells);
     data.MoveTo(packet.End());
     return Outcome::kHandled;
   }
   if (!part.endIsKnown) return Outcome::kNotArrived;
-  if (byBands != INT64_MAX && CanFollow(part, byBands)) {
+  if (byBands != INT64_MAX && CanFollow(part.data, byBands, part.end)) {
     DecodeByLengths(part, packet, byBands, cells);
     data.MoveTo(byBands);
     return Outcome::kHandled;
   }
-  const bool endIsGood = fits && CanFollow(part, packet.End());
+  const bool endIsGood = fits && CanFollow(part.data, packet.End(), part.end);
   const std::int64_t byBits = DecodeByBits(part, packet, cells);
   if (endIsGood) {
     if (byBits != packet.End()) Note(part, KelDamageBand, packet.Body(), packet.End());
@@ -334,7 +290,7 @@ Outcome DecodeDetails(const PartReading& part, const PacketAt& packet, bool fits
     return Outcome::kHandled;
   }
   data.MoveTo(packet.start);
-  if (byBits != INT64_MAX && CanFollow(part, byBits)) {
+  if (byBits != INT64_MAX && CanFollow(part.data, byBits, part.end)) {
     data.MoveTo(byBits);
     return Outcome::kHandled;
   }
@@ -359,7 +315,7 @@ Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
       part.tile.dec->progress.isChanged = true;
       return Outcome::kNotArrived;
     }
-    if (CanFollow(part, packet.End())) {
+    if (CanFollow(part.data, packet.End(), part.end)) {
       MendDamage(part, packet, cells, 0, packet.Body(), packet.End());
       if (kept) RestoreBand(packet, 0, kept, cells);
       packet.record.dec->bands[0].isDamaged = !kept;
@@ -371,7 +327,7 @@ Outcome DecodeLowest(const PartReading& part, const PacketAt& packet, bool fits,
   data.MoveTo(packet.Body());
   const BandReading band = DecodeBand(part, packet, cells, 0, part.end);
   data.MoveTo(packet.start);
-  if (band.isWhole && CanFollow(part, band.end)) {
+  if (band.isWhole && CanFollow(part.data, band.end, part.end)) {
     data.MoveTo(band.end);
     return Outcome::kHandled;
   }

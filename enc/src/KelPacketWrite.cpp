@@ -6,6 +6,7 @@
 
 #include "KelStreamWrite.h"
 #include "base/KelBytes.h"
+#include "base/KelChecksum.h"
 #include "base/KelRaise.h"
 #include "format/KelHeadersWrite.h"
 #include "transform/KelQuant.h"
@@ -148,33 +149,76 @@ class TileQuantisation {
   OwnedArray<KelQuantParams> own_;
 };
 
-void WriteU32(KelCodeStm& stream, std::uint64_t value) {
+/// Where packets go: to the stream.
+struct StreamTarget {
+  KelCodeStm& stream;
+  void Put(const std::uint8_t* bytes, std::uint64_t count) { WriteOut(stream, bytes, count); }
+};
+
+/// Or into their checksum.
+struct ChecksumTarget {
+  Checksum sum;
+  void Put(const std::uint8_t* bytes, std::uint64_t count) { sum.Add(bytes, count); }
+};
+
+template <class Target>
+void PutCount(Target& target, std::uint64_t value) {
   std::uint8_t bytes[4];
   StoreBE32(bytes, static_cast<std::uint32_t>(value));
-  WriteOut(stream, bytes, 4);
+  target.Put(bytes, 4);
 }
 
-void WriteCounted(KelCodeStm& stream, const std::uint8_t* bytes, std::uint32_t count) {
-  WriteU32(stream, count);
-  if (count != 0) WriteOut(stream, bytes, count);
+template <class Target>
+void PutCounted(Target& target, const std::uint8_t* bytes, std::uint32_t count) {
+  PutCount(target, count);
+  if (count != 0) target.Put(bytes, count);
 }
 
-void WritePacket(const CodedTileComp& coded, int r, KelCodeStm& stream) {
+template <class Target>
+void PutPacket(const CodedTileComp& coded, int r, Target& target) {
   const std::uint64_t bytes = PacketBytes(coded, r);
-  if (bytes == 0) return;
   const CodedTileComponent& code = coded.code;
   const std::uint8_t* from = code.Bytes();
   for (int lower = 0; lower < r; ++lower) from += code.resSize[lower];
   if (r == 0) {
-    WriteCounted(stream, from, code.resSize[0]);
+    PutCounted(target, from, code.resSize[0]);
     return;
   }
-  WriteU32(stream, bytes - 4);
+  PutCount(target, bytes - 4);
   if (bytes == kEmptyPacketBytes) return;
   for (int b = 3 * r - 2; b <= 3 * r; ++b) {
-    WriteCounted(stream, from, code.bandSize[b]);
+    PutCounted(target, from, code.bandSize[b]);
     from += code.bandSize[b];
   }
+}
+
+/// Calls put(write) for each packet of a part in writing order, where write(target) puts it.
+template <class Put>
+void ForEachWritten(const TileToWrite& tile, const PartRange& range, Put put) {
+  ForEachPacket(tile, range, [&](const CodedTileComp& coded, int r, std::int32_t layer) {
+    if (PacketBytes(coded, r) == 0) return;
+    const bool isEmpty = layer != 0 && !tile.layers.repeat;
+    put([&](auto& target) { isEmpty ? PutCount(target, 0) : PutPacket(coded, r, target); });
+  });
+}
+
+std::uint64_t CountPackets(const TileToWrite& tile, const PartRange& range) {
+  std::uint64_t count = 0;
+  ForEachWritten(tile, range, [&](const auto&) { ++count; });
+  return count;
+}
+
+/// The checksums of a part's packets.
+OwnedArray<std::uint32_t> ChecksumsOf(const TileToWrite& tile, const PartRange& range) {
+  auto sums = NamingModule(
+      kModuleImage, [&] { return OwnedArray<std::uint32_t>::Make(CountPackets(tile, range)); });
+  std::size_t i = 0;
+  ForEachWritten(tile, range, [&](const auto& write) {
+    ChecksumTarget target{};
+    write(target);
+    sums[i++] = target.sum.Value();
+  });
+  return sums;
 }
 
 }  // namespace
@@ -204,24 +248,26 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
     return first;
   });
   std::uint64_t total = header.count + AsCount(parts.count - 1) * format::kLeastTilePartBytes;
-  for (int i = 0; i < parts.count; ++i) total = SaturatingAdd(total, parts.dataBytes[i]);
+  for (int i = 0; i < parts.count; ++i) {
+    total = SaturatingAdd(total, parts.dataBytes[i]);
+    if (!tile.hasChecksums) continue;
+    total += format::ChecksumSegmentsBytes(CountPackets(tile, parts.ranges[i]));
+  }
   if (SaturatingAdd(total, AsCount(stream.GetCurPos())) > kMostPosition) {
     Raise(KelErrUnsupported, kModuleImage);
   }
   for (int i = 0; i < parts.count; ++i) {
     set.TPsot = static_cast<std::uint8_t>(i);
     set.dataLength = static_cast<std::uint32_t>(parts.dataBytes[i]);
+    OwnedArray<std::uint32_t> sums;
+    if (tile.hasChecksums) sums = ChecksumsOf(tile, parts.ranges[i]);
+    set.checksums = sums.Data();
+    set.numChecksums = static_cast<std::uint32_t>(sums.Size());
     header.count = 0;
     WriteHeader(set, header);
-    WriteOut(stream, header.bytes.Data(), header.count);
-    ForEachPacket(tile, parts.ranges[i],
-                  [&](const CodedTileComp& coded, int r, std::int32_t layer) {
-                    if (layer == 0 || tile.layers.repeat) {
-                      WritePacket(coded, r, stream);
-                    } else if (PacketBytes(coded, r) != 0) {
-                      WriteU32(stream, 0);
-                    }
-                  });
+    StreamTarget target{stream};
+    target.Put(header.bytes.Data(), header.count);
+    ForEachWritten(tile, parts.ranges[i], [&](const auto& write) { write(target); });
     FlushOut(stream);
   }
   return total;

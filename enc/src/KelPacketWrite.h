@@ -49,6 +49,7 @@ struct TileToWrite {
   bool isByComponent;  ///< one tile-part per component, else per resolution
   /// Resolutions that follow each other share a tile-part that holds no more than these.
   std::uint64_t mostJoinedBytes;
+  bool hasChecksums = false;  ///< of the packets, in the headers of their tile-parts
 };
 
 /// Writes a tile and flushes the stream behind each tile-part; returns the bytes written. Coded

@@ -71,6 +71,7 @@ void EncoderOptions::SetCoding(const Image& image, const EncodeParams& params, d
   options_.Irreversible = params.lossless ? 0 : 1;
   options_.TargetQuality = static_cast<float>(LibraryQuality(image, params, quality));
   options_.ChooseIndices = params.plain ? 0 : 1;
+  options_.Checksums = params.checksums ? 1 : 0;
   options_.NumLayers = static_cast<KelLong>(params.layers);
   options_.ProgressionOrder = params.order == PacketOrder::kComponents ? KelCPRL : KelRLCP;
   options_.ComponentTransform = params.colourTransform;

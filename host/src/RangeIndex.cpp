@@ -5,6 +5,8 @@
 #include <numeric>
 #include <tuple>
 
+#include "kel/host/limits.hpp"
+
 namespace kel::host {
 
 RangeStream::RangeStream(RangeSource& source) : source_(source) {
@@ -34,6 +36,7 @@ KelLong RangeStream::Read(std::uint8_t* to, KelLong count) {
       static_cast<std::size_t>(std::min<std::uint64_t>(left, static_cast<std::uint64_t>(count)));
   if (taken == 0) return 0;
   try {
+    CheckTime();
     source_.Fetch(position_, {to, taken});
   } catch (...) {
     failure_ = std::current_exception();
@@ -104,6 +107,10 @@ const KelIndexPackets& RangeIndex::Packets(const KelIndexWant& want) {
 
 const KelIndexRanges& RangeIndex::Ranges(const KelIndexWant& want) {
   return Checked(index_.GetRanges(&want));
+}
+
+const KelIndexFindings& RangeIndex::Examine(std::uint32_t tile, KelULong mostLost) {
+  return Checked(index_.ExamineTile(tile, mostLost));
 }
 
 /// The lowest resolution of a component stands so many levels below full size.

@@ -50,6 +50,8 @@ class RangeIndex {
   std::span<const KelIndexSegment> Segments(KelULong part);
   const KelIndexPackets& Packets(const KelIndexWant& want);
   const KelIndexRanges& Ranges(const KelIndexWant& want);
+  /// What is there of a tile, bit by bit, and at most so many of the packets that are not.
+  const KelIndexFindings& Examine(std::uint32_t tile, KelULong mostLost);
   /// How often every tile-component of the picture can be halved by leaving out resolutions.
   unsigned LeastLevels();
 

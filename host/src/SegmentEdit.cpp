@@ -7,6 +7,7 @@
 //   QCD  4 style: in its low five bits 0 for exponents of one byte per band, 1 for one step of two
 //        bytes, 2 for steps of two bytes per band; then these, lowest band first
 //   QCC  4 component, then as QCD
+//   COM  4 Rcom, then, of checksums, the tag, one for each packet, and the segment's own
 #include "SegmentEdit.hpp"
 
 #include <algorithm>
@@ -18,6 +19,19 @@ namespace kel::host {
 namespace {
 
 constexpr std::size_t kBandsPerLevel = 3;
+
+/// Where the tag of a segment of checksums stands.
+constexpr std::size_t kTagAt = 6;
+
+/// CRC-32 of few bytes.
+std::uint32_t ChecksumOf(ByteView bytes) {
+  std::uint32_t state = 0xFFFFFFFF;
+  for (const std::uint8_t byte : bytes) {
+    state ^= byte;
+    for (int bit = 0; bit < 8; ++bit) state = state >> 1 ^ ((state & 1) != 0 ? 0xEDB88320 : 0);
+  }
+  return ~state;
+}
 
 void SetLength(Bytes& segment) {
   PutU16(segment, 2, segment.size() - 2);
@@ -76,6 +90,47 @@ void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsig
   SetLength(segment);
 }
 
+std::optional<std::vector<std::uint32_t>> ChecksumsIn(ByteView segment, unsigned code) {
+  if (code != format::kCOM || segment.size() < format::kChecksumSegmentBytes) return std::nullopt;
+  const auto number = [&](std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = at; i < at + 4; ++i) value = value << 8 | segment[i];
+    return value;
+  };
+  // Behind marker and length: Rcom, 0, and the tag.
+  if (segment[4] != 0 || segment[5] != 0 || number(kTagAt) != format::kChecksumTag) {
+    return std::nullopt;
+  }
+  std::vector<std::uint32_t> checksums;
+  for (std::size_t at = kTagAt + 4; at + 4 <= segment.size(); at += 4) {
+    checksums.push_back(number(at));
+  }
+  return checksums;
+}
+
+void InsertChecksums(Bytes& header, std::span<const std::uint32_t> checksums) {
+  const std::size_t end = header.size() - format::kMarkerBytes;
+  Bytes segments;
+  while (!checksums.empty()) {
+    const std::size_t count =
+        std::min<std::size_t>(checksums.size(), format::kMostChecksumsOfSegment);
+    const std::size_t at = segments.size();
+    segments.resize(at + static_cast<std::size_t>(format::ChecksumSegmentsBytes(count)));
+    segments[at] = header[end];
+    segments[at + 1] = format::kCOM;
+    PutU16(segments, at + 2, segments.size() - at - format::kMarkerBytes);
+    PutU32(segments, at + kTagAt, format::kChecksumTag);
+    for (std::size_t i = 0; i < count; ++i) {
+      PutU32(segments, at + kTagAt + 4 + 4 * i, checksums[i]);
+    }
+    const std::size_t own = segments.size() - format::kChecksumBytes;
+    PutU32(segments, own, ChecksumOf(std::span(segments).subspan(at + kTagAt, own - at - kTagAt)));
+    checksums = checksums.subspan(count);
+  }
+  header.insert(header.begin() + static_cast<std::ptrdiff_t>(end), segments.begin(),
+                segments.end());
+}
+
 const KelIndexBox& BoxOfCodeStream(const KelIndexFacts& facts) {
   const std::span boxes(facts.boxes, facts.numBoxes);
   const auto found = std::ranges::find_if(boxes, [&](const KelIndexBox& box) {
@@ -83,6 +138,16 @@ const KelIndexBox& BoxOfCodeStream(const KelIndexFacts& facts) {
   });
   if (found == boxes.end()) throw Error(Failure::kInput, "its code stream stands in no box");
   return *found;
+}
+
+std::uint64_t ClaimedBoxBytes(ByteView header) {
+  const auto number = [&](std::size_t at) {
+    std::uint64_t value = 0;
+    for (std::size_t i = at; i < at + 4 && i < header.size(); ++i) value = value << 8 | header[i];
+    return value;
+  };
+  const bool isLong = header.size() == 16 && number(0) == 1;
+  return isLong ? number(8) << 32 | number(12) : number(0);
 }
 
 void AppendBoxHeader(Bytes& to, std::uint32_t type, std::uint64_t contentBytes) {

@@ -3,6 +3,10 @@
 #ifndef KEL_HOST_SEGMENT_EDIT_HPP
 #define KEL_HOST_SEGMENT_EDIT_HPP
 
+#include <optional>
+#include <span>
+#include <vector>
+
 #include "Library.hpp"
 
 namespace kel::host {
@@ -26,8 +30,16 @@ void LowerLevels(Bytes& segment, unsigned code, std::size_t componentBytes, unsi
 /// Takes the steps of the bands that go out of a quantisation (QCD or QCC).
 void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsigned reduce);
 
+/// The checksums of packets in a segment, with its own at the end; nothing for another segment.
+std::optional<std::vector<std::uint32_t>> ChecksumsIn(ByteView segment, unsigned code);
+/// Puts such segments in front of the SOD marker at the end of a tile-part's header.
+void InsertChecksums(Bytes& header, std::span<const std::uint32_t> checksums);
+
 /// The box that holds the code stream of a file of boxes. Throws Error (kInput) without one.
 const KelIndexBox& BoxOfCodeStream(const KelIndexFacts& facts);
+/// Bytes that a box claims to have, header included, from that header; 0: up to the end of the
+/// file.
+std::uint64_t ClaimedBoxBytes(ByteView header);
 /// The beginning of a box whose contents are so long.
 void AppendBoxHeader(Bytes& to, std::uint32_t type, std::uint64_t contentBytes);
 

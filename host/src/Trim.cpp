@@ -60,6 +60,7 @@ struct PlannedPart {
   KelULong part = 0, numParts = 0;  ///< TPsot and TNsot
   Bytes header;                     ///< from SOT to SOD
   std::vector<ByteRange> packets;
+  std::vector<std::uint32_t> checksums;  ///< of the packets
   std::uint64_t Length() const {
     std::uint64_t length = header.size();
     for (const ByteRange& range : packets) length += range.to - range.from;
@@ -91,7 +92,8 @@ class Trimmer {
   Axis across_, down_;
   /// By the place of the tile-part in the data; those without a header go.
   std::vector<PlannedPart> parts_;
-  bool hasSeenCod_ = false;  ///< in the header at work: only the first one holds
+  bool hasSeenCod_ = false;               ///< in the header at work: only the first one holds
+  std::vector<std::uint32_t> checksums_;  ///< in the header at work
   Bytes buffer_;
 };
 
@@ -144,6 +146,12 @@ Bytes Trimmer::Edited(const KelIndexSegment& place) {
     case kPLM:
     case kPLT:
       return {};  // lengths that are no longer true
+    case format::kCOM:
+      if (const auto found = ChecksumsIn(segment, place.code); found && params_.reduce != 0) {
+        checksums_.insert(checksums_.end(), found->begin(), found->end() - 1);
+        return {};
+      }
+      break;
     default:
       break;
   }
@@ -153,6 +161,7 @@ Bytes Trimmer::Edited(const KelIndexSegment& place) {
 Bytes Trimmer::Header(std::span<const KelIndexSegment> segments) {
   Bytes header;
   hasSeenCod_ = false;
+  checksums_.clear();
   for (const KelIndexSegment& segment : segments) {
     const Bytes edited = Edited(segment);
     header.insert(header.end(), edited.begin(), edited.end());
@@ -160,22 +169,30 @@ Bytes Trimmer::Header(std::span<const KelIndexSegment> segments) {
   return header;
 }
 
-/// Gives the packets that stay to their tile-parts.
+/// Gives the packets that stay to their tile-parts, with their checksums.
 void Trimmer::TakePackets(std::uint32_t tile, std::vector<PlannedPart*> ofPart) {
   const KelIndexPackets& found = index_.Packets({tile, -1, params_.reduce, 0});
   if (!found.areAll) {
     throw Error(Failure::kInput,
                 "packets of tile " + std::to_string(tile) + " are missing or damaged");
   }
+  std::vector<std::size_t> numPackets(ofPart.size(), 0);
+  std::vector<std::vector<std::uint32_t>> kept(ofPart.size());
   for (const KelIndexPacket& packet : std::span(found.packets, found.count)) {
     PlannedPart* part = packet.part < ofPart.size() ? ofPart[packet.part] : nullptr;
-    if (packet.levelsAbove < params_.reduce || part == nullptr) continue;
+    if (part == nullptr) continue;
+    const std::size_t number = numPackets[packet.part]++;
+    if (packet.levelsAbove < params_.reduce) continue;
+    if (number < part->checksums.size()) kept[packet.part].push_back(part->checksums[number]);
     const ByteRange range{packet.offset, packet.offset + packet.length};
     if (!part->packets.empty() && part->packets.back().to == range.from) {
       part->packets.back().to = range.to;
     } else {
       part->packets.push_back(range);
     }
+  }
+  for (std::size_t i = 0; i < ofPart.size(); ++i) {
+    if (ofPart[i] != nullptr) InsertChecksums(ofPart[i]->header, kept[i]);
   }
 }
 
@@ -193,6 +210,7 @@ void Trimmer::PlanTile(std::uint32_t tile, KelULong newNumber) {
     part.part = found[i].part;
     part.numParts = found[i].numParts;
     part.header = Header(segments);
+    part.checksums = checksums_;
     ofPart[found[i].part] = &part;
     mayDrop = mayDrop && std::ranges::none_of(segments, [](const KelIndexSegment& segment) {
                 return segment.code == format::kCOD || segment.code == format::kPOC;

@@ -46,6 +46,22 @@ inline constexpr std::uint32_t kSizGridBytes = 38;
 /// Most bytes of a segment: what its length of 16 bits can say, which counts itself.
 inline constexpr std::uint32_t kMostSegmentBytes = 65535;
 
+// Checksums of packets: a comment segment of binary contents in the header of a tile-part, or
+// several one behind the other. kChecksumTag, for each packet of the tile-part in their order the
+// CRC-32 of its bytes, length included, and at last the CRC-32 of what stands from the tag on.
+inline constexpr std::uint32_t kChecksumBytes = 4;
+/// Marker, length, Rcom (2), tag, and the segment's own checksum.
+inline constexpr std::uint32_t kChecksumSegmentBytes = 14;
+inline constexpr std::uint32_t kMostChecksumsOfSegment =
+    (kMostSegmentBytes + kMarkerBytes - kChecksumSegmentBytes) / kChecksumBytes;
+/// "KCRC", as a big-endian number.
+inline constexpr std::uint32_t kChecksumTag = 0x4B435243;
+constexpr std::uint64_t ChecksumSegmentsBytes(std::uint64_t numPackets) {
+  const std::uint64_t segments =
+      (numPackets + kMostChecksumsOfSegment - 1) / kMostChecksumsOfSegment;
+  return segments * kChecksumSegmentBytes + numPackets * kChecksumBytes;
+}
+
 // Limits, by the fields' widths unless they say otherwise.
 inline constexpr std::int32_t kMostTiles = 65535;
 inline constexpr std::int32_t kMostComponents = 16384;      ///< stated by the format

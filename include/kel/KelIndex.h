@@ -136,6 +136,56 @@ struct KelIndexRanges {
   bool areAll;          ///< everything wanted has arrived
 };
 
+/// A band of a packet, looked at bit by bit.
+struct KelIndexBand {
+  KelULong band;               ///< 0 LL, 1 HL, 2 LH, 3 HH of its resolution
+  std::uint64_t offset;        ///< of its bytes, behind its length field
+  std::uint64_t claimedBytes;  ///< by that field; of LL by the packet's
+  std::uint64_t foundBytes;    ///< up to where its bits end or make no sense
+  bool isWhole;                ///< every block of it can be decoded
+};
+
+/// What is wrong with a packet that is there. Several can be, so these are bits.
+enum KelIndexFlawKind : KelULong {
+  KelFlawLength = 1,   ///< it does not end where its length field says
+  KelFlawBand = 2,     ///< bands of it do not end where their length fields say
+  KelFlawChecksum = 4  ///< its bytes are not those that the encoder wrote
+};
+
+struct KelIndexFlaw {
+  KelULong packet;             ///< its place in KelIndexFindings::packets
+  KelULong kinds;              ///< KelIndexFlawKind
+  std::uint64_t claimedBytes;  ///< of the packet by its length field, that field included
+  KelULong numBands;           ///< bands of it that have bytes
+  KelIndexBand bands[3];
+};
+
+/// Bytes of a tile-part that could not be used.
+struct KelIndexBreak {
+  KelLong kind;  ///< KelDamageHeader, KelDamagePacket, KelDamageExcess or KelDamageNoPlace
+  KelULong part;
+  std::uint64_t offset, bytes;
+};
+
+/// What was found of a tile.
+struct KelIndexFindings {
+  /// The packets that are there, in the order in which they are decoded; `length` is that up to
+  /// what is read next.
+  const KelIndexPacket* packets;
+  KelULong count;
+  const KelIndexFlaw* flaws;  ///< of these, in the same order
+  KelULong numFlaws;
+  /// Those that are not there, in the order in which they would be: each belongs behind the last
+  /// packet that is there of tile-part `part`. Offset and length are 0.
+  const KelIndexPacket* lost;
+  KelULong numLost;
+  bool lostAreAll;  ///< no more are lost than are listed
+  const KelIndexBreak* breaks;
+  KelULong numBreaks;
+  KelULong numParts;      ///< tile-parts, from number 0 on, that a decoder uses
+  KelULong numChecksums;  ///< packets whose checksum was compared
+};
+
 class KEL_API KelStreamIndex {
  public:
   KelStreamIndex() : state_(nullptr) {}
@@ -175,6 +225,12 @@ class KEL_API KelStreamIndex {
   /// up to the last one wanted. They hold until the next call of this operation or of GetPackets.
   /// Null also for a tile or component that does not exist.
   const KelIndexRanges* GetRanges(const KelIndexWant* want);
+
+  /// Guarded (null). Reads a tile as a decoder does, every bit of every band, keeping nothing of
+  /// what it decodes: memory is taken for a row of blocks and for what is listed, of lost packets
+  /// no more than `mostLost`. They hold until the next call. Null also for a tile that does not
+  /// exist.
+  const KelIndexFindings* ExamineTile(KelULong tile, KelULong mostLost);
 
  private:
   kel::IndexState* state_;

@@ -119,7 +119,11 @@ class KEL_API KelEncOpt {
   /// encoder was initialised; resolutions of few bytes share a tile-part. Takes the place of a
   /// field that was not interpreted [0]
   KelLong ChooseIndices;
-  KelLong Reserved2[4];  ///< not interpreted [0]
+  /// Nonzero: the header of every tile-part has a checksum of each of its packets, which
+  /// KelStreamIndex::ExamineTile compares; other readers pass over them. Four bytes a packet and 14
+  /// a tile-part. Takes the place of a field that was not interpreted [0]
+  KelLong Checksums;
+  KelLong Reserved2[3];  ///< not interpreted [0]
   KelLong RateLimit;     ///< not interpreted [-1]
   /// False: InitEncoder begins a progress run over the tiles. True: CompressImage begins and ends
   /// its own [false]

@@ -139,8 +139,8 @@ void Options::Finish() const {
 }
 
 std::vector<std::string> CodingOptions() {
-  return {"lossless", "quality", "plain", "levels",           "size", "psnr", "chroma",
-          "layers",   "tile",    "order", "colour_transform", "roi"};
+  return {"lossless", "quality", "plain", "levels",           "size", "psnr",     "chroma",
+          "layers",   "tile",    "order", "colour_transform", "roi",  "checksums"};
 }
 
 host::EncodeParams TakeCoding(Options& options, host::Image& mask) {
@@ -156,6 +156,7 @@ host::EncodeParams TakeCoding(Options& options, host::Image& mask) {
   options.Take("psnr", params.psnr);
   options.Take("layers", params.layers);
   options.Take("threads", params.threads);
+  options.Take("checksums", params.checksums);
   options.Take("colour_transform", params.colourTransform);
   if (options.Take("tile", tile)) {
     params.tileWidth = tile.first;

@@ -71,3 +71,10 @@ const KelIndexRanges* KelStreamIndex::GetRanges(const KelIndexWant* want) {
       &state_->failure, [&] { return kel::RangesOf(*state_, *want); },
       kel::Neutral<const KelIndexRanges*>(nullptr));
 }
+
+const KelIndexFindings* KelStreamIndex::ExamineTile(KelULong tile, KelULong mostLost) {
+  if (state_ == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure, [&] { return kel::FindingsOf(*state_, tile, mostLost); },
+      kel::Neutral<const KelIndexFindings*>(nullptr));
+}

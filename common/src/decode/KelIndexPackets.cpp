@@ -4,6 +4,7 @@
 // packet that does not fit into its tile-part ends the walk: where those behind it stand is not
 // known. The layout is released with the walk's end.
 #include <algorithm>
+#include <utility>
 
 #include "KelDecMap.h"
 #include "KelPacketWalk.h"
@@ -89,7 +90,7 @@ void ListPackets(IndexState& index) {
   KelDecDataMgr& data = *index.image->decoder->dataMgr;
   RestartTile(map, tile);
   ScopeGuard restart([&] { RestartTile(map, tile); });
-  EnsureDecTileComps(map, tile);
+  BeginTile(index, tile);
   std::uint64_t numLeft = 0;
   for (KelULong k = 0; k < format::kMostTileParts; ++k) {
     const KelIndexTilePart* part = FindPartOfTile(index, number, k);
@@ -154,6 +155,15 @@ void ListRanges(IndexState& index, const KelIndexWant& want) {
 }
 
 }  // namespace
+
+void BeginTile(IndexState& index, TileRecord& tile) {
+  TileRecord* const before = std::exchange(index.tileAtWork, &tile);
+  if (before != nullptr && before != &tile) {
+    tile.comps = std::exchange(before->comps, nullptr);
+    before->compsAreReady = before->dec->compsAreReady = false;
+  }
+  EnsureDecTileComps(index.image->map, tile);
+}
 
 void ReleasePackets(IndexState& index) noexcept {
   KelFree(index.packetList);

@@ -220,6 +220,7 @@ void ReleaseIndex(IndexState*& index) noexcept {
   KelFree(index->mainSegments);
   KelFree(index->partSegments);
   ReleasePackets(*index);
+  ReleaseExamined(index->examined);
   KelFree(index);
   index = nullptr;
 }

@@ -11,6 +11,15 @@
 
 namespace kel {
 
+/// A tile that was examined; the arrays are owned.
+struct ExaminedTile {
+  KelIndexFindings findings;
+  KelIndexPacket *packets, *lost;
+  KelIndexFlaw* flaws;
+  KelIndexBreak* breaks;
+  KelULong obtainedPackets, obtainedLost, obtainedFlaws, obtainedBreaks;
+};
+
 struct IndexState {
   ImageState* image;  ///< owned; the decoder's
   KelDecOpt options;  ///< of the decoder
@@ -28,6 +37,7 @@ struct IndexState {
   KelIndexSegment* mainSegments;  ///< owned
   KelIndexSegment* partSegments;  ///< owned; of the tile-part asked for last
   KelULong* byTile;               ///< owned; the tile-parts by tile, part and offset
+  TileRecord* tileAtWork;         ///< it has the records of components, the only ones
   // Of one tile; owned.
   bool hasPackets;
   KelIndexWant wanted;
@@ -37,6 +47,7 @@ struct IndexState {
   KelIndexRanges ranges;
   KelIndexRange* rangeList;
   KelULong obtainedRanges;
+  ExaminedTile examined;
 };
 
 /// An empty state. Raises 8.
@@ -61,6 +72,13 @@ const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, K
 const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want);
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want);
 
+const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mostLost);
+
+/// Makes the records of a tile's components, by those of the tile that was looked at before. Raises
+/// 8.
+void BeginTile(IndexState& index, TileRecord& tile);
+/// Releases what was found of a tile; may run twice.
+void ReleaseExamined(ExaminedTile& found) noexcept;
 /// Releases what is known of one tile.
 void ReleasePackets(IndexState& index) noexcept;
 

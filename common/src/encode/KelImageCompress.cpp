@@ -155,7 +155,8 @@ std::uint64_t WriteCodedTile(const ImageState& state, const TileRecord& tile) {
                              AnnouncedStepsOf(e, c)};
   }
   return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, LayersOf(o), AnnouncedDepth(o),
-                    o.ProgressionOrder == KelCPRL, o.ChooseIndices != 0 ? kMostJoinedBytes : 0},
+                    o.ProgressionOrder == KelCPRL, o.ChooseIndices != 0 ? kMostJoinedBytes : 0,
+                    o.Checksums != 0},
                    *state.codeStm);
 }
 

@@ -87,6 +87,14 @@ std::uint64_t MostPacketBytes(const ImageState& state, const KelTileGeometry& t)
   return bytes;
 }
 
+/// The most that checksums take in the headers of a tile.
+std::uint64_t MostChecksumBytes(const KelEncOpt& o, KelLong partsOfTile) {
+  const std::uint64_t packets =
+      SaturatingMul(AsCount(o.NumLevels + 1), AsCount(NumInMainStream(o)));
+  return SaturatingAdd(format::ChecksumSegmentsBytes(SaturatingMul(packets, AsCount(o.NumLayers))),
+                       AsCount(partsOfTile) * format::kChecksumSegmentBytes);
+}
+
 }  // namespace
 
 KelLong CodeStreamLengthBound(ImageState& state) {
@@ -98,6 +106,7 @@ KelLong CodeStreamLengthBound(ImageState& state) {
   std::uint64_t bytes = e.headerBytes + format::kMarkerBytes;
   for (std::int32_t t = 0; t < state.map.numTiles && bytes < INT32_MAX; ++t) {
     bytes = SaturatingAdd(bytes, AsCount(partsOfTile) * format::kLeastTilePartBytes);
+    if (o.Checksums != 0) bytes = SaturatingAdd(bytes, MostChecksumBytes(o, partsOfTile));
     for (KelLong c = 0; c < state.map.numComps && bytes < INT32_MAX; ++c) {
       if (!IsInMainStream(o, c)) continue;
       if (IsCodedIrreversibly(o, c)) bytes += stepsBytes;

@@ -126,10 +126,12 @@ struct KelHeaderParams {
   std::int32_t Csiz;
   std::uint16_t commentLength;  ///< bytes
   std::uint8_t* comment;
-  std::uint32_t dataLength;  ///< packet bytes behind a tile-part header; writer only
-  std::uint8_t* bitDepths;   ///< Csiz depths, 1 to 38
-  bool keepsPlaces;          ///< set by the caller: list the segments
-  KelSegmentPlace* places;   ///< null without any
+  std::uint32_t dataLength;        ///< packet bytes behind a tile-part header; writer only
+  const std::uint32_t* checksums;  ///< of the packets behind a tile-part header; writer only
+  std::uint32_t numChecksums;
+  std::uint8_t* bitDepths;  ///< Csiz depths, 1 to 38
+  bool keepsPlaces;         ///< set by the caller: list the segments
+  KelSegmentPlace* places;  ///< null without any
   std::uint32_t numPlaces, obtainedPlaces;
 };
 

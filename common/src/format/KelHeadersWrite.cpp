@@ -4,6 +4,9 @@
 // components on. Relies on records that hold in-range values; nothing is checked here.
 #include "format/KelHeadersWrite.h"
 
+#include <algorithm>
+
+#include "base/KelChecksum.h"
 #include "format/KelSignature.h"
 #include "kel/KelFormat.h"
 
@@ -172,6 +175,23 @@ void WriteCOM(const KelHeaderParams& set, KelOutBuffer& out) {
   PutBytes(out, set.comment, set.commentLength);
 }
 
+/// Segments of so many checksums each as fit, each with one of its own.
+void WriteChecksums(const KelHeaderParams& set, KelOutBuffer& out) {
+  for (std::uint32_t i = 0; i < set.numChecksums; i += format::kMostChecksumsOfSegment) {
+    const std::uint32_t count = std::min(set.numChecksums - i, format::kMostChecksumsOfSegment);
+    PutMarker(out, format::kCOM);
+    PutU16(out,
+           format::kChecksumSegmentBytes - format::kMarkerBytes + count * format::kChecksumBytes);
+    PutU16(out, 0);  // Rcom: binary
+    const std::uint32_t start = out.count;
+    PutU32(out, format::kChecksumTag);
+    for (std::uint32_t k = 0; k < count; ++k) PutU32(out, set.checksums[i + k]);
+    Checksum own;
+    own.Add(out.bytes.Data() + start, out.count - start);
+    PutU32(out, own.Value());
+  }
+}
+
 /// What the first header of an image or a tile carries beyond sizes and index.
 void WriteCodingSegments(const KelHeaderParams& set, KelOutBuffer& out) {
   if (set.seenCOD != 0) WriteCOD(set, out);
@@ -210,6 +230,7 @@ void WriteHeader(const KelHeaderParams& set, KelOutBuffer& out) {
   if (set.seenPOC != 0) WritePOC(set, out);
   if (set.seenCOM != 0) WriteCOM(set, out);
   if (set.inMainHeader != 0) return;
+  WriteChecksums(set, out);
   PutMarker(out, format::kSOD);
   PatchU32(out, start + format::kPsotAt, out.count - start + set.dataLength);
 }

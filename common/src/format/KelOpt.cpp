@@ -74,6 +74,7 @@ void SetDefaults(KelEncOpt& o) {
   o.RateParamA = 0;
   o.RateParamB = 0;
   o.ChooseIndices = 0;
+  o.Checksums = 0;
   std::fill(std::begin(o.Reserved2), std::end(o.Reserved2), 0);
   o.RateLimit = -1;
   o.ProgressPerCall = false;
@@ -159,6 +160,7 @@ KelLong KelEncOpt::Clone(KelEncOpt* source) {
   PrecinctHeightExp = source->PrecinctHeightExp;
   RateMode = source->RateMode;
   ChooseIndices = source->ChooseIndices;
+  Checksums = source->Checksums;
   CoderValue = source->CoderValue;
   TargetQuality = source->TargetQuality;
   RateTableCount = source->RateTableCount;

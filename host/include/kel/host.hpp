@@ -12,6 +12,7 @@
 #ifndef KEL_HOST_HPP
 #define KEL_HOST_HPP
 
+#include "host/check.hpp"
 #include "host/convert.hpp"
 #include "host/decode.hpp"
 #include "host/encode.hpp"

@@ -45,6 +45,9 @@ struct EncodeParams {
   /// the file's standard colour space for that. For low qualities. Pictures of other colours are
   /// coded as ever; those with a profile, which such a file cannot have, are refused.
   bool halfChroma = false;
+  /// A checksum of every packet, so that Check and programs like it know what is damaged: four
+  /// bytes each, and 14 a tile-part.
+  bool checksums = false;
 };
 
 struct EncodeReport {
