@@ -412,6 +412,21 @@ TEST_F(DecoderHosts, ProgressIsReportedAndFramesCanBeStopped) {
 int locksLeft;
 void* (*lockBuf)(KelBufID_I* buffer);
 
+/// Runs a step whose locks behind the first n are refused once. Whether one was.
+template <class Step>
+bool RefusesLock(int n, Step step) {
+  lockBuf = KelGetMemObj()->LockBuf;
+  locksLeft = n;
+  KelGetMemObj()->LockBuf = [](KelBufID_I* buffer) {
+    return locksLeft-- != 0 ? lockBuf(buffer) : nullptr;
+  };
+  const KelLong code = step();
+  KelGetMemObj()->LockBuf = lockBuf;
+  const bool isRefused = n >= 0 && locksLeft < 0;
+  EXPECT_EQ(code, isRefused ? KelErrNoMemory : KelOK) << n;
+  return isRefused;
+}
+
 // A packet whose plane cannot be locked must not count as decoded.
 TEST_F(DecoderHosts, RefusedLocksEndInCode8AndLoseNothing) {
   const Bytes data = Vector("rev53_grey_5_levels");
@@ -421,18 +436,44 @@ TEST_F(DecoderHosts, RefusedLocksEndInCode8AndLoseNothing) {
   for (int n = 0; refused; ++n) {
     Decoder d(data);
     ASSERT_EQ(d.Frame(data.size() / 2), KelOK);
-    lockBuf = KelGetMemObj()->LockBuf;
-    locksLeft = n;
-    KelGetMemObj()->LockBuf = [](KelBufID_I* buffer) {
-      return locksLeft-- != 0 ? lockBuf(buffer) : nullptr;
-    };
-    const KelLong code = d.Frame(data.size());
-    KelGetMemObj()->LockBuf = lockBuf;
-    refused = locksLeft < 0;
-    EXPECT_EQ(code, refused ? KelErrNoMemory : KelOK) << n;
+    refused = RefusesLock(n, [&] { return d.Frame(data.size()); });
     EXPECT_EQ(d.Frame(data.size()), KelOK);
     ASSERT_TRUE(d.image.TileIsComplete(0));
     EXPECT_EQ(d.Samples(), undisturbed.Samples()) << n;
+  }
+}
+
+// Nor must a tile count as delivered that did not reach the host: recast, turned, copied, or a
+// tile of which only the header has come.
+TEST_F(DecoderHosts, RefusedLocksOnTheWayToTheHostLoseNothing) {
+  const Bytes whole = Vector("rev53_grey_5_levels");
+  const Bytes header(whole.begin(), whole.begin() + std::ptrdiff_t(FirstPacket(whole)));
+  for (const int form : {0, 1, 2, 3, 4, 5}) {
+    test::FrameRequest request({form % 2 == 0 ? 8 : 16});
+    Bytes wanted;
+    int numLocks = 0;
+    for (int n = -1, left = 1; left != 0; ++n) {  // n of -1: none is refused
+      Decoder d(form < 4 ? whole : header);
+      d.image.SetOrientationForDecode(form / 2 == 1 ? KelOrientation90 : KelOrientation0);
+      const KelImageGeometry& g = *d.image.GetGeometryParams();
+      const KelLong row = form / 2 == 1 ? g.Ysiz : g.Xsiz;
+      Bytes out(std::size_t(2 * g.Xsiz * g.Ysiz), 0xEE);
+      request.buffers[0] = out.data();
+      request.strides[0] = row * (form % 2 == 0 ? 1 : 2);
+      const auto frame = [&] {
+        return d.image.GetNextFrame(&d.block, nullptr, false, false, &request.data);
+      };
+      left = RefusesLock(n, frame) || n < 0;
+      if (n < 0) {
+        wanted = out;
+        continue;
+      }
+      numLocks += left;
+      EXPECT_EQ(frame(), KelOK);
+      EXPECT_EQ(out, wanted) << "form " << form << ", lock " << n;
+    }
+    EXPECT_NE(wanted[0], 0xEE);
+    EXPECT_GE(numLocks, 1) << form;
   }
 }
 
