@@ -2,31 +2,17 @@
 // threads, and the same as the bytes arrive. The kit cuts and places by what the library's index
 // says; whether both see the same image shows in the samples.
 #include <kel/Kel.h>
-#include <kel/host.hpp>
 
-#include <cstdlib>
-#include <optional>
+#include "HostSupport.hpp"
 
 namespace {
 
 using namespace kel::host;
+using fuzz::Require;
+using fuzz::Try;
 
 /// Pieces in which the data arrive, at most.
 constexpr std::size_t kPieces = 5;
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
-
-/// What work returns; nothing where it refuses the data, which the kit may only do with an Error.
-template <class Work>
-auto Try(Work work) -> std::optional<decltype(work())> {
-  try {
-    return work();
-  } catch (const Error&) {
-    return std::nullopt;
-  }
-}
 
 struct Arrival {
   std::optional<Image> image;
@@ -45,15 +31,6 @@ Arrival DecodeArriving(ByteView data) {
   }
   if (decoder.HasHeader()) result.image = Try([&] { return decoder.GetImage(); });
   return result;
-}
-
-bool AreEqual(const Plane& a, const Plane& b) {
-  bool same = a.Width() == b.Width() && a.Height() == b.Height() && a.Depth() == b.Depth();
-  for (std::uint32_t y = 0; same && y < a.Height(); ++y) {
-    const auto* row = a.Row<std::uint8_t>(y);
-    same = std::equal(row, row + a.Width() * a.BytesPerSample(), b.Row<std::uint8_t>(y));
-  }
-  return same;
 }
 
 /// The geometry that a decoder of the library finds is the one that the kit tells.
@@ -97,10 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto whole = Try([&] { return Decode(forWhole, params, &report); });
   const Arrival arrived = DecodeArriving(bytes);
   if (whole && report.complete && arrived.image && arrived.complete) {
-    Require(whole->planes.size() == arrived.image->planes.size());
-    for (std::size_t c = 0; c < whole->planes.size(); ++c) {
-      Require(AreEqual(whole->planes[c], arrived.image->planes[c]));
-    }
+    Require(fuzz::AreEqual(*whole, *arrived.image));
     if (auto ordinary = arrived.image) Try([&] { return MakeOrdinary(*ordinary), true; });
   }
   Require(Session::CurrentBytes() == 0);

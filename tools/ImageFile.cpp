@@ -165,7 +165,9 @@ bool KeepsPalette(const std::string& name, const Image& description) {
 Image ReadImage(host::ByteView bytes, const ReadSettings& settings) {
   host::MemorySource memory(bytes);
   host::BufferedSource source(memory);
-  return host::ReadImage(*OpenImage(source, settings));
+  const auto rows = OpenImage(source, settings);
+  if (rows == nullptr) throw Error(Failure::kInput, "the file has fewer pictures");
+  return host::ReadImage(*rows);
 }
 
 void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {
