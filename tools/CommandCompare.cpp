@@ -7,6 +7,7 @@
 #include <kel/host/similarity.hpp>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -31,7 +32,8 @@ void PrintDifference(const host::Image& image, const host::Difference& differenc
   std::printf("%-12s %12s %10s %18s\n", "component", "PSNR", "largest", "differing samples");
   for (std::size_t i = 0; i < difference.planes.size(); ++i) {
     const auto& plane = difference.planes[i];
-    const double samples = 1.0 * image.planes[i].Width() * image.planes[i].Height();
+    const host::Plane& shape = image.planes[image.palette ? 0 : i];
+    const double samples = 1.0 * shape.Width() * shape.Height();
     std::printf("%-12zu %12s %10u %17.2f%%\n", i, Decibels(plane.psnr).c_str(), plane.largest,
                 100.0 * static_cast<double>(plane.count) / samples);
   }
@@ -40,25 +42,8 @@ void PrintDifference(const host::Image& image, const host::Difference& differenc
   std::puts(difference.identical ? "The images are identical." : "The images differ.");
 }
 
-int RunCompare(const std::vector<std::string>& files, unsigned threads,
-               const host::Limits& limits) {
-  const host::Session session(2 * HalfOfMemory());
-  const host::LimitScope limited(limits);
-  const host::Image a = LoadAnyImage(files[0], threads);
-  const host::Image b = LoadAnyImage(files[1], threads);
-  try {
-    const host::Difference difference = host::Compare(a, b);
-    PrintDifference(a, difference, difference.identical ? 1.0 : host::Ssim(a, b));
-    return difference.identical ? kDone : kDifferent;
-  } catch (const host::Error& error) {
-    if (error.Kind() != host::Failure::kParameter) throw;
-    throw host::Error(host::Failure::kInput, files[0] + " and " + files[1], error.Sentence());
-  }
-}
-
-}  // namespace
-
-host::Image LoadAnyImage(const std::string& name, unsigned threads) {
+/// An image file, encoded or not, with its palette.
+host::Image LoadStored(const std::string& name, unsigned threads) {
   const host::Bytes bytes = ReadInput(name);
   try {
     host::Image image;
@@ -71,11 +56,70 @@ host::Image LoadAnyImage(const std::string& name, unsigned threads) {
       image = host::Decode(source, params);
     }
     host::UseFullRange(image);
-    host::MakeOrdinary(image);
     return image;
   } catch (const host::Error& error) {
     throw host::Error(error.Kind(), NameOf(name), Describe(error));
   }
+}
+
+bool AreEqual(const host::Palette& a, const host::Palette& b) {
+  return std::ranges::equal(a.columns, b.columns, [](const auto& p, const auto& q) {
+    return p.depth == q.depth && p.role == q.role && p.entries == q.entries;
+  });
+}
+
+std::size_t NumChannels(const host::Image& image) {
+  return image.palette ? image.palette->columns.size() : image.planes.size();
+}
+
+/// Of two images as they are stored, which become ordinary. The same indices of the same palette
+/// stay as they are: the colours may be many times as much.
+host::Difference CompareStored(host::Image& a, host::Image& b) {
+  const bool areAlike =
+      a.colourSpace == b.colourSpace && a.palette && b.palette &&
+      AreEqual(*a.palette, *b.palette) && a.planes[0].Width() == b.planes[0].Width() &&
+      a.planes[0].Height() == b.planes[0].Height() && a.planes[0].Depth() == b.planes[0].Depth();
+  if (areAlike && a.planes.size() == 1 && b.planes.size() == 1) {
+    host::Difference difference = host::Compare(a, b);
+    difference.planes.resize(NumChannels(a), difference.planes[0]);
+    if (difference.identical) return difference;
+  }
+  if (NumChannels(a) == NumChannels(b)) {
+    host::MakeOrdinary(a);
+    host::MakeOrdinary(b);
+    return host::Compare(a, b);
+  }
+  throw host::Error(host::Failure::kParameter, "the images have " + std::to_string(NumChannels(a)) +
+                                                   " and " + std::to_string(NumChannels(b)) +
+                                                   " channels");
+}
+
+int RunCompare(const std::vector<std::string>& files, unsigned threads,
+               const host::Limits& limits) {
+  const host::Session session(2 * HalfOfMemory());
+  const host::LimitScope limited(limits);
+  host::Image a = LoadStored(files[0], threads);
+  host::Image b = LoadStored(files[1], threads);
+  try {
+    const host::Difference difference = CompareStored(a, b);
+    PrintDifference(a, difference, difference.identical ? 1.0 : host::Ssim(a, b));
+    return difference.identical ? kDone : kDifferent;
+  } catch (const host::Error& error) {
+    if (error.Kind() != host::Failure::kParameter) throw;
+    throw host::Error(host::Failure::kInput, files[0] + " and " + files[1], error.Sentence());
+  }
+}
+
+}  // namespace
+
+host::Image LoadAnyImage(const std::string& name, unsigned threads) {
+  host::Image image = LoadStored(name, threads);
+  try {
+    host::MakeOrdinary(image);
+  } catch (const host::Error& error) {
+    throw host::Error(error.Kind(), NameOf(name), Describe(error));
+  }
+  return image;
 }
 
 void AddCompareCommand(CLI::App& app, Run& run) {

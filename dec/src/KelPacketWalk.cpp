@@ -67,7 +67,11 @@ void CountHandled(const PacketWalk& walk, const PacketId& at) {
         OwnedArray<std::uint16_t*>::Make(AsCount(CeilDiv(count, kCounterPage))).Release();
   }
   std::uint16_t*& page = resolution.pages[precinct / kCounterPage];
-  if (page == nullptr) page = OwnedArray<std::uint16_t>::Make(kCounterPage).Release();
+  if (page == nullptr) {
+    const std::int64_t inPage =
+        std::min(count - precinct / kCounterPage * kCounterPage, kCounterPage);
+    page = OwnedArray<std::uint16_t>::Make(AsCount(inPage)).Release();
+  }
   std::uint16_t& handled = page[precinct % kCounterPage];
   ++handled;
   if (handled - 1 != resolution.leastHandled || --resolution.numAtLeast != 0) return;
@@ -152,8 +156,10 @@ void NoteDone(const PacketWalk& walk, std::int32_t component, std::int32_t resol
               std::int64_t upTo, std::int32_t layers) {
   ResolutionRecord* all = walk.tile->comps[component].dec->resolutions;
   if (all == nullptr || upTo == 0) return;
-  all[resolution].doneUpTo = upTo;
-  all[resolution].doneLayers = layers;
+  ResolutionRecord& record = all[resolution];
+  if (record.doneUpTo >= upTo && record.doneLayers >= layers) return;
+  record.doneUpTo = upTo;
+  record.doneLayers = layers;
 }
 
 /// Where a loop over precincts starts, given the digits outside it.
@@ -185,6 +191,20 @@ void NoteDoneBefore(const PacketWalk& walk) {
     for (std::int64_t s = FirstSlot(walk, at.resolution);
          s < walk.activeStart[at.resolution + 1] && walk.active[s] < entry.componentEnd; ++s) {
       NoteDone(walk, walk.active[s], at.resolution, at.precinct, entry.layerEnd);
+    }
+  }
+}
+
+/// An entry has found nothing although not all was handled: what it runs over in RPCL, which is
+/// less than the components have, is done.
+void NoteNothingFound(const PacketWalk& walk) {
+  const ProgressionEntry& entry = Entry(walk);
+  if (!walk.keepsCounters || entry.order != KelRPCL) return;
+  for (std::int32_t r = entry.resolutionStart; r < entry.resolutionEnd; ++r) {
+    const std::int64_t end = EndOfSharedPrecincts(walk, r);
+    for (std::int64_t s = FirstSlot(walk, r);
+         s < walk.activeStart[r + 1] && walk.active[s] < entry.componentEnd; ++s) {
+      NoteDone(walk, walk.active[s], r, end, entry.layerEnd);
     }
   }
 }
@@ -373,7 +393,11 @@ bool FindFirst(PacketWalk& walk) {
 
 bool BeginEntry(PacketWalk& walk) {
   if (Entry(walk).layerEnd <= 0) return false;
-  if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd || !FindFirst(walk)) return false;
+  if (FirstLayerOfEntry(walk) >= Entry(walk).layerEnd) return false;
+  if (!FindFirst(walk)) {
+    NoteNothingFound(walk);
+    return false;
+  }
   NoteDoneBefore(walk);
   return true;
 }

@@ -67,6 +67,11 @@ TEST(Hostile, LimitsOnPixelsAndTimeEndTheCommands) {
   }
   EXPECT_EQ(tool.Run("compare in.kel in.kel --max-pixels 60000 --timeout 60").code, 0);
   EXPECT_EQ(tool.Run("decode " KEL_HOSTILE "/big_30000.kel o.png").code, 2);
+  // 255 colours for each of 16 million indices.
+  EXPECT_EQ(tool.Run("compare " KEL_HOSTILE "/pal_4000.kel " KEL_HOSTILE "/pal_4000.kel"
+                     " --timeout 60")
+                .code,
+            0);
   EXPECT_FALSE(fs::exists(tool.folder.Path("o.png")));
 }
 

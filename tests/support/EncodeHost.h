@@ -61,7 +61,7 @@ class EncodeHost {
   /// Initialises, codes every tile into the stream, and tears down. Returns the first code that is
   /// not 0.
   KelLong EncodeTo(HostStream& stream);
-  /// The same into a stream of its own; fails the test on a code. Returns the file.
+  /// The same into a stream of its own; throws on a code, which fails the test. Returns the file.
   Bytes Encode(bool seekable = true);
 
   Picture image;

@@ -13,7 +13,8 @@ namespace {
 
 constexpr KelLong kCacheBytes = 65536;      // write cache of a seekable stream
 constexpr KelLong kLargestCached = 32768;   // longer writes bypass an empty cache
-constexpr KelLong kGrowthBytes = 10240;     // growth step of a held output
+constexpr KelLong kGrowthBytes = 10240;     // growth step of a held output,
+constexpr KelLong kLargeBytes = 1 << 20;    // which from here on grows by half of itself
 constexpr KelLong kCutShort = -1;           // the host took a part of what it was given
 constexpr KelLong kSeekRefused = -8;        // bad origin or target, or the host refused
 constexpr KelLong kSeekOutsideBuffer = -4;  // not seekable, and outside what is held
@@ -65,9 +66,11 @@ KelLong KelCodeStm::write(const std::uint8_t* source, KelLong count) {
       wbufFill = 0;
     }
   } else if (!hasRoom) {
-    const bool isLong = count > wbufCap - wbufFill + kGrowthBytes;
-    const std::int64_t newCapacity = std::int64_t{wbufCap} + (isLong ? count : kGrowthBytes);
-    if (newCapacity > INT32_MAX) kel::Raise(KelErrNoMemory, kel::kModuleMemFuncDefs);
+    const std::int64_t step = wbufCap < kLargeBytes ? kGrowthBytes : wbufCap / 2;
+    const bool isLong = count > wbufCap - wbufFill + step;
+    const std::int64_t newCapacity =
+        std::min<std::int64_t>(wbufCap + (isLong ? count : step), INT32_MAX);
+    if (newCapacity - wbufFill < count) kel::Raise(KelErrNoMemory, kel::kModuleMemFuncDefs);
     void* larger = kel::KelRealloc(wbuf, kel::AsCount(wbufCap), kel::AsCount(newCapacity));
     if (larger == nullptr) return 0;
     wbuf = static_cast<std::uint8_t*>(larger);
