@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <list>
+#include <map>
 #include <mutex>
+#include <utility>
 
 #include "Describe.hpp"
 #include "RegionDecode.hpp"
@@ -35,33 +37,41 @@ class TileCache {
 
   TilePointer Find(std::uint32_t tile, unsigned reduce) {
     const std::lock_guard lock(mutex_);
-    const auto found = std::ranges::find_if(
-        entries_, [&](const Entry& entry) { return entry.tile == tile && entry.reduce == reduce; });
-    if (found == entries_.end()) return nullptr;
-    entries_.splice(entries_.begin(), entries_, found);
+    const auto found = places_.find({tile, reduce});
+    if (found == places_.end()) return nullptr;
+    entries_.splice(entries_.begin(), entries_, found->second);
     return entries_.front().image;
   }
 
   void Keep(std::uint32_t tile, unsigned reduce, const TilePointer& image) {
     const std::lock_guard lock(mutex_);
-    if (image->bytes > mostBytes_) return;
-    entries_.push_front({tile, reduce, image});
-    bytes_ += image->bytes;
+    const std::uint64_t cost = CostOf(*image);
+    if (cost > mostBytes_ || places_.contains({tile, reduce})) return;
+    entries_.push_front({{tile, reduce}, image});
+    places_[entries_.front().name] = entries_.begin();
+    bytes_ += cost;
     while (bytes_ > mostBytes_) {
-      bytes_ -= entries_.back().image->bytes;
+      bytes_ -= CostOf(*entries_.back().image);
+      places_.erase(entries_.back().name);
       entries_.pop_back();
     }
   }
 
  private:
+  using Name = std::pair<std::uint32_t, unsigned>;  ///< tile, halvings
   struct Entry {
-    std::uint32_t tile;
-    unsigned reduce;
+    Name name;
     TilePointer image;
   };
+  /// Of tiny tiles the records are larger than the samples.
+  static std::uint64_t CostOf(const DecodedTile& tile) {
+    return tile.bytes + sizeof(DecodedTile) + sizeof(Entry) +
+           tile.planes.size() * (sizeof(Plane) + sizeof(ComponentArea));
+  }
   const std::uint64_t mostBytes_;
   std::mutex mutex_;
   std::list<Entry> entries_;
+  std::map<Name, std::list<Entry>::iterator> places_;
   std::uint64_t bytes_ = 0;
 };
 
