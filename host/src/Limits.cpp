@@ -48,8 +48,9 @@ void CheckPixels(std::uint64_t width, std::uint64_t height) {
 }
 
 bool TimeIsUp() {
-  return bound != nullptr && HasEnd(bound->limits) &&
-         std::chrono::steady_clock::now() >= bound->end;
+  if (bound == nullptr) return false;
+  if (bound->limits.stop != nullptr && bound->limits.stop()) return true;
+  return HasEnd(bound->limits) && std::chrono::steady_clock::now() >= bound->end;
 }
 
 void CheckTime() {

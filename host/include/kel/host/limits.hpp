@@ -1,4 +1,4 @@
-// What a piece of work may cost beside memory: samples, and time.
+// What a piece of work may cost beside memory: samples, and time; and how its caller ends it.
 #ifndef KEL_HOST_LIMITS_HPP
 #define KEL_HOST_LIMITS_HPP
 
@@ -11,6 +11,9 @@ struct Limits {
   /// Samples of a plane that is made or announced; 0 for no limit.
   std::uint64_t maxPixels = std::uint64_t{1} << 30;
   double seconds = 0;  ///< from the making of the scope on; 0 for no limit
+  /// Asked now and then, on every thread that works: true ends the work as the end of its time
+  /// does. Null for nobody to ask. It must not throw.
+  bool (*stop)() = nullptr;
 };
 
 /// Limits everything that the kit does on the calling thread, and on the threads that it starts for
@@ -40,8 +43,9 @@ class LimitScope {
 /// Throws Error (kMemory) when a plane of this size has more samples than the limit allows.
 void CheckPixels(std::uint64_t width, std::uint64_t height);
 
+/// Whether the time is over, or the caller wants no more.
 bool TimeIsUp();
-/// Throws Error (kTime) when it is.
+/// Throws Error (kTime) when it is so.
 void CheckTime();
 
 }  // namespace kel::host
