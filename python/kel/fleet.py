@@ -278,13 +278,15 @@ def run(command, sources, folder, *, options=None, ending=None, scheduler=None, 
 
     command: "encode", "decode" or "check". sources: files and folders. folder: of the outputs; of
     "check", of the encoded files to be compared with the sources. options: those of kel.encode, or
-    reduce and strict for decode. scheduler: an address; else workers are started on this machine.
+    reduce, fit, exact and strict for decode. scheduler: an address; else workers are started on this machine.
     memory: of each worker, such as "2G". psnr: measure every output. manifest: its path.
     """
     options = dict(options or {})
     if command == "encode":
         options = kel._coding(options)
         options.setdefault("threads", 1)
+    if "fit" in options:
+        options["fit"] = kel._size_pair(options["fit"], "fit")
     folder = pathlib.Path(folder)
     ending = ending or (".png" if command == "decode" else ".kel")
     jobs = _jobs(sources, folder, ending, {".kel"} if command == "decode" else IMAGES)
@@ -360,6 +362,10 @@ def _parser():
     decode.add_argument("--format", choices=FORMATS, default="png", help="of the outputs [png]")
     decode.add_argument("--reduce", type=int, dest="option_reduce", metavar="N",
                         help="halve width and height N times")
+    decode.add_argument("--fit", dest="option_fit", metavar="WxH",
+                        help="halve as often as it takes to be no larger than this")
+    decode.add_argument("--exact", action="store_const", const=True, dest="option_exact",
+                        help="compute lossy pictures of up to 8 bits in double precision")
     decode.add_argument("--strict", action="store_const", const=True, dest="option_strict",
                         help="treat incomplete data as an error")
     return parser

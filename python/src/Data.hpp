@@ -28,7 +28,22 @@ class HeldBytes {
   Py_buffer buffer_{};
 };
 
-/// Data given as a name (str) or an object with a buffer.
+/// Ranges of an object with seek and read, one at a time. What these raise is thrown on. Made and
+/// destroyed with the lock.
+class FileObjectRanges final : public host::RangeSource {
+ public:
+  explicit FileObjectRanges(py::object file);
+  std::uint64_t Size() const override { return size_; }
+  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override;
+
+ private:
+  py::object file_;
+  std::uint64_t size_ = 0;
+  std::mutex mutex_;
+};
+
+/// Data given as a name (str), an object with seek and read, or one with a buffer. Made and
+/// destroyed with the lock; what it opens must not outlive it.
 class Data {
  public:
   explicit Data(const py::object& given);
@@ -38,6 +53,7 @@ class Data {
 
  private:
   std::string name_;
+  std::unique_ptr<FileObjectRanges> object_;
   std::unique_ptr<HeldBytes> held_;
 };
 
@@ -53,20 +69,6 @@ class WatchedRanges final : public host::RangeSource {
 
  private:
   std::unique_ptr<host::RangeSource> source_;
-};
-
-/// Ranges of an object with seek and read, one at a time. What these raise is thrown on. Made and
-/// destroyed with the lock.
-class FileObjectRanges final : public host::RangeSource {
- public:
-  explicit FileObjectRanges(py::object file);
-  std::uint64_t Size() const override { return size_; }
-  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override;
-
- private:
-  py::object file_;
-  std::uint64_t size_ = 0;
-  std::mutex mutex_;
 };
 
 }  // namespace kel::python

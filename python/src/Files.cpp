@@ -95,6 +95,8 @@ void DecodeFile(const std::string& input, const std::string& output, const py::d
   options.Take("reduce", params.reduce);
   options.Take("threads", params.threads);
   options.Take("strict", strict);
+  options.Take("exact", params.exact);
+  TakeFit(options, params);
   options.Finish();
   params.acceptIncomplete = !strict;
   params.progress = WatchProgress();

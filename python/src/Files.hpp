@@ -12,8 +12,8 @@ namespace kel::python {
 /// a resolution instead of the file's.
 std::uint64_t EncodeFile(const std::string& input, const std::string& output,
                          const py::dict& options);
-/// Decodes into an image file of the format that the output's ending tells. options: reduce, strict
-/// (False unless given), threads.
+/// Decodes into an image file of the format that the output's ending tells. options: reduce, fit,
+/// exact, strict (False unless given), threads.
 void DecodeFile(const std::string& input, const std::string& output, const py::dict& options);
 /// The PSNR of two pictures in image files or Kel files, in decibels; infinite when identical.
 double CompareFiles(const std::string& first, const std::string& second);

@@ -8,6 +8,7 @@
 #include <kel/host/probe.hpp>
 
 #include <algorithm>
+#include <limits>
 #include <numeric>
 #include <optional>
 
@@ -28,6 +29,7 @@ using host::Failure;
 
 host::EncodeReport EncodeArray(const py::array& array, const py::dict& options, host::Sink& sink) {
   const Samples samples = SamplesOf(array);
+  const CallScope limits;
   EncodeRequest request = ReadEncodeRequest(samples, options);
   request.params.progress = WatchProgress();
   if (!request.mask.planes.empty()) request.params.regionMask = &request.mask.planes[0];
@@ -104,7 +106,10 @@ struct DecodeRequest {
   int rotate = 0;
   unsigned bits = 0;
 
-  bool IsPlain() const { return !region && params.reduce == 0 && rotate == 0 && bits == 0; }
+  bool IsResized() const {
+    return params.reduce != 0 || params.fitWidth != 0 || params.fitHeight != 0;
+  }
+  bool IsPlain() const { return !region && !IsResized() && rotate == 0 && bits == 0; }
 };
 
 DecodeRequest::DecodeRequest(const py::dict& given) {
@@ -117,6 +122,9 @@ DecodeRequest::DecodeRequest(const py::dict& given) {
   options.Take("indices", indices);
   options.Take("rotate", rotate);
   options.Take("bits", bits);
+  options.Take("exact", params.exact);
+  TakeFit(options, params);
+  if (rotate % 180 != 0) std::swap(params.fitWidth, params.fitHeight);
   if (options.Take("region", rectangle)) region = ReadRegion(rectangle);
   options.Finish();
   params.acceptIncomplete = !strict;
@@ -153,11 +161,28 @@ struct Stretch {
   std::uint32_t start, length, keptStart, keptLength;
 };
 
+/// The halvings of a region that are asked for, directly or as a size to fit.
+unsigned HalvingsOf(const DecodeRequest& request, const host::Picture& picture,
+                    const host::Region& region) {
+  const auto isLarger = [](std::uint64_t from, std::uint64_t count, std::uint64_t end,
+                           std::uint32_t most, unsigned halvings) {
+    return most != 0 && from < end && Stretch(from, count, end, 1, halvings).keptLength > most;
+  };
+  unsigned halvings = request.params.reduce;
+  while (
+      halvings < 31 &&
+      (isLarger(region.x, region.width, picture.Width(), request.params.fitWidth, halvings) ||
+       isLarger(region.y, region.height, picture.Height(), request.params.fitHeight, halvings))) {
+    ++halvings;
+  }
+  return halvings;
+}
+
 /// A region, or everything, as its array will be.
 host::Image DecodePart(host::Picture& picture, const DecodeRequest& request) {
-  const unsigned reduce = request.params.reduce;
   host::Region region =
       request.region.value_or(host::Region{0, 0, picture.Width(), picture.Height()});
+  const unsigned reduce = HalvingsOf(request, picture, region);
   std::uint32_t xStep = 1, yStep = 1;
   for (const host::Plane& plane : picture.Describe(reduce).planes) {
     xStep = std::lcm(xStep, plane.xStep);
@@ -192,13 +217,20 @@ py::object Decode(const py::object& given, const py::dict& options, const py::ob
   const auto room = CurrentRoom();
   const auto source = Run(*room, [&] { return data.Open(); });
   host::Image image;
-  if (request.region || request.params.reduce != 0) {
+  if (request.region) {
     image = Run(*room, [&] {
       WatchedRanges ranges(data.OpenRanges());
-      host::Picture picture(ranges);
+      host::Picture picture(ranges, {.cacheBytes = 0, .exact = request.params.exact});
       host::Image part = DecodePart(picture, request);
       Turn(part, request);
       return part;
+    });
+  } else if (request.IsResized()) {
+    image = Run(*room, [&] {
+      host::Image small = host::Decode(*source, request.params);
+      MakePlain(small, request.indices);
+      Turn(small, request);
+      return small;
     });
   } else {
     const auto decoder =
@@ -224,17 +256,12 @@ py::object Decode(const py::object& given, const py::dict& options, const py::ob
 
 class OpenPicture {
  public:
-  OpenPicture(const py::object& given, std::uint64_t cacheBytes) : room_(CurrentRoom()) {
-    std::unique_ptr<host::RangeSource> ranges;
-    if (py::hasattr(given, "seek") && py::hasattr(given, "read")) {
-      ranges = std::make_unique<FileObjectRanges>(given);
-    } else {
-      data_ = std::make_unique<Data>(given);
-      ranges = Run(*room_, [&] { return data_->OpenRanges(); });
-    }
-    source_ = std::make_unique<WatchedRanges>(std::move(ranges));
+  OpenPicture(const py::object& given, std::uint64_t cacheBytes, bool exact)
+      : room_(CurrentRoom()) {
+    data_ = std::make_unique<Data>(given);
+    source_ = Run(*room_, [&] { return std::make_unique<WatchedRanges>(data_->OpenRanges()); });
     picture_ = Run(*room_, [&] {
-      return std::make_unique<host::Picture>(*source_, host::PictureParams{cacheBytes});
+      return std::make_unique<host::Picture>(*source_, host::PictureParams{cacheBytes, exact});
     });
   }
 
@@ -281,8 +308,26 @@ class OpenPicture {
 
 class ArrivingPicture {
  public:
-  ArrivingPicture() : room_(CurrentRoom()) {
-    decoder_ = Run(*room_, [] { return std::make_unique<host::ProgressiveDecoder>(); });
+  explicit ArrivingPicture(const py::dict& given) : room_(CurrentRoom()) {
+    Options options(given);
+    host::ProgressiveParams params;
+    py::object rectangle;
+    options.Take("reduce", params.reduce);
+    if (options.Take("region", rectangle)) {
+      // How far apart samples stand is known later; few components have less than one in four.
+      constexpr std::uint64_t kStep = 4, kEnd = std::numeric_limits<std::uint32_t>::max();
+      const host::Region asked = ReadRegion(rectangle);
+      const unsigned halvings = std::min(params.reduce, 24U);  // more are refused below
+      const Stretch x(asked.x, asked.width, kEnd, kStep, halvings);
+      const Stretch y(asked.y, asked.height, kEnd, kStep, halvings);
+      if (asked.width != 0 && asked.height != 0)
+        params.region = {x.start, y.start, x.length, y.length};
+      else
+        params.region = asked;
+      kept_ = {x.keptStart, y.keptStart, x.keptLength, y.keptLength};
+    }
+    options.Finish();
+    decoder_ = Run(*room_, [&] { return std::make_unique<host::ProgressiveDecoder>(params); });
   }
 
   /// Whether some samples became better.
@@ -297,6 +342,7 @@ class ArrivingPicture {
                        [&] {
                          host::Image image = decoder_->GetImage();
                          MakePlain(image, false);
+                         if (kept_) CropToAsked(image);
                          return image;
                        }),
                    py::none());
@@ -305,8 +351,18 @@ class ArrivingPicture {
   bool IsComplete() const { return complete_; }
 
  private:
+  /// What was asked for of what was decoded, which ends with the picture.
+  void CropToAsked(host::Image& image) const {
+    if (kept_->x >= image.width || kept_->y >= image.height) {
+      throw Error(Failure::kParameter, "the region lies outside the picture");
+    }
+    Crop(image, {kept_->x, kept_->y, std::min(kept_->width, image.width - kept_->x),
+                 std::min(kept_->height, image.height - kept_->y)});
+  }
+
   std::shared_ptr<Room> room_;
   std::unique_ptr<host::ProgressiveDecoder> decoder_;
+  std::optional<host::Region> kept_;  ///< of the image that is decoded
   bool complete_ = false;
 };
 
@@ -344,7 +400,7 @@ PYBIND11_MODULE(_kel, module) {
   module.def("compare_files", &CompareFiles);
   module.def("info", &InfoText);
   py::class_<OpenPicture>(module, "Picture")
-      .def(py::init<const py::object&, std::uint64_t>())
+      .def(py::init<const py::object&, std::uint64_t, bool>())
       .def("shape", &OpenPicture::Shape)
       .def("type", &OpenPicture::Type)
       .def("levels", &OpenPicture::Levels)
@@ -353,7 +409,7 @@ PYBIND11_MODULE(_kel, module) {
       .def("attributes", &OpenPicture::Attributes)
       .def("read", &OpenPicture::Read);
   py::class_<ArrivingPicture>(module, "Decoder")
-      .def(py::init<>())
+      .def(py::init<const py::dict&>())
       .def("feed", &ArrivingPicture::Feed)
       .def("get", &ArrivingPicture::Get)
       .def("has_header", &ArrivingPicture::HasHeader)

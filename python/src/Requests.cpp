@@ -190,6 +190,15 @@ EncodeRequest ReadEncodeRequest(const Samples& samples, const py::dict& given) {
   return request;
 }
 
+void TakeFit(Options& options, host::DecodeParams& params) {
+  std::pair<std::uint32_t, std::uint32_t> fit;
+  if (!options.Take("fit", fit)) return;
+  if (params.reduce != 0) Refuse("fit and reduce exclude each other");
+  if (fit.first == 0 || fit.second == 0) Refuse("fit is (width, height), both above 0");
+  params.fitWidth = fit.first;
+  params.fitHeight = fit.second;
+}
+
 host::Region ReadRegion(const py::object& region) {
   try {
     const auto numbers = region.cast<std::array<std::uint32_t, 4>>();

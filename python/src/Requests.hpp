@@ -3,6 +3,7 @@
 #ifndef KEL_PYTHON_REQUESTS_HPP
 #define KEL_PYTHON_REQUESTS_HPP
 
+#include <kel/host/decode.hpp>
 #include <kel/host/encode.hpp>
 #include <kel/host/image.hpp>
 #include <kel/host/picture.hpp>
@@ -48,6 +49,8 @@ std::vector<std::string> CodingOptions();
 /// The parameters of coding alone, for pictures that are not arrays.
 host::EncodeParams TakeCoding(Options& options, host::Image& mask);
 
+/// The option fit, (width, height). Not beside halvings, which are to have been taken before.
+void TakeFit(Options& options, host::DecodeParams& params);
 /// A rectangle from (x, y, width, height).
 host::Region ReadRegion(const py::object& region);
 

@@ -1,8 +1,7 @@
 // The room of the process, and the kit's failures as exceptions of Python.
 #include "Work.hpp"
 
-#include <kel/host/errors.hpp>
-
+#include <atomic>
 #include <chrono>
 
 namespace kel::python {
@@ -21,7 +20,7 @@ struct Kind {
 };
 
 /// By host::Failure.
-PyObject* classes[5] = {};
+PyObject* classes[6] = {};
 
 PyObject* MakeClass(const py::module_& module, const Kind& kind, const py::object& base) {
   const std::string name = std::string("kel.") + kind.name;
@@ -40,6 +39,21 @@ void Raise(const host::Error& error) {
   raised.attr("code") = error.Code();
   raised.attr("details") = error.Details();
   PyErr_SetObject(type.ptr(), raised.ptr());
+}
+
+/// The call whose main thread met an exception: its other threads learn of it here.
+std::atomic<const host::LimitScope::Work*> stoppedCall{nullptr};
+
+bool StopIsAsked() {
+  const host::LimitScope::Work* mine = host::LimitScope::Current();
+  if (stoppedCall == mine) return true;
+  try {
+    CheckSignals();
+  } catch (const Interrupted&) {
+    stoppedCall = mine;
+    return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -67,6 +81,11 @@ void CheckSignals() {
   if (PyErr_CheckSignals() != 0) throw Interrupted();
 }
 
+CallScope::CallScope() : limits_({.maxPixels = 0, .stop = StopIsAsked}) {
+  const host::LimitScope::Work* mine = host::LimitScope::Current();
+  stoppedCall.compare_exchange_strong(mine, nullptr);  // an earlier one at this place
+}
+
 void AddErrors(py::module_& module) {
   const py::object base = py::reinterpret_borrow<py::object>(MakeClass(
       module,
@@ -85,6 +104,7 @@ void AddErrors(py::module_& module) {
        PyExc_MemoryError},
       {"ParameterError", "Parameters, or a picture, that are not allowed.", PyExc_ValueError}};
   for (int i = 0; i < 5; ++i) classes[i] = MakeClass(module, kinds[i], base);
+  classes[5] = base.inc_ref().ptr();  // calls have no limit on time
   py::register_exception_translator([](std::exception_ptr failure) {
     try {
       if (failure) std::rethrow_exception(failure);

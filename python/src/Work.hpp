@@ -7,6 +7,8 @@
 
 #include <pybind11/pybind11.h>
 
+#include <kel/host/errors.hpp>
+#include <kel/host/limits.hpp>
 #include <kel/host/parallel.hpp>
 #include <kel/host/session.hpp>
 
@@ -42,14 +44,30 @@ inline host::Progress WatchProgress() {
   return [](std::size_t, std::size_t) { CheckSignals(); };
 }
 
+/// Limits of a call on the calling thread: arrays have that of memory alone, and the interpreter's
+/// signals are seen by the kit too, within tiles, on all threads of the call.
+class CallScope {
+ public:
+  CallScope();
+
+ private:
+  host::LimitScope limits_;
+};
+
 /// Calls work() without the lock. What a signal handler raised meanwhile is thrown on.
 template <class Work>
 decltype(auto) WithoutLock(Work&& work) {
   try {
     const py::gil_scoped_release unlocked;
+    const CallScope limits;
     return work();
   } catch (const Interrupted&) {
     throw py::error_already_set();
+  } catch (const host::Error& error) {
+    if (error.Kind() == host::Failure::kTime && PyErr_Occurred() != nullptr) {
+      throw py::error_already_set();
+    }
+    throw;
   }
 }
 

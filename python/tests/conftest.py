@@ -22,6 +22,15 @@ def vectors():
 
 
 @pytest.fixture(scope="session")
+def hostile():
+    """The smallest of the hostile files, which are quick too."""
+    files = [path for path in sorted((ROOT / "tests/hostile").iterdir())
+             if path.stat().st_size < 400]
+    assert len(files) >= 10
+    return files
+
+
+@pytest.fixture(scope="session")
 def large(tmp_path_factory):
     """A file of many tiles, and its samples."""
     import kel

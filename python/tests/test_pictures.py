@@ -10,10 +10,12 @@ import threading
 
 import numpy
 import pytest
+from PIL import Image
 from hypothesis import given
 from hypothesis import strategies as st
 
 import kel
+import kel.pillow  # noqa: F401
 
 
 class Counted(io.BytesIO):
@@ -54,6 +56,35 @@ def test_levels_are_those_of_decoding(large):
         numpy.testing.assert_array_equal(view[-1], whole[-1])
     with pytest.raises(kel.ParameterError):
         picture.level(32)
+    beyond = kel.decode(path, reduce=7).astype(int)  # averages of what is lowest
+    assert beyond.shape == (6, 8, 3)
+    lowest = kel.decode(path, reduce=5).astype(int)
+    assert numpy.abs(beyond[0, 0] - lowest[:4, :4].mean(axis=(0, 1))).max() <= 2
+    for wrong in (lambda: picture.level(7)[:], lambda: kel.decode(path, reduce=7, region=(0, 0, 9, 9)),
+                  lambda: kel.decode(path, reduce=1, fit=(9, 9)), lambda: kel.decode(path, fit="9")):
+        with pytest.raises(kel.ParameterError):
+            wrong()
+
+
+def test_pictures_are_fitted(large):
+    path, _ = large
+    for source in (path, Counted(path.read_bytes())):
+        for fit, shape in (((900, 700), (700, 900)), ((899, 700), (350, 450)), ("100x9", (6, 8))):
+            assert kel.decode(source, fit=fit).shape[:2] == shape
+    assert kel.decode(path, fit=(100, 300), rotate=90).shape == (113, 88, 3)
+    assert kel.decode(path, fit=(100, 300), region=(100, 0, 300, 300)).shape == (75, 75, 3)
+
+
+def test_exact_is_that_of_the_command(photo, tmp_path):
+    kel.write(tmp_path / "a.kel", photo, quality=60)
+    subprocess.run([os.environ["KEL_COMMAND"], "decode", "--quiet", "--exact", tmp_path / "a.kel",
+                    tmp_path / "a.png"], check=True)
+    exact = numpy.asarray(Image.open(tmp_path / "a.png"))
+    numpy.testing.assert_array_equal(kel.decode(tmp_path / "a.kel", exact=True), exact)
+    numpy.testing.assert_array_equal(kel.open(tmp_path / "a.kel", exact=True)[:], exact)
+    numpy.testing.assert_array_equal(
+        kel.decode(tmp_path / "a.kel", exact=True, region=(7, 9, 50, 60)), exact[9:69, 7:57])
+    assert 0 < (kel.decode(tmp_path / "a.kel") != exact).sum() < exact.size / 2000
 
 
 def test_regions_and_turns(large):
@@ -138,6 +169,23 @@ def test_arrays_become_better_as_data_arrive(photo):
         kel.Decoder().image
 
 
+@pytest.mark.parametrize("chroma", ["444", "420"])
+@pytest.mark.parametrize("region, reduce", [(None, 2), ((101, 51, 77, 90), 0),
+                                            ((13, 200, 5000, 61), 1), ((592, 392, 1, 9), 3)])
+def test_parts_become_better_as_data_arrive(photo, chroma, region, reduce):
+    coded = kel.encode(photo, chroma=chroma, tile=(128, 128))
+    decoder = kel.Decoder(region=region, reduce=reduce)
+    for at in range(0, len(coded), 5000):
+        decoder.feed(coded[at:at + 5000])
+    numpy.testing.assert_array_equal(decoder.image, kel.decode(coded, region=region, reduce=reduce))
+    for wrong in ({"region": (600, 0, 1, 1)}, {"region": (0, 0, 0, 1)}, {"reduce": 9},
+                  {"reduce": 40}):
+        with pytest.raises(kel.ParameterError):
+            failing = kel.Decoder(**wrong)
+            failing.feed(coded)
+            failing.image
+
+
 def test_incomplete_data(large):
     path, array = large
     half = path.read_bytes()[:path.stat().st_size // 2]
@@ -164,6 +212,33 @@ def test_broken_data_raise_kel_errors_only(damage):
             read(bytes(coded))
         except kel.Error as error:
             assert error.sentence
+
+
+def test_hostile_files_end_in_pictures_or_errors(hostile):
+    """Small files that once cost gigabytes, minutes or the process."""
+    def feed(data, **options):
+        decoder = kel.Decoder(**options)
+        for at in range(0, len(data), len(data) // 7 + 1):
+            decoder.feed(data[at:at + len(data) // 7 + 1])
+        return decoder.image
+
+    before = kel.memory_limit()
+    kel.set_memory_limit("256M")
+    for path in hostile:
+        data = path.read_bytes()
+        for read in (lambda: kel.decode(data), lambda: kel.decode(path, strict=False, reduce=2),
+                     lambda: kel.decode(data, strict=False, region=(0, 0, 90, 90)),
+                     lambda: kel.info(io.BytesIO(data), ranges=True), lambda: feed(data),
+                     lambda: feed(data, region=(0, 0, 90, 90)),
+                     lambda: kel.open(io.BytesIO(data), strict=False)[:50, :50],
+                     lambda: Image.open(path).load(), lambda: Image.open(path).thumbnail((9, 9))):
+            try:
+                read()
+            except kel.Error as error:
+                assert error.sentence
+            except (OSError, Image.DecompressionBombError) as error:
+                assert str(error)
+    kel.set_memory_limit(before)
 
 
 _SMALL = kel.encode(numpy.arange(60 * 60, dtype="u1").reshape(60, 60), tile=(32, 32))
@@ -195,6 +270,8 @@ def test_memory_limit(large):
 @pytest.mark.parametrize("work", [
     "kel.encode(array, lossless=True, threads=2)",
     "kel.decode(coded, threads=1)",
+    "kel.decode(one_tile, threads=1)",
+    "kel.decode(coded, reduce=1, threads=2)",
     "[kel.open(coded, cache_bytes=0)[:] for _ in range(100)]",
 ])
 def test_control_c_ends_a_long_call(work):
@@ -202,6 +279,7 @@ def test_control_c_ends_a_long_call(work):
 import os, signal, sys, threading, time, numpy, kel
 array = numpy.random.default_rng(1).integers(0, 255, (3000, 6000, 3), dtype="u1")
 coded = kel.encode(array[:2000], lossless=True)
+one_tile = kel.encode(array[:2000], lossless=True, tile=(6000, 2000))
 threading.Timer(0.1, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
 start = time.perf_counter()
 try:
