@@ -1,4 +1,7 @@
-"""Lets pip build the Python package with the project's own CMake: everything else is there."""
+"""Lets pip build the Python package with the project's own CMake: everything else is there.
+
+KEL_BUILD_DIR names a build folder whose objects are used; its configuration becomes this one's.
+"""
 
 import os
 import pathlib
@@ -17,11 +20,12 @@ class BuildWithCMake(build_ext):
     """The package as CMake installs it, with the library beside the module."""
 
     def run(self):
-        build, target = pathlib.Path(self.build_temp), pathlib.Path(self.build_lib)
+        build = pathlib.Path(os.environ.get("KEL_BUILD_DIR", self.build_temp))
+        target = pathlib.Path(self.build_lib)
         subprocess.run(
             ["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release",
              "-DKEL_BUILD_PYTHON=ON", "-DKEL_PYTHON_BUNDLE=ON", "-DKEL_PYTHON_DIR=.",
-             "-DKEL_BUILD_TESTS=OFF", "-DKEL_BUILD_EXAMPLES=OFF", "-DKEL_BUILD_C=OFF",
+             "-DKEL_BUILD_TESTS=OFF", "-DKEL_BUILD_EXAMPLES=OFF",
              f"-DPython_EXECUTABLE={sys.executable}"], check=True)
         subprocess.run(["cmake", "--build", build, "--parallel", str(os.cpu_count()),
                         "--target", "kel_python", "kel_python_files"], check=True)
