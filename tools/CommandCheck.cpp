@@ -10,8 +10,8 @@
 #include <mutex>
 #include <new>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
+#include "CheckText.hpp"
 #include "Commands.hpp"
 #include "Console.hpp"
 #include "Files.hpp"
@@ -121,52 +121,8 @@ class Names {
 
 // ---- For people ----
 
-/// "tile 3, component 0": those of the numbers that apply.
-std::string Places(std::initializer_list<std::pair<const char*, std::int64_t>> numbers) {
-  std::string text;
-  for (const auto& [name, number] : numbers) {
-    if (number < 0) continue;
-    text += (text.empty() ? "" : ", ") + std::string(name) + " " + std::to_string(number);
-  }
-  return text;
-}
-
-std::string Text(const host::Flaw& flaw) {
-  std::ostringstream text;
-  text << "  " << NameOf(flaw.kind) << ": "
-       << Places({{"tile", flaw.tile},
-                  {"part", flaw.part},
-                  {"component", flaw.component},
-                  {"resolution", flaw.resolution},
-                  {"layer", flaw.layer},
-                  {"precinct", flaw.precinct}})
-       << (flaw.tile >= 0 ? ", " : "") << "at byte " << flaw.offset << ": ";
-  if (flaw.claimed != 0) text << flaw.claimed << " claimed, ";
-  text << flaw.found << " found";
-  if (flaw.count > 1) text << ", " << flaw.count << " of them";
-  text << '\n';
-  return text.str();
-}
-
-std::string Text(const host::Loss& loss) {
-  std::ostringstream text;
-  text << "  lost: "
-       << Places({{loss.tiles > 1 ? "tiles from" : "tile", loss.tile},
-                  {"component", loss.component},
-                  {"resolution", loss.resolution}});
-  if (loss.tiles > 1) text << " on, " << loss.tiles << " of them";
-  if (loss.missing != 0) text << ", " << loss.missing << " packets missing";
-  if (loss.damaged != 0) text << ", " << loss.damaged << " packets damaged";
-  text << '\n';
-  return text.str();
-}
-
-template <class Entry>
-void AddTexts(std::string& text, const std::vector<Entry>& entries, std::uint64_t count) {
-  for (const Entry& entry : entries) text += Text(entry);
-  if (count > entries.size()) {
-    text += "  and " + std::to_string(count - entries.size()) + " more\n";
-  }
+void AddMore(std::string& text, std::uint64_t count) {
+  if (count != 0) text += "  and " + std::to_string(count) + " more\n";
 }
 
 std::string Text(const std::string& name, const CheckReport& report) {
@@ -174,8 +130,10 @@ std::string Text(const std::string& name, const CheckReport& report) {
                      std::to_string(report.packets) + " packets of " +
                      std::to_string(report.tiles) + " tiles" +
                      (report.checksums != 0 ? ", with checksums\n" : "\n");
-  AddTexts(text, report.flaws, report.numFlaws);
-  AddTexts(text, report.losses, report.numLosses);
+  for (const host::Flaw& flaw : report.flaws) text += "  " + FlawText(flaw) + "\n";
+  AddMore(text, report.numFlaws - report.flaws.size());
+  for (const host::Loss& loss : report.losses) text += "  lost: " + LossText(loss) + "\n";
+  AddMore(text, report.numLosses - report.losses.size());
   return text;
 }
 

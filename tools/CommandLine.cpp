@@ -53,6 +53,7 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
   AddCompareCommand(app, run);
   AddTrimCommand(app, run);
   AddCheckCommand(app, run);
+  AddRepairCommand(app, run);
   AddBenchCommand(app, run);
   app.require_subcommand(1);
   app.set_version_flag(

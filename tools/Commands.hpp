@@ -29,6 +29,7 @@ void AddPreviewCommand(CLI::App& app, Run& run);
 void AddCompareCommand(CLI::App& app, Run& run);
 void AddTrimCommand(CLI::App& app, Run& run);
 void AddCheckCommand(CLI::App& app, Run& run);
+void AddRepairCommand(CLI::App& app, Run& run);
 void AddBenchCommand(CLI::App& app, Run& run);
 
 /// Options of coding, which encode and preview share.

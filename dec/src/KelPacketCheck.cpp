@@ -61,6 +61,12 @@ void Keep(CheckedPacket& packet, const CheckedBand& band) {
   packet.bands[packet.numBands++] = band;
 }
 
+/// What lengths agree on is right: a band that ends elsewhere has damaged bits.
+void RequireEnd(CheckedPacket& packet, std::int64_t end) {
+  CheckedBand& last = packet.bands[packet.numBands - 1];
+  last.isWhole = last.isWhole && last.start + last.found == end;
+}
+
 /// Bands that lie where their lengths say.
 void CheckByLengths(const Checking& at, CheckedPacket& packet, std::int64_t end) {
   at.data.MoveTo(packet.start + format::kCountBytes);
@@ -71,6 +77,7 @@ void CheckByLengths(const Checking& at, CheckedPacket& packet, std::int64_t end)
     const std::int64_t start = at.data.GetPosition();
     const std::int64_t bandEnd = std::min(start + claimed, end);
     Keep(packet, CheckBand(at, at.FirstBand() + b, claimed, bandEnd));
+    RequireEnd(packet, bandEnd);
     at.data.MoveTo(bandEnd);
   }
 }
@@ -118,6 +125,7 @@ std::int64_t EndOfLowest(const Checking& at, CheckedPacket& packet, bool fits) {
     Keep(packet, CheckBand(at, 0, bandBytes, claimedEnd));
     if (packet.bands[0].IsSound()) return claimedEnd;
     at.data.MoveTo(packet.start);
+    RequireEnd(packet, claimedEnd);
     if (CanFollow(at.data, claimedEnd, at.partEnd)) return claimedEnd;
   }
   at.data.MoveTo(packet.start + format::kCountBytes);

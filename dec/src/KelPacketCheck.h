@@ -19,7 +19,7 @@ struct CheckedBand {
   std::int64_t start;    ///< of its bytes
   std::int64_t claimed;  ///< bytes, by its length
   std::int64_t found;    ///< bytes up to where its bits end, or cannot be read on
-  bool isWhole;          ///< every block of it can be decoded
+  bool isWhole;          ///< every block of it can be decoded, and it ends where it has to
   bool IsSound() const { return isWhole && found == claimed; }
 };
 

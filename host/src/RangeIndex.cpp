@@ -9,6 +9,24 @@
 
 namespace kel::host {
 
+Bytes FetchBytes(RangeSource& source, std::uint64_t from, std::uint64_t to) {
+  Bytes bytes(static_cast<std::size_t>(to - from));
+  if (!bytes.empty()) source.Fetch(from, bytes);
+  return bytes;
+}
+
+void CopyBytes(RangeSource& source, ByteRange range, Sink& sink) {
+  constexpr std::uint64_t kMostAtOnce = std::uint64_t{1} << 20;
+  Bytes buffer;
+  while (range.from < range.to) {
+    const auto count = static_cast<std::size_t>(std::min(kMostAtOnce, range.to - range.from));
+    buffer.resize(count);
+    source.Fetch(range.from, buffer);
+    sink.Write(buffer);
+    range.from += count;
+  }
+}
+
 RangeStream::RangeStream(RangeSource& source) : source_(source) {
   procs_.clientData = this;
   procs_.Read = [](void* self, void* to, KelLong count) {

@@ -10,6 +10,11 @@
 
 namespace kel::host {
 
+/// The bytes [from, to) of a source.
+Bytes FetchBytes(RangeSource& source, std::uint64_t from, std::uint64_t to);
+/// Writes a range of a source, piece by piece.
+void CopyBytes(RangeSource& source, ByteRange range, Sink& sink);
+
 /// The library's stream object over a source of ranges. Positions of streams are 31-bit numbers.
 class RangeStream {
  public:

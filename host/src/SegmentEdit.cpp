@@ -90,6 +90,11 @@ void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsig
   SetLength(segment);
 }
 
+bool IsListOfLengths(unsigned code) {
+  constexpr unsigned kPLM = 0x57, kPLT = 0x58;  // of packets, in the main header and in tile-parts'
+  return code == format::kTLM || code == kPLM || code == kPLT;
+}
+
 std::optional<std::vector<std::uint32_t>> ChecksumsIn(ByteView segment, unsigned code) {
   if (code != format::kCOM || segment.size() < format::kChecksumSegmentBytes) return std::nullopt;
   const auto number = [&](std::size_t at) {

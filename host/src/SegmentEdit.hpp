@@ -30,6 +30,9 @@ void LowerLevels(Bytes& segment, unsigned code, std::size_t componentBytes, unsi
 /// Takes the steps of the bands that go out of a quantisation (QCD or QCC).
 void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsigned reduce);
 
+/// Whether a segment lists lengths of tile-parts or packets.
+bool IsListOfLengths(unsigned code);
+
 /// The checksums of packets in a segment, with its own at the end; nothing for another segment.
 std::optional<std::vector<std::uint32_t>> ChecksumsIn(ByteView segment, unsigned code);
 /// Puts such segments in front of the SOD marker at the end of a tile-part's header.

@@ -15,10 +15,6 @@
 namespace kel::host {
 namespace {
 
-constexpr std::size_t kCopyBytes = std::size_t{1} << 20;
-/// Lengths of packets, in the main header and in those of tile-parts.
-constexpr KelULong kPLM = 0x57, kPLT = 0x58;
-
 /// One axis of the tile grid: which tiles stay, and where their edges lie afterwards.
 struct Axis {
   std::int64_t first = 0, count = 0;  ///< columns or rows of the old grid
@@ -82,8 +78,6 @@ class Trimmer {
   Bytes Header(std::span<const KelIndexSegment> segments);
   Bytes Edited(const KelIndexSegment& segment);
   Bytes FrontBoxes() const;
-  Bytes Fetched(std::uint64_t from, std::uint64_t to) const;
-  void Copy(std::uint64_t from, std::uint64_t to, Sink& sink);
 
   RangeSource& source_;
   RangeCache cache_;
@@ -94,14 +88,7 @@ class Trimmer {
   std::vector<PlannedPart> parts_;
   bool hasSeenCod_ = false;               ///< in the header at work: only the first one holds
   std::vector<std::uint32_t> checksums_;  ///< in the header at work
-  Bytes buffer_;
 };
-
-Bytes Trimmer::Fetched(std::uint64_t from, std::uint64_t to) const {
-  Bytes bytes(static_cast<std::size_t>(to - from));
-  source_.Fetch(from, bytes);
-  return bytes;
-}
 
 void Trimmer::PlanGrid() {
   const KelImageGeometry& grid = *index_.Facts().geometry;
@@ -122,7 +109,8 @@ void Trimmer::PlanGrid() {
 }
 
 Bytes Trimmer::Edited(const KelIndexSegment& place) {
-  Bytes segment = Fetched(place.offset, place.offset + place.length);
+  if (IsListOfLengths(place.code)) return {};  // no longer true
+  Bytes segment = FetchBytes(source_, place.offset, place.offset + place.length);
   const auto componentBytes =
       static_cast<std::size_t>(format::ComponentIndexBytes(index_.Facts().geometry->Csiz));
   switch (place.code) {
@@ -142,10 +130,6 @@ Bytes Trimmer::Edited(const KelIndexSegment& place) {
     case format::kQCC:
       LowerSteps(segment, place.code, componentBytes, params_.reduce);
       break;
-    case format::kTLM:
-    case kPLM:
-    case kPLT:
-      return {};  // lengths that are no longer true
     case format::kCOM:
       if (const auto found = ChecksumsIn(segment, place.code); found && params_.reduce != 0) {
         checksums_.insert(checksums_.end(), found->begin(), found->end() - 1);
@@ -264,7 +248,7 @@ void Trimmer::Plan() {
 Bytes Trimmer::FrontBoxes() const {
   const KelIndexFacts& facts = index_.Facts();
   const std::span boxes(facts.boxes, facts.numBoxes);
-  Bytes bytes = Fetched(0, BoxOfCodeStream(facts).offset);
+  Bytes bytes = FetchBytes(source_, 0, BoxOfCodeStream(facts).offset);
   const auto number = [&](std::uint64_t at) {
     std::uint32_t value = 0;
     for (std::size_t i = 0; i < 4; ++i)
@@ -287,17 +271,6 @@ Bytes Trimmer::FrontBoxes() const {
   return bytes;
 }
 
-void Trimmer::Copy(std::uint64_t from, std::uint64_t to, Sink& sink) {
-  while (from < to) {
-    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(kCopyBytes, to - from));
-    buffer_.resize(std::max(buffer_.size(), count));
-    const std::span piece(buffer_.data(), count);
-    source_.Fetch(from, piece);
-    sink.Write(piece);
-    from += count;
-  }
-}
-
 void Trimmer::Write(Sink& sink) {
   const KelIndexFacts& facts = index_.Facts();
   const Bytes header = Header(std::span(facts.segments, facts.numSegments));
@@ -316,11 +289,11 @@ void Trimmer::Write(Sink& sink) {
     part.header.at(format::kTPsotAt) = static_cast<std::uint8_t>(part.part);
     part.header.at(format::kTNsotAt) = static_cast<std::uint8_t>(part.numParts);
     sink.Write(part.header);
-    for (const ByteRange& range : part.packets) Copy(range.from, range.to, sink);
+    for (const ByteRange& range : part.packets) CopyBytes(source_, range, sink);
   }
   const std::uint8_t end[] = {static_cast<std::uint8_t>(facts.markerByte), format::kEOC};
   sink.Write(end);
-  if (facts.isBoxed) Copy(facts.codeStreamEnd, source_.Size(), sink);
+  if (facts.isBoxed) CopyBytes(source_, {facts.codeStreamEnd, source_.Size()}, sink);
   sink.Finish();
 }
 

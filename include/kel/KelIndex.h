@@ -142,7 +142,7 @@ struct KelIndexBand {
   std::uint64_t offset;        ///< of its bytes, behind its length field
   std::uint64_t claimedBytes;  ///< by that field; of LL by the packet's
   std::uint64_t foundBytes;    ///< up to where its bits end or make no sense
-  bool isWhole;                ///< every block of it can be decoded
+  bool isWhole;                ///< it can be decoded, and does not contradict other lengths
 };
 
 /// What is wrong with a packet that is there. Several can be, so these are bits.

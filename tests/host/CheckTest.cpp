@@ -32,6 +32,39 @@ Bytes Encoded(const Image& image, EncodeParams params) {
   return sink.bytes;
 }
 
+Image Strictly(const Bytes& bytes) {
+  MemorySource source(bytes);
+  return Decode(source, {});
+}
+
+void Clear(Image& image, const Region& tile) {
+  for (Plane& plane : image.planes) {
+    for (std::uint32_t y = tile.y; y < tile.y + tile.height; ++y) {
+      for (std::uint32_t x = tile.x; x < tile.x + tile.width; ++x) plane.Set(x, y, 0);
+    }
+  }
+}
+
+/// A repaired file has nothing wrong with it, and the samples of the damaged one, but for tiles of
+/// which nothing is there: these get a mean, not zeros.
+void ExpectRepaired(const Bytes& damaged) {
+  MemoryRanges source(damaged);
+  MemorySink sink;
+  const RepairReport report = Repair(source, sink);
+  EXPECT_EQ(report.bytes, sink.bytes.size());
+  const CheckReport after = Checked(sink.bytes);
+  EXPECT_TRUE(after.IsSound()) << (after.flaws.empty() ? "" : NameOf(after.flaws[0].kind));
+  if (report.emptied != 0) return;  // samples between damaged blocks go with their band
+  Image expected = Decoded(damaged), found = Strictly(sink.bytes);
+  for (const Loss& loss : report.losses) {
+    if (loss.resolution != 0) continue;
+    MemoryRanges ranges(damaged);
+    const Region tile = Picture(ranges).TileRegion(static_cast<std::uint32_t>(loss.tile));
+    for (Image* image : {&expected, &found}) Clear(*image, tile);
+  }
+  test::ExpectSamePlanes(found, expected);
+}
+
 /// Every order, precincts, layers, progression changes, wrong lengths: no false alarm and none
 /// missed.
 TEST(Check, OfTheVectors) {
@@ -44,6 +77,7 @@ TEST(Check, OfTheVectors) {
     numSound += report.IsSound();
     if (!report.IsSound()) damaged.insert(name);
     EXPECT_EQ(report.numLosses, 0U) << name << ": lengths alone are wrong";
+    ExpectRepaired(test::Vector(name));
   }
   EXPECT_GT(numSound, 80);
   EXPECT_EQ(damaged, (std::set<std::string>{"no_eoc", "psot_past_end", "psot_too_large_ff",
@@ -106,6 +140,7 @@ TEST(Check, NothingIsLostButWhatItSays) {
       SCOPED_TRACE(std::to_string(at) + " of " + std::to_string(sound.size()));
       EXPECT_FALSE(Checked(damaged).IsSound());
       ExpectOnlyReportedLosses(sound, damaged, params.levels);
+      ExpectRepaired(damaged);
       if (::testing::Test::HasFatalFailure()) return;
     }
     for (int trial = 0; trial < 6; ++trial) {
@@ -113,6 +148,7 @@ TEST(Check, NothingIsLostButWhatItSays) {
       cut.resize(picture.FrontBytes() + random() % (sound.size() - picture.FrontBytes()));
       EXPECT_FALSE(Checked(cut).IsSound());
       ExpectOnlyReportedLosses(sound, cut, params.levels);
+      ExpectRepaired(cut);
     }
   }
 }
@@ -173,6 +209,9 @@ TEST(Check, TheCommandTellsProgramsAndPeople) {
   EXPECT_EQ(loss["tile"], 0);
   EXPECT_GE(loss["resolution"], 4);
   EXPECT_EQ(loss["damaged"], 1);
+  EXPECT_EQ(tool.Run("repair cut.kel whole.kel").code, 3);
+  tool.Do("check whole.kel");
+  tool.Do("decode whole.kel whole.png");
   const std::string report = tool.folder.Get("r");
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 4);
 }

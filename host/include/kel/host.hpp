@@ -25,6 +25,7 @@
 #include "host/pnm.hpp"
 #include "host/probe.hpp"
 #include "host/ranges.hpp"
+#include "host/repair.hpp"
 #include "host/row_streams.hpp"
 #include "host/rows.hpp"
 #include "host/screen.hpp"
