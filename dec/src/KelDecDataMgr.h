@@ -29,7 +29,7 @@ inline constexpr int kBufferedOk = 0;
 inline constexpr int kAboveCapacity = 5;  ///< EnsureBuffered: more than the window can hold
 inline constexpr int kDataEnded = -1;     ///< EnsureBuffered: fewer bytes are left
 
-/// Window sizes of the decoder, in bytes.
+/// Window sizes of the decoder, in bytes. Given: hosts see them in what Read is asked for.
 inline constexpr std::uint32_t kFirstLoadBytes = 102400;
 inline constexpr std::uint32_t kWindowBytes = 204800;
 

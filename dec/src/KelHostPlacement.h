@@ -21,8 +21,8 @@ struct HostPlacement {
 
 /// A host buffer is used when its depth is 8 or 16, its stride holds a row of the image, or of the
 /// rectangle asked for, at the decoded resolution and orientation, and the tile's box lies inside
-/// the image and touches the rectangle. (A tile with
-/// fewer levels than the image may have no place in a reduced image.)
+/// the image and touches the rectangle. (A tile with fewer levels than the image may have no place
+/// in a reduced image.)
 HostPlacement PlaceInHostBuffer(const ImageMap& map, const FrameRequest& request,
                                 const TileCompRecord& record);
 

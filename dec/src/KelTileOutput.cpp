@@ -244,7 +244,7 @@ class Delivery {
     }
   }
 
-  /// Makes the bands of the records for the 9/7 filter; on the direct path with an offset.
+  /// Makes the bands of the records for the 9/7 filter.
   void OpenSource97(Source& source) {
     PrepareSource(source);
     for (std::int32_t i = 0; i < source.count; ++i) {

@@ -51,9 +51,9 @@ struct DeliveryContext {
 
 /// Reconstructs the samples of a tile from what has been decoded, in the form that the request
 /// describes, into the components' output images and the host's buffers. A tile that has not
-/// changed is left alone. A complete tile's coefficients are released on the way. Raises 8; the
-/// tile then starts anew. So it does, with false, when it was taken and a band did not end where
-/// its length says: it must be decoded as it is read.
+/// changed is left alone. A complete tile's coefficients are released on the way. Raises 8 and 28;
+/// the tile then starts anew. So it does, with false, when it was taken and a band did not end
+/// where its length says: it must be decoded as it is read.
 bool DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch);
 
 }  // namespace kel

@@ -10,7 +10,8 @@
 
 namespace kel {
 
-/// Bytes that the window of a stream must be able to hold for the box readers.
+/// Bytes that the window of a stream must be able to hold for the box readers: the longest list of
+/// depths, a byte for each of the components that 16 bits can count.
 inline constexpr std::uint32_t kBoxWindowBytes = 65535;
 
 /// Reads boxes in the layout of the data's flavour and leaves the reader on the first byte of the

@@ -15,14 +15,14 @@
 namespace kel {
 namespace {
 
-/// Samples that a tile-component may have records for, over all tiles, and tiles that a 16-bit
-/// tile index can name.
+/// Tile-components of all tiles together that an image may have: far more than pictures do, and
+/// a small part of what two numbers of 16 bits can ask for.
 constexpr std::int64_t kMostTileComps = std::int64_t{1} << 20;
 
 /// First load, and loads after a move, of a stream of which little will be read.
 constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64;
 
-/// Bytes asked for before the headers are read; the data may be shorter.
+/// Bytes asked for before the headers are read; the data may be shorter. Given, like the window.
 constexpr std::uint64_t kHeaderBytes = 1024;
 
 constexpr float kMetresPerInch = 0.0254F;

@@ -2,8 +2,8 @@
 //
 // A preview sends the host's samples through the encoder's transforms and quantisation and back
 // through the decoder's synthesis, with the steps that a decoder would read from the stream, and
-// leaves the block coding out, which loses nothing. It uses the encoder's coding planes between
-// two tiles and changes nothing that later coding depends on.
+// leaves the block coding out, which loses nothing. Between two tiles it uses the memory of the
+// encoder's transforms, and changes nothing that later coding depends on.
 #ifndef KEL_PREVIEW_H
 #define KEL_PREVIEW_H
 

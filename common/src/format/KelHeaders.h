@@ -16,7 +16,8 @@
 namespace kel {
 
 /// The length of every exponent and mantissa array, whatever the level count, so that a count
-/// which changes between segments never lets a reader or a copy run past an array.
+/// which changes between segments never lets a reader or a copy run past an array: the 97 subbands
+/// of the most levels, rounded up.
 inline constexpr int kQuantEntries = 100;
 
 /// Image and tile sizes (SIZ).

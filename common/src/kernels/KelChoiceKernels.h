@@ -24,9 +24,8 @@
 // become the largest possible), and, when n is up to 3, with none. Columns are left out when N is
 // up to 3: first of the upper plane, as if each column of the lower one cost 5 bits, then of the
 // lower one. In each group of each plane the pattern with the most gain is taken, the last one of
-// equals. Of equal
-// candidates the one of most planes is taken. Blocks with more than 11 bits keep their nearest
-// indices.
+// equals. Of equal candidates the one of most planes is taken. Blocks with more than 11 bits keep
+// their nearest indices.
 #ifndef KEL_CHOICE_KERNELS_H
 #define KEL_CHOICE_KERNELS_H
 

@@ -25,8 +25,8 @@ struct LevelScale {
 inline constexpr std::int32_t kMostShortColor = 13106;
 
 struct SamplesKernels {
-  // From samples to coding planes. Bytes and words are unsigned and lose 128 and 32768; 32-bit
-  // samples come with the level shift done.
+  // From samples to what the wavelet transform takes. Bytes and words are unsigned and lose 128 and
+  // 32768; 32-bit samples come with the level shift done.
 
   /// Channels 0, 1 and 2 of pixels of `step` samples each, 3 or more.
   void (*splitBytes)(const std::uint8_t* in, std::size_t step, std::uint8_t* a, std::uint8_t* b,

@@ -1,4 +1,5 @@
-// Component transforms: from the samples of a tile to coding planes, and back to colours.
+// Component transforms: from the samples of a tile to what the wavelet transform takes, and back to
+// colours.
 //
 // Forward, the unsigned samples lose their DC offset, 2^(depth - 1), and three colour components
 // may go through the reversible (integers) or the irreversible (floats) colour transform; as many

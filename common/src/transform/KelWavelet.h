@@ -5,7 +5,7 @@
 // plane holds the sample (x, y) of its box at cell (y - y0) stride + (x - x0). In the Mallat
 // layout each level's box holds the quadrants LL HL / LH HH, low parts first, and the next level
 // stands in LL. Drivers never fail and obtain nothing: scratch comes from the caller, aligned to
-// 64 bytes (ScratchArray). They work in strips of columns that stay in the processor's caches.
+// 64 bytes (ScratchArray).
 #ifndef KEL_WAVELET_H
 #define KEL_WAVELET_H
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "kernels/KelKernels.h"
-#include "transform/KelWaveletStrips.h"
+#include "transform/KelWaveletAxes.h"
 
 namespace kel {
 namespace {

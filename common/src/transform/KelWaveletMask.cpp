@@ -8,7 +8,7 @@
 // correctness. Phases follow from the absolute coordinates of the box, as in the transform.
 #include "base/KelMemFuncDefs.h"
 #include "transform/KelWavelet.h"
-#include "transform/KelWaveletStrips.h"
+#include "transform/KelWaveletAxes.h"
 
 namespace kel {
 namespace {

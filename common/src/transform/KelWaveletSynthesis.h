@@ -13,7 +13,7 @@
 
 #include "kernels/KelKernels.h"
 #include "transform/KelWavelet.h"
-#include "transform/KelWaveletStrips.h"
+#include "transform/KelWaveletAxes.h"
 
 namespace kel {
 
