@@ -225,8 +225,7 @@ TEST_F(Wavelet, ReducedResolutionIsAPlaneOfItsOwn) {
 // strip or plane shows. The direct path may differ from the general one by a grey level.
 TEST_F(Wavelet, ByteOutputsEqualConvertedPlanes) {
   const kel::SamplesKernels& convert = kel::Kernels().samples;
-  for (const Box& box : {Box{1, 8192, 3, 6}, Box{0, 37, 0, 6}, Box{5, 6, 2, 40},
-                         Box{2, 9, 3, 4}}) {
+  for (const Box& box : {Box{1, 8192, 3, 6}, Box{0, 37, 0, 6}, Box{5, 6, 2, 40}, Box{2, 9, 3, 4}}) {
     const std::size_t w = static_cast<std::size_t>(box.Width());
     std::vector<GuardedRows<std::int32_t>> cells(3, {box.Width(), box.Height()}), ints = cells;
     std::vector<GuardedRows<float>> floats(3, {box.Width(), box.Height()});

@@ -16,7 +16,7 @@ namespace kel {
 struct DecoderState {
   KelDecDataMgr* dataMgr;   ///< owned
   KelCompressedData block;  ///< the last block handed in; empty in stream mode
-  bool streamIsSeekable;  ///< as the host declared it at initialisation
+  bool streamIsSeekable;    ///< as the host declared it at initialisation
   Flavour flavour;
   std::int64_t codeStreamStart;  ///< position of the first byte of the code stream
   KelFileInfo* fileInfo;         ///< owned; null for a bare code stream

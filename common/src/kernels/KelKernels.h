@@ -2,8 +2,9 @@
 // them chosen for the machine when the library starts.
 //
 // A kernel takes pointers, strides in cells and counts, and of the records no more than where bits
-// come from and go to; it obtains no memory and does not fail. Every kernel has a scalar reference; the other sets give the same bits. A table is filled with the
-// scalar kernels first, then each set that the machine offers overwrites what it does better.
+// come from and go to; it obtains no memory and does not fail. Every kernel has a scalar reference;
+// the other sets give the same bits. A table is filled with the scalar kernels first, then each set
+// that the machine offers overwrites what it does better.
 #ifndef KEL_KERNELS_H
 #define KEL_KERNELS_H
 

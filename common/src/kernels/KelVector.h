@@ -2,8 +2,8 @@
 //
 // A vector source defines KEL_VECTOR_BYTES (16, 32 or 64) and includes this header. Types and
 // operations are those of the compilers' vector extensions, so the same text serves SSE2, AVX2,
-// AVX-512, NEON and WebAssembly. Everything is local to the including source: a function compiled with extra
-// target flags must never become the copy that the linker keeps for everybody.
+// AVX-512, NEON and WebAssembly. Everything is local to the including source: a function compiled
+// with extra target flags must never become the copy that the linker keeps for everybody.
 #ifndef KEL_VECTOR_H
 #define KEL_VECTOR_H
 
