@@ -2,33 +2,18 @@
 
 import {Decoder} from './package/index.js';
 import {formatBytes, formatTime, show} from './format.js';
+import {uprightBitmap} from './orientation.js';
 
 const $ = (id) => document.getElementById(id);
 /** Bytes before the first look at the data; each later one waits for a quarter more than there was. */
 const firstStep = 8192;
 
 /** Draws an image as its orientation says. */
-function drawUpright(canvas, image) {
-  const {width, height, orientation} = image;
-  const isTurned = orientation >= 5;
-  Object.assign(canvas, isTurned ? {width: height, height: width} : {width, height});
-  const drawn = new OffscreenCanvas(width, height);
-  drawn.getContext('2d').putImageData(new ImageData(image.data, width, height), 0, 0);
-  const context = canvas.getContext('2d');
-  const [w, h] = [width, height];
-  context.setTransform(
-    ...{
-      1: [1, 0, 0, 1, 0, 0],
-      2: [-1, 0, 0, 1, w, 0],
-      3: [-1, 0, 0, -1, w, h],
-      4: [1, 0, 0, -1, 0, h],
-      5: [0, 1, 1, 0, 0, 0],
-      6: [0, 1, -1, 0, h, 0],
-      7: [0, -1, -1, 0, h, w],
-      8: [0, -1, 1, 0, 0, w],
-    }[orientation],
-  );
-  context.drawImage(drawn, 0, 0);
+async function drawUpright(canvas, image) {
+  const bitmap = await uprightBitmap(image);
+  Object.assign(canvas, {width: bitmap.width, height: bitmap.height});
+  canvas.getContext('2d').drawImage(bitmap, 0, 0);
+  bitmap.close();
 }
 
 /** stream: pieces of the data; signal ends the work. */
@@ -54,8 +39,9 @@ export async function showArriving(stream, size, signal) {
     if (!state.hasHeader || signal.aborted) return;
     const image = await decoder.image({format: 'rgba'});
     if (signal.aborted) return;
-    drawUpright($('picture'), image);
-    $('picture').setAttribute('aria-label', `Picture of ${image.width} by ${image.height} pixels`);
+    const canvas = $('picture');
+    await drawUpright(canvas, image);
+    canvas.setAttribute('aria-label', `Picture of ${canvas.width} by ${canvas.height} pixels`);
     $('arriving').dataset.looks = ++looks;
     if (looks === 1) $('arriving').dataset.first = fed;
   };

@@ -1,6 +1,7 @@
 // A picture of any size: what the window shows is fetched and decoded at the resolution it needs.
 
 import {formatBytes, formatTime} from './format.js';
+import {isTurned, rectangleBy, uprightBitmap, uprightMatrix} from './orientation.js';
 
 const pieceSide = 512;
 const mostPixels = 2 ** 25; // of pieces that are kept
@@ -10,6 +11,9 @@ export class Viewer {
   #canvas;
   #context;
   #picture = null;
+  #width = 0; // of the picture as it is to be seen
+  #height = 0;
+  #upright = new DOMMatrix(); // from what is stored to what is to be seen
   #pieces = new Map(); // by name, the last used last
   #loading = new Map();
   #pixels = 0;
@@ -42,9 +46,12 @@ export class Viewer {
   open(picture) {
     this.close();
     this.#picture = picture;
+    const {width, height, orientation} = picture;
+    [this.#width, this.#height] = isTurned(orientation) ? [height, width] : [width, height];
+    this.#upright = uprightMatrix(orientation, width, height);
     this.#canvas.setAttribute(
       'aria-label',
-      `Picture of ${picture.width} by ${picture.height} pixels`,
+      `Picture of ${this.#width} by ${this.#height} pixels`,
     );
     this.#resized();
     this.fit();
@@ -62,15 +69,14 @@ export class Viewer {
   // ---- Where the window is ----
 
   #smallest() {
-    const {width, height} = this.#picture;
-    return Math.min(this.#canvas.width / width, this.#canvas.height / height, 1);
+    return Math.min(this.#canvas.width / this.#width, this.#canvas.height / this.#height, 1);
   }
 
   fit() {
     if (!this.#picture) return;
     this.#scale = this.#smallest();
-    this.#x = this.#picture.width / 2;
-    this.#y = this.#picture.height / 2;
+    this.#x = this.#width / 2;
+    this.#y = this.#height / 2;
     this.#isFitted = true;
     this.#moved();
   }
@@ -103,8 +109,8 @@ export class Viewer {
       const half = window / this.#scale / 2;
       return half * 2 >= side ? side / 2 : Math.min(side - half, Math.max(half, middle));
     };
-    this.#x = clamp(this.#x, this.#picture.width, this.#canvas.width);
-    this.#y = clamp(this.#y, this.#picture.height, this.#canvas.height);
+    this.#x = clamp(this.#x, this.#width, this.#canvas.width);
+    this.#y = clamp(this.#y, this.#height, this.#canvas.height);
     this.#draw();
   }
 
@@ -187,25 +193,23 @@ export class Viewer {
     return [sides(tileWidth, width), sides(tileHeight, height)];
   }
 
+  /** The pieces that the window shows, from its middle on: where they are stored, and seen. */
   #visible(reduce) {
     const {width, height} = this.#picture;
     const [across, down] = this.#pieceSides(reduce);
-    const halfWidth = this.#canvas.width / this.#scale / 2;
-    const halfHeight = this.#canvas.height / this.#scale / 2;
-    const first = (middle, half, side) => Math.max(0, Math.floor((middle - half) / side));
-    const last = (middle, half, side, whole) =>
-      Math.min(Math.ceil(whole / side) - 1, Math.floor((middle + half) / side));
+    const window = rectangleBy(this.#upright.inverse(), {
+      x: this.#x - this.#canvas.width / this.#scale / 2,
+      y: this.#y - this.#canvas.height / this.#scale / 2,
+      width: this.#canvas.width / this.#scale,
+      height: this.#canvas.height / this.#scale,
+    });
+    const first = (from, side) => Math.max(0, Math.floor(from / side));
+    const last = (to, side, whole) => Math.min(Math.ceil(whole / side) - 1, Math.floor(to / side));
+    const [left, right] = [first(window.x, across), last(window.x + window.width, across, width)];
+    const [top, bottom] = [first(window.y, down), last(window.y + window.height, down, height)];
     const found = [];
-    for (
-      let row = first(this.#y, halfHeight, down);
-      row <= last(this.#y, halfHeight, down, height);
-      ++row
-    ) {
-      for (
-        let column = first(this.#x, halfWidth, across);
-        column <= last(this.#x, halfWidth, across, width);
-        ++column
-      ) {
+    for (let row = top; row <= bottom; ++row) {
+      for (let column = left; column <= right; ++column) {
         const [x, y] = [column * across, row * down];
         const region = {
           x,
@@ -213,8 +217,12 @@ export class Viewer {
           width: Math.min(across, width - x),
           height: Math.min(down, height - y),
         };
-        const far = Math.hypot(x + region.width / 2 - this.#x, y + region.height / 2 - this.#y);
-        found.push({name: `${reduce} ${column} ${row}`, reduce, region, far});
+        const place = rectangleBy(this.#upright, region);
+        const far = Math.hypot(
+          place.x + place.width / 2 - this.#x,
+          place.y + place.height / 2 - this.#y,
+        );
+        found.push({name: `${reduce} ${column} ${row}`, reduce, region, place, far});
       }
     }
     return found.sort((a, b) => a.far - b.far);
@@ -254,11 +262,11 @@ export class Viewer {
     );
   }
 
-  #paintPiece({bitmap, region}) {
+  #paintPiece({bitmap, place}) {
     const at = (value, middle, window) => Math.round((value - middle) * this.#scale + window / 2);
     const {width, height} = this.#canvas;
-    const [left, right] = [region.x, region.x + region.width].map((x) => at(x, this.#x, width));
-    const [top, bottom] = [region.y, region.y + region.height].map((y) => at(y, this.#y, height));
+    const [left, right] = [place.x, place.x + place.width].map((x) => at(x, this.#x, width));
+    const [top, bottom] = [place.y, place.y + place.height].map((y) => at(y, this.#y, height));
     if (right > 0 && bottom > 0 && left < width && top < height) {
       this.#context.drawImage(bitmap, left, top, right - left, bottom - top);
     }
@@ -299,7 +307,7 @@ export class Viewer {
         acceptIncomplete: true,
         signal: controller.signal,
       });
-      const bitmap = await createImageBitmap(new ImageData(image.data, image.width, image.height));
+      const bitmap = await uprightBitmap(image);
       if (picture === this.#picture)
         this.#keep({...piece, bitmap, pixels: image.width * image.height});
     } catch (failure) {
@@ -332,10 +340,9 @@ export class Viewer {
     const time = this.#waitedSince
       ? performance.now() - this.#waitedSince
       : Number(this.#line.dataset.time ?? 0);
-    const {width, height} = this.#picture;
     const zoom =
       this.#scale >= 0.1 ? (100 * this.#scale).toFixed(0) : (100 * this.#scale).toPrecision(2);
-    this.#line.value = `${width} × ${height} at ${zoom} % · ${formatBytes(bytes)} of ${formatBytes(size)} fetched (${((100 * bytes) / size).toFixed(2)} %) in ${requests} requests · ${isDone ? formatTime(time) : 'loading …'}`;
+    this.#line.value = `${this.#width} × ${this.#height} at ${zoom} % · ${formatBytes(bytes)} of ${formatBytes(size)} fetched (${((100 * bytes) / size).toFixed(2)} %) in ${requests} requests · ${isDone ? formatTime(time) : 'loading …'}`;
     Object.assign(this.#line.dataset, {bytes, size, requests, done: isDone});
   }
 }

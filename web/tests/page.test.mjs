@@ -1,18 +1,19 @@
 // The page in headless Chromium: coding and comparing, refinement over a slow server, the viewer on a
 // picture that is not fetched whole. Screenshots stay in the folder of the test.
-// Arguments: the page's folder, the command, a folder with playwright-core, [--large].
+// Arguments: the page's folder, the command, a folder with playwright-core, [--small]: the viewer's
+// picture has 100 Mpixel instead of 900.
 
 import assert from 'node:assert/strict';
 import {execFileSync, spawn, spawnSync} from 'node:child_process';
 import {once} from 'node:events';
-import {copyFileSync, existsSync, mkdirSync, statSync} from 'node:fs';
+import {copyFileSync, mkdirSync, readFileSync, statSync, writeFileSync} from 'node:fs';
 import {createRequire} from 'node:module';
 import {join, resolve} from 'node:path';
 import {argv} from 'node:process';
 import {serve} from '../serve.mjs';
 
 const [folder, command, work] = argv.slice(2, 5).map((path) => resolve(path));
-const isLarge = argv.includes('--large');
+const isSmall = argv.includes('--small');
 const {chromium} = createRequire(join(work, 'package.json'))('playwright-core');
 const photo = resolve(
   import.meta.dirname ?? new URL('.', import.meta.url).pathname,
@@ -21,8 +22,9 @@ const photo = resolve(
 const shots = join(work, 'screenshots');
 const files = join(folder, 'files');
 
-/** A picture through a pipe: slanted waves with noise, the same in every square, with a line between. */
-async function makeLargePicture(path, side) {
+/** A picture through a pipe: slanted waves with noise, the same in every square, with a line between,
+ *  and a red square in its first corner. */
+async function makeLargePicture(path, width, height, ...more) {
   const period = 1024;
   const square = Buffer.alloc(3 * period * period);
   for (let y = 0; y < period; ++y) {
@@ -37,13 +39,15 @@ async function makeLargePicture(path, side) {
   }
   const encoder = spawn(
     command,
-    ['encode', '--quiet', '--tile', '2048x2048', '-q', '40', '-', path],
+    ['encode', '--quiet', '--tile', '2048x2048', '-q', '40', ...more, '-', path],
     {stdio: ['pipe', 'inherit', 'inherit']},
   );
-  encoder.stdin.write(`P6\n${side} ${side}\n255\n`);
-  for (let y = 0; y < side; ++y) {
+  encoder.stdin.write(`P6\n${width} ${height}\n255\n`);
+  const red = Buffer.alloc(3 * period, Buffer.from([230, 20, 20]));
+  for (let y = 0; y < height; ++y) {
     const from = 3 * period * (y % period);
-    const row = Buffer.alloc(3 * side, square.subarray(from, from + 3 * period));
+    const row = Buffer.alloc(3 * width, square.subarray(from, from + 3 * period));
+    if (y < period) red.copy(row);
     if (!encoder.stdin.write(row)) await once(encoder.stdin, 'drain');
   }
   encoder.stdin.end();
@@ -121,21 +125,23 @@ async function picturesRefineAsTheyArrive(page, url) {
   assert.equal(centre[3], 255);
 }
 
-async function hugePicturesAreSeenInParts(page, url) {
-  const side = isLarge ? 30000 : 10000;
-  const name = `huge-${side}.kel`;
-  if (!existsSync(join(files, name))) await makeLargePicture(join(files, name), side);
-  // Done is what has not changed for a while.
-  const done = async () => {
-    await page.evaluate(() => Object.assign(window, {seen: '', same: 0}));
-    const isStill = () => {
-      const {bytes, done: isDone} = document.getElementById('viewer-line').dataset;
-      window.same = window.seen === bytes && isDone === 'true' ? window.same + 1 : 0;
-      window.seen = bytes;
-      return window.same >= 5;
-    };
-    await page.waitForFunction(isStill, null, {polling: 200});
+/** Done is what has not changed for a while. */
+async function viewerIsDone(page) {
+  await page.evaluate(() => Object.assign(window, {seen: '', same: 0}));
+  const isStill = () => {
+    const {bytes, done: isDone} = document.getElementById('viewer-line').dataset;
+    window.same = window.seen === bytes && isDone === 'true' ? window.same + 1 : 0;
+    window.seen = bytes;
+    return window.same >= 5;
   };
+  await page.waitForFunction(isStill, null, {polling: 200});
+}
+
+async function hugePicturesAreSeenInParts(page, url) {
+  const side = isSmall ? 10000 : 30000;
+  const name = `huge-${side}.kel`;
+  await makeLargePicture(join(files, name), side, side);
+  const done = () => viewerIsDone(page);
   const fetched = async () => Number(await data(page, 'viewer-line', 'bytes'));
   const size = statSync(join(files, name)).size;
   await page.goto(`${url}?open=files/${name}`);
@@ -143,14 +149,14 @@ async function hugePicturesAreSeenInParts(page, url) {
   await done();
   const first = await fetched();
   await shot(page, 'viewer-whole');
-  assert.ok(first < (isLarge ? 0.3 : 0.35) * size, `${first} of ${size} bytes for all of it`);
+  assert.ok(first < (isSmall ? 0.35 : 0.3) * size, `${first} of ${size} bytes for all of it`);
   await page.locator('#view').focus();
   await page.keyboard.press('1');
   await done();
   const full = (await fetched()) - first;
   await shot(page, 'viewer-full-size');
   assert.ok(
-    full > 0 && full < (isLarge ? 0.15 : 0.5) * size,
+    full > 0 && full < (isSmall ? 0.5 : 0.15) * size,
     `${full} of ${size} bytes for a window in full size`,
   );
   const box = await page.locator('#view').boundingBox();
@@ -169,6 +175,138 @@ async function hugePicturesAreSeenInParts(page, url) {
   console.log(
     `${side} x ${side}, ${size} bytes: ${first} for all of it, ${full} more for a window in full size; ${line}`,
   );
+}
+
+const pixelOf = (page, id, x, y) =>
+  page.evaluate(
+    ([name, atX, atY]) => {
+      const canvas = document.getElementById(name);
+      const context = canvas.getContext('2d');
+      return [...context.getImageData(atX * canvas.width, atY * canvas.height, 1, 1).data];
+    },
+    [id, x, y],
+  );
+
+/** A tag of EXIF alone: the orientation. */
+function exifOf(orientation) {
+  const bytes = Buffer.from('4d4d002a0000000800010112000300000001000000000000000000', 'hex');
+  bytes[19] = orientation;
+  return bytes.subarray(0, 26);
+}
+
+/** Stored lying, seen upright; by touch. */
+async function turnedPicturesAreSeenUpright(browser, url) {
+  writeFileSync(join(work, 'turned.exif'), exifOf(6));
+  const exif = ['--exif', join(work, 'turned.exif')];
+  await makeLargePicture(join(files, 'turned.kel'), 9216, 4096, ...exif);
+  execFileSync(command, ['encode', '--quiet', ...exif, photo, join(files, 'small.kel')]);
+  const context = await browser.newContext({
+    viewport: {width: 390, height: 780},
+    hasTouch: true,
+    isMobile: true,
+    colorScheme: 'dark',
+  });
+  const page = await context.newPage();
+  await page.goto(`${url}?open=files/small.kel`);
+  await page.waitForSelector('#arriving[data-done="complete"]');
+  assert.equal(await page.locator('#picture').getAttribute('width'), '400');
+
+  await page.goto(`${url}?open=files/turned.kel`);
+  await page.waitForSelector('#viewer:not([hidden])');
+  await viewerIsDone(page);
+  await shot(page, 'turned-phone');
+  assert.match(await text(page, 'viewer-line'), /^4096 × 9216 at/);
+  const isRed = ([r, g, b]) => r > 180 && g < 70 && b < 70;
+  const {width, height} = await page.locator('#view').boundingBox();
+  const side = Math.min(width / 4096, height / 9216);
+  const at = (x, y) =>
+    pixelOf(page, 'view', 0.5 + ((x - 2048) * side) / width, 0.5 + ((y - 4608) * side) / height);
+  assert.ok(isRed(await at(3600, 500)), 'the first corner of what is stored is seen at the right');
+  for (const [x, y] of [
+    [500, 500],
+    [500, 8700],
+    [3600, 8700],
+  ]) {
+    assert.ok(!isRed(await at(x, y)), `${x} ${y}`);
+  }
+
+  // Two fingers apart, then one that drags.
+  const scale = async () => Number(/at ([\d.]+) %/.exec(await text(page, 'viewer-line'))[1]);
+  const before = await scale();
+  const touch = await context.newCDPSession(page);
+  const send = (type, ...points) =>
+    touch.send('Input.dispatchTouchEvent', {
+      type,
+      touchPoints: points.map(([x, y], id) => ({x, y, id})),
+    });
+  const box = await page.locator('#view').boundingBox();
+  const [x, y] = [box.x + box.width / 2, box.y + box.height / 2];
+  await send('touchStart', [x - 20, y], [x + 20, y]);
+  for (let i = 1; i <= 5; ++i) await send('touchMove', [x - 20 - 12 * i, y], [x + 20 + 12 * i, y]);
+  await send('touchEnd');
+  await viewerIsDone(page);
+  const ratio = (await scale()) / before;
+  assert.ok(ratio > 3.6 && ratio < 4.4, `fingers four times as far apart: ${ratio}`);
+  const seen = await pixelOf(page, 'view', 0.5, 0.4);
+  await send('touchStart', [x, y]);
+  for (let i = 1; i <= 4; ++i) await send('touchMove', [x, y + (0.1 * box.height * i) / 4]);
+  await send('touchEnd');
+  await viewerIsDone(page);
+  const now = await pixelOf(page, 'view', 0.5, 0.5);
+  assert.ok(
+    seen.every((value, c) => Math.abs(value - now[c]) < 25),
+    `what was above is in the middle: ${seen} ${now}`,
+  );
+  await context.close();
+}
+
+/** Everything that takes the focus or shows something has a name for those who do not see it. */
+async function partsHaveNames(page) {
+  const session = await page.context().newCDPSession(page);
+  const {nodes} = await session.send('Accessibility.getFullAXTree');
+  await session.detach();
+  const named =
+    /^(button|slider|checkbox|textbox|img|image|application|link|progressbar|Canvas|region)$/i;
+  const found = nodes.filter(({ignored, role}) => !ignored && named.test(role?.value));
+  const nameless = found.filter(({name}) => !name?.value);
+  assert.deepEqual(nameless.map(({role}) => role.value), []);
+  return found.map(({role, name}) => `${role.value}: ${name.value}`);
+}
+
+async function worksWithoutAMouse(page, url) {
+  await page.goto(url);
+  await partsHaveNames(page);
+  const focused = () => page.evaluate(() => document.activeElement.id);
+  const order = [];
+  for (let i = 0; i < 4; ++i) {
+    await page.keyboard.press('Tab');
+    order.push((await focused()) || (await page.evaluate(() => document.activeElement.textContent)));
+  }
+  assert.deepEqual(order, ['file', 'url', 'Go', 'sample']);
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => document.getElementById('fact-psnr').textContent.includes('dB'));
+  assert.ok((await partsHaveNames(page)).length >= 9);
+  await page.locator('#split').focus();
+  const split = () => page.locator('#pair').evaluate((pair) => pair.style.getPropertyValue('--split'));
+  const middle = Number.parseFloat(await split());
+  await page.keyboard.press('PageUp');
+  assert.ok(Number.parseFloat(await split()) > middle);
+  await page.locator('#quality').focus();
+  await page.keyboard.press('Home');
+  await page.waitForFunction(() => document.getElementById('facts').dataset.quality === '1');
+
+  // A file dropped on the page, of a name that tells nothing.
+  const bytes = [...readFileSync(join(files, 'small.kel'))];
+  const dropped = await page.evaluateHandle((all) => {
+    const transfer = new DataTransfer();
+    transfer.items.add(new File([new Uint8Array(all)], 'dropped'));
+    return transfer;
+  }, bytes);
+  await page.dispatchEvent('body', 'dragover', {dataTransfer: dropped});
+  assert.ok(await page.evaluate(() => document.body.classList.contains('over')));
+  await page.dispatchEvent('body', 'drop', {dataTransfer: dropped});
+  await page.waitForSelector('#arriving[data-done="complete"]');
+  assert.ok(!(await page.evaluate(() => document.body.classList.contains('over'))));
 }
 
 mkdirSync(shots, {recursive: true});
@@ -200,7 +338,10 @@ try {
   const page = await context.newPage();
   await photosAreCodedAndCompared(page, url);
   await picturesRefineAsTheyArrive(page, url);
+  await turnedPicturesAreSeenUpright(browser, url);
+  await worksWithoutAMouse(page, url);
   await hugePicturesAreSeenInParts(page, url);
+  await partsHaveNames(page);
   await page.goto(`${url}?open=package/package.json`);
   await page.waitForSelector('#problem:not([hidden])');
   await page.emulateMedia({colorScheme: 'dark'});
@@ -212,6 +353,13 @@ try {
     await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth),
     'fits a small screen',
   );
+  // Texts that do not fit: buttons, and the hint of the empty field.
+  const cut = await page.evaluate(() =>
+    [...document.querySelectorAll('button, .button, #url, .keys, output')]
+      .filter((part) => part.offsetParent && part.scrollWidth > part.clientWidth + 2)
+      .map((part) => part.id || part.textContent),
+  );
+  assert.deepEqual(cut, []);
   assert.deepEqual(problems, []);
   console.log('the page works');
 } finally {
