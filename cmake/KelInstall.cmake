@@ -13,6 +13,14 @@ write_basic_package_version_file(KelConfigVersion.cmake COMPATIBILITY SameMajorV
 # The pkg-config file finds the prefix from where it stands, wherever that is moved to.
 file(RELATIVE_PATH KEL_PREFIX_FROM_PKGCONFIG
      "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+# What a static library needs when a linker for C puts the program together.
+set(KEL_PRIVATE_LIBS "")
+foreach(name ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+  if(name MATCHES "^(stdc\\+\\+|c\\+\\+|c\\+\\+abi|m)$")
+    string(APPEND KEL_PRIVATE_LIBS " -l${name}")
+  endif()
+endforeach()
+string(STRIP "${KEL_PRIVATE_LIBS}" KEL_PRIVATE_LIBS)
 set(KEL_PKGCONFIG_FILES kel)
 if(KEL_BUILD_HOST)
   list(APPEND KEL_PKGCONFIG_FILES kel-host)

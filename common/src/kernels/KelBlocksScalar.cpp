@@ -89,7 +89,7 @@ void AddLowBits(const std::uint8_t* window, std::uint64_t position, unsigned low
     std::uint64_t bits = LoadBits(window, position);
     position += kTogether * lowBits;
     for (int j = 0; j < kTogether; ++j) {
-      bits = std::rotl(bits, static_cast<int>(lowBits));
+      bits = bits << lowBits | bits >> (64 - lowBits);  // lowBits is 1 to 32
       magnitudes[i + j] |= static_cast<std::uint32_t>(bits) & mask;
     }
   }

@@ -12,6 +12,8 @@
 #ifndef KEL_HOST_HPP
 #define KEL_HOST_HPP
 
+#include "host/language.hpp"
+
 #include "host/check.hpp"
 #include "host/convert.hpp"
 #include "host/decode.hpp"

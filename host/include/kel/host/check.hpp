@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_CHECK_HPP
 #define KEL_HOST_CHECK_HPP
 
+#include "language.hpp"
+
 #include <cstdint>
 #include <string_view>
 #include <vector>

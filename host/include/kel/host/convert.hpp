@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_CONVERT_HPP
 #define KEL_HOST_CONVERT_HPP
 
+#include "language.hpp"
+
 #include <vector>
 
 #include "image.hpp"

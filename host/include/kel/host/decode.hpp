@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_DECODE_HPP
 #define KEL_HOST_DECODE_HPP
 
+#include "language.hpp"
+
 #include <cstdint>
 #include <memory>
 #include <optional>

@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_ENCODE_HPP
 #define KEL_HOST_ENCODE_HPP
 
+#include "language.hpp"
+
 #include "image.hpp"
 #include "parallel.hpp"
 #include "row_streams.hpp"

@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_ERRORS_HPP
 #define KEL_HOST_ERRORS_HPP
 
+#include "language.hpp"
+
 #include <kel/KelMemory.h>
 
 #include <stdexcept>

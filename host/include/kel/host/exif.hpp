@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_EXIF_HPP
 #define KEL_HOST_EXIF_HPP
 
+#include "language.hpp"
+
 #include <array>
 #include <cstdint>
 

@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_IMAGE_HPP
 #define KEL_HOST_IMAGE_HPP
 
+#include "language.hpp"
+
 #include <kel/KelFormat.h>
 
 #include <array>

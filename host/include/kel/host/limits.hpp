@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_LIMITS_HPP
 #define KEL_HOST_LIMITS_HPP
 
+#include "language.hpp"
+
 #include <chrono>
 #include <cstdint>
 

@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_PARALLEL_HPP
 #define KEL_HOST_PARALLEL_HPP
 
+#include "language.hpp"
+
 #include <cstddef>
 #include <functional>
 

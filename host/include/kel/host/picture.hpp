@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_PICTURE_HPP
 #define KEL_HOST_PICTURE_HPP
 
+#include "language.hpp"
+
 #include <cstdint>
 #include <memory>
 

@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_PNM_HPP
 #define KEL_HOST_PNM_HPP
 
+#include "language.hpp"
+
 #include <memory>
 
 #include "image.hpp"

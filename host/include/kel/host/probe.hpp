@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_PROBE_HPP
 #define KEL_HOST_PROBE_HPP
 
+#include "language.hpp"
+
 #include <string>
 #include <vector>
 

@@ -3,6 +3,8 @@
 #ifndef KEL_HOST_RANGES_HPP
 #define KEL_HOST_RANGES_HPP
 
+#include "language.hpp"
+
 #include <cstdint>
 #include <functional>
 #include <list>

@@ -6,6 +6,8 @@
 #ifndef KEL_HOST_ROW_STREAMS_HPP
 #define KEL_HOST_ROW_STREAMS_HPP
 
+#include "language.hpp"
+
 #include "image.hpp"
 
 namespace kel::host {

@@ -7,6 +7,8 @@
 #ifndef KEL_HOST_ROWS_HPP
 #define KEL_HOST_ROWS_HPP
 
+#include "language.hpp"
+
 #include <cstddef>
 #include <cstdint>
 

@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_SCREEN_HPP
 #define KEL_HOST_SCREEN_HPP
 
+#include "language.hpp"
+
 #include <cstddef>
 #include <cstdint>
 

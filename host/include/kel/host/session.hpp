@@ -10,6 +10,8 @@
 #ifndef KEL_HOST_SESSION_HPP
 #define KEL_HOST_SESSION_HPP
 
+#include "language.hpp"
+
 #include <cstdint>
 
 namespace kel::host {

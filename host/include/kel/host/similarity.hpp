@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_SIMILARITY_HPP
 #define KEL_HOST_SIMILARITY_HPP
 
+#include "language.hpp"
+
 #include "image.hpp"
 
 namespace kel::host {

@@ -2,6 +2,8 @@
 #ifndef KEL_HOST_TRIM_HPP
 #define KEL_HOST_TRIM_HPP
 
+#include "language.hpp"
+
 #include <optional>
 
 #include "decode.hpp"

@@ -1,12 +1,12 @@
-// What the standard library of the WebAssembly toolchain lacks, for a build without threads.
+// What older standard libraries lack of C++20, and builds without threads.
 //
-// Included before everything else in that build (compiler option -include), so that no source of
-// the library or the kit knows of it. The toolchain's compiler is a C++20 compiler, its library is
-// older, and without threads it has neither mutexes nor threads. What stands here has the meaning
-// of the standard, for the uses of this project; where the library brings a thing itself, nothing
-// is defined.
-#ifndef KEL_WEB_MISSING_STD_HPP
-#define KEL_WEB_MISSING_STD_HPP
+// Included before everything else (compiler option -include) where the compiler's own library lacks
+// it, so that no source of the library or the kit knows of it; public headers use none of it. What
+// stands here has the meaning of the standard, for the uses of this project; where the library
+// brings a thing itself, nothing is defined. Clang's library of version 14 and the WebAssembly
+// toolchain's are such; the latter has neither mutexes nor threads without them.
+#ifndef KEL_MISSING_STD_HPP
+#define KEL_MISSING_STD_HPP
 
 #include <algorithm>
 #include <bit>
@@ -104,6 +104,18 @@ template <class Range, class Output>
 auto copy(Range&& range, Output to) {
   return std::copy(std::begin(range), std::end(range), to);
 }
+template <class Range, class Output>
+auto move(Range&& range, Output to) {
+  return std::move(std::begin(range), std::end(range), to);
+}
+template <class Range, class Output, class Function>
+auto transform(Range&& range, Output to, Function function) {
+  return std::transform(std::begin(range), std::end(range), to, function);
+}
+template <class Range>
+auto max(const Range& range) {
+  return *std::max_element(std::begin(range), std::end(range));
+}
 template <class Range, class Value, class Compare = std::less<>, class Projection = KelSame>
 auto lower_bound(Range&& range, const Value& value, Compare compare = {},
                  Projection projection = {}) {
@@ -124,10 +136,15 @@ template <class Range, class Output, class Predicate>
 auto copy_if(Range&& range, Output to, Predicate predicate) {
   return std::copy_if(std::begin(range), std::end(range), to, predicate);
 }
-template <class First, class Second, class Predicate = std::equal_to<>>
-bool equal(First&& first, Second&& second, Predicate predicate = {}) {
+template <class First, class Second, class Predicate = std::equal_to<>, class OfFirst = KelSame,
+          class OfSecond = KelSame>
+bool equal(First&& first, Second&& second, Predicate predicate = {}, OfFirst ofFirst = {},
+           OfSecond ofSecond = {}) {
   return std::equal(std::begin(first), std::end(first), std::begin(second), std::end(second),
-                    predicate);
+                    [&](const auto& a, const auto& b) {
+                      return std::invoke(predicate, std::invoke(ofFirst, a),
+                                         std::invoke(ofSecond, b));
+                    });
 }
 
 }  // namespace ranges
