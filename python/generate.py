@@ -25,7 +25,7 @@ TYPES = {
 ABOUT_FILES = {
     "help", "output", "output-dir", "files-from", "recursive", "overwrite", "no-overwrite",
     "skip-existing", "report", "jobs", "progress", "quiet", "verbose", "max-memory", "max-pixels",
-    "timeout", "measure", "page", "keep-values", "auto-orient", "strip", "strict", "exif", "icc", "xmp",
+    "timeout", "measure", "page", "raw", "keep-values", "auto-orient", "strip", "strict", "exif", "icc", "xmp",
 }
 
 

@@ -1,10 +1,14 @@
 // Working through the files of a command, and telling how it went: on the terminal as it happens,
 // and in a report for programs.
+#include <sys/resource.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <new>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "Console.hpp"
 #include "Files.hpp"
@@ -212,14 +216,38 @@ void AddLimitOptions(CLI::App& command, host::Limits& limits) {
       ->check(CLI::NonNegativeNumber);
 }
 
+namespace {
+
+/// Lets the system refuse what the process asks for beyond a limit, whoever in it asks: libraries
+/// that read and write image files take memory of their own. Sanitizers need address space by the
+/// terabyte.
+void LimitProcess(std::uint64_t bytes) {
+#if defined(RLIMIT_DATA) && !defined(__SANITIZE_ADDRESS__)
+  constexpr std::uint64_t kProgram = 64 << 20, kThreadStack = 9 << 20;
+  if (bytes == 0 || bytes > INT64_MAX) return;
+  const std::uint64_t threads = std::max(std::thread::hardware_concurrency(), 1U);
+  rlimit limit{};
+  if (getrlimit(RLIMIT_DATA, &limit) != 0) return;
+  const auto wanted = static_cast<rlim_t>(bytes + kProgram + 2 * threads * kThreadStack);
+  limit.rlim_cur = std::min(limit.rlim_max, wanted);
+  setrlimit(RLIMIT_DATA, &limit);
+#else
+  static_cast<void>(bytes);
+#endif
+}
+
+}  // namespace
+
 void AddMemoryOption(CLI::App& command, std::uint64_t& bytes, const std::string& preset) {
   command
       .add_option("--max-memory", bytes,
                   "refuse images that need more; 0: never [" + preset +
                       "]\nUnits are K, M and G (of 1024). A container's limit counts as its "
-                      "memory.")
+                      "memory. What is given here the system holds the process to as well, with "
+                      "some room for the program itself.")
       ->type_name("SIZE")
-      ->transform(CLI::AsSizeValue(false));
+      ->transform(CLI::AsSizeValue(false))
+      ->each([](const std::string& size) { LimitProcess(std::stoull(size)); });
 }
 
 int RunTasks(const FileOptions& options, const TaskSettings& settings,

@@ -31,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 struct BenchOptions {
   std::vector<std::string> files;
   CodingOptions coding;
-  std::uint64_t maxMemory = 2 * HalfOfMemory();
+  std::uint64_t maxMemory = HalfOfMemory();
   unsigned runs = 5;
   unsigned jobs = 0;
   bool json = false;
@@ -163,7 +163,7 @@ void AddBenchCommand(CLI::App& app, Run& run) {
       ->required()
       ->type_name("FILE");
   AddCodingOptions(command, options->coding);
-  AddMemoryOption(command, options->maxMemory, "the machine's memory");
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_option("--runs", options->runs, "runs that are counted, behind one that is not")
       ->capture_default_str()
       ->type_name("N")

@@ -217,7 +217,7 @@ Checked CheckFile(const std::string& name, const CheckOptions& options) {
 int RunCheck(const CheckOptions& options) {
   const FileOptions& files = options.files;
   if (files.files.empty() && files.filesFrom.empty()) throw UsageError("files are missing");
-  const host::Session session(2 * HalfOfMemory());
+  const host::Session session(HalfOfMemory());
   Names names(files);
   Report report(files.report);
   std::mutex taking, telling;

@@ -94,11 +94,12 @@ host::Difference CompareStored(host::Image& a, host::Image& b) {
                                                    " channels");
 }
 
-int RunCompare(const std::vector<std::string>& files, unsigned threads,
-               const host::Limits& limits) {
-  const host::Session session(2 * HalfOfMemory());
+int RunCompare(const std::vector<std::string>& files, unsigned threads, const host::Limits& limits,
+               std::uint64_t maxMemory) {
+  const host::Session session(maxMemory);
   const host::LimitScope limited(limits);
   host::Image a = LoadStored(files[0], threads);
+  const host::MemoryReservation roomOfA(BytesOf(a), "the first image");
   host::Image b = LoadStored(files[1], threads);
   try {
     const host::Difference difference = CompareStored(a, b);
@@ -127,6 +128,7 @@ void AddCompareCommand(CLI::App& app, Run& run) {
     std::vector<std::string> files;
     unsigned jobs = 0;
     host::Limits limits;
+    std::uint64_t maxMemory = HalfOfMemory();
   };
   auto options = std::make_shared<Options>();
   CLI::App& command =
@@ -139,6 +141,7 @@ void AddCompareCommand(CLI::App& app, Run& run) {
       ->type_name("N")
       ->check(CLI::Range(1, 1024));
   AddLimitOptions(command, options->limits);
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.footer(
       "Prints the PSNR of every component (10 log10 of the squared largest sample value over the\n"
       "mean squared difference), the largest difference, the share of samples that differ, and\n"
@@ -146,7 +149,9 @@ void AddCompareCommand(CLI::App& app, Run& run) {
       "5 memory or pixel limit, 6 time limit\n"
       "Example: kel compare photo.png photo.kel\n");
   command.callback([options, &run] {
-    run = [options] { return RunCompare(options->files, options->jobs, options->limits); };
+    run = [options] {
+      return RunCompare(options->files, options->jobs, options->limits, options->maxMemory);
+    };
   });
 }
 

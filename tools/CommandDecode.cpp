@@ -40,12 +40,20 @@ struct DecodeOptions {
 /// The name whose ending tells the format of an output.
 std::string FormatName(const DecodeOptions& options, const std::string& output) {
   const std::string name = output == kStandardStream ? "." + options.format : output;
-  if (!FormatOfName(name)) {
-    throw UsageError(output +
-                     ": the ending of an output tells its format, and is one of .png, "
-                     ".ppm, .pgm, .pbm, .pam, .tif, .jpg");
+  if (!IsWrittenName(name)) {
+    std::string endings;
+    for (const std::string& ending : WrittenEndings()) endings += " " + ending;
+    throw UsageError(output + ": the ending of an output tells its format, and is one of" +
+                     endings);
   }
   return name;
+}
+
+/// The names that --format takes.
+std::vector<std::string> WrittenFormats() {
+  std::vector<std::string> names = WrittenEndings();
+  for (std::string& name : names) name.erase(0, 1);
+  return names;
 }
 
 /// Bare planes are written side by side up to so many.
@@ -96,6 +104,7 @@ host::Image DecodePart(const DecodeOptions& options, const Task& task, host::Dec
 
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
                 host::Image image) {
+  const host::MemoryReservation room(BytesOf(image), "the decoded image");
   ChangeMetadata(options.metadata, image);
   const bool isPnm = !format.empty() && FormatOfName(format) == ImageFormat::kPnm;
   if (options.bits != 0 || (!isPnm && !format.empty())) host::UseFullRange(image);
@@ -229,7 +238,7 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       .add_option("--format", options->format, "format for --output-dir and for standard output")
       ->capture_default_str()
       ->type_name("NAME")
-      ->check(CLI::IsMember({"png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg"}));
+      ->check(CLI::IsMember(WrittenFormats()));
   AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_flag("--strict", options->strict,
                    "treat incomplete data as an error\n"

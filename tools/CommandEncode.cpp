@@ -9,6 +9,7 @@
 #include <cmath>
 #include <filesystem>
 
+#include "BareSamples.hpp"
 #include "Commands.hpp"
 #include "Console.hpp"
 #include "Files.hpp"
@@ -25,7 +26,7 @@ constexpr std::size_t kMostPaletteEntries = 1024;
 struct EncodeOptions {
   FileOptions files;
   CodingOptions coding;
-  std::uint64_t maxMemory = 2 * HalfOfMemory();
+  std::uint64_t maxMemory = HalfOfMemory();
   MetadataOptions metadata;
   ReadOptions reading;
   bool measure = false;
@@ -34,7 +35,7 @@ struct EncodeOptions {
   std::string order = "rlcp";
   unsigned layers = 1;
   bool checksums = false;
-  std::string comment;
+  std::string raw, comment;
   double resolution = 0;
 };
 
@@ -89,6 +90,7 @@ void MeasureOutput(const EncodeOptions& options, const Task& task, unsigned page
   host::BufferedSource source(*input);
   ReadSettings settings;
   settings.page = page == 0 ? 1 : page;
+  settings.bare = ParseBareForm(options.raw);
   host::Image image = host::ReadImage(*OpenRows(source, options, settings));
   host::MakeOrdinary(image);
   const double psnr = host::Compare(image, LoadAnyImage(task.output, task.threads)).psnr;
@@ -105,6 +107,7 @@ bool EncodePage(const EncodeOptions& options, const host::Image* mask, const Tas
   host::BufferedSource source(*input);
   ReadSettings settings = SettingsOf(options.reading, task, page);
   settings.keepValues = options.coding.lossless;
+  settings.bare = ParseBareForm(options.raw);
   const auto rows = OpenRows(source, options, settings);
   if (rows == nullptr) return false;
   host::Image& image = rows->Description();
@@ -248,7 +251,7 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   CLI::App& command = *app.add_subcommand("encode", "turn image files into Kel files");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
-  AddMemoryOption(command, options->maxMemory, "the machine's memory");
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_flag("--measure", options->measure,
                    "decode what was written, and put its PSNR into the report\n"
                    "It is told too, where results are.");
@@ -294,6 +297,18 @@ void AddEncodeCommand(CLI::App& app, Run& run) {
   command.add_flag("--checksums", options->checksums,
                    "a checksum of every packet, for kel check\n"
                    "Four bytes each, and 14 a tile-part; decoders pass over them.");
+  command
+      .add_option("--raw", options->raw,
+                  "the inputs are bare samples, such as 640x480x3:u8 or 512x512:u16le\n"
+                  "Columns, rows, channels (1: grey, 2: and opacity, 3: RGB, 4: and opacity), then "
+                  "the bits of a sample, 1 to 28, in one, two or four bytes, le with the least "
+                  "significant first, be last. Samples stand pixel after pixel, row by row.")
+      ->type_name("FORM")
+      ->check(CLI::Validator(
+          [](std::string& form) {
+            return ParseBareForm(form) ? "" : "a form is WxHxCHANNELS:uBITS, le or be behind it";
+          },
+          ""));
   command.add_option("--comment", options->comment, "text to put into the file")->type_name("TEXT");
   command.add_option("--resolution", options->resolution, "samples per inch [the image's own]")
       ->type_name("DPI")

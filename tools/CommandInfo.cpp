@@ -163,7 +163,7 @@ Json ExifJson(host::Source& source) {
 
 int RunInfo(const InfoOptions& options) {
   const auto& [files, asJson, withRanges, withExif, allTileParts, limits] = options;
-  const host::Session session(2 * HalfOfMemory());
+  const host::Session session(HalfOfMemory());
   Json all = Json::array();
   int code = kDone;
   for (const std::string& file : files) {

@@ -26,7 +26,8 @@ constexpr std::uint32_t kLongestSide = 1024;
 struct PreviewOptions {
   FileOptions files;
   CodingOptions coding;
-  std::uint64_t maxMemory = 2 * HalfOfMemory();
+  ReadOptions reading;
+  std::uint64_t maxMemory = HalfOfMemory();
 };
 
 host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task,
@@ -43,9 +44,19 @@ host::Image PreviewOfEncoded(const host::Bytes& bytes, const Task& task,
   return host::Decode(source, params, &report);
 }
 
-host::Image PreviewOfImage(const host::Bytes& bytes, const CodingOptions& coding,
+host::Image PreviewOfImage(const host::Bytes& bytes, const PreviewOptions& options,
                            const Task& task) {
-  host::Image image = ReadImage(bytes, SettingsOf({}, task, 0));
+  const CodingOptions& coding = options.coding;
+  const std::string& page = options.reading.page;
+  if (page == "all") throw UsageError("--page of a preview is one number");
+  const ReadSettings settings =
+      SettingsOf(options.reading, task, page.empty() ? 0 : static_cast<unsigned>(std::stoul(page)));
+  host::MemorySource memory(bytes);
+  host::BufferedSource source(memory);
+  const auto rows = OpenImage(source, settings);
+  if (rows == nullptr) throw host::Error(host::Failure::kInput, "there is no page " + page);
+  host::Image image = host::ReadImage(*rows);
+  const host::MemoryReservation room(BytesOf(image), "the image");
   if (!coding.lossless) host::ExpandPalette(image);
   host::EncodeParams params = ParamsOf(coding);
   params.threads = task.threads;
@@ -60,14 +71,15 @@ host::Image PreviewOfImage(const host::Bytes& bytes, const CodingOptions& coding
 
 int PreviewTask(const PreviewOptions& options, const Task& task) {
   const std::string name = task.output == kStandardStream ? ".png" : task.output;
-  if (!FormatOfName(name)) {
+  if (!IsWrittenName(name)) {
     throw UsageError(name + ": the ending of an output tells its format, such as .png");
   }
   const host::Bytes bytes = ReadInput(task.input);
+  const host::MemoryReservation roomOfFile(bytes.size(), "the file");
   host::DecodeReport report;
   report.complete = true;
   const auto start = std::chrono::steady_clock::now();
-  host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options.coding, task)
+  host::Image preview = RecogniseImage(bytes) ? PreviewOfImage(bytes, options, task)
                                               : PreviewOfEncoded(bytes, task, report);
   if (task.verbose) {
     PrintMessage(NameOf(task.input) + ": preview of " + std::to_string(preview.width) + " x " +
@@ -88,7 +100,8 @@ void AddPreviewCommand(CLI::App& app, Run& run) {
       "preview", "show what encoding will make of an image, or a small picture of a Kel file");
   AddFileOptions(command, options->files);
   AddCodingOptions(command, options->coding);
-  AddMemoryOption(command, options->maxMemory, "the machine's memory");
+  AddReadOptions(command, options->reading);
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.footer(
       "Examples:\n"
       "  kel preview -q 30 photo.png look.png    what quality 30 would look like\n"

@@ -57,7 +57,7 @@ void AddTrimCommand(CLI::App& app, Run& run) {
       if (options->reduce == 0 && options->region.empty()) {
         throw UsageError("what to leave out is told by --reduce or --region");
       }
-      const host::Session session(2 * HalfOfMemory());
+      const host::Session session(HalfOfMemory());
       const TaskSettings settings{.ending = ".kel", .isInput = IsEncodedName};
       return RunTasks(options->files, settings,
                       [&](const Task& task) { return TrimTask(*options, task); });

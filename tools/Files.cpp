@@ -73,15 +73,19 @@ std::string NameOf(const std::string& path) {
   return path == kStandardStream ? "standard input" : path;
 }
 
+std::uint64_t BytesOf(const host::Image& image) {
+  std::uint64_t bytes = 0;
+  for (const host::Plane& plane : image.planes) {
+    bytes += std::uint64_t{plane.Width()} * plane.Height() * plane.BytesPerSample();
+  }
+  return bytes;
+}
+
 std::string Speed(const host::Image& image, std::chrono::steady_clock::time_point since) {
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - since;
-  double bytes = 0;
-  for (const host::Plane& plane : image.planes) {
-    bytes += 1.0 * plane.Width() * plane.Height() * plane.BytesPerSample();
-  }
   char text[64];
   std::snprintf(text, sizeof text, "%.3f s, %.1f MB/s", seconds.count(),
-                bytes / 1e6 / std::max(seconds.count(), 1e-9));
+                static_cast<double>(BytesOf(image)) / 1e6 / std::max(seconds.count(), 1e-9));
   return text;
 }
 

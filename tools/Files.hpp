@@ -130,6 +130,8 @@ bool IsEncodedName(const std::string& name);
 /// The name of a file for messages.
 std::string NameOf(const std::string& path);
 
+/// Bytes that the samples of an image take in memory.
+std::uint64_t BytesOf(const host::Image& image);
 /// "0.013 s, 55.4 MB/s" of the samples, for work that took since the time given.
 std::string Speed(const host::Image& image, std::chrono::steady_clock::time_point since);
 

@@ -1,16 +1,11 @@
-// Recognising image files, and what all of their formats have in common.
+// What all formats of image files have in common.
 #include "ImageFile.hpp"
 
 #include <kel/host/convert.hpp>
 #include <kel/host/errors.hpp>
-#include <kel/host/pnm.hpp>
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 #include <cstring>
-#include <string_view>
-#include <utility>
 
 namespace kel::tool {
 namespace {
@@ -18,36 +13,6 @@ namespace {
 using host::Error;
 using host::Failure;
 using host::Image;
-using host::PnmKind;
-
-constexpr std::array<std::pair<std::string_view, ImageFormat>, 10> kEndings = {{
-    {".png", ImageFormat::kPng},
-    {".ppm", ImageFormat::kPnm},
-    {".pgm", ImageFormat::kPnm},
-    {".pbm", ImageFormat::kPnm},
-    {".pnm", ImageFormat::kPnm},
-    {".pam", ImageFormat::kPnm},
-    {".tif", ImageFormat::kTiff},
-    {".tiff", ImageFormat::kTiff},
-    {".jpg", ImageFormat::kJpeg},
-    {".jpeg", ImageFormat::kJpeg},
-}};
-
-constexpr std::size_t kMagicBytes = 16;
-
-std::string EndingOf(const std::string& name) {
-  const std::size_t dot = name.rfind('.');
-  if (dot == std::string::npos) return {};
-  std::string ending = name.substr(dot);
-  std::ranges::transform(ending, ending.begin(), [](unsigned char c) { return std::tolower(c); });
-  return ending;
-}
-
-bool BeginsWith(host::ByteView bytes, std::string_view text) {
-  return bytes.size() >= text.size() &&
-         std::equal(text.begin(), text.end(), bytes.begin(),
-                    [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; });
-}
 
 bool HasSmallPalette(const Image& image) {
   if (!image.palette || image.planes.size() != 1) return false;
@@ -58,36 +23,6 @@ bool HasSmallPalette(const Image& image) {
          std::ranges::all_of(image.palette->columns, [](const auto& column) {
            return column.role == host::ChannelRole::kColour;
          });
-}
-
-/// Rows that tell, behind the last one, when other pictures follow.
-class FirstPage final : public host::RowSource {
- public:
-  FirstPage(std::unique_ptr<host::RowSource> rows, Warn warn)
-      : rows_(std::move(rows)), warn_(std::move(warn)) {
-    host::CopyDescription(rows_->Description(), description_);
-    left_ = description_.height;
-  }
-  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
-    rows_->Read(count, to, strideBytes);
-    left_ -= count;
-    if (left_ == 0 && rows_->HasMore()) {
-      warn_("only the first of several pictures is taken; --page takes others");
-    }
-  }
-
- private:
-  std::unique_ptr<host::RowSource> rows_;
-  Warn warn_;
-  std::uint32_t left_ = 0;
-};
-
-std::unique_ptr<host::RowSource> OpenPnm(host::BufferedSource& source,
-                                         const ReadSettings& settings) {
-  auto rows = host::OpenPnm(
-      source, {.page = std::max(settings.page, 1U), .keepValues = settings.keepValues});
-  if (rows == nullptr || settings.page != 0) return rows;
-  return std::make_unique<FirstPage>(std::move(rows), settings.warn);
 }
 
 }  // namespace
@@ -101,59 +36,6 @@ void Complaints::Note(const char* text) noexcept {
 
 void Complaints::Tell(const Warn& warn) {
   while (numTold_ < count_) warn(texts_[numTold_++]);
-}
-
-std::optional<ImageFormat> RecogniseImage(host::ByteView bytes) {
-  using namespace std::string_view_literals;
-  if (BeginsWith(bytes, "\x89PNG\r\n\x1A\n"sv)) return ImageFormat::kPng;
-  if (BeginsWith(bytes, "\xFF\xD8\xFF"sv)) return ImageFormat::kJpeg;
-  if (BeginsWith(bytes, "II*\0"sv) || BeginsWith(bytes, "MM\0*"sv)) return ImageFormat::kTiff;
-  if (BeginsWith(bytes, "II+\0"sv) || BeginsWith(bytes, "MM\0+"sv)) return ImageFormat::kTiff;
-  const bool magic = bytes.size() > 2 && bytes[0] == 'P' && bytes[1] >= '1' && bytes[1] <= '7';
-  if (magic && (std::isspace(bytes[2]) != 0 || bytes[2] == '#')) return ImageFormat::kPnm;
-  return std::nullopt;
-}
-
-std::optional<ImageFormat> FormatOfName(const std::string& name) {
-  const std::string ending = EndingOf(name);
-  const auto found =
-      std::ranges::find(kEndings, ending, [](const auto& entry) { return entry.first; });
-  return found == kEndings.end() ? std::nullopt : std::optional(found->second);
-}
-
-std::unique_ptr<host::RowSource> OpenImage(host::BufferedSource& source,
-                                           const ReadSettings& settings) {
-  const host::ByteView first = source.Peek(kMagicBytes);
-  if (first.empty()) throw Error(Failure::kInput, "the file is empty");
-  const std::optional<ImageFormat> format = RecogniseImage(first);
-  if (!format) throw Error(Failure::kInput, "not a PNG, PNM, TIFF or JPEG image");
-  switch (*format) {
-    case ImageFormat::kPng:
-      return OpenPng(source, settings);
-    case ImageFormat::kTiff:
-      return OpenTiff(source, settings);
-    case ImageFormat::kJpeg:
-      return OpenJpeg(source, settings);
-    default:
-      return OpenPnm(source, settings);
-  }
-}
-
-std::unique_ptr<host::RowSink> MakeImageFile(const std::string& name, host::Sink& sink) {
-  switch (FormatOfName(name).value()) {
-    case ImageFormat::kPng:
-      return MakePng(sink);
-    case ImageFormat::kTiff:
-      return MakeTiff(sink);
-    case ImageFormat::kJpeg:
-      return MakeJpeg(sink);
-    default:
-      break;
-  }
-  const std::string ending = EndingOf(name);
-  return host::MakePnm(sink, ending == ".pbm"   ? PnmKind::kPbm
-                             : ending == ".pam" ? PnmKind::kPam
-                                                : PnmKind::kPlainest);
 }
 
 bool KeepsPalette(const std::string& name, const Image& description) {
@@ -177,7 +59,7 @@ void WriteImage(const Image& image, const std::string& name, host::Sink& sink) {
     host::ImageRowSource rows(ordinary);
     host::CopyRows(rows, *file);
   };
-  if (KeepsPalette(name, image)) {
+  if (KeepsPalette(name, image) || (!image.palette && host::IsOrdinary(image))) {
     write(image);
     return;
   }

@@ -1,5 +1,5 @@
-// Image files as images and back: PNG, PNM, TIFF and JPEG, told apart by their first bytes when
-// read and by the ending of their name when written.
+// Image files as images and back: PNG, PNM, TIFF, JPEG and NPY, and WebP, GIF and PGX to be read;
+// told apart by their first bytes when read and by the ending of their name when written.
 //
 // Every format has a module of its own, ImageFile + its name. A reader delivers rows as they are
 // asked for and throws Error (kInput); a writer takes rows of an ordinary image
@@ -15,24 +15,36 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kel::tool {
 
-enum class ImageFormat { kPng, kPnm, kTiff, kJpeg };
+enum class ImageFormat { kPng, kPnm, kTiff, kJpeg, kWebp, kGif, kNpy, kPgx };
 
 /// The format that a file's first bytes tell; nothing when it is none of these.
 std::optional<ImageFormat> RecogniseImage(host::ByteView bytes);
 /// The format that the ending of a name stands for.
 std::optional<ImageFormat> FormatOfName(const std::string& name);
+/// Whether a file of that name can be written as an image, and the endings of such names.
+bool IsWrittenName(const std::string& name);
+std::vector<std::string> WrittenEndings();
 
 /// Told what is wrong with a file, or lost on the way; may throw to refuse it.
 using Warn = std::function<void(const std::string&)>;
+
+/// How samples stand in a file that does not say so itself: pixel after pixel, one, two or four
+/// bytes each.
+struct BareForm {
+  std::uint32_t width = 0, height = 0, channels = 1, depth = 8;
+  bool bigEndian = false;
+};
 
 /// How an image file is read.
 struct ReadSettings {
   Warn warn = [](const std::string&) {};
   unsigned page = 0;        ///< from 1 on; 0 is the first, and a warning when there are more
   bool keepValues = false;  ///< samples of PNM files that do not use their depth are not scaled
+  std::optional<BareForm> bare = {};  ///< the file is samples of this form and nothing else
 };
 
 /// Opens an image file of any of the formats. Whether its rows come without the picture being held
@@ -57,6 +69,15 @@ std::unique_ptr<host::RowSink> MakeTiff(host::Sink& sink);
 std::unique_ptr<host::RowSource> OpenJpeg(host::BufferedSource& source,
                                           const ReadSettings& settings);
 std::unique_ptr<host::RowSink> MakeJpeg(host::Sink& sink);
+std::unique_ptr<host::RowSource> OpenWebp(host::BufferedSource& source,
+                                          const ReadSettings& settings);
+std::unique_ptr<host::RowSource> OpenGif(host::BufferedSource& source,
+                                         const ReadSettings& settings);
+std::unique_ptr<host::RowSource> OpenNpy(host::BufferedSource& source,
+                                         const ReadSettings& settings);
+std::unique_ptr<host::RowSink> MakeNpy(host::Sink& sink);
+std::unique_ptr<host::RowSource> OpenPgx(host::BufferedSource& source,
+                                         const ReadSettings& settings);
 
 /// What a library said while it read a file, until it can be passed on: the libraries jump over
 /// code that could throw.

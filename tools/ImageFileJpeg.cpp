@@ -4,13 +4,16 @@
 // every call into it stands in a function that holds nothing with a destructor.
 #include <kel/host/errors.hpp>
 #include <kel/host/limits.hpp>
+#include <kel/host/session.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <string_view>
 
 #include <jpeglib.h>
@@ -32,7 +35,9 @@ using host::Image;
 constexpr int kQuality = 95;
 constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2,
               kBlocksMarker = JPEG_APP0 + 13;
+constexpr int kAdobeMarker = JPEG_APP0 + 14, kLastAppMarker = JPEG_APP0 + 15;
 constexpr unsigned kLongestMarker = 0xFFFF;
+constexpr unsigned kMostShown = 16;  // bytes of a segment that has no place in images
 constexpr std::size_t kMostMarkerData = 65533;
 /// Scans of a progressive file. Each costs as much as the picture has samples, however few bytes
 /// it takes; encoders write ten or so.
@@ -144,6 +149,9 @@ bool ReadHeader(JpegReader& r) {
   r.jpeg.err = &r.errors;
   if (setjmp(r.errors.back) != 0) return false;
   jpeg_create_decompress(&r.jpeg);
+  for (int marker = JPEG_APP0 + 1; marker <= kLastAppMarker; ++marker) {
+    if (marker != kAdobeMarker) jpeg_save_markers(&r.jpeg, marker, kMostShown);
+  }
   jpeg_save_markers(&r.jpeg, kMetadataMarker, kLongestMarker);
   jpeg_save_markers(&r.jpeg, kProfileMarker, kLongestMarker);
   jpeg_save_markers(&r.jpeg, kBlocksMarker, kLongestMarker);
@@ -233,6 +241,32 @@ void ReadMetadata(const JpegReader& reader, Image& image) {
     }
   }
   AddXmp(image, extension.empty() ? xmp : JoinXmp(xmp, extension));
+}
+
+/// Names the segments that images have no place for.
+void WarnOfOthers(const JpegReader& reader, const Warn& warn) {
+  constexpr std::string_view kProfileName("ICC_PROFILE\0", 12);
+  std::set<std::string> lost;
+  for (const jpeg_marker_struct* marker = reader.jpeg.marker_list; marker != nullptr;
+       marker = marker->next) {
+    const std::string_view data(reinterpret_cast<const char*>(marker->data), marker->data_length);
+    if (marker->marker == JPEG_COM) continue;
+    bool isKept = false;
+    for (const std::string_view name :
+         {kExifName, kXmpName, kExtensionName, kBlocksName, kProfileName}) {
+      isKept = isKept || data.starts_with(name);
+    }
+    if (isKept) continue;
+    std::string name = "APP" + std::to_string(marker->marker - JPEG_APP0);
+    const auto end = std::find_if_not(
+        data.begin(), data.begin() + std::min<std::ptrdiff_t>(kMostShown, std::ssize(data)),
+        [](unsigned char c) { return std::isalnum(c) != 0; });
+    if (end != data.begin()) name += " (" + std::string(data.begin(), end) + ")";
+    lost.insert(name);
+  }
+  std::string names;
+  for (const std::string& name : lost) names += (names.empty() ? "" : ", ") + name;
+  if (!names.empty()) warn("left out: " + names);
 }
 
 // ---- Writing ----
@@ -382,6 +416,11 @@ class JpegSource final : public host::RowSource {
     description_ = host::DescribeNewImage(reader_.jpeg.image_width, reader_.jpeg.image_height,
                                           space == JCS_GRAYSCALE ? 1 : 3, 8);
     ReadMetadata(reader_, description_);
+    WarnOfOthers(reader_, warn_);
+    holdsPicture_ = jpeg_has_multiple_scans(&reader_.jpeg) != FALSE;
+    if (holdsPicture_) {
+      room_ = host::MemoryReservation(CoefficientBytes(), "the coefficients of a JPEG file");
+    }
     Require(reader_, StartReading(reader_));
     reader_.errors.complaints.Tell(warn_);
   }
@@ -394,11 +433,22 @@ class JpegSource final : public host::RowSource {
     reader_.errors.complaints.Tell(warn_);
   }
 
-  /// libjpeg keeps the coefficients of a progressive file.
-  bool HoldsPicture() const override { return reader_.jpeg.progressive_mode != FALSE; }
+  /// libjpeg keeps the coefficients of a file of several scans.
+  bool HoldsPicture() const override { return holdsPicture_; }
 
  private:
+  std::uint64_t CoefficientBytes() const {
+    std::uint64_t blocks = 0;
+    for (int c = 0; c < reader_.jpeg.num_components; ++c) {
+      const jpeg_component_info& component = reader_.jpeg.comp_info[c];
+      blocks += std::uint64_t{component.width_in_blocks} * component.height_in_blocks;
+    }
+    return blocks * sizeof(JBLOCK);
+  }
+
   JpegReader reader_;
+  bool holdsPicture_ = false;
+  host::MemoryReservation room_;
   Warn warn_;
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <csetjmp>
 
 #include "PngFile.hpp"
@@ -229,6 +230,29 @@ void WarnOfOthers(const PngReader& reader, const Warn& warn) {
   if (!lost.empty()) warn("left out: " + lost);
 }
 
+/// Tells when the file describes colours of its own by numbers, which images have no place for:
+/// anything but the curve and the primaries of sRGB, as which samples without a profile are taken.
+void WarnOfColours(const PngReader& reader, const host::Image& image, const Warn& warn) {
+  constexpr double kGamma = 1 / 2.2, kTolerance = 0.01;
+  constexpr double kChromaticities[] = {0.3127, 0.329, 0.64, 0.33, 0.3, 0.6, 0.15, 0.06};
+  if (!image.iccProfile.empty() || png_get_valid(reader.png, reader.info, PNG_INFO_sRGB) != 0) {
+    return;
+  }
+  double gamma = kGamma;
+  double own[8];
+  bool isOwn =
+      png_get_gAMA(reader.png, reader.info, &gamma) != 0 && std::abs(gamma - kGamma) > kTolerance;
+  if (png_get_cHRM(reader.png, reader.info, &own[0], &own[1], &own[2], &own[3], &own[4], &own[5],
+                   &own[6], &own[7]) != 0) {
+    for (int i = 0; i < 8; ++i) isOwn = isOwn || std::abs(own[i] - kChromaticities[i]) > kTolerance;
+  }
+  if (isOwn) {
+    warn(
+        "its gamma and primaries (gAMA, cHRM) are left out, and its colours taken as sRGB; "
+        "--icc FILE gives them a profile");
+  }
+}
+
 /// Whether a file that can be read anywhere has metadata behind its samples. In a pipe they would
 /// be found too late, and are passed over.
 bool HasLateMetadata(const host::Source& source) {
@@ -265,6 +289,7 @@ class PngSource final : public host::RowSource {
     if (indexed && !expands_) description_.palette = palette_;
     ReadMetadata(reader_, warn_, description_);
     WarnOfOthers(reader_, warn_);
+    WarnOfColours(reader_, description_, warn_);
     reader_.failures.complaints.Tell(warn_);
   }
 

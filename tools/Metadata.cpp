@@ -234,7 +234,8 @@ void StripMetadata(Image& image, Strip what) {
 }
 
 std::string LossesIn(const Image& image, ImageFormat format) {
-  const bool isPnm = format == ImageFormat::kPnm, isPng = format == ImageFormat::kPng;
+  const bool isNpy = format == ImageFormat::kNpy, isPng = format == ImageFormat::kPng;
+  const bool isPnm = format == ImageFormat::kPnm || isNpy;  // samples and nothing else
   std::vector<std::string> lost;
   const auto lose = [&](bool isLost, const std::string& what) {
     if (isLost) lost.push_back(what);
@@ -255,7 +256,9 @@ std::string LossesIn(const Image& image, ImageFormat format) {
   lose(!std::ranges::all_of(image.uuids, IsKnown), "payloads of unknown meaning");
   lose(!isPng && !FindTexts(image).empty(), "texts beside the comment");
   if (lost.empty()) return {};
-  std::string sentence = isPnm ? "a PNM file does not hold " : "the output does not hold ";
+  std::string sentence = isNpy   ? "an NPY file does not hold "
+                         : isPnm ? "a PNM file does not hold "
+                                 : "the output does not hold ";
   for (std::size_t i = 0; i < lost.size(); ++i) {
     sentence += (i == 0 ? "" : i + 1 == lost.size() ? " and " : ", ") + lost[i];
   }

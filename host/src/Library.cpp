@@ -31,15 +31,28 @@ void ThrowFailure(const KelException& raised, Failure kind, const KelErrorPlace&
   throw Error(kind, sentence, raised, place);
 }
 
-void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind) {
+void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind, ByteView bytes) {
   KelException raised = index.GetErrorDetails();
   const KelErrorPlace place = index.GetErrorPlace();
   raised.errCode = code;
+  if (code == KelErrUnsupported) RefuseOrdinary(bytes, raised, place);
   ThrowFailure(raised, kind, place);
 }
 
 void AskForTime(KelUserActions& actions) {
   actions.AbortRequested = [] { return static_cast<KelLong>(TimeIsUp()); };
+}
+
+void RefuseOrdinary(ByteView bytes, const KelException& raised, const KelErrorPlace& place) {
+  constexpr std::uint8_t kFile[] = {0, 0, 0, 12, 'j', 'P', ' ', ' '};
+  constexpr std::uint8_t kStream[] = {0xFF, format::kSOC};
+  const auto begins = [&](ByteView start) {
+    return bytes.size() >= start.size() && std::equal(start.begin(), start.end(), bytes.begin());
+  };
+  if (!begins(kFile) && !begins(kStream)) return;
+  throw Error(Failure::kInput,
+              "an ordinary JPEG 2000 file, whose samples are coded in another way than Kel's",
+              raised, place);
 }
 
 void Check(KelLong code, const KelImage& image, Failure kind) {
@@ -72,7 +85,7 @@ KelLong Index::Open(ByteView bytes) {
 
 Index::Index(ByteView bytes) : Index() {  // so that the destructor runs when this throws
   const KelLong code = Open(bytes);
-  if (code != KelOK) ThrowIndexFailure(index_, code, Failure::kInput);
+  if (code != KelOK) ThrowIndexFailure(index_, code, Failure::kInput, bytes);
 }
 
 Index::~Index() {
@@ -85,7 +98,7 @@ std::unique_ptr<Index> Index::OfArrived(ByteView bytes) {
   const KelLong code = index->Open(bytes);
   if (code == KelOK) return index;
   if (index->index_.DataEndInHeader()) return nullptr;
-  ThrowIndexFailure(index->index_, code, Failure::kInput);
+  ThrowIndexFailure(index->index_, code, Failure::kInput, bytes);
 }
 
 std::span<const KelIndexComponent> Index::Components() const {
@@ -132,8 +145,12 @@ Decoder::Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect) {
   AskForTime(actions_);
   procs_.UserActions = &actions_;
   try {
-    Check(image_.InitDecoder(nullptr, &block_, &options_, &procs_, &resolutions_, aspect), image_,
-          Failure::kInput);
+    const KelLong code =
+        image_.InitDecoder(nullptr, &block_, &options_, &procs_, &resolutions_, aspect);
+    if (code == KelErrUnsupported) {
+      RefuseOrdinary(bytes, image_.GetErrorDetails(), image_.GetErrorPlace());
+    }
+    Check(code, image_, Failure::kInput);
   } catch (...) {
     Release();
     throw;

@@ -22,6 +22,11 @@ void RequireSession();
 [[noreturn]] void ThrowFailure(const KelException& raised, Failure kind,
                                const KelErrorPlace& place = {nullptr, -1});
 
+/// Of data that the library does not support: throws when they are in the flavour that other coders
+/// write.
+void RefuseOrdinary(ByteView bytes, const KelException& raised,
+                    const KelErrorPlace& place = {nullptr, -1});
+
 /// Checks the result of an operation of an image object.
 void Check(KelLong code, const KelImage& image, Failure kind);
 
@@ -29,7 +34,8 @@ void Check(KelLong code, const KelImage& image, Failure kind);
 KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::size_t component);
 
 /// Throws what an index object failed with last, with the code that it returned.
-[[noreturn]] void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind);
+[[noreturn]] void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind,
+                                    ByteView bytes = {});
 
 /// Lets the library ask whether the limit on time has been reached.
 void AskForTime(KelUserActions& actions);

@@ -70,7 +70,10 @@ RangeIndex::RangeIndex(RangeSource& source) : stream_(source) {
   if (code == KelOK) return;
   try {
     stream_.Rethrow();
-    ThrowIndexFailure(index_, code, Failure::kInput);
+    Bytes first(
+        static_cast<std::size_t>(std::min<std::uint64_t>(source.Size(), format::kSignatureBytes)));
+    source.Fetch(0, first);
+    ThrowIndexFailure(index_, code, Failure::kInput, first);
   } catch (...) {
     index_.Die();
     throw;

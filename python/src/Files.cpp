@@ -100,7 +100,7 @@ void DecodeFile(const std::string& input, const std::string& output, const py::d
   options.Finish();
   params.acceptIncomplete = !strict;
   params.progress = WatchProgress();
-  if (!tool::FormatOfName(output)) {
+  if (!tool::IsWrittenName(output)) {
     throw Error(Failure::kParameter, output + ": the ending tells no format of image files");
   }
   Run(*CurrentRoom(), [&] {

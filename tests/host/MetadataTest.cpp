@@ -137,6 +137,8 @@ TEST(Tool, DamageAndFurtherPicturesAreToldAndRefusedOnDemand) {
   EXPECT_EQ(tool.Run("compare two-1.kel a.ppm").code, 0);
   EXPECT_EQ(tool.Run("compare two-2.kel b.ppm").code, 0);
   EXPECT_EQ(tool.Run("encode --page 3 two.ppm z.kel").code, 2);
+  tool.Do("preview --page 2 --lossless two.ppm second.ppm");
+  EXPECT_EQ(tool.Run("compare second.ppm b.ppm").code, 0);
 }
 
 // A file is probed by its index and a pipe by its bytes: both must say the same.
