@@ -228,4 +228,22 @@ TEST_F(RoundTrip, MemoryOfDecoding) {
   }
 }
 
+// Memory that is asked for anew for each tile where that of the tile before would do: records for
+// headers without segments, working memory of the transforms and the block coder.
+TEST_F(RoundTrip, RequestsOfATile) {
+  std::size_t encoding[2], decoding[2];
+  for (const int i : {0, 1}) {
+    EncodeHost host(MakePicture(256 << i, 256, 3, 8), 64, 64,
+                    {.irreversible = 0, .transform = true});
+    const std::size_t start = memory.Requests();
+    const Bytes file = host.Encode();
+    const std::size_t encoded = memory.Requests();
+    EXPECT_EQ(Decode(file).frameCode, KelOK);
+    encoding[i] = encoded - start;
+    decoding[i] = memory.Requests() - encoded;
+  }
+  EXPECT_LE(encoding[1] - encoding[0], 16 * 12U) << "what the host hands over counts";
+  EXPECT_LE(decoding[1] - decoding[0], 16 * 14U) << "six of them are output images";
+}
+
 }  // namespace

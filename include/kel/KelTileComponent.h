@@ -54,7 +54,7 @@ class KEL_API KelTileComponent {
   void SetTileCompDataIsValid();
   void ResetTileCompDataIsValid();
 
-  /// Ties the handle to a record of the library; not for hosts. Raises 8.
+  /// Ties the handle to a record of the library; not for hosts, nor used by the library. Raises 8.
   void Init(kel::TileCompRecord* record);
 
  private:

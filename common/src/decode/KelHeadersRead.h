@@ -21,10 +21,10 @@ struct [[nodiscard]] HeaderResult {
 ///
 /// A main header ends before its first SOT, which stays unread; it must have brought SIZ, COD and
 /// QCD. A tile-part header starts at its SOT and ends behind SOD; `set` must have been seeded with
-/// the tile's current records, Csiz and region records, and *tilePartLength receives Psot. Where
-/// the data end inside a tile-part header, the reader is moved to the end and the result is
-/// incomplete; in a main header that is 10. On a failure what was filled stays in the set. Memory
-/// that cannot be obtained raises 8.
+/// the tile's current records, Csiz and region records, unless SOD follows SOT at once, and
+/// *tilePartLength receives Psot. Where the data end inside a tile-part header, the reader is moved
+/// to the end and the result is incomplete; in a main header that is 10. On a failure what was
+/// filled stays in the set. Memory that cannot be obtained raises 8.
 HeaderResult ReadHeader(KelHeaderParams& set, KelDecDataMgr& data, std::uint32_t* tilePartLength);
 
 }  // namespace kel

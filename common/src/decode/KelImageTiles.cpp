@@ -53,6 +53,13 @@ void LosePart(TileRecord& tile) {
   progress.isBroken = tile.dec->walk == nullptr || !PassLostTilePart(*tile.dec->walk);
 }
 
+/// Whether the tile-part header under the reader is SOT and SOD alone.
+bool EndsBehindSOT(KelDecDataMgr& data) {
+  constexpr std::uint64_t kSodAt = format::kLeastTilePartBytes - format::kMarkerBytes;
+  return data.EnsureBuffered(format::kLeastTilePartBytes) == kBufferedOk &&
+         data.PeekByte(kSodAt) == data.MarkerByte() && data.PeekByte(kSodAt + 1) == format::kSOD;
+}
+
 bool HasLargeBlocks(const ImageMap& map, const TileRecord& tile) {
   return std::any_of(tile.comps, tile.comps + map.numComps, [](const TileCompRecord& record) {
     return HasLargeBlocks(*record.dec->params.style, BoxOf(record.tileGeom));
@@ -64,11 +71,14 @@ bool HasLargeBlocks(const ImageMap& map, const TileRecord& tile) {
 HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& tile) {
   KelHeaderParams header{};
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
-  NamingModule(kModuleImageMap, [&] {
-    InitHeaderParams(header, false);
-    SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
-                     *tile.dec->params.quant);
-  });
+  // Most headers have no segment that would need records to be read into.
+  if (!EndsBehindSOT(data)) {
+    NamingModule(kModuleImageMap, [&] {
+      InitHeaderParams(header, false);
+      SeedHeaderParams(header, *map.dec->mainHeader, *tile.dec->params.style,
+                       *tile.dec->params.quant);
+    });
+  }
   std::uint32_t length = 0;
   const HeaderResult result = ReadHeader(header, data, &length);
   if (result.refusal.errCode != KelOK || result.incomplete) return result;

@@ -17,15 +17,12 @@ void InitTileComp(const ImageMap& map, const TileRecord& tile, TileCompRecord& r
   record.tileGeom.InitKelTileGeometry(map.geometry, c, tile.index);
   record.encOpt = c < map.firstExtra ? map.encOpt : map.extraOptions;
   record.decOpt = map.decOpt;
-  if (TileCompRecord::CellOf(record.handle) == nullptr) record.handle.Init(&record);
+  record.InitHandle();
 }
 
 void ReleaseTileComp(TileCompRecord& record) noexcept {
   ReleaseImage(record.shown.waveletData);
   ReleaseOutput(record);
-  TileCompCell*& cell = TileCompRecord::CellOf(record.handle);
-  if (cell != nullptr) KelFree(cell);
-  cell = nullptr;
 }
 
 }  // namespace

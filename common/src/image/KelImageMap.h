@@ -30,19 +30,28 @@ struct ShownData {
   KelImageData* waveletData;  ///< owned; decoder: coefficients, while the tile is not complete
 };
 
+/// What a handle points to, so that copies of it stay good as long as the record.
+struct TileCompCell {
+  TileCompRecord* record;
+};
+
 /// One component of one tile.
 struct TileCompRecord {
   KelTileGeometry tileGeom;  ///< identity and box
   KelEncOpt* encOpt;
   KelDecOpt* decOpt;
   ShownData shown;
-  KelTileComponent handle;  ///< owns its cell
+  KelTileComponent handle;
+  TileCompCell cell;  ///< of the handle
   // Of the pool; what they own their side releases.
   DecTileComp* dec;
   EncTileComp* enc;
 
-  /// Access to the handle's cell, for making and releasing handles.
-  static TileCompCell*& CellOf(KelTileComponent& handle) { return handle.cell_; }
+  /// Ties the handle to the record.
+  void InitHandle() {
+    cell.record = this;
+    handle.cell_ = &cell;
+  }
 };
 
 /// One tile.

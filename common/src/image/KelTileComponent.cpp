@@ -6,12 +6,6 @@
 #include "samples/KelImageDataAccess.h"
 
 namespace kel {
-
-/// What a handle points to: the cell that holds the record's address.
-struct TileCompCell {
-  TileCompRecord* record;
-};
-
 namespace {
 
 /// Puts an image in a place that owns its own, unless another place holds that one too.
