@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "KelTilePartIndex.h"
 #include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
+#include "format/KelStreamPosition.h"
 
 namespace kel {
 namespace {
@@ -21,18 +23,18 @@ namespace {
 constexpr std::uint64_t kLoadAfterMove = 4096;
 constexpr std::uint64_t kMostAtOnce = std::uint64_t{1} << 30;  // per call of the host's Read
 constexpr std::int64_t kUnknown = -1;
-constexpr KelLong kOriginRelative = 0;
-constexpr KelLong kOriginAbsolute = 1;
+
+}  // namespace
 
 /// The host's Read: the bytes that arrived; 0 at the end of the data, for a failure, and for a
 /// claim of more than was asked.
-std::uint64_t ReadFrom(KelCodeStm& stream, std::uint8_t* destination, std::uint64_t count) {
+std::uint64_t KelDecDataMgr::ReadFrom(std::uint8_t* destination, std::uint64_t count) {
   const auto wanted = static_cast<KelLong>(std::min(count, kMostAtOnce));
-  const KelLong got = stream.read(destination, wanted);
-  return got > wanted ? 0 : AsCount(got);
+  const KelLong got = stream_->read(destination, wanted);
+  const bool isPossible = got >= 0 && got <= wanted;
+  readFailed_ = readFailed_ || !isPossible;
+  return isPossible ? AsCount(got) : 0;
 }
-
-}  // namespace
 
 // ---- Set-up and state ----
 
@@ -59,7 +61,7 @@ bool KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capaci
   capacity_ = capacity;
   loadAfterMove_ = kLoadAfterMove;
   firstLoad_ = nextLoad_ = std::min(firstLoad, capacity);
-  streamPosition_ = stream != nullptr ? stream->GetCurPos() : 0;
+  streamPosition_ = stream != nullptr ? PositionOf(*stream) : 0;
   knownEnd_ = kUnknown;
   endsBefore_ = INT64_MAX;
   return Load(1) == kBufferedOk;
@@ -72,13 +74,19 @@ void KelDecDataMgr::ExpectMore() {
   endsBefore_ = INT64_MAX;
 }
 
+bool KelDecDataMgr::TakeReadFailure() {
+  if (readFailed_) ExpectMore();
+  return std::exchange(readFailed_, false);
+}
+
 void KelDecDataMgr::ResetDataMgr() {
   const std::uint64_t unread = Available();
   ReleaseWindow();
   SetWindow(nullptr, 0);
   if (!memoryMode_ && stream_ != nullptr && isSeekable_ && unread != 0) {
-    const KelLong back = -static_cast<KelLong>(unread);
-    if (stream_->seek(kOriginRelative, back) >= 0) streamPosition_ += back;
+    const std::int64_t reached =
+        MoveStream(*stream_, streamPosition_ - static_cast<std::int64_t>(unread));
+    if (reached >= 0) streamPosition_ = reached;
   }
 }
 
@@ -155,7 +163,7 @@ void KelDecDataMgr::MakeRoom(std::uint64_t n) {
 bool KelDecDataMgr::ReadIntoWindow() {
   const std::uint64_t filled = Available();
   const std::uint64_t wanted = std::min(windowBytes_ - filled, nextLoad_);
-  const std::uint64_t got = ReadFrom(*stream_, window_ + 1 + filled, wanted);
+  const std::uint64_t got = ReadFrom(window_ + 1 + filled, wanted);
   windowEnd_ += got;
   streamPosition_ += static_cast<std::int64_t>(got);
   endOfData_ = got == 0;
@@ -211,7 +219,7 @@ std::uint64_t KelDecDataMgr::ReadBytes(std::uint8_t* destination, std::uint64_t 
   readPosition_ += copied;
   while (copied < n && !memoryMode_ && !endOfData_ && stream_ != nullptr) {
     windowStart_ = windowEnd_;  // what it held no longer stands before the stream's position
-    const std::uint64_t got = ReadFrom(*stream_, destination + copied, n - copied);
+    const std::uint64_t got = ReadFrom(destination + copied, n - copied);
     streamPosition_ += static_cast<std::int64_t>(got);
     endOfData_ = got == 0;
     copied += got;
@@ -276,8 +284,8 @@ std::uint32_t KelDecDataMgr::PeekBytesAt(std::uint64_t offset, int count) {
 /// Moves the stream, which empties the window. False with nothing moved when the stream refuses;
 /// false too when it went elsewhere.
 bool KelDecDataMgr::SeekStream(std::int64_t position) {
-  if (position < 0 || position > INT32_MAX || !isSeekable_) return false;
-  const KelLong reached = stream_->seek(kOriginAbsolute, static_cast<KelLong>(position));
+  if (!isSeekable_) return false;
+  const std::int64_t reached = MoveStream(*stream_, position);
   if (reached < 0) return false;
   EmptyWindow();
   streamPosition_ = reached;
@@ -311,16 +319,17 @@ std::uint64_t KelDecDataMgr::SkipForward(std::uint64_t n) {
   return passed + Drop(n - passed);
 }
 
-/// Passes over n bytes, or as many of them as a 31-bit position allows, by a move to the last one,
-/// the window being used up. A host may let its stream be moved behind the end: then that byte
+/// Passes over n bytes, or as many of them as the stream's positions allow, by a move to the last
+/// one, the window being used up. A host may let its stream be moved behind the end: then that byte
 /// does not arrive, and the way to the end is walked instead, once, after which the end is known.
 /// Returns 0 with nothing moved when the stream refuses; a stream that moves elsewhere ends the
 /// data.
 std::uint64_t KelDecDataMgr::SkipBySeek(std::uint64_t n) {
   const std::int64_t here = streamPosition_;
-  if (!isSeekable_ || here >= INT32_MAX) return 0;
-  const auto ahead = static_cast<std::int64_t>(std::min<std::uint64_t>(n, INT32_MAX));
-  const std::int64_t target = std::min<std::int64_t>(here + ahead, INT32_MAX);
+  const std::int64_t most = MostPositionOf(*stream_);
+  if (!isSeekable_ || here >= most) return 0;
+  const std::int64_t target =
+      here + static_cast<std::int64_t>(std::min(n, static_cast<std::uint64_t>(most - here)));
   const bool isBehindEnd = knownEnd_ >= here && target > knownEnd_;
   if (!SeekStream(isBehindEnd ? knownEnd_ : target - 1)) {
     endOfData_ = streamPosition_ != here;

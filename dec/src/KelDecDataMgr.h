@@ -6,7 +6,8 @@
 // buffer requests return small codes that stay inside the library; memory that cannot be obtained
 // raises 8. Host streams may deliver fewer bytes than asked at any time: a request reads on until
 // it is met or Read returns 0 or less; a Read that claims more than was asked counts as failed.
-// A failed read is the end of the data; what arrived before it stays readable.
+// A failed read is the end of the data; what arrived before it stays readable, and whoever must not
+// take one for the other can ask.
 //
 // Bit reading: `unreadBits` low bits of `lastByte`, which is the byte before the read position,
 // have not been consumed; 0 to 7 between calls, 0 after every byte read and every move. While bits
@@ -63,6 +64,9 @@ class KelDecDataMgr {
                                     KelCodeStm* stream, Flavour flavour);
   /// A stream that has ended may have grown: it is asked again.
   void ExpectMore();
+  /// Whether a read of the stream has failed since this was asked last; the data are then not held
+  /// to end where it did.
+  bool TakeReadFailure();
   /// Releases the window; a seekable stream is moved back by the bytes read but not consumed.
   void ResetDataMgr();
   /// Releases everything, half-built managers included; may run twice.
@@ -187,6 +191,7 @@ class KelDecDataMgr {
   }
 
  private:
+  std::uint64_t ReadFrom(std::uint8_t* destination, std::uint64_t count);
   int Load(std::uint64_t n);
   void MakeRoom(std::uint64_t n);
   bool ReadIntoWindow();
@@ -208,6 +213,7 @@ class KelDecDataMgr {
 
   bool memoryMode_;
   Flavour flavour_;
+  bool readFailed_;
   bool endOfData_;  ///< the stream has delivered its last byte
   bool indexAllowed_;
   bool readPastEnd_;

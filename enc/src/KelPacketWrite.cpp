@@ -9,13 +9,13 @@
 #include "base/KelChecksum.h"
 #include "base/KelRaise.h"
 #include "format/KelHeadersWrite.h"
+#include "format/KelStreamPosition.h"
 #include "transform/KelQuant.h"
 
 namespace kel {
 namespace {
 
-/// Largest position in a stream, less the two bytes of the end marker.
-constexpr std::uint64_t kMostPosition = 0x7FFFFFFF - format::kMarkerBytes;
+constexpr std::uint64_t kMostTilePart = INT32_MAX;
 
 /// What a tile-part holds: resolutions of components, both as half-open ranges.
 struct PartRange {
@@ -248,12 +248,16 @@ std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream) {
     return first;
   });
   std::uint64_t total = header.count + AsCount(parts.count - 1) * format::kLeastTilePartBytes;
+  std::uint64_t longest = 0;
   for (int i = 0; i < parts.count; ++i) {
-    total = SaturatingAdd(total, parts.dataBytes[i]);
-    if (!tile.hasChecksums) continue;
-    total += format::ChecksumSegmentsBytes(CountPackets(tile, parts.ranges[i]));
+    std::uint64_t bytes = parts.dataBytes[i];
+    if (tile.hasChecksums)
+      bytes += format::ChecksumSegmentsBytes(CountPackets(tile, parts.ranges[i]));
+    longest = std::max(longest, bytes);
+    total = SaturatingAdd(total, bytes);
   }
-  if (SaturatingAdd(total, AsCount(stream.GetCurPos())) > kMostPosition) {
+  const std::uint64_t left = AsCount(MostPositionOf(stream) - PositionOf(stream));
+  if (SaturatingAdd(total, format::kMarkerBytes) > left || longest > kMostTilePart - header.count) {
     Raise(KelErrUnsupported, kModuleImage);
   }
   for (int i = 0; i < parts.count; ++i) {

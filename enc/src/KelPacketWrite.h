@@ -54,8 +54,9 @@ struct TileToWrite {
 
 /// Writes a tile and flushes the stream behind each tile-part; returns the bytes written. Coded
 /// bytes go to the stream from where they are. The first header of the tile announces steps when
-/// some differ from those of the main header. Raises 8; 29, with nothing written, when the stream
-/// would pass 2^31 - 1 bytes; 32 when the host does not take what is written.
+/// some differ from those of the main header. Raises 8; 29, with nothing written, when a tile-part
+/// would pass 2^31 - 1 bytes, or the stream the positions that it has; 32 when the host does not
+/// take what is written.
 std::uint64_t WriteTile(const TileToWrite& tile, KelCodeStm& stream);
 
 }  // namespace kel

@@ -203,7 +203,7 @@ class KEL_API KelImage {
 
   /// Guarded (0). Number of GetNextFrame calls so far, failed ones included.
   KelULong NumFramesDecoded();
-  /// Guarded (0). Position in the data that the last frame reached.
+  /// Guarded (0). Position in the data that the last frame reached, at most 2^32 - 1.
   KelULong BytesConsumedInLastFrame();
   /// Guarded. 0; 15, without effect, for a value other than 0, 90, 180 and 270. Applies from the
   /// next frame on.
@@ -270,8 +270,9 @@ class KEL_API KelImage {
   /// flushes the stream. *bytes, unless null, receives the tile's size plus 2. Returns 0; the
   /// fetch's code; 8; 15 for a tile out of range, a progression order other than 1 and 4, or
   /// precincts that divide the tile; 28 when the abort callback, asked after each component, wants
-  /// it, with nothing of the tile written; 29 when a tile-part or the stream would pass 2^31 - 1
-  /// bytes; 32 when the stream did not take what was written, which cannot be gone on with.
+  /// it, with nothing of the tile written; 29 when a tile-part, or the stream without a
+  /// KelLargeStream, would pass 2^31 - 1 bytes; 32 when the stream did not take what was written,
+  /// which cannot be gone on with.
   KelLong CompressAndWriteTile(KelLong tile, KelULong* bytes);
   /// Guarded. CompressAndWriteTile without the count.
   KelLong CompressTile(KelLong tile);

@@ -7,7 +7,9 @@
 // at a time.
 //
 // Offsets are in bytes from the first byte of the data. Every record that a query hands out
-// belongs to the index and lives until its Die. Guarded operations and threads: as for KelImage.
+// belongs to the index and lives until its Die. Guarded operations and threads: as for KelImage. An
+// operation during which a read of the stream fails gives null, GetErrorDetails code 3; the next
+// one reads again.
 #ifndef KEL_INDEX_H
 #define KEL_INDEX_H
 

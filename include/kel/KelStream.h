@@ -1,8 +1,9 @@
 // Compressed data on their way in and out: a stream over three host callbacks, or a block of
 // bytes in the host's memory.
 //
-// Positions and counts are signed 32-bit numbers of bytes. A KelCodeStm belongs to the host,
-// which keeps it and its KelStreamProcs alive until the Die of the image object that uses it.
+// Positions and counts are signed 32-bit numbers of bytes; a KelLargeStream beside the stream
+// object has positions of 64 bits. A KelCodeStm belongs to the host, which keeps it and its
+// KelStreamProcs alive until the Die of the image object that uses it.
 #ifndef KEL_STREAM_H
 #define KEL_STREAM_H
 
@@ -92,6 +93,38 @@ class KEL_API KelCodeStm {
   KelLong wbufCap = 0;              ///< its capacity in bytes
   /// Write index in the buffer; curPos - wbufFill is the position of the buffer's first byte.
   KelLong wbufFill = 0;
+};
+
+/// Positions of 64 bits beside a stream object, for files beyond 2^31 - 1 bytes.
+///
+/// The host sets the callbacks and calls InitStream; the stream object is then used like any other.
+/// What the library does with it at 64-bit positions goes through these callbacks: it reads, moves
+/// and writes beyond 2^31 - 1, where another stream object ends or is refused. Each tile-part stays
+/// below 2^31 bytes. The stream object's own numbers (position, total length) stop at 2^31 - 1.
+/// The record belongs to the host, which keeps it at its place as long as the stream object is
+/// used.
+class KEL_API KelLargeStream {
+ public:
+  KelLargeStream() {}
+  KelLargeStream(const KelLargeStream&) = delete;
+  KelLargeStream& operator=(const KelLargeStream&) = delete;
+
+  /// Initialises a stream object that leads here: InitKelCodeStm with callbacks of the library's.
+  /// The host's stream stands at position 0.
+  void InitStream(KelCodeStm* stream, std::int64_t totalLengthBytes, bool isLengthUnknown,
+                  bool isSeekable, bool isReadOnly, bool isWriteOnly);
+
+  // The host's callbacks. Read and Write are those of KelStreamProcs.
+  void* clientData = nullptr;  ///< first argument of every callback; never read by the library
+  KelLong (*Read)(void* clientData, void* destination, KelLong count) = nullptr;
+  KelLong (*Write)(void* clientData, const void* source, KelLong count) = nullptr;
+  /// Moves to a position counted from the start of the data; returns it, negative on failure.
+  std::int64_t (*Seek)(void* clientData, std::int64_t position) = nullptr;
+
+  std::int64_t totalLength = 0;  ///< as InitStream was told
+  /// Where the host's next byte is read or written; what a write buffer holds lies behind.
+  std::int64_t position = 0;
+  KelStreamProcs procs;  ///< the stream object's, which lead here
 };
 
 #if UINTPTR_MAX == 0xFFFFFFFFu

@@ -1,5 +1,7 @@
 // One frame of decoding: opens the data, visits the tiles, and leaves the source ready for the
 // next frame.
+#include <algorithm>
+
 #include "KelHostPlacement.h"
 #include "KelTileOutput.h"
 #include "base/KelRaise.h"
@@ -7,6 +9,7 @@
 #include "decode/KelImageQuery.h"
 #include "decode/KelImageRegion.h"
 #include "decode/KelImageTiles.h"
+#include "format/KelStreamPosition.h"
 
 namespace kel {
 namespace {
@@ -25,7 +28,7 @@ FrameSource OpenFrame(ImageState& state, const KelCompressedData* block) {
       data.ExpectMore();
       return FrameSource::kReady;
     }
-    if (!d.streamIsSeekable || state.codeStm->seek(1, SaturateToInt32(data.PositionB())) < 0) {
+    if (!d.streamIsSeekable || MoveStream(*state.codeStm, data.PositionB()) < 0) {
       return FrameSource::kNothing;
     }
     if (!data.InitFromStream(kFirstLoadBytes, kWindowBytes, state.codeStm, d.flavour)) {
@@ -161,8 +164,10 @@ KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConver
   ScopeGuard close([&] { CloseFrame(state, fromStream); });
 
   if (OpenFrame(state, data) == FrameSource::kReady) {
-    ScopeGuard notePosition(
-        [&] { d.bytesLastFrame = static_cast<KelULong>(reader.GetPosition()); });
+    ScopeGuard notePosition([&] {
+      const std::uint64_t most = UINT32_MAX;
+      d.bytesLastFrame = static_cast<KelULong>(std::min(most, AsCount(reader.GetPosition())));
+    });
     reader.RefreshTileParts();
     NoteRequest(state,
                 TakeRequest(frame, state.map.numComps, skipConversion, skipRecast, d.orientation));

@@ -190,6 +190,7 @@ const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want) {
     ScopeGuard release([&] { ReleasePackets(index); });
     index.wanted = want;
     ListPackets(index);
+    RefuseFailedReads(index);
     release.Disarm();
     index.hasPackets = true;
   }

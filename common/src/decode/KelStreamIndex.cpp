@@ -12,6 +12,7 @@
 #include "base/KelRaise.h"
 #include "decode/KelHeadersRead.h"
 #include "decode/KelImageDecode.h"
+#include "format/KelStreamPosition.h"
 
 namespace kel {
 namespace {
@@ -191,14 +192,19 @@ void ListTileParts(IndexState& index) {
   std::iota(byTile.Data(), byTile.Data() + byTile.Size(), KelULong{0});
   std::sort(byTile.Data(), byTile.Data() + byTile.Size(),
             [&](KelULong a, KelULong b) { return PrecedesByTile(parts[a], parts[b]); });
-  index.byTile = byTile.Release();
-  index.parts = parts.Release();
+  KelFree(std::exchange(index.byTile, byTile.Release()));
+  KelFree(std::exchange(index.parts, parts.Release()));
   index.tileParts = {index.parts, found->numEntries, false};
   index.tileParts.areRegular = FormAWhole(index);
+  RefuseFailedReads(index);
   index.hasTileParts = true;
 }
 
 }  // namespace
+
+void RefuseFailedReads(const IndexState& index) {
+  if (Image(index).decoder->dataMgr->TakeReadFailure()) Raise(KelErrNothingRead, kModuleImage);
+}
 
 IndexState* MakeIndex() {
   auto made = OwnedRecord<IndexState>::Make();
@@ -237,7 +243,7 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
   if (data != nullptr) {
     index.dataEnd = data->length;
   } else if (!stream->StmLengthUnknown()) {
-    index.dataEnd = AsCount(stream->GetTotalLength());
+    index.dataEnd = AsCount(TotalLengthOf(*stream));
   }
   const KelLong code = InitDecoder(image, stream, data != nullptr ? &index.block : nullptr,
                                    &index.options, nullptr, nullptr, KelAspectFull);
@@ -246,6 +252,7 @@ KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData
     return code;
   }
   CollectFacts(index);
+  image.decoder->dataMgr->TakeReadFailure();  // of what was not needed
   index.isReady = true;
   return KelOK;
 }
@@ -260,6 +267,7 @@ const KelIndexSegment* SegmentsOf(IndexState& index, KelULong i, KelULong& count
   header.keepsPlaces = true;
   if (!decoder.dataMgr->MoveTo(static_cast<std::int64_t>(part.offset))) return nullptr;
   ReadPartHeader(decoder, part, header);
+  RefuseFailedReads(index);
   if (part.headerBytes == 0) return nullptr;
   KelFree(std::exchange(index.partSegments, nullptr));
   index.partSegments = ListSegments(header);

@@ -59,16 +59,20 @@ void ReleaseIndex(IndexState*& index) noexcept;
 /// Reads boxes and main header. Returns the decoder's code; raises 8.
 KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData* data);
 
-/// The tile-parts, found at the first call. Raises 8, and then finds nothing.
+/// Raises 3 when a read of the stream has failed since this was asked last: what the data seemed to
+/// be then is not to be kept.
+void RefuseFailedReads(const IndexState& index);
+
+/// The tile-parts, found at the first call. Raises 3 and 8, and then finds nothing.
 const KelIndexTileParts* TilePartsOf(IndexState& index);
 
-/// The segments of a tile-part's header. Raises 8.
+/// The segments of a tile-part's header. Raises 3, 8.
 const KelIndexSegment* SegmentsOf(IndexState& index, KelULong i, KelULong& count);
 
 /// The tile-part of that number, of several that claim to be it the first one; null without.
 const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, KelULong part);
 
-// See the operations of these names. Raise 8.
+// See the operations of these names. Raise 3, 8.
 const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want);
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want);
 

@@ -187,7 +187,9 @@ KelLong CompressAndWriteTile(ImageState& state, KelLong t, KelULong* bytes) {
   undo.Disarm();
   StepProgress(state.progress, 1);
   if (isLast) EndProgress(state.progress);
-  if (bytes != nullptr) *bytes = static_cast<KelULong>(written + sizeof kEndMarker);
+  if (bytes != nullptr)
+    *bytes =
+        static_cast<KelULong>(std::min<std::uint64_t>(written + sizeof kEndMarker, UINT32_MAX));
   return KelOK;
 }
 

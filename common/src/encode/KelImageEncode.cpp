@@ -16,6 +16,7 @@
 #include "encode/KelMainStream.h"
 #include "encode/KelTileRows.h"
 #include "format/KelHeaders.h"
+#include "format/KelStreamPosition.h"
 #include "samples/KelImageDataAccess.h"
 #include "transform/KelBandWeights.h"
 
@@ -227,13 +228,13 @@ void ReleaseCoders(const ImageState& state) noexcept {
 KelLong WriteKelHeaders(ImageState& state, KelULong* bytes) {
   if (bytes != nullptr) *bytes = 0;
   KelCodeStm& stream = *state.codeStm;
-  const KelLong position = stream.GetCurPos();
+  const std::int64_t position = PositionOf(stream);
   const KelLong code = WriteHeaders(state, bytes);
   if (code != KelOK) return code;
   // Output behind the headers stays where it is.
-  if (stream.IsSeekable() && position > stream.GetCurPos()) {
+  if (stream.IsSeekable() && position > PositionOf(stream)) {
     FlushOut(stream);
-    stream.seek(1, position);
+    MoveStream(stream, position);
   }
   return KelOK;
 }

@@ -1,5 +1,7 @@
 // The code-stream object: the host's stream callbacks with the library's own position and a
-// write buffer. The two write strategies and the seek rules are stated at their functions.
+// write buffer. The two write strategies and the seek rules are stated at their functions. With a
+// KelLargeStream beside it the true position is that record's, and the object's own stops at
+// 2^31 - 1.
 //
 // Leaves error codes to its callers: what the host's callbacks report is handed back.
 #include <algorithm>
@@ -7,7 +9,7 @@
 #include "base/KelInt.h"
 #include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
-#include "kel/KelStream.h"
+#include "format/KelStreamPosition.h"
 
 namespace {
 
@@ -21,7 +23,94 @@ constexpr KelLong kSeekOutsideBuffer = -4;  // not seekable, and outside what is
 constexpr KelLong kOriginRelative = 0;
 constexpr KelLong kOriginAbsolute = 1;
 
+// What a stream object with 64-bit positions has as callbacks: by the last one it is known.
+
+KelLong ReadLarge(void* self, void* destination, KelLong count) {
+  auto& large = *static_cast<KelLargeStream*>(self);
+  const KelLong result = large.Read(large.clientData, destination, count);
+  if (result > 0) large.position += result;
+  return result;
+}
+
+KelLong WriteLarge(void* self, const void* source, KelLong count) {
+  auto& large = *static_cast<KelLargeStream*>(self);
+  const KelLong result = large.Write(large.clientData, source, count);
+  if (result > 0) large.position += result;
+  return result;
+}
+
+std::int64_t MoveLarge(KelLargeStream& large, std::int64_t position) {
+  const std::int64_t reached = large.Seek(large.clientData, position);
+  if (reached >= 0) large.position = reached;
+  return reached;
+}
+
+KelLong SeekLarge(void* self, KelLong, KelLong offset) {
+  return kel::SaturateToInt32(MoveLarge(*static_cast<KelLargeStream*>(self), offset));
+}
+
+KelLargeStream* LargeStreamOf(const KelCodeStm& stream) {
+  const bool isLarge = stream.procs != nullptr && stream.procs->Seek == SeekLarge;
+  return isLarge ? static_cast<KelLargeStream*>(stream.procs->clientData) : nullptr;
+}
+
 }  // namespace
+
+namespace kel {
+
+std::int64_t PositionOf(const KelCodeStm& stream) {
+  const KelLargeStream* large = LargeStreamOf(stream);
+  return large != nullptr ? large->position + stream.wbufFill : stream.curPos;
+}
+
+std::int64_t TotalLengthOf(const KelCodeStm& stream) {
+  const KelLargeStream* large = LargeStreamOf(stream);
+  return large != nullptr ? large->totalLength : stream.totalLength;
+}
+
+std::int64_t MostPositionOf(const KelCodeStm& stream) {
+  return LargeStreamOf(stream) != nullptr ? INT64_MAX / 2 : INT32_MAX;
+}
+
+// Inside the buffer's capacity a move only moves the write index, on either kind of stream.
+// Outside it, a seekable stream flushes and asks the host; the other refuses.
+std::int64_t MoveStream(KelCodeStm& stream, std::int64_t position) {
+  if (position < 0 || position > MostPositionOf(stream)) return kSeekRefused;
+  if (stream.wbuf != nullptr) {
+    const std::int64_t first = PositionOf(stream) - stream.wbufFill;
+    if (position >= first && position <= first + stream.wbufCap) {
+      stream.wbufFill = static_cast<KelLong>(position - first);
+      stream.curPos = SaturateToInt32(position);
+      return position;
+    }
+    if (!stream.seekable) return kSeekOutsideBuffer;
+    const KelLong held = stream.wbufFill;
+    if (stream.flushWriteBuffer() < held) return kSeekRefused;
+  }
+  KelLargeStream* large = LargeStreamOf(stream);
+  const std::int64_t reached = large != nullptr
+                                   ? MoveLarge(*large, position)
+                                   : stream.procs->Seek(stream.procs->clientData, kOriginAbsolute,
+                                                        static_cast<KelLong>(position));
+  if (reached < 0) return kSeekRefused;
+  stream.curPos = SaturateToInt32(reached);
+  return reached;
+}
+
+}  // namespace kel
+
+void KelLargeStream::InitStream(KelCodeStm* stream, std::int64_t totalLengthBytes,
+                                bool isLengthUnknown, bool isSeekable, bool isReadOnly,
+                                bool isWriteOnly) {
+  totalLength = totalLengthBytes;
+  position = 0;
+  procs.clientData = this;
+  procs.Read = ReadLarge;
+  procs.Write = WriteLarge;
+  procs.Seek = SeekLarge;
+  stream->InitKelCodeStm(kel::SaturateToInt32(totalLengthBytes), isLengthUnknown, isSeekable,
+                         isReadOnly, isWriteOnly, &procs);
+}
 
 KelCodeStm::~KelCodeStm() = default;
 
@@ -76,37 +165,19 @@ KelLong KelCodeStm::write(const std::uint8_t* source, KelLong count) {
     wbuf = static_cast<std::uint8_t*>(larger);
     wbufCap = static_cast<KelLong>(newCapacity);
   }
-  if (std::int64_t{curPos} + count > INT32_MAX) kel::Raise(KelErrNoMemory, kel::kModuleMemFuncDefs);
+  if (kel::PositionOf(*this) + count > kel::MostPositionOf(*this)) {
+    kel::Raise(KelErrNoMemory, kel::kModuleMemFuncDefs);
+  }
   kel::KelMemCopy(wbuf + wbufFill, source, kel::AsCount(count));
   wbufFill += count;
-  curPos += count;
+  curPos = kel::SaturateToInt32(std::int64_t{curPos} + count);
   return count;
 }
 
-// Inside the buffer's capacity a seek only moves the write index, on either kind of stream.
-// Outside it, a seekable stream flushes and asks the host; the other refuses.
 KelLong KelCodeStm::seek(KelLong origin, KelLong offset) {
   if (origin != kOriginRelative && origin != kOriginAbsolute) return kSeekRefused;
-  const std::int64_t target =
-      origin == kOriginAbsolute ? std::int64_t{offset} : std::int64_t{curPos} + offset;
-  if (target < 0 || target > INT32_MAX) return kSeekRefused;
-  const auto position = static_cast<KelLong>(target);
-
-  if (wbuf != nullptr) {
-    const KelLong first = curPos - wbufFill;
-    if (position >= first && target <= std::int64_t{first} + wbufCap) {
-      wbufFill = position - first;
-      curPos = position;
-      return position;
-    }
-    if (!seekable) return kSeekOutsideBuffer;
-    const KelLong held = wbufFill;
-    if (flushWriteBuffer() < held) return kSeekRefused;
-  }
-  const KelLong reached = procs->Seek(procs->clientData, kOriginAbsolute, position);
-  if (reached < 0) return kSeekRefused;
-  curPos = reached;
-  return reached;
+  const std::int64_t from = origin == kOriginAbsolute ? 0 : kel::PositionOf(*this);
+  return kel::SaturateToInt32(kel::MoveStream(*this, from + offset));
 }
 
 KelLong KelCodeStm::flushWriteBuffer() {
