@@ -81,7 +81,7 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
   if (params.reduce > kMostHalvings) {
     throw Error(Failure::kParameter, "at most 31 halvings are possible");
   }
-  if (IsPartial(params)) return DecodePartly(source, params, report);
+  if (IsPartial(params) || IsBeyondBlock(source)) return DecodePartly(source, params, report);
   Bytes storage;
   const ByteView bytes = ReadAll(source, storage);
   Index index(bytes);

@@ -13,14 +13,20 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
                                      const KelImageGeometry* whole, const TileRun* run,
                                      std::vector<Plane>& planes) {
   Decoder decoder(bytes);
+  if (run != nullptr && !IsRunOf(*whole, *run, *decoder.Object().GetGeometryParams())) {
+    return std::nullopt;
+  }
+  return DecodeAllOf(decoder, target, planes);
+}
+
+PartResult DecodeAllOf(Decoder& decoder, const PartTarget& target, std::vector<Plane>& planes) {
   KelImage& object = decoder.Object();
-  if (run != nullptr && !IsRunOf(*whole, *run, *object.GetGeometryParams())) return std::nullopt;
   if (target.box != nullptr) NarrowDecoder(object, target.halvings, *target.box);
   const auto part =
       target.box == nullptr ? ComponentAreas(*object.GetGeometryParams(), 0) : target.areas;
   FrameTarget frame(target.areas, part, target.components, decoder.Found().ComponentTransform);
   decoder.SetExact(target.exact);
-  const KelLong code = decoder.DecodeFrame(bytes, frame.Raw(), frame.Frame(planes));
+  const KelLong code = decoder.DecodeFrame(frame.Raw(), frame.Frame(planes));
   frame.FinishPlanes(object, target.halvings, planes);
 
   PartResult result;

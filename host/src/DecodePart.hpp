@@ -39,6 +39,9 @@ std::optional<PartResult> DecodeInto(const PartTarget& target, ByteView bytes,
                                      const KelImageGeometry* whole, const TileRun* run,
                                      std::vector<Plane>& planes);
 
+/// The same of what a decoder was made with.
+PartResult DecodeAllOf(Decoder& decoder, const PartTarget& target, std::vector<Plane>& planes);
+
 /// Throws Error (kInput) unless Index::HasPackets.
 void RequirePackets(Index& index);
 

@@ -13,9 +13,6 @@
 namespace kel::host {
 namespace {
 
-/// Positions in a file are signed 32-bit numbers.
-constexpr std::uint64_t kMostFileBytes = INT32_MAX;
-
 /// Writes pieces in the order of their numbers, whatever the order in which they come.
 class OrderedWriter {
  public:
@@ -45,9 +42,6 @@ class OrderedWriter {
  private:
   void Write(ByteView piece) {
     bytes_ += piece.size();
-    if (bytes_ > kMostFileBytes) {
-      throw Error(Failure::kOutput, "the file would exceed 2 GiB, the most the format can address");
-    }
     sink_.Write(piece);
   }
 

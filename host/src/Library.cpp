@@ -138,17 +138,26 @@ bool Index::HasPackets() {
 }
 
 Decoder::Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect) {
-  RequireSession();
   if (bytes.empty()) throw Error(Failure::kInput, "there are no data");
-  Raising(Failure::kInput, [&] { options_.InitToDefaults(); });
   block_ = {bytes.data(), static_cast<KelULong>(bytes.size())};
+  Open(nullptr, aspect);
+}
+
+Decoder::Decoder(KelCodeStm& stream) {
+  Open(&stream, KelAspectFull);
+}
+
+void Decoder::Open(KelCodeStm* stream, KelDecodePixelAspectRatio aspect) {
+  RequireSession();
+  Raising(Failure::kInput, [&] { options_.InitToDefaults(); });
   AskForTime(actions_);
   procs_.UserActions = &actions_;
   try {
-    const KelLong code =
-        image_.InitDecoder(nullptr, &block_, &options_, &procs_, &resolutions_, aspect);
+    const KelLong code = image_.InitDecoder(stream, stream != nullptr ? nullptr : &block_,
+                                            &options_, &procs_, &resolutions_, aspect);
     if (code == KelErrUnsupported) {
-      RefuseOrdinary(bytes, image_.GetErrorDetails(), image_.GetErrorPlace());
+      RefuseOrdinary({block_.data, block_.length}, image_.GetErrorDetails(),
+                     image_.GetErrorPlace());
     }
     Check(code, image_, Failure::kInput);
   } catch (...) {
@@ -173,9 +182,14 @@ void Decoder::SetExact(bool exact) {
 
 KelLong Decoder::DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame) {
   block_ = {bytes.data(), static_cast<KelULong>(bytes.size())};
+  return DecodeFrame(raw, frame);
+}
+
+KelLong Decoder::DecodeFrame(bool raw, KelFrameData* frame) {
   KelLong code = KelOK;
   try {
-    code = image_.GetNextFrame(&block_, resolutions_, false, raw, frame);
+    code = image_.GetNextFrame(block_.data != nullptr ? &block_ : nullptr, resolutions_, false, raw,
+                               frame);
   } catch (const std::bad_alloc&) {  // the one operation whose guard lets such failures pass
     code = KelErrNoMemory;
   }

@@ -78,11 +78,13 @@ class Index {
   KelStreamIndex index_;
 };
 
-/// An image object set up to decode bytes in memory, which must outlive it.
+/// An image object set up to decode bytes in memory, which must outlive it, or a stream.
 class Decoder {
  public:
   /// Reads everything before the first tile-part; throws Error (kInput, kMemory).
   explicit Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect = KelAspectFull);
+  /// The same of a stream that can seek, which must outlive it too.
+  explicit Decoder(KelCodeStm& stream);
   ~Decoder();
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
@@ -98,8 +100,11 @@ class Decoder {
   /// Decodes what is new in the bytes, which begin with those given before. Returns the library's
   /// code; throws Error (kMemory, kTime).
   KelLong DecodeFrame(ByteView bytes, bool raw, KelFrameData* frame);
+  /// Decodes what the decoder was made with.
+  KelLong DecodeFrame(bool raw, KelFrameData* frame);
 
  private:
+  void Open(KelCodeStm* stream, KelDecodePixelAspectRatio aspect);
   void Release();
 
   KelUserActions actions_;

@@ -75,21 +75,6 @@ void DescribeTiling(const Decoder& decoder, Info& info) {
   info.tilesDown = positive(geometry.NumYTiles);
 }
 
-/// A source that can be read anywhere, as ranges.
-class SourceRanges final : public RangeSource {
- public:
-  explicit SourceRanges(const Source& source) : source_(source) {}
-  std::uint64_t Size() const override { return *source_.Size(); }
-  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override {
-    if (source_.ReadAt(from, to) != to.size()) {
-      throw Error(Failure::kInput, "the data became shorter while they were read");
-    }
-  }
-
- private:
-  const Source& source_;
-};
-
 template <class AnyIndex>
 Info Describe(Decoder& decoder, AnyIndex& index, std::uint64_t numBytes) {
   const KelIndexFacts& facts = index.Facts();
@@ -134,7 +119,7 @@ Info ProbeRanges(RangeSource& source) {
   RangeIndex index(cache);
   DataFront front;
   front.facts = &index.Facts();
-  front.bytes.resize(static_cast<std::size_t>(front.facts->firstTilePartOffset));
+  front.bytes.resize(LengthInMemory(front.facts->firstTilePartOffset));
   cache.Fetch(0, front.bytes);
   const Bytes data = BuildDescription(front, cache);
   Decoder decoder(data);
@@ -145,8 +130,9 @@ Info ProbeRanges(RangeSource& source) {
 
 Info Probe(Source& source) {
   Bytes storage;
-  const std::optional<ByteView> view = source.View();
-  if (!view && source.Size()) {
+  const bool isLarge = IsBeyondBlock(source);
+  const std::optional<ByteView> view = isLarge ? std::nullopt : source.View();
+  if (isLarge || (!view && source.Size())) {
     SourceRanges ranges(source);
     return ProbeRanges(ranges);
   }

@@ -192,7 +192,7 @@ ProgressiveDecoder::~ProgressiveDecoder() = default;
 Update ProgressiveDecoder::Feed(ByteView more) {
   State& state = *state_;
   if (more.size() > INT32_MAX - state.bytes.size()) {
-    throw Error(Failure::kInput, "is larger than 2 GiB, the most that the format can address");
+    throw Error(Failure::kInput, "is larger than 2 GiB, the most that is decoded while it arrives");
   }
   state.bytes.insert(state.bytes.end(), more.begin(), more.end());
   if (more.empty() || state.IsWorthALook()) state.Decode();

@@ -28,20 +28,16 @@ void CopyBytes(RangeSource& source, ByteRange range, Sink& sink) {
 }
 
 RangeStream::RangeStream(RangeSource& source) : source_(source) {
-  procs_.clientData = this;
-  procs_.Read = [](void* self, void* to, KelLong count) {
+  large_.clientData = this;
+  large_.Read = [](void* self, void* to, KelLong count) {
     return static_cast<RangeStream*>(self)->Read(static_cast<std::uint8_t*>(to), count);
   };
-  procs_.Write = [](void*, const void*, KelLong) { return KelLong{-1}; };
-  procs_.Seek = [](void* self, KelLong, KelLong offset) {
-    static_cast<RangeStream*>(self)->position_ = static_cast<std::uint64_t>(offset);
-    return offset;
+  large_.Write = [](void*, const void*, KelLong) { return KelLong{-1}; };
+  large_.Seek = [](void* self, std::int64_t position) {
+    static_cast<RangeStream*>(self)->position_ = static_cast<std::uint64_t>(position);
+    return position;
   };
-  stream_.InitKelCodeStm(static_cast<KelLong>(End()), false, true, true, false, &procs_);
-}
-
-std::uint64_t RangeStream::End() const {
-  return std::min<std::uint64_t>(source_.Size(), INT32_MAX);
+  large_.InitStream(&stream_, static_cast<std::int64_t>(source_.Size()), false, true, true, false);
 }
 
 void RangeStream::Rethrow() {
@@ -49,7 +45,7 @@ void RangeStream::Rethrow() {
 }
 
 KelLong RangeStream::Read(std::uint8_t* to, KelLong count) {
-  const std::uint64_t left = End() - std::min(End(), position_);
+  const std::uint64_t left = source_.Size() - std::min(source_.Size(), position_);
   const auto taken =
       static_cast<std::size_t>(std::min<std::uint64_t>(left, static_cast<std::uint64_t>(count)));
   if (taken == 0) return 0;
@@ -62,6 +58,13 @@ KelLong RangeStream::Read(std::uint8_t* to, KelLong count) {
   }
   position_ += taken;
   return static_cast<KelLong>(taken);
+}
+
+std::size_t LengthInMemory(std::uint64_t length) {
+  if (length > Bytes().max_size()) {
+    throw Error(Failure::kMemory, "a header of the data is larger than memory can be");
+  }
+  return static_cast<std::size_t>(length);
 }
 
 RangeIndex::RangeIndex(RangeSource& source) : stream_(source) {

@@ -15,7 +15,7 @@ Bytes FetchBytes(RangeSource& source, std::uint64_t from, std::uint64_t to);
 /// Writes a range of a source, piece by piece.
 void CopyBytes(RangeSource& source, ByteRange range, Sink& sink);
 
-/// The library's stream object over a source of ranges. Positions of streams are 31-bit numbers.
+/// The library's stream object over a source of ranges.
 class RangeStream {
  public:
   explicit RangeStream(RangeSource& source);
@@ -27,15 +27,39 @@ class RangeStream {
   void Rethrow();
 
  private:
-  std::uint64_t End() const;
   KelLong Read(std::uint8_t* to, KelLong count);
 
   RangeSource& source_;
   std::uint64_t position_ = 0;
   std::exception_ptr failure_;
-  KelStreamProcs procs_;
+  KelLargeStream large_;
   KelCodeStm stream_;
 };
+
+/// A source that can be read anywhere, as ranges.
+class SourceRanges final : public RangeSource {
+ public:
+  explicit SourceRanges(const Source& source) : source_(source), size_(source.Size().value()) {}
+  std::uint64_t Size() const override { return size_; }
+  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override {
+    if (source_.ReadAt(from, to) != to.size()) {
+      throw Error(Failure::kInput, "the data became shorter while they were read");
+    }
+  }
+
+ private:
+  const Source& source_;
+  std::uint64_t size_;
+};
+
+/// Whether a source is longer than the blocks that the library takes, and so read by ranges only.
+inline bool IsBeyondBlock(const Source& source) {
+  return source.Size().value_or(0) > INT32_MAX;
+}
+
+/// A length of the data as one in memory; throws Error (kMemory) where the machine has none so
+/// large.
+std::size_t LengthInMemory(std::uint64_t length);
 
 /// One thread at a time. All operations throw Error (kInput, kMemory).
 class RangeIndex {

@@ -31,8 +31,8 @@ FileRanges::FileRanges(const std::string& path)
     : file_(std::fopen(path.c_str(), "rb"), std::fclose), name_(path) {
   // What is asked for is read, and no more.
   if (file_ != nullptr) std::setvbuf(file_.get(), nullptr, _IONBF, 0);
-  const bool opened = file_ != nullptr && std::fseek(file_.get(), 0, SEEK_END) == 0;
-  const long size = opened ? std::ftell(file_.get()) : -1;
+  const bool opened = file_ != nullptr && fseeko(file_.get(), 0, SEEK_END) == 0;
+  const off_t size = opened ? ftello(file_.get()) : -1;
   if (size < 0)
     throw Error(Failure::kInput, path, "cannot be opened: " + std::string(std::strerror(errno)));
   size_ = static_cast<std::uint64_t>(size);
@@ -41,7 +41,7 @@ FileRanges::FileRanges(const std::string& path)
 void FileRanges::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
   RequireInside(from, to.size(), size_);
   const std::lock_guard lock(mutex_);
-  const bool moved = std::fseek(file_.get(), static_cast<long>(from), SEEK_SET) == 0;
+  const bool moved = fseeko(file_.get(), static_cast<off_t>(from), SEEK_SET) == 0;
   if (!moved || std::fread(to.data(), 1, to.size(), file_.get()) != to.size()) {
     throw Error(Failure::kInput, name_, "cannot be read: " + std::string(std::strerror(errno)));
   }

@@ -10,25 +10,11 @@
 namespace kel::host {
 namespace {
 
-/// A source that can be read anywhere, as ranges.
-class SourceRanges final : public RangeSource {
- public:
-  SourceRanges(const Source& source, std::uint64_t size) : source_(source), size_(size) {}
-  std::uint64_t Size() const override { return size_; }
-  void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override {
-    if (source_.ReadAt(from, to) != to.size()) {
-      throw Error(Failure::kInput, "the data end while they are read");
-    }
-  }
-
- private:
-  const Source& source_;
-  std::uint64_t size_;
-};
-
 std::unique_ptr<RangeSource> RangesOf(Source& source, Bytes& storage) {
-  if (const auto view = source.View()) return std::make_unique<MemoryRanges>(*view);
-  if (const auto size = source.Size()) return std::make_unique<SourceRanges>(source, *size);
+  if (!IsBeyondBlock(source)) {
+    if (const auto view = source.View()) return std::make_unique<MemoryRanges>(*view);
+  }
+  if (source.Size()) return std::make_unique<SourceRanges>(source);
   return std::make_unique<MemoryRanges>(ReadAll(source, storage));
 }
 
@@ -59,18 +45,19 @@ Plane Averaged(const Plane& plane, ComponentArea& area) {
 /// What the library's own decoder makes of data whose tile-parts it has to look for.
 Image DecodeIrregular(TileReader& reader, RangeSource& source, const Region& region,
                       const DecodeParams& params, DecodeTally& tally) {
-  Bytes bytes(static_cast<std::size_t>(source.Size()));
-  source.Fetch(0, bytes);
   const CanvasBox box = BoxOf(reader.Grid(), region);
   tally.StartAnew(TilesTouching(reader.Grid(), box).size());
   const auto areas = AreasWithin(reader.Grid(), box, params.reduce);
   const MemoryReservation room(PlaneBytes(areas), "the decoded region");
   Image image = reader.EmptyImage(areas, box, params.reduce);
-  const auto result = reader.WithIndex([&](const RangeIndex& index) {
-    return DecodeInto({areas, index.Components(), params.exact, &box, params.reduce}, bytes,
-                      nullptr, nullptr, image.planes);
+  RangeStream stream(source);
+  Decoder decoder(*stream.Stream());
+  const PartResult result = reader.WithIndex([&](const RangeIndex& index) {
+    return DecodeAllOf(decoder, {areas, index.Components(), params.exact, &box, params.reduce},
+                       image.planes);
   });
-  tally.Add(*result);
+  stream.Rethrow();
+  tally.Add(result);
   return image;
 }
 

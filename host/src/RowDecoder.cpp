@@ -56,10 +56,12 @@ struct RowDecoder::State {
 };
 
 void RowDecoder::State::ReadFirst() {
-  if (const auto view = source.View()) {
-    seen = *view;
-    isAll = true;
-    return;
+  if (!IsBeyondBlock(source)) {
+    if (const auto view = source.View()) {
+      seen = *view;
+      isAll = true;
+      return;
+    }
   }
   const auto size = source.Size();
   first = SampleBuffer(!size                  ? kReadAtOnce

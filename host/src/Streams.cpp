@@ -14,7 +14,7 @@
 namespace kel::host {
 namespace {
 
-/// Positions of the format are signed 32-bit numbers.
+/// What the library takes as one block.
 constexpr std::size_t kMostBytes = INT32_MAX;
 constexpr std::size_t kFirstRead = 65536;
 
@@ -163,7 +163,8 @@ void MemorySink::Write(ByteView more) {
 ByteView ReadAll(Source& source, Bytes& storage) {
   const auto checked = [](ByteView all) {
     if (all.size() > kMostBytes) {
-      throw Error(Failure::kInput, "is larger than 2 GiB, the most that the format can address");
+      throw Error(Failure::kInput,
+                  "is larger than 2 GiB, the most that can be read at once; a file can be larger");
     }
     return all;
   };

@@ -175,11 +175,11 @@ struct TileEncoder::State {
         samples(itsSamples),
         mask(params.regionMask),
         options(source, params, quality) {
-    streamProcs.clientData = this;
-    streamProcs.Read = [](void*, void*, KelLong) -> KelLong { return 0; };
-    streamProcs.Write = Write;
-    streamProcs.Seek = StayAtEnd;
-    stream.InitKelCodeStm(0, true, true, false, true, &streamProcs);
+    large.clientData = this;
+    large.Read = [](void*, void*, KelLong) -> KelLong { return 0; };
+    large.Write = Write;
+    large.Seek = StayAtEnd;
+    large.InitStream(&stream, 0, true, true, false, true);
     dataProcs.clientData = this;
     const bool together = samples.Interleaved();
     dataProcs.GetTileInterleaved = together ? FetchTile : nullptr;
@@ -193,7 +193,7 @@ struct TileEncoder::State {
   ~State() { object.Die(); }
 
   static KelLong Write(void* client, const void* source, KelLong count);
-  static KelLong StayAtEnd(void* client, KelLong origin, KelLong offset);
+  static std::int64_t StayAtEnd(void* client, std::int64_t position);
   static KelLong CountInterleaved(void* client);
   static KelBufID_I* FetchTile(void* client, KelLong tile, KelLong* error);
   static KelBufID_I* FetchTileComponent(void* client, KelLong component, KelLong tile,
@@ -208,14 +208,14 @@ struct TileEncoder::State {
   TileSamples& samples;
   const Plane* mask;
   EncoderOptions options;
-  KelStreamProcs streamProcs;
+  KelLargeStream large;
   KelImageDataProcs dataProcs;
   KelUserActions actions;
   KelClientProcs clientProcs;
   KelCodeStm stream;
   KelImage object;
-  Bytes written;         ///< of the tile at work
-  KelLong position = 0;  ///< bytes written altogether
+  Bytes written;              ///< of the tile at work
+  std::int64_t position = 0;  ///< bytes written altogether
   /// What was thrown in a callback, through which no exception may pass.
   std::exception_ptr failure;
   Bytes headers;
@@ -235,8 +235,8 @@ KelLong TileEncoder::State::Write(void* client, const void* source, KelLong coun
 }
 
 /// The encoder writes from front to back; bytes that were taken are out of reach.
-KelLong TileEncoder::State::StayAtEnd(void* client, KelLong, KelLong offset) {
-  return offset == static_cast<State*>(client)->position ? offset : -1;
+std::int64_t TileEncoder::State::StayAtEnd(void* client, std::int64_t position) {
+  return position == static_cast<State*>(client)->position ? position : -1;
 }
 
 template <class Fill>

@@ -7,7 +7,7 @@
 namespace kel::host {
 namespace {
 
-/// Positions of the format are signed 32-bit numbers, within the window too.
+/// What the library takes as one block.
 constexpr std::size_t kMostWindow = INT32_MAX;
 /// So much behind the main header lets a reader see that a tile-part begins.
 constexpr std::size_t kBehindHeader = 64;

@@ -74,7 +74,7 @@ std::vector<std::uint32_t> TilesTouching(const KelImageGeometry& grid, const Can
 TileReader::TileReader(RangeSource& source, std::uint64_t cacheBytes, bool exact)
     : exact_(exact), bytes_(source), index_(bytes_), tiles_(cacheBytes) {
   front_.facts = &index_.Facts();
-  front_.bytes.resize(static_cast<std::size_t>(front_.facts->firstTilePartOffset));
+  front_.bytes.resize(LengthInMemory(front_.facts->firstTilePartOffset));
   bytes_.Fetch(0, front_.bytes);
   components_.assign(index_.Components().begin(), index_.Components().end());
   const Bytes data = BuildDescription(front_, bytes_);

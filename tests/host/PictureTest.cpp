@@ -157,6 +157,87 @@ TEST(Picture, ManyThreadsAskAtOnce) {
   });
 }
 
+/// A file of the image beyond 6 GiB, with holes: between the tiles stand tile-parts that no tile
+/// needs.
+void WriteFarApart(const Image& image, const std::string& path) {
+  MemorySink sink;
+  EncodeParams params;
+  params.lossless = true;
+  params.tileWidth = params.tileHeight = 32;
+  Encode(image, params, sink);
+  MemorySource forProbe(sink.bytes);
+  const Info info = Probe(forProbe);
+  std::ofstream file(path, std::ios::binary);
+  const auto piece = [&](std::uint64_t from, std::uint64_t length) {
+    file.write(reinterpret_cast<const char*>(&sink.bytes[static_cast<std::size_t>(from)]),
+               static_cast<std::streamsize>(length));
+  };
+  piece(0, info.codeStreamOffset + info.tileParts[0].offset);
+  for (std::size_t i = 0; i < info.tileParts.size(); ++i) {
+    piece(info.codeStreamOffset + info.tileParts[i].offset, info.tileParts[i].bytes);
+    if (i + 1 == info.tileParts.size() || info.tileParts[i + 1].tile == info.tileParts[i].tile) {
+      continue;
+    }
+    const std::streamoff start = file.tellp();
+    file.write("\xAB\x90\0\x0A\0\0\x7F\xFF\xFF\xFF\xC8\0\xAB\x93", 14);
+    file.seekp(start + INT32_MAX);
+  }
+  piece(sink.bytes.size() - 2, 2);
+}
+
+TEST(LargeFiles, AreReadAndCutBeyondFourGibibytes) {
+  const Session session;
+  const Image image = test::NoiseImage(64, 64, 1, 8);
+  const test::TempDir dir;
+  const std::string path = dir.Path("large.kel");
+  WriteFarApart(image, path);
+  FileSource forProbe(path), forAll(path);
+  const Info info = Probe(forProbe);
+  EXPECT_GT(info.tileParts.back().offset, std::uint64_t{6} << 30);
+  EXPECT_TRUE(info.tilePartsRegular);
+  test::ExpectSamePlanes(Decode(forAll), image);
+  FileRanges ranges(path);
+  const Region part{40, 10, 20, 50};
+  ExpectCropOf(image, Picture(ranges).Decode(part), part, info, 0);
+  MemorySink cut;
+  Trim(ranges, {.region = Region{32, 32, 1, 1}}, cut);
+  MemorySource trimmed(cut.bytes);
+  ExpectCropOf(image, Decode(trimmed), {32, 32, 32, 32}, info, 0);
+}
+
+// What the data seemed to be when a fetch failed must not be kept.
+TEST(Picture, AFailedFetchIsForgotten) {
+  const Session session;
+  const Image image = test::NoiseImage(200, 150, 1, 8);
+  MemorySink sink;
+  EncodeParams params;
+  params.lossless = true;
+  params.tileWidth = params.tileHeight = 64;
+  Encode(image, params, sink);
+  int left = 0;
+  CallbackRanges source(sink.bytes.size(), [&](std::uint64_t from, std::span<std::uint8_t> to) {
+    if (left-- == 0) throw Error(Failure::kInput, "the line is down");
+    std::copy_n(sink.bytes.begin() + static_cast<std::ptrdiff_t>(from), to.size(), to.begin());
+  });
+  int numFailed = 0;
+  for (bool hasFailed = true; hasFailed; ++numFailed) {
+    left = -1;
+    Picture picture(source);
+    left = numFailed;
+    hasFailed = false;
+    try {
+      picture.Decode({0, 0, 200, 150}, 0, 1);
+    } catch (const Error& error) {
+      EXPECT_STREQ(error.what(), "the line is down");
+      hasFailed = true;
+    }
+    DecodeReport report;
+    test::ExpectSamePlanes(picture.Decode({0, 0, 200, 150}, 0, 1, &report), image);
+    EXPECT_TRUE(report.complete);
+  }
+  EXPECT_GT(numFailed, 5);
+}
+
 TEST(RangeCache, JoinsNeighboursAndForgetsTheOldest) {
   Bytes content(100000);
   for (std::size_t i = 0; i < content.size(); ++i)

@@ -161,7 +161,8 @@ class CallbackSink : public Sink {
 };
 
 /// The whole of a source: a view of it where it stands in memory, else a copy, which `storage`
-/// then holds. Throws Error (kInput) beyond 2^31 - 1 bytes, the most that the format can address.
+/// then holds. Throws Error (kInput) beyond 2^31 - 1 bytes, the most that the library takes as one
+/// block.
 ByteView ReadAll(Source& source, Bytes& storage);
 
 }  // namespace kel::host
