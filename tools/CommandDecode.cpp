@@ -91,15 +91,11 @@ void SetFit(const DecodeOptions& options, host::DecodeParams& params) {
   if (options.rotate % 180 != 0) std::swap(params.fitWidth, params.fitHeight);
 }
 
-/// A part of the picture or of its resolutions: of a file only the bytes that it needs are read.
-host::Image DecodePart(const DecodeOptions& options, const Task& task, host::DecodeParams& params,
-                       host::DecodeReport& report) {
+/// Which part of the picture is asked for, and of its resolutions.
+void SetPart(const DecodeOptions& options, host::RangeSource& file, host::DecodeParams& params) {
   if (!options.fit.empty()) SetFit(options, params);
   if (!options.region.empty()) params.region = ParseRegion(options.region);
-  const InputRanges ranges(task.input);
-  if (options.tile) params.region = host::Picture(ranges.Get()).TileRegion(*options.tile);
-  const auto input = ranges.MakeSource();
-  return host::Decode(*input, params, &report);
+  if (options.tile) params.region = host::Picture(file).TileRegion(*options.tile);
 }
 
 void WriteWhole(const DecodeOptions& options, const Task& task, const std::string& format,
@@ -150,13 +146,9 @@ int DecodeTask(const DecodeOptions& options, const Task& task) {
     PrintMessage(NameOf(task.input) + ": " + std::to_string(image.width) + " x " +
                  std::to_string(image.height) + ", " + Speed(image, start));
   };
-  if (IsPartial(options)) {
-    host::Image image = DecodePart(options, task, params, report);
-    tell(image);
-    WriteWhole(options, task, format, std::move(image));
-    return WarnOfMissing(task.input, report);
-  }
-  const auto input = OpenInput(task.input);
+  std::optional<InputRanges> ranges;
+  if (IsPartial(options)) SetPart(options, ranges.emplace(task.input).Get(), params);
+  const auto input = ranges ? ranges->MakeSource() : OpenInput(task.input);
   host::RowDecoder decoder(*input, params);
   const host::Image description = decoder.Description();
   if (GoesByRows(options, format, description)) {
@@ -253,10 +245,10 @@ void AddDecodeCommand(CLI::App& app, Run& run) {
       "  kel decode --output-dir out --format tif *.kel  many files side by side\n"
       "A dash stands for standard input and output. A picture of several tiles is written as it "
       "is\n"
-      "decoded, also with --bits and --raw-planes; held whole are pictures with --reduce,\n"
-      "--fit or --rotate, with a palette to be looked up or channels of different sizes, and TIFF "
-      "written\n"
-      "to a pipe.\n"
+      "decoded, also with --bits and --raw-planes; held whole are pictures with --rotate, halved\n"
+      "further than they are coded, with a palette to be looked up or channels of different "
+      "sizes,\n"
+      "and TIFF written to a pipe.\n"
       "Exit codes: 0 done, 1 usage, 2 unreadable input, 3 incomplete input (without --strict what\n"
       "is there has been written), 4 output not written, 5 memory or pixel limit,\n"
       "6 time limit\n");

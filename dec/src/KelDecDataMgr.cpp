@@ -60,6 +60,7 @@ bool KelDecDataMgr::InitFromStream(std::uint32_t firstLoad, std::uint32_t capaci
   isSeekable_ = stream != nullptr && stream->IsSeekable();
   capacity_ = capacity;
   loadAfterMove_ = kLoadAfterMove;
+  mostLoad_ = capacity;
   firstLoad_ = nextLoad_ = std::min(firstLoad, capacity);
   streamPosition_ = stream != nullptr ? PositionOf(*stream) : 0;
   knownEnd_ = kUnknown;
@@ -180,7 +181,7 @@ int KelDecDataMgr::Load(std::uint64_t n) {
   while (Available() < n) {
     if (!ReadIntoWindow()) return kDataEnded;
   }
-  nextLoad_ = std::min(SaturatingMul(nextLoad_, 2), capacity_);
+  nextLoad_ = std::min(SaturatingMul(nextLoad_, 2), mostLoad_);
   return kBufferedOk;
 }
 
@@ -315,7 +316,9 @@ std::uint64_t KelDecDataMgr::SkipForward(std::uint64_t n) {
   readPosition_ += inside;
   if (inside == n || memoryMode_ || endOfData_ || stream_ == nullptr) return inside;
   std::uint64_t passed = inside;
-  if (n - passed > (passesOver_ ? kLoadAfterMove : windowBytes_)) passed += SkipBySeek(n - passed);
+  const std::uint64_t readThrough =
+      std::min(passesOver_ ? kLoadAfterMove : windowBytes_, mostLoad_);
+  if (n - passed > readThrough) passed += SkipBySeek(n - passed);
   return passed + Drop(n - passed);
 }
 

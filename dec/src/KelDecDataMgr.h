@@ -72,8 +72,12 @@ class KelDecDataMgr {
   /// Releases everything, half-built managers included; may run twice.
   void Release() noexcept;
 
-  /// How many bytes the first load after a move asks of the stream; further loads double it.
-  void SetLoadAfterMove(std::uint32_t bytes) { loadAfterMove_ = bytes; }
+  /// How many bytes the first load after a move asks of the stream; further loads double it, up to
+  /// a most. No more than that is read through to pass over it.
+  void SetLoads(std::uint32_t afterMove, std::uint32_t most) {
+    loadAfterMove_ = afterMove;
+    mostLoad_ = most;
+  }
   void SetTileGrid(std::int32_t across, std::int32_t down);
   /// Forgets the tile-part index.
   void FreeTilePartIndex() noexcept;
@@ -158,8 +162,8 @@ class KelDecDataMgr {
   /// MoveTo, where the next bytes may be all that is read.
   bool MoveToPeek(std::int64_t position);
   /// What stands at a position where a tile-part may end, not before the read position, which comes
-  /// back. A marker counts although one of its fields is damaged. With willBeRead the bytes on the
-  /// way are loaded.
+  /// back; only without willBeRead it may stay with a marker that stands there. A marker counts
+  /// although one of its fields is damaged. With willBeRead the bytes on the way are loaded.
   Boundary LookForBoundary(std::int64_t position, bool willBeRead);
   /// Looks for an SOT segment from a position on, not before the read position, which comes back:
   /// one that is followed by another marker of its header, with a tile of the grid and possible
@@ -226,7 +230,7 @@ class KelDecDataMgr {
   std::uint8_t* window_;
   std::uint64_t capacity_, firstLoad_;
   std::uint64_t windowBytes_;  ///< obtained for the window
-  std::uint64_t loadAfterMove_;
+  std::uint64_t loadAfterMove_, mostLoad_;
   std::uint64_t nextLoad_;  ///< bytes asked of the stream at the next load
   KelCodeStm* stream_;
   std::int64_t streamPosition_;  ///< of the window's end

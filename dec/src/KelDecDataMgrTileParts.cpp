@@ -109,7 +109,7 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
   EnsureBuffered(1 + format::kLeastTilePartBytes);
   const Boundary found = BoundaryAt(1);
   if (Available() == 0) endsBefore_ = position - 1;
-  MoveTo(here);
+  if (found != Boundary::kMarker || willBeRead) MoveTo(here);
   return found;
 }
 

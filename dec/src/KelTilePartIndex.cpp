@@ -35,17 +35,18 @@ void Measure(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry& ent
   if (extent.isRepaired && entry.announced != 0) Note(index, LengthDamage(entry));
 }
 
-void Record(KelTilePartIndex& index, KelTilePartEntry entry) {
+bool Record(KelTilePartIndex& index, KelTilePartEntry entry) {
   KelTilePartChain& chain = index.tiles[entry.tile];
   if (chain.last != 0) {
     entry.ordinal = static_cast<std::uint16_t>(index.entries[chain.last - 1].ordinal + 1);
   }
-  if (entry.ordinal == format::kMostTileParts) return;
+  if (entry.ordinal == format::kMostTileParts) return false;
   GrowByOne(index.entries, index.numEntries, index.obtainedEntries);
   index.entries[index.numEntries++] = entry;
   (chain.last != 0 ? index.entries[chain.last - 1].next : chain.first) = index.numEntries;
   chain.last = index.numEntries;
   index.lastTile = std::max<std::int32_t>(index.lastTile, entry.tile);
+  return true;
 }
 
 /// Passes over what is no tile-part, up to the next one. False when none has arrived.
@@ -98,7 +99,7 @@ KelTilePartIndex* MakeTilePartIndex(std::uint32_t numTiles, std::int64_t start, 
   });
 }
 
-bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
+bool MoveToNextTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry& entry) {
   const bool lastIsOpen =
       index.numEntries != 0 && index.entries[index.numEntries - 1].ending == PartEnding::kOpen;
   if (index.isEnded || lastIsOpen || !data.MoveToPeek(index.next)) return false;
@@ -106,15 +107,27 @@ bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
     index.isEnded = data.IsEOC();
     if (index.isEnded || !FindWay(index, data)) return false;
   }
-  KelTilePartEntry entry{};
+  entry = {};
   entry.position = data.GetPosition();
   if (entry.position < index.next) return false;  // a stream that does not move where it says
   entry.tile = static_cast<std::uint16_t>(data.PeekSotIsot());
   entry.part = static_cast<std::uint8_t>(data.PeekSotTPsot());
   entry.announced = data.PeekSotPsot();
   index.searchedTo = entry.position + format::kSotBytes;
+  return true;
+}
+
+bool AddTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry entry) {
+  index.isEnded = !data.MoveTo(entry.position);  // a stream that does not go back
+  if (index.isEnded) return false;
   Measure(index, data, entry);
-  Record(index, entry);
+  return Record(index, entry);
+}
+
+bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
+  KelTilePartEntry entry{};
+  if (!MoveToNextTilePart(index, data, entry)) return false;
+  AddTilePart(index, data, entry);
   return true;
 }
 
@@ -126,19 +139,6 @@ void RefreshTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data) {
   if (last.ending == PartEnding::kKnown || !data.MoveTo(last.position)) return;
   index.searchedTo = std::max(index.searchedTo, last.position + format::kSotBytes);
   Measure(index, data, last);
-}
-
-KelTilePartIndex* BuildTilePartIndex(KelDecDataMgr& data, std::uint32_t numTiles) {
-  return NamingModule(kModuleDecDataMgr, [&] {
-    KelTilePartIndex* index = MakeTilePartIndex(numTiles, data.PositionB(), nullptr);
-    index->wantedTile = -1;  // nothing is read of what stands between
-    ScopeGuard release([&] { ReleaseTilePartIndex(index); });
-    ScopeGuard returning([&] { data.ReturnToPositionB(); });
-    while (ExtendTilePartIndex(*index, data)) {
-    }
-    release.Disarm();
-    return index;
-  });
 }
 
 const KelTilePartEntry* FindTilePart(const KelTilePartIndex& index, std::int32_t tile,

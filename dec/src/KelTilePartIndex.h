@@ -76,12 +76,17 @@ KelTilePartIndex* MakeTilePartIndex(std::uint32_t numTiles, std::int64_t start, 
 /// Finds one more tile-part. False when there is none, or none yet. Moves the reader. Raises 8.
 bool ExtendTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data);
 
+// Its two halves, for whoever reads the header between them: so a stream that is far away is looked
+// at once for each tile-part.
+
+/// Moves the reader to the SOT of the next tile-part, and stores what it says.
+bool MoveToNextTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry& entry);
+/// Measures that tile-part, from whose SOT or header the reader comes, and adds it. False when it
+/// is not kept, as one too many of its tile. Raises 8.
+bool AddTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry entry);
+
 /// Measures the last tile-part again if its end was not known: more data may have arrived.
 void RefreshTilePartIndex(KelTilePartIndex& index, KelDecDataMgr& data);
-
-/// An index of all tile-parts from saved position B on, where the read position returns
-/// afterwards. It belongs to the caller. Raises 8.
-KelTilePartIndex* BuildTilePartIndex(KelDecDataMgr& data, std::uint32_t numTiles);
 
 /// The entry of a tile-part, of several that claim to be it the first one; null when there is none.
 const KelTilePartEntry* FindTilePart(const KelTilePartIndex& index, std::int32_t tile,

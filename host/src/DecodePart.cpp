@@ -67,6 +67,17 @@ void DecodeTally::Add(const PartResult& part) {
   }
 }
 
+void DecodeTally::Add(const DecodeTally& others) {
+  report.numTiles += others.report.numTiles;
+  report.numCompleteTiles += others.report.numCompleteTiles;
+  numTilesWithSamples += others.numTilesWithSamples;
+  if (failure.errCode == KelOK) {
+    failure = others.failure;
+    place = others.place;
+    report.problem = others.report.problem;
+  }
+}
+
 void DecodeTally::Settle(const DecodeParams& params) {
   if (numTilesWithSamples == 0) {
     if (failure.errCode != KelOK) ThrowFailure(failure, Failure::kInput, place);

@@ -55,6 +55,7 @@ struct DecodeTally {
   explicit DecodeTally(std::size_t numTiles = 0) { StartAnew(numTiles); }
   void StartAnew(std::size_t numTiles);
   void Add(const PartResult& part);
+  void Add(const DecodeTally& others);  ///< of other tiles
   /// Completes the report. Throws Error (kInput, kIncomplete) when nothing came, or less than was
   /// asked for.
   void Settle(const DecodeParams& params);

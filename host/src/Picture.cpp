@@ -12,7 +12,7 @@ struct Picture::State : TileReader {
 };
 
 Picture::Picture(RangeSource& source, const PictureParams& params)
-    : state_(std::make_unique<State>(source, params.cacheBytes, params.exact)) {}
+    : state_(std::make_unique<State>(source, params)) {}
 
 Picture::~Picture() = default;
 

@@ -10,7 +10,7 @@
 namespace kel::host {
 
 Bytes FetchBytes(RangeSource& source, std::uint64_t from, std::uint64_t to) {
-  Bytes bytes(static_cast<std::size_t>(to - from));
+  Bytes bytes(LengthInMemory(to - from));
   if (!bytes.empty()) source.Fetch(from, bytes);
   return bytes;
 }
@@ -62,7 +62,7 @@ KelLong RangeStream::Read(std::uint8_t* to, KelLong count) {
 
 std::size_t LengthInMemory(std::uint64_t length) {
   if (length > Bytes().max_size()) {
-    throw Error(Failure::kMemory, "a header of the data is larger than memory can be");
+    throw Error(Failure::kMemory, "a part of the data is larger than memory can be");
   }
   return static_cast<std::size_t>(length);
 }

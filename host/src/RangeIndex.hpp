@@ -41,6 +41,7 @@ class SourceRanges final : public RangeSource {
  public:
   explicit SourceRanges(const Source& source) : source_(source), size_(source.Size().value()) {}
   std::uint64_t Size() const override { return size_; }
+  bool IsNear() const override { return true; }
   void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override {
     if (source_.ReadAt(from, to) != to.size()) {
       throw Error(Failure::kInput, "the data became shorter while they were read");

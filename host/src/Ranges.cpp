@@ -2,8 +2,6 @@
 #include "kel/host/ranges.hpp"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <set>
 
 #include "kel/host/errors.hpp"
@@ -27,30 +25,21 @@ void MemoryRanges::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
   std::copy_n(bytes_.begin() + static_cast<std::ptrdiff_t>(from), to.size(), to.begin());
 }
 
-FileRanges::FileRanges(const std::string& path)
-    : file_(std::fopen(path.c_str(), "rb"), std::fclose), name_(path) {
-  // What is asked for is read, and no more.
-  if (file_ != nullptr) std::setvbuf(file_.get(), nullptr, _IONBF, 0);
-  const bool opened = file_ != nullptr && fseeko(file_.get(), 0, SEEK_END) == 0;
-  const off_t size = opened ? ftello(file_.get()) : -1;
-  if (size < 0)
-    throw Error(Failure::kInput, path, "cannot be opened: " + std::string(std::strerror(errno)));
-  size_ = static_cast<std::uint64_t>(size);
+FileRanges::FileRanges(const std::string& path) : file_(path) {
+  if (!file_.Size()) throw Error(Failure::kInput, path, "has no length to be read by ranges");
 }
 
 void FileRanges::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
-  RequireInside(from, to.size(), size_);
-  const std::lock_guard lock(mutex_);
-  const bool moved = fseeko(file_.get(), static_cast<off_t>(from), SEEK_SET) == 0;
-  if (!moved || std::fread(to.data(), 1, to.size(), file_.get()) != to.size()) {
-    throw Error(Failure::kInput, name_, "cannot be read: " + std::string(std::strerror(errno)));
+  RequireInside(from, to.size(), Size());
+  if (file_.ReadAt(from, to) != to.size()) {
+    throw Error(Failure::kInput, "the file became shorter while it was read");
   }
 }
 
 RangeCache::RangeCache(RangeSource& source, std::uint64_t mostBytes, std::uint64_t blockBytes)
     : source_(source),
-      blockBytes_(std::max<std::uint64_t>(blockBytes, 1)),
-      mostBlocks_(std::max<std::uint64_t>(mostBytes / blockBytes_, 1)) {}
+      blockBytes_(source.IsNear() ? 0 : blockBytes),
+      mostBlocks_(std::max<std::uint64_t>(mostBytes / std::max<std::uint64_t>(blockBytes, 1), 1)) {}
 
 /// Fetches the blocks from the first to the last with one request.
 void RangeCache::Load(std::uint64_t first, std::uint64_t last) {
@@ -73,6 +62,7 @@ void RangeCache::Load(std::uint64_t first, std::uint64_t last) {
 void RangeCache::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
   RequireInside(from, to.size(), Size());
   if (to.empty()) return;
+  if (blockBytes_ == 0) return source_.Fetch(from, to);
   const std::lock_guard lock(mutex_);
   const std::uint64_t first = from / blockBytes_, last = (from + to.size() - 1) / blockBytes_;
   for (std::uint64_t block = first; block <= last; ++block) {
@@ -96,6 +86,7 @@ void RangeCache::Fetch(std::uint64_t from, std::span<std::uint8_t> to) {
 }
 
 void RangeCache::Prepare(std::span<const ByteRange> ranges) {
+  if (blockBytes_ == 0) return;
   const std::lock_guard lock(mutex_);
   std::set<std::uint64_t> missing;
   for (const ByteRange& range : ranges) {

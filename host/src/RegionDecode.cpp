@@ -61,12 +61,9 @@ Image DecodeIrregular(TileReader& reader, RangeSource& source, const Region& reg
   return image;
 }
 
-/// All halvings that the wavelet has.
-Image DecodeResolution(TileReader& reader, RangeSource& source, const Region& region,
-                       const DecodeParams& params, DecodeTally& tally) {
-  const bool areRegular =
-      reader.WithIndex([](RangeIndex& index) { return index.TileParts().areRegular; });
-  if (!areRegular) return DecodeIrregular(reader, source, region, params, tally);
+/// All halvings that the wavelet has, of tile-parts that are where their lengths say.
+Image DecodeTiles(TileReader& reader, const Region& region, const DecodeParams& params,
+                  DecodeTally& tally) {
   try {
     return reader.Decode(region, params, tally);
   } catch (const Error& error) {
@@ -96,15 +93,35 @@ unsigned HalvingsOf(const DecodeParams& params, const CanvasBox& box) {
   return halvings;
 }
 
-Image DecodePartly(Source& source, const DecodeParams& params, DecodeReport* report) {
+namespace {
+
+/// A part that is asked for, in opened data.
+struct OpenedPart {
+  OpenedPart(Source& source, const DecodeParams& params);
+
+  bool AreRegular() {
+    return reader.WithIndex([](RangeIndex& index) { return index.TileParts().areRegular; });
+  }
+  bool NeedsAverages() const { return stored.reduce < halvings; }
+
   Bytes storage;
-  const std::unique_ptr<RangeSource> ranges = RangesOf(source, storage);
-  TileReader reader(*ranges, 0, params.exact);
-  const Image& whole = reader.Description();
-  const Region region = params.region.value_or(Region{0, 0, whole.width, whole.height});
-  const CanvasBox box = BoxOf(reader.Grid(), region);
-  const unsigned halvings = HalvingsOf(params, box);
-  if (whole.palette && halvings != 0) {
+  const std::unique_ptr<RangeSource> ranges;
+  TileReader reader;
+  const Region region;
+  const CanvasBox box;
+  const unsigned halvings;
+  DecodeParams stored;  ///< with no more halvings than the wavelet has
+};
+
+OpenedPart::OpenedPart(Source& source, const DecodeParams& params)
+    : ranges(RangesOf(source, storage)),
+      reader(*ranges, {.cacheBytes = 0, .exact = params.exact}),
+      region(params.region.value_or(
+          Region{0, 0, reader.Description().width, reader.Description().height})),
+      box(BoxOf(reader.Grid(), region)),
+      halvings(HalvingsOf(params, box)),
+      stored(params) {
+  if (reader.Description().palette && halvings != 0) {
     throw Error(Failure::kParameter, "an image with a palette cannot be reduced");
   }
   reader.WithIndex([](RangeIndex& index) {
@@ -121,20 +138,102 @@ Image DecodePartly(Source& source, const DecodeParams& params, DecodeReport* rep
     throw Error(Failure::kParameter, "the picture can be halved " + std::to_string(levels) +
                                          " times, not " + std::to_string(halvings));
   }
-  DecodeParams stored = params;
   stored.reduce = std::min(halvings, levels);
   stored.threads = ThreadCount(params.threads);
+}
+
+/// The rows of a part, of which one row of tiles is decoded at a time.
+class PartRows final : public PartRowSource {
+ public:
+  PartRows(std::unique_ptr<OpenedPart> part, const Image& description)
+      : part_(std::move(part)),
+        top_(part_->box.y0),
+        numTiles_(TilesTouching(part_->reader.Grid(), part_->box).size()) {
+    CopyDescription(description, description_);
+    if (part_->stored.progress) {
+      part_->stored.progress = [this, whole = part_->stored.progress](std::size_t done,
+                                                                      std::size_t) {
+        whole(tally_.report.numTiles + done, numTiles_);
+      };
+    }
+  }
+
+  void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
+    while (count > 0) {
+      if (!rows_ || nextRow_ == band_.height) DecodeBand();
+      const std::uint32_t taken = std::min(count, band_.height - nextRow_);
+      rows_->Read(taken, to, strideBytes);
+      nextRow_ += taken;
+      count -= taken;
+      to += taken * strideBytes;
+    }
+  }
+  DecodeReport Report() override {
+    // Tiles in which no sample of the resolution lies were not asked for.
+    tally_.report.numCompleteTiles += numTiles_ - tally_.report.numTiles;
+    tally_.report.numTiles = numTiles_;
+    tally_.Settle(part_->stored);
+    return tally_.report;
+  }
+
+ private:
+  void DecodeBand();
+
+  const std::unique_ptr<OpenedPart> part_;
+  std::int64_t top_;  ///< of what is left, on the canvas
+  const std::size_t numTiles_;
+  DecodeTally tally_;
+  Image band_;
+  std::optional<ImageRowSource> rows_;
+  std::uint32_t nextRow_ = 0;
+};
+
+/// The next row of tiles in which samples of the resolution lie.
+void PartRows::DecodeBand() {
+  const KelImageGeometry& grid = part_->reader.Grid();
+  const unsigned reduce = part_->stored.reduce;
+  std::int64_t bottom = top_;
+  do {
+    top_ = bottom;
+    const std::int64_t row = (top_ - grid.YTOsiz) / grid.YTsiz;
+    bottom = std::min(part_->box.y1, grid.YTOsiz + (row + 1) * grid.YTsiz);
+  } while (HalvedEdge(bottom, reduce) == HalvedEdge(top_, reduce));
+  const Region region{part_->region.x, static_cast<std::uint32_t>(top_ - grid.YOsiz),
+                      part_->region.width, static_cast<std::uint32_t>(bottom - top_)};
+  rows_.reset();
   DecodeTally tally;
-  Image image = DecodeResolution(reader, *ranges, region, stored, tally);
+  band_ = DecodeTiles(part_->reader, region, part_->stored, tally);
+  rows_.emplace(band_);
+  nextRow_ = 0;
+  top_ = bottom;
+  tally_.Add(tally);
+}
+
+}  // namespace
+
+std::unique_ptr<PartRowSource> OpenPartRows(Source& source, const DecodeParams& params,
+                                            const Image& description) {
+  if (!source.Size() || !HasPlainRows(description)) return nullptr;
+  auto part = std::make_unique<OpenedPart>(source, params);
+  if (!part->AreRegular() || part->NeedsAverages()) return nullptr;
+  return std::make_unique<PartRows>(std::move(part), description);
+}
+
+Image DecodePartly(Source& source, const DecodeParams& params, DecodeReport* report) {
+  OpenedPart part(source, params);
+  DecodeTally tally;
+  Image image = part.AreRegular()
+                    ? DecodeTiles(part.reader, part.region, part.stored, tally)
+                    : DecodeIrregular(part.reader, *part.ranges, part.region, part.stored, tally);
   tally.Settle(params);
-  if (stored.reduce < halvings) {
-    auto areas = AreasWithin(reader.Grid(), box, stored.reduce);
+  if (part.NeedsAverages()) {
+    auto areas = AreasWithin(part.reader.Grid(), part.box, part.stored.reduce);
     for (std::size_t c = 0; c < areas.size(); ++c) {
-      for (unsigned i = stored.reduce; i < halvings; ++i) {
+      for (unsigned i = part.stored.reduce; i < part.halvings; ++i) {
         image.planes[c] = Averaged(image.planes[c], areas[c]);
       }
     }
-    SetSize(image, box, halvings);
+    SetSize(image, part.box, part.halvings);
   }
   if (report != nullptr) *report = tally.report;
   return image;

@@ -28,6 +28,17 @@ bool IsPartial(const DecodeParams& params);
 /// The halvings that are asked for of a rectangle of the canvas, directly or as a size to fit.
 unsigned HalvingsOf(const DecodeParams& params, const CanvasBox& box);
 
+/// The rows of a part, decoded as they are read.
+class PartRowSource : public RowSource {
+ public:
+  /// Of what has been read. Throws Error (kInput, kIncomplete) as Decode does.
+  virtual DecodeReport Report() = 0;
+};
+/// What a row of tiles after the other can be decoded of, described as given; null of data that
+/// come once, tile-parts that must be looked for, resolutions that the wavelet does not hold, and
+/// images without plain rows. source outlives the result. Throws as Decode.
+std::unique_ptr<PartRowSource> OpenPartRows(Source& source, const DecodeParams& params,
+                                            const Image& description);
 /// Decode where IsPartial.
 Image DecodePartly(Source& source, const DecodeParams& params, DecodeReport* report);
 

@@ -12,6 +12,8 @@ namespace {
 
 /// Data up to this size are read at once, which lets the library find its way in damaged ones.
 constexpr std::size_t kReadAtOnce = 16 << 20;
+/// Where a part of the picture is wanted, this first.
+constexpr std::size_t kFirstOfPart = 1 << 16;
 /// Of larger ones, this first.
 constexpr std::size_t kFirstOfLarge = 1 << 20;
 
@@ -42,6 +44,7 @@ struct RowDecoder::State {
   State(Source& from, const DecodeParams& itsParams) : source(from), params(itsParams) {}
 
   void ReadFirst();
+  void ReadHeader();
   void Describe(Index& index);
   /// Whether rows of tiles can be decoded one after another.
   bool CanStream(Index& index) const;
@@ -64,6 +67,7 @@ void RowDecoder::State::ReadFirst() {
     }
   }
   const auto size = source.Size();
+  if (size && IsPartial(params)) return ReadHeader();
   first = SampleBuffer(!size                  ? kReadAtOnce
                        : *size >= kReadAtOnce ? kFirstOfLarge
                                               : static_cast<std::size_t>(*size) + 1);
@@ -76,6 +80,17 @@ void RowDecoder::State::ReadFirst() {
   }
   isAll = filled < all.size();
   seen = all.first(filled);
+}
+
+/// Little more than the header: what is needed of the rest is read by ranges.
+void RowDecoder::State::ReadHeader() {
+  for (std::size_t length = kFirstOfPart; !isAll; length *= 4) {
+    first = SampleBuffer(length);
+    const std::span all(first.Data(), first.Size());
+    seen = all.first(source.ReadAt(0, all));
+    isAll = seen.size() < length;
+    if (Index::OfArrived(seen)) return;
+  }
 }
 
 void RowDecoder::State::Describe(Index& index) {
@@ -130,6 +145,14 @@ const Image& RowDecoder::Description() const {
 DecodeReport RowDecoder::Decode(RowSink& sink) {
   State& state = *state_;
   if (!state.streams) {
+    if (IsPartial(state.params)) {
+      MemorySource seen(state.seen);
+      Source& all = state.isAll ? static_cast<Source&>(seen) : state.source;
+      if (const auto rows = OpenPartRows(all, state.params, state.description)) {
+        CopyRows(*rows, sink);
+        return rows->Report();
+      }
+    }
     DecodeReport report;
     ImageRowSource rows(DecodeImage(&report));
     CopyRows(rows, sink);

@@ -112,10 +112,13 @@ void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegmen
     AppendSegment(out, segment.code, Fetched(source, segment.offset, segment.length));
   }
   out.Marker(format::kSOD);
-  for (const KelIndexPacket& packet : packets) {
+  for (std::size_t i = 0; i < packets.size();) {
+    const std::uint64_t from = packets[i].offset;
+    std::uint64_t to = from;
+    for (; i < packets.size() && packets[i].offset == to; ++i) to += packets[i].length;
     const std::size_t at = out.data.size();
-    out.data.resize(at + packet.length);
-    source.Fetch(packet.offset, std::span(out.data).subspan(at));
+    out.data.resize(at + static_cast<std::size_t>(to - from));
+    source.Fetch(from, std::span(out.data).subspan(at));
   }
   PutU32(out.data, start + format::kPsotAt, out.data.size() - start);
 }
@@ -139,6 +142,8 @@ TileParts CollectTile(RangeIndex& index, std::uint32_t tile, unsigned reduce) {
   for (const KelULong i : index.PartsOf(tile)) {
     const KelIndexTilePart& part = index.TileParts().parts[i];
     if (part.headerBytes == 0) continue;
+    // Of a tile that is put in order only the first header counts.
+    if (found.hasAllPackets && !found.headers.empty()) break;
     const auto segments = index.Segments(i);
     found.headers.push_back({part.part, {segments.begin(), segments.end()}});
   }

@@ -8,6 +8,11 @@
 namespace kel::host {
 namespace {
 
+constexpr std::uint64_t kBytesKept = std::uint64_t{8} << 20;
+/// Bytes behind the end of a piece, so that the decoder, which reads words, need not be careful in
+/// its last blocks: those of a small tile are nearly all.
+constexpr std::size_t kBehindPiece = 1024;
+
 /// Copies what two areas have in common.
 void CopyCommon(const Plane& from, const ComponentArea& fromArea, Plane& to,
                 const ComponentArea& toArea) {
@@ -71,8 +76,11 @@ std::vector<std::uint32_t> TilesTouching(const KelImageGeometry& grid, const Can
   return touched;
 }
 
-TileReader::TileReader(RangeSource& source, std::uint64_t cacheBytes, bool exact)
-    : exact_(exact), bytes_(source), index_(bytes_), tiles_(cacheBytes) {
+TileReader::TileReader(RangeSource& source, const PictureParams& params)
+    : exact_(params.exact),
+      bytes_(source, kBytesKept, params.blockBytes),
+      index_(bytes_),
+      tiles_(params.cacheBytes) {
   front_.facts = &index_.Facts();
   front_.bytes.resize(LengthInMemory(front_.facts->firstTilePartOffset));
   bytes_.Fetch(0, front_.bytes);
@@ -90,13 +98,14 @@ TilePointer TileReader::DecodeTile(const TileParts& parts, unsigned reduce) {
   image->room = MemoryReservation(image->bytes, "a tile of the picture");
   image->planes = MakePlanes(image->areas);
   bytes_.Prepare(BytesOfPiece(parts, reduce));
-  const Bytes piece = BuildPiece(front_, parts, reduce, bytes_);
+  Bytes piece = BuildPiece(front_, parts, reduce, bytes_);
   if (piece.empty()) {
     // Where no sample falls into the tile at this resolution, its packets are empty.
     image->result.numTilesWithSamples = !parts.headers.empty();
     image->result.numCompleteTiles = parts.hasAllPackets;
     return image;
   }
+  piece.resize(piece.size() + kBehindPiece);
   image->result =
       DecodeInto({image->areas, components_, exact_}, piece, nullptr, nullptr, image->planes)
           .value();

@@ -16,6 +16,7 @@
 #include "Describe.hpp"
 #include "RegionDecode.hpp"
 #include "TilePiece.hpp"
+#include "kel/host/picture.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -79,7 +80,7 @@ class TileReader {
  public:
   /// Reads what stands in front of the tiles. source outlives the reader. Throws Error (kInput,
   /// kMemory).
-  TileReader(RangeSource& source, std::uint64_t cacheBytes, bool exact);
+  TileReader(RangeSource& source, const PictureParams& params);
 
   const KelImageGeometry& Grid() const { return *front_.facts->geometry; }
   const DataFront& Front() const { return front_; }

@@ -15,6 +15,10 @@
 namespace kel::host {
 namespace {
 
+constexpr std::size_t kCopyBytes = std::size_t{1} << 20;
+/// Bytes between what is copied that are fetched along.
+constexpr std::uint64_t kJoinedGap = 4096;
+
 /// One axis of the tile grid: which tiles stay, and where their edges lie afterwards.
 struct Axis {
   std::int64_t first = 0, count = 0;  ///< columns or rows of the old grid
@@ -76,8 +80,11 @@ class Trimmer {
   void PlanTile(std::uint32_t tile, KelULong newNumber);
   void TakePackets(std::uint32_t tile, std::vector<PlannedPart*> ofPart);
   Bytes Header(std::span<const KelIndexSegment> segments);
-  Bytes Edited(const KelIndexSegment& segment);
+  Bytes Edited(const KelIndexSegment& place, Bytes segment);
   Bytes FrontBoxes() const;
+  void LoadWindow(std::uint64_t from);
+  void Copy(const ByteRange& range, Sink& sink);
+  void Append(ByteView bytes, Sink& sink);
 
   RangeSource& source_;
   RangeCache cache_;
@@ -88,6 +95,11 @@ class Trimmer {
   std::vector<PlannedPart> parts_;
   bool hasSeenCod_ = false;               ///< in the header at work: only the first one holds
   std::vector<std::uint32_t> checksums_;  ///< in the header at work
+  std::vector<ByteRange> copied_;         ///< all that is copied, in its order
+  std::size_t nextCopied_ = 0;            ///< the first of it that was not fetched whole
+  Bytes window_;                          ///< what was fetched
+  std::uint64_t windowStart_ = 0;
+  Bytes gathered_;  ///< what waits to be written
 };
 
 void Trimmer::PlanGrid() {
@@ -108,9 +120,8 @@ void Trimmer::PlanGrid() {
                    params_.reduce);
 }
 
-Bytes Trimmer::Edited(const KelIndexSegment& place) {
+Bytes Trimmer::Edited(const KelIndexSegment& place, Bytes segment) {
   if (IsListOfLengths(place.code)) return {};  // no longer true
-  Bytes segment = FetchBytes(source_, place.offset, place.offset + place.length);
   const auto componentBytes =
       static_cast<std::size_t>(format::ComponentIndexBytes(index_.Facts().geometry->Csiz));
   switch (place.code) {
@@ -146,8 +157,12 @@ Bytes Trimmer::Header(std::span<const KelIndexSegment> segments) {
   Bytes header;
   hasSeenCod_ = false;
   checksums_.clear();
+  if (segments.empty()) return header;
+  const std::uint64_t start = segments.front().offset;
+  const Bytes all = FetchBytes(source_, start, segments.back().offset + segments.back().length);
   for (const KelIndexSegment& segment : segments) {
-    const Bytes edited = Edited(segment);
+    const auto from = all.begin() + static_cast<std::ptrdiff_t>(segment.offset - start);
+    const Bytes edited = Edited(segment, Bytes(from, from + segment.length));
     header.insert(header.end(), edited.begin(), edited.end());
   }
   return header;
@@ -271,29 +286,72 @@ Bytes Trimmer::FrontBoxes() const {
   return bytes;
 }
 
+/// Fetches the bytes from a place on, and with them what is copied next if it lies near.
+void Trimmer::LoadWindow(std::uint64_t from) {
+  std::uint64_t to = from;
+  for (; nextCopied_ < copied_.size(); ++nextCopied_) {
+    const ByteRange& range = copied_[nextCopied_];
+    if (to != from && (range.from < to || range.from - to > kJoinedGap)) break;
+    to = std::min(range.to, from + kCopyBytes);
+    if (to != range.to) break;
+  }
+  window_.resize(static_cast<std::size_t>(to - from));
+  windowStart_ = from;
+  source_.Fetch(from, window_);
+}
+
+/// Copies the next range of those that are copied.
+void Trimmer::Copy(const ByteRange& range, Sink& sink) {
+  for (std::uint64_t from = range.from; from < range.to;) {
+    if (from < windowStart_ || from >= windowStart_ + window_.size()) LoadWindow(from);
+    const auto at = static_cast<std::size_t>(from - windowStart_);
+    const auto count =
+        static_cast<std::size_t>(std::min<std::uint64_t>(range.to - from, window_.size() - at));
+    Append(ByteView(window_).subspan(at, count), sink);
+    from += count;
+  }
+}
+
+/// Writes in large pieces.
+void Trimmer::Append(ByteView bytes, Sink& sink) {
+  if (gathered_.size() + bytes.size() > kCopyBytes) {
+    sink.Write(gathered_);
+    gathered_.clear();
+  }
+  if (bytes.size() > kCopyBytes / 2) return sink.Write(bytes);
+  gathered_.insert(gathered_.end(), bytes.begin(), bytes.end());
+}
+
 void Trimmer::Write(Sink& sink) {
   const KelIndexFacts& facts = index_.Facts();
   const Bytes header = Header(std::span(facts.segments, facts.numSegments));
   std::uint64_t length = header.size() + 2;
-  for (const PlannedPart& part : parts_) length += part.Length();
+  const ByteRange behind = {facts.codeStreamEnd, facts.isBoxed ? source_.Size() : 0};
+  for (const PlannedPart& part : parts_) {
+    length += part.Length();
+    if (part.header.empty()) continue;
+    copied_.insert(copied_.end(), part.packets.begin(), part.packets.end());
+  }
+  if (behind.from < behind.to) copied_.push_back(behind);
   if (facts.isBoxed) {
     Bytes boxes = FrontBoxes();
     AppendBoxHeader(boxes, BoxOfCodeStream(facts).type, length);
-    sink.Write(boxes);
+    Append(boxes, sink);
   }
-  sink.Write(header);
+  Append(header, sink);
   for (PlannedPart& part : parts_) {
     if (part.header.empty()) continue;
     PutU16(part.header, format::kIsotAt, part.tile);
     PutU32(part.header, format::kPsotAt, part.Length());
     part.header.at(format::kTPsotAt) = static_cast<std::uint8_t>(part.part);
     part.header.at(format::kTNsotAt) = static_cast<std::uint8_t>(part.numParts);
-    sink.Write(part.header);
-    for (const ByteRange& range : part.packets) CopyBytes(source_, range, sink);
+    Append(part.header, sink);
+    for (const ByteRange& range : part.packets) Copy(range, sink);
   }
   const std::uint8_t end[] = {static_cast<std::uint8_t>(facts.markerByte), format::kEOC};
-  sink.Write(end);
-  if (facts.isBoxed) CopyBytes(source_, {facts.codeStreamEnd, source_.Size()}, sink);
+  Append(end, sink);
+  if (behind.from < behind.to) Copy(behind, sink);
+  sink.Write(gathered_);
   sink.Finish();
 }
 

@@ -1,8 +1,10 @@
 // Opened pictures: every region at every resolution equals what decoding everything gives there,
 // and few bytes are read.
+#include <kel/KelIndex.h>
 #include <kel/host.hpp>
 
 #include <atomic>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -157,6 +159,77 @@ TEST(Picture, ManyThreadsAskAtOnce) {
   });
 }
 
+/// The file with its packets in another order; nothing where a tile has several tile-parts or an
+/// order of its own.
+std::optional<Bytes> Reordered(const Bytes& bytes, KelULong order) {
+  using Place = std::tuple<KelULong, KelULong, KelULong, std::uint64_t>;
+  const auto placeOf = [](const KelIndexPacket& p) {
+    return Place(p.component, p.resolution, p.layer, p.precinct);
+  };
+  Bytes changed = bytes;
+  KelStreamIndex before, after;
+  const KelCompressedData old{bytes.data(), static_cast<KelULong>(bytes.size())};
+  const KelCompressedData block{changed.data(), static_cast<KelULong>(changed.size())};
+  before.InitIndex(nullptr, &old);
+  const KelIndexFacts& facts = *before.GetFacts();
+  const KelIndexTileParts& parts = *before.GetTileParts();
+  bool isPlain = true;
+  for (const KelIndexSegment& segment : std::span(facts.segments, facts.numSegments)) {
+    if (segment.code == kel::format::kCOD)
+      changed[static_cast<std::size_t>(segment.offset) + 5] = static_cast<std::uint8_t>(order);
+    isPlain = isPlain && segment.code != kel::format::kPOC;
+  }
+  after.InitIndex(nullptr, &block);
+  for (KelULong i = 0; i < parts.count && isPlain; ++i) {
+    const KelIndexWant want{parts.parts[i].tile, -1, 0, 0};
+    const KelIndexPackets* from = before.GetPackets(&want);
+    const KelIndexPackets* to = after.GetPackets(&want);
+    isPlain = parts.parts[i].part == 0 && parts.parts[i].numParts <= 1 &&
+              !parts.parts[i].hasCodingStyle && from->areAll && from->count == to->count;
+    if (!isPlain || from->count == 0) continue;
+    std::map<Place, ByteView> packets;
+    for (const KelIndexPacket& p : std::span(from->packets, from->count)) {
+      packets[placeOf(p)] = ByteView(bytes).subspan(static_cast<std::size_t>(p.offset), p.length);
+    }
+    auto at = static_cast<std::size_t>(from->packets[0].offset);
+    for (const KelIndexPacket& p : std::span(to->packets, to->count)) {
+      const ByteView packet = packets.at(placeOf(p));
+      std::ranges::copy(packet, changed.begin() + static_cast<std::ptrdiff_t>(at));
+      at += packet.size();
+    }
+  }
+  before.Die();
+  after.Die();
+  return isPlain ? std::optional(changed) : std::nullopt;
+}
+
+// A tile's packets are put into another order for decoding: which one they come in must not matter,
+// also where resolutions have several precincts.
+TEST(Picture, OrdersOfPacketsMakeNoDifference) {
+  const Session session;
+  int numCases = 0;
+  for (const std::string& name : test::VectorNames()) {
+    if (!name.starts_with("order_") && !name.starts_with("coc_")) continue;
+    const Bytes bytes = test::Vector(name);
+    MemoryRanges ranges(bytes);
+    Picture expected(ranges);
+    for (const KelULong order : {KelLRCP, KelRLCP, KelRPCL, KelPCRL, KelCPRL}) {
+      SCOPED_TRACE(name + " in order " + std::to_string(order));
+      const auto reordered = Reordered(bytes, order);
+      if (!reordered) continue;
+      MemoryRanges others(*reordered);
+      Picture picture(others);
+      MemorySource forAll(*reordered), original(bytes);
+      test::ExpectSamePlanes(Decode(forAll), Decode(original));
+      for (unsigned reduce = 0; reduce <= picture.Levels(); ++reduce, ++numCases) {
+        const Region part{picture.Width() / 3, 0, picture.Width() / 2, picture.Height()};
+        test::ExpectSamePlanes(picture.Decode(part, reduce), expected.Decode(part, reduce));
+      }
+    }
+  }
+  EXPECT_GT(numCases, 50);
+}
+
 /// A file of the image beyond 6 GiB, with holes: between the tiles stand tile-parts that no tile
 /// needs.
 void WriteFarApart(const Image& image, const std::string& path) {
@@ -174,7 +247,7 @@ void WriteFarApart(const Image& image, const std::string& path) {
   };
   piece(0, info.codeStreamOffset + info.tileParts[0].offset);
   for (std::size_t i = 0; i < info.tileParts.size(); ++i) {
-    piece(info.codeStreamOffset + info.tileParts[i].offset, info.tileParts[i].bytes);
+    piece(info.codeStreamOffset + info.tileParts[i].offset, info.tileParts[i].length);
     if (i + 1 == info.tileParts.size() || info.tileParts[i + 1].tile == info.tileParts[i].tile) {
       continue;
     }
@@ -188,7 +261,7 @@ void WriteFarApart(const Image& image, const std::string& path) {
 TEST(LargeFiles, AreReadAndCutBeyondFourGibibytes) {
   const Session session;
   const Image image = test::NoiseImage(64, 64, 1, 8);
-  const test::TempDir dir;
+  const test::Folder dir;
   const std::string path = dir.Path("large.kel");
   WriteFarApart(image, path);
   FileSource forProbe(path), forAll(path);
@@ -236,6 +309,90 @@ TEST(Picture, AFailedFetchIsForgotten) {
     EXPECT_TRUE(report.complete);
   }
   EXPECT_GT(numFailed, 5);
+}
+
+/// Data of a file with every request noted.
+struct CountedFile {
+  explicit CountedFile(const Bytes& content)
+      : ranges(content.size(), [&content, this](std::uint64_t from, std::span<std::uint8_t> to) {
+          requests.push_back({from, from + to.size()});
+          std::copy_n(content.begin() + static_cast<std::ptrdiff_t>(from), to.size(), to.begin());
+        }) {}
+  std::vector<ByteRange> requests;
+  CallbackRanges ranges;
+};
+
+std::vector<std::uint32_t> TilesOf(const Picture& picture, const Region& region) {
+  std::vector<std::uint32_t> tiles;
+  for (std::uint32_t t = 0; t < picture.TilesAcross() * picture.TilesDown(); ++t) {
+    const Region tile = picture.TileRegion(t);
+    const bool isApart = tile.x >= region.x + region.width || region.x >= tile.x + tile.width ||
+                         tile.y >= region.y + region.height || region.y >= tile.y + tile.height;
+    if (!isApart) tiles.push_back(t);
+  }
+  return tiles;
+}
+
+/// What is read lies in the ranges announced, or just behind one, where a look at a header or a
+/// length goes on.
+void ExpectWithin(const std::vector<ByteRange>& requests, const std::vector<ByteRange>& announced) {
+  constexpr std::uint64_t kLook = 256;
+  for (const ByteRange& request : requests) {
+    const bool isAnnounced = std::ranges::any_of(announced, [&](const ByteRange& range) {
+      return request.from + 1 >= range.from && request.to <= range.to + kLook;
+    });
+    EXPECT_TRUE(isAnnounced) << request.from << " to " << request.to;
+  }
+}
+
+TEST(Picture, ReadsTheBytesAnnouncedAndNoOthers) {
+  const Session session;
+  std::mt19937 random(5);
+  int numCases = 0;
+  MemorySink noise;
+  EncodeParams params;
+  params.lossless = true;
+  params.tileWidth = params.tileHeight = 150;
+  Encode(test::NoiseImage(700, 500, 3, 8), params, noise);
+  std::vector<std::string> names = test::VectorNames();
+  names.push_back("noise");
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    const Bytes bytes = name == "noise" ? noise.bytes : test::Vector(name);
+    MemorySource forAll(bytes), forProbe(bytes);
+    CountedFile file(bytes);
+    std::unique_ptr<Picture> picture;
+    try {
+      Decode(forAll);
+      if (!Probe(forProbe).tilePartsRegular) continue;
+      picture = std::make_unique<Picture>(file.ranges, PictureParams{0, false, 0});
+      picture->PlacesOf(0);  // finds the tiles
+    } catch (const Error&) {
+      continue;
+    }
+    const auto some = [&](std::uint32_t below) {
+      return static_cast<std::uint32_t>(random() % below);
+    };
+    for (int i = 0; i < 4; ++i, ++numCases) {
+      const Region region{some(picture->Width()), some(picture->Height()),
+                          1 + some(picture->Width()), 1 + some(picture->Height())};
+      const unsigned reduce = some(picture->Levels() + 1);
+      std::vector<ByteRange> announced;
+      file.requests.clear();
+      for (const std::uint32_t tile : TilesOf(*picture, region)) {
+        const auto more = picture->BytesOf(tile, reduce);
+        announced.insert(announced.end(), more.begin(), more.end());
+      }
+      try {
+        picture->Decode(region, reduce);
+      } catch (const Error& error) {
+        EXPECT_EQ(error.Kind(), Failure::kParameter) << "a tile of fewer levels, or a palette";
+        continue;
+      }
+      ExpectWithin(file.requests, announced);
+    }
+  }
+  EXPECT_GT(numCases, 200);
 }
 
 TEST(RangeCache, JoinsNeighboursAndForgetsTheOldest) {

@@ -19,8 +19,8 @@ namespace {
 /// a small part of what two numbers of 16 bits can ask for.
 constexpr std::int64_t kMostTileComps = std::int64_t{1} << 20;
 
-/// First load, and loads after a move, of a stream of which little will be read.
-constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64;
+/// First load, loads after a move, and largest loads of a stream of which little will be read.
+constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64, kMostLittle = 128;
 
 /// Bytes asked for before the headers are read; the data may be shorter. Given, like the window.
 constexpr std::uint64_t kHeaderBytes = 1024;
@@ -65,7 +65,7 @@ KelLong OpenData(ImageState& state, KelCodeStm* stream, const KelCompressedData*
     state.codeStm = stream;
     const std::uint32_t firstLoad = state.servesIndex ? kLittleLoadBytes : kFirstLoadBytes;
     const bool isThere = d.dataMgr->InitFromStream(firstLoad, kWindowBytes, stream, d.flavour);
-    if (state.servesIndex) d.dataMgr->SetLoadAfterMove(kLittleAfterMove);
+    if (state.servesIndex) d.dataMgr->SetLoads(kLittleAfterMove, kMostLittle);
     if (!isThere) return Fail(state, KelErrNothingRead);
   }
   d.dataMgr->EnsureBuffered(kHeaderBytes);

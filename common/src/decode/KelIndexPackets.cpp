@@ -68,8 +68,10 @@ bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndex
     if (end - std::min(here, end) < format::kCountBytes) return false;
     if (data.EnsureBuffered(format::kCountBytes) != kBufferedOk) return false;
     const std::uint64_t length = data.ReadUInt(format::kCountBytes);
-    if (length > end - here - format::kCountBytes || data.SkipForward(length) != length)
-      return false;
+    const std::uint64_t left = end - here - format::kCountBytes;
+    // Behind the last packet nothing is looked at: the tile-part's end is known.
+    const bool isLast = length == left;
+    if (length > left || (!isLast && data.SkipForward(length) != length)) return false;
     const std::int32_t levels = tile.comps[at->component].dec->numLevels;
     RecordPacket(index, {static_cast<KelULong>(at->component),
                          static_cast<KelULong>(at->resolution), static_cast<KelULong>(at->layer),
@@ -78,6 +80,7 @@ bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndex
     numLeft -= IsWanted(index.wanted, index.packetList[index.packets.count - 1]) ? 1 : 0;
     PacketHandled(walk);
     isEmpty = false;
+    if (isLast) break;
   }
   if (isEmpty) PassEmptyTilePart(walk);
   return true;

@@ -141,24 +141,38 @@ std::uint64_t EndOfPackets(KelDecDataMgr& data, std::uint64_t codeStreamEnd) {
   return HasEndMarker(data, codeStreamEnd - 2) ? codeStreamEnd - 2 : codeStreamEnd;
 }
 
-KelIndexTilePart DescribePart(const IndexState& index, const KelTilePartEntry& entry) {
-  const DecoderState& decoder = *Image(index).decoder;
-  KelIndexTilePart part{entry.tile, entry.part, 0, AsOffset(entry.position), entry.length, 0,
-                        false,      false,      0};
-  KelDecDataMgr& data = *decoder.dataMgr;
+/// Whether a tile-part, whose SOT is under the reader, has no other segment.
+bool IsBare(KelDecDataMgr& data) {
+  return data.EnsureBuffered(format::kLeastTilePartBytes) == kBufferedOk &&
+         data.PeekByte(format::kSotBytes) == data.MarkerByte() &&
+         data.PeekByte(format::kSotBytes + 1) == format::kSOD;
+}
+
+/// What a tile-part says of itself, whose SOT is under the reader.
+KelIndexTilePart DescribePart(const DecoderState& decoder, const KelTilePartEntry& entry) {
+  KelIndexTilePart part{entry.tile, entry.part, 0, AsOffset(entry.position), 0, 0, false, false, 0};
+  part.numParts = decoder.dataMgr->PeekSotTNsot();
+  if (IsBare(*decoder.dataMgr)) {
+    part.announcedBytes = entry.announced;
+    part.headerBytes = format::kLeastTilePartBytes;
+    return part;
+  }
   KelHeaderParams header{};
   ScopeGuard release([&] { ReleaseHeaderParams(&header); });
-  if (data.MoveTo(entry.position)) {
-    part.numParts = data.PeekSotTNsot();
-    ReadPartHeader(decoder, part, header);
-  }
+  ReadPartHeader(decoder, part, header);
+  return part;
+}
+
+/// Adds how far it reaches, which has been found out since.
+void MeasurePart(const IndexState& index, const KelTilePartEntry& entry, KelIndexTilePart& part) {
+  part.length = entry.length;
   if (entry.length == 0) {
-    const std::uint64_t end = EndOfPackets(data, index.facts.codeStreamEnd);
+    const std::uint64_t end =
+        EndOfPackets(*Image(index).decoder->dataMgr, index.facts.codeStreamEnd);
     part.length = std::max(end, part.offset) - part.offset;
   }
   const bool isAsAnnounced = part.announcedBytes == entry.length;
   part.isRegular = isAsAnnounced && part.headerBytes != 0 && part.headerBytes <= part.length;
-  return part;
 }
 
 /// Whether the tile-parts, in the order of the data, leave nothing out.
@@ -177,23 +191,38 @@ bool PrecedesByTile(const KelIndexTilePart& a, const KelIndexTilePart& b) {
   return std::tie(a.tile, a.part, a.offset) < std::tie(b.tile, b.part, b.offset);
 }
 
-void ListTileParts(IndexState& index) {
-  ImageState& image = Image(index);
-  KelTilePartIndex* found =
-      BuildTilePartIndex(*image.decoder->dataMgr, AsULong(image.map.numTiles));
-  ScopeGuard release([&] { ReleaseTilePartIndex(found); });
-  std::sort(found->entries, found->entries + found->numEntries,
-            [](const auto& a, const auto& b) { return a.position < b.position; });
-  auto parts = OwnedArray<KelIndexTilePart>::Make(found->numEntries);
-  for (std::uint32_t i = 0; i < found->numEntries; ++i) {
-    parts[i] = DescribePart(index, found->entries[i]);
+/// Goes from one tile-part to the next, and reads their headers on the way.
+void WalkTileParts(IndexState& index, KelTilePartIndex& found) {
+  const DecoderState& decoder = *Image(index).decoder;
+  KelDecDataMgr& data = *decoder.dataMgr;
+  KelTilePartEntry entry{};
+  KelULong count = 0, obtained = 0;
+  ScopeGuard forget([&] { KelFree(std::exchange(index.parts, nullptr)); });
+  while (MoveToNextTilePart(found, data, entry)) {
+    const KelIndexTilePart part = DescribePart(decoder, entry);
+    if (!AddTilePart(found, data, entry)) continue;
+    GrowByOne(index.parts, count, obtained);
+    index.parts[count++] = part;
   }
+  for (KelULong i = 0; i < count; ++i) MeasurePart(index, found.entries[i], index.parts[i]);
+  forget.Disarm();
+}
+
+void ListTileParts(IndexState& index) {
+  const ImageState& image = Image(index);
+  KelDecDataMgr& data = *image.decoder->dataMgr;
+  KelTilePartIndex* found =
+      MakeTilePartIndex(AsULong(image.map.numTiles), data.PositionB(), nullptr);
+  ScopeGuard release([&] { ReleaseTilePartIndex(found); });
+  found->wantedTile = -1;  // nothing is read of what stands between
+  KelFree(std::exchange(index.parts, nullptr));
+  WalkTileParts(index, *found);
+  const KelIndexTilePart* parts = index.parts;
   auto byTile = OwnedArray<KelULong>::Make(found->numEntries);
   std::iota(byTile.Data(), byTile.Data() + byTile.Size(), KelULong{0});
   std::sort(byTile.Data(), byTile.Data() + byTile.Size(),
             [&](KelULong a, KelULong b) { return PrecedesByTile(parts[a], parts[b]); });
   KelFree(std::exchange(index.byTile, byTile.Release()));
-  KelFree(std::exchange(index.parts, parts.Release()));
   index.tileParts = {index.parts, found->numEntries, false};
   index.tileParts.areRegular = FormAWhole(index);
   RefuseFailedReads(index);

@@ -17,6 +17,9 @@ namespace kel::host {
 struct PictureParams {
   std::uint64_t cacheBytes = std::uint64_t{64} << 20;  ///< of decoded tiles that are kept
   bool exact = false;                                  ///< as in DecodeParams
+  /// Of a source that is not near: data are fetched, and up to 8 MiB of them kept, in blocks of so
+  /// many bytes. 0: exactly what is needed, each time that it is.
+  std::uint64_t blockBytes = 1024;
 };
 
 /// Every operation may be called on any thread.

@@ -31,12 +31,15 @@ class RangeSource {
   /// Fills `to` with the bytes from `from` on, all of which lie below Size(). May be called on any
   /// thread. Throws Error (kInput) when they cannot be had.
   virtual void Fetch(std::uint64_t from, std::span<std::uint8_t> to) = 0;
+  /// Whether a fetch costs so little that nothing need be kept or fetched along.
+  virtual bool IsNear() const { return false; }
 };
 
 class MemoryRanges : public RangeSource {
  public:
   explicit MemoryRanges(ByteView bytes) : bytes_(bytes) {}  ///< bytes outlive the source
   std::uint64_t Size() const override { return bytes_.size(); }
+  bool IsNear() const override { return true; }
   void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override;
 
  private:
@@ -46,14 +49,12 @@ class MemoryRanges : public RangeSource {
 class FileRanges : public RangeSource {
  public:
   explicit FileRanges(const std::string& path);  ///< throws Error (kInput)
-  std::uint64_t Size() const override { return size_; }
+  std::uint64_t Size() const override { return *file_.Size(); }
+  bool IsNear() const override { return true; }
   void Fetch(std::uint64_t from, std::span<std::uint8_t> to) override;
 
  private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
-  std::string name_;
-  std::uint64_t size_ = 0;
-  std::mutex mutex_;
+  FileSource file_;
 };
 
 /// A program's own function, such as an HTTP request for [from, from + to.size()).
@@ -70,7 +71,8 @@ class CallbackRanges : public RangeSource {
 };
 
 /// Keeps what was fetched, in blocks, the last used the longest. Blocks that are missing next to
-/// each other are fetched with one request.
+/// each other are fetched with one request. With blocks of 0 bytes, and over a near source, nothing
+/// is kept, and every fetch goes on as it is.
 class RangeCache : public RangeSource {
  public:
   /// source outlives the cache.
