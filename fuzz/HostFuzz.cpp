@@ -73,6 +73,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   params.reduce = 0;
   const auto whole = Try([&] { return Decode(forWhole, params, &report); });
   const Arrival arrived = DecodeArriving(bytes);
+  Try([&] {
+    MemoryRanges ranges(bytes);
+    const CheckReport checked = Check(ranges, {.mostEntries = 50});
+    Require(checked.flaws.size() <= 50 && checked.losses.size() <= 50);
+    Require(!checked.IsSound() || !whole || report.complete);
+    return true;
+  });
   if (whole && report.complete && arrived.image && arrived.complete) {
     Require(fuzz::AreEqual(*whole, *arrived.image));
     if (auto ordinary = arrived.image) Try([&] { return MakeOrdinary(*ordinary), true; });

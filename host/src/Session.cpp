@@ -147,8 +147,8 @@ KelBufID_I* TakeBuffer(KelULong size, KelULong alignment) {
   return buffer;
 }
 
-KelMemFuncs& Callbacks() {
-  static KelMemFuncs callbacks;
+KelMemFuncs MakeCallbacks() {
+  KelMemFuncs callbacks;
   callbacks.AllocBuf = [](KelULong size) { return TakeBuffer(size, kIdentifierBytes); };
   callbacks.AllocAlignedBuf = TakeBuffer;
   callbacks.LockBuf = [](KelBufID_I* buffer) { return reinterpret_cast<void*>(buffer->clientRef); };
@@ -160,6 +160,12 @@ KelMemFuncs& Callbacks() {
   callbacks.AlignedFree = Give;
   callbacks.MemCopy = [](void* to, const void* from, KelULong n) { std::memcpy(to, from, n); };
   callbacks.MemSet = [](void* to, KelLong value, KelULong n) { std::memset(to, value, n); };
+  return callbacks;
+}
+
+/// Made once: threads read them at any time.
+KelMemFuncs& Callbacks() {
+  static KelMemFuncs callbacks = MakeCallbacks();
   return callbacks;
 }
 
