@@ -10,8 +10,10 @@ using test::Decoded;
 using test::DecodeJob;
 using test::Source;
 
-/// No input may cost more memory than this, nor the time to fill it.
-constexpr std::size_t kMostBytes = 1 << 23;
+/// No input may cost more memory than this, nor the time to fill it; nor may looking at its
+/// samples.
+constexpr std::size_t kMostBytes = 1 << 21;
+constexpr std::int64_t kMostSamples = 1 << 16;
 
 void CheckCodes(const Decoded& decoded) {
   for (const KelLong code : {decoded.initCode, decoded.frameCode}) {
@@ -34,8 +36,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   test::HostMemory memory;
   memory.LimitBytes(kMostBytes);
-  const Decoded whole = test::Decode(bytes, {});
-  const Decoded streamed = test::Decode(bytes, {.source = Source::kSeekable});
+  DecodeJob job;
+  job.mostSamples = kMostSamples;
+  const Decoded whole = test::Decode(bytes, job);
+  job.source = Source::kSeekable;
+  const Decoded streamed = test::Decode(bytes, job);
   CheckCodes(whole);
   // Boxes behind the code stream are met in memory alone, so only what opens there is compared.
   const bool isComparable = whole.initCode == KelOK && !whole.ranOutOfMemory &&
@@ -47,7 +52,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   memory.RefuseRequest(refused);
-  DecodeJob job;
   job.source = static_cast<Source>(form & 3 & 2 ? 2 : form & 1);
   job.piece = (form & 4) != 0 ? bytes.size() / 7 + 1 : 0;
   job.orientation = KelImageOrientation{static_cast<KelLong>((form >> 3 & 3) * 90)};

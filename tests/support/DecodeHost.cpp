@@ -14,9 +14,6 @@ std::int64_t CeilTo(std::int64_t v, int shift) {
   return (v + (std::int64_t{1} << shift) - 1) >> shift;
 }
 
-/// Larger planes are not gathered: only hostile headers have them.
-constexpr std::int64_t kMostSamples = std::int64_t{1} << 24;
-
 class Host {
  public:
   Host(const Bytes& data, const DecodeJob& job) : data_(data), job_(job) {}
@@ -119,7 +116,7 @@ class Host {
 
   /// Planes that only a header announces, and that this host would be slow to make.
   bool IsTooLarge(std::int64_t width, std::int64_t height) const {
-    return height > 0 && width > kMostSamples / image_.GetNumComponents() / height;
+    return height > 0 && width > job_.mostSamples / image_.GetNumComponents() / height;
   }
 
   void Describe(int n, const Result& result) {

@@ -26,6 +26,8 @@ struct DecodeJob {
   int misalign = 0;             ///< bytes by which those buffers miss a multiple of 16
   bool force = false;           ///< ForceComponentTransform
   int outBits = 0;              ///< 0: each component's own depth
+  /// Larger images are decoded, but not gathered: only hostile headers have them.
+  std::int64_t mostSamples = std::int64_t{1} << 24;
 };
 
 struct Plane {
