@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "KelBlockDecode.h"
+#include "KelBandMend.h"
 #include "KelPacketRead.h"
 #include "KelTileLayout.h"
 #include "base/KelInt.h"
@@ -11,6 +11,9 @@
 
 namespace kel {
 namespace {
+
+/// Room for a large band is first obtained for so many bytes.
+constexpr std::uint64_t kFirstPieceBytes = std::uint64_t{1} << 20;
 
 /// What the checking of a packet goes by.
 struct Checking {
@@ -43,7 +46,7 @@ CheckedBand CheckBand(const Checking& at, std::int32_t number, std::int64_t clai
   const bool isTooShort = BlocksOf(part) > SaturatingMul(8, AsCount(limit - start));
   const bool goesBeyond = limit - start > claimed;
   if (isTooShort || (goesBeyond && at.room.bytesToSearch <= 0)) {
-    return {number, start, claimed, std::min(claimed, limit - start), false};
+    return {number, start, claimed, std::min(claimed, limit - start), false, false};
   }
   const auto width = part.IsEmpty() ? 0 : AsCount(std::int64_t{part.x1} - part.x0);
   OwnedArray<std::int32_t>& cells = at.room.cells;
@@ -54,7 +57,7 @@ CheckedBand CheckBand(const Checking& at, std::int32_t number, std::int64_t clai
   const bool isWhole = decoder.Outcome().end == BandEnd::kWhole;
   const std::int64_t found = data.GetPosition() - start;
   if (goesBeyond) at.room.bytesToSearch -= found;
-  return {number, start, claimed, found, isWhole};
+  return {number, start, claimed, found, isWhole, false};
 }
 
 void Keep(CheckedPacket& packet, const CheckedBand& band) {
@@ -65,6 +68,7 @@ void Keep(CheckedPacket& packet, const CheckedBand& band) {
 void RequireEnd(CheckedPacket& packet, std::int64_t end) {
   CheckedBand& last = packet.bands[packet.numBands - 1];
   last.isWhole = last.isWhole && last.start + last.found == end;
+  last.canMend = !last.isWhole;
 }
 
 /// Bands that lie where their lengths say.
@@ -138,6 +142,24 @@ std::int64_t EndOfLowest(const Checking& at, CheckedPacket& packet, bool fits) {
 }
 
 }  // namespace
+
+OwnedArray<std::int32_t> MendedCells(KelDecDataMgr& data, const BandPart& part,
+                                     const CheckedBand& band, bool isLowest) {
+  WorkMeter work{};
+  BandPart counted = part;
+  counted.work = &work;
+  const std::uint64_t length = AsCount(band.claimed);
+  const bool isTooShort = BlocksOf(part) > SaturatingMul(8, length);
+  if (part.IsEmpty() || isTooShort || !CanMend(counted, length)) return {};
+  const std::int64_t width = std::int64_t{part.x1} - part.x0;
+  auto cells = OwnedArray<std::int32_t>::Make(
+      SaturatingMul(AsCount(width), AsCount(std::int64_t{part.y1} - part.y0)));
+  if (!data.MoveTo(band.start)) return {};
+  const GatheredBytes bytes = GatherBytes(data, length, kFirstPieceBytes, kMendSlackBytes);
+  MendBand({bytes.bytes.Data(), static_cast<std::size_t>(bytes.length)}, counted, isLowest,
+           cells.Data(), static_cast<std::ptrdiff_t>(width));
+  return cells;
+}
 
 CheckedPacket CheckPacket(KelDecDataMgr& data, TileCompRecord& record, const PacketId& id,
                           std::int64_t partEnd, CheckRoom& room) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "KelBlockDecode.h"
 #include "KelDecDataMgr.h"
 #include "KelDecMap.h"
 #include "KelPacketLengths.h"
@@ -20,6 +21,8 @@ struct CheckedBand {
   std::int64_t claimed;  ///< bytes, by its length
   std::int64_t found;    ///< bytes up to where its bits end, or cannot be read on
   bool isWhole;          ///< every block of it can be decoded, and it ends where it has to
+  /// Its place is sure and its bits are not: what of it is sound can be found.
+  bool canMend;
   bool IsSound() const { return isWhole && found == claimed; }
 };
 
@@ -39,6 +42,11 @@ struct CheckRoom {
   /// every packet might ask for all that follows it.
   std::int64_t bytesToSearch;
 };
+
+/// What of a damaged band is sound, as MendBand finds it, in cells without gaps; nothing where that
+/// would take too long for its bytes. The read position is lost. Raises 8.
+OwnedArray<std::int32_t> MendedCells(KelDecDataMgr& data, const BandPart& part,
+                                     const CheckedBand& band, bool isLowest);
 
 /// Checks the packet at the read position of a tile-part that has arrived whole and ends at
 /// `partEnd`. The reader is left where the packet ends, or, when that is not known, where it began.

@@ -326,6 +326,30 @@ void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty
   coded.numBytes = writer.NumBytes();
 }
 
+OwnedArray<std::uint8_t> EncodeBandAlone(const Box& box, std::int32_t* cells) {
+  EncodeBand band{static_cast<std::int32_t>(box.x0),
+                  static_cast<std::int32_t>(box.x1),
+                  static_cast<std::int32_t>(box.y0),
+                  static_cast<std::int32_t>(box.y1),
+                  cells,
+                  static_cast<std::ptrdiff_t>(box.x1 - box.x0),
+                  false,
+                  nullptr};
+  const std::uint64_t numCells = SaturatingMul(AsCount(box.x1 - box.x0), AsCount(box.y1 - box.y0));
+  std::replace(cells, cells + numCells, INT32_MIN, -INT32_MAX);
+  const auto planeCounts = OwnedArray<std::uint8_t>::Make(CountBlocksOf(band));
+  band.planeCounts = planeCounts.Data();
+  for (std::int32_t row = band.y0; row < band.y1; ++row) {
+    if (EndsBlocks(band, row)) CountPlanesAbove(band, row);
+  }
+  std::uint32_t sizes[CountSizes(0)];
+  CodedTileComponent coded{};
+  ScopeGuard release([&] { ReleaseCodedTileComponent(coded); });
+  PlaceSizes(0, sizes, coded);
+  EncodeTileComponent(&band, false, true, coded);
+  return OwnedArray<std::uint8_t>::CopyOf(coded.Bytes(), coded.numBytes);
+}
+
 std::uint64_t MostBytesOfBand(std::uint64_t numBlocks, unsigned planes) {
   const std::uint64_t bits =
       MostBitsOfBlock(planes, PlaneCountFieldBits(0, static_cast<int>(planes)));

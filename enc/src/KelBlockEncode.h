@@ -11,6 +11,8 @@
 #include <cstdint>
 
 #include "KelKeptBlock.h"
+#include "base/KelBox.h"
+#include "base/KelMemFuncDefs.h"
 #include "transform/KelWavelet.h"
 
 namespace kel {
@@ -86,6 +88,10 @@ void PlaceSizes(std::int32_t numLevels, std::uint32_t* memory, CodedTileComponen
 /// before gives way. Raises 8 with nothing coded.
 void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty,
                          CodedTileComponent& coded);
+
+/// The bytes of a band whose cells stand without gaps, for a packet of its own making. Cells become
+/// what can be coded: the smallest integer is taken for its neighbour. Raises 8.
+OwnedArray<std::uint8_t> EncodeBandAlone(const Box& box, std::int32_t* cells);
 
 /// Releases bytes and rates; accepts half-built records and may run twice.
 void ReleaseCodedTileComponent(CodedTileComponent& coded) noexcept;

@@ -137,6 +137,10 @@ const KelIndexFindings& RangeIndex::Examine(std::uint32_t tile, KelULong mostLos
   return Checked(index_.ExamineTile(tile, mostLost));
 }
 
+const KelIndexFindings& RangeIndex::Mend(std::uint32_t tile, KelULong mostLost) {
+  return Checked(index_.MendTile(tile, mostLost));
+}
+
 /// The lowest resolution of a component stands so many levels below full size.
 unsigned RangeIndex::LevelsOf(std::uint32_t tile) {
   constexpr KelULong kLowestOnly = 32;

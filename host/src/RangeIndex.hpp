@@ -82,6 +82,8 @@ class RangeIndex {
   const KelIndexRanges& Ranges(const KelIndexWant& want);
   /// What is there of a tile, bit by bit, and at most so many of the packets that are not.
   const KelIndexFindings& Examine(std::uint32_t tile, KelULong mostLost);
+  /// The same, with bytes for what is sound of damaged bands.
+  const KelIndexFindings& Mend(std::uint32_t tile, KelULong mostLost);
   /// How often every tile-component of the picture can be halved by leaving out resolutions.
   unsigned LeastLevels();
 

@@ -36,11 +36,16 @@ struct PlannedPart {
   }
 };
 
-void AddCount(std::vector<Piece>& pieces, std::uint64_t count) {
+void AddBytes(std::vector<Piece>& pieces, ByteView bytes) {
   if (pieces.empty() || pieces.back().copied.from != pieces.back().copied.to) pieces.emplace_back();
   Bytes& written = pieces.back().written;
-  written.resize(written.size() + format::kCountBytes);
-  PutU32(written, written.size() - format::kCountBytes, count);
+  written.insert(written.end(), bytes.begin(), bytes.end());
+}
+
+void AddCount(std::vector<Piece>& pieces, std::uint64_t count) {
+  Bytes bytes(format::kCountBytes);
+  PutU32(bytes, 0, count);
+  AddBytes(pieces, bytes);
 }
 
 void AddCopy(std::vector<Piece>& pieces, ByteRange range) {
@@ -69,7 +74,8 @@ class Repairer {
   void PlanTile(std::uint32_t tile);
   PlannedPart PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number);
   Bytes HeaderOf(const KelIndexTilePart* part, bool isChanged);
-  void AddFlawed(const KelIndexFlaw& flaw, std::vector<Piece>& pieces, Loss& loss);
+  void AddFlawed(const KelIndexFindings& found, const KelIndexFlaw& flaw,
+                 std::vector<Piece>& pieces, Loss& loss);
   void Place(std::vector<PlannedPart> planned, std::uint32_t tile);
   void Add(const Loss& loss);
   void NoteLosses(std::uint32_t tile);
@@ -122,33 +128,36 @@ Bytes Repairer::HeaderOf(const KelIndexTilePart* part, bool isChanged) {
   return header;
 }
 
-/// A packet with the lengths that its bands have; those that are not whole go.
-void Repairer::AddFlawed(const KelIndexFlaw& flaw, std::vector<Piece>& pieces, Loss& loss) {
+/// A packet with the lengths that its bands have. Of those that are not whole what is sound stays.
+void Repairer::AddFlawed(const KelIndexFindings& found, const KelIndexFlaw& flaw,
+                         std::vector<Piece>& pieces, Loss& loss) {
   const std::span bands(flaw.bands, flaw.numBands);
-  const auto found = [&](KelULong kind) -> const KelIndexBand* {
+  const auto bytesOf = [](const KelIndexBand& band) {
+    return band.isWhole ? band.foundBytes : band.mendedBytes;
+  };
+  const auto addBand = [&](KelULong kind) {
     const auto band =
         std::ranges::find_if(bands, [&](const KelIndexBand& b) { return b.band == kind; });
-    return band != bands.end() && band->isWhole ? &*band : nullptr;
+    AddCount(pieces, band != bands.end() ? bytesOf(*band) : 0);
+    if (band == bands.end()) return;
+    if (band->isWhole) {
+      AddCopy(pieces, {band->offset, band->offset + band->foundBytes});
+    } else {
+      AddBytes(pieces,
+               {found.mended + band->mendedAt, static_cast<std::size_t>(band->mendedBytes)});
+    }
   };
-  const auto lost = std::ranges::count_if(bands, [](const KelIndexBand& b) { return !b.isWhole; });
-  report_.emptied += static_cast<std::uint64_t>(lost);
-  loss.damaged += lost != 0 ? 1 : 0;
-  if (const KelIndexBand* lowest = found(0)) {
-    AddCount(pieces, lowest->foundBytes);
-    AddCopy(pieces, {lowest->offset, lowest->offset + lowest->foundBytes});
-    return;
-  }
   std::uint64_t bytes = 0;
-  for (const KelULong kind : {1U, 2U, 3U}) {
-    if (const KelIndexBand* band = found(kind)) bytes += band->foundBytes;
+  for (const KelIndexBand& band : bands) {
+    bytes += bytesOf(band);
+    if (band.isWhole) continue;
+    loss.damaged = 1;
+    ++(band.mendedBytes != 0 ? report_.mended : report_.emptied);
   }
+  if (found.packets[flaw.packet].resolution == 0) return addBand(0);
   AddCount(pieces, bytes == 0 ? 0 : bytes + 3 * format::kCountBytes);
   if (bytes == 0) return;
-  for (const KelULong kind : {1U, 2U, 3U}) {
-    const KelIndexBand* band = found(kind);
-    AddCount(pieces, band != nullptr ? band->foundBytes : 0);
-    if (band != nullptr) AddCopy(pieces, {band->offset, band->offset + band->foundBytes});
-  }
+  for (const KelULong kind : {1U, 2U, 3U}) addBand(kind);
 }
 
 PlannedPart Repairer::PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number) {
@@ -178,7 +187,7 @@ PlannedPart Repairer::PlanPart(const KelIndexFindings& found, std::uint32_t tile
     } else {
       ++report_.corrected;
       Loss loss;
-      AddFlawed(*flaw, planned.pieces, loss);
+      AddFlawed(found, *flaw, planned.pieces, loss);
       if (loss.damaged != 0) LossOf(packet).damaged += loss.damaged;
     }
   }
@@ -225,7 +234,7 @@ void Repairer::Place(std::vector<PlannedPart> planned, std::uint32_t tile) {
 
 void Repairer::PlanTile(std::uint32_t tile) {
   const std::uint64_t most = std::min(kMostLost, kLostAlways + kLostOfByte * cache_.Size());
-  const KelIndexFindings& found = index_.Examine(tile, static_cast<KelULong>(most - numLost_));
+  const KelIndexFindings& found = index_.Mend(tile, static_cast<KelULong>(most - numLost_));
   numLost_ += found.numLost;
   if (!found.lostAreAll && found.numLost != 0) {
     throw Error(Failure::kInput, "more packets are missing than can be made up for");

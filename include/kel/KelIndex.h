@@ -145,6 +145,9 @@ struct KelIndexBand {
   std::uint64_t claimedBytes;  ///< by that field; of LL by the packet's
   std::uint64_t foundBytes;    ///< up to where its bits end or make no sense
   bool isWhole;                ///< it can be decoded, and does not contradict other lengths
+  /// Of one that is not whole, after MendTile: bytes that stand for what of it is sound,
+  /// mendedBytes of them at KelIndexFindings::mended + mendedAt; 0 when there is nothing.
+  std::uint64_t mendedAt, mendedBytes;
 };
 
 /// What is wrong with a packet that is there. Several can be, so these are bits.
@@ -184,8 +187,9 @@ struct KelIndexFindings {
   bool lostAreAll;  ///< no more are lost than are listed
   const KelIndexBreak* breaks;
   KelULong numBreaks;
-  KelULong numParts;      ///< tile-parts, from number 0 on, that a decoder uses
-  KelULong numChecksums;  ///< packets whose checksum was compared
+  KelULong numParts;           ///< tile-parts, from number 0 on, that a decoder uses
+  KelULong numChecksums;       ///< packets whose checksum was compared
+  const std::uint8_t* mended;  ///< bytes for bands; null without any
 };
 
 class KEL_API KelStreamIndex {
@@ -233,6 +237,9 @@ class KEL_API KelStreamIndex {
   /// no more than `mostLost`. They hold until the next call. Null also for a tile that does not
   /// exist.
   const KelIndexFindings* ExamineTile(KelULong tile, KelULong mostLost);
+  /// Guarded (null). The same, and for bands whose bits are damaged new bytes for what a decoder
+  /// finds sound of them; memory is taken for the cells of a band.
+  const KelIndexFindings* MendTile(KelULong tile, KelULong mostLost);
 
  private:
   kel::IndexState* state_;

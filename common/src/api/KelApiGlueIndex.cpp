@@ -1,4 +1,5 @@
 // Exported operations of the index.
+#include "KelBlockEncode.h"
 #include "api/KelApiGlueImage.h"
 #include "decode/KelStreamIndex.h"
 #include "kel/KelIndex.h"
@@ -75,6 +76,14 @@ const KelIndexRanges* KelStreamIndex::GetRanges(const KelIndexWant* want) {
 const KelIndexFindings* KelStreamIndex::ExamineTile(KelULong tile, KelULong mostLost) {
   if (state_ == nullptr) return nullptr;
   return kel::Guard(
-      &state_->failure, [&] { return kel::FindingsOf(*state_, tile, mostLost); },
+      &state_->failure, [&] { return kel::FindingsOf(*state_, tile, mostLost, nullptr); },
+      kel::Neutral<const KelIndexFindings*>(nullptr));
+}
+
+const KelIndexFindings* KelStreamIndex::MendTile(KelULong tile, KelULong mostLost) {
+  if (state_ == nullptr) return nullptr;
+  return kel::Guard(
+      &state_->failure,
+      [&] { return kel::FindingsOf(*state_, tile, mostLost, &kel::EncodeBandAlone); },
       kel::Neutral<const KelIndexFindings*>(nullptr));
 }

@@ -7,6 +7,7 @@
 
 #include "KelDecMap.h"
 #include "KelPacketCheck.h"
+#include "KelPacketRead.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
 #include "base/KelBytes.h"
@@ -14,6 +15,7 @@
 #include "base/KelMemFuncDefs.h"
 #include "decode/KelImageTiles.h"
 #include "decode/KelStreamIndex.h"
+#include "format/KelBlockGrid.h"
 
 namespace kel {
 namespace {
@@ -25,6 +27,7 @@ struct Examination {
   IndexState& index;
   TileRecord& tile;
   KelULong mostLost;
+  BandEncoder encode;  ///< may be null
   CheckRoom room;
 
   ExaminedTile& Found() const { return index.examined; }
@@ -56,11 +59,44 @@ void Break(const Examination& at, KelLong kind, const KelIndexTilePart& part, st
 
 KelIndexBand BandOf(const CheckedBand& band) {
   const auto kind = static_cast<KelULong>(band.number == 0 ? 0 : (band.number - 1) % 3 + 1);
-  return {kind, AsCount(band.start), AsCount(band.claimed), AsCount(band.found), band.isWhole};
+  return {kind, AsCount(band.start), AsCount(band.claimed), AsCount(band.found), band.isWhole, 0,
+          0};
 }
 
-void Record(const Examination& at, const KelIndexPacket& packet, const CheckedPacket& checked,
-            bool isRight) {
+// ---- Mending ----
+
+/// Makes bytes of what is sound of a band that is not whole. Further layers repeat what the first
+/// one has, so that only this one is worth it; and blocks must be such as the encoder makes.
+void Mend(const Examination& at, const PacketId& id, const CheckedBand& band, KelIndexBand& to) {
+  const TileCompRecord& record = at.tile.comps[id.component];
+  const BandPart part = PartOfBand(record, band.number, id.precinct);
+  const bool isOfEncoder = part.layout == SignLayout::kSeparateSigns &&
+                           part.widthExponent == kBlockExponent &&
+                           part.heightExponent == kBlockExponent;
+  if (at.encode == nullptr || !band.canMend || id.layer != 0 || !isOfEncoder) return;
+  const auto cells = MendedCells(at.Data(), part, band, id.resolution == 0);
+  if (!cells) return;
+  const auto bytes = at.encode({part.x0, part.x1, part.y0, part.y1}, cells.Data());
+  ExaminedTile& found = at.Found();
+  if (found.obtainedMended - found.numMended < bytes.Size()) {
+    const std::uint64_t wanted = SaturatingAdd(2 * found.obtainedMended, bytes.Size());
+    auto larger = OwnedArray<std::uint8_t>::Make(wanted);
+    KelMemCopy(larger.Data(), found.mended, found.numMended);
+    KelFree(found.mended);
+    found.mended = larger.Release();
+    found.obtainedMended = wanted;
+  }
+  KelMemCopy(found.mended + found.numMended, bytes.Data(), bytes.Size());
+  to.mendedAt = found.numMended;
+  to.mendedBytes = bytes.Size();
+  found.numMended += bytes.Size();
+}
+
+// ---- Packets ----
+
+/// Records a packet; the read position is lost.
+void Record(const Examination& at, const PacketId& id, const KelIndexPacket& packet,
+            const CheckedPacket& checked, bool isRight) {
   ExaminedTile& found = at.Found();
   KelIndexFindings& findings = found.findings;
   GrowByOne(found.packets, findings.count, found.obtainedPackets);
@@ -75,6 +111,7 @@ void Record(const Examination& at, const KelIndexPacket& packet, const CheckedPa
   }
   if (flaw.kinds == 0) return;
   std::transform(checked.bands, bandsEnd, flaw.bands, BandOf);
+  for (int b = 0; b < checked.numBands; ++b) Mend(at, id, checked.bands[b], flaw.bands[b]);
   GrowByOne(found.flaws, findings.numFlaws, found.obtainedFlaws);
   found.flaws[findings.numFlaws++] = flaw;
 }
@@ -197,10 +234,10 @@ bool ExaminePackets(Examination& at, const KelIndexTilePart& part) {
     if (number < sums.Size()) {
       isRight = ChecksumOf(data, checked.start, checked.end) == sums[number];
       ++at.Found().findings.numChecksums;
-      data.MoveTo(checked.end);
     }
     ++number;
-    Record(at, packet, checked, isRight);
+    Record(at, *id, packet, checked, isRight);
+    data.MoveTo(checked.end);
     PacketHandled(at.Walk());
   }
   if (number == 0) PassEmptyTilePart(at.Walk());
@@ -259,15 +296,17 @@ void ReleaseExamined(ExaminedTile& found) noexcept {
   KelFree(found.flaws);
   KelFree(found.lost);
   KelFree(found.breaks);
+  KelFree(found.mended);
   found = {};
 }
 
-const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mostLost) {
+const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mostLost,
+                                   BandEncoder encode) {
   if (TilePartsOf(index) == nullptr || tile >= AsCount(index.image->map.numTiles)) return nullptr;
   ReleaseExamined(index.examined);
   ScopeGuard release([&] { ReleaseExamined(index.examined); });
   index.examined.findings.lostAreAll = true;
-  Examination at{index, index.image->map.tiles[tile], mostLost, {{}, 0}};
+  Examination at{index, index.image->map.tiles[tile], mostLost, encode, {{}, 0}};
   Examine(at);
   release.Disarm();
   KelIndexFindings& findings = index.examined.findings;
@@ -275,6 +314,7 @@ const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mo
   findings.flaws = index.examined.flaws;
   findings.lost = index.examined.lost;
   findings.breaks = index.examined.breaks;
+  findings.mended = index.examined.mended;
   return &findings;
 }
 

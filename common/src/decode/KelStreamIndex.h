@@ -5,6 +5,8 @@
 #ifndef KEL_STREAM_INDEX_H
 #define KEL_STREAM_INDEX_H
 
+#include "base/KelBox.h"
+#include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
 #include "image/KelImageState.h"
 #include "kel/KelIndex.h"
@@ -17,6 +19,8 @@ struct ExaminedTile {
   KelIndexPacket *packets, *lost;
   KelIndexFlaw* flaws;
   KelIndexBreak* breaks;
+  std::uint8_t* mended;
+  std::uint64_t numMended, obtainedMended;
   KelULong obtainedPackets, obtainedLost, obtainedFlaws, obtainedBreaks;
 };
 
@@ -76,7 +80,12 @@ const KelIndexTilePart* FindPartOfTile(const IndexState& index, KelULong tile, K
 const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want);
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want);
 
-const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mostLost);
+/// Makes a band's bytes of its cells, which stand without gaps: the encoder's side is not known
+/// here. Raises 8.
+using BandEncoder = OwnedArray<std::uint8_t> (*)(const Box& box, std::int32_t* cells);
+/// With an encoder, bands whose bits are damaged are mended.
+const KelIndexFindings* FindingsOf(IndexState& index, KelULong tile, KelULong mostLost,
+                                   BandEncoder encode);
 
 /// Makes the records of a tile's components, by those of the tile that was looked at before. Raises
 /// 8.

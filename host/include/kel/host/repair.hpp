@@ -14,6 +14,7 @@ struct RepairParams {
 struct RepairReport {
   std::uint64_t bytes = 0;      ///< written
   std::uint64_t corrected = 0;  ///< lengths, numbers and counts that were wrong
+  std::uint64_t mended = 0;     ///< bands that hold what is sound of damaged ones
   std::uint64_t emptied = 0;    ///< bands, within packets that are there, of which nothing is left
   std::vector<Loss> losses;     ///< packets that are empty now, or without a band that they had
   std::uint64_t numLosses = 0;
