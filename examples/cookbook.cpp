@@ -55,8 +55,10 @@ std::string Describe(const std::string& path) {
 
 // 7. A picture that never stands in memory, from rows as they come to a file.
 void WriteRows(RowSource& rows, const std::string& path) {
+  EncodeParams params;
+  params.quality = 80;
   FileSink file(path);
-  Encode(rows, {.quality = 80}, file);
+  Encode(rows, params, file);
 }
 
 // 8. What has arrived of a file, better with every piece.
@@ -81,8 +83,10 @@ void WriteHalf(const std::string& from, const std::string& to) {
 bool DecodeStranger(const std::string& path, Image& image) {
   try {
     const LimitScope limits({.maxPixels = 100'000'000, .seconds = 10});
+    DecodeParams params;
+    params.acceptIncomplete = true;
     FileSource file(path);
-    image = Decode(file, {.acceptIncomplete = true});
+    image = Decode(file, params);
     return true;
   } catch (const Error& error) {
     std::fprintf(stderr, "%s\n", error.what());
