@@ -203,7 +203,8 @@ OwnedArray<std::uint32_t> ReadChecksums(Examination& at, const KelIndexTilePart&
     const std::uint64_t numSums = last / format::kChecksumBytes - 1;
     sums.Grow(used + numSums, used);
     for (std::uint64_t i = 0; i < numSums; ++i) {
-      sums[used++] = LoadBE32(bytes.bytes.Data() + (i + 1) * format::kChecksumBytes);
+      sums[static_cast<std::size_t>(used++)] =
+          LoadBE32(bytes.bytes.Data() + (i + 1) * format::kChecksumBytes);
     }
   }
   return sums;
