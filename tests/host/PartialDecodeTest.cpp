@@ -51,6 +51,13 @@ TEST(PartialDecode, EverySourceAndDamagedLengthsGiveTheSameSamples) {
       CallbackSource pipe = Pipe(memory);
       test::ExpectSamePlanes(Decode(pipe, params), expected);
       test::ExpectSamePlanes(DecodePart(damaged, params), expected);
+      // Rows of tiles one after the other.
+      MemorySource again(bytes);
+      ImageRowSink rows;
+      DecodeReport report = RowDecoder(again, params).Decode(rows);
+      EXPECT_TRUE(report.complete);
+      EXPECT_EQ(report.numTiles, 6U);
+      test::ExpectSamePlanes(rows.image, expected);
     }
   }
 }
