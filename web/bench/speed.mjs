@@ -1,12 +1,13 @@
 // How fast the modules code a PPM file in this engine, beside the command: megabytes of samples per
-// second, the best of several rounds. Arguments: the package's folder, the picture, commands as
-// NAME=PATH to be measured in the same rounds.
+// second of processor time, the best of several rounds; that of commands has their start and their files
+// in it. Arguments: the package's folder, the picture, commands as NAME=PATH to be measured in the same
+// rounds.
 
 import {execFileSync} from 'node:child_process';
 import {mkdtempSync, readFileSync, rmSync} from 'node:fs';
 import {tmpdir} from 'node:os';
 import {join, resolve} from 'node:path';
-import {argv} from 'node:process';
+import {argv, cpuUsage} from 'node:process';
 import {pathToFileURL} from 'node:url';
 
 const [folder, picture, ...commands] = argv.slice(2);
@@ -24,6 +25,11 @@ const pixels = {
 const megabytes = pixels.data.length / 1e6;
 const work = mkdtempSync(join(tmpdir(), 'kel-speed-'));
 
+const processorTime = () => {
+  const {user, system} = cpuUsage();
+  return (user + system) / 1000;
+};
+
 const rows = [];
 for (const [name, vectors] of [
   ['module, vectors', true],
@@ -34,30 +40,33 @@ for (const [name, vectors] of [
   rows.push({
     name,
     run: (options) => {
-      const began = performance.now();
+      const began = processorTime();
       const {data} = core.encode(pixels, options);
-      const encoded = performance.now();
+      const encoded = processorTime();
       core.decode(data);
-      return [encoded - began, performance.now() - encoded];
+      return [encoded - began, processorTime() - encoded];
     },
   });
 }
 for (const given of commands) {
   const [name, command] = given.split('=');
-  const said = (args) => {
-    const child = execFileSync('sh', ['-c', '"$0" "$@" 2>&1', command, ...args], {
+  const took = (args) => {
+    const said = execFileSync('bash', ['-c', '"$0" "$@" >/dev/null && times', command, ...args], {
       encoding: 'utf8',
       cwd: work,
     });
-    return (1000 * megabytes) / Number(/([\d.]+) MB\/s/.exec(child)[1]);
+    const [user, system] = [...said.split('\n')[1].matchAll(/(\d+)m([\d.]+)s/g)].map(
+      ([, minutes, seconds]) => 60 * minutes + Number(seconds),
+    );
+    return 1000 * (user + system);
   };
   rows.push({
     name,
     run: ({lossless, quality}) => {
       const how = lossless ? ['--lossless'] : ['-q', String(quality)];
       return [
-        said(['encode', '--verbose', '--quiet', '-j', '1', ...how, resolve(picture), 'x.kel']),
-        said(['decode', '--verbose', '--quiet', '-j', '1', 'x.kel', 'x.ppm']),
+        took(['encode', '--quiet', '--overwrite', '-j', '1', ...how, resolve(picture), 'x.kel']),
+        took(['decode', '--quiet', '--overwrite', '-j', '1', 'x.kel', 'x.ppm']),
       ];
     },
   });
