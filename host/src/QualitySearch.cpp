@@ -9,6 +9,8 @@ namespace kel::host {
 namespace {
 
 constexpr int kMostMeasurements = 10, kMostEstimates = 3;
+/// Fractional qualities are multiples of one by this.
+constexpr double kFractionalSteps = 1024;
 /// Where fractional qualities have closed in, and how far around a point a curve is known.
 constexpr double kFinestDifference = 0.01, kKnownAround = 0.7;
 
@@ -31,7 +33,10 @@ double NextQuality(const QualityTarget& target, const RisingCurve& curve,
     const double length = above->quality - below->quality;
     quality = std::clamp(quality, below->quality + 0.02 * length, above->quality - 0.02 * length);
   }
-  return std::clamp(target.isFractional ? quality : std::round(quality), least, most);
+  // Whole steps, so that the last digits of logarithms, in which standard libraries differ, never
+  // show in what is coded.
+  const double steps = target.isFractional ? kFractionalSteps : 1;
+  return std::clamp(std::round(quality * steps) / steps, least, most);
 }
 
 }  // namespace
