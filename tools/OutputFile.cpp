@@ -175,6 +175,7 @@ void OutputFile::Fail(const std::string& what) const {
 }
 
 void OutputFile::Write(host::ByteView bytes) {
+  if (bytes.empty()) return;  // of which there may be no address
   std::FILE* const file = path_ == kStandardStream ? stdout : file_;
   if (std::fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
     Fail(std::string("cannot be written: ") + std::strerror(errno));

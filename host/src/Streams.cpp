@@ -145,6 +145,7 @@ FileSink::FileSink(std::FILE* file, const std::string& name)
     : owned_(nullptr, KeepOpen), file_(file), name_(name) {}
 
 void FileSink::Write(ByteView bytes) {
+  if (bytes.empty()) return;  // of which there may be no address
   if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) {
     throw Error(Failure::kOutput, name_, "cannot be written: " + Reason());
   }
