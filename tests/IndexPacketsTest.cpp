@@ -137,6 +137,17 @@ TEST_F(IndexPackets, WhatHasNotArrivedIsNotPromised) {
   EXPECT_EQ(file.index.GetPackets(&want)->count, all.count - 1);
   EXPECT_FALSE(file.index.GetPackets(&want)->areAll);
   EXPECT_FALSE(file.index.GetRanges(&want)->areAll);
+  // Ranges of one reduction after the other, by a list that is kept, are those of each alone.
+  for (const Bytes& bytes : {whole, cut, Bytes(whole.begin(), whole.end() - 900)}) {
+    MemoryIndex kept(bytes);
+    for (KelULong reduce = 0; reduce < 5; ++reduce) {
+      MemoryIndex fresh(bytes);
+      const KelIndexWant reduced{0, -1, reduce, 0};
+      const KelIndexRanges a = *kept.index.GetRanges(&reduced),
+                           b = *fresh.index.GetRanges(&reduced);
+      EXPECT_EQ(std::tuple(a.count, a.bytes, a.areAll), std::tuple(b.count, b.bytes, b.areAll));
+    }
+  }
   SweepRefusals(memory, [&] {
     MemoryIndex index(whole);
     if (index.code != KelOK) return index.code;

@@ -10,11 +10,13 @@ namespace {
 
 constexpr std::size_t kShownRanges = 4;
 
-/// Calls visit(tile, reduce, ranges) for every tile and resolution.
+/// Calls visit(tile, reduce, ranges) for every resolution of the tiles of which there is something:
+/// a header can announce many more.
 template <class Visit>
 void EachResolution(host::Picture& picture, Visit&& visit) {
   const std::uint32_t numTiles = picture.TilesAcross() * picture.TilesDown();
   for (std::uint32_t tile = 0; tile < numTiles; ++tile) {
+    if (picture.PlacesOf(tile).empty()) continue;
     for (unsigned reduce = 0; reduce <= picture.Levels(); ++reduce) {
       visit(tile, reduce, picture.BytesOf(tile, reduce));
     }

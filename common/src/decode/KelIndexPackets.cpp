@@ -4,6 +4,7 @@
 // packet that does not fit into its tile-part ends the walk: where those behind it stand is not
 // known. The layout is released with the walk's end.
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "KelDecMap.h"
@@ -24,26 +25,34 @@ bool IsWanted(const KelIndexWant& want, const KelIndexPacket& packet) {
   return isOfComponent && isOfResolution && isOfLayer;
 }
 
-/// How many packets of a tile are wanted, as far as the layout tells: an order may leave some out.
-std::uint64_t CountWanted(const KelIndexWant& want, const TileRecord& tile, std::int32_t numComps) {
-  std::uint64_t count = 0;
+/// Counts the packets of a tile's layout, by the largest reduction of which they are still wanted.
+void CountPackets(IndexState& index, const TileRecord& tile, std::int32_t numComps) {
+  std::fill(std::begin(index.numLaidOut), std::end(index.numLaidOut), std::uint64_t{0});
   for (std::int32_t c = 0; c < numComps; ++c) {
-    const DecTileComp& comp = *tile.comps[c].dec;
-    for (std::int32_t r = 0; r <= comp.numLevels; ++r) {
-      const KelIndexPacket lowest = {static_cast<KelULong>(c),
-                                     static_cast<KelULong>(r),
-                                     0,
-                                     static_cast<KelULong>(comp.numLevels - r),
-                                     0,
-                                     0,
-                                     0,
-                                     0};
-      if (IsWanted(want, lowest)) count += AsCount(PrecinctsOf(tile.comps[c], r).Count());
+    if (index.wanted.component >= 0 && c != index.wanted.component) continue;
+    const std::int32_t levels = tile.comps[c].dec->numLevels;
+    for (std::int32_t r = 0; r <= levels; ++r) {
+      std::uint64_t& count = index.numLaidOut[r == 0 ? format::kMostLevels : levels - r];
+      count = SaturatingAdd(count, AsCount(PrecinctsOf(tile.comps[c], r).Count()));
     }
   }
-  const KelULong numLayers = static_cast<KelULong>(tile.dec->params.style->numLayers);
-  return SaturatingMul(count,
-                       want.numLayers == 0 ? numLayers : std::min(want.numLayers, numLayers));
+  const auto layers = static_cast<std::uint64_t>(tile.dec->params.style->numLayers);
+  const std::uint64_t wanted = index.wanted.numLayers;
+  for (std::uint64_t& count : index.numLaidOut) {
+    count = SaturatingMul(count, wanted == 0 ? layers : std::min(wanted, layers));
+  }
+  index.isLaidOut = true;
+}
+
+/// How many packets of a tile are wanted of a reduction, as far as the layout tells: an order may
+/// leave some out.
+std::uint64_t NumWanted(const IndexState& index, KelULong reduce) {
+  std::uint64_t count = 0;
+  for (KelULong r = std::min<KelULong>(reduce, format::kMostLevels); r <= format::kMostLevels;
+       ++r) {
+    count = SaturatingAdd(count, index.numLaidOut[r]);
+  }
+  return count;
 }
 
 void RecordPacket(IndexState& index, const KelIndexPacket& packet) {
@@ -100,7 +109,10 @@ void ListPackets(IndexState& index) {
     if (part == nullptr || !data.MoveTo(static_cast<std::int64_t>(part->offset))) return;
     const HeaderResult header = ReadTilePartHeader(map, data, tile);
     if (header.refusal.errCode != KelOK || header.incomplete) return;
-    if (k == 0) numLeft = CountWanted(index.wanted, tile, map.numComps);
+    if (k == 0) {
+      CountPackets(index, tile, map.numComps);
+      numLeft = NumWanted(index, index.wanted.reduce);
+    }
     if (!ListPacketsOfPart(index, tile, *part, numLeft)) return;
     index.packets.areAll = numLeft == 0 || CurrentPacket(*tile.dec->walk) == nullptr;
     if (index.packets.areAll) return;
@@ -124,7 +136,7 @@ void RecordRange(IndexState& index, std::uint64_t offset, std::uint64_t length) 
 }
 
 /// Brings ranges into the order of the data and joins those that touch or overlap.
-void JoinRanges(IndexState& index) {
+void JoinRanges(IndexState& index, bool areAll) {
   KelIndexRange* begin = index.rangeList;
   KelIndexRange* end = begin + index.ranges.count;
   std::sort(begin, end, [](const auto& a, const auto& b) { return a.offset < b.offset; });
@@ -137,7 +149,7 @@ void JoinRanges(IndexState& index) {
       begin[used++] = *range;
     }
   }
-  index.ranges = {begin, used, 0, index.packets.areAll};
+  index.ranges = {begin, used, 0, areAll};
   for (KelULong i = 0; i < used; ++i) index.ranges.bytes += begin[i].length;
 }
 
@@ -155,6 +167,22 @@ void ListRanges(IndexState& index, const KelIndexWant& want) {
       RecordRange(index, next->offset, IsWanted(want, *next) ? next->length : format::kCountBytes);
     }
   }
+}
+
+/// Whether what is listed holds what is wanted: the list of a lower reduction has more.
+bool HoldsWanted(const IndexState& index, const KelIndexWant& want) {
+  const KelIndexWant& held = index.wanted;
+  return index.hasPackets && held.tile == want.tile && held.component == want.component &&
+         held.reduce <= want.reduce && held.numLayers == want.numLayers;
+}
+
+/// Whether all that is wanted is in the list, which may have been made for more.
+bool AreAllListed(const IndexState& index, const KelIndexWant& want) {
+  if (index.packets.areAll || !index.isLaidOut) return index.packets.areAll;
+  const KelIndexPacket* begin = index.packetList;
+  const auto count = std::count_if(begin, begin + index.packets.count,
+                                   [&](const auto& packet) { return IsWanted(want, packet); });
+  return AsCount(count) >= NumWanted(index, want.reduce);
 }
 
 }  // namespace
@@ -176,7 +204,7 @@ void ReleasePackets(IndexState& index) noexcept {
   index.packets = {};
   index.ranges = {};
   index.obtainedPackets = index.obtainedRanges = 0;
-  index.hasPackets = false;
+  index.hasPackets = index.isLaidOut = false;
 }
 
 const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want) {
@@ -184,11 +212,7 @@ const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want) {
       want.component >= index.image->map.numComps) {
     return nullptr;
   }
-  const KelIndexWant& held = index.wanted;
-  const bool isHeld = index.hasPackets && held.tile == want.tile &&
-                      held.component == want.component && held.reduce == want.reduce &&
-                      held.numLayers == want.numLayers;
-  if (!isHeld) {
+  if (!HoldsWanted(index, want) || index.wanted.reduce != want.reduce) {
     ReleasePackets(index);
     ScopeGuard release([&] { ReleasePackets(index); });
     index.wanted = want;
@@ -200,11 +224,12 @@ const KelIndexPackets* PacketsOf(IndexState& index, const KelIndexWant& want) {
   return &index.packets;
 }
 
+// Whoever asks for one reduction after the other has the tile laid out and walked once.
 const KelIndexRanges* RangesOf(IndexState& index, const KelIndexWant& want) {
-  if (PacketsOf(index, want) == nullptr) return nullptr;
+  if (!HoldsWanted(index, want) && PacketsOf(index, want) == nullptr) return nullptr;
   index.ranges.count = 0;
   ListRanges(index, want);
-  JoinRanges(index);
+  JoinRanges(index, AreAllListed(index, want));
   return &index.ranges;
 }
 

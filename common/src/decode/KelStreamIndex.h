@@ -9,6 +9,7 @@
 #include "base/KelMemFuncDefs.h"
 #include "base/KelRaise.h"
 #include "image/KelImageState.h"
+#include "kel/KelFormat.h"
 #include "kel/KelIndex.h"
 
 namespace kel {
@@ -48,6 +49,9 @@ struct IndexState {
   KelIndexPackets packets;
   KelIndexPacket* packetList;
   KelULong obtainedPackets;
+  bool isLaidOut;  ///< the packets of its layout are counted
+  /// Of one layer and the components wanted: wanted of all reductions up to so many levels.
+  std::uint64_t numLaidOut[format::kMostLevels + 1];
   KelIndexRanges ranges;
   KelIndexRange* rangeList;
   KelULong obtainedRanges;
