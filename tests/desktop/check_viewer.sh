@@ -1,9 +1,9 @@
 #!/bin/sh
 # An image viewer on a screen of its own shows a lossless Kel file exactly as it shows the PNG file that
-# was coded, and one that ends early less sharply. Arguments: the loader, kel, the project's folder, a folder
-# for the screenshots.
+# was coded, and one that ends early less sharply; and ImageMagick reads and writes Kel files by the lines of
+# the manual. Arguments: the loader, kel, the project's folder, a folder for the screenshots.
 set -eu
-loader=$1 kel=$2 source=$3 shots=$4
+loader=$1 kel=$2 source=$(cd "$3" && pwd) shots=$4
 work=$(mktemp -d)
 screen=
 trap '[ -z "$screen" ] || kill "$screen"; rm -rf "$work"' EXIT
@@ -46,3 +46,12 @@ show "$work/b/photo" "$shots/kel.png"
 show "$work/c/photo" "$shots/kel-ends-early.png"
 differ=$(compare -metric AE "$shots/png.png" "$shots/kel.png" null: 2>&1 || true)
 [ "$differ" -lt 2000 ] || { echo "the viewer shows another picture: $differ pixels differ"; exit 1; }
+
+mkdir "$work/ImageMagick"
+{ echo '<delegatemap>'; grep '^<delegate ' "$source/docs/desktop.md"; echo '</delegatemap>'; } >"$work/ImageMagick/delegates.xml"
+PATH="$(cd "$(dirname "$kel")" && pwd):$PATH"
+cd "$work"
+convert "$source/examples/images/coffee.png" -strip photo.kel 2>/dev/null
+kel decode --quiet photo.kel expected.png
+convert photo.kel read.png
+[ "$(compare -metric AE expected.png read.png null: 2>&1)" = 0 ] || { echo "ImageMagick reads another picture"; exit 1; }
