@@ -91,7 +91,7 @@ Measured Measure(const std::string& file, const BenchOptions& options) {
   return measured;
 }
 
-double Speed(const Measured& measured, double seconds) {
+double MegabytesPerSecond(const Measured& measured, double seconds) {
   return static_cast<double>(measured.sampleBytes) / 1e6 / std::max(seconds, 1e-9);
 }
 
@@ -104,8 +104,8 @@ void PrintRow(const Measured& measured) {
   char psnr[16] = "exact";
   if (std::isfinite(measured.psnr)) std::snprintf(psnr, sizeof psnr, "%.2f", measured.psnr);
   std::printf("%6u x %-6u %11.1f %11.1f %11llu %7.3f %8s %8.5f %9.1f  %s\n", measured.width,
-              measured.height, Speed(measured, measured.encodeSeconds),
-              Speed(measured, measured.decodeSeconds),
+              measured.height, MegabytesPerSecond(measured, measured.encodeSeconds),
+              MegabytesPerSecond(measured, measured.decodeSeconds),
               static_cast<unsigned long long>(measured.bytes), BitsPerPixel(measured), psnr,
               measured.ssim, peak / 1e6, measured.name.c_str());
 }
@@ -120,8 +120,8 @@ Json RowJson(const Measured& measured) {
           {"bits_per_pixel", BitsPerPixel(measured)},
           {"encode_seconds", measured.encodeSeconds},
           {"decode_seconds", measured.decodeSeconds},
-          {"encode_mb_per_s", Speed(measured, measured.encodeSeconds)},
-          {"decode_mb_per_s", Speed(measured, measured.decodeSeconds)},
+          {"encode_mb_per_s", MegabytesPerSecond(measured, measured.encodeSeconds)},
+          {"decode_mb_per_s", MegabytesPerSecond(measured, measured.decodeSeconds)},
           {"psnr", isExact ? Json(nullptr) : Json(measured.psnr)},
           {"ssim", measured.ssim},
           {"identical", isExact},

@@ -2,6 +2,14 @@
 #include "CommandLine.hpp"
 
 #include <kel/KelMemory.h>
+#include <kel/host/errors.hpp>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+
+#include "Console.hpp"
+#include "Files.hpp"
 
 namespace kel::tool {
 namespace {
@@ -39,6 +47,27 @@ std::string FailureMessage(const CLI::App*, const CLI::Error& error) {
          "; --help tells what is possible\n";
 }
 
+bool HasCommand(const CLI::App& app, const std::string& name) {
+  const auto all = app.get_subcommands([](const CLI::App*) { return true; });
+  return std::ranges::any_of(all,
+                             [&](const CLI::App* command) { return command->get_name() == name; });
+}
+
+int RunChosen(const Run& run, const std::string& command) {
+  try {
+    return run();
+  } catch (const UsageError& error) {
+    PrintMessage(std::string(error.what()) + "; see kel " + command + " --help");
+    return kUsage;
+  } catch (const host::Error& error) {
+    PrintMessage(Describe(error));
+    return ExitCodeOf(error);
+  } catch (const std::bad_alloc&) {
+    PrintMessage("out of memory");
+    return kMemoryLimit;
+  }
+}
+
 }  // namespace
 
 void DeclareCommandLine(CLI::App& app, Run& run) {
@@ -65,6 +94,26 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
       "  kel compare photo.png back.png       how far it is from the original\n"
       "  kel info photo.kel                   what is in the file\n"
       "kel COMMAND --help tells the options of a command.\n");
+}
+
+int RunCommandLine(int argc, char** argv) {
+  CLI::App app;
+  Run run;
+  DeclareCommandLine(app, run);
+  if (argc < 2) {
+    std::cerr << app.help();
+    return kUsage;
+  }
+  if (argv[1][0] != '-' && !HasCommand(app, argv[1])) {
+    PrintMessage(std::string("there is no command ") + argv[1] + "; kel --help lists all");
+    return kUsage;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  return RunChosen(run, app.get_subcommands().front()->get_name());
 }
 
 }  // namespace kel::tool

@@ -5,8 +5,7 @@
 #ifndef KEL_TOOLS_COMMAND_LINE_HPP
 #define KEL_TOOLS_COMMAND_LINE_HPP
 
-#include <CLI/CLI.hpp>
-#include <iosfwd>
+#include <string>
 
 #include "Commands.hpp"
 
@@ -15,12 +14,14 @@ namespace kel::tool {
 /// Declares everything; `run` becomes the function of the chosen subcommand.
 void DeclareCommandLine(CLI::App& app, Run& run);
 
-/// The manual page, in the man macros of roff.
-void WriteManual(const CLI::App& app, std::ostream& out);
-/// The completion for bash.
-void WriteCompletion(const CLI::App& app, std::ostream& out);
-/// Commands and options as JSON.
-void WriteOptionTable(const CLI::App& app, std::ostream& out);
+/// What the program does: reads the command line and runs the subcommand that it names.
+/// Returns the code for the process to end with.
+int RunCommandLine(int argc, char** argv);
+
+/// The table, written into a folder: the manual page `kel.1` in the man macros of roff, the
+/// completion for bash `kel.bash`, and commands and options as JSON, `kel-options.json`.
+/// Returns whether all could be written.
+bool WriteReference(const std::string& folder);
 
 }  // namespace kel::tool
 

@@ -1,8 +1,9 @@
 // The manual page, the completion and the table of options, written from the declared command
 // line, so that none of them can lack an option that another has.
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <fstream>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <sstream>
 #include <vector>
 
@@ -156,8 +157,6 @@ std::string CompletionArm(const CLI::Option& option) {
                 : pattern + ") return ;;";
 }
 
-}  // namespace
-
 void WriteManual(const CLI::App& app, std::ostream& out) {
   std::string version = app.version();
   version = version.substr(0, version.find(','));
@@ -223,6 +222,20 @@ void WriteOptionTable(const CLI::App& app, std::ostream& out) {
                                      {"options", options}};
   }
   out << commands.dump(2) << '\n';
+}
+
+}  // namespace
+
+bool WriteReference(const std::string& folder) {
+  CLI::App app;
+  Run run;
+  DeclareCommandLine(app, run);
+  std::ofstream manual(folder + "/kel.1"), completion(folder + "/kel.bash");
+  std::ofstream table(folder + "/kel-options.json");
+  WriteManual(app, manual);
+  WriteCompletion(app, completion);
+  WriteOptionTable(app, table);
+  return manual.good() && completion.good() && table.good();
 }
 
 }  // namespace kel::tool
