@@ -88,7 +88,8 @@ def _decode(job, options, psnr):
 
 
 def _check(job, options, psnr):
-    return {"bytes": os.path.getsize(job.output), **_likeness(job)}
+    status = os.stat(job.output)
+    return {"bytes": status.st_size, "output_mtime_ns": status.st_mtime_ns, **_likeness(job)}
 
 
 _DO = {"encode": _encode, "decode": _decode, "check": _check}
@@ -157,7 +158,11 @@ class Manifest:
         if (entry["input"], entry["input_bytes"], entry["input_mtime_ns"], entry["options"]) != (
                 job.input, job.size, job.mtime, options):
             return False
-        return os.path.exists(job.output) and os.path.getsize(job.output) == entry["bytes"]
+        with contextlib.suppress(OSError):
+            status = os.stat(job.output)
+            checked = entry.get("output_mtime_ns", status.st_mtime_ns)
+            return (status.st_size, status.st_mtime_ns) == (entry["bytes"], checked)
+        return False
 
     def close(self):
         self._file.close()

@@ -96,8 +96,11 @@ def test_runs_go_on_and_failures_are_told(cluster, photo, tmp_path, capsys):
     assert kel.fleet.main(["check", paths[0], paths[1], *common]) == 0
     assert {e["identical"] for e in lines_of(tmp_path / "out/check.jsonl")} == {False}
     write_ppm(tmp_path / "in/7.ppm", photo[:40, :40])
+    changed = tmp_path / "out/2.kel"
+    changed.write_bytes(bytes(changed.stat().st_size))
     assert kel.fleet.main(["check", paths[0], paths[1], *common]) == 2
-    assert "7.kel" in capsys.readouterr().err
+    told = capsys.readouterr().err
+    assert "7.kel" in told and "2.kel" in told
 
 
 def lines_of_whole(path):
