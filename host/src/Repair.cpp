@@ -166,7 +166,8 @@ PlannedPart Repairer::PlanPart(const KelIndexFindings& found, std::uint32_t tile
   const std::span flaws(found.flaws, found.numFlaws);
   const auto isOfPart = [&](const auto& record) { return record.part == number; };
   const std::span lost(found.lost, found.numLost);
-  const auto numLost = static_cast<std::uint64_t>(std::ranges::count_if(lost, isOfPart));
+  const auto numLost =
+      static_cast<std::uint64_t>(std::count_if(lost.begin(), lost.end(), isOfPart));
   const bool isFlawed = std::ranges::any_of(
       flaws, [&](const KelIndexFlaw& flaw) { return isOfPart(packets[flaw.packet]); });
   const bool isChanged = numLost != 0 || isFlawed ||
