@@ -28,6 +28,8 @@ std::optional<ImageFormat> FormatOfName(const std::string& name);
 /// Whether a file of that name can be written as an image, and the endings of such names.
 bool IsWrittenName(const std::string& name);
 std::vector<std::string> WrittenEndings();
+/// The endings of files that can be read.
+std::vector<std::string> ReadEndings();
 
 /// Told what is wrong with a file, or lost on the way; may throw to refuse it.
 using Warn = std::function<void(const std::string&)>;

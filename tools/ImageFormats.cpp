@@ -163,6 +163,15 @@ std::vector<std::string> EndingsOf(const FormatEntry& entry) {
   return endings;
 }
 
+template <class Predicate>
+std::vector<std::string> EndingsOfThose(Predicate isMeant) {
+  std::vector<std::string> endings;
+  for (const FormatEntry& entry : kFormats) {
+    if (isMeant(entry)) std::ranges::move(EndingsOf(entry), std::back_inserter(endings));
+  }
+  return endings;
+}
+
 /// "A, B or C" of the names of formats that are read.
 std::string ReadableNames() {
   std::vector<std::string> names;
@@ -206,11 +215,11 @@ bool IsWrittenName(const std::string& name) {
 }
 
 std::vector<std::string> WrittenEndings() {
-  std::vector<std::string> endings;
-  for (const FormatEntry& entry : kFormats) {
-    if (entry.make != nullptr) std::ranges::move(EndingsOf(entry), std::back_inserter(endings));
-  }
-  return endings;
+  return EndingsOfThose([](const FormatEntry& entry) { return entry.make != nullptr; });
+}
+
+std::vector<std::string> ReadEndings() {
+  return EndingsOfThose([](const FormatEntry& entry) { return entry.open != nullptr; });
 }
 
 std::unique_ptr<RowSource> OpenImage(BufferedSource& source, const ReadSettings& settings) {

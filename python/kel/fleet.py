@@ -26,8 +26,9 @@ import kel
 from kel import _kel
 from kel._options import ENCODE
 
-IMAGES = {".png", ".ppm", ".pgm", ".pbm", ".pam", ".pnm", ".tif", ".tiff", ".jpg", ".jpeg"}
-FORMATS = ("png", "ppm", "pgm", "pbm", "pam", "tif", "tiff", "jpg", "jpeg")
+#: Of the files of folders that are images, and of those that can be made.
+IMAGES = set(_kel.READ_ENDINGS)
+FORMATS = tuple(ending[1:] for ending in _kel.WRITTEN_ENDINGS)
 
 #: What the kit may use of a worker's memory; the rest is the interpreter's and the files' bytes.
 _SHARE = 0.6

@@ -14,6 +14,7 @@
 
 #include "Data.hpp"
 #include "Files.hpp"
+#include "ImageFile.hpp"
 #include "InfoJson.hpp"
 #include "InfoRanges.hpp"
 #include "OutputFile.hpp"
@@ -392,6 +393,8 @@ PYBIND11_MODULE(_kel, module) {
   module.def("set_memory_limit", &SetMemoryLimit);
   module.def("memory_limit", [] { return CurrentRoom()->bytes; });
   module.attr("CODING_OPTIONS") = py::cast(CodingOptions());
+  module.attr("READ_ENDINGS") = py::cast(kel::tool::ReadEndings());
+  module.attr("WRITTEN_ENDINGS") = py::cast(kel::tool::WrittenEndings());
   module.def("encode", &Encode);
   module.def("write", &Write);
   module.def("decode", &Decode);
