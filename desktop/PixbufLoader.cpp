@@ -77,7 +77,7 @@ class Loading {
 
   /// The header is there: the program is told the size, and may want another one.
   void Begin() {
-    const Image image = decoder_->GetImage();
+    const Image& image = decoder_->Description();
     if (image.width > G_MAXINT || image.height > G_MAXINT) {
       throw Error(Failure::kMemory, "the picture is too large to be shown whole");
     }

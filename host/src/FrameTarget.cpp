@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kel/host/limits.hpp"
+
 namespace kel::host {
 namespace {
 
@@ -134,16 +136,33 @@ std::uint64_t PlaneBytes(const std::vector<ComponentArea>& areas) {
   return bytes;
 }
 
-std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas) {
+namespace {
+
+template <class Make>
+std::vector<Plane> PlanesOf(const std::vector<ComponentArea>& areas, Make make) {
   std::vector<Plane> planes;
   for (const ComponentArea& area : areas) {
     if (area.depth > 32) throw Error(Failure::kInput, "samples of more than 32 bits");
-    Plane& plane = planes.emplace_back(static_cast<std::uint32_t>(area.x1 - area.x0),
-                                       static_cast<std::uint32_t>(area.y1 - area.y0), area.depth);
+    Plane& plane =
+        planes.emplace_back(make(static_cast<std::uint32_t>(area.x1 - area.x0),
+                                 static_cast<std::uint32_t>(area.y1 - area.y0), area.depth));
     plane.xStep = area.xStep;
     plane.yStep = area.yStep;
   }
   return planes;
+}
+
+}  // namespace
+
+std::vector<Plane> DescribePlanes(const std::vector<ComponentArea>& areas) {
+  return PlanesOf(areas, [](std::uint32_t width, std::uint32_t height, unsigned depth) {
+    CheckPixels(width, height);
+    return Plane::WithoutSamples(width, height, depth);
+  });
+}
+
+std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas) {
+  return PlanesOf(areas, [](auto... shape) { return Plane(shape...); });
 }
 
 FrameTarget::FrameTarget(const std::vector<ComponentArea>& whole,

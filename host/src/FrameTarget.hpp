@@ -29,8 +29,9 @@ std::int64_t HalvedEdge(std::int64_t edge, unsigned times);
 /// Areas of all components of an image after so many halvings by the decoder.
 std::vector<ComponentArea> ComponentAreas(const KelImageGeometry& geometry, unsigned halvings);
 
-/// Bytes of the planes for these areas, and the planes.
+/// Bytes of the planes for these areas, the planes without samples, and with them.
 std::uint64_t PlaneBytes(const std::vector<ComponentArea>& areas);
+std::vector<Plane> DescribePlanes(const std::vector<ComponentArea>& areas);
 std::vector<Plane> MakePlanes(const std::vector<ComponentArea>& areas);
 
 /// The request for one frame of an image object, into a rectangle of the planes.

@@ -17,6 +17,9 @@ constexpr std::size_t kLeastStep = 4096;
 /// The header is looked for again when the bytes have grown by this part.
 constexpr std::size_t kHeaderGrowth = 8;
 constexpr std::uint8_t kEoc = 0xD9;
+/// End markers at the ends of pieces that were none: so many are looked at, and one more for so
+/// many bytes, which is twice as often as they turn up by chance.
+constexpr std::size_t kFalseEnds = 16, kBytesPerFalseEnd = 32768;
 
 using Update = ProgressiveDecoder::Update;
 
@@ -34,7 +37,9 @@ class Opened {
  public:
   Opened(ByteView bytes, const Index& index, const ProgressiveParams& params);
   void DecodeMore(ByteView bytes, Update& update);
-  const Image& Picture() const { return image_; }
+  const Image& Description() const { return image_; }
+  /// With samples, which are made when they are first asked for.
+  const Image& Picture();
   std::uint8_t MarkerByte() const { return markerByte_; }
   std::size_t NumComplete() const { return numTiles_ - open_.size(); }
 
@@ -53,6 +58,7 @@ class Opened {
   std::vector<Plane> below_;  ///< as the library leaves them, where that is not what is shown
   std::vector<std::uint32_t> open_;  ///< the tiles wanted that are not complete
   std::size_t numTiles_ = 0;
+  bool hasSamples_ = false;  ///< planes in image_, and in below_ where that is needed
   bool hasPackets_ = false;  ///< before, decoding would only fill planes with nothing
 };
 
@@ -74,10 +80,7 @@ Opened::Opened(ByteView bytes, const Index& index, const ProgressiveParams& para
   }
   decoder_.SetExact(false);
   NarrowDecoder(decoder_.Object(), reduce_, box_);
-  const bool needsFinish = target_.NeedsFinish();
-  room_ = MemoryReservation(PlaneBytes(areas_) * (needsFinish ? 2 : 1), "the decoded image");
-  image_.planes = MakePlanes(areas_);
-  if (needsFinish) below_ = MakePlanes(areas_);
+  image_.planes = DescribePlanes(areas_);
   SetSize(image_, box_, reduce_);
   const auto roles = ComponentRoles(decoder_.Object());
   for (std::size_t c = 0; c < areas_.size(); ++c) {
@@ -86,6 +89,22 @@ Opened::Opened(ByteView bytes, const Index& index, const ProgressiveParams& para
   }
   open_ = TilesTouching(*decoder_.Object().GetGeometryParams(), box_);
   numTiles_ = open_.size();
+}
+
+const Image& Opened::Picture() {
+  if (hasSamples_) return image_;
+  const bool needsFinish = target_.NeedsFinish();
+  MemoryReservation room(PlaneBytes(areas_) * (needsFinish ? 2 : 1), "the decoded image");
+  std::vector<Plane> planes = MakePlanes(areas_);
+  for (std::size_t c = 0; c < planes.size(); ++c) {
+    planes[c].role = image_.planes[c].role;
+    planes[c].colour = image_.planes[c].colour;
+  }
+  if (needsFinish) below_ = MakePlanes(areas_);
+  image_.planes = std::move(planes);
+  room_ = std::move(room);
+  hasSamples_ = true;
+  return image_;
 }
 
 /// The part of a tile that is shown.
@@ -117,6 +136,7 @@ void Opened::DecodeMore(ByteView bytes, Update& update) {
     hasPackets_ = Index(bytes).HasPackets();
     if (!hasPackets_) return;
   }
+  Picture();
   KelImage& object = decoder_.Object();
   for (const std::uint32_t tile : open_) {
     if (object.TileIsUntouched(static_cast<KelLong>(tile))) continue;
@@ -146,25 +166,27 @@ void Opened::DecodeMore(ByteView bytes, Update& update) {
 struct ProgressiveDecoder::State {
   explicit State(const ProgressiveParams& itsParams) : params(itsParams) {}
 
-  bool IsWorthALook() const;
+  bool IsWorthALook();
   /// Decodes everything that has come, and adds to the update.
   void Decode();
 
   const ProgressiveParams params;
   Bytes bytes;
   std::size_t numSeen = 0;         ///< bytes, when they were looked at last
+  std::size_t numFalseEnds = 0;    ///< looks for the sake of an end marker that was none
   std::unique_ptr<Opened> opened;  ///< null before the header has arrived
   Update update;                   ///< what has not been told
 };
 
 /// The end marker ends the data; whether it is one, the decoder finds out.
-bool ProgressiveDecoder::State::IsWorthALook() const {
+bool ProgressiveDecoder::State::IsWorthALook() {
   const std::size_t more = bytes.size() - numSeen;
   if (!opened) return more >= numSeen / kHeaderGrowth;
   const std::size_t n = bytes.size();
-  const bool endsHere = n >= 2 && bytes[n - 1] == kEoc && bytes[n - 2] == opened->MarkerByte();
   const std::size_t perTile = n / std::max<std::size_t>(opened->NumComplete(), 1);
-  return endsHere || numSeen == 0 || more >= std::max(kLeastStep, std::min(perTile, numSeen));
+  if (numSeen == 0 || more >= std::max(kLeastStep, std::min(perTile, numSeen))) return true;
+  const bool endsHere = n >= 2 && bytes[n - 1] == kEoc && bytes[n - 2] == opened->MarkerByte();
+  return endsHere && numFalseEnds++ < kFalseEnds + n / kBytesPerFalseEnd;
 }
 
 void ProgressiveDecoder::State::Decode() {
@@ -206,8 +228,13 @@ bool ProgressiveDecoder::HasHeader() const {
   return state_->opened != nullptr;
 }
 
-const Image& ProgressiveDecoder::Look() const {
+const Image& ProgressiveDecoder::Description() const {
   if (!HasHeader()) throw Error(Failure::kIncomplete, "the header has not arrived yet");
+  return state_->opened->Description();
+}
+
+const Image& ProgressiveDecoder::Look() const {
+  Description();
   return state_->opened->Picture();
 }
 

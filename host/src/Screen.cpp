@@ -15,9 +15,32 @@ std::uint8_t Divided(unsigned colour, unsigned opacity) {
   return static_cast<std::uint8_t>(std::min(255U, (colour * 255 + opacity / 2) / opacity));
 }
 
+bool IsOpacity(ChannelRole role) {
+  return role == ChannelRole::kOpacity || role == ChannelRole::kPremultipliedOpacity;
+}
+
+/// Leaves three colours and the opacity: a file may announce channels by the thousand, each of
+/// which would become as large as the picture.
+void DropHidden(Image& image, bool withOpacity) {
+  unsigned numColours = 0, numOpacities = withOpacity ? 0 : 1;
+  const auto isHidden = [&](ChannelRole role, unsigned colour) {
+    if (role == ChannelRole::kColour) return ++numColours > 3;
+    return !IsOpacity(role) || colour != 0 || ++numOpacities > 1;
+  };
+  if (image.palette) {
+    std::erase_if(image.palette->columns,
+                  [&](const Palette::Column& column) { return isHidden(column.role, 0); });
+    return;
+  }
+  OrderPlanes(image);
+  std::erase_if(image.planes,
+                [&](const Plane& plane) { return isHidden(plane.role, plane.colour); });
+}
+
 }  // namespace
 
 void PutScreenPixels(Image image, bool withOpacity, std::uint8_t* to, std::size_t strideBytes) {
+  DropHidden(image, withOpacity);
   MakeOrdinary(image);
   const unsigned numColours = NumColours(image);
   if (numColours == 0) throw Error(Failure::kInput, "the image has no colours");

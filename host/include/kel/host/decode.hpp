@@ -82,7 +82,7 @@ class ProgressiveDecoder {
  public:
   /// What has changed since the last piece.
   struct Update {
-    bool headerIsNew = false;                 ///< GetImage can be called from now on
+    bool headerIsNew = false;  ///< Description, Look and GetImage can be called from now on
     std::vector<std::size_t> improvedTiles;   ///< whose samples became better
     std::vector<std::size_t> completedTiles;  ///< of which nothing more can come
     bool complete = false;                    ///< every tile wanted is complete
@@ -95,13 +95,17 @@ class ProgressiveDecoder {
   ProgressiveDecoder& operator=(const ProgressiveDecoder&) = delete;
 
   /// Takes the next bytes. They are decoded when enough have come to make it worth while, which is
-  /// about once for every tile, when the end marker comes, and when `more` is empty: then all that
-  /// has come is decoded. Throws Error: kInput for data that cannot become an image, kParameter for
-  /// a region outside the picture and more halvings than it holds, kMemory.
+  /// about once for every tile, when the end marker comes (unless many pieces ended with one that
+  /// was none), and when `more` is empty: then all that has come is decoded. Planes are made when
+  /// the first packets have come. Throws Error: kInput for data that cannot become an image,
+  /// kParameter for a region outside the picture and more halvings than it holds, kMemory.
   Update Feed(ByteView more);
   bool HasHeader() const;
+  /// What the header says of the image. Its planes tell their sizes; whether they hold samples
+  /// already, is not said. Throws Error (kIncomplete) before the header is there.
+  const Image& Description() const;
   /// The image as the last Update left it, not a copy: it holds until the next Feed or GetImage.
-  /// Throws Error (kIncomplete) before the header is there.
+  /// Throws as Description, and Error (kMemory) when this makes the planes.
   const Image& Look() const;
   /// Decodes all that has come, and copies the image; the next Update tells what became better by
   /// it. Throws as Feed and Look.
