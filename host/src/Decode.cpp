@@ -8,6 +8,7 @@
 
 #include "Describe.hpp"
 #include "RegionDecode.hpp"
+#include "WholeData.hpp"
 #include "kel/host/session.hpp"
 
 namespace kel::host {
@@ -82,8 +83,8 @@ Image Decode(Source& source, const DecodeParams& params, DecodeReport* report) {
     throw Error(Failure::kParameter, "at most 31 halvings are possible");
   }
   if (IsPartial(params) || IsBeyondBlock(source)) return DecodePartly(source, params, report);
-  Bytes storage;
-  const ByteView bytes = ReadAll(source, storage);
+  const WholeData all(source);
+  const ByteView bytes = all.View();
   Index index(bytes);
   Job job(bytes, index, params.exact);
 

@@ -21,6 +21,15 @@ class OrderedWriter {
     Write(first);
   }
 
+  /// The next bytes of a piece that is not complete. False when others come first.
+  bool PutPart(std::size_t number, ByteView part) {
+    const std::lock_guard lock(mutex_);
+    if (number != next_) return false;
+    Write(part);
+    return true;
+  }
+
+  /// The rest of a piece.
   void Put(std::size_t number, ByteView piece) {
     const std::lock_guard lock(mutex_);
     if (number == next_) {
@@ -64,7 +73,8 @@ std::uint64_t EncodeOnce(const Image& image, TileSamples& samples, const EncodeP
     try {
       std::unique_ptr<TileEncoder>& encoder = encoders[worker];
       if (!encoder) encoder = std::make_unique<TileEncoder>(image, samples, params, quality);
-      writer.Put(tile, encoder->EncodeTile(tile));
+      writer.Put(tile, encoder->EncodeTile(
+                           tile, [&](ByteView part) { return writer.PutPart(tile, part); }));
     } catch (...) {
       samples.Abandon();
       throw;

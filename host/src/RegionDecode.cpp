@@ -5,17 +5,19 @@
 #include <algorithm>
 
 #include "TileReader.hpp"
+#include "WholeData.hpp"
 #include "kel/host/parallel.hpp"
 
 namespace kel::host {
 namespace {
 
-std::unique_ptr<RangeSource> RangesOf(Source& source, Bytes& storage) {
+std::unique_ptr<RangeSource> RangesOf(Source& source, WholeData& storage) {
   if (!IsBeyondBlock(source)) {
     if (const auto view = source.View()) return std::make_unique<MemoryRanges>(*view);
   }
   if (source.Size()) return std::make_unique<SourceRanges>(source);
-  return std::make_unique<MemoryRanges>(ReadAll(source, storage));
+  storage = WholeData(source);
+  return std::make_unique<MemoryRanges>(storage.View());
 }
 
 /// Averages 2 x 2 samples, at even positions of the component's grid.
@@ -104,7 +106,7 @@ struct OpenedPart {
   }
   bool NeedsAverages() const { return stored.reduce < halvings; }
 
-  Bytes storage;
+  WholeData storage;
   const std::unique_ptr<RangeSource> ranges;
   TileReader reader;
   const Region region;

@@ -9,14 +9,15 @@
 #include <cstring>
 #include <utility>
 
+#include "WholeData.hpp"
 #include "kel/host/errors.hpp"
 
 namespace kel::host {
 namespace {
 
-/// What the library takes as one block.
-constexpr std::size_t kMostBytes = INT32_MAX;
 constexpr std::size_t kFirstRead = 65536;
+/// Less than this is not worth a call of the source.
+constexpr std::size_t kSmallRead = BufferedSource::kMostAhead / 4;
 
 int KeepOpen(std::FILE*) {
   return 0;
@@ -112,11 +113,20 @@ ByteView BufferedSource::Peek(std::size_t count) {
 }
 
 std::size_t BufferedSource::Read(std::span<std::uint8_t> to) {
-  const std::size_t ahead = std::min(to.size(), window_.size());
-  std::copy_n(window_.begin(), ahead, to.begin());
-  window_ = window_.subspan(ahead);
-  std::size_t filled = ahead;
+  std::size_t filled = 0;
+  const auto takeAhead = [&] {
+    const std::size_t ahead = std::min(to.size() - filled, window_.size());
+    std::copy_n(window_.begin(), ahead, to.begin() + static_cast<std::ptrdiff_t>(filled));
+    window_ = window_.subspan(ahead);
+    filled += ahead;
+  };
+  takeAhead();
   while (filled < to.size() && !isWhole_) {
+    if (to.size() - filled < kSmallRead) {
+      if (Peek(1).empty()) break;
+      takeAhead();
+      continue;
+    }
     const std::size_t more = source_.Read(to.subspan(filled));
     if (more == 0) break;
     filled += more;
@@ -162,25 +172,18 @@ void MemorySink::Write(ByteView more) {
 }
 
 ByteView ReadAll(Source& source, Bytes& storage) {
-  const auto checked = [](ByteView all) {
-    if (all.size() > kMostBytes) {
-      throw Error(Failure::kInput,
-                  "is larger than 2 GiB, the most that can be read at once; a file can be larger");
-    }
-    return all;
-  };
-  if (const auto view = source.View()) return checked(*view);
+  if (const auto view = source.View()) return AsOneBlock(*view);
   storage.resize(kFirstRead);
   std::size_t filled = 0;
   while (const std::size_t count = source.Read(std::span(storage).subspan(filled))) {
     filled += count;
     if (filled == storage.size()) {
-      checked(storage);
+      AsOneBlock(storage);
       storage.resize(2 * storage.size());
     }
   }
   storage.resize(filled);
-  return checked(storage);
+  return AsOneBlock(storage);
 }
 
 }  // namespace kel::host

@@ -19,6 +19,8 @@ constexpr std::uint64_t kLargestUncut = 1024 * 1024;
 constexpr std::uint32_t kTileWidth = 1024, kTileHeight = 512;
 /// Tiles begin at multiples of this: of what five levels halve, and of the decoder's vectors.
 constexpr std::uint32_t kTileStep = 64;
+/// What a tile makes is handed on in pieces of this size or more, where that can be.
+constexpr std::size_t kPartBytes = 256 * 1024;
 
 TileBox BoxOf(KelImage& image, KelLong component, KelLong tile) {
   const KelImageGeometry& geometry = *image.GetGeometryParams();
@@ -193,6 +195,8 @@ struct TileEncoder::State {
   ~State() { object.Die(); }
 
   static KelLong Write(void* client, const void* source, KelLong count);
+  /// Hands on what is gathered, and then more. False when it has to be gathered too.
+  bool HandOn(ByteView more);
   static std::int64_t StayAtEnd(void* client, std::int64_t position);
   static KelLong CountInterleaved(void* client);
   static KelBufID_I* FetchTile(void* client, KelLong tile, KelLong* error);
@@ -214,7 +218,8 @@ struct TileEncoder::State {
   KelClientProcs clientProcs;
   KelCodeStm stream;
   KelImage object;
-  Bytes written;              ///< of the tile at work
+  Bytes written;  ///< of the tile at work
+  const TakePart* takePart = nullptr;
   std::int64_t position = 0;  ///< bytes written altogether
   /// What was thrown in a callback, through which no exception may pass.
   std::exception_ptr failure;
@@ -225,13 +230,21 @@ KelLong TileEncoder::State::Write(void* client, const void* source, KelLong coun
   auto& self = *static_cast<State*>(client);
   const auto* first = static_cast<const std::uint8_t*>(source);
   try {
-    self.written.insert(self.written.end(), first, first + count);
+    const ByteView more(first, static_cast<std::size_t>(count));
+    if (!self.HandOn(more)) self.written.insert(self.written.end(), more.begin(), more.end());
   } catch (...) {
     self.failure = std::current_exception();
     return -1;
   }
   self.position += count;
   return count;
+}
+
+bool TileEncoder::State::HandOn(ByteView more) {
+  if (takePart == nullptr || !*takePart || written.size() + more.size() < kPartBytes) return false;
+  if (!written.empty() && !(*takePart)(written)) return false;
+  written.clear();
+  return (*takePart)(more);
 }
 
 /// The encoder writes from front to back; bytes that were taken are out of reach.
@@ -319,8 +332,9 @@ KelImage& TileEncoder::Object() {
   return state_->object;
 }
 
-ByteView TileEncoder::EncodeTile(std::size_t tile) {
+ByteView TileEncoder::EncodeTile(std::size_t tile, const TakePart& takePart) {
   state_->written.clear();
+  state_->takePart = &takePart;
   const KelLong code = state_->object.CompressAndWriteTile(static_cast<KelLong>(tile), nullptr);
   if (state_->failure) std::rethrow_exception(state_->failure);
   Check(code, state_->object, Failure::kParameter);

@@ -5,6 +5,7 @@
 #ifndef KEL_HOST_TILE_ENCODER_HPP
 #define KEL_HOST_TILE_ENCODER_HPP
 
+#include <functional>
 #include <memory>
 
 #include "Library.hpp"
@@ -58,9 +59,12 @@ class TileEncoder {
   std::size_t NumTiles() const;
   /// Boxes and main header.
   const Bytes& Headers() const;
-  /// All tile-parts of a tile; the last tile's end with the end marker. Tiles in increasing order.
-  /// The bytes stand until the next call.
-  ByteView EncodeTile(std::size_t tile);
+  /// Takes the next bytes of the tile at work; false, as long as their turn has not come, to be
+  /// asked again. May throw.
+  using TakePart = std::function<bool(ByteView)>;
+  /// All tile-parts of a tile, less those bytes that were taken on the way; the last tile's end
+  /// with the end marker. Tiles in increasing order. The bytes stand until the next call.
+  ByteView EncodeTile(std::size_t tile, const TakePart& takePart = {});
   KelImage& Object();
 
  private:

@@ -72,6 +72,25 @@ TEST(RowStreams, RowsOfAnyLayoutComeBack) {
   EXPECT_EQ(ErrorOf([&] { ImageRowSource source(uneven); }).Kind(), Failure::kParameter);
 }
 
+// Tiles of more bytes than are held back are handed on in parts, which must not mix with others'.
+TEST(Encode, LargeTilesOfSeveralThreadsComeInOrder) {
+  const Session session;
+  const Image image = NoiseImage(300, 1700, 1, 16);
+  Bytes alone;
+  for (const unsigned threads : {1U, 3U}) {
+    EncodeParams params;
+    params.lossless = true;
+    params.tileHeight = 600;  // 360 kB of noise each
+    params.threads = threads;
+    MemorySink file;
+    Encode(image, params, file);
+    if (threads == 1) alone = file.bytes;
+    EXPECT_EQ(file.bytes, alone);
+  }
+  MemorySource source(alone);
+  EXPECT_TRUE(Compare(image, Decode(source)).identical);
+}
+
 // A highest quality that is coarser than the one below it, or larger for nothing; bits that are
 // coded with loss into more bytes than they take without.
 TEST(Encode, AHigherQualityIsBetterAtEveryDepth) {
