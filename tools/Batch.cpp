@@ -41,14 +41,11 @@ std::string BlameFor(const Task& task, const Error& error) {
   return name + ": ";
 }
 
-Outcome RunWork(const Task& task, const TaskSettings& settings,
-                const std::function<int(const Task&)>& work) {
+Outcome RunWork(const Task& task, const std::function<int(const Task&)>& work) {
   try {
     return {work(task), {}};
   } catch (const Error& error) {
-    const bool advise = error.Kind() == Failure::kMemory;
-    return {ExitCodeOf(error), BlameFor(task, error) + Describe(error) +
-                                   (advise ? settings.memoryAdvice : std::string())};
+    return {ExitCodeOf(error), BlameFor(task, error) + Describe(error)};
   } catch (const std::bad_alloc&) {
     return {kMemoryLimit, NameOf(task.input) + ": out of memory"};
   } catch (const UsageError&) {
@@ -68,12 +65,12 @@ void MakeFolderOf(const std::string& output) {
     throw Error(Failure::kOutput, folder.string(), "cannot be created: " + error.message());
 }
 
-Outcome RunPlanned(const PlannedTask& planned, bool isBatch, const TaskSettings& settings,
+Outcome RunPlanned(const PlannedTask& planned, bool isBatch,
                    const std::function<int(const Task&)>& work) {
   if (planned.skip) return {kDone, {}, true};
   if (!planned.refusal.empty()) return {planned.code, planned.refusal};
   const auto start = std::chrono::steady_clock::now();
-  Outcome outcome = RunWork(planned.task, settings, [&](const Task& task) {
+  Outcome outcome = RunWork(planned.task, [&](const Task& task) {
     if (isBatch) MakeFolderOf(task.output);
     return work(task);
   });
@@ -84,8 +81,10 @@ Outcome RunPlanned(const PlannedTask& planned, bool isBatch, const TaskSettings&
 /// The line of the report for a task.
 Json ReportLine(const Task& task, const TaskNotes& notes, const Outcome& outcome) {
   Json line = {{"input", task.input}, {"output", task.output}};
+  if (!notes.outputs.empty()) line["outputs"] = notes.outputs;
   std::error_code error;
-  const auto bytes = fs::file_size(task.output, error);
+  std::uintmax_t bytes = notes.outputs.empty() ? fs::file_size(task.output, error) : 0;
+  for (const std::string& output : notes.outputs) bytes += fs::file_size(output, error);
   const bool isWritten = outcome.code == kDone || outcome.code == kIncompleteInput;
   if (!error && isWritten) line["bytes"] = bytes;
   if (outcome.skipped) line["skipped"] = true;
@@ -97,8 +96,9 @@ Json ReportLine(const Task& task, const TaskNotes& notes, const Outcome& outcome
   return line;
 }
 
-int RunPlan(TaskPlan& plan, const FileOptions& options, const TaskSettings& settings,
+int RunPlan(TaskPlan& plan, const FileOptions& options,
             const std::function<int(const Task&)>& work) {
+  if (plan.tasks.empty() && !options.quiet) PrintMessage("there are no files to work on");
   ProgressDisplay display(options.quiet ? "none" : options.progress, plan.tasks.size());
   Report report(options.report);
   std::mutex mutex;
@@ -118,7 +118,7 @@ int RunPlan(TaskPlan& plan, const FileOptions& options, const TaskSettings& sett
       };
     }
     const host::LimitScope limited(options.limits);
-    const Outcome outcome = RunPlanned(planned, plan.isBatch, settings, work);
+    const Outcome outcome = RunPlanned(planned, plan.isBatch, work);
     display.ShowDone(index, NameOf(planned.task.input));
     const std::lock_guard lock(mutex);
     if (!outcome.message.empty()) {
@@ -254,7 +254,7 @@ int RunTasks(const FileOptions& options, const TaskSettings& settings,
              const std::function<int(const Task&)>& work) {
   ShowDetails(options.verbose);
   TaskPlan plan = PlanTasks(options, settings);
-  return RunPlan(plan, options, settings, work);
+  return RunPlan(plan, options, work);
 }
 
 void Task::Warn(const std::string& text) const {

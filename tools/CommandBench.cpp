@@ -31,6 +31,7 @@ using Clock = std::chrono::steady_clock;
 struct BenchOptions {
   std::vector<std::string> files;
   CodingOptions coding;
+  host::Limits limits;
   std::uint64_t maxMemory = HalfOfMemory();
   unsigned runs = 5;
   unsigned jobs = 0;
@@ -63,6 +64,11 @@ Measured Measure(const std::string& file, const BenchOptions& options) {
   host::Image image = LoadAnyImage(file, options.jobs);
   host::EncodeParams params = ParamsOf(options.coding);
   params.threads = options.jobs;
+  host::Image mask;
+  if (!options.coding.mask.empty()) {
+    mask = ReadMask(options.coding.mask);
+    params.regionMask = &mask.planes[0];
+  }
   Measured measured{.name = NameOf(file), .width = image.width, .height = image.height};
   for (const host::Plane& plane : image.planes) {
     measured.sampleBytes += std::uint64_t{plane.Width()} * plane.Height() * plane.BytesPerSample();
@@ -138,6 +144,7 @@ int RunBench(const BenchOptions& options) {
                 "bits/px", "PSNR dB", "SSIM", "mem MB");
   }
   for (const std::string& file : options.files) {
+    const host::LimitScope limited(options.limits);
     try {
       const Measured measured = Measure(file, options);
       options.json ? rows.push_back(RowJson(measured)) : PrintRow(measured);
@@ -163,6 +170,7 @@ void AddBenchCommand(CLI::App& app, Run& run) {
       ->required()
       ->type_name("FILE");
   AddCodingOptions(command, options->coding);
+  AddLimitOptions(command, options->limits);
   AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_option("--runs", options->runs, "runs that are counted, behind one that is not")
       ->capture_default_str()

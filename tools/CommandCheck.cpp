@@ -29,6 +29,7 @@ using Json = nlohmann::ordered_json;
 struct CheckOptions {
   FileOptions files;
   bool json = false;
+  std::uint64_t maxMemory = HalfOfMemory();
 };
 
 // ---- Names ----
@@ -217,7 +218,7 @@ Checked CheckFile(const std::string& name, const CheckOptions& options) {
 int RunCheck(const CheckOptions& options) {
   const FileOptions& files = options.files;
   if (files.files.empty() && files.filesFrom.empty()) throw UsageError("files are missing");
-  const host::Session session(HalfOfMemory());
+  const host::Session session(options.maxMemory);
   Names names(files);
   Report report(files.report);
   std::mutex taking, telling;
@@ -269,6 +270,7 @@ void AddCheckCommand(CLI::App& app, Run& run) {
       ->type_name("FILE");
   AddJobsOption(command, files);
   AddLimitOptions(command, files.limits);
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.add_flag("--quiet", files.quiet, "say nothing of files that are sound");
   command.footer(
       "Examples:\n"

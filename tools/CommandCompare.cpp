@@ -46,6 +46,7 @@ void PrintDifference(const host::Image& image, const host::Difference& differenc
 host::Image LoadStored(const std::string& name, unsigned threads) {
   const host::Bytes bytes = ReadInput(name);
   try {
+    const host::MemoryReservation roomOfFile(bytes.size(), "the file");
     host::Image image;
     if (RecogniseImage(bytes)) {
       image = ReadImage(bytes);
@@ -58,7 +59,7 @@ host::Image LoadStored(const std::string& name, unsigned threads) {
     host::UseFullRange(image);
     return image;
   } catch (const host::Error& error) {
-    throw host::Error(error.Kind(), NameOf(name), Describe(error));
+    ThrowAbout(name, error);
   }
 }
 
@@ -118,7 +119,7 @@ host::Image LoadAnyImage(const std::string& name, unsigned threads) {
   try {
     host::MakeOrdinary(image);
   } catch (const host::Error& error) {
-    throw host::Error(error.Kind(), NameOf(name), Describe(error));
+    ThrowAbout(name, error);
   }
   return image;
 }

@@ -110,7 +110,7 @@ void WriteWhole(const DecodeOptions& options, const Task& task, const std::strin
   }
   if (options.rotate != 0 || options.metadata.autoOrient) MakeUpright(image);
   host::Rotate(image, options.rotate);
-  if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix);
+  if (!options.rawPrefix.empty()) WriteRawPlanes(image, options.rawPrefix, task.onExisting);
   if (task.output.empty()) return;
   WarnOfLosses(image, format, task);
   OutputFile output(task.output, task.onExisting);
@@ -120,7 +120,7 @@ void WriteWhole(const DecodeOptions& options, const Task& task, const std::strin
 host::DecodeReport WriteRows(const DecodeOptions& options, const Task& task,
                              const std::string& format, host::RowDecoder& decoder) {
   std::optional<RawPlanes> raw;
-  if (!options.rawPrefix.empty()) raw.emplace(options.rawPrefix);
+  if (!options.rawPrefix.empty()) raw.emplace(options.rawPrefix, task.onExisting);
   std::optional<OutputFile> output;
   std::unique_ptr<host::RowSink> file;
   if (!task.output.empty()) {
@@ -167,7 +167,6 @@ int RunDecode(const DecodeOptions& options) {
   }
   const TaskSettings settings{.ending = "." + options.format,
                               .outputOptional = !options.rawPrefix.empty(),
-                              .memoryAdvice = "; --max-memory SIZE raises the limit",
                               .isInput = IsEncodedName};
   return RunTasks(options.files, settings,
                   [&](const Task& task) { return DecodeTask(options, task); });

@@ -156,7 +156,9 @@ int EncodeTask(const EncodeOptions& options, const host::Image* mask, const Task
     Task one = task;
     for (unsigned number = 1;; ++number) {
       one.output = NameOfPage(task.output, number);
-      if (!EncodePage(options, mask, one, number)) return kDone;
+      const bool isThere = options.files.skipExisting && std::filesystem::exists(one.output);
+      if (!isThere && !EncodePage(options, mask, one, number)) return kDone;
+      if (task.notes != nullptr) task.notes->outputs.push_back(one.output);
     }
   }
   if (!EncodePage(options, mask, task,
@@ -175,7 +177,7 @@ int RunEncode(EncodeOptions& options) {
   }
   const TaskSettings settings{
       .ending = ".kel",
-      .memoryAdvice = "; --max-memory SIZE raises the limit",
+      .manyOutputs = options.reading.page == "all",
       .isInput = [](const std::string& name) { return FormatOfName(name).has_value(); }};
   return RunTasks(options.files, settings,
                   [&](const Task& task) { return EncodeTask(options, mask.get(), task); });
@@ -191,8 +193,8 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
       ->check(CLI::Range(1, 100))
       ->excludes(lossless);
   command.add_flag("--plain", options.plain,
-                   "round to the nearest and write every packet, as first encoders did:\n"
-                   "larger files of the same error");
+                   "round to the nearest and write every packet, as first encoders did\n"
+                   "Files are larger, of the same error.");
   command
       .add_option("--tile", options.tile,
                   "size of tiles [about 1024x512; one up to a megapixel]\n"
@@ -206,8 +208,8 @@ void AddCodingOptions(CLI::App& command, CodingOptions& options) {
                    "code red, green and blue apart from each other");
   command
       .add_option("--chroma", options.chroma,
-                  "444: colours as they are; 420: chroma at half the size both ways, for low\n"
-                  "qualities")
+                  "444: colours as they are; 420: chroma halved both ways\n"
+                  "The latter is for low qualities.")
       ->capture_default_str()
       ->type_name("KIND")
       ->check(CLI::IsMember({"444", "420"}));
@@ -239,8 +241,7 @@ host::Image ReadMask(const std::string& name) {
   try {
     mask = ReadImage(ReadInput(name));
   } catch (const host::Error& error) {
-    if (!error.File().empty()) throw;
-    throw host::Error(error.Kind(), name, error.Sentence());
+    ThrowAbout(name, error);
   }
   host::ExpandPalette(mask);
   return mask;

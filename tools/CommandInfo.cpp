@@ -46,6 +46,7 @@ struct InfoOptions {
   std::vector<std::string> files;
   bool json = false, ranges = false, exif = false, tileParts = false;
   host::Limits limits;
+  std::uint64_t maxMemory = HalfOfMemory();
 };
 
 // ---- For people ----
@@ -162,8 +163,8 @@ Json ExifJson(host::Source& source) {
 }
 
 int RunInfo(const InfoOptions& options) {
-  const auto& [files, asJson, withRanges, withExif, allTileParts, limits] = options;
-  const host::Session session(HalfOfMemory());
+  const auto& [files, asJson, withRanges, withExif, allTileParts, limits, maxMemory] = options;
+  const host::Session session(maxMemory);
   Json all = Json::array();
   int code = kDone;
   for (const std::string& file : files) {
@@ -233,6 +234,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
                    "Positions count from the first byte of the file; what stands in front of the "
                    "tiles is needed always.");
   AddLimitOptions(command, options->limits);
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.footer(
       "Examples:\n"
       "  kel info photo.kel\n"

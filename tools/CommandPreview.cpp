@@ -110,9 +110,7 @@ void AddPreviewCommand(CLI::App& app, Run& run) {
     run = [options] {
       const host::Session session(options->maxMemory);
       if (!options->coding.mask.empty()) options->files.otherInputs = {options->coding.mask};
-      const TaskSettings settings{.ending = ".png",
-                                  .memoryAdvice = "; --max-memory SIZE raises the limit",
-                                  .isInput = [](const std::string& name) {
+      const TaskSettings settings{.ending = ".png", .isInput = [](const std::string& name) {
                                     return IsEncodedName(name) || FormatOfName(name).has_value();
                                   }};
       return RunTasks(options->files, settings,

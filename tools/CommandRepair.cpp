@@ -12,6 +12,11 @@
 namespace kel::tool {
 namespace {
 
+struct RepairOptions {
+  FileOptions files;
+  std::uint64_t maxMemory = 2 * HalfOfMemory();
+};
+
 /// Losses that are told one by one.
 constexpr std::size_t kShownLosses = 20;
 
@@ -31,10 +36,11 @@ int RepairTask(const Task& task) {
 }  // namespace
 
 void AddRepairCommand(CLI::App& app, Run& run) {
-  auto options = std::make_shared<FileOptions>();
+  auto options = std::make_shared<RepairOptions>();
   CLI::App& command =
       *app.add_subcommand("repair", "make of damaged Kel files such as every decoder reads");
-  AddFileOptions(command, *options);
+  AddFileOptions(command, options->files);
+  AddMemoryOption(command, options->maxMemory, "the machine's memory");
   command.footer(
       "Examples:\n"
       "  kel repair cut.kel whole.kel\n"
@@ -43,9 +49,9 @@ void AddRepairCommand(CLI::App& app, Run& run) {
       "nothing wrong with it. What was lost is told; the exit code then is 3.\n");
   command.callback([options, &run] {
     run = [options] {
-      const host::Session session(2 * HalfOfMemory());
+      const host::Session session(options->maxMemory);
       const TaskSettings settings{.ending = ".kel", .isInput = IsEncodedName};
-      return RunTasks(*options, settings, RepairTask);
+      return RunTasks(options->files, settings, RepairTask);
     };
   });
 }

@@ -15,6 +15,7 @@ struct TrimOptions {
   FileOptions files;
   unsigned reduce = 0;
   std::string region;
+  std::uint64_t maxMemory = HalfOfMemory();
 };
 
 int TrimTask(const TrimOptions& options, const Task& task) {
@@ -45,6 +46,7 @@ void AddTrimCommand(CLI::App& app, Run& run) {
                   "keep the tiles that this rectangle touches, given in samples of full size\n"
                   "Decoded, the result is these tiles of the input.")
       ->type_name("WxH+X+Y");
+  AddMemoryOption(command, options->maxMemory, "half of the machine's memory");
   command.footer(
       "Examples:\n"
       "  kel trim --reduce 2 map.kel small.kel           a quarter of width and height\n"
@@ -57,7 +59,7 @@ void AddTrimCommand(CLI::App& app, Run& run) {
       if (options->reduce == 0 && options->region.empty()) {
         throw UsageError("what to leave out is told by --reduce or --region");
       }
-      const host::Session session(HalfOfMemory());
+      const host::Session session(options->maxMemory);
       const TaskSettings settings{.ending = ".kel", .isInput = IsEncodedName};
       return RunTasks(options->files, settings,
                       [&](const Task& task) { return TrimTask(*options, task); });

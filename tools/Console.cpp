@@ -9,6 +9,8 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "Text.hpp"
+
 namespace kel::tool {
 namespace {
 
@@ -45,7 +47,8 @@ std::string Shortened(const std::string& text, std::size_t width) {
 void PrintMessage(const std::string& text) {
   const std::lock_guard lock(mutex);
   const char* clear = barLine.empty() ? "" : kClearLine;
-  std::fprintf(stderr, "%skel: %s\n%s", clear, text.c_str(), barLine.c_str());
+  const std::string shown = Printable(text);  // names of files are anything
+  std::fprintf(stderr, "%skel: %s\n%s", clear, shown.c_str(), barLine.c_str());
   std::fflush(stderr);
 }
 

@@ -106,13 +106,25 @@ int ExitCodeOf(const Error& error) {
   }
 }
 
+void ThrowAbout(const std::string& path, const Error& error) {
+  const std::string name = error.File().empty() ? NameOf(path) : error.File();
+  if (dynamic_cast<const host::TooManyPixels*>(&error) != nullptr) {
+    throw host::TooManyPixels(error.Kind(), name, error.Sentence());
+  }
+  throw Error(error.Kind(), name, error.Sentence());
+}
+
 void ShowDetails(bool shown) {
   detailsAreShown = shown;
 }
 
 std::string Describe(const Error& error) {
   const bool shown = detailsAreShown && !error.Details().empty();
-  return error.what() + (shown ? " (" + error.Details() + ")" : std::string());
+  const bool isOfPixels = dynamic_cast<const host::TooManyPixels*>(&error) != nullptr;
+  const char* advice = error.Kind() != Failure::kMemory ? ""
+                       : isOfPixels                     ? "; --max-pixels COUNT raises the limit"
+                                                        : "; --max-memory SIZE raises the limit";
+  return error.what() + (shown ? " (" + error.Details() + ")" : std::string()) + advice;
 }
 
 std::uint64_t HalfOfMemory() {

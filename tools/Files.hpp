@@ -75,6 +75,7 @@ void AddLimitOptions(CLI::App& command, host::Limits& limits);
 struct TaskNotes {
   std::optional<double> psnr;  ///< of the output against the input, where it was measured
   std::vector<std::string> warnings;
+  std::vector<std::string> outputs;  ///< where they are others than the task's
 };
 
 /// One file to work on.
@@ -93,9 +94,9 @@ struct Task {
 
 /// What is left to vary in RunTasks.
 struct TaskSettings {
-  std::string ending = {};        ///< of output files in a folder, ".kel"
-  bool outputOptional = false;    ///< IN alone is allowed
-  std::string memoryAdvice = {};  ///< appended to messages about the memory limit
+  std::string ending = {};      ///< of output files in a folder, ".kel"
+  bool outputOptional = false;  ///< IN alone is allowed
+  bool manyOutputs = false;     ///< the work names outputs of its own, beginning with the task's
   /// Whether a file found in a folder is an input, by its name.
   std::function<bool(const std::string&)> isInput = [](const std::string&) { return true; };
 };
@@ -135,9 +136,12 @@ std::uint64_t BytesOf(const host::Image& image);
 /// "0.013 s, 55.4 MB/s" of the samples, for work that took since the time given.
 std::string Speed(const host::Image& image, std::chrono::steady_clock::time_point since);
 
-/// Exit code and message of the exception that is being handled. The message says where in the
-/// library a failure was noticed only after ShowDetails.
+/// Exit code and message of the exception that is being handled, with the option that raises the
+/// limit where one was met. The message says where in the library a failure was noticed only after
+/// ShowDetails.
 int ExitCodeOf(const host::Error& error);
+/// The same exception about a file, unless it says already which one.
+[[noreturn]] void ThrowAbout(const std::string& path, const host::Error& error);
 void ShowDetails(bool shown);
 std::string Describe(const host::Error& error);
 

@@ -110,18 +110,20 @@ void ProtectFiles(const std::vector<std::string>& paths) {
 
 bool IsProtected(const std::string& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return false;
+  const int result =
+      path == kStandardStream ? fstat(STDOUT_FILENO, &status) : stat(path.c_str(), &status);
+  if (result != 0) return false;
   const std::lock_guard lock(protectedMutex);
   return protectedFiles.contains({status.st_dev, status.st_ino});
 }
 
 OutputFile::OutputFile(const std::string& path, OnExisting onExisting)
     : path_(path), onExisting_(onExisting) {
+  target_ = path == kStandardStream ? path : Resolve(path);
+  if (IsProtected(target_)) Fail("is one of the inputs, and stays as it is");
   if (path == kStandardStream) return;
-  target_ = Resolve(path);
   struct stat existing {};
   const bool exists = stat(target_.c_str(), &existing) == 0;
-  if (exists && IsProtected(target_)) Fail("is one of the inputs, and stays as it is");
   if (exists && S_ISDIR(existing.st_mode)) Fail("is a directory");
   if (exists && !S_ISREG(existing.st_mode)) {
     file_ = std::fopen(target_.c_str(), "wb");

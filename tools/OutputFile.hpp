@@ -20,7 +20,7 @@ enum class OnExisting { kReplace, kKeep };
 /// From now on no output will replace these files, whatever names they are called by; for the
 /// inputs. Those that do not exist are passed over. "-" is what standard input is read from.
 void ProtectFiles(const std::vector<std::string>& paths);
-/// Whether a path leads to a protected file.
+/// Whether a path leads to a protected file; "-" is where standard output goes.
 bool IsProtected(const std::string& path);
 
 class OutputFile : public host::Sink {

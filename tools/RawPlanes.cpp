@@ -36,7 +36,7 @@ std::string RawPlanes::NameOf(std::size_t plane) const {
 void RawPlanes::Begin(const host::Image& description) {
   host::CopyDescription(description, description_);
   for (std::size_t c = 0; c < description.planes.size(); ++c) {
-    files_.push_back(std::make_unique<OutputFile>(NameOf(c)));
+    files_.push_back(std::make_unique<OutputFile>(NameOf(c), onExisting_));
   }
 }
 
@@ -60,17 +60,19 @@ void RawPlanes::Finish() {
          {"bytes_per_sample", plane.BytesPerSample()},
          {"subsampling", {plane.xStep, plane.yStep}}});
   }
-  OutputFile& json = *files_.emplace_back(std::make_unique<OutputFile>(prefix_ + ".json"));
+  OutputFile& json =
+      *files_.emplace_back(std::make_unique<OutputFile>(prefix_ + ".json", onExisting_));
   const std::string text = description.dump(2) + "\n";
   json.Write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   for (const auto& file : files_) file->Finish();
 }
 
-void WriteRawPlanes(const host::Image& image, const std::string& prefix) {
-  RawPlanes planes(prefix);
+void WriteRawPlanes(const host::Image& image, const std::string& prefix, OnExisting onExisting) {
+  RawPlanes planes(prefix, onExisting);
   host::CopyDescription(image, planes.description_);
   for (std::size_t c = 0; c < image.planes.size(); ++c) {
-    OutputFile& file = *planes.files_.emplace_back(std::make_unique<OutputFile>(planes.NameOf(c)));
+    OutputFile& file =
+        *planes.files_.emplace_back(std::make_unique<OutputFile>(planes.NameOf(c), onExisting));
     AppendPlane(image.planes[c], file);
     file.Close();  // not many at a time
   }

@@ -17,7 +17,8 @@ namespace kel::tool {
 /// signedness of each. All of them or none. Operations throw Error (kOutput).
 class RawPlanes {
  public:
-  explicit RawPlanes(std::string prefix) : prefix_(std::move(prefix)) {}
+  RawPlanes(std::string prefix, OnExisting onExisting)
+      : prefix_(std::move(prefix)), onExisting_(onExisting) {}
   /// Opens a file for each plane of the description.
   void Begin(const host::Image& description);
   /// Rows that follow those before, of every plane.
@@ -25,16 +26,18 @@ class RawPlanes {
   void Finish();
 
  private:
-  friend void WriteRawPlanes(const host::Image& image, const std::string& prefix);
+  friend void WriteRawPlanes(const host::Image& image, const std::string& prefix,
+                             OnExisting onExisting);
   std::string NameOf(std::size_t plane) const;
 
   std::string prefix_;
+  OnExisting onExisting_;
   host::Image description_;
   std::vector<std::unique_ptr<OutputFile>> files_;
 };
 
 /// An image in memory, one file after another.
-void WriteRawPlanes(const host::Image& image, const std::string& prefix);
+void WriteRawPlanes(const host::Image& image, const std::string& prefix, OnExisting onExisting);
 
 }  // namespace kel::tool
 

@@ -51,7 +51,10 @@ what is there has been written.
 An output cannot be written, or its format cannot hold the image.
 .TP
 .B 5
-A limit on memory or size would be exceeded.
+A limit on memory or pixels would be exceeded.
+.TP
+.B 6
+The time limit was reached.
 .PP
 With several files it is the worst of all.
 )";

@@ -35,6 +35,9 @@ std::vector<std::string> ReadList(const std::string& path) {
       names.back() += static_cast<char>(byte);
     }
   }
+  for (std::string& name : names) {  // lists written on other systems end their lines so
+    if (separator == '\n' && name.ends_with('\r')) name.pop_back();
+  }
   std::erase(names, "");
   return names;
 }
@@ -88,9 +91,9 @@ OnExisting PolicyOf(const FileOptions& options, bool isBatch) {
 }
 
 /// Says why a task cannot be done, where that is known before its input is read.
-void CheckOutput(PlannedTask& planned, const FileOptions& options) {
+void CheckOutput(PlannedTask& planned, const FileOptions& options, const TaskSettings& settings) {
   const Task& task = planned.task;
-  if (task.output.empty() || task.output == kStandardStream) return;
+  if (task.output.empty() || task.output == kStandardStream || settings.manyOutputs) return;
   std::error_code ignored;
   if (IsProtected(task.output)) {
     planned.refusal = task.output + ": is one of the inputs, and stays as it is";
@@ -119,7 +122,7 @@ TaskPlan PlanBatch(const FileOptions& options, const std::vector<Input>& inputs,
     planned.task.onExisting = PolicyOf(options, true);
     const auto [first, isNew] = takenBy.emplace(planned.task.output, input.path);
     if (isNew) {
-      CheckOutput(planned, options);
+      CheckOutput(planned, options, settings);
     } else {
       planned.refusal = input.path + ": would become " + planned.task.output + ", as does " +
                         first->second + "; its own is not written";
@@ -129,7 +132,8 @@ TaskPlan PlanBatch(const FileOptions& options, const std::vector<Input>& inputs,
   return plan;
 }
 
-TaskPlan PlanOne(const FileOptions& options, const std::string& input, const std::string& output) {
+TaskPlan PlanOne(const FileOptions& options, const std::string& input, const std::string& output,
+                 const TaskSettings& settings) {
   TaskPlan plan;
   PlannedTask& planned = plan.tasks.emplace_back();
   planned.task.input = input;
@@ -138,7 +142,7 @@ TaskPlan PlanOne(const FileOptions& options, const std::string& input, const std
   std::vector<std::string> toProtect = options.otherInputs;
   toProtect.push_back(input);
   ProtectFiles(toProtect);
-  CheckOutput(planned, options);
+  CheckOutput(planned, options, settings);
   return plan;
 }
 
@@ -169,8 +173,8 @@ TaskPlan PlanTasks(const FileOptions& options, const TaskSettings& settings) {
     throw UsageError("lists and folders of inputs need --output-dir");
   }
   if (!options.output.empty()) names.push_back(options.output);
-  if (names.size() == 2) return PlanOne(options, names[0], names[1]);
-  if (names.size() == 1 && settings.outputOptional) return PlanOne(options, names[0], {});
+  if (names.size() == 2) return PlanOne(options, names[0], names[1], settings);
+  if (names.size() == 1 && settings.outputOptional) return PlanOne(options, names[0], {}, settings);
   throw UsageError(names.size() < 2 ? "an input and an output are needed"
                                     : "several inputs need --output-dir");
 }

@@ -1,8 +1,9 @@
 // The C interface over the host kit. Each function hands its work to Try, which turns what is
 // thrown into a status and keeps its text for the thread.
 //
-// The library runs while something of this interface is in use: every object, and every call, holds
-// a Use. Structures are taken over as far as their size says, and the rest is as initialised.
+// The library runs while something of this interface is in use: every object holds the user that it
+// was made for, every call works for one. Structures are taken over as far as their size says, and
+// the rest is as initialised.
 #include "kel/kel.h"
 
 #include <kel/Kel.h>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -18,28 +20,44 @@ namespace {
 
 using namespace kel::host;
 
+/// A user of the library, with its limits.
+class User {
+ public:
+  User(std::uint64_t memoryLimit, const Limits& limits) : limits_(limits) {
+    const SessionScope free(nullptr);  // a call may come from inside another user's work
+    session_.emplace(memoryLimit);
+    account_ = SessionScope::Current();
+  }
+
+  /// What the calling thread does is done for the user, for as long as the object lives.
+  class Work {
+   public:
+    explicit Work(const User& user) : session_(user.account_), limits_(user.limits_) {}
+
+   private:
+    SessionScope session_;
+    LimitScope limits_;
+  };
+
+ private:
+  std::optional<Session> session_;
+  Account* account_ = nullptr;
+  Limits limits_;
+};
+using UserPointer = std::shared_ptr<const User>;
+
 std::mutex mutex;
-std::optional<Session> session;
-std::size_t numUses = 0;
+std::weak_ptr<const User> common;  ///< of those who name no session
 std::uint64_t memoryLimit = 0;
 
 thread_local std::string errorText;
 
-/// Keeps the library running.
-class Use {
- public:
-  Use() {
-    const std::lock_guard lock(mutex);
-    if (numUses == 0) session.emplace(memoryLimit);
-    ++numUses;
-  }
-  ~Use() {
-    const std::lock_guard lock(mutex);
-    if (--numUses == 0) session.reset();
-  }
-  Use(const Use&) = delete;
-  Use& operator=(const Use&) = delete;
-};
+UserPointer CommonUser() {
+  const std::lock_guard lock(mutex);
+  UserPointer user = common.lock();
+  if (user == nullptr) common = user = std::make_shared<const User>(memoryLimit, Limits());
+  return user;
+}
 
 /// Thrown through the kit when the progress function wants to stop.
 struct Stopped {};
@@ -188,8 +206,7 @@ Image ImageOf(const kel_pixels* given) {
   return image;
 }
 
-void EncodeTo(const kel_pixels* pixels, const kel_encode_options* given, Sink& sink) {
-  const kel_encode_options options = Taken(given, kel_encode_options_init);
+void EncodeTo(const kel_pixels* pixels, const kel_encode_options& options, Sink& sink) {
   EncodeParams params;
   params.lossless = options.lossless != 0;
   params.quality = static_cast<int>(std::min(options.quality, 101U));
@@ -203,8 +220,20 @@ void EncodeTo(const kel_pixels* pixels, const kel_encode_options* given, Sink& s
 
 }  // namespace
 
+struct kel_session {
+  UserPointer user;
+};
+
+namespace {
+
+UserPointer UserOf(const kel_session* session) {
+  return session == nullptr ? CommonUser() : session->user;
+}
+
+}  // namespace
+
 struct kel_file {
-  Use use;
+  UserPointer user;
   std::string path;  ///< empty: the bytes
   ByteView bytes;
   Info info;
@@ -221,21 +250,69 @@ struct kel_file {
 };
 
 struct kel_image {
-  Use use;
+  UserPointer user;
+  MemoryReservation room;
   kel_pixels shape;
   Bytes samples;
 };
 
 namespace {
 
-void Open(std::string path, ByteView bytes, kel_file** file) {
+void Open(const kel_session* session, std::string path, ByteView bytes, kel_file** file) {
   Require(file != nullptr, "there is no place for the result");
-  *file = nullptr;
   auto made = std::make_unique<kel_file>();
+  made->user = UserOf(session);
+  const User::Work work(*made->user);
   made->path = std::move(path);
   made->bytes = bytes;
   made->info = made->Read([](Source& source) { return Probe(source); });
   *file = made.release();
+}
+
+/// The part in full size that gives the part wanted of the reduced image, where samples of all
+/// planes and sizes begin at the same corner.
+std::optional<Region> RegionOf(const Info& info, const kel_decode_options& options) {
+  const std::uint64_t step = std::uint64_t{1} << std::min(options.reduce, 31U);
+  const auto isPlain = [](const auto& part) { return part.xStep == 1 && part.yStep == 1; };
+  if ((options.width == 0 && options.height == 0) || options.reduce > info.levels ||
+      info.originX % step != 0 || info.originY % step != 0 ||
+      !std::all_of(info.components.begin(), info.components.end(), isPlain)) {
+    return {};
+  }
+  const auto inside = [step](std::uint64_t from, std::uint64_t length, std::uint64_t all) {
+    const std::uint64_t start = from * step, end = std::min((from + length) * step, all);
+    Require(length != 0 && from + length <= (all + step - 1) / step,
+            "the part does not lie in the image");
+    return std::pair{static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(end - start)};
+  };
+  const auto [x, width] = inside(options.x, options.width, info.width);
+  const auto [y, height] = inside(options.y, options.height, info.height);
+  return Region{x, y, width, height};
+}
+
+/// The image wanted, or one that the part wanted lies in; part becomes where.
+Image DecodeFor(const kel_file& file, const kel_decode_options& options, Part& part) {
+  DecodeParams params;
+  params.reduce = options.reduce;
+  params.exact = options.exact != 0;
+  params.acceptIncomplete = options.accept_incomplete != 0;
+  params.threads = options.threads;
+  params.progress = ProgressOf(options.progress, options.user);
+  const auto decode = [&](Source& source) { return Decode(source, params); };
+  part = {0, 0, options.width, options.height};
+  params.region = RegionOf(file.info, options);
+  if (params.region) {
+    try {
+      Image image = file.Read(decode);
+      if (image.width == part.width && image.height == part.height) return image;
+    } catch (const Error& error) {  // a tile with fewer resolutions than most
+      if (error.Kind() != Failure::kParameter) throw;
+    }
+    params.region.reset();
+  }
+  Image image = file.Read(decode);
+  part = PartOf(image, options);
+  return image;
 }
 
 }  // namespace
@@ -253,25 +330,65 @@ const char* kel_error_text(void) {
 kel_status kel_set_memory_limit(uint64_t bytes) {
   return Try([=] {
     const std::lock_guard lock(mutex);
-    Require(numUses == 0, "the limit changes while nothing is open");
+    Require(common.expired(), "the limit changes while nothing is open");
     memoryLimit = bytes;
   });
 }
 
-kel_status kel_open_memory(const void* bytes, size_t length, kel_file** file) {
+void kel_limits_init(kel_limits* limits) {
+  Clear(limits);
+  limits->pixels = Limits().maxPixels;
+}
+
+kel_status kel_open_session(const kel_limits* given, kel_session** session) {
   return Try([=] {
-    if (file != nullptr) *file = nullptr;
-    Require(bytes != nullptr && length != 0, "there are no data");
-    Open({}, {static_cast<const std::uint8_t*>(bytes), length}, file);
+    Require(session != nullptr, "there is no place for the result");
+    *session = nullptr;
+    const kel_limits limits = Taken(given, kel_limits_init);
+    Require(limits.seconds >= 0, "a time is not negative");
+    Limits perCall;
+    perCall.maxPixels = limits.pixels;
+    perCall.seconds = limits.seconds;
+    *session = new kel_session{std::make_shared<const User>(limits.memory, perCall)};
   });
 }
 
-kel_status kel_open_file(const char* path, kel_file** file) {
+void kel_close_session(kel_session* session) {
+  delete session;
+}
+
+kel_status kel_get_usage(const kel_session* session, uint64_t* held, uint64_t* most) {
+  return Try([=] {
+    const UserPointer user = UserOf(session);
+    const User::Work work(*user);
+    if (held != nullptr) *held = Session::CurrentBytes();
+    if (most != nullptr) *most = Session::PeakBytes();
+  });
+}
+
+kel_status kel_open_memory_in(const kel_session* session, const void* bytes, size_t length,
+                              kel_file** file) {
+  return Try([=] {
+    if (file != nullptr) *file = nullptr;
+    Require(bytes != nullptr && length != 0, "there are no data");
+    Open(session, {}, {static_cast<const std::uint8_t*>(bytes), length}, file);
+  });
+}
+
+kel_status kel_open_file_in(const kel_session* session, const char* path, kel_file** file) {
   return Try([=] {
     if (file != nullptr) *file = nullptr;
     Require(path != nullptr && *path != '\0', "there is no path");
-    Open(path, {}, file);
+    Open(session, path, {}, file);
   });
+}
+
+kel_status kel_open_memory(const void* bytes, size_t length, kel_file** file) {
+  return kel_open_memory_in(nullptr, bytes, length, file);
+}
+
+kel_status kel_open_file(const char* path, kel_file** file) {
+  return kel_open_file_in(nullptr, path, file);
 }
 
 void kel_close(kel_file* file) {
@@ -326,15 +443,12 @@ kel_status kel_decode(const kel_file* file, const kel_decode_options* given, kel
     *image = nullptr;
     Require(file != nullptr, "there is no file");
     const kel_decode_options options = Taken(given, kel_decode_options_init);
-    DecodeParams params;
-    params.reduce = options.reduce;
-    params.acceptIncomplete = options.accept_incomplete != 0;
-    params.threads = options.threads;
-    params.progress = ProgressOf(options.progress, options.user);
     auto made = std::make_unique<kel_image>();
-    Image decoded = file->Read([&](Source& source) { return Decode(source, params); });
+    made->user = file->user;
+    const User::Work work(*made->user);
+    Part part;
+    Image decoded = DecodeFor(*file, options, part);
     MakePlain(decoded);
-    const Part part = PartOf(decoded, options);
     kel_pixels& shape = made->shape;
     Clear(&shape);
     shape.width = part.width;
@@ -343,6 +457,7 @@ kel_status kel_decode(const kel_file* file, const kel_decode_options* given, kel
     shape.depth = decoded.planes[0].Depth();
     shape.has_opacity = OpacityPlane(decoded) != nullptr ? 1 : 0;
     shape.stride = part.width * PixelBytes(shape.channels, shape.depth);
+    made->room = MemoryReservation(std::uint64_t{shape.stride} * part.height, "the pixels");
     made->samples.resize(shape.stride * part.height);
     shape.samples = made->samples.data();
     CopyPixels<true>(decoded.planes, part, made->samples.data(), shape.stride);
@@ -366,13 +481,15 @@ void kel_encode_options_init(kel_encode_options* options) {
   options->quality = 60;
 }
 
-kel_status kel_encode_memory(const kel_pixels* pixels, const kel_encode_options* options,
+kel_status kel_encode_memory(const kel_pixels* pixels, const kel_encode_options* given,
                              void** bytes, size_t* length) {
   return Try([=] {
     Require(bytes != nullptr && length != nullptr, "there is no place for the result");
     *bytes = nullptr;
     *length = 0;
-    const Use use;
+    const kel_encode_options options = Taken(given, kel_encode_options_init);
+    const UserPointer user = UserOf(options.session);
+    const User::Work work(*user);
     MemorySink sink;
     EncodeTo(pixels, options, sink);
     *bytes = std::malloc(sink.bytes.size());
@@ -382,11 +499,13 @@ kel_status kel_encode_memory(const kel_pixels* pixels, const kel_encode_options*
   });
 }
 
-kel_status kel_encode_file(const kel_pixels* pixels, const kel_encode_options* options,
+kel_status kel_encode_file(const kel_pixels* pixels, const kel_encode_options* given,
                            const char* path) {
   return Try([=] {
     Require(path != nullptr && *path != '\0', "there is no path");
-    const Use use;
+    const kel_encode_options options = Taken(given, kel_encode_options_init);
+    const UserPointer user = UserOf(options.session);
+    const User::Work work(*user);
     FileSink sink(path);
     EncodeTo(pixels, options, sink);
   });

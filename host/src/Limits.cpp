@@ -4,8 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "kel/host/errors.hpp"
-
 namespace kel::host {
 namespace {
 
@@ -42,9 +40,9 @@ const LimitScope::Work* LimitScope::Current() {
 void CheckPixels(std::uint64_t width, std::uint64_t height) {
   const std::uint64_t most = bound == nullptr ? Limits().maxPixels : bound->limits.maxPixels;
   if (most == 0 || width == 0 || height <= most / width) return;
-  throw Error(Failure::kMemory, "the image has " + std::to_string(width) + " x " +
-                                    std::to_string(height) + " pixels, more than the limit of " +
-                                    std::to_string(most));
+  throw TooManyPixels(Failure::kMemory,
+                      "the image has " + std::to_string(width) + " x " + std::to_string(height) +
+                          " pixels, more than the limit of " + std::to_string(most));
 }
 
 bool TimeIsUp() {

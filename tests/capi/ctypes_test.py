@@ -21,10 +21,11 @@ Info = structure(*words("width height channels depth has_opacity lossless tiles 
 Pixels = structure(*words("width height channels depth has_opacity"), ("stride", c.c_size_t),
                    ("samples", c.c_void_p))
 DecodeOptions = structure(*words("reduce x y width height accept_incomplete threads"),
-                          ("progress", PROGRESS), ("user", c.c_void_p))
+                          ("progress", PROGRESS), ("user", c.c_void_p), *words("exact"))
 EncodeOptions = structure(*words("lossless quality"), ("size_limit", c.c_uint64),
                           *words("tile_width tile_height threads"), ("progress", PROGRESS),
-                          ("user", c.c_void_p))
+                          ("user", c.c_void_p), ("session", c.c_void_p))
+Limits = structure(("memory", c.c_uint64), ("pixels", c.c_uint64), ("seconds", c.c_double))
 INPUT, INCOMPLETE, OUTPUT, MEMORY, PARAMETER, STOPPED = range(1, 7)
 WIDTH, HEIGHT = 60, 40
 
@@ -54,9 +55,24 @@ def encode(samples, channels, depth, **settings):
     return data
 
 
-def decode(data, **settings):
+def open_session(**settings):
+    limits, session = Limits(), c.c_void_p()
+    kel.kel_limits_init(c.byref(limits))
+    for name, value in settings.items():
+        setattr(limits, name, value)
+    assert kel.kel_open_session(c.byref(limits), c.byref(session)) == 0
+    return session
+
+
+def usage(session):
+    held, most = c.c_uint64(), c.c_uint64()
+    assert kel.kel_get_usage(session, c.byref(held), c.byref(most)) == 0
+    return held.value, most.value
+
+
+def decode(data, session=None, **settings):
     file, image, options, pixels = c.c_void_p(), c.c_void_p(), DecodeOptions(), Pixels()
-    status = kel.kel_open_memory(data, c.c_size_t(len(data)), c.byref(file))
+    status = kel.kel_open_memory_in(session, data, c.c_size_t(len(data)), c.byref(file))
     if status:
         return status
     kel.kel_decode_options_init(c.byref(options))
@@ -93,6 +109,42 @@ class Interface(unittest.TestCase):
         self.assertEqual((pixels.width, pixels.height), (WIDTH // 2, HEIGHT // 2))
         for x, width, height in ((50, 11, 1), (60, 1, 1), (0, 5, 0), (1, 0xFFFFFFFF, 1)):
             self.assertEqual(decode(data, x=x, width=width, height=height), PARAMETER)
+
+    def test_parts_need_their_tiles_alone(self):
+        samples = picture(3, 1)
+        data = encode(samples, 3, 8, lossless=1, tile_width=20, tile_height=20)
+        cut = data[:len(data) // 2]
+        self.assertEqual(decode(cut), INCOMPLETE)
+        _, part = decode(cut, x=1, y=2, width=18, height=17)
+        self.assertEqual(part, decode(data, x=1, y=2, width=18, height=17)[1])
+        whole, half = decode(data, reduce=1)
+        rows = [half[(y * whole.width + 4) * 3:(y * whole.width + 30) * 3] for y in range(9, 20)]
+        _, part = decode(data, reduce=1, x=4, y=9, width=26, height=11, exact=1)
+        self.assertEqual(part, b"".join(rows))
+        self.assertEqual(decode(data, reduce=1, x=5, width=26, height=1), PARAMETER)
+
+    def test_users_of_one_process_have_limits_and_counters_of_their_own(self):
+        samples = picture(3, 1)
+        wide, narrow = open_session(), open_session(memory=2000)
+        data = encode(samples, 3, 8, session=wide)
+        held, most = usage(wide)
+        self.assertEqual(held, 0)
+        self.assertGreater(most, len(samples))
+        self.assertEqual(encode(samples, 3, 8, session=narrow), MEMORY)
+        self.assertEqual(decode(data, narrow), MEMORY)
+        self.assertEqual(usage(wide), (held, most))
+        self.assertLessEqual(usage(narrow)[1], 2000)
+        for limits, status in (({"pixels": 2399}, MEMORY), ({"seconds": 1e-9}, STOPPED)):
+            session = open_session(**limits)
+            self.assertEqual(decode(data, session), status)
+            kel.kel_close_session(session)
+        file, image = c.c_void_p(), c.c_void_p()
+        kel.kel_open_memory_in(wide, data, c.c_size_t(len(data)), c.byref(file))
+        kel.kel_close_session(wide)  # what is open goes on
+        self.assertEqual(kel.kel_decode(file, None, c.byref(image)), 0)
+        kel.kel_close(file)
+        kel.kel_free_image(image)
+        kel.kel_close_session(narrow)
 
     def test_info_and_structures_of_other_sizes(self):
         data = encode(picture(4, 1), 4, 8, lossless=1, tile_width=16, tile_height=40)

@@ -136,6 +136,12 @@ TEST(Tool, DamageAndFurtherPicturesAreToldAndRefusedOnDemand) {
   tool.Do("encode --lossless --page all two.ppm two.kel");
   EXPECT_EQ(tool.Run("compare two-1.kel a.ppm").code, 0);
   EXPECT_EQ(tool.Run("compare two-2.kel b.ppm").code, 0);
+  EXPECT_EQ(tool.Run("encode --no-overwrite --lossless --page all two.ppm two.kel").code, 4);
+  std::filesystem::remove(tool.folder.Path("two-1.kel"));
+  tool.Do("encode --skip-existing --report r --lossless --page all two.ppm two.kel");
+  EXPECT_EQ(tool.Run("compare two-1.kel a.ppm").code, 0);
+  EXPECT_NE(tool.folder.Get("r").find(R"("outputs":["two-1.kel","two-2.kel"],"bytes":)"),
+            std::string::npos);
   EXPECT_EQ(tool.Run("encode --page 3 two.ppm z.kel").code, 2);
   tool.Do("preview --page 2 --lossless two.ppm second.ppm");
   EXPECT_EQ(tool.Run("compare second.ppm b.ppm").code, 0);

@@ -292,6 +292,9 @@ TEST(Tool, StandardStreams) {
             std::string::npos);
   tool.Do("encode -q 5 in.png lossy.kel");
   EXPECT_EQ(tool.Run("compare in.png lossy.kel").code, 1) << "they differ";
+  const std::string before = tool.folder.Get("in.png");
+  EXPECT_EQ(tool.Run("encode in.png - >>in.png").code, 4);
+  EXPECT_TRUE(tool.folder.Get("in.png") == before) << "an input, though it has no name here";
   const Tool::Result full = tool.Run("encode in.png - >/dev/full");
   EXPECT_EQ(full.code, 4);
   EXPECT_EQ(full.err, "kel: standard output: cannot be written: No space left on device\n");
@@ -387,7 +390,7 @@ TEST(Tool, BrokenInputIsNamedAndLeavesNothing) {
   const Tool::Result beyond = tool.Run("decode absurd out.png");
   EXPECT_EQ(beyond.code, 5);
   ExpectSentence(beyond, "absurd");
-  EXPECT_NE(beyond.err.find("--max-memory SIZE raises the limit"), std::string::npos);
+  EXPECT_NE(beyond.err.find("--max-pixels COUNT raises the limit"), std::string::npos);
   EXPECT_EQ(tool.folder.NumFiles(), numFiles) << "something was left behind";
 }
 
@@ -440,6 +443,10 @@ TEST(Tool, MemoryLimitIsExitCode5) {
   }
   EXPECT_EQ(tool.Run("compare --max-memory 100M in.pgm x.kel").code, 5) << "two images are held";
   EXPECT_EQ(tool.Run("preview --max-memory 60M in.pgm out.pgm").code, 5);
+  for (const std::string command : {"info x.kel", "check x.kel", "bench x.kel",
+                                    "repair x.kel y.kel", "trim --reduce 1 x.kel y.kel"}) {
+    EXPECT_EQ(tool.Run(command + " --max-memory 4K").code, 5) << command;
+  }
 }
 
 // The boxes' depth is what a careless writer got wrong; the samples were coded with the other.

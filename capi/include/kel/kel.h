@@ -41,13 +41,35 @@ KEL_C_API const char* kel_version(void);
    valid until the next one fails. Empty when none has. */
 KEL_C_API const char* kel_error_text(void);
 
-/* Most bytes that the library may hold at a time, 0 for no limit, which is what it begins with.
-   KEL_ERROR_PARAMETER while files or images of this interface are open. */
+/* Most bytes that may be held at a time for those who name no session, 0 for no limit, which is
+   what it begins with. KEL_ERROR_PARAMETER while files or images of theirs are open. */
 KEL_C_API kel_status kel_set_memory_limit(uint64_t bytes);
 
 /* Called as work goes on, on any thread, one call at a time: pieces done of all. Another result
    than 0 stops the work. */
 typedef int (*kel_progress)(void* user, size_t done, size_t total);
+
+/* ---- Sessions ---- */
+
+/* One of the users that the library has in a process, such as plug-ins, with limits and counters
+   of its own. Those who name no session share one, with kel_set_memory_limit's limit. */
+typedef struct kel_session kel_session;
+
+typedef struct kel_limits {
+  size_t size;
+  uint64_t memory; /* most bytes held at a time; 0, the default: any number */
+  uint64_t pixels; /* most pixels of an image or a part; 0: any number; 2^30 by default */
+  double seconds;  /* longest time of a call; 0, the default: any. It ends as KEL_ERROR_STOPPED */
+} kel_limits;
+
+KEL_C_API void kel_limits_init(kel_limits* limits);
+
+/* *session, which is null after a failure, belongs to the caller: kel_close_session. What was made
+   in it may live longer. limits may be null. */
+KEL_C_API kel_status kel_open_session(const kel_limits* limits, kel_session** session);
+KEL_C_API void kel_close_session(kel_session* session); /* null does nothing */
+/* Bytes that are held for a session now, and the most there were. Each place may be null. */
+KEL_C_API kel_status kel_get_usage(const kel_session* session, uint64_t* held, uint64_t* most);
 
 /* ---- What a file holds ---- */
 
@@ -57,6 +79,11 @@ typedef struct kel_file kel_file;
    caller: kel_close. The bytes must stay until then. */
 KEL_C_API kel_status kel_open_memory(const void* bytes, size_t length, kel_file** file);
 KEL_C_API kel_status kel_open_file(const char* path, kel_file** file);
+/* The same in a session, which may be null. What is decoded of the file counts there too. */
+KEL_C_API kel_status kel_open_memory_in(const kel_session* session, const void* bytes,
+                                        size_t length, kel_file** file);
+KEL_C_API kel_status kel_open_file_in(const kel_session* session, const char* path,
+                                      kel_file** file);
 KEL_C_API void kel_close(kel_file* file); /* null does nothing */
 
 typedef struct kel_info {
@@ -84,6 +111,7 @@ typedef struct kel_decode_options {
   uint32_t threads;             /* 0: one per processor */
   kel_progress progress;        /* may be null */
   void* user;                   /* for progress */
+  uint32_t exact; /* not 0: lossy samples of up to 8 bits in double instead of single precision */
 } kel_decode_options;
 
 KEL_C_API void kel_decode_options_init(kel_decode_options* options);
@@ -105,8 +133,9 @@ KEL_C_API void kel_pixels_init(kel_pixels* pixels);
 typedef struct kel_image kel_image;
 
 /* Decodes into an image of its own, which belongs to the caller: kel_free_image. Palettes are
-   looked up, luminance and chroma become red, green and blue. The file is decoded whole, whatever
-   part of it is wanted. options may be null. */
+   looked up, luminance and chroma become red, green and blue. Of a part only the tiles that it
+   touches are read and decoded, unless the channels have different sizes or the file cannot be
+   reduced so far without averages. options may be null. */
 KEL_C_API kel_status kel_decode(const kel_file* file, const kel_decode_options* options,
                                 kel_image** image);
 /* The samples, which stand as long as the image. */
@@ -124,6 +153,7 @@ typedef struct kel_encode_options {
   uint32_t threads;                 /* 0: one per processor */
   kel_progress progress;            /* may be null */
   void* user;                       /* for progress */
+  const kel_session* session;       /* may be null */
 } kel_encode_options;
 
 KEL_C_API void kel_encode_options_init(kel_encode_options* options);

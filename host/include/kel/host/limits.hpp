@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "errors.hpp"
+
 namespace kel::host {
 
 struct Limits {
@@ -42,7 +44,13 @@ class LimitScope {
   const Work* before_;
 };
 
-/// Throws Error (kMemory) when a plane of this size has more samples than the limit allows.
+/// An Error (kMemory) that the limit on samples has caused, whatever memory there is.
+class TooManyPixels final : public Error {
+ public:
+  using Error::Error;
+};
+
+/// Throws TooManyPixels when a plane of this size has more samples than the limit allows.
 void CheckPixels(std::uint64_t width, std::uint64_t height);
 
 /// Whether the time is over, or the caller wants no more.
