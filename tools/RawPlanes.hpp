@@ -17,7 +17,7 @@ namespace kel::tool {
 /// signedness of each. All of them or none. Operations throw Error (kOutput).
 class RawPlanes {
  public:
-  RawPlanes(std::string prefix, OnExisting onExisting)
+  explicit RawPlanes(std::string prefix, OnExisting onExisting = OnExisting::kReplace)
       : prefix_(std::move(prefix)), onExisting_(onExisting) {}
   /// Opens a file for each plane of the description.
   void Begin(const host::Image& description);
@@ -37,7 +37,8 @@ class RawPlanes {
 };
 
 /// An image in memory, one file after another.
-void WriteRawPlanes(const host::Image& image, const std::string& prefix, OnExisting onExisting);
+void WriteRawPlanes(const host::Image& image, const std::string& prefix,
+                    OnExisting onExisting = OnExisting::kReplace);
 
 }  // namespace kel::tool
 

@@ -277,11 +277,11 @@ TEST(Files, OneFailureDoesNotStopTheOthersAndIsReported) {
   options.jobs = 1;
   options.report = folder.Path("report");
   testing::internal::CaptureStderr();
-  const int code =
-      RunTasks(options, {.ending = ".kel", .memoryAdvice = "; there is an option"}, work);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "kel: 2: too large; there is an option\nkel: 3: anything else\nkel: 4: odd\n"
-            "kel: 2 of 4 files failed\n");
+  const int code = RunTasks(options, {.ending = ".kel"}, work);
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "kel: 2: too large; --max-memory SIZE raises the limit\nkel: 3: anything else\nkel: 4: odd\n"
+      "kel: 2 of 4 files failed\n");
   EXPECT_EQ(done, 4);
   EXPECT_EQ(code, kMemoryLimit) << "the worst of all";
   std::istringstream lines(folder.Get("report"));
