@@ -222,7 +222,7 @@ namespace {
 /// that read and write image files take memory of their own. Sanitizers need address space by the
 /// terabyte.
 void LimitProcess(std::uint64_t bytes) {
-#if defined(RLIMIT_DATA) && !defined(__SANITIZE_ADDRESS__)
+#if defined(RLIMIT_DATA) && !defined(KEL_SANITIZED)
   constexpr std::uint64_t kProgram = 64 << 20, kThreadStack = 9 << 20;
   if (bytes == 0 || bytes > INT64_MAX) return;
   const std::uint64_t threads = std::max(std::thread::hardware_concurrency(), 1U);

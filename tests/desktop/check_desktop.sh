@@ -15,7 +15,9 @@ update-mime-database "$work/data/mime"
 preload=
 case $sanitizers in
   # The library's programs are not built with the sanitizers' run-time, which has to come first.
-  *address*) preload=$(g++ -print-file-name=libasan.so)
+  # gcc's stands among what the loader needs, clang's in its programs alone.
+  *address*) preload=$(ldd "$loader" | sed -n 's/.* => \(.*libasan.*\) (.*/\1/p')
+             [ -n "$preload" ] || preload=$(clang -print-file-name="libclang_rt.asan-$(uname -m).so")
              export ASAN_OPTIONS=detect_leaks=0 ;;
 esac
 query=$(pkg-config --variable=gdk_pixbuf_query_loaders gdk-pixbuf-2.0)
