@@ -26,13 +26,16 @@ KelDamage LengthDamage(const KelTilePartEntry& entry) {
 void Measure(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry& entry) {
   const PartExtent extent = MeasureTilePart(data, entry.position, entry.announced, index.searchedTo,
                                             entry.tile == index.wantedTile);
-  entry.ending = extent.ending;
-  entry.length = extent.ending != PartEnding::kOpen
-                     ? static_cast<std::uint32_t>(extent.end - entry.position)
-                     : 0;
+  KelTilePartEntry measured = entry;
+  measured.ending = extent.ending;
+  measured.length = extent.ending != PartEnding::kOpen
+                        ? static_cast<std::uint32_t>(extent.end - entry.position)
+                        : 0;
+  // May be refused memory, and then nothing has changed.
+  if (extent.isRepaired && entry.announced != 0) Note(index, LengthDamage(measured));
+  entry = measured;
   index.searchedTo = extent.searchedTo;
   index.next = extent.ending == PartEnding::kOpen ? extent.searchedTo : extent.end;
-  if (extent.isRepaired && entry.announced != 0) Note(index, LengthDamage(entry));
 }
 
 bool Record(KelTilePartIndex& index, KelTilePartEntry entry) {
@@ -41,7 +44,6 @@ bool Record(KelTilePartIndex& index, KelTilePartEntry entry) {
     entry.ordinal = static_cast<std::uint16_t>(index.entries[chain.last - 1].ordinal + 1);
   }
   if (entry.ordinal == format::kMostTileParts) return false;
-  GrowByOne(index.entries, index.numEntries, index.obtainedEntries);
   index.entries[index.numEntries++] = entry;
   (chain.last != 0 ? index.entries[chain.last - 1].next : chain.first) = index.numEntries;
   chain.last = index.numEntries;
@@ -120,6 +122,8 @@ bool MoveToNextTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePar
 bool AddTilePart(KelTilePartIndex& index, KelDecDataMgr& data, KelTilePartEntry entry) {
   index.isEnded = !data.MoveTo(entry.position);  // a stream that does not go back
   if (index.isEnded) return false;
+  // First, since what has been measured is passed: a refusal must leave it to be found again.
+  GrowByOne(index.entries, index.numEntries, index.obtainedEntries);
   Measure(index, data, entry);
   return Record(index, entry);
 }

@@ -111,6 +111,14 @@ const KelIndexTileParts& Index::TileParts() {
   return *parts;
 }
 
+const KelIndexPackets* Index::Packets(const KelIndexWant& want) {
+  const KelIndexPackets* packets = index_.GetPackets(&want);
+  if (packets == nullptr && index_.GetErrorDetails().errCode == KelErrNoMemory) {
+    ThrowIndexFailure(index_, KelErrNoMemory, Failure::kMemory);
+  }
+  return packets;
+}
+
 bool Index::HasPackets() {
   constexpr std::uint64_t kSamplesPerByte = 1 << 14;
   constexpr KelULong kLowestOnly = 32, kLengthBytes = 4;
@@ -126,12 +134,12 @@ bool Index::HasPackets() {
     if (bodyBytes > area / kSamplesPerByte) return true;
     if (!asked.insert(part.tile).second) continue;
     const KelIndexWant lowest{part.tile, -1, kLowestOnly, 1}, all{part.tile, -1, 0, 0};
-    const KelIndexPackets* packets = index_.GetPackets(&lowest);
+    const KelIndexPackets* packets = Packets(lowest);
     if (packets == nullptr || packets->count == 0) continue;
     const auto hasBytes = [](const KelIndexPacket& packet) { return packet.length > kLengthBytes; };
     if (std::any_of(packets->packets, packets->packets + packets->count, hasBytes)) return true;
     // Empty ones alone make a picture of one colour when none is missing.
-    packets = index_.GetPackets(&all);
+    packets = Packets(all);
     if (packets != nullptr && packets->areAll) return true;
   }
   return false;

@@ -74,6 +74,8 @@ class Index {
  private:
   Index() = default;
   KelLong Open(ByteView bytes);
+  /// Null where there are none to be told of; throws Error (kMemory).
+  const KelIndexPackets* Packets(const KelIndexWant& want);
 
   KelStreamIndex index_;
 };

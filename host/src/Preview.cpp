@@ -27,6 +27,7 @@ void CopyTile(const KelTileComponent& component, Plane& plane) {
   const std::uint64_t most = plane.MaxValue(), scale = PreviewMax(depth);
   KelMemFuncs& memory = *KelGetMemObj();
   const auto* from = static_cast<const std::uint8_t*>(memory.LockBuf(data->GetImageBuffer()));
+  if (from == nullptr) throw Error(Failure::kMemory, std::string(CodeSentence(KelErrNoMemory)));
   for (std::uint32_t y = 0; y < height; ++y, from += rowBytes) {
     WithSampleType(plane.BytesPerSample(), [&](auto sample) {
       using Sample = decltype(sample);

@@ -4,6 +4,8 @@
 // when it comes: about one look is taken for every tile, and within the first one whenever its data
 // have doubled.
 #include <algorithm>
+#include <iterator>
+#include <new>
 
 #include "Describe.hpp"
 #include "RegionDecode.hpp"
@@ -138,26 +140,27 @@ void Opened::DecodeMore(ByteView bytes, Update& update) {
   }
   Picture();
   KelImage& object = decoder_.Object();
+  // A code other than 0 says that some tile is missing or damaged; more data may bring it.
+  decoder_.DecodeFrame(bytes, target_.Raw(),
+                       target_.Frame(below_.empty() ? image_.planes : below_));
+  // What is ready stays so until it is shown: after a failure the next look shows it.
   for (const std::uint32_t tile : open_) {
     if (object.TileIsUntouched(static_cast<KelLong>(tile))) continue;
+    bool improved = false;
+    for (std::size_t c = 0; c < areas_.size(); ++c) {
+      improved |= TileComponent(object, tile, c).TileCompDataReady();
+    }
+    if (!improved) continue;
+    Show(tile, update);
     for (std::size_t c = 0; c < areas_.size(); ++c) {
       TileComponent(object, tile, c).ResetTileCompDataReady();
     }
   }
-  // A code other than 0 says that some tile is missing or damaged; more data may bring it.
-  decoder_.DecodeFrame(bytes, target_.Raw(),
-                       target_.Frame(below_.empty() ? image_.planes : below_));
-  std::erase_if(open_, [&](std::uint32_t tile) {
-    bool improved = false;
-    const bool isUntouched = object.TileIsUntouched(static_cast<KelLong>(tile));
-    for (std::size_t c = 0; c < areas_.size() && !isUntouched; ++c) {
-      improved |= TileComponent(object, tile, c).TileCompDataReady();
-    }
-    if (improved) Show(tile, update);
-    if (!object.TileIsComplete(static_cast<KelLong>(tile))) return false;
-    update.completedTiles.push_back(tile);
-    return true;
-  });
+  const auto isComplete = [&](std::uint32_t tile) {
+    return object.TileIsComplete(static_cast<KelLong>(tile));
+  };
+  std::ranges::copy_if(open_, std::back_inserter(update.completedTiles), isComplete);
+  std::erase_if(open_, isComplete);
   update.complete = open_.empty();
 }
 
@@ -173,6 +176,7 @@ struct ProgressiveDecoder::State {
   const ProgressiveParams params;
   Bytes bytes;
   std::size_t numSeen = 0;         ///< bytes, when they were looked at last
+  bool hasFailed = false;          ///< that look did
   std::size_t numFalseEnds = 0;    ///< looks for the sake of an end marker that was none
   std::unique_ptr<Opened> opened;  ///< null before the header has arrived
   Update update;                   ///< what has not been told
@@ -190,15 +194,18 @@ bool ProgressiveDecoder::State::IsWorthALook() {
 }
 
 void ProgressiveDecoder::State::Decode() {
-  if (numSeen == bytes.size()) return;
+  if (numSeen == bytes.size() && !hasFailed) return;
   numSeen = bytes.size();
+  hasFailed = true;
   if (!opened) {
     const std::unique_ptr<Index> index = Index::OfArrived(bytes);
+    hasFailed = index != nullptr;
     if (!index) return;
     opened = std::make_unique<Opened>(bytes, *index, params);
     update.headerIsNew = true;
   }
   opened->DecodeMore(bytes, update);
+  hasFailed = false;
 }
 
 ProgressiveDecoder::ProgressiveDecoder(const ProgressiveParams& params)
@@ -217,7 +224,11 @@ Update ProgressiveDecoder::Feed(ByteView more) {
     throw Error(Failure::kInput, "is larger than 2 GiB, the most that is decoded while it arrives");
   }
   state.bytes.insert(state.bytes.end(), more.begin(), more.end());
-  if (more.empty() || state.IsWorthALook()) state.Decode();
+  try {
+    if (more.empty() || state.IsWorthALook()) state.Decode();
+  } catch (const std::bad_alloc&) {  // which would say that the bytes were not taken
+    throw Error(Failure::kMemory, std::string(CodeSentence(KelErrNoMemory)));
+  }
   const bool complete = state.update.complete;
   Update told = std::exchange(state.update, {});
   state.update.complete = complete;

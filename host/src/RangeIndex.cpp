@@ -122,7 +122,11 @@ std::span<const KelIndexSegment> RangeIndex::Segments(KelULong part) {
   KelULong count = 0;
   const KelIndexSegment* segments = index_.GetSegments(part, &count);
   stream_.Rethrow();
-  return segments == nullptr ? std::span<const KelIndexSegment>() : std::span(segments, count);
+  if (segments != nullptr) return std::span(segments, count);
+  if (TileParts().parts[part].headerBytes != 0) {
+    ThrowIndexFailure(index_, KelErrNoMemory, Failure::kMemory);
+  }
+  return {};  // a header that cannot be read
 }
 
 const KelIndexPackets& RangeIndex::Packets(const KelIndexWant& want) {

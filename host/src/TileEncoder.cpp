@@ -262,8 +262,14 @@ KelBufID_I* TileEncoder::State::MakeBuffer(std::uint64_t rowBytes, const TileBox
     *error = KelErrNoMemory;
     return nullptr;
   }
+  auto* const bytes = static_cast<std::uint8_t*>(memory.LockBuf(buffer));
+  if (bytes == nullptr) {
+    memory.FreeBuf(buffer);
+    *error = KelErrNoMemory;
+    return nullptr;
+  }
   try {
-    fill(static_cast<std::uint8_t*>(memory.LockBuf(buffer)));
+    fill(bytes);
   } catch (...) {
     failure = std::current_exception();
     *error = KelErrAborted;

@@ -98,7 +98,8 @@ class ProgressiveDecoder {
   /// about once for every tile, when the end marker comes (unless many pieces ended with one that
   /// was none), and when `more` is empty: then all that has come is decoded. Planes are made when
   /// the first packets have come. Throws Error: kInput for data that cannot become an image,
-  /// kParameter for a region outside the picture and more halvings than it holds, kMemory.
+  /// kParameter for a region outside the picture and more halvings than it holds, kMemory. After an
+  /// Error the bytes are taken, and a later call decodes them; after std::bad_alloc they are not.
   Update Feed(ByteView more);
   bool HasHeader() const;
   /// What the header says of the image. Its planes tell their sizes; whether they hold samples
