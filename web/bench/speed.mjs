@@ -49,7 +49,8 @@ for (const [name, vectors] of [
   });
 }
 for (const given of commands) {
-  const [name, command] = given.split('=');
+  const [name, path] = given.split('=');
+  const command = resolve(path);
   const took = (args) => {
     const said = execFileSync('bash', ['-c', '"$0" "$@" >/dev/null && times', command, ...args], {
       encoding: 'utf8',

@@ -328,7 +328,7 @@ const browser = await chromium.launch({
 });
 const problems = [];
 const context = await browser.newContext({viewport: {width: 1280, height: 800}});
-context.setDefaultTimeout(240000);
+context.setDefaultTimeout(600000);
 context.on('weberror', (event) => problems.push(event.error().message));
 context.on('request', (request) => {
   if (!/^(http:\/\/localhost:|blob:|data:)/.test(request.url()))
