@@ -333,6 +333,69 @@ TEST_F(Encoder, FetchesThatFail) {
 
 // A failure that leaves something behind, or whose record names the memory layer instead of what
 // could not be made.
+/// Rows of a picture of bytes, a few at a time, each time in the same memory.
+struct RowsOfPicture {
+  const Picture& picture;
+  const KelImageGeometry& geometry;
+  int calls = 0, released = 0, failCall = 0;
+  Bytes rows;
+
+  KelRowProcs Procs() {
+    KelRowProcs procs;
+    procs.clientData = this;
+    procs.GetTileRows = [](void* client, KelLong tile, KelLong row, KelLong* numRows,
+                           std::int64_t* strideBytes, KelLong* error) -> const void* {
+      auto& self = *static_cast<RowsOfPicture*>(client);
+      if (++self.calls == self.failCall) {
+        *error = 99;
+        return nullptr;
+      }
+      const KelTileGeometry box(const_cast<KelImageGeometry*>(&self.geometry), 0, tile);
+      *numRows = 1 + self.calls % 4;
+      *strideBytes = (box.X1 - box.X0) * static_cast<KelLong>(self.picture.Count()) + 5;
+      self.rows.assign(static_cast<std::size_t>(*strideBytes * *numRows), 0xA5);
+      for (KelLong y = box.Y0 + row; y < std::min(box.Y0 + row + *numRows, box.Y1); ++y) {
+        auto* to = self.rows.data() + (y - box.Y0 - row) * *strideBytes;
+        for (KelLong x = box.X0; x < box.X1; ++x) {
+          for (const Plane& plane : self.picture.planes) {
+            *to++ = static_cast<std::uint8_t>(plane.At(x, y));
+          }
+        }
+      }
+      return self.rows.data();
+    };
+    procs.ReleaseTileRows = [](void* client, KelLong) {
+      ++static_cast<RowsOfPicture*>(client)->released;
+    };
+    return procs;
+  }
+};
+
+TEST_F(Encoder, RowsInTheHostsMemoryGiveTheSameFile) {
+  for (const std::size_t components : {std::size_t{1}, std::size_t{3}, std::size_t{4}}) {
+    const Picture picture = MakePicture(77, 50, components, 8);
+    const Coding coding = {.irreversible = 0, .transform = components > 1};
+    EncodeHost host(picture, 40, 30, coding);
+    host.numInterleaved = static_cast<KelLong>(components);
+    const Bytes expected = host.Encode();
+    RowsOfPicture rows{picture, *host.options.GeomParams, 0, 0, 0, {}};
+    const KelRowProcs procs = rows.Procs();
+    HostStream stream;
+    ASSERT_EQ(host.Init(stream), KelOK);
+    ASSERT_EQ(host.encoder.SetRowProcs(&procs), KelOK);
+    rows.failCall = components < 4 ? 5 : 0;  // in the middle of the first tile
+    host.fetches = 0;
+    EXPECT_EQ(host.encoder.CompressAndWriteTile(0, nullptr), components < 4 ? 99 : KelOK);
+    for (KelLong tile = components < 4 ? 0 : 1; tile < 4; ++tile) {
+      EXPECT_EQ(host.encoder.CompressAndWriteTile(tile, nullptr), KelOK);
+    }
+    host.encoder.Die();
+    EXPECT_EQ(stream.bytes, expected);
+    EXPECT_EQ(rows.released, components < 4 ? 5 : 0);
+    EXPECT_EQ(host.fetches == 0, components < 4);
+  }
+}
+
 TEST_F(Encoder, EveryRefusedRequest) {
   EncodeHost host(MakePicture(40, 30, {8, 8, 8, 12, 8}, {1, 1, 1, 2, 1}), 20, 30,
                   {.transform = true, .colors = 3, .mask = 4});

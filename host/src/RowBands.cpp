@@ -7,6 +7,11 @@
 #include "kel/host/rows.hpp"
 
 namespace kel::host {
+namespace {
+
+constexpr std::size_t kStripBytes = 256 * 1024;
+
+}  // namespace
 
 RowBands::RowBands(RowSource& source, const EncodeParams& params)
     : source_(source),
@@ -15,7 +20,13 @@ RowBands::RowBands(RowSource& source, const EncodeParams& params)
       bandHeight_(params.tileHeight),
       tilesAcross_((width_ + params.tileWidth - 1) / params.tileWidth),
       numBands_(params.threads > 1 && params.tileHeight < height_ ? 2 : 1),
-      rowBytes_(host::RowBytes(source.Description())) {
+      pixelBytes_(source.Description().planes.size() *
+                  source.Description().planes[0].BytesPerSample()),
+      rowBytes_(host::RowBytes(source.Description())),
+      areAsTheyAre_(source.Description().planes[0].Depth() ==
+                    8 * source.Description().planes[0].BytesPerSample()),
+      givesRows_(areAsTheyAre_ &&
+                 (tilesAcross_ > 1 || params.threads == 1 || bandHeight_ >= height_)) {
   if (tilesAcross_ > 1) {
     room_ = MemoryReservation(std::uint64_t{rowBytes_} * bandHeight_ * numBands_,
                               "the rows of the picture at work");
@@ -27,21 +38,46 @@ void RowBands::Copy(std::size_t, const TileBox& box, std::uint8_t* to) {
   const unsigned depth = description.planes[0].Depth();
   const std::size_t samples = std::size_t{box.width} * description.planes.size();
   const std::uint64_t tileRowBytes = PackedRowBytes(samples, depth);
-  const bool asTheyAre = depth == 8 * description.planes[0].BytesPerSample();
-  if (tilesAcross_ == 1 && asTheyAre) {
+  if (tilesAcross_ == 1 && areAsTheyAre_) {
     ReadTile(box, to);
     return;
   }
   const std::size_t index = box.y / bandHeight_;
-  const Band& band = Ready(index);
-  const std::uint8_t* from =
-      band.rows.Data() + (box.y % bandHeight_) * rowBytes_ +
-      box.x * description.planes.size() * description.planes[0].BytesPerSample();
+  const std::uint8_t* from = Inside(Ready(index), box);
   WithSampleType(description.planes[0].BytesPerSample(), [&](auto sample) {
     for (std::uint32_t y = 0; y < box.height; ++y, from += rowBytes_, to += tileRowBytes) {
       PackSamples(reinterpret_cast<const decltype(sample)*>(from), samples, depth, to);
     }
   });
+  EndTile(index);
+}
+
+TileSamples::Rows RowBands::RowsOf(const TileBox& box, std::uint32_t row) {
+  if (tilesAcross_ > 1) {
+    const Band& band = Ready(box.y / bandHeight_);
+    return {Inside(band, box) + row * rowBytes_, box.height - row, rowBytes_};
+  }
+  const std::size_t most = std::max<std::size_t>(kStripBytes / rowBytes_, 1);
+  if (strip_.Size() == 0) strip_ = SampleBuffer(most * rowBytes_);
+  const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(most, box.height - row));
+  source_.Read(count, strip_.Data(), rowBytes_);
+  return {strip_.Data(), count, rowBytes_};
+}
+
+void RowBands::ReleaseRows(const TileBox& box) noexcept {
+  if (tilesAcross_ == 1) return;
+  try {
+    EndTile(box.y / bandHeight_);
+  } catch (...) {
+    // The tiles of the band that could not be read say so.
+  }
+}
+
+const std::uint8_t* RowBands::Inside(const Band& band, const TileBox& box) const {
+  return band.rows.Data() + (box.y % bandHeight_) * rowBytes_ + box.x * pixelBytes_;
+}
+
+void RowBands::EndTile(std::size_t index) {
   Lock lock(mutex_);
   Band& mine = BandOf(index);
   if (++mine.numCopied == tilesAcross_) mine.index = SIZE_MAX;

@@ -16,14 +16,18 @@ namespace kel::host {
 
 /// The workers that encode tiles read the bands themselves, one at a time: a band when its first
 /// tile is wanted, and where there are several workers the one below it then, so that reading and
-/// coding go on side by side. Every tile is copied once; a band whose tiles all have been makes
-/// room for the next.
+/// coding go on side by side. A band whose tiles all have been taken makes room for the next. Tiles
+/// as wide as the picture need no band where there is one worker for them: their rows come in
+/// strips that fit the caches.
 class RowBands final : public TileSamples {
  public:
   /// source outlives this. Throws Error (kMemory) beyond the session's limit.
   RowBands(RowSource& source, const EncodeParams& params);
   bool Interleaved() const override { return true; }
   void Copy(std::size_t, const TileBox& box, std::uint8_t* to) override;
+  bool GivesRows() const override { return givesRows_; }
+  Rows RowsOf(const TileBox& box, std::uint32_t row) override;
+  void ReleaseRows(const TileBox& box) noexcept override;
   void Abandon() override;
 
  private:
@@ -41,13 +45,19 @@ class RowBands final : public TileSamples {
   bool ClaimReading(std::size_t index, const Lock&);
   /// Reads a claimed band.
   void ReadClaimed(std::size_t index);
+  /// A tile of a band has been taken. Reads the band behind it where that can be.
+  void EndTile(std::size_t index);
+  /// Where a rectangle begins in its band.
+  const std::uint8_t* Inside(const Band& band, const TileBox& box) const;
   /// A tile as wide as the picture, straight from the source.
   void ReadTile(const TileBox& box, std::uint8_t* to);
 
   RowSource& source_;
   const std::uint32_t width_, height_, bandHeight_;
-  const std::size_t tilesAcross_, numBands_, rowBytes_;
+  const std::size_t tilesAcross_, numBands_, pixelBytes_, rowBytes_;
+  const bool areAsTheyAre_, givesRows_;
   std::array<Band, 2> bands_;
+  SampleBuffer strip_;  ///< rows of tiles as wide as the picture, which only one worker takes
   MemoryReservation room_;
 
   std::mutex mutex_;  ///< of what follows, and of the bands' numbers

@@ -188,6 +188,9 @@ struct TileEncoder::State {
     dataProcs.GetTileComponent = FetchTileComponent;
     dataProcs.GetNumInterleaved = together ? CountInterleaved : nullptr;
     dataProcs.GetReserved = nullptr;
+    rowProcs.clientData = this;
+    rowProcs.GetTileRows = GetRows;
+    rowProcs.ReleaseTileRows = ReleaseRows;
     AskForTime(actions);
     clientProcs.UserActions = &actions;
     clientProcs.ImageDataProcs = &dataProcs;
@@ -202,6 +205,9 @@ struct TileEncoder::State {
   static KelBufID_I* FetchTile(void* client, KelLong tile, KelLong* error);
   static KelBufID_I* FetchTileComponent(void* client, KelLong component, KelLong tile,
                                         KelLong* error);
+  static const void* GetRows(void* client, KelLong tile, KelLong row, KelLong* numRows,
+                             std::int64_t* strideBytes, KelLong* error);
+  static void ReleaseRows(void* client, KelLong tile);
   /// A buffer of the library's with rowBytes x height bytes that `fill` writes; null with an error.
   template <class Fill>
   KelBufID_I* MakeBuffer(std::uint64_t rowBytes, const TileBox& box, KelLong* error, Fill&& fill);
@@ -214,6 +220,7 @@ struct TileEncoder::State {
   EncoderOptions options;
   KelLargeStream large;
   KelImageDataProcs dataProcs;
+  KelRowProcs rowProcs;
   KelUserActions actions;
   KelClientProcs clientProcs;
   KelCodeStm stream;
@@ -308,6 +315,27 @@ KelBufID_I* TileEncoder::State::FetchTileComponent(void* client, KelLong compone
   });
 }
 
+const void* TileEncoder::State::GetRows(void* client, KelLong tile, KelLong row, KelLong* numRows,
+                                        std::int64_t* strideBytes, KelLong* error) {
+  auto& self = *static_cast<State*>(client);
+  try {
+    const TileSamples::Rows rows =
+        self.samples.RowsOf(BoxOf(self.object, 0, tile), static_cast<std::uint32_t>(row));
+    *numRows = static_cast<KelLong>(rows.count);
+    *strideBytes = static_cast<std::int64_t>(rows.strideBytes);
+    return rows.first;
+  } catch (...) {
+    self.failure = std::current_exception();
+    *error = KelErrAborted;
+    return nullptr;
+  }
+}
+
+void TileEncoder::State::ReleaseRows(void* client, KelLong tile) {
+  auto& self = *static_cast<State*>(client);
+  self.samples.ReleaseRows(BoxOf(self.object, 0, tile));
+}
+
 void TileEncoder::State::Flush() {
   stream.flushWriteBuffer();
   if (failure) std::rethrow_exception(failure);
@@ -320,6 +348,9 @@ TileEncoder::TileEncoder(const Image& image, TileSamples& samples, const EncodeP
   State& state = *state_;
   Check(state.object.InitEncoder(state.options.Get(), &state.stream, &state.clientProcs),
         state.object, Failure::kParameter);
+  if (samples.GivesRows()) {
+    Check(state.object.SetRowProcs(&state.rowProcs), state.object, Failure::kParameter);
+  }
   state.Flush();
   state.headers = state.written;
 }

@@ -28,6 +28,19 @@ class TileSamples {
   /// words for 16, else packed bits; rows fill whole bytes. component is for single ones. May
   /// throw.
   virtual void Copy(std::size_t component, const TileBox& box, std::uint8_t* to) = 0;
+  /// Rows that stand in memory, pixel after pixel in the form that Copy gives.
+  struct Rows {
+    const std::uint8_t* first;
+    std::uint32_t count;
+    std::size_t strideBytes;
+  };
+  /// Whether rows can be looked at where they stand, in place of Copy.
+  virtual bool GivesRows() const { return false; }
+  /// Rows of a rectangle from one on, which stand until the next ones are asked for; from the first
+  /// to the last. May throw.
+  virtual Rows RowsOf(const TileBox&, std::uint32_t) { return {}; }
+  /// The rows of a rectangle have been looked at.
+  virtual void ReleaseRows(const TileBox&) noexcept {}
   /// Some tile will not be taken: nobody waits for that any longer.
   virtual void Abandon() {}
 };

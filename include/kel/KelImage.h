@@ -67,6 +67,24 @@ class KEL_API KelImageDataProcs {
   KelLong (*GetReserved)(void* clientData) = nullptr;
 };
 
+/// Where the encoder looks at interleaved samples row by row, in the host's own memory, in place of
+/// a buffer of each tile; see KelImage::SetRowProcs. Only GetTileRows may throw: guarded operations
+/// then return 31.
+class KEL_API KelRowProcs {
+ public:
+  void* clientData = nullptr;  ///< first argument of every callback
+  /// The address of a row of a tile, counted from 0: samples as in GetTileInterleaved. *numRows
+  /// rows from there on, at least one, begin every *strideBytes bytes; both are for the callback to
+  /// set, and more rows than the tile has do no harm. They stay as they are until the next call for
+  /// the tile, or ReleaseTileRows. Rows are asked for once, from the first to the last. Null with a
+  /// result code in *error, or without one, as a fetch.
+  const void* (*GetTileRows)(void* clientData, KelLong tile, KelLong row, KelLong* numRows,
+                             std::int64_t* strideBytes, KelLong* error) = nullptr;
+  /// The rows of a tile are not looked at any longer, whether all of them were asked for or not;
+  /// called once for a tile of which a row was asked for. May be null.
+  void (*ReleaseTileRows)(void* clientData, KelLong tile) = nullptr;
+};
+
 /// The host's callbacks for one image object.
 class KEL_API KelClientProcs {
  public:
@@ -262,6 +280,12 @@ class KEL_API KelImage {
   /// outside 0..32, indices of mask or transparency channels out of range, and a transparency
   /// channel among the colour channels (below NumColorChannels).
   KelLong InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientProcs* procs);
+  /// Guarded. From the next tile on, samples come row by row, where a tile takes one pass over its
+  /// interleaved channels and nothing else: one component, or three colours that are transformed
+  /// together. Other tiles, and previews, are fetched as ever, so the callbacks that InitEncoder
+  /// took stay. The record is copied; null takes it back. What is coded is the same. Returns 0; 15
+  /// without GetTileRows or without GetTileInterleaved.
+  KelLong SetRowProcs(const KelRowProcs* procs);
   /// Guarded. Writes the boxes and the main header again at the start of a seekable stream, else
   /// at its current position; *bytes, unless null, receives their size. For use before the first
   /// tile only.

@@ -24,6 +24,12 @@ KelLong KelImage::InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientP
       [&](ImageState& state) { return kel::InitEncoder(state, options, stream, procs); }, kTheCode);
 }
 
+KelLong KelImage::SetRowProcs(const KelRowProcs* procs) {
+  return Guarded(
+      handle_, Side::kEncoder, [&](ImageState& state) { return kel::SetRowProcs(state, procs); },
+      kTheCode);
+}
+
 KelLong KelImage::WriteKelHeaders(KelULong* bytes) {
   return Guarded(
       handle_, Side::kEncoder,

@@ -92,7 +92,7 @@ bool TransformTile(const ImageState& state, const TileRecord& tile) {
       if (IsRegionMask(o, first + i)) continue;
       jobs[i] = BeginComponent(state, tile.comps[first + i], region, marks[i]);
     }
-    if (!TransformTogether(source, first, count, jobs, e.rowsMemory)) return false;
+    if (!TransformTogether(source, first, count, jobs, e.rowsMemory, true)) return false;
     first += count;
   }
   return true;

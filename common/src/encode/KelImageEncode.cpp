@@ -217,6 +217,15 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
   return KelOK;
 }
 
+KelLong SetRowProcs(ImageState& state, const KelRowProcs* procs) {
+  SourceReader& reader = state.encoder->reader;
+  if (procs != nullptr && (procs->GetTileRows == nullptr || reader.numInterleaved == 0)) {
+    return Refuse(state);
+  }
+  reader.rows = procs != nullptr ? *procs : KelRowProcs();
+  return KelOK;
+}
+
 void ReleaseCoders(const ImageState& state) noexcept {
   EncoderState& e = *state.encoder;
   for (KelLong c = 0; e.coders != nullptr && c < state.map.numComps; ++c) {

@@ -47,6 +47,9 @@ KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
 /// Releases an encoder's state; may run on a half-built one.
 void ReleaseEncoder(ImageState& state) noexcept;
 
+/// Takes callbacks for rows, or none with null. Returns 0 or 15.
+KelLong SetRowProcs(ImageState& state, const KelRowProcs* procs);
+
 /// Writes boxes and main header: at the start of a seekable stream, which is then where it was
 /// unless the headers reach further; else at the current position. Returns 0 or 15; raises 8, 32.
 KelLong WriteKelHeaders(ImageState& state, KelULong* bytes);

@@ -77,6 +77,38 @@ bool TileSource::Fetch(KelLong component, FetchedSamples& samples) {
   return true;
 }
 
+bool TileSource::HasRows(KelLong numComps) const {
+  if (reader_.rows.GetTileRows == nullptr || numComps != reader_.geometry->Csiz) return false;
+  for (KelLong c = 0; c < numComps; ++c) {
+    if (!IsInterleaved(reader_, c)) return false;
+  }
+  return true;
+}
+
+bool TileSource::GetRows(std::uint64_t row, RowsAtHand& rows) {
+  const KelRowProcs& procs = reader_.rows;
+  const KelTileGeometry box = TileCompOf(*reader_.geometry, 0, tile_);
+  KelLong count = 0, error = KelOK;
+  std::int64_t stride = 0;
+  holdsRows_ = true;
+  const void* address = procs.GetTileRows(procs.clientData, tile_, static_cast<KelLong>(row),
+                                          &count, &stride, &error);
+  if (error != KelOK) Raise(error, kModuleCompTransform);
+  if (address == nullptr || count < 1) return false;
+  rows.first = MakeSampleSource(address, std::int64_t{box.X1} - box.X0, box.BitDepth,
+                                static_cast<std::uint32_t>(reader_.numInterleaved), 0);
+  rows.first.rowBytes = static_cast<std::uint64_t>(stride);
+  rows.numRows = static_cast<std::uint64_t>(count);
+  return true;
+}
+
+void TileSource::ReleaseRows() noexcept {
+  const KelRowProcs& procs = reader_.rows;
+  if (!holdsRows_) return;
+  holdsRows_ = false;
+  if (procs.ReleaseTileRows != nullptr) procs.ReleaseTileRows(procs.clientData, tile_);
+}
+
 bool FetchRegion(TileSource& source, const KelTileGeometry& component, RegionSamples& region) {
   region = EmptyRegion(component);
   if (region.box.IsEmpty()) return true;

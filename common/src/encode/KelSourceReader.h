@@ -20,6 +20,7 @@ struct SourceReader {
   KelImageDataProcs procs;  ///< a copy of the host's record
   const KelImageGeometry* geometry;
   KelLong numInterleaved;  ///< channels of the interleaved buffer; 0 without one
+  KelRowProcs rows;        ///< a copy; without callbacks unless the host has set them
 };
 
 /// Takes the callbacks and asks for the number of interleaved channels. Returns false when a
@@ -39,10 +40,26 @@ struct FetchedSamples {
   SampleSource source;
 };
 
+/// Rows of a tile in the host's memory.
+struct RowsAtHand {
+  SampleSource first;     ///< the first of them, as channel 0
+  std::uint64_t numRows;  ///< at least 1
+};
+
 /// The samples of one tile, fetched as they are asked for.
 class TileSource {
  public:
   TileSource(const SourceReader& reader, KelLong tile) : reader_(reader), tile_(tile) {}
+  ~TileSource() { ReleaseRows(); }
+  TileSource(const TileSource&) = delete;
+  TileSource& operator=(const TileSource&) = delete;
+
+  /// Whether the first components, as many as the image has, come row by row.
+  bool HasRows(KelLong numComps) const;
+  /// Looks at rows of the tile from one on. Returns false, and raises, as Fetch does.
+  bool GetRows(std::uint64_t row, RowsAtHand& rows);
+  /// Tells the host that its rows are not looked at any longer.
+  void ReleaseRows() noexcept;
 
   /// Fetches a component. Returns false when the host gave no buffer and no error. Raises the code
   /// that the host reported, and 8 when a buffer cannot be locked. Interleaved samples stay valid
@@ -55,6 +72,7 @@ class TileSource {
   const SourceReader& reader_;
   KelLong tile_;
   FetchedSamples interleaved_;
+  bool holdsRows_ = false;
 };
 
 /// Fetches the mask of a tile from a component. Returns false when the host gave none. Raises as

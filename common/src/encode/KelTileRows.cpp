@@ -61,6 +61,42 @@ class TogetherRows {
   ForwardRows rows_[kMostTogether];
 };
 
+/// The samples of components that go together: in buffers, or row by row.
+class SamplesTogether {
+ public:
+  SamplesTogether(TileSource& source, KelLong first, KelLong count, bool inRows)
+      : source_(source), first_(first), count_(count), inRows_(inRows) {}
+
+  /// Fetches what does not come row by row.
+  bool Fetch() {
+    for (KelLong c = 0; c < count_ && !inRows_; ++c) {
+      if (!source_.Fetch(first_ + c, fetched_[c])) return false;
+    }
+    return true;
+  }
+
+  /// A row of each component; rows from the first to the last.
+  bool GetRow(std::uint64_t y, SampleSource (&rows)[kMostTogether]) {
+    if (inRows_ && y >= begin_ + atHand_.numRows) {
+      if (!source_.GetRows(y, atHand_)) return false;
+      begin_ = y;
+    }
+    for (KelLong c = 0; c < count_; ++c) {
+      rows[c] = FromRow(inRows_ ? atHand_.first : fetched_[c].source, y - begin_);
+      if (inRows_) rows[c].first = static_cast<std::uint32_t>(c);
+    }
+    return true;
+  }
+
+ private:
+  TileSource& source_;
+  KelLong first_, count_;
+  bool inRows_;
+  FetchedSamples fetched_[kMostTogether];
+  RowsAtHand atHand_ = {};
+  std::uint64_t begin_ = 0;  ///< of the rows at hand
+};
+
 }  // namespace
 
 RowKind RowKindAlone(int bitDepth, int numLevels) {
@@ -81,28 +117,27 @@ KelLong NumTogether(const KelEncOpt& o, KelLong component) {
 }
 
 bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
-                       KeptBlock& memory) {
+                       KeptBlock& memory, bool asRows) {
   const ForwardJob* const job =
       std::find_if(jobs, jobs + count, [](const ForwardJob& j) { return !j.box.IsEmpty(); });
   if (job == jobs + count) return true;
-  FetchedSamples samples[kMostTogether];
-  for (KelLong c = 0; c < count; ++c) {
-    if (!source.Fetch(first + c, samples[c])) return false;
-  }
+  SamplesTogether samples(source, first, count, asRows && first == 0 && source.HasRows(count));
+  if (!samples.Fetch()) return false;
   TogetherRows rows(jobs, count, memory);
   const PlaneSize row = {job->box.Width(), 1};
   for (std::uint64_t y = 0; y < AsCount(job->box.Height()); ++y) {
+    SampleSource sources[kMostTogether];
+    if (!samples.GetRow(y, sources)) return false;
     CodingPlane planes[kMostTogether] = {};
     rows.GetPlanes(planes);
     if (count == 1) {
-      PreparePlane(FromRow(samples[0].source, y), planes[0], row, job->cells);
+      PreparePlane(sources[0], planes[0], row, job->cells);
     } else {
-      PrepareColorPlanes({FromRow(samples[0].source, y), FromRow(samples[1].source, y),
-                          FromRow(samples[2].source, y)},
-                         planes, row, job->cells);
+      PrepareColorPlanes(sources, planes, row, job->cells);
     }
     rows.TakeRow();
   }
+  source.ReleaseRows();
   return true;
 }
 

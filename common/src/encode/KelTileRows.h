@@ -29,12 +29,13 @@ inline constexpr KelLong kMostTogether = 3;
 /// How many components, from one on, are transformed together.
 KelLong NumTogether(const KelEncOpt& options, KelLong component);
 
-/// Fetches components and transforms them: three colours with the colour transform, or a single
-/// one. Jobs with an empty box are not wanted; their cells are of one kind. Nothing is fetched when
-/// none is wanted. What was fetched of single components is given back. Returns false when the host
-/// gave no samples. Raises as TileSource::Fetch, and 8.
+/// Transforms components: three colours with the colour transform, or a single one, out of buffers
+/// that are fetched, or row by row where they come so and asRows is set. Jobs with an empty box are
+/// not wanted; their cells are of one kind. Nothing is fetched when none is wanted. What was
+/// fetched of single components is given back. Returns false when the host gave no samples. Raises
+/// as TileSource::Fetch, and 8.
 bool TransformTogether(TileSource& source, KelLong first, KelLong count, const ForwardJob* jobs,
-                       KeptBlock& memory);
+                       KeptBlock& memory, bool asRows = false);
 
 /// The steps that the main header announces for a component: even ones at the quality that the
 /// encoder was initialised with, which most tiles have. Null: steps of 1, or lossless.
