@@ -32,11 +32,11 @@ long BitsOf(const std::vector<int>& indices) {
   return static_cast<long>(bits.NumBits()) - 1;
 }
 
-/// Squared error in sixteenths of a step and bits, at a bit for an eighth of a squared step.
+/// Squared error in eighteenths of a step and bits, at a bit for a ninth of a squared step.
 long PriceOf(const std::vector<int>& t, const std::vector<int>& indices) {
-  long price = 32 * BitsOf(indices);
+  long price = 36 * BitsOf(indices);
   for (std::size_t i = 0; i < 64; ++i) {
-    const long d = t[i] - 16 * indices[i];
+    const long d = t[i] - 18 * indices[i];
     price += d * d;
   }
   return price;
@@ -72,7 +72,7 @@ TEST_F(IndexChoice, SetsAgree) {
     for (int i = 0; i < 6000; ++i) {
       const double scale = std::exp(std::uniform_real_distribution<>(0.5, 11.5)(random));
       std::vector<int> t = RandomBlock(random, scale, 32767);
-      if (i % 4 == 0) std::ranges::for_each(t, [&](int& v) { v = v / 8 * 8; });  // halves
+      if (i % 4 == 0) std::ranges::for_each(t, [&](int& v) { v = v / 9 * 9; });  // halves
       int expected = 0, planes = 0;
       const std::vector<int> want = Chosen(scalar.choice.chooseOfShorts, t, &expected);
       ASSERT_EQ(Chosen(table.choice.chooseOfShorts, t, &planes), want) << i;
@@ -94,7 +94,7 @@ TEST_F(IndexChoice, SetsAgree) {
 TEST_F(IndexChoice, PriceIsTheLeast) {
   std::mt19937 random(2);
   for (int i = 0; i < 300; ++i) {
-    const std::vector<int> t = RandomBlock(random, i % 2 == 0 ? 4 : 7, 23);
+    const std::vector<int> t = RandomBlock(random, i % 2 == 0 ? 4 : 7, 26);
     int planes = 0;
     const std::vector<int> chosen = Chosen(kel::Kernels().choice.chooseOfShorts, t, &planes);
     std::vector<int> best(64);
@@ -104,11 +104,11 @@ TEST_F(IndexChoice, PriceIsTheLeast) {
         std::vector<int> other = best;
         for (int k = 0; k < 16; ++k) {
           const auto at = static_cast<std::size_t>(first + 8 * (k / 4) + k % 4);
-          if ((columns >> k % 4 & 1) != 0) other[at] = t[at] > 9 ? 1 : t[at] < -9 ? -1 : 0;
+          if ((columns >> k % 4 & 1) != 0) other[at] = t[at] > 10 ? 1 : t[at] < -10 ? -1 : 0;
         }
         // An empty block has no patterns; here they count.
         const auto price = [&](const std::vector<int>& v) {
-          return PriceOf(t, v) + (std::ranges::count(v, 0) == 64 ? 32 * 4 : 0);
+          return PriceOf(t, v) + (std::ranges::count(v, 0) == 64 ? 36 * 4 : 0);
         };
         if (price(other) < price(least)) least = other;
       }
@@ -121,10 +121,10 @@ TEST_F(IndexChoice, PriceIsTheLeast) {
   for (int i = 0; i < 2000; ++i) {
     const std::vector<int> t = RandomBlock(random, std::exp(1.5 + i % 60 / 12.0), 20000);
     std::vector<int> nearest;
-    for (const int v : t) nearest.push_back((v < 0 ? -1 : 1) * ((std::abs(v) + 8) >> 4));
+    for (const int v : t) nearest.push_back((v < 0 ? -1 : 1) * ((std::abs(v) + 9) / 18));
     int planes = 0;
     const long price = PriceOf(t, Chosen(kel::Kernels().choice.chooseOfShorts, t, &planes));
-    ASSERT_LE(price, PriceOf(t, nearest) + 32 * 8) << i;
+    ASSERT_LE(price, PriceOf(t, nearest) + 36 * 12) << i;
     total += price;
     totalOfNearest += PriceOf(t, nearest);
   }
@@ -140,7 +140,7 @@ TEST_F(IndexChoice, PlaneCountsAreNarrowed) {
     std::vector<std::int16_t> cells(kSide * kSide, 0);
     std::vector<std::uint8_t> counts(41 * 41);
     for (std::size_t i = 0; i < cells.size(); i += 7) cells[i] = 20;
-    cells[kSide * 20 + 20] = static_cast<std::int16_t>(16 * -outlier);
+    cells[kSide * 20 + 20] = static_cast<std::int16_t>(18 * -outlier);
     const kel::EncodeBand band = {0, kSide, 0, kSide, cells.data(), kSide, true, counts.data()};
     for (std::int32_t y = 0; y < kSide; ++y) {
       if (EndsBlocks(band, y)) ChooseIndicesAbove(band, y);

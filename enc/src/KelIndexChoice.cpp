@@ -75,13 +75,13 @@ Magnitudes Limited(const Magnitudes& block, unsigned planes) {
   return limited;
 }
 
-/// Eighths of a squared step by which indices below the magnitudes add to their error; with the
-/// rests r of the magnitudes, in sixteenths, or as if these were 0.
+/// Ninths of a squared step by which indices below the magnitudes add to their error; with the
+/// rests r of the magnitudes, in eighteenths, or as if these were 0.
 std::int64_t LossOf(const Magnitudes& block, const Magnitudes& chosen, const int* r) {
   std::int64_t loss = 0;
   for (int i = 0; i < 64; ++i) {
     const auto d = static_cast<std::int64_t>(block.values[i] - chosen.values[i]);
-    loss += d * ((r != nullptr ? r[i] : 0) + 8 * d);
+    loss += d * ((r != nullptr ? r[i] : 0) + kPartsPerHalf * d);
   }
   return loss;
 }
@@ -114,13 +114,13 @@ void StoreMagnitudes(const Magnitudes& from, const BlockRun<Cell>& block,
 /// A block smaller than 8 x 8: its nearest indices, those with one plane fewer, or none.
 template <class Cell>
 std::uint8_t ChooseSmallBlock(const BlockRun<Cell>& block, std::ptrdiff_t strideCells) {
-  constexpr std::uint32_t kMostIdle = 9;  // an index of 1 is worth its sign above that
   Magnitudes nearest = LoadMagnitudes(block, strideCells);
   int r[64];
   for (int i = 0; i < 64; ++i) {
-    const std::uint32_t t = nearest.values[i];
-    nearest.values[i] = t <= kMostIdle ? 0 : (t + 8) >> 4;
-    r[i] = static_cast<int>(t - 16 * nearest.values[i]);
+    const auto t = static_cast<int>(nearest.values[i]);
+    const int q = t <= kMostIdle ? 0 : (t + kPartsPerHalf) / kPartsPerStep;
+    nearest.values[i] = static_cast<std::uint32_t>(q);
+    r[i] = t - kPartsPerStep * q;
   }
   const unsigned planes = PlanesOf(nearest);
   Magnitudes best = nearest;

@@ -14,12 +14,12 @@
 namespace kel {
 
 /// Replaces the coefficients of the blocks of which `row` (in band coordinates) is the last row,
-/// which are sixteenths of the band's step, by their indices, and sets the plane counts. Magnitudes
-/// of 32 bits are at most kMostSixteenths.
+/// which are eighteenths of the band's step, by their indices, and sets the plane counts.
+/// Magnitudes of 32 bits are at most kMostParts.
 void ChooseIndicesAbove(const EncodeBand& band, std::int32_t row);
 
 /// The largest coefficient that can be given.
-inline constexpr std::int32_t kMostSixteenths = 0x7FFFFF00;
+inline constexpr std::int32_t kMostParts = 0x7FFFFF00;
 
 /// Limits the few largest indices of a band where a narrower plane-count field for all its blocks
 /// is worth that; at last to none, which leaves a band that takes no bytes.

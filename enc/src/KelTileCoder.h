@@ -46,7 +46,7 @@ struct TileCompJob {
 struct TileCompCoder {
   KeptBlock memory;  ///< of the bands
   float* steps;
-  float* divisors;  ///< of the floats: the steps, or sixteenths of them
+  float* divisors;  ///< of the floats: the steps, or eighteenths of them
   bool dropsEmpty;
   WaitingBands waiting;
   CodedTileComp coded;

@@ -128,7 +128,7 @@ void TakeBandRow(void* context, int subband, std::int64_t row, void* cells) {
     if (band.areShorts) {
       kernels.floatsToShorts(floats, static_cast<std::int16_t*>(to), count);
     } else {
-      const std::int32_t most = waiting.choosesIndices ? kMostSixteenths : INT32_MAX;
+      const std::int32_t most = waiting.choosesIndices ? kMostParts : INT32_MAX;
       kernels.floatsToLevels(floats, static_cast<std::int32_t*>(to), count, -most, most, 0);
     }
   } else if (cells != to) {

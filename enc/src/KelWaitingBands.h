@@ -40,7 +40,7 @@ struct WaitingJob {
   CellKind cells;       ///< of the rows that come
   int sampleBits;       ///< of the transformed component's samples, sign included
   const float* steps;   ///< that floats are divided by before they come; null: none
-  bool choosesIndices;  ///< floats come as sixteenths of the steps that indices stand for
+  bool choosesIndices;  ///< floats come as eighteenths of the steps that indices stand for
 };
 
 /// The bands of a tile-component; a plain record over the memory that it was given.

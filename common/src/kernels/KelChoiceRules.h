@@ -12,23 +12,22 @@ namespace {
 
 /// Most bits of an index in a block whose indices are chosen.
 constexpr unsigned kMostChosenPlanes = 11;
-/// Most planes for which columns are left out.
-constexpr unsigned kMostPrunedPlanes = 3;
+/// Most bits of an index in a block whose columns may be left out, and in one that may be emptied.
+constexpr unsigned kMostPrunedPlanes = 4;
+constexpr unsigned kMostEmptiedPlanes = 3;
 /// Differences between indices count as no more than this: what they lose is more than any
 /// candidate can gain.
-constexpr int kMostDifference = 15;
+constexpr int kMostDifference = 12;
 /// A column gains no more than this by being coded, to the same effect.
 constexpr int kMostGain = 255;
 /// What a column of the lower plane is taken to cost while the upper plane is chosen: its bits and
 /// its share of the pattern's word.
 constexpr int kLowerColumnBits = 5;
-/// The largest magnitude, in sixteenths, that is 0 from the start.
-constexpr int kMostIdle = 9;
 
 /// Which of the two top planes a column has.
 enum class ColumnPlanes : unsigned char { kNeither, kLower, kUpper, kBoth };
 
-/// The index that stands for q in a column of a block of N planes, 1 to 3. With one plane it
+/// The index that stands for q in a column of a block of N planes, 1 to 4. With one plane it
 /// is the lower one.
 constexpr int IndexUnder(unsigned N, ColumnPlanes planes, int q, bool isAboveIndex) {
   const int W = N == 1 ? 1 : 1 << (N - 2);
@@ -47,7 +46,7 @@ constexpr int IndexUnder(unsigned N, ColumnPlanes planes, int q, bool isAboveInd
   }
   if (limited >= 3 * W) return 3 * W - 1;
   if (limited < W || limited >= 2 * W) return limited;
-  const bool goesUp = W == 1 ? isAboveIndex : limited > W;
+  const bool goesUp = W == 1 ? isAboveIndex : 2 * limited >= 3 * W;
   return goesUp ? 2 * W : W - 1;
 }
 

@@ -9,7 +9,7 @@
 namespace kel {
 namespace {
 
-/// The magnitudes of a block, as t = 16 q + r, in raster order.
+/// The magnitudes of a block, as t = 18 q + r, in raster order.
 struct Magnitudes {
   int q[64];
   int r[64];
@@ -24,7 +24,7 @@ struct Candidate {
 
 int LossOf(int q, int r, int index) {
   const int d = std::min(q - index, kMostDifference);
-  return d * (r + 8 * d) - (index == 0 && q != 0 ? 1 : 0);
+  return d * (r + kPartsPerHalf * d) - (index == 0 && q != 0 ? 1 : 0);
 }
 
 /// The pattern with most gain of a group, given what its columns gain.
@@ -95,7 +95,7 @@ int CostOfPlane(const int (&indices)[64], unsigned plane) {
 
 void Evaluate(const Magnitudes& block, unsigned N, Candidate& candidate) {
   candidate.loss = N > 2 ? 64 * static_cast<int>(N - 2) : 0;
-  if (N > 0 && N <= kMostPrunedPlanes) {
+  if (N > 0 && block.planes <= kMostPrunedPlanes) {
     for (const int first : {0, 4, 32, 36}) ChooseGroup(block, N, first, candidate);
     return;
   }
@@ -113,7 +113,7 @@ int LossOfLimit(const Magnitudes& block, unsigned N) {
   int loss = 0;
   for (int i = 0; i < 64; ++i) {
     const int d = std::min(std::max(block.q[i] - ((1 << N) - 1), 0), kMostDifference);
-    loss += d * (block.r[i] + 8 * d);
+    loss += d * (block.r[i] + kPartsPerHalf * d);
   }
   return loss;
 }
@@ -132,8 +132,8 @@ Magnitudes LoadBlock(const Cell* cells, std::ptrdiff_t strideCells) {
   unsigned all = 0;
   for (int i = 0; i < 64; ++i) {
     const int t = std::abs(static_cast<int>(cells[(i / 8) * strideCells + i % 8]));
-    block.q[i] = t <= kMostIdle ? 0 : (t + 8) >> 4;
-    block.r[i] = t - 16 * block.q[i];
+    block.q[i] = t <= kMostIdle ? 0 : (t + kPartsPerHalf) / kPartsPerStep;
+    block.r[i] = t - kPartsPerStep * block.q[i];
     all |= static_cast<unsigned>(block.q[i]);
   }
   block.planes = static_cast<unsigned>(std::bit_width(all));
@@ -150,7 +150,7 @@ std::uint8_t ChooseBlock(Cell* cells, std::ptrdiff_t strideCells) {
   } else {
     Evaluate(block, n, best);
     if (n > 1) Try(block, n - 1, best);
-    if (n <= kMostPrunedPlanes) Try(block, 0, best);
+    if (n <= kMostEmptiedPlanes) Try(block, 0, best);
   }
   unsigned all = 0;
   for (int i = 0; i < 64; ++i) {

@@ -167,8 +167,10 @@ KEL_INLINE __m256i LossesOf(const SmallBlock& block) {
       magnitude = _mm256_abs_epi8(difference);
       signedRest = _mm256_sign_epi8(rest, difference);
     }
-    // Differences are below 16, so that nothing leaves its byte.
-    const __m256i factor = _mm256_add_epi8(_mm256_slli_epi16(magnitude, 3), signedRest);
+    // Nothing leaves its byte: 9 times the most difference and the most rest are 116.
+    if constexpr (N > 2) magnitude = _mm256_min_epi8(magnitude, _mm256_set1_epi8(kMostDifference));
+    const __m256i eightfold = _mm256_slli_epi16(magnitude, 3);
+    const __m256i factor = _mm256_add_epi8(_mm256_add_epi8(eightfold, magnitude), signedRest);
     return _mm256_maddubs_epi16(magnitude, factor);
   };
   const __m256i losses =
@@ -285,7 +287,8 @@ KEL_INLINE int LimitIndices(const BlockWords& block, unsigned planes, __m256i* l
     limited[y] = _mm256_min_epi16(block.q[y], largest);
     const __m256i d = _mm256_min_epi16(_mm256_sub_epi16(block.q[y], limited[y]),
                                        _mm256_set1_epi16(kMostDifference));
-    const __m256i factor = _mm256_add_epi16(_mm256_slli_epi16(d, 3), block.r[y]);
+    const __m256i factor =
+        _mm256_add_epi16(_mm256_mullo_epi16(d, _mm256_set1_epi16(kPartsPerHalf)), block.r[y]);
     losses = _mm256_add_epi16(losses, _mm256_mullo_epi16(d, factor));
   }
   return SumOfWords(losses);
@@ -340,17 +343,18 @@ KEL_INLINE void ChooseSmall(const BlockWords& block, unsigned n, __m256i* indice
   if (two.lossOfNone >= three.loss) WidenBytes(IndicesOf<3>(small, three), indices);
 }
 
-/// A block of four planes, which with three of them may do without columns.
+/// A block of four planes.
 KEL_INLINE void ChooseFour(const BlockWords& block, __m256i* indices) {
-  for (int y = 0; y < 4; ++y) indices[y] = block.q[y];
-  __m256i limited[4];
-  const int loss = CostOfPlanes(block.q, 4);
-  if (LimitIndices(block, 3, limited) >= loss) return;
   SmallBlock small;
   small.q = BytesOf(block.q);
   small.r = BytesOf(block.r);
-  const ChosenColumns three = ChooseColumns<3>(small);
-  if (three.loss < loss) WidenBytes(IndicesOf<3>(small, three), indices);
+  const ChosenColumns four = ChooseColumns<4>(small);
+  const int limit = SumOfWords(LossesOf<3, ColumnPlanes::kBoth>(small));
+  if (limit < four.loss) {
+    const ChosenColumns three = ChooseColumns<3>(small);
+    if (three.loss < four.loss) return WidenBytes(IndicesOf<3>(small, three), indices);
+  }
+  WidenBytes(IndicesOf<4>(small, four), indices);
 }
 
 /// A block of five planes and more.
@@ -380,9 +384,14 @@ KEL_INLINE unsigned ChooseWords(__m256i* cells) {
   BlockWords block;
   for (int y = 0; y < 4; ++y) {
     const __m256i t = _mm256_abs_epi16(cells[y]);
-    const __m256i nearest = _mm256_srli_epi16(_mm256_add_epi16(t, _mm256_set1_epi16(8)), 4);
+    // Halves of words, divided by 9: 7282 is 2^16 / 9 and two ninths, too little to show.
+    const __m256i halves =
+        _mm256_srli_epi16(_mm256_add_epi16(t, _mm256_set1_epi16(kPartsPerHalf)), 1);
+    const __m256i nearest = _mm256_mulhi_epu16(halves, _mm256_set1_epi16(7282));
+    static_assert(kPartsPerHalf == 9);
     block.q[y] = _mm256_and_si256(nearest, _mm256_cmpgt_epi16(t, _mm256_set1_epi16(kMostIdle)));
-    block.r[y] = _mm256_sub_epi16(t, _mm256_slli_epi16(block.q[y], 4));
+    const __m256i whole = _mm256_mullo_epi16(block.q[y], _mm256_set1_epi16(kPartsPerStep));
+    block.r[y] = _mm256_sub_epi16(t, whole);
   }
   const unsigned n = NumPlanes(block.q);
   if (n == 0 || n > kMostChosenPlanes) {
@@ -390,9 +399,9 @@ KEL_INLINE unsigned ChooseWords(__m256i* cells) {
     return n;
   }
   __m256i indices[4];
-  if (n <= kMostPrunedPlanes) {
+  if (n <= kMostEmptiedPlanes) {
     ChooseSmall(block, n, indices);
-  } else if (n == 4) {
+  } else if (n == kMostPrunedPlanes) {
     ChooseFour(block, indices);
   } else {
     ChooseLarge(block, n, indices);
