@@ -14,7 +14,7 @@ diff -u "$work/built" "$work/shown"
 "$kel" decode "$work/photo.kel" "$work/photo.ppm"
 "$cookbook" "$work/photo.ppm" "$work" >"$work/said" 2>"$work/refusal"
 diff -u - "$work/said" <<'SAID'
-1 bytes fit, 35.0 dB, thumbnail 150 x 100, part 128 x 128
+1 bytes fit, 35.1 dB, thumbnail 150 x 100, part 128 x 128
 600 x 400, lossy; half: 300 x 200, lossless; arrived: identical, shown more than once; stranger: refused
 SAID
 grep -q 'neither a Kel file' "$work/refusal"
