@@ -81,6 +81,10 @@ std::unique_ptr<host::RowSink> MakeNpy(host::Sink& sink);
 std::unique_ptr<host::RowSource> OpenPgx(host::BufferedSource& source,
                                          const ReadSettings& settings);
 
+/// The warning about an animation when no page was named.
+inline constexpr const char* kOnlyFirstOfAnimation =
+    "only the first picture of an animation is taken; --page takes others";
+
 /// What a library said while it read a file, until it can be passed on: the libraries jump over
 /// code that could throw.
 class Complaints {

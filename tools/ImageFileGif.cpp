@@ -1,11 +1,13 @@
-// GIF, through giflib; read only. The first picture of an animation, on its canvas.
+// GIF, through giflib; read only. Pictures of an animation on their canvas.
 #include <gif_lib.h>
 #include <kel/host/errors.hpp>
 #include <kel/host/limits.hpp>
 #include <kel/host/session.hpp>
 
 #include <exception>
+#include <optional>
 
+#include "Animation.hpp"
 #include "ImageFile.hpp"
 
 namespace kel::tool {
@@ -19,15 +21,12 @@ constexpr unsigned kOpaque = 255;
 class GifSource final : public host::RowSource {
  public:
   GifSource(host::BufferedSource& source, const ReadSettings& settings)
-      : source_(source), warn_(settings.warn) {
+      : source_(source), warn_(settings.warn), page_(settings.page) {
     int code = 0;
     gif_ = DGifOpen(this, OnRead, &code);
     if (gif_ == nullptr) Refuse(code);
     try {
       ReadFront();
-      if (settings.page > 1) {
-        throw Error(Failure::kInput, "of an animation only the first picture can be read");
-      }
     } catch (...) {
       DGifCloseFile(gif_, nullptr);
       throw;
@@ -40,8 +39,21 @@ class GifSource final : public host::RowSource {
   void Read(std::uint32_t count, std::uint8_t* to, std::size_t strideBytes) override {
     if (nextRow_ == 0) ReadIndices();
     for (; count > 0; --count, ++nextRow_, to += strideBytes) PutRow(to);
-    if (nextRow_ == description_.height && NextIsPicture()) {
-      warn_("only the first picture of an animation is taken");
+    if (nextRow_ == description_.height && page_ == 0 && NextIsPicture()) {
+      warn_(kOnlyFirstOfAnimation);
+    }
+  }
+  /// The page wanted, behind the first, as it is seen; nothing when there are fewer. Instead of
+  /// Read.
+  std::optional<host::Image> ReadPage() {
+    AnimationCanvas canvas(description_.width, description_.height);
+    for (unsigned page = 1;; ++page) {
+      canvas.Put(ReadFrame());
+      if (page == page_) return canvas.Take();
+      transparent_ = NO_TRANSPARENT_COLOR;
+      disposal_ = DISPOSAL_UNSPECIFIED;
+      if (!NextIsPicture()) return {};
+      ReadDescriptor();
     }
   }
   bool HoldsPicture() const override { return true; }
@@ -89,6 +101,7 @@ class GifSource final : public host::RowSource {
       GraphicsControlBlock control;
       if (code == GRAPHICS_EXT_FUNC_CODE && DGifExtensionToGCB(block[0], block + 1, &control)) {
         transparent_ = control.TransparentColor;
+        disposal_ = control.DisposalMode;
       } else if (code == COMMENT_EXT_FUNC_CODE) {
         description_.comment.append(reinterpret_cast<const char*>(block + 1), block[0]);
       }
@@ -96,17 +109,22 @@ class GifSource final : public host::RowSource {
     }
   }
 
-  void ReadFront() {
-    if (!NextIsPicture()) throw Error(Failure::kInput, "a GIF file without a picture");
-    std::string comment = std::move(description_.comment);
+  void ReadDescriptor() {
     Require(DGifGetImageDesc(gif_));
     const GifImageDesc& frame = gif_->Image;
-    const auto side = [](GifWord word) { return static_cast<std::uint32_t>(word); };
     const bool fits = frame.Left + frame.Width <= gif_->SWidth &&
                       frame.Top + frame.Height <= gif_->SHeight && frame.Width > 0 &&
                       frame.Height > 0;
     colours_ = frame.ColorMap != nullptr ? frame.ColorMap : gif_->SColorMap;
     if (!fits || colours_ == nullptr) throw Error(Failure::kInput, "a damaged GIF file");
+  }
+
+  void ReadFront() {
+    if (!NextIsPicture()) throw Error(Failure::kInput, "a GIF file without a picture");
+    std::string comment = std::move(description_.comment);
+    ReadDescriptor();
+    const GifImageDesc& frame = gif_->Image;
+    const auto side = [](GifWord word) { return static_cast<std::uint32_t>(word); };
     const bool covers = frame.Width == gif_->SWidth && frame.Height == gif_->SHeight;
     expands_ = transparent_ != NO_TRANSPARENT_COLOR || !covers;
     description_ = host::DescribeNewImage(side(gif_->SWidth), side(gif_->SHeight), expands_ ? 3 : 1,
@@ -144,6 +162,40 @@ class GifSource final : public host::RowSource {
     }
   }
 
+  AnimationFrame ReadFrame() {
+    ReadIndices();
+    const GifImageDesc& desc = gif_->Image;
+    const auto width = static_cast<std::uint32_t>(desc.Width);
+    AnimationFrame frame;
+    frame.image = host::MakeImage(width, static_cast<std::uint32_t>(desc.Height), 3, 8,
+                                  transparent_ != NO_TRANSPARENT_COLOR);
+    frame.image.colourSpace = host::ColourSpace::kSrgb;
+    frame.image.comment = description_.comment;
+    frame.x = static_cast<std::uint32_t>(desc.Left);
+    frame.y = static_cast<std::uint32_t>(desc.Top);
+    frame.over = true;
+    using Afterwards = AnimationFrame::Afterwards;
+    frame.afterwards = disposal_ == DISPOSE_BACKGROUND ? Afterwards::kIsCleared
+                       : disposal_ == DISPOSE_PREVIOUS ? Afterwards::kIsTakenBack
+                                                       : Afterwards::kStays;
+    for (std::size_t c = 0; c < frame.image.planes.size(); ++c) {
+      for (std::uint32_t y = 0; y < frame.image.height; ++y) {
+        const std::uint8_t* from = indices_.Data() + std::size_t{y} * width;
+        auto* to = frame.image.planes[c].Row<std::uint8_t>(y);
+        for (std::uint32_t x = 0; x < width; ++x) {
+          const GifColorType& colour = colours_->Colors[from[x]];
+          to[x] = c == 0   ? colour.Red
+                  : c == 1 ? colour.Green
+                  : c == 2 ? colour.Blue
+                           : OpacityOf(from[x]);
+        }
+      }
+    }
+    return frame;
+  }
+
+  std::uint8_t OpacityOf(std::uint8_t index) const { return index == transparent_ ? 0 : kOpaque; }
+
   void PutRow(std::uint8_t* to) const {
     const auto width = static_cast<std::size_t>(gif_->Image.Width);
     const std::int64_t y = std::int64_t{nextRow_} - gif_->Image.Top;
@@ -162,16 +214,17 @@ class GifSource final : public host::RowSource {
       to[0] = colour.Red;
       to[1] = colour.Green;
       to[2] = colour.Blue;
-      to[3] = row[x] == transparent_ ? 0 : kOpaque;
+      to[3] = OpacityOf(row[x]);
     }
   }
 
   host::BufferedSource& source_;
   Warn warn_;
+  unsigned page_;
   std::exception_ptr thrown_;
   GifFileType* gif_ = nullptr;
   const ColorMapObject* colours_ = nullptr;
-  int transparent_ = NO_TRANSPARENT_COLOR;
+  int transparent_ = NO_TRANSPARENT_COLOR, disposal_ = DISPOSAL_UNSPECIFIED;
   bool expands_ = false;  ///< to RGB and opacity
   host::MemoryReservation room_;
   host::SampleBuffer indices_;
@@ -182,7 +235,11 @@ class GifSource final : public host::RowSource {
 
 std::unique_ptr<host::RowSource> OpenGif(host::BufferedSource& source,
                                          const ReadSettings& settings) {
-  return std::make_unique<GifSource>(source, settings);
+  auto gif = std::make_unique<GifSource>(source, settings);
+  if (settings.page <= 1) return gif;
+  std::optional<host::Image> page = gif->ReadPage();
+  if (!page) return nullptr;
+  return std::make_unique<host::ImageRowSource>(std::move(*page));
 }
 
 }  // namespace kel::tool

@@ -387,15 +387,10 @@ class PngSource final : public host::RowSource {
 
 std::unique_ptr<host::RowSource> OpenPng(host::BufferedSource& source,
                                          const ReadSettings& settings) {
+  if (settings.page > 1) return OpenPngPage(source, settings);
   const bool late = HasLateMetadata(source);
   auto png = std::make_unique<PngSource>(source, settings);
-  if (settings.page > png->NumPictures()) return nullptr;
-  if (settings.page > 1) {
-    throw Error(Failure::kInput, "of an animation only the first picture can be read");
-  }
-  if (settings.page == 0 && png->NumPictures() > 1) {
-    settings.warn("only the first picture of an animation is taken");
-  }
+  if (settings.page == 0 && png->NumPictures() > 1) settings.warn(kOnlyFirstOfAnimation);
   const unsigned noted = png->Noted();
   if (noted == 0 && !late) return png;
   Image image = host::ReadImage(*png);

@@ -1,7 +1,8 @@
-// WebP, through libwebp; read only, and whole. The first picture of an animation, on its canvas.
+// WebP, through libwebp; read only, and whole. Pictures of an animation on their canvas.
 #include <webp/decode.h>
 #include <webp/demux.h>
 #include <kel/host/errors.hpp>
+#include <kel/host/limits.hpp>
 #include <kel/host/session.hpp>
 
 #include <algorithm>
@@ -22,12 +23,10 @@ using host::Failure;
 
 class WebpSource final : public host::RowSource {
  public:
-  WebpSource(host::BufferedSource& source, const ReadSettings& settings) : warn_(settings.warn) {
+  WebpSource(host::BufferedSource& source, const ReadSettings& settings)
+      : warn_(settings.warn), page_(settings.page) {
     file_ = host::ReadAll(source, bytes_);
     if (WebPGetFeatures(file_.data(), file_.size(), &features_) != VP8_STATUS_OK) RefuseDamaged();
-    if (features_.has_animation != 0 && settings.page > 1) {
-      throw Error(Failure::kInput, "of an animation only the first picture can be read");
-    }
     const bool opacity = features_.has_alpha != 0 || features_.has_animation != 0;
     description_ =
         host::DescribeNewImage(static_cast<std::uint32_t>(features_.width),
@@ -43,6 +42,7 @@ class WebpSource final : public host::RowSource {
     }
   }
   bool HoldsPicture() const override { return true; }
+  std::uint32_t NumPictures() const { return numPictures_; }
 
  private:
   void ReadMetadata() {
@@ -59,6 +59,7 @@ class WebpSource final : public host::RowSource {
       WebPDemuxReleaseChunkIterator(&found);
       return bytes;  // of the file
     };
+    numPictures_ = WebPDemuxGetI(demuxer.get(), WEBP_FF_FRAME_COUNT);
     const ByteView profile = chunk("ICCP"), exif = chunk("EXIF"), xmp = chunk("XMP ");
     description_.iccProfile.assign(profile.begin(), profile.end());
     AddExif(description_, exif);
@@ -70,7 +71,7 @@ class WebpSource final : public host::RowSource {
     room_ = host::MemoryReservation(bytes_.size() + 2 * size, "the picture of a WebP file");
     samples_ = host::SampleBuffer(size);
     if (features_.has_animation != 0) {
-      DecodeFirst(size);
+      DecodePage(size);
       return;
     }
     auto* const decode = features_.has_alpha != 0 ? WebPDecodeRGBAInto : WebPDecodeRGBInto;
@@ -80,20 +81,25 @@ class WebpSource final : public host::RowSource {
     }
   }
 
-  void DecodeFirst(std::size_t size) {
+  void DecodePage(std::size_t size) {
     const WebPData data{file_.data(), file_.size()};
     const std::unique_ptr<WebPAnimDecoder, void (*)(WebPAnimDecoder*)> decoder(
         WebPAnimDecoderNew(&data, nullptr), WebPAnimDecoderDelete);
     std::uint8_t* canvas = nullptr;
     int time = 0;
-    if (!decoder || WebPAnimDecoderGetNext(decoder.get(), &canvas, &time) == 0) RefuseDamaged();
+    for (unsigned page = 0; page < std::max(page_, 1U); ++page) {
+      host::CheckTime();
+      if (!decoder || WebPAnimDecoderGetNext(decoder.get(), &canvas, &time) == 0) RefuseDamaged();
+    }
     std::copy_n(canvas, size, samples_.Data());
-    if (WebPAnimDecoderHasMoreFrames(decoder.get()) != 0) {
-      warn_("only the first picture of an animation is taken");
+    if (page_ == 0 && WebPAnimDecoderHasMoreFrames(decoder.get()) != 0) {
+      warn_(kOnlyFirstOfAnimation);
     }
   }
 
   Warn warn_;
+  unsigned page_;
+  std::uint32_t numPictures_ = 1;
   host::Bytes bytes_;  ///< unless the source has the file in memory
   ByteView file_;
   WebPBitstreamFeatures features_{};
@@ -106,7 +112,9 @@ class WebpSource final : public host::RowSource {
 
 std::unique_ptr<host::RowSource> OpenWebp(host::BufferedSource& source,
                                           const ReadSettings& settings) {
-  return std::make_unique<WebpSource>(source, settings);
+  auto webp = std::make_unique<WebpSource>(source, settings);
+  if (settings.page > webp->NumPictures()) return nullptr;
+  return webp;
 }
 
 }  // namespace kel::tool

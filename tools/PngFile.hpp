@@ -41,6 +41,10 @@ host::Bytes ReadProfileChunk(host::ByteView chunk, const Warn& warn);
 /// The chunk's data; none for no profile.
 host::Bytes MakeProfileChunk(host::ByteView profile);
 
+/// A later picture of an animation, as it is seen; null when there are fewer.
+std::unique_ptr<host::RowSource> OpenPngPage(host::BufferedSource& source,
+                                             const ReadSettings& settings);
+
 /// Bytes out of text that some programs write: a line feed, a name, a length, and digits.
 host::Bytes FromHex(std::string_view text);
 std::string ToHex(std::string_view name, host::ByteView bytes);

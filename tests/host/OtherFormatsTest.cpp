@@ -32,6 +32,60 @@ const Bytes kLinearPng = test::Hex(
     "89504E470D0A1A0A0000000D49484452000000010000000108000000003A7E9B550000000467414D41000186A031"
     "E8965F0000000A49444154789C63080500005700563F431F4C0000000049454E44AE426082");
 
+/// 4 x 1 grey samples with opacity in three frames: all of them, the two in the middle laid over
+/// and taken back, the first one put in place.
+const Bytes kAnimatedPng = test::Hex(
+    "89504E470D0A1A0A0000000D49484452000000040000000108040000005335C746000000086163544C0000000300"
+    "000000CEEDBAC00000001A6663544C00000000000000040000000100000000000000000001000A000064F5BD6A00"
+    "0000114944415478DA63E0FA2FF25FAE418301000F0D02E3FC431D050000001A6663544C00000001000000020000"
+    "000100000001000000000001000A0201E6E5D17900000011666441540000000278DA6338D190F21F00066C02AC11"
+    "F83AFE0000001A6663544C00000003000000010000000100000000000000000001000A00002C9A09ED0000000F66"
+    "6441540000000478DA6360E70400001A00119AF53B0A0000000049454E44AE426082");
+
+Image ReadPage(const Bytes& file, unsigned page) {
+  ReadSettings settings;
+  settings.page = page;
+  return ReadImage(ByteView(file), settings);
+}
+
+TEST(ImageFile, PagesOfAnimationsAreWhatIsSeen) {
+  const std::vector<std::vector<unsigned>> grey = {
+      {10, 20, 30, 40}, {10, 110, 100, 40}, {7, 20, 30, 40}};
+  const std::vector<std::vector<unsigned>> opacity = {
+      {255, 255, 128, 0}, {255, 255, 255, 0}, {9, 255, 128, 0}};
+  for (unsigned page = 1; page <= 3; ++page) {
+    const Image image = ReadPage(kAnimatedPng, page);
+    for (std::uint32_t x = 0; x < 4; ++x) {
+      EXPECT_EQ(image.planes[0].At(x, 0), grey[page - 1][x]) << page;
+      EXPECT_EQ(image.planes[1].At(x, 0), opacity[page - 1][x]) << page;
+    }
+  }
+  // A picture, the same with a hole over it, which is cleared, and that once more.
+  Bytes gif(kGif.begin(), kGif.end() - 1);
+  for (const std::uint8_t disposal : {0x09, 0x01}) {
+    gif.insert(gif.end(), kTransparentGif.begin() + 25, kTransparentGif.end() - 1);
+    gif[gif.size() - (kTransparentGif.size() - 1 - 25) + 3] = disposal;
+  }
+  gif.push_back(0x3B);
+  const Image second = ReadPage(gif, 2), third = ReadPage(gif, 3);
+  for (std::uint32_t x = 0; x < 5; ++x) {
+    EXPECT_EQ(second.planes[3].At(x, 0), 255U);
+    EXPECT_EQ(second.planes[1].At(x, 0) == 250, x * 3 % 4 == 2);
+    EXPECT_EQ(third.planes[3].At(x, 0), x * 3 % 4 == 2 ? 0U : 255U);
+  }
+  for (const Bytes& file : {kAnimatedPng, gif, kWebp}) {
+    EXPECT_EQ(ErrorOf([&] { ReadPage(file, 4); }).Kind(), Failure::kInput);
+    for (std::size_t at = 13; at < file.size(); ++at) {
+      Bytes changed = file;
+      changed[at] ^= 0x5A;
+      try {
+        ReadPage(changed, 3);
+      } catch (const Error&) {
+      }
+    }
+  }
+}
+
 TEST(ImageFile, GifAndWebpAreRead) {
   const Image gif = ReadImage(kGif), transparent = ReadImage(kTransparentGif);
   ASSERT_TRUE(gif.palette);
