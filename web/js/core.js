@@ -334,7 +334,7 @@ export class Core {
       bytesOf: (tile, reduce = 0) => rangesOf(natural(tile, 'tile'), natural(reduce, 'reduce'), 0),
       decode: ({region, reduce = 0, format, acceptIncomplete = false} = {}) => {
         const form = formOf(format);
-        const r = region ? regionOf(region) : {x: 0, y: 0, width, height};
+        const r = region ? regionOf(region) : {x: 0, y: 0, width: info.width, height: info.height};
         this.#check(
           this.#wasm.kel_region(
             place,

@@ -4,8 +4,9 @@
 import {KelError} from './core.js';
 
 const blockBytes = 1024;
-/** What lies between two missing pieces and is fetched along, to make one request of two. */
-const joinedGap = 8192;
+/** What lies between two missing pieces and is fetched along, to make one request of two: less than
+ *  a waiting request brings, as these stand at every tile-part and would be fetched again. */
+const joinedGap = 2048;
 const mostAtATime = 6;
 /** Blocks of a waiting request at least: who meets one byte mostly goes on to the next ones. */
 const readAhead = 4;
