@@ -1,6 +1,7 @@
 // Raw samples, the arrays of NumPy (NPY), and PGX, which is one component behind a line of text.
 #include "BareSamples.hpp"
 
+#include <kel/KelFormat.h>
 #include <kel/host/errors.hpp>
 #include <kel/host/rows.hpp>
 
@@ -18,8 +19,8 @@ using host::ByteView;
 using host::Error;
 using host::Failure;
 
-constexpr unsigned kMostDepth = 28;  // that can be encoded
-constexpr std::uint32_t kMostChannels = 16384;
+constexpr unsigned kMostDepth = format::kMostEncodedDepth;
+constexpr std::uint32_t kMostChannels = format::kMostComponents;
 
 unsigned BytesOf(unsigned depth) {
   return depth <= 8 ? 1 : depth <= 16 ? 2 : 4;

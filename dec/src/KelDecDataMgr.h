@@ -21,6 +21,7 @@
 #include "base/KelBytes.h"
 #include "base/KelMemFuncDefs.h"
 #include "format/KelSignature.h"
+#include "kel/KelFormat.h"
 #include "kel/KelStream.h"
 
 namespace kel {
@@ -152,10 +153,10 @@ class KelDecDataMgr {
   bool IsEOCOrEnd();  ///< EOC, fewer than two bytes left, or an SOT segment cut off
   bool ReadEOC();     ///< consumes two bytes, unless at the end; true when they were EOC
   // Fields of an SOT segment at the read position.
-  std::uint32_t PeekSotIsot() { return PeekBytesAt(4, 2); }
-  std::uint32_t PeekSotPsot() { return PeekBytesAt(6, 4); }
-  std::uint32_t PeekSotTPsot() { return PeekBytesAt(10, 1); }
-  std::uint32_t PeekSotTNsot() { return PeekBytesAt(11, 1); }
+  std::uint32_t PeekSotIsot() { return PeekBytesAt(format::kIsotAt, 2); }
+  std::uint32_t PeekSotPsot() { return PeekBytesAt(format::kPsotAt, 4); }
+  std::uint32_t PeekSotTPsot() { return PeekBytesAt(format::kTPsotAt, 1); }
+  std::uint32_t PeekSotTNsot() { return PeekBytesAt(format::kTNsotAt, 1); }
   bool IsEOC();
   /// An SOT segment stands here that names a tile of the grid.
   bool IsValidSOT();

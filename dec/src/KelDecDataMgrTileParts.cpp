@@ -59,7 +59,8 @@ bool KelDecDataMgr::IsEOC() {
 }
 
 bool KelDecDataMgr::IsValidSOT() {
-  return IsSOT() && PeekBytesAt(2, 2) == format::kSotBytes - 2 &&
+  return IsSOT() &&
+         PeekBytesAt(format::kMarkerBytes, 2) == format::kSotBytes - format::kMarkerBytes &&
          PeekSotIsot() < AsCount(std::int64_t{tilesAcross_} * tilesDown_);
 }
 
@@ -82,9 +83,9 @@ Boundary KelDecDataMgr::BoundaryAt(std::uint64_t ahead) const {
   if (p[0] == first && p[1] == format::kEOC) return Boundary::kMarker;
   const bool isMarker = p[0] == first && p[1] == format::kSOT;
   if (shown < format::kSotBytes) return isMarker ? Boundary::kDataEnd : Boundary::kNone;
-  const bool hasLength = p[2] == 0 && p[3] == format::kSotBytes - 2;
-  const bool isFollowed =
-      shown >= format::kLeastTilePartBytes && p[12] == first && IsHeaderMarker(p[13]);
+  const bool hasLength = p[2] == 0 && p[3] == format::kSotBytes - format::kMarkerBytes;
+  const bool isFollowed = shown >= format::kLeastTilePartBytes && p[format::kSotBytes] == first &&
+                          IsHeaderMarker(p[format::kSotBytes + 1]);
   const bool isHalfMarker = p[0] == first || p[1] == format::kSOT;
   const bool isSOT = isMarker ? hasLength || isFollowed : isHalfMarker && hasLength && isFollowed;
   return isSOT ? Boundary::kMarker : Boundary::kNone;
@@ -124,13 +125,13 @@ const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
     const void* found = std::memchr(from, static_cast<int>(MarkerByte()), places);
     if (found == nullptr) return nullptr;
     const auto* p = static_cast<const std::uint8_t*>(found);
-    const std::uint32_t length = LoadBE32(p + 6);
+    const std::uint32_t length = LoadBE32(p + format::kPsotAt);
     const bool isLength =
         length == 0 || (length >= format::kLeastTilePartBytes && length <= INT32_MAX);
-    const bool isNumber = p[11] == 0 || p[10] < p[11];
-    if (p[1] == format::kSOT && p[2] == 0 && p[3] == format::kSotBytes - 2 &&
-        (p[4] << 8 | p[5]) < numTiles && isLength && isNumber && p[12] == MarkerByte() &&
-        IsHeaderMarker(p[13])) {
+    const bool isNumber = p[format::kTNsotAt] == 0 || p[format::kTPsotAt] < p[format::kTNsotAt];
+    if (p[1] == format::kSOT && p[2] == 0 && p[3] == format::kSotBytes - format::kMarkerBytes &&
+        LoadBE16(p + format::kIsotAt) < numTiles && isLength && isNumber &&
+        p[format::kSotBytes] == MarkerByte() && IsHeaderMarker(p[format::kSotBytes + 1])) {
       return p;
     }
     from = p + 1;
@@ -141,7 +142,7 @@ const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
 SotSearch KelDecDataMgr::SearchSOT(std::int64_t from) {
   AlignToByte();
   const std::int64_t here = GetPosition();
-  if (from < here || (IsMovable() && !MoveTo(from))) return {false, from};
+  if (from < here || (IsMovable() && !MoveTo(from))) return {.isFound = false, .position = from};
   // Where the window cannot be left, the place searched is this far ahead in it.
   std::uint64_t ahead = IsMovable() ? 0 : AsCount(from - here);
   const std::uint8_t* found = nullptr;

@@ -100,9 +100,9 @@ void EncoderOptions::SetColour(const Image& image) {
     colour_.enumeratedSpace = static_cast<KelULong>(image.colourSpace);
     const KelULong depth = image.planes[0].Depth();
     if (image.colourSpace == ColourSpace::kCieLab) {
-      InitDefaultCIEParams(1, &colour_.cie, depth, depth);
+      InitDefaultCIEParams(format::kKindCIELab, &colour_.cie, depth, depth);
     } else if (image.colourSpace == ColourSpace::kCieJab) {
-      InitDefaultCIEParams(2, &colour_.cie, depth, depth);
+      InitDefaultCIEParams(format::kKindCIEJab, &colour_.cie, depth, depth);
     }
   } else {
     return;  // the encoder chooses by the number of components

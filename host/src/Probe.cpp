@@ -32,8 +32,9 @@ std::optional<Info::CieParameters> DescribeCie(const KelColorSpec& spec) {
   const KelCIEParams& cie = spec.cie;
   Info::CieParameters parameters{{cie.rangeL, cie.rangeA, cie.rangeB},
                                  {cie.offsetL, cie.offsetA, cie.offsetB}};
-  if (cie.illuminantKind == 1) parameters.illuminant = cie.illuminant;
-  if (cie.illuminantKind == 2) parameters.temperature = cie.temperature;
+  if (cie.illuminantKind == format::kIlluminantCode) parameters.illuminant = cie.illuminant;
+  if (cie.illuminantKind == format::kIlluminantTemperature)
+    parameters.temperature = cie.temperature;
   return parameters;
 }
 

@@ -18,7 +18,6 @@ namespace {
 constexpr std::size_t kLeastStep = 4096;
 /// The header is looked for again when the bytes have grown by this part.
 constexpr std::size_t kHeaderGrowth = 8;
-constexpr std::uint8_t kEoc = 0xD9;
 /// End markers at the ends of pieces that were none: so many are looked at, and one more for so
 /// many bytes, which is twice as often as they turn up by chance.
 constexpr std::size_t kFalseEnds = 16, kBytesPerFalseEnd = 32768;
@@ -189,7 +188,8 @@ bool ProgressiveDecoder::State::IsWorthALook() {
   const std::size_t n = bytes.size();
   const std::size_t perTile = n / std::max<std::size_t>(opened->NumComplete(), 1);
   if (numSeen == 0 || more >= std::max(kLeastStep, std::min(perTile, numSeen))) return true;
-  const bool endsHere = n >= 2 && bytes[n - 1] == kEoc && bytes[n - 2] == opened->MarkerByte();
+  const bool endsHere =
+      n >= 2 && bytes[n - 1] == format::kEOC && bytes[n - 2] == opened->MarkerByte();
   return endsHere && numFalseEnds++ < kFalseEnds + n / kBytesPerFalseEnd;
 }
 

@@ -147,7 +147,7 @@ const KelIndexFindings& RangeIndex::Mend(std::uint32_t tile, KelULong mostLost) 
 
 /// The lowest resolution of a component stands so many levels below full size.
 unsigned RangeIndex::LevelsOf(std::uint32_t tile) {
-  constexpr KelULong kLowestOnly = 32;
+  constexpr KelULong kLowestOnly = format::kMostLevels;
   const KelIndexPackets& found = Packets({tile, -1, kLowestOnly, 1});
   unsigned levels = kLowestOnly;
   for (const KelIndexPacket& packet : std::span(found.packets, found.count)) {
@@ -163,7 +163,7 @@ unsigned RangeIndex::LeastLevels() {
   for (const KelIndexTilePart& part : std::span(parts.parts, parts.count)) {
     hasOwn[part.tile] = hasOwn[part.tile] || part.hasCodingStyle;
   }
-  unsigned least = 32;
+  unsigned least = format::kMostLevels;
   bool isCommonKnown = false;  // of the tiles that follow the main header
   for (std::uint32_t tile = 0; tile < hasOwn.size(); ++tile) {
     if ((!hasOwn[tile] && isCommonKnown) || PartsOf(tile).empty()) continue;

@@ -1,8 +1,9 @@
 // Changing marker segments.
 //
-//   SIZ  6 canvas edges (4 + 4), 14 image area (4 + 4), 22 tile size (4 + 4), 30 tile origin (4 +
-//   4) COD  5 order, 9 levels, 14 precincts (1 per resolution, unless the segment ends before) COC
-//   4 component (1, or 2 with 257 components and more), then style (1), levels, and precincts
+//   SIZ  6 canvas edges (4 + 4), 14 image area (4 + 4), 22 tile size (4 + 4),
+//        30 tile origin (4 + 4)
+//   COD  5 order, 9 levels, 14 precincts (1 per resolution, unless the segment ends before)
+//   COC  4 component (1, or 2 with 257 components and more), then style (1), levels, and precincts
 //        five bytes behind these
 //   QCD  4 style: in its low five bits 0 for exponents of one byte per band, 1 for one step of two
 //        bytes, 2 for steps of two bytes per band; then these, lowest band first
@@ -34,7 +35,7 @@ std::uint32_t ChecksumOf(ByteView bytes) {
 }
 
 void SetLength(Bytes& segment) {
-  PutU16(segment, 2, segment.size() - 2);
+  PutU16(segment, format::kMarkerBytes, segment.size() - format::kMarkerBytes);
 }
 
 }  // namespace
@@ -91,8 +92,7 @@ void LowerSteps(Bytes& segment, unsigned code, std::size_t componentBytes, unsig
 }
 
 bool IsListOfLengths(unsigned code) {
-  constexpr unsigned kPLM = 0x57, kPLT = 0x58;  // of packets, in the main header and in tile-parts'
-  return code == format::kTLM || code == kPLM || code == kPLT;
+  return code == format::kTLM || code == format::kPLM || code == format::kPLT;
 }
 
 std::optional<std::vector<std::uint32_t>> ChecksumsIn(ByteView segment, unsigned code) {

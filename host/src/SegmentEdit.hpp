@@ -1,5 +1,6 @@
-// Marker segments changed for pictures that lose resolutions or tiles. A segment is its bytes from
-// the marker on; offsets count from there.
+// What files that are put together anew need of the bytes of marker segments and boxes: segments
+// changed where resolutions or tiles go, checksums moved, headers of boxes. A segment is its bytes
+// from the marker on; offsets count from there.
 #ifndef KEL_HOST_SEGMENT_EDIT_HPP
 #define KEL_HOST_SEGMENT_EDIT_HPP
 

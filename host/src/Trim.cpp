@@ -198,7 +198,7 @@ void Trimmer::TakePackets(std::uint32_t tile, std::vector<PlannedPart*> ofPart) 
 void Trimmer::PlanTile(std::uint32_t tile, KelULong newNumber) {
   const KelIndexTilePart* found = index_.TileParts().parts;
   const auto numbers = index_.PartsOf(tile);
-  std::vector<PlannedPart*> ofPart(256, nullptr);
+  std::vector<PlannedPart*> ofPart(format::kMostTileParts, nullptr);
   // In component order an empty tile-part is a component's turn.
   bool mayDrop = index_.Facts().progressionOrder != KelCPRL;
   for (const KelULong i : numbers) {
@@ -325,7 +325,7 @@ void Trimmer::Append(ByteView bytes, Sink& sink) {
 void Trimmer::Write(Sink& sink) {
   const KelIndexFacts& facts = index_.Facts();
   const Bytes header = Header(std::span(facts.segments, facts.numSegments));
-  std::uint64_t length = header.size() + 2;
+  std::uint64_t length = header.size() + format::kMarkerBytes;
   const ByteRange behind = {facts.codeStreamEnd, facts.isBoxed ? source_.Size() : 0};
   for (const PlannedPart& part : parts_) {
     length += part.Length();

@@ -14,6 +14,8 @@ enum Marker : std::uint8_t {
   kCOD = 0x52,  ///< coding style of all components
   kCOC = 0x53,  ///< of one
   kTLM = 0x55,  ///< lengths of tile-parts
+  kPLM = 0x57,  ///< lengths of packets, in the main header
+  kPLT = 0x58,  ///< in a tile-part's header
   kQCD = 0x5C,  ///< quantisation of all components
   kQCC = 0x5D,  ///< of one
   kRGN = 0x5E,  ///< region of interest

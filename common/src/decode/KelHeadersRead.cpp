@@ -352,9 +352,9 @@ void ReadSOC(HeaderReader& in) {
 /// Ends a main header, unread. Begins a tile-part header, which holds no other.
 void ReadSOT(HeaderReader& in) {
   in.stop = in.InMainHeader();
-  if (in.stop || !in.Has(12)) return;
-  in.data.SkipForward(2);
-  if (in.U16() != 10 || in.seenSOT) Refuse(KelErrBadMarker);
+  if (in.stop || !in.Has(format::kSotBytes)) return;
+  in.data.SkipForward(format::kMarkerBytes);
+  if (in.U16() != format::kSotBytes - format::kMarkerBytes || in.seenSOT) Refuse(KelErrBadMarker);
   in.seenSOT = true;
   in.set.Isot = in.U16();
   const std::uint32_t length = in.U32();
@@ -376,7 +376,7 @@ void ReadEOC(HeaderReader& in) {
 }
 
 void PassSOP(HeaderReader& in) {
-  if (in.Has(6)) in.data.SkipForward(6);
+  if (in.Has(format::kSopBytes)) in.data.SkipForward(format::kSopBytes);
 }
 
 void PassEPH(HeaderReader& in) {

@@ -26,6 +26,8 @@ constexpr std::uint32_t kLittleLoadBytes = 4096, kLittleAfterMove = 64, kMostLit
 constexpr std::uint64_t kHeaderBytes = 1024;
 
 constexpr float kMetresPerInch = 0.0254F;
+static_assert(kWindowBytes >= kBoxWindowBytes && kWindowBytes >= kHeaderWindowBytes,
+              "the readers' longest requests fit the window");
 
 /// Records a failed check in the state and returns its code.
 KelLong Fail(ImageState& state, KelLong code, SourcePlace place = SourcePlace::Here()) {

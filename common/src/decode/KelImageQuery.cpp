@@ -74,7 +74,7 @@ KelLong ColorsOfSpecification(const __tagColorSpecList* list, KelLong numComps) 
       case format::kSpaceSYCC:
       case format::kSpaceCIEJab:
         return 3;
-      case 12:
+      case format::kSpaceCMYK:
         return 4;
       default:
         break;

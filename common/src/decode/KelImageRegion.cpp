@@ -4,16 +4,12 @@
 #include <algorithm>
 
 #include "KelTilePartStash.h"
+#include "kel/KelFormat.h"
 
 namespace kel {
-namespace {
-
-constexpr KelLong kMostReduction = 32;
-
-}  // namespace
 
 KelLong SetReduction(ImageState& state, KelLong levels) {
-  if (levels < 0 || levels > kMostReduction) return KelErrBadParam;
+  if (levels < 0 || levels > format::kMostLevels) return KelErrBadParam;
   ImageMap& map = state.map;
   bool isChange = false;
   for (std::int32_t c = 0; c < map.numComps; ++c) {

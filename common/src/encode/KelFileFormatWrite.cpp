@@ -122,7 +122,7 @@ std::uint32_t ColorFeature(const __tagColorSpecList* list) {
       return 45;
     case format::kSpaceGrey:
       return 46;
-    case 12:
+    case format::kSpaceCMYK:
       return 55;
     case format::kSpaceCIELab:
       return 56;
