@@ -67,7 +67,7 @@ void MakeFolderOf(const std::string& output) {
 
 Outcome RunPlanned(const PlannedTask& planned, bool isBatch,
                    const std::function<int(const Task&)>& work) {
-  if (planned.skip) return {kDone, {}, true};
+  if (planned.skip) return {.code = kDone, .message = {}, .skipped = true};
   if (!planned.refusal.empty()) return {planned.code, planned.refusal};
   const auto start = std::chrono::steady_clock::now();
   Outcome outcome = RunWork(planned.task, [&](const Task& task) {

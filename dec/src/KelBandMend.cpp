@@ -420,11 +420,13 @@ MendOutcome Mender::Run(bool isLowest) {
 
 MendOutcome MendBand(std::span<const std::uint8_t> bytes, const BandPart& part, bool isLowest,
                      std::int32_t* cells, std::ptrdiff_t strideCells) {
-  if (part.IsEmpty()) return {0, 0, true};
+  if (part.IsEmpty()) return {.firstBad = 0, .endOfBad = 0, .isWhole = true};
   const std::int64_t numBlocks = CountBlocks(part.x0, part.x1, part.widthExponent) *
                                  CountBlocks(part.y0, part.y1, part.heightExponent);
   // A block takes a bit at least; records of more would be made of what is only announced.
-  if (AsCount(numBlocks) > 8 * bytes.size()) return {0, bytes.size(), false};
+  if (AsCount(numBlocks) > 8 * bytes.size()) {
+    return {.firstBad = 0, .endOfBad = bytes.size(), .isWhole = false};
+  }
   Mender mender(bytes, part, cells, strideCells);
   const MendOutcome outcome = mender.Run(isLowest);
   if (part.work != nullptr) part.work->mendTrials += mender.NumTrials();

@@ -36,7 +36,11 @@ ChannelRequest TakeChannel(const KelFrameData& frame, std::uint32_t c) {
 
 FrameRequest TakeRequest(const KelFrameData* frame, std::int32_t numComps, bool skipConversion,
                          bool skipRecast, KelLong orientation) {
-  FrameRequest request{skipConversion, skipRecast || frame == nullptr, orientation, 0, nullptr};
+  FrameRequest request{.skipConversion = skipConversion,
+                       .skipRecast = skipRecast || frame == nullptr,
+                       .orientation = orientation,
+                       .numChannels = 0,
+                       .channels = nullptr};
   if (frame == nullptr) return request;
   const auto numChannels = AsCount(std::min(frame->NumChannels, numComps));
   auto channels = OwnedArray<ChannelRequest>::Make(numChannels);

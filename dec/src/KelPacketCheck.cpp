@@ -46,7 +46,12 @@ CheckedBand CheckBand(const Checking& at, std::int32_t number, std::int64_t clai
   const bool isTooShort = BlocksOf(part) > SaturatingMul(8, AsCount(limit - start));
   const bool goesBeyond = limit - start > claimed;
   if (isTooShort || (goesBeyond && at.room.bytesToSearch <= 0)) {
-    return {number, start, claimed, std::min(claimed, limit - start), false, false};
+    return {.number = number,
+            .start = start,
+            .claimed = claimed,
+            .found = std::min(claimed, limit - start),
+            .isWhole = false,
+            .canMend = false};
   }
   const auto width = part.IsEmpty() ? 0 : AsCount(std::int64_t{part.x1} - part.x0);
   OwnedArray<std::int32_t>& cells = at.room.cells;
@@ -57,7 +62,12 @@ CheckedBand CheckBand(const Checking& at, std::int32_t number, std::int64_t clai
   const bool isWhole = decoder.Outcome().end == BandEnd::kWhole;
   const std::int64_t found = data.GetPosition() - start;
   if (goesBeyond) at.room.bytesToSearch -= found;
-  return {number, start, claimed, found, isWhole, false};
+  return {.number = number,
+          .start = start,
+          .claimed = claimed,
+          .found = found,
+          .isWhole = isWhole,
+          .canMend = false};
 }
 
 void Keep(CheckedPacket& packet, const CheckedBand& band) {

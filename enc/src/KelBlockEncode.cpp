@@ -327,14 +327,14 @@ void EncodeTileComponent(const EncodeBand* bands, bool keepRates, bool dropEmpty
 }
 
 OwnedArray<std::uint8_t> EncodeBandAlone(const Box& box, std::int32_t* cells) {
-  EncodeBand band{static_cast<std::int32_t>(box.x0),
-                  static_cast<std::int32_t>(box.x1),
-                  static_cast<std::int32_t>(box.y0),
-                  static_cast<std::int32_t>(box.y1),
-                  cells,
-                  static_cast<std::ptrdiff_t>(box.x1 - box.x0),
-                  false,
-                  nullptr};
+  EncodeBand band{.x0 = static_cast<std::int32_t>(box.x0),
+                  .x1 = static_cast<std::int32_t>(box.x1),
+                  .y0 = static_cast<std::int32_t>(box.y0),
+                  .y1 = static_cast<std::int32_t>(box.y1),
+                  .data = cells,
+                  .strideCells = static_cast<std::ptrdiff_t>(box.x1 - box.x0),
+                  .areShorts = false,
+                  .planeCounts = nullptr};
   const std::uint64_t numCells = SaturatingMul(AsCount(box.x1 - box.x0), AsCount(box.y1 - box.y0));
   std::replace(cells, cells + numCells, INT32_MIN, -INT32_MAX);
   const auto planeCounts = OwnedArray<std::uint8_t>::Make(CountBlocksOf(band));

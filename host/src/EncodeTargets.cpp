@@ -105,7 +105,12 @@ EncodeParams ParamsForStrips(const EncodeParams& params, const Image& strips) {
 QualityTarget TargetFor(const EncodeParams& params, double value) {
   constexpr double kLeast = 1, kLeastFractional = -40, kMost = 100;
   const bool isFractional = !params.plain && params.regionMask == nullptr;
-  return {value, 0, 0, isFractional ? kLeastFractional : kLeast, kMost, isFractional};
+  return {.value = value,
+          .below = 0,
+          .above = 0,
+          .least = isFractional ? kLeastFractional : kLeast,
+          .most = kMost,
+          .isFractional = isFractional};
 }
 
 EncodeParams Lossless(const EncodeParams& params) {

@@ -174,7 +174,8 @@ KelLong KelImage::SetDecodeManner(bool singlePrecision, bool withoutOutputImages
   return Guarded(
       handle_, Side::kDecoder,
       [&](ImageState& state) {
-        state.decoder->manner = {singlePrecision, withoutOutputImages};
+        state.decoder->manner = {.singlePrecision = singlePrecision,
+                                 .withoutOutputImages = withoutOutputImages};
         return KelOK;
       },
       kTheCode);

@@ -90,7 +90,9 @@ HeaderResult ReadTilePartHeader(ImageMap& map, KelDecDataMgr& data, TileRecord& 
   ScopeGuard restart([&] { RestartTile(map, tile); });
   ApplyTileParams(map, tile, header, onlyProgression);
   if (tile.dec->walk == nullptr || !onlyProgression) {
-    if (HasLargeBlocks(map, tile)) return {MakeFailure(KelErrUnsupported, kModuleImageMap), false};
+    if (HasLargeBlocks(map, tile)) {
+      return {.refusal = MakeFailure(KelErrUnsupported, kModuleImageMap), .incomplete = false};
+    }
     LayOutTile(map, tile);
     ReleasePacketWalk(tile.dec->walk);
     tile.dec->walk = MakePacketWalk(tile, map.numComps);
@@ -215,8 +217,12 @@ bool ReadStashedPart(TilePass& pass, TileRecord& tile, bool& isRead) {
                       pass.decoder.flavour);
   data.SetTileGrid(pass.map.geometry->NumXTiles, pass.map.geometry->NumYTiles);
   isRead = ReadPart(pass, tile,
-                    {data, stashed->part, 0, static_cast<std::int64_t>(stashed->length), true,
-                     stashed->position});
+                    {.data = data,
+                     .number = stashed->part,
+                     .start = 0,
+                     .end = static_cast<std::int64_t>(stashed->length),
+                     .endIsKnown = true,
+                     .basis = stashed->position});
   return true;
 }
 

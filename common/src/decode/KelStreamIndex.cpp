@@ -61,8 +61,11 @@ void ListComponents(IndexState& index, const KelFileInfo* file) {
   const auto count = static_cast<KelULong>(geometry.Csiz);
   index.components = OwnedArray<KelIndexComponent>::Make(count).Release();
   for (KelULong c = 0; c < count; ++c) {
-    index.components[c] = {AsULong(geometry.BitDepths[c]), AsULong(geometry.XRsiz[c]),
-                           AsULong(geometry.YRsiz[c]), 0, false};
+    index.components[c] = {.depth = AsULong(geometry.BitDepths[c]),
+                           .xStep = AsULong(geometry.XRsiz[c]),
+                           .yStep = AsULong(geometry.YRsiz[c]),
+                           .boxDepth = 0,
+                           .boxIsSigned = false};
     if (file == nullptr || c >= file->imageHeader->numDepths) continue;
     index.components[c].boxDepth = file->imageHeader->bitDepths[c] + 1U;
     index.components[c].boxIsSigned = file->imageHeader->isSigned[c] != 0;
@@ -150,7 +153,10 @@ bool IsBare(KelDecDataMgr& data) {
 
 /// What a tile-part says of itself, whose SOT is under the reader.
 KelIndexTilePart DescribePart(const DecoderState& decoder, const KelTilePartEntry& entry) {
-  KelIndexTilePart part{entry.tile, entry.part, 0, AsOffset(entry.position), 0, 0, false, false, 0};
+  KelIndexTilePart part{};
+  part.tile = entry.tile;
+  part.part = entry.part;
+  part.offset = AsOffset(entry.position);
   part.numParts = decoder.dataMgr->PeekSotTNsot();
   if (IsBare(*decoder.dataMgr)) {
     part.announcedBytes = entry.announced;

@@ -42,7 +42,7 @@ void ForgetTile(EncoderState& e, const TileRecord& tile) noexcept {
 }
 
 Layers LayersOf(const KelEncOpt& o) {
-  return {o.NumLayers, o.ChooseIndices == 0};
+  return {.count = o.NumLayers, .repeat = o.ChooseIndices == 0};
 }
 
 TileCompCoder& EnsureCoder(const EncoderState& e, KelLong component) {
@@ -154,9 +154,15 @@ std::uint64_t WriteCodedTile(const ImageState& state, const TileRecord& tile) {
     e.toWrite[numComps++] = {&e.coders[c]->coded, IsCodedIrreversibly(o, c),
                              AnnouncedStepsOf(e, c)};
   }
-  return WriteTile({tile.index, e.toWrite, numComps, o.NumLevels, LayersOf(o), AnnouncedDepth(o),
-                    o.ProgressionOrder == KelCPRL, o.ChooseIndices != 0 ? kMostJoinedBytes : 0,
-                    o.Checksums != 0},
+  return WriteTile({.index = tile.index,
+                    .comps = e.toWrite,
+                    .numComps = numComps,
+                    .numLevels = o.NumLevels,
+                    .layers = LayersOf(o),
+                    .announcedDepth = AnnouncedDepth(o),
+                    .isByComponent = o.ProgressionOrder == KelCPRL,
+                    .mostJoinedBytes = o.ChooseIndices != 0 ? kMostJoinedBytes : 0,
+                    .hasChecksums = o.Checksums != 0},
                    *state.codeStm);
 }
 

@@ -388,7 +388,9 @@ KelLong Preview(ImageState& state, KelLong tile, const PreviewRequest& request) 
 
 KelLong GetPreviewData(ImageState& state, KelLong tile) {
   if (tile < 0 || tile >= state.map.numTiles) Raise(KelErrBadParam, kModulePreview);
-  return Preview(state, tile, {state.map.tiles[tile].box, state.maxRes, false});
+  return Preview(
+      state, tile,
+      {.canvas = state.map.tiles[tile].box, .resolution = state.maxRes, .luminanceOnly = false});
 }
 
 KelLong GetPreviewData(ImageState& state, KelLong tile, const Box& canvas, KelLong resolution,
