@@ -1,7 +1,8 @@
 // Image files as images and back: PNG, PNM, TIFF, JPEG and NPY, and WebP, GIF and PGX to be read;
 // told apart by their first bytes when read and by the ending of their name when written.
 //
-// Every format has a module of its own, ImageFile + its name. A reader delivers rows as they are
+// Formats that a library reads have a module of their own, ImageFile + its name; PNM is the host
+// kit's, NPY and PGX stand in BareSamples. A reader delivers rows as they are
 // asked for and throws Error (kInput); a writer takes rows of an ordinary image
 // (kel::host::MakeOrdinary; PNG and TIFF take palettes too), throws Error (kOutput) for what its
 // format cannot hold, and finishes the sink of bytes. Sources and sinks of bytes outlive them.

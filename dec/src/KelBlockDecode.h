@@ -50,8 +50,7 @@ struct BandOutcome {
 };
 
 /// Decodes a band one row of blocks at a time. The reader stands on the band's first byte at first
-/// and belongs to the decoding until it ends, which is when Rows() is behind the last row or End()
-/// is not kWhole.
+/// and belongs to the decoding until it ends, which IsOver tells.
 class BandDecoder {
  public:
   /// Reads the band's header. Plane counts may reach 32 whatever the header says, or, strictly,

@@ -11,6 +11,7 @@ namespace {
 
 /// Rows are written in pieces of about this size, which stay in the caches.
 constexpr std::size_t kPieceBytes = 256 * 1024;
+/// A second band is worth its memory where it takes no more than this part of the limit.
 constexpr std::uint64_t kSmallPart = 16;
 /// Small tiles are decoded together, up to so many positions of the grid.
 constexpr std::uint64_t kRunArea = 512 * 512;

@@ -23,7 +23,7 @@ struct ComponentArea {
   unsigned depth = 8;
 };
 
-/// Halves an interval edge or an area: coordinates divided by two, rounded up.
+/// An edge divided by two so many times, rounded up.
 std::int64_t HalvedEdge(std::int64_t edge, unsigned times);
 
 /// Areas of all components of an image after so many halvings by the decoder.

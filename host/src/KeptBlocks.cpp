@@ -10,6 +10,7 @@
 namespace kel::host {
 namespace {
 
+/// Smaller blocks the heap keeps itself; larger ones come from the system, which zeroes them.
 constexpr std::size_t kSmallestKept = 16 * 1024;
 constexpr std::size_t kSmallestPages = std::size_t{4} << 20;
 

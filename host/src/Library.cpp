@@ -121,7 +121,7 @@ const KelIndexPackets* Index::Packets(const KelIndexWant& want) {
 
 bool Index::HasPackets() {
   constexpr std::uint64_t kSamplesPerByte = 1 << 14;
-  constexpr KelULong kLowestOnly = 32, kLengthBytes = 4;
+  constexpr KelULong kLowestOnly = format::kMostLevels;
   const KelIndexTileParts& found = TileParts();
   const KelImageGeometry& grid = *Facts().geometry;
   const auto side = [](KelLong from, KelLong to) { return static_cast<std::uint64_t>(to - from); };
@@ -136,7 +136,9 @@ bool Index::HasPackets() {
     const KelIndexWant lowest{part.tile, -1, kLowestOnly, 1}, all{part.tile, -1, 0, 0};
     const KelIndexPackets* packets = Packets(lowest);
     if (packets == nullptr || packets->count == 0) continue;
-    const auto hasBytes = [](const KelIndexPacket& packet) { return packet.length > kLengthBytes; };
+    const auto hasBytes = [](const KelIndexPacket& packet) {
+      return packet.length > format::kCountBytes;
+    };
     if (std::any_of(packets->packets, packets->packets + packets->count, hasBytes)) return true;
     // Empty ones alone make a picture of one colour when none is missing.
     packets = Packets(all);
@@ -145,24 +147,24 @@ bool Index::HasPackets() {
   return false;
 }
 
-Decoder::Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect) {
+Decoder::Decoder(ByteView bytes) {
   if (bytes.empty()) throw Error(Failure::kInput, "there are no data");
   block_ = {bytes.data(), static_cast<KelULong>(bytes.size())};
-  Open(nullptr, aspect);
+  Open(nullptr);
 }
 
 Decoder::Decoder(KelCodeStm& stream) {
-  Open(&stream, KelAspectFull);
+  Open(&stream);
 }
 
-void Decoder::Open(KelCodeStm* stream, KelDecodePixelAspectRatio aspect) {
+void Decoder::Open(KelCodeStm* stream) {
   RequireSession();
   Raising(Failure::kInput, [&] { options_.InitToDefaults(); });
   AskForTime(actions_);
   procs_.UserActions = &actions_;
   try {
     const KelLong code = image_.InitDecoder(stream, stream != nullptr ? nullptr : &block_,
-                                            &options_, &procs_, &resolutions_, aspect);
+                                            &options_, &procs_, &resolutions_, KelAspectFull);
     if (code == KelErrUnsupported) {
       RefuseOrdinary({block_.data, block_.length}, image_.GetErrorDetails(),
                      image_.GetErrorPlace());

@@ -17,8 +17,8 @@ namespace kel::host {
 /// Throws Error (kParameter) when no session runs.
 void RequireSession();
 
-/// Throws what a failure of the library means: kMemory for code 8, kTime for 28, which only the
-/// limit on time brings about, else the kind given.
+/// Throws what a failure of the library means: kMemory for code 8, kTime for 28, which comes where
+/// the time is over or the caller wants no more, else the kind given.
 [[noreturn]] void ThrowFailure(const KelException& raised, Failure kind,
                                const KelErrorPlace& place = {nullptr, -1});
 
@@ -37,7 +37,7 @@ KelTileComponent& TileComponent(const KelImage& image, std::size_t tile, std::si
 [[noreturn]] void ThrowIndexFailure(const KelStreamIndex& index, KelLong code, Failure kind,
                                     ByteView bytes = {});
 
-/// Lets the library ask whether the limit on time has been reached.
+/// Lets the library ask whether the time is over, or the caller wants no more.
 void AskForTime(KelUserActions& actions);
 
 /// Runs a call that may raise KelException.
@@ -84,7 +84,7 @@ class Index {
 class Decoder {
  public:
   /// Reads everything before the first tile-part; throws Error (kInput, kMemory).
-  explicit Decoder(ByteView bytes, KelDecodePixelAspectRatio aspect = KelAspectFull);
+  explicit Decoder(ByteView bytes);
   /// The same of a stream that can seek, which must outlive it too.
   explicit Decoder(KelCodeStm& stream);
   ~Decoder();
@@ -106,7 +106,7 @@ class Decoder {
   KelLong DecodeFrame(bool raw, KelFrameData* frame);
 
  private:
-  void Open(KelCodeStm* stream, KelDecodePixelAspectRatio aspect);
+  void Open(KelCodeStm* stream);
   void Release();
 
   KelUserActions actions_;

@@ -1,5 +1,5 @@
 // The reference grid: canvas, image area, tiling, subsampling and bit depths, and the boxes of
-// tiles, tile-components and resolutions on it (rules of ISO/IEC 15444-1, Annex B).
+// tiles, tile-components and resolutions on it.
 //
 // A box is (x0, x1, y0, y1) in that order, x0 and y0 inclusive, x1 and y1 exclusive. Tiles are
 // numbered in raster order. Operations here do not check their indices: the caller passes a tile

@@ -274,11 +274,11 @@ class KEL_API KelImage {
   /// Die.
   ///
   /// Returns 0; 8; 32 when the stream did not take the headers; 15 for a missing argument, a
-  /// read-only stream, or options that cannot be
-  /// coded: an image offset or tile-grid offset, an empty image, more than 65535 tiles, subsampling
-  /// outside 1..255, unequal subsampling under a colour transform, depths outside 1..28, levels
-  /// outside 0..32, indices of mask or transparency channels out of range, and a transparency
-  /// channel among the colour channels (below NumColorChannels).
+  /// read-only stream, or options that cannot be coded: an image offset or tile-grid offset, an
+  /// empty image, more than 65535 tiles, subsampling outside 1..255, unequal subsampling under a
+  /// colour transform, depths outside 1..28, levels outside 0..32, indices of mask or transparency
+  /// channels out of range, and a transparency channel among the colour channels (below
+  /// NumColorChannels).
   KelLong InitEncoder(KelEncOpt* options, KelCodeStm* stream, KelClientProcs* procs);
   /// Guarded. From the next tile on, samples come row by row, where a tile takes one pass over its
   /// interleaved channels and nothing else: one component, or three colours that are transformed

@@ -1,5 +1,6 @@
-// Exported conversions of the sample container. Each hands its work to the guard, which sets the
-// rounding mode; the recasts return what is raised as a code, the others let it pass to the host.
+// Exported conversions of the sample container. The recasts hand their work to the guard, which
+// sets the rounding mode, and return what is raised as a code; the others let it pass to the host,
+// and set the rounding mode themselves where they compute.
 #include "api/KelApiGlue.h"
 #include "kel/KelImageData.h"
 #include "samples/KelRecast.h"

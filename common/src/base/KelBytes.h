@@ -29,11 +29,6 @@ inline void StoreBE32(std::uint8_t* p, std::uint32_t v) {
   StoreBE16(p + 2, v);
 }
 
-inline void StoreBE64(std::uint8_t* p, std::uint64_t v) {
-  StoreBE32(p, static_cast<std::uint32_t>(v >> 32));
-  StoreBE32(p + 4, static_cast<std::uint32_t>(v));
-}
-
 }  // namespace kel
 
 #endif

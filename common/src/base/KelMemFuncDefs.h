@@ -249,8 +249,8 @@ class ScopeGuard {
   bool armed_ = true;
 };
 
-/// A growing array that belongs to a long-lived record: pointer, used and obtained elements.
-/// Makes room for one more element, doubling what was obtained; raises 8. The new elements are
+/// Makes room for one more element in a growing array that belongs to a long-lived record: pointer,
+/// used and obtained elements. Doubles what was obtained; raises 8. The new elements are
 /// zero-filled. The address may change.
 template <class T>
 void GrowByOne(T*& data, std::uint32_t used, std::uint32_t& obtained) {

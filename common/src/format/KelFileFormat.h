@@ -37,8 +37,7 @@ struct KelOpacityInfo {
 };
 
 /// Findings of the box readers; zero-filled, then made by InitFileInfo. It owns every record and
-/// array that it points to, also where a public record calls the bytes constant. A writer that
-/// lends it the records of a host takes them out again before the release.
+/// array that it points to, also where a public record calls the bytes constant.
 struct KelFileInfo {
   KelImageHeaderInfo* imageHeader;
   KelULong enumeratedSpace;           ///< of the last 'colr' of method 1

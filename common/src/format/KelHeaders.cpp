@@ -60,7 +60,6 @@ void InitHeaderParams(KelHeaderParams& set, bool mainHeader) {
   set.quantisation->exponents = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
   set.quantisation->mantissas = OwnedArray<std::int32_t>::Make(kQuantEntries).Release();
   set.progressionChanges = OwnedRecord<KelProgressionChanges>::Make().Release();
-  set.progressionChanges->kind = mainHeader ? 1 : 2;
   set.sizes = OwnedRecord<KelSizParams>::Make().Release();
   set.inMainHeader = mainHeader ? 1 : 0;
   release.Disarm();
@@ -152,7 +151,6 @@ void CopyProgressionChanges(KelProgressionChanges& destination,
 
 void AllocProgressionChanges(KelProgressionChanges& changes, std::int32_t count) {
   KelProgressionChanges made{};
-  made.kind = changes.kind;
   made.count = count;
   made.present = 1;
   ScopeGuard release([&] { ReleaseProgressionChanges(made); });

@@ -84,7 +84,6 @@ struct KelRoiParams {
 
 /// Progression order changes (POC): arrays of `count` entries.
 struct KelProgressionChanges {
-  std::int32_t kind;  ///< 1 main header, 2 tile
   std::int32_t count;
   std::uint8_t* resolutionStart;  ///< RSpoc
   std::uint16_t* componentStart;  ///< CSpoc
@@ -104,7 +103,7 @@ struct KelSegmentPlace {
 
 /// The parameters of one header.
 struct KelHeaderParams {
-  std::uint8_t inMainHeader;  ///< set by SOC, cleared when an SOT is read
+  std::uint8_t inMainHeader;  ///< else of a tile-part
   std::int64_t sizPosition;   ///< of the SIZ marker that was read
   std::uint8_t seenCOD, usesEPH, usesSOP, seenCOC, seenQCD, seenQCC, seenRGN, seenPOC, seenCOM;
   std::uint8_t* isSigned;  ///< Csiz flags

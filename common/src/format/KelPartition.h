@@ -1,5 +1,5 @@
-// Partitions of boxes by grids anchored at 0: precincts of a resolution, code blocks of a
-// precinct's band. Computed from the geometry whenever they are needed; nothing is stored.
+// Partitions of boxes by grids anchored at 0: the precincts of a resolution. Computed from the
+// geometry; code blocks stand in KelBlockGrid.
 #ifndef KEL_PARTITION_H
 #define KEL_PARTITION_H
 
@@ -38,13 +38,13 @@ inline GridPartition PartitionBox(const Box& box, int widthExp, int heightExp) {
 }
 
 /// A range of samples along one axis.
-struct SampleRange {
+struct CellRange {
   std::int64_t first, end;
 };
 
 /// Cell number `index` of a grid along one axis, clipped to a range. Exponents of
 /// format::kWholePrecinct and more give the whole range.
-inline SampleRange ClipCell(std::int64_t index, int exponent, bool isWhole, SampleRange range) {
+inline CellRange ClipCell(std::int64_t index, int exponent, bool isWhole, CellRange range) {
   if (isWhole) return range;
   return {std::max(range.first, index << exponent), std::min(range.end, (index + 1) << exponent)};
 }
@@ -54,10 +54,10 @@ inline SampleRange ClipCell(std::int64_t index, int exponent, bool isWhole, Samp
 inline Box PrecinctOfBand(const Box& band, const GridPartition& resolution, std::int64_t precinct,
                           bool isLowest) {
   const int halving = isLowest ? 0 : 1;
-  const SampleRange across =
+  const CellRange across =
       ClipCell(resolution.firstColumn + precinct % resolution.across, resolution.widthExp - halving,
                resolution.widthExp >= format::kWholePrecinct, {band.x0, band.x1});
-  const SampleRange down =
+  const CellRange down =
       ClipCell(resolution.firstRow + precinct / resolution.across, resolution.heightExp - halving,
                resolution.heightExp >= format::kWholePrecinct, {band.y0, band.y1});
   return {across.first, across.end, down.first, down.end};

@@ -20,7 +20,7 @@ enum class Failure {
   kOutput,      ///< a destination that cannot be written, or that cannot hold the image
   kMemory,      ///< out of memory, or beyond the session's limit or that on pixels
   kParameter,   ///< parameters, or an image, that the called function does not allow
-  kTime         ///< the limit on time was reached
+  kTime         ///< the limit on time was reached, or the caller wanted no more (Limits::stop)
 };
 
 class Error : public std::runtime_error {

@@ -33,6 +33,7 @@ void SwapBytes(std::uint16_t* words, std::size_t count);
 /// From big-endian words to the machine's, or back.
 void SwapBigEndian(std::uint16_t* words, std::size_t count);
 
+/// Divides every word by 2^bits.
 void ShiftDown(std::uint16_t* words, std::size_t count, unsigned bits);
 
 /// Largest of the samples; 0 for none.

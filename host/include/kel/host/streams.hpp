@@ -4,10 +4,6 @@
 
 #include "language.hpp"
 
-#if __cplusplus < 202002L && !(defined(_MSVC_LANG) && _MSVC_LANG >= 202002L)
-#error "the host kit needs C++20; <kel/Kel.h> takes C++17, and <kel/kel.h> any C"
-#endif
-
 #include <cstdint>
 #include <cstdio>
 #include <functional>
