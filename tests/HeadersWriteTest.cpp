@@ -134,8 +134,7 @@ TEST_F(HeadersWrite, TilePartHeaders) {
   std::uint16_t components[] = {0, 2};
   std::uint16_t layers[] = {0x0304};
   std::uint8_t order[] = {4};
-  changes = {2,     1, &resolutions[0], &components[0], layers, &resolutions[1], &components[1],
-             order, 1};
+  changes = {1, &resolutions[0], &components[0], layers, &resolutions[1], &components[1], order, 1};
   set.progressionChanges = &changes;
   const std::string poc = "AB5F 0009 01 00 0304 06 02 04 AB93";
   EXPECT_EQ(HeaderOf(set), Hex("AB90 000A 0102 000000A0 00 03 AB5C 000B 42 FFFF 1001 1800 2400"

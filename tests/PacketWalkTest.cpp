@@ -106,7 +106,7 @@ struct Tile {
     fill(cs, 1);
     fill(ce, 4);
     fill(ly, 4);
-    changes = {1, count, rs.data(), cs.data(), ly.data(), re.data(), ce.data(), order.data(), 1};
+    changes = {count, rs.data(), cs.data(), ly.data(), re.data(), ce.data(), order.data(), 1};
   }
   ~Tile() {
     ReleasePacketWalk(record.dec->walk);
