@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 namespace kel::tool {
@@ -127,19 +128,49 @@ std::string Describe(const Error& error) {
   return error.what() + (shown ? " (" + error.Details() + ")" : std::string()) + advice;
 }
 
+namespace {
+
+/// The least of the limits on memory of the process's control group and those above it, of either
+/// version; 0 when there is none. A container sees its own group as the uppermost.
+std::uint64_t GroupLimit() {
+  std::uint64_t least = 0;
+  const auto take = [&](const std::filesystem::path& file) {
+    std::uint64_t limit = 0;  // without a limit the file has a word
+    if (std::ifstream(file) >> limit && limit != 0) {
+      least = least == 0 ? limit : std::min(least, limit);
+    }
+  };
+  const auto takeAll = [&](const std::filesystem::path& root, std::filesystem::path group,
+                           const char* file) {
+    for (; group.has_relative_path(); group = group.parent_path()) {
+      take(root / group.relative_path() / file);
+    }
+    take(root / file);
+  };
+  std::ifstream groups("/proc/self/cgroup");  // lines of NUMBER:CONTROLLERS:PATH
+  for (std::string line; std::getline(groups, line);) {
+    const std::size_t first = line.find(':'), second = line.find(':', first + 1);
+    if (second == line.npos) continue;
+    const std::string controllers = "," + line.substr(first + 1, second - first - 1) + ",";
+    const std::string path = line.substr(second + 1);
+    if (controllers == ",,") takeAll("/sys/fs/cgroup", path, "memory.max");
+    if (controllers.find(",memory,") != controllers.npos) {
+      takeAll("/sys/fs/cgroup/memory", path, "memory.limit_in_bytes");
+    }
+  }
+  return least;
+}
+
+}  // namespace
+
 std::uint64_t HalfOfMemory() {
   const long pages = sysconf(_SC_PHYS_PAGES), pageBytes = sysconf(_SC_PAGE_SIZE);
-  std::uint64_t bytes = pages <= 0 || pageBytes <= 0 ? 0
-                                                     : static_cast<std::uint64_t>(pages) *
-                                                           static_cast<std::uint64_t>(pageBytes);
-  // A container's limit, of either version of control groups; without one there is no number.
-  for (const char* file :
-       {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"}) {
-    std::uint64_t limit = 0;
-    if (std::ifstream(file) >> limit && limit != 0)
-      bytes = bytes == 0 ? limit : std::min(bytes, limit);
-  }
-  return bytes / 2;
+  const std::uint64_t bytes =
+      pages <= 0 || pageBytes <= 0
+          ? 0
+          : static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageBytes);
+  const std::uint64_t limit = GroupLimit();
+  return (bytes == 0 || limit == 0 ? std::max(bytes, limit) : std::min(bytes, limit)) / 2;
 }
 
 }  // namespace kel::tool

@@ -32,7 +32,8 @@ struct Account {
 
 namespace {
 
-/// The sessions that live, oldest first, and the threads that made them.
+/// The sessions that live, oldest first, and the threads that made them; no thread's id for those
+/// that only scopes lead to.
 struct Registry {
   std::mutex mutex;
   std::vector<std::pair<std::thread::id, Account*>> sessions;
@@ -46,6 +47,7 @@ Registry& TheRegistry() {
 
 /// What a thread works for, as of so many changes of the registry.
 thread_local Account* bound = nullptr;
+thread_local unsigned numScopes = 0;
 thread_local Account* found = nullptr;
 thread_local std::uint64_t foundAt = 0;
 
@@ -55,9 +57,10 @@ Account* AccountOfThread() {
   const std::uint64_t changes = registry.changes.load(std::memory_order_acquire);
   if (foundAt == changes) return found;
   const std::lock_guard lock(registry.mutex);
-  found = registry.sessions.empty() ? nullptr : registry.sessions.front().second;
+  found = nullptr;
   for (const auto& [thread, account] : registry.sessions) {
-    if (thread == std::this_thread::get_id()) found = account;
+    if (thread == std::thread::id()) continue;
+    if (found == nullptr || thread == std::this_thread::get_id()) found = account;
   }
   foundAt = registry.changes.load(std::memory_order_relaxed);
   return found;
@@ -174,9 +177,12 @@ KelMemFuncs& Callbacks() {
 Session::Session(std::uint64_t memoryLimit) : account_(new Account(memoryLimit)) {
   Registry& registry = TheRegistry();
   const std::lock_guard lock(registry.mutex);
-  registry.sessions.emplace_back(std::this_thread::get_id(), account_);
+  const bool isPrivate = numScopes > 0;
+  registry.sessions.emplace_back(isPrivate ? std::thread::id() : std::this_thread::get_id(),
+                                 account_);
   KelLibJoin(&Callbacks());
   ++registry.changes;
+  if (isPrivate) bound = account_;
 }
 
 Session::~Session() {
@@ -188,6 +194,7 @@ Session::~Session() {
     ++registry.changes;
     if (registry.sessions.empty()) Kept().GiveBack(SIZE_MAX);
   }
+  if (bound == account_) bound = nullptr;
   Release(account_);
 }
 
@@ -213,9 +220,12 @@ void Session::ResetPeak() {
   if (Account* account = AccountOfThread()) account->peak = account->current.load();
 }
 
-SessionScope::SessionScope(Account* account) : before_(std::exchange(bound, account)) {}
+SessionScope::SessionScope(Account* account) : before_(std::exchange(bound, account)) {
+  ++numScopes;
+}
 
 SessionScope::~SessionScope() {
+  --numScopes;
   bound = before_;
 }
 

@@ -1,10 +1,13 @@
 """The C interface from another language: structures by their layout in the header, round trips,
 parts, reduced sizes, progress, limits and refusals. Argument: the shared library."""
 import ctypes as c
+import shutil
 import sys
+import tempfile
 import unittest
 
-kel = c.CDLL(sys.argv.pop(1))
+LIBRARY = sys.argv.pop(1)
+kel = c.CDLL(LIBRARY)
 kel.kel_error_text.restype = c.c_char_p
 PROGRESS = c.CFUNCTYPE(c.c_int, c.c_void_p, c.c_size_t, c.c_size_t)
 
@@ -144,6 +147,18 @@ class Interface(unittest.TestCase):
         self.assertEqual(kel.kel_decode(file, None, c.byref(image)), 0)
         kel.kel_close(file)
         kel.kel_free_image(image)
+        kel.kel_close_session(narrow)
+
+    def test_another_copy_of_the_interface_is_not_limited_by_this_one(self):
+        global kel
+        samples, narrow, mine = picture(3, 1), open_session(memory=2000), kel
+        with tempfile.TemporaryDirectory() as folder:
+            try:
+                kel = c.CDLL(shutil.copy(LIBRARY, folder + "/other.so"))
+                self.assertEqual(decode(encode(samples, 3, 8, lossless=1))[1], samples)
+            finally:
+                kel = mine
+        self.assertEqual(usage(narrow), (0, 0))
         kel.kel_close_session(narrow)
 
     def test_info_and_structures_of_other_sizes(self):

@@ -4,9 +4,9 @@
 // Any number of sessions may live in a process at a time, each with an account of its own. The
 // library's memory callbacks have no argument that could name a session: what is asked for on a
 // thread goes to the session made last on that thread, and, on threads without one, to the oldest
-// session in the process; the threads that the kit starts work for the session of their caller.
-// When the library has been started by someone else, with other callbacks, a session uses it
-// without replacing these: it then counts, and limits, only what the kit itself holds.
+// in the process. One made inside a SessionScope is its thread's until that ends, and then only of
+// whom a scope leads to it. The kit's own threads work for their caller's. Where others started the
+// library, with other callbacks, a session counts, and limits, what the kit itself holds.
 #ifndef KEL_HOST_SESSION_HPP
 #define KEL_HOST_SESSION_HPP
 
