@@ -1,6 +1,7 @@
 // The host kit over arbitrary data: what it tells, the whole image at once in runs of tiles on
-// threads, and the same as the bytes arrive. The kit cuts and places by what the library's index
-// says; whether both see the same image shows in the samples.
+// threads, and the same as the bytes arrive; what is wrong with it, and a file made whole. The kit
+// cuts and places by what the library's index says; whether both see the same image shows in the
+// samples.
 #include <kel/Kel.h>
 
 #include "HostSupport.hpp"
@@ -78,6 +79,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const CheckReport checked = Check(ranges, {.mostEntries = 50});
     Require(checked.flaws.size() <= 50 && checked.losses.size() <= 50);
     Require(!checked.IsSound() || !whole || report.complete);
+    return true;
+  });
+  Try([&] {
+    MemoryRanges ranges(bytes);
+    MemorySink repaired;
+    Repair(ranges, repaired, {.mostEntries = 50});
+    MemoryRanges again(repaired.bytes);
+    Require(Check(again, {.mostEntries = 50}).IsSound());
     return true;
   });
   if (whole && report.complete && arrived.image && arrived.complete) {

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t kCacheBytes = std::uint64_t{4} << 20, kBlockBytes = std::uint64_t{1} << 16;
 /// Lost packets for each byte of the file, and in any case, that are written as empty ones.
-constexpr std::uint64_t kLostOfByte = 4, kLostAlways = std::uint64_t{1} << 20;
+constexpr std::uint64_t kLostOfByte = 4, kLostAlways = std::uint64_t{1} << 16;
 constexpr std::uint64_t kMostLost = std::uint64_t{1} << 24;
 
 /// Bytes of the source, behind bytes that are written anew.
