@@ -72,7 +72,8 @@ class Repairer {
 
  private:
   void PlanTile(std::uint32_t tile);
-  PlannedPart PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number);
+  PlannedPart PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number,
+                       std::uint64_t numLost);
   Bytes HeaderOf(const KelIndexTilePart* part, bool isChanged);
   void AddFlawed(const KelIndexFindings& found, const KelIndexFlaw& flaw,
                  std::vector<Piece>& pieces, Loss& loss);
@@ -160,14 +161,12 @@ void Repairer::AddFlawed(const KelIndexFindings& found, const KelIndexFlaw& flaw
   for (const KelULong kind : {1U, 2U, 3U}) addBand(kind);
 }
 
-PlannedPart Repairer::PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number) {
+PlannedPart Repairer::PlanPart(const KelIndexFindings& found, std::uint32_t tile, KelULong number,
+                               std::uint64_t numLost) {
   const KelIndexTilePart* const part = PartOf(tile, number);
   const std::span packets(found.packets, found.count);
   const std::span flaws(found.flaws, found.numFlaws);
   const auto isOfPart = [&](const auto& record) { return record.part == number; };
-  const std::span lost(found.lost, found.numLost);
-  const auto numLost =
-      static_cast<std::uint64_t>(std::count_if(lost.begin(), lost.end(), isOfPart));
   const bool isFlawed = std::ranges::any_of(
       flaws, [&](const KelIndexFlaw& flaw) { return isOfPart(packets[flaw.packet]); });
   const bool isChanged = numLost != 0 || isFlawed ||
@@ -241,11 +240,14 @@ void Repairer::PlanTile(std::uint32_t tile) {
     throw Error(Failure::kInput, "more packets are missing than can be made up for");
   }
   if (found.numParts == 0 && found.numLost == 0) return;  // without samples
-  for (const KelIndexPacket& packet : std::span(found.lost, found.numLost))
+  std::vector<std::uint64_t> lostOf(std::max<KelULong>(found.numParts, 1));
+  for (const KelIndexPacket& packet : std::span(found.lost, found.numLost)) {
     ++LossOf(packet).missing;
+    if (packet.part < lostOf.size()) ++lostOf[packet.part];
+  }
   std::vector<PlannedPart> planned;
-  for (KelULong k = 0; k < std::max<KelULong>(found.numParts, 1); ++k) {
-    planned.push_back(PlanPart(found, tile, k));
+  for (KelULong k = 0; k < lostOf.size(); ++k) {
+    planned.push_back(PlanPart(found, tile, k, lostOf[k]));
   }
   NoteLosses(tile);
   // Packets that no order of the tile mentions cannot be written as empty ones.
