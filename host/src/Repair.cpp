@@ -236,7 +236,7 @@ void Repairer::PlanTile(std::uint32_t tile) {
   const std::uint64_t most = std::min(kMostLost, kLostAlways + kLostOfByte * cache_.Size());
   const KelIndexFindings& found = index_.Mend(tile, static_cast<KelULong>(most - numLost_));
   numLost_ += found.numLost;
-  if (!found.lostAreAll && found.numLost != 0) {
+  if (!found.lostAreAll && (found.numLost != 0 || numLost_ == most)) {
     throw Error(Failure::kInput, "more packets are missing than can be made up for");
   }
   if (found.numParts == 0 && found.numLost == 0) return;  // without samples
