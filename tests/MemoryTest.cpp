@@ -172,9 +172,9 @@ TEST(Guard, TurnsFailuresIntoCodesAndRestoresRounding) {
   EXPECT_EQ(details.errLevel, 3);
   EXPECT_EQ(guard([]() -> KelLong { return 7; }), 7);
   EXPECT_EQ(details.errCode, 31) << "a success clears nothing";
-  guard([]() -> KelLong { throw KelException(); });
+  EXPECT_NE(guard([]() -> KelLong { throw KelException(); }), 0);
   EXPECT_EQ(details.file, nullptr) << "a host's own record has no place";
-  EXPECT_THROW(GuardKelExceptions(&details, []() -> KelLong { throw 1; }), int);
+  EXPECT_THROW(static_cast<void>(GuardKelExceptions(&details, []() -> KelLong { throw 1; })), int);
   details.Clear();
   EXPECT_TRUE(details.errCode == 0 && details.lineNum == -1 && details.srcFile == nullptr);
   EXPECT_STREQ(details.GetErrString(), "Not Available Yet");

@@ -18,7 +18,7 @@ struct DamageLog {
 void NoteDamage(DamageLog& log, const KelDamage& damage);
 
 /// Copies the n-th damage. Returns 0, or 15 for n out of range or a null target.
-KelLong CopyDamage(const DamageLog& log, KelLong n, KelDamage* damage);
+[[nodiscard]] KelLong CopyDamage(const DamageLog& log, KelLong n, KelDamage* damage);
 
 /// Forgets everything; may run twice.
 void ReleaseDamageLog(DamageLog& log) noexcept;

@@ -59,7 +59,7 @@ auto Guard(Failure* failure, Work work, OnFailure onFailure,
 
 /// The second form, for the one entry through which other exceptions pass to the host.
 template <class Work>
-KelLong GuardKelExceptions(Failure* failure, Work work) {
+[[nodiscard]] KelLong GuardKelExceptions(Failure* failure, Work work) {
   const RoundingScope rounding;
   try {
     return work();

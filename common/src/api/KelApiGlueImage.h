@@ -32,7 +32,7 @@ inline bool IsOnSide(const ImageState& state, Side side) {
 void ReleaseState(ImageHandle*& handle) noexcept;
 
 /// Makes an empty state for a direction, before its initialisation. Returns 0 or 8.
-KelLong MakeState(ImageHandle*& handle, bool isEncoder);
+[[nodiscard]] KelLong MakeState(ImageHandle*& handle, bool isEncoder);
 
 /// Runs a guarded operation on a state of the given side. Without a state the result is what
 /// onFailure makes of 31, on the other side of 15.

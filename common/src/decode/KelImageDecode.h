@@ -36,16 +36,16 @@ struct DecoderState {
 
 /// Initialises a decoder. Returns the code, with the failure recorded in the state, which is no
 /// decoder then.
-KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
-                    KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
-                    KelDecodePixelAspectRatio aspect);
+[[nodiscard]] KelLong InitDecoder(ImageState& state, KelCodeStm* stream, KelCompressedData* data,
+                                  KelDecOpt* options, KelClientProcs* procs, KelULong** resolutions,
+                                  KelDecodePixelAspectRatio aspect);
 
 /// Decodes one frame. Raises; returns codes too.
-KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConversion,
-                     bool skipRecast, KelFrameData* frame);
+[[nodiscard]] KelLong GetNextFrame(ImageState& state, KelCompressedData* data, bool skipConversion,
+                                   bool skipRecast, KelFrameData* frame);
 
 /// Returns 0; 15, without effect, for an orientation other than 0, 90, 180 and 270.
-KelLong SetOrientation(ImageState& state, KelLong orientation);
+[[nodiscard]] KelLong SetOrientation(ImageState& state, KelLong orientation);
 
 /// Releases a decoder's state; may run on a half-built one.
 void ReleaseDecoder(ImageState& state) noexcept;

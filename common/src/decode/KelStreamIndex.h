@@ -65,7 +65,8 @@ IndexState* MakeIndex();
 void ReleaseIndex(IndexState*& index) noexcept;
 
 /// Reads boxes and main header. Returns the decoder's code; raises 8.
-KelLong OpenIndex(IndexState& index, KelCodeStm* stream, const KelCompressedData* data);
+[[nodiscard]] KelLong OpenIndex(IndexState& index, KelCodeStm* stream,
+                                const KelCompressedData* data);
 
 /// Raises 3 when a read of the stream has failed since this was asked last: what the data seemed to
 /// be then is not to be kept.

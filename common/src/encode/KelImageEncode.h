@@ -41,24 +41,24 @@ inline constexpr std::uint64_t kNumQualitySteps = 101;
 
 /// Initialises an encoder and writes the headers. Returns the code of a failed check, with the
 /// failure recorded in the state; raises 8. After a failure nothing is held.
-KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
-                    KelClientProcs* procs);
+[[nodiscard]] KelLong InitEncoder(ImageState& state, KelEncOpt* options, KelCodeStm* stream,
+                                  KelClientProcs* procs);
 
 /// Releases an encoder's state; may run on a half-built one.
 void ReleaseEncoder(ImageState& state) noexcept;
 
 /// Takes callbacks for rows, or none with null. Returns 0 or 15.
-KelLong SetRowProcs(ImageState& state, const KelRowProcs* procs);
+[[nodiscard]] KelLong SetRowProcs(ImageState& state, const KelRowProcs* procs);
 
 /// Writes boxes and main header: at the start of a seekable stream, which is then where it was
 /// unless the headers reach further; else at the current position. Returns 0 or 15; raises 8, 32.
-KelLong WriteKelHeaders(ImageState& state, KelULong* bytes);
+[[nodiscard]] KelLong WriteKelHeaders(ImageState& state, KelULong* bytes);
 
 /// Codes a tile and writes it, the last one with the end marker. Raises; returns 0.
-KelLong CompressAndWriteTile(ImageState& state, KelLong tile, KelULong* bytes);
+[[nodiscard]] KelLong CompressAndWriteTile(ImageState& state, KelLong tile, KelULong* bytes);
 
 /// Codes every tile for the size queries; nothing is written. Raises; returns 0.
-KelLong CompressImage(ImageState& state);
+[[nodiscard]] KelLong CompressImage(ImageState& state);
 
 /// Releases what tiles are coded in; further tiles obtain it anew.
 void ReleaseCoders(const ImageState& state) noexcept;

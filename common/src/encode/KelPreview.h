@@ -12,7 +12,7 @@
 namespace kel {
 
 /// Previews a whole tile. Raises; returns 0.
-KelLong GetPreviewData(ImageState& state, KelLong tile);
+[[nodiscard]] KelLong GetPreviewData(ImageState& state, KelLong tile);
 
 /// Previews the part of a tile in a rectangle of the canvas at a resolution, 0 to the number of
 /// levels; of the colours only the first component when luminanceOnly is set. Each component shown
@@ -20,8 +20,8 @@ KelLong GetPreviewData(ImageState& state, KelLong tile);
 /// coding of the tile releases. Without samples from the host there are no images. Returns 0.
 /// Raises 15 for a tile or a resolution that there is not, and for a rectangle without samples;
 /// what the fetch reported; 8.
-KelLong GetPreviewData(ImageState& state, KelLong tile, const Box& canvas, KelLong resolution,
-                       bool luminanceOnly);
+[[nodiscard]] KelLong GetPreviewData(ImageState& state, KelLong tile, const Box& canvas,
+                                     KelLong resolution, bool luminanceOnly);
 
 void SetAlphaChannelsForPreview(ImageState& state, bool transparency, bool extraChannels);
 

@@ -18,11 +18,11 @@ struct SampleRange {
 SampleRange RangeOfSamples(KelImageData& image, const void* samples);
 
 /// The range, as KelImageData::GetDynRange.
-KelLong MeasureRange(KelImageData& image, SampleRange& range);
+[[nodiscard]] KelLong MeasureRange(KelImageData& image, SampleRange& range);
 
 /// Measures in any case, and the shares of samples below lowLimit and above highLimit.
-KelLong MeasureRangeAndSpill(KelImageData& image, KelLong lowLimit, KelLong highLimit,
-                             SampleRange& range);
+[[nodiscard]] KelLong MeasureRangeAndSpill(KelImageData& image, KelLong lowLimit, KelLong highLimit,
+                                           SampleRange& range);
 
 /// Raises 8.
 void CropSamples(KelImageData& image, KelLong x0, KelLong x1, KelLong y0, KelLong y1);
