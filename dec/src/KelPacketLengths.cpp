@@ -38,9 +38,26 @@ std::int64_t EndByBandLengths(KelDecDataMgr& data, std::int64_t body, std::int64
 }
 
 bool CanFollow(KelDecDataMgr& data, std::int64_t position, std::int64_t partEnd) {
-  if (position >= partEnd - format::kCountBytes) return position == partEnd;
+  if (position > partEnd - format::kCountBytes) return position == partEnd;
   const std::int64_t length = PeekLength(data, position);
   return length <= partEnd - position - format::kCountBytes;
+}
+
+bool PassPacket(KelDecDataMgr& data, bool hasBandLengths, std::int64_t partEnd) {
+  const std::int64_t start = data.GetPosition(), body = start + format::kCountBytes;
+  if (body > partEnd) return false;
+  const auto pass = [&](std::int64_t end) {
+    const std::uint64_t length = AsCount(end - start);
+    const bool isThere = data.SkipForward(length) == length;
+    const bool hasEnded = data.EnsureBuffered(format::kCountBytes) != kBufferedOk;
+    if (isThere && (hasEnded || CanFollow(data, end, partEnd))) return true;
+    data.MoveTo(start);
+    return false;
+  };
+  const std::int64_t length = PeekLength(data, start);
+  if (length <= partEnd - body && pass(body + length)) return true;
+  const std::int64_t end = hasBandLengths ? EndByBandLengths(data, body, partEnd) : INT64_MAX;
+  return end != INT64_MAX && pass(end);
 }
 
 }  // namespace kel

@@ -24,6 +24,11 @@ std::int64_t EndByBandLengths(KelDecDataMgr& data, std::int64_t body, std::int64
 /// whose length fits into it.
 bool CanFollow(KelDecDataMgr& data, std::int64_t position, std::int64_t partEnd);
 
+/// Passes over the packet at the read position without looking into it, where nothing is wrong: to
+/// where its length leads or, should nothing be able to follow there, those of its bands. False,
+/// and the reader stays, when neither leads anywhere; to the end of what has arrived both may.
+bool PassPacket(KelDecDataMgr& data, bool hasBandLengths, std::int64_t partEnd);
+
 }  // namespace kel
 
 #endif

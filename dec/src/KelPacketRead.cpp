@@ -349,7 +349,9 @@ Outcome HandlePacket(const PartReading& part, TileCompRecord& record, const Pack
   Outcome outcome = fits ? Outcome::kHandled : Unfit(part);
   if (isWanted && (fits || part.endIsKnown)) record.dec->hasData = true;
   if (!isWanted) {
-    if (fits) data.SkipForward(AsCount(format::kCountBytes + packet.length));
+    const bool isPassed = part.endIsKnown && PassPacket(data, packet.HasDetails(), part.end);
+    if (isPassed) outcome = Outcome::kHandled;
+    if (!isPassed && fits) data.SkipForward(AsCount(format::kCountBytes + packet.length));
   } else if (part.tile.dec->progress.takesBands) {
     data.SkipForward(format::kCountBytes);
     const bool isTaken = fits && TakePacket(data, record, id.resolution, AsCount(packet.length));

@@ -1,13 +1,15 @@
 // The packets of one tile, and the bytes of the stream that a part of it needs.
 //
-// The tile is laid out and walked as for decoding, but of every packet only the length is read. A
-// packet that does not fit into its tile-part ends the walk: where those behind it stand is not
-// known. The layout is released with the walk's end.
+// The tile is laid out and walked as for decoding, but of every packet only the length is read, and
+// of one behind which nothing can follow those of its bands. A packet that leads nowhere ends the
+// walk: where those behind it stand only their bits tell, and so a decoder reads all of them. The
+// layout is released with the walk's end.
 #include <algorithm>
 #include <iterator>
 #include <utility>
 
 #include "KelDecMap.h"
+#include "KelPacketLengths.h"
 #include "KelPacketWalk.h"
 #include "KelTileLayout.h"
 #include "base/KelMemFuncDefs.h"
@@ -62,34 +64,51 @@ void RecordPacket(IndexState& index, const KelIndexPacket& packet) {
   packets.packets = index.packetList;
 }
 
+/// Passes over a listed packet. Behind the last one of a tile-part, and the last one wanted,
+/// nothing is looked at.
+bool PassListed(KelDecDataMgr& data, const PacketId& id, std::uint64_t end, bool isLastWanted) {
+  const std::uint64_t start = AsCount(data.GetPosition());
+  if (end - std::min(start, end) < format::kCountBytes) return false;
+  const std::uint64_t body = start + format::kCountBytes;
+  if (data.EnsureBuffered(format::kCountBytes) != kBufferedOk) return false;
+  const std::uint64_t length = AsCount(PeekLength(data, static_cast<std::int64_t>(start)));
+  if (length == end - body) return true;
+  if (!isLastWanted || length > end - body) {
+    return PassPacket(data, id.resolution != 0, static_cast<std::int64_t>(end));
+  }
+  return data.SkipForward(format::kCountBytes + length) == format::kCountBytes + length;
+}
+
 /// Lists the packets of a tile-part whose header has been read, until `numLeft` wanted ones have
-/// been met. False when one does not fit, or has not arrived whole.
+/// been met. False when one leads nowhere, or has not arrived whole; the reader stands on it.
 bool ListPacketsOfPart(IndexState& index, const TileRecord& tile, const KelIndexTilePart& part,
                        std::uint64_t& numLeft) {
   KelDecDataMgr& data = *index.image->decoder->dataMgr;
   PacketWalk& walk = *tile.dec->walk;
   const std::uint64_t end = part.offset + part.length;
-  bool isEmpty = true;
-  for (const PacketId* at = CurrentPacket(walk); at != nullptr && numLeft != 0;
+  bool isEmpty = true, isEnded = false;
+  for (const PacketId* at = CurrentPacket(walk); at != nullptr && numLeft != 0 && !isEnded;
        at = CurrentPacket(walk)) {
     const std::uint64_t here = AsCount(data.GetPosition());
     if (here == end) break;
-    if (end - std::min(here, end) < format::kCountBytes) return false;
-    if (data.EnsureBuffered(format::kCountBytes) != kBufferedOk) return false;
-    const std::uint64_t length = data.ReadUInt(format::kCountBytes);
-    const std::uint64_t left = end - here - format::kCountBytes;
-    // Behind the last packet nothing is looked at: the tile-part's end is known.
-    const bool isLast = length == left;
-    if (length > left || (!isLast && data.SkipForward(length) != length)) return false;
-    const std::int32_t levels = tile.comps[at->component].dec->numLevels;
-    RecordPacket(index, {static_cast<KelULong>(at->component),
-                         static_cast<KelULong>(at->resolution), static_cast<KelULong>(at->layer),
-                         static_cast<KelULong>(levels - at->resolution), AsCount(at->precinct),
-                         here, static_cast<KelULong>(format::kCountBytes + length), part.part});
-    numLeft -= IsWanted(index.wanted, index.packetList[index.packets.count - 1]) ? 1 : 0;
+    const auto levels = static_cast<KelULong>(tile.comps[at->component].dec->numLevels);
+    const auto resolution = static_cast<KelULong>(at->resolution);
+    KelIndexPacket packet = {static_cast<KelULong>(at->component),
+                             resolution,
+                             static_cast<KelULong>(at->layer),
+                             levels - resolution,
+                             AsCount(at->precinct),
+                             here,
+                             0,
+                             part.part};
+    const bool isWanted = IsWanted(index.wanted, packet);
+    if (!PassListed(data, *at, end, isWanted && numLeft == 1)) return false;
+    isEnded = AsCount(data.GetPosition()) == here;
+    packet.length = static_cast<KelULong>((isEnded ? end : AsCount(data.GetPosition())) - here);
+    RecordPacket(index, packet);
+    numLeft -= isWanted ? 1 : 0;
     PacketHandled(walk);
     isEmpty = false;
-    if (isLast) break;
   }
   if (isEmpty) PassEmptyTilePart(walk);
   return true;
@@ -106,6 +125,8 @@ void ListPackets(IndexState& index) {
   std::uint64_t numLeft = 0;
   for (KelULong k = 0; k < format::kMostTileParts; ++k) {
     const KelIndexTilePart* part = FindPartOfTile(index, number, k);
+    index.brokenPart = k;
+    index.brokenOffset = part != nullptr ? part->offset : 0;
     if (part == nullptr || !data.MoveTo(static_cast<std::int64_t>(part->offset))) return;
     const HeaderResult header = ReadTilePartHeader(map, data, tile);
     if (header.refusal.errCode != KelOK || header.incomplete) return;
@@ -113,7 +134,10 @@ void ListPackets(IndexState& index) {
       CountPackets(index, tile, map.numComps);
       numLeft = NumWanted(index, index.wanted.reduce);
     }
-    if (!ListPacketsOfPart(index, tile, *part, numLeft)) return;
+    if (!ListPacketsOfPart(index, tile, *part, numLeft)) {
+      index.brokenOffset = AsCount(data.GetPosition());
+      return;
+    }
     index.packets.areAll = numLeft == 0 || CurrentPacket(*tile.dec->walk) == nullptr;
     if (index.packets.areAll) return;
   }
@@ -153,6 +177,28 @@ void JoinRanges(IndexState& index, bool areAll) {
   for (KelULong i = 0; i < used; ++i) index.ranges.bytes += begin[i].length;
 }
 
+/// Whether all that is wanted is in the list, which may have been made for more.
+bool AreAllListed(const IndexState& index, const KelIndexWant& want) {
+  if (index.packets.areAll || !index.isLaidOut) return index.packets.areAll;
+  const KelIndexPacket* begin = index.packetList;
+  const auto count = std::count_if(begin, begin + index.packets.count,
+                                   [&](const auto& packet) { return IsWanted(want, packet); });
+  return AsCount(count) >= NumWanted(index, want.reduce);
+}
+
+/// From where the packets could not be told apart on a decoder reads all of the tile's tile-parts.
+void ListBroken(IndexState& index, KelULong tile) {
+  for (KelULong k = 0; k < format::kMostTileParts; ++k) {
+    const KelIndexTilePart* part = FindPartOfTile(index, tile, k);
+    if (part == nullptr) break;
+    RecordRange(index, part->offset, part->headerBytes);
+    if (k < index.brokenPart) continue;
+    const std::uint64_t end = std::min(part->offset + part->length, index.dataEnd);
+    const std::uint64_t from = k == index.brokenPart ? index.brokenOffset : part->offset;
+    RecordRange(index, from, end - std::min(end, from));
+  }
+}
+
 void ListRanges(IndexState& index, const KelIndexWant& want) {
   const KelIndexPacket* begin = index.packetList;
   const KelIndexPacket* end = begin + index.packets.count;
@@ -167,6 +213,7 @@ void ListRanges(IndexState& index, const KelIndexWant& want) {
       RecordRange(index, next->offset, IsWanted(want, *next) ? next->length : format::kCountBytes);
     }
   }
+  if (!AreAllListed(index, want)) ListBroken(index, want.tile);
 }
 
 /// Whether what is listed holds what is wanted: the list of a lower reduction has more.
@@ -174,15 +221,6 @@ bool HoldsWanted(const IndexState& index, const KelIndexWant& want) {
   const KelIndexWant& held = index.wanted;
   return index.hasPackets && held.tile == want.tile && held.component == want.component &&
          held.reduce <= want.reduce && held.numLayers == want.numLayers;
-}
-
-/// Whether all that is wanted is in the list, which may have been made for more.
-bool AreAllListed(const IndexState& index, const KelIndexWant& want) {
-  if (index.packets.areAll || !index.isLaidOut) return index.packets.areAll;
-  const KelIndexPacket* begin = index.packetList;
-  const auto count = std::count_if(begin, begin + index.packets.count,
-                                   [&](const auto& packet) { return IsWanted(want, packet); });
-  return AsCount(count) >= NumWanted(index, want.reduce);
 }
 
 }  // namespace

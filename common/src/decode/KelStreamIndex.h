@@ -47,6 +47,8 @@ struct IndexState {
   bool hasPackets;
   KelIndexWant wanted;
   KelIndexPackets packets;
+  KelULong brokenPart;  ///< where not all wanted ones are listed: the tile-part that the walk ended
+  std::uint64_t brokenOffset;  ///< in, and where
   KelIndexPacket* packetList;
   KelULong obtainedPackets;
   bool isLaidOut;  ///< the packets of its layout are counted

@@ -20,6 +20,8 @@ inline std::int64_t BandEdge(std::int64_t position, bool high) {
 /// range has at least two positions.
 inline std::int64_t Mirror(std::int64_t position, std::int64_t first, std::int64_t end) {
   if (position >= first && position < end) return position;
+  const std::int64_t once = position < first ? 2 * first - position : 2 * (end - 1) - position;
+  if (once >= first && once < end) return once;  // all but the shortest ranges
   const std::int64_t period = 2 * (end - first - 1);
   std::int64_t m = (position - first) % period;
   if (m < 0) m += period;

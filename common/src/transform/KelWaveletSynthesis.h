@@ -106,6 +106,14 @@ template <class Cell>
 Cell* MirrorAround(Cell* row, bool high, const Box& box, std::int64_t before, std::int64_t behind) {
   const std::int64_t firstPair = FloorShift(box.x0, 1), endPair = CeilShift(box.x1, 1);
   const std::int64_t first = BandEdge(box.x0, high), end = BandEdge(box.x1, high);
+  // At an edge that only one reflection reaches beyond, sample n shows edge - n - high.
+  constexpr std::int64_t kLeastOfOne = 8;
+  if (box.Width() >= kLeastOfOne) {
+    const std::int64_t left = box.x0 - high - first, right = box.x1 - 1 - high - first;
+    for (std::int64_t n = firstPair - before; n < first; ++n) row[n - first] = row[left - n];
+    for (std::int64_t n = end; n < endPair + behind; ++n) row[n - first] = row[right - n];
+    return row - (first - firstPair);
+  }
   const auto mirror = [&](std::int64_t n) {
     const std::int64_t shown = Mirror(2 * n + (high ? 1 : 0), box.x0, box.x1);
     row[n - first] = row[BandEdge(shown, high) - first];
