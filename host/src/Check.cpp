@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 
+#include "LengthLists.hpp"
 #include "RangeIndex.hpp"
 #include "SegmentEdit.hpp"
 #include "kel/host/limits.hpp"
@@ -43,6 +44,9 @@ class Checker {
   void CheckBoxes();
   void CheckTileParts();
   void CheckEnd(std::uint64_t end);
+  void CheckPartList();
+  void CheckPacketLists(std::uint32_t tile, const KelIndexFindings& found);
+  void AddList(const Flaw& flaw);
   void CheckTile(std::uint32_t tile);
   void CheckPartNumbers(std::uint32_t tile, const KelIndexFindings& found);
   void NoteFlaws(std::uint32_t tile, const KelIndexFindings& found);
@@ -119,6 +123,68 @@ void Checker::CheckTileParts() {
          .found = part.length});
   }
   CheckEnd(next);
+}
+
+void Checker::AddList(const Flaw& flaw) {
+  Flaw of = flaw;
+  of.kind = FlawKind::kLengthList;
+  Add(of);
+}
+
+/// Whether a list of the tile-parts is that of those that are there. One place is told where it is
+/// not: what follows is often wrong for the same reason.
+void Checker::CheckPartList() {
+  const KelIndexFacts& facts = index_.Facts();
+  LengthList list;
+  Flaw flaw;
+  for (const KelIndexSegment& segment : std::span(facts.segments, facts.numSegments)) {
+    if (segment.code != format::kTLM) continue;
+    if (list.IsEmpty()) flaw.offset = segment.offset;
+    list.Add(Fetched(segment.offset, segment.length));
+  }
+  if (list.IsEmpty()) return;
+  const auto listed = list.OfTileParts();
+  const KelIndexTileParts& there = index_.TileParts();
+  for (std::size_t i = 0; listed && i < std::max<std::size_t>(listed->size(), there.count); ++i) {
+    flaw.claimed = i < listed->size() ? (*listed)[i].length : 0;
+    flaw.found = i < there.count ? there.parts[i].length : 0;
+    if (i < there.count) flaw.tile = there.parts[i].tile;
+    if (i < there.count) flaw.part = there.parts[i].part;
+    const bool isOfTile =
+        i < listed->size() && i < there.count && (*listed)[i].tile == there.parts[i].tile;
+    if (!isOfTile || flaw.claimed != flaw.found) return AddList(flaw);
+  }
+  if (!listed) AddList(flaw);
+}
+
+/// The same of the packets of a tile's tile-parts.
+void Checker::CheckPacketLists(std::uint32_t tile, const KelIndexFindings& found) {
+  const std::span packets(found.packets, found.count);
+  for (const KelULong place : index_.PartsOf(tile)) {
+    const KelIndexTilePart& part = index_.TileParts().parts[place];
+    if (part.headerBytes <= format::kLeastTilePartBytes) continue;
+    LengthList list;
+    Flaw flaw{.tile = tile, .part = part.part};
+    for (const KelIndexSegment& segment : index_.Segments(place)) {
+      if (segment.code != format::kPLT) continue;
+      if (list.IsEmpty()) flaw.offset = segment.offset;
+      list.Add(Fetched(segment.offset, segment.length));
+    }
+    if (list.IsEmpty()) continue;
+    const auto listed = list.OfPackets();
+    auto next = std::find_if(packets.begin(), packets.end(), [&](const KelIndexPacket& packet) {
+      return packet.part == part.part;
+    });
+    std::size_t i = 0;
+    for (; listed && next != packets.end() && next->part == part.part; ++next, ++i) {
+      flaw.claimed = i < listed->size() ? (*listed)[i] : 0;
+      flaw.found = next->length;
+      if (flaw.claimed != flaw.found) break;
+    }
+    const bool isRight =
+        listed && i == listed->size() && (next == packets.end() || next->part != part.part);
+    if (!isRight) AddList(flaw);
+  }
 }
 
 /// Whether the numbers and counts of a tile's tile-parts fit what is there.
@@ -203,6 +269,7 @@ void Checker::CheckTile(std::uint32_t tile) {
   report_.packets += found.count;
   report_.checksums += found.numChecksums;
   CheckPartNumbers(tile, found);
+  CheckPacketLists(tile, found);
   bool isTold = false;  // where packets went missing
   for (const KelIndexBreak& broken : std::span(found.breaks, found.numBreaks)) {
     const FlawKind kind = KindOf(broken.kind);
@@ -279,6 +346,7 @@ CheckReport Checker::Run() {
       static_cast<std::uint64_t>(grid.NumXTiles) * static_cast<std::uint64_t>(grid.NumYTiles);
   CheckBoxes();
   CheckTileParts();
+  CheckPartList();
   for (std::uint32_t tile = 0; tile < report_.tiles; ++tile) {
     CheckTime();
     if (IsBare(tile)) {
@@ -320,6 +388,8 @@ std::string_view NameOf(FlawKind kind) {
       return "excess";
     case FlawKind::kEnd:
       return "end";
+    case FlawKind::kLengthList:
+      return "length-list";
   }
   return "";
 }

@@ -61,27 +61,12 @@ std::uint64_t Picture::FrontBytes() const {
 
 std::vector<ByteRange> Picture::BytesOf(std::uint32_t tile, unsigned reduce) {
   TileRegion(tile);  // which knows the tiles that exist
-  return state_->WithIndex([&](RangeIndex& index) {
-    const KelIndexRanges& found = index.Ranges({tile, -1, reduce, 0});
-    std::vector<ByteRange> ranges;
-    for (const KelIndexRange& range : std::span(found.ranges, found.count)) {
-      ranges.push_back({range.offset, range.offset + range.length});
-    }
-    return ranges;
-  });
+  return state_->WithIndex([&](RangeIndex& index) { return NeededBytes(index, tile, reduce); });
 }
 
 std::vector<ByteRange> Picture::PlacesOf(std::uint32_t tile) {
   TileRegion(tile);
-  return state_->WithIndex([&](RangeIndex& index) {
-    std::vector<ByteRange> places;
-    for (const KelULong i : index.PartsOf(tile)) {
-      const KelIndexTilePart& part = index.TileParts().parts[i];
-      places.push_back({part.offset, part.offset + part.length});
-    }
-    std::ranges::sort(places, {}, &ByteRange::from);
-    return places;
-  });
+  return state_->WithIndex([&](RangeIndex& index) { return PlacesOfTile(index, tile); });
 }
 
 Image Picture::Decode(const Region& region, unsigned reduce, unsigned threads,

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "WholeData.hpp"
@@ -29,6 +31,27 @@ std::string Reason() {
 
 }  // namespace
 
+/// Bytes of the file that were read last in small pieces. One that lies elsewhere begins with few;
+/// whoever goes on from there gets many.
+struct FileSource::Window {
+  static constexpr std::size_t kSmallPiece = 512, kFew = 1024;
+
+  std::mutex mutex;
+  std::uint64_t start = 0;
+  std::size_t count = 0;
+  std::array<std::uint8_t, 4096> bytes;
+
+  bool Holds(std::uint64_t offset, std::size_t length) const {
+    return offset >= start && offset - start <= count && length <= count - (offset - start);
+  }
+  bool IsNear(std::uint64_t offset) const {
+    return offset >= start && offset - start <= bytes.size() - kSmallPiece && count != 0;
+  }
+};
+
+FileSource::FileSource(FileSource&&) noexcept = default;
+FileSource::~FileSource() = default;
+
 FileSource::FileSource(const std::string& path)
     : owned_(std::fopen(path.c_str(), "rb"), std::fclose), file_(owned_.get()), name_(path) {
   if (file_ == nullptr) throw Error(Failure::kInput, path, "cannot be opened: " + Reason());
@@ -47,10 +70,34 @@ void FileSource::Measure() {
   if (fstat(fileno(file_), &status) != 0 || !S_ISREG(status.st_mode) || position < 0) return;
   start_ = static_cast<std::uint64_t>(position);
   const auto end = static_cast<std::uint64_t>(status.st_size);
-  if (end > start_) size_ = end - start_;  // files of a system's state say 0 and have bytes
+  if (end <= start_) return;  // files of a system's state say 0 and have bytes
+  size_ = end - start_;
+  window_ = std::make_unique<Window>();
 }
 
 std::size_t FileSource::ReadAt(std::uint64_t offset, std::span<std::uint8_t> to) const {
+  if (!window_) return ReadFrom(offset, to);
+  Window& window = *window_;
+  std::unique_lock lock(window.mutex);
+  if (!window.Holds(offset, to.size())) {
+    if (to.size() > Window::kSmallPiece) {
+      lock.unlock();
+      return ReadFrom(offset, to);
+    }
+    const bool goesOn = window.IsNear(offset);
+    if (!goesOn) window.start = offset;
+    window.count = 0;  // should the reading fail
+    window.count = ReadFrom(
+        window.start, std::span(window.bytes).first(goesOn ? window.bytes.size() : Window::kFew));
+  }
+  const auto skipped = static_cast<std::size_t>(offset - window.start);
+  const std::size_t left = window.count - std::min(window.count, skipped);
+  const std::size_t taken = std::min(to.size(), left);
+  std::copy_n(window.bytes.begin() + static_cast<std::ptrdiff_t>(skipped), taken, to.begin());
+  return taken;
+}
+
+std::size_t FileSource::ReadFrom(std::uint64_t offset, std::span<std::uint8_t> to) const {
   std::size_t filled = 0;
   while (filled < to.size()) {
     const ssize_t count = pread(fileno(file_), to.data() + filled, to.size() - filled,

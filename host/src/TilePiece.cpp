@@ -1,4 +1,4 @@
-// Building the code stream of one tile.
+// Building the code stream of one tile or of neighbours.
 #include "TilePiece.hpp"
 
 #include <algorithm>
@@ -16,12 +16,13 @@ constexpr std::uint64_t kMostBytesBehind = 64 << 20;
 /// A piece while it is made.
 struct Building {
   const DataFront& front;
-  const TileParts& tile;
+  std::span<const TileParts> tiles;
   unsigned reduce;
   Bytes data;
   bool seenCod = false;  ///< in the header at work: only the first one holds
 
-  bool Reorders() const { return tile.hasAllPackets; }
+  /// Several tiles are only joined when they have all packets.
+  bool Reorders() const { return tiles[0].hasAllPackets; }
   void Marker(KelULong second) {
     data.push_back(static_cast<std::uint8_t>(front.facts->markerByte));
     data.push_back(static_cast<std::uint8_t>(second));
@@ -29,17 +30,32 @@ struct Building {
   void Append(ByteView bytes) { data.insert(data.end(), bytes.begin(), bytes.end()); }
 };
 
+/// One tile is its own grid; the row of several keeps the width of its tiles.
+GridFields GridOf(const Building& out) {
+  const auto at = [&](std::int64_t edge) { return HalvedCoordinate(edge, out.reduce); };
+  const CanvasBox box = BoxOf(out.tiles);
+  GridFields grid{at(box.x1), at(box.y1), at(box.x0), at(box.y0), at(box.x1), at(box.y1), 0, 0};
+  if (out.tiles.size() > 1) {
+    const KelImageGeometry& whole = *out.front.facts->geometry;
+    const std::int64_t column = out.tiles[0].tile % static_cast<std::uint32_t>(whole.NumXTiles);
+    grid.tileWidth = at(whole.XTsiz);
+    grid.tileX0 = at(whole.XTOsiz + column * whole.XTsiz);
+  }
+  return grid;
+}
+
+bool HasPlace(const CanvasBox& box, unsigned reduce) {
+  return HalvedCoordinate(box.x0, reduce) < HalvedCoordinate(box.x1, reduce) &&
+         HalvedCoordinate(box.y0, reduce) < HalvedCoordinate(box.y1, reduce);
+}
+
 void AppendSegment(Building& out, KelULong code, Bytes segment) {
   const auto indexBytes =
       static_cast<std::size_t>(format::ComponentIndexBytes(out.front.facts->geometry->Csiz));
   switch (code) {
-    case format::kSIZ: {
-      const auto at = [&](std::int64_t edge) { return HalvedCoordinate(edge, out.reduce); };
-      const CanvasBox& box = out.tile.box;
-      SetGrid(segment,
-              {at(box.x1), at(box.y1), at(box.x0), at(box.y0), at(box.x1), at(box.y1), 0, 0});
+    case format::kSIZ:
+      SetGrid(segment, GridOf(out));
       break;
-    }
     case format::kCOD:
       if (std::exchange(out.seenCod, true)) return;
       LowerLevels(segment, code, indexBytes, out.reduce);
@@ -99,13 +115,15 @@ bool IsKept(const KelIndexPacket& packet, unsigned reduce) {
 }
 
 /// A tile-part: the segments of a header and the packets given.
-void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegment>& segments,
+void AppendPart(Building& out, std::size_t tile, KelULong number,
+                const std::vector<KelIndexSegment>& segments,
                 std::span<const KelIndexPacket> packets, RangeSource& source) {
   const std::size_t start = out.data.size();
   out.seenCod = false;
   out.Marker(format::kSOT);
   out.data.resize(start + format::kSotBytes);
   PutU16(out.data, start + 2, format::kSotBytes - format::kMarkerBytes);
+  PutU16(out.data, start + format::kIsotAt, tile);
   out.data[start + format::kTPsotAt] = static_cast<std::uint8_t>(number);
   for (const KelIndexSegment& segment : segments) {
     if (segment.code == format::kSOT || segment.code == format::kSOD) continue;
@@ -123,6 +141,28 @@ void AppendPart(Building& out, KelULong number, const std::vector<KelIndexSegmen
   PutU32(out.data, start + format::kPsotAt, out.data.size() - start);
 }
 
+void AppendTile(Building& out, std::size_t number, RangeSource& source) {
+  const TileParts& tile = out.tiles[number];
+  std::vector<KelIndexPacket> packets;
+  std::ranges::copy_if(tile.packets, std::back_inserter(packets),
+                       [&](const KelIndexPacket& packet) { return IsKept(packet, out.reduce); });
+  if (out.Reorders()) {
+    std::ranges::sort(packets, {}, [](const KelIndexPacket& p) {
+      return std::tuple(p.layer, p.resolution, p.component, p.precinct);
+    });
+    AppendPart(out, number, 0, tile.headers[0].segments, packets, source);
+    return;
+  }
+  const std::span all(packets);
+  for (std::size_t i = 0, at = 0; i < tile.headers.size(); ++i) {
+    std::size_t end = at;
+    while (end < all.size() && all[end].part == tile.headers[i].part) ++end;
+    AppendPart(out, number, static_cast<KelULong>(i), tile.headers[i].segments,
+               all.subspan(at, end - at), source);
+    at = end;
+  }
+}
+
 }  // namespace
 
 CanvasBox TileBox(const KelImageGeometry& grid, std::uint32_t tile) {
@@ -130,6 +170,25 @@ CanvasBox TileBox(const KelImageGeometry& grid, std::uint32_t tile) {
   const auto number = static_cast<KelLong>(tile);
   grid.GetTileBoundingBox(grid.GetXIndex(number), grid.GetYIndex(number), &x0, &x1, &y0, &y1);
   return {x0, y0, x1, y1};
+}
+
+std::vector<ByteRange> NeededBytes(RangeIndex& index, std::uint32_t tile, unsigned reduce) {
+  const KelIndexRanges& found = index.Ranges({tile, -1, reduce, 0});
+  std::vector<ByteRange> ranges;
+  for (const KelIndexRange& range : std::span(found.ranges, found.count)) {
+    ranges.push_back({range.offset, range.offset + range.length});
+  }
+  return ranges;
+}
+
+std::vector<ByteRange> PlacesOfTile(RangeIndex& index, std::uint32_t tile) {
+  std::vector<ByteRange> places;
+  for (const KelULong i : index.PartsOf(tile)) {
+    const KelIndexTilePart& part = index.TileParts().parts[i];
+    places.push_back({part.offset, part.offset + part.length});
+  }
+  std::ranges::sort(places, {}, &ByteRange::from);
+  return places;
 }
 
 TileParts CollectTile(RangeIndex& index, std::uint32_t tile, unsigned reduce) {
@@ -150,7 +209,22 @@ TileParts CollectTile(RangeIndex& index, std::uint32_t tile, unsigned reduce) {
   return found;
 }
 
-std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce) {
+CanvasBox BoxOf(std::span<const TileParts> tiles) {
+  const CanvasBox &first = tiles.front().box, &last = tiles.back().box;
+  return {first.x0, first.y0, last.x1, last.y1};
+}
+
+bool CanJoin(const KelImageGeometry& grid, std::span<const TileParts> tiles, unsigned reduce) {
+  const auto isWhole = [&](std::int64_t edge) {
+    return (edge & ((std::int64_t{1} << reduce) - 1)) == 0;
+  };
+  return isWhole(grid.XTsiz) && isWhole(grid.XTOsiz) &&
+         std::ranges::all_of(tiles, [&](const TileParts& tile) {
+           return tile.hasAllPackets && !tile.headers.empty() && HasPlace(tile.box, reduce);
+         });
+}
+
+std::vector<ByteRange> BytesOfPiece(std::span<const TileParts> tiles, unsigned reduce) {
   std::vector<ByteRange> ranges;
   const auto add = [&](std::uint64_t offset, std::uint64_t length) {
     if (!ranges.empty() && ranges.back().to == offset) {
@@ -159,43 +233,24 @@ std::vector<ByteRange> BytesOfPiece(const TileParts& tile, unsigned reduce) {
       ranges.push_back({offset, offset + length});
     }
   };
-  for (const TileParts::Header& header : tile.headers) {
-    for (const KelIndexSegment& segment : header.segments) add(segment.offset, segment.length);
-  }
-  for (const KelIndexPacket& packet : tile.packets) {
-    if (IsKept(packet, reduce)) add(packet.offset, packet.length);
+  for (const TileParts& tile : tiles) {
+    for (const TileParts::Header& header : tile.headers) {
+      for (const KelIndexSegment& segment : header.segments) add(segment.offset, segment.length);
+    }
+    for (const KelIndexPacket& packet : tile.packets) {
+      if (IsKept(packet, reduce)) add(packet.offset, packet.length);
+    }
   }
   return ranges;
 }
 
-Bytes BuildPiece(const DataFront& front, const TileParts& tile, unsigned reduce,
+Bytes BuildPiece(const DataFront& front, std::span<const TileParts> tiles, unsigned reduce,
                  RangeSource& source) {
-  Building out{front, tile, reduce, {}};
-  if (tile.headers.empty() ||
-      HalvedCoordinate(tile.box.x0, reduce) >= HalvedCoordinate(tile.box.x1, reduce) ||
-      HalvedCoordinate(tile.box.y0, reduce) >= HalvedCoordinate(tile.box.y1, reduce)) {
-    return {};
-  }
-  std::vector<KelIndexPacket> packets;
-  std::ranges::copy_if(tile.packets, std::back_inserter(packets),
-                       [&](const KelIndexPacket& packet) { return IsKept(packet, reduce); });
+  Building out{front, tiles, reduce, {}};
+  if (tiles[0].headers.empty() || !HasPlace(tiles[0].box, reduce)) return {};
   AppendBoxes(out);
   AppendMainHeader(out);
-  if (out.Reorders()) {
-    std::ranges::sort(packets, {}, [](const KelIndexPacket& p) {
-      return std::tuple(p.layer, p.resolution, p.component, p.precinct);
-    });
-    AppendPart(out, 0, tile.headers[0].segments, packets, source);
-  } else {
-    const std::span all(packets);
-    for (std::size_t i = 0, at = 0; i < tile.headers.size(); ++i) {
-      std::size_t end = at;
-      while (end < all.size() && all[end].part == tile.headers[i].part) ++end;
-      AppendPart(out, static_cast<KelULong>(i), tile.headers[i].segments, all.subspan(at, end - at),
-                 source);
-      at = end;
-    }
-  }
+  for (std::size_t i = 0; i < tiles.size(); ++i) AppendTile(out, i, source);
   out.Marker(format::kEOC);
   return std::move(out.data);
 }

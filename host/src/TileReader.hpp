@@ -1,9 +1,9 @@
 // A picture opened for reading tile by tile: the index over a cache of byte ranges, and tiles
 // decoded one by one and kept.
 //
-// A tile is decoded whole at the resolution asked for; a region is copied together from the tiles
-// that it touches. Fetching and decoding run side by side; only the index is asked by one thread at
-// a time.
+// A tile is decoded whole at the resolution asked for, small ones with their neighbours; a region
+// is copied together from the tiles that it touches. Fetching and decoding run side by side; only
+// the index is asked by one thread at a time.
 #ifndef KEL_HOST_TILE_READER_HPP
 #define KEL_HOST_TILE_READER_HPP
 
@@ -21,13 +21,14 @@
 
 namespace kel::host {
 
-/// A tile at one resolution.
+/// A tile at one resolution, or several beside each other.
 struct DecodedTile {
+  std::vector<std::uint32_t> tiles;
   std::vector<ComponentArea> areas;
   std::vector<Plane> planes;
   MemoryReservation room;
   std::uint64_t bytes = 0;
-  PartResult result;
+  PartResult result;  ///< of each of them
 };
 using TilePointer = std::shared_ptr<const DecodedTile>;
 
@@ -44,16 +45,18 @@ class TileCache {
     return entries_.front().image;
   }
 
-  void Keep(std::uint32_t tile, unsigned reduce, const TilePointer& image) {
+  void Keep(const TilePointer& image, unsigned reduce) {
     const std::lock_guard lock(mutex_);
     const std::uint64_t cost = CostOf(*image);
-    if (cost > mostBytes_ || places_.contains({tile, reduce})) return;
-    entries_.push_front({{tile, reduce}, image});
-    places_[entries_.front().name] = entries_.begin();
+    const auto isKept = [&](std::uint32_t tile) { return places_.contains({tile, reduce}); };
+    if (cost > mostBytes_ || std::ranges::any_of(image->tiles, isKept)) return;
+    entries_.push_front({reduce, image});
+    for (const std::uint32_t tile : image->tiles) places_[{tile, reduce}] = entries_.begin();
     bytes_ += cost;
     while (bytes_ > mostBytes_) {
-      bytes_ -= CostOf(*entries_.back().image);
-      places_.erase(entries_.back().name);
+      const Entry& last = entries_.back();
+      bytes_ -= CostOf(*last.image);
+      for (const std::uint32_t tile : last.image->tiles) places_.erase({tile, last.reduce});
       entries_.pop_back();
     }
   }
@@ -61,12 +64,13 @@ class TileCache {
  private:
   using Name = std::pair<std::uint32_t, unsigned>;  ///< tile, halvings
   struct Entry {
-    Name name;
+    unsigned reduce = 0;
     TilePointer image;
   };
   /// Of tiny tiles the records are larger than the samples.
   static std::uint64_t CostOf(const DecodedTile& tile) {
     return tile.bytes + sizeof(DecodedTile) + sizeof(Entry) +
+           tile.tiles.size() * (sizeof(Name) + 2 * sizeof(void*)) +
            tile.planes.size() * (sizeof(Plane) + sizeof(ComponentArea));
   }
   const std::uint64_t mostBytes_;
@@ -103,10 +107,18 @@ class TileReader {
   Image Decode(const Region& region, const DecodeParams& params, DecodeTally& tally);
 
  private:
-  TilePointer Tile(std::uint32_t tile, unsigned reduce);
-  TilePointer DecodeTile(const TileParts& parts, unsigned reduce);
+  /// Tiles beside each other that are fetched and decoded together.
+  using Group = std::vector<std::uint32_t>;
+  struct Placing;
 
-  const bool exact_;
+  std::vector<Group> GroupsOf(const std::vector<std::uint32_t>& tiles, unsigned reduce) const;
+  void PlaceGroup(const Group& tiles, const Placing& to);
+  void PlaceMissing(const Group& tiles, const Placing& to);
+  std::shared_ptr<DecodedTile> MakeTiles(std::span<const TileParts> parts, unsigned reduce);
+  TilePointer DecodeTiles(std::span<const TileParts> parts, unsigned reduce);
+  TilePointer DecodeDamaged(const TileParts& tile, unsigned reduce);
+
+  const bool exact_, isFar_;
   RangeCache bytes_;
   std::mutex indexMutex_;
   RangeIndex index_;

@@ -227,9 +227,9 @@ class KEL_API KelStreamIndex {
   /// exist.
   const KelIndexPackets* GetPackets(const KelIndexWant* want);
   /// Guarded (null). What a decoder reads of a tile to decode what is wanted: the headers of its
-  /// tile-parts, the packets wanted, and length fields of those passed over between, up to the last;
-  /// behind a packet that leads nowhere, all of the tile. They hold until the next call of this
-  /// operation or of GetPackets. Null also for a tile or component that does not exist.
+  /// tile-parts, the packets wanted, and length fields of those passed over between, up to the
+  /// last; behind a packet that leads nowhere, all of the tile. They hold until the next call of
+  /// this operation or of GetPackets. Null also for a tile or component that does not exist.
   const KelIndexRanges* GetRanges(const KelIndexWant* want);
 
   /// Guarded (null). Reads a tile as a decoder does, every bit of every band, keeping nothing of

@@ -1,4 +1,5 @@
 // What `Check` says of sound, damaged and trimmed files, and that nothing else was lost.
+#include <kel/KelIndex.h>
 #include <nlohmann/json.hpp>
 
 #include <random>
@@ -79,8 +80,10 @@ TEST(Check, OfTheVectors) {
     ExpectRepaired(test::Vector(name));
   }
   EXPECT_GT(numSound, 80);
-  EXPECT_EQ(damaged, (std::set<std::string>{"no_eoc", "psot_past_end", "psot_too_large_ff",
-                                            "psot_too_small", "psot_zero_last_no_eoc"}));
+  EXPECT_EQ(damaged,
+            (std::set<std::string>{"no_eoc", "psot_past_end", "psot_too_large_ff", "psot_too_small",
+                                   "psot_zero_last_no_eoc", "segments_unknown_and_repeated_ab"}))
+      << "and a list of lengths that is none";
 }
 
 /// Samples of tiles that a report does not name are those of the sound file, and so is the whole
@@ -89,10 +92,6 @@ void ExpectOnlyReportedLosses(const Bytes& sound, const Bytes& damaged, unsigned
   const CheckReport report = Checked(damaged);
   std::set<std::int64_t> tiles;
   std::int64_t lowest = levels + 1;
-  // Where a length is wrong a reader that leaves packets out gives up what stands behind.
-  const bool lengthsAreRight = std::ranges::all_of(report.flaws, [](const Flaw& flaw) {
-    return flaw.kind == FlawKind::kChecksum || flaw.kind == FlawKind::kBand;
-  });
   for (const Loss& loss : report.losses) {
     for (std::uint64_t i = 0; i < loss.tiles; ++i) tiles.insert(loss.tile + static_cast<int>(i));
     lowest = std::min(lowest, loss.resolution);
@@ -111,7 +110,7 @@ void ExpectOnlyReportedLosses(const Bytes& sound, const Bytes& damaged, unsigned
       }
     }
   }
-  if (!lengthsAreRight || lowest <= 0 || lowest > levels) return;
+  if (lowest <= 0 || lowest > levels) return;
   const auto reduce = static_cast<unsigned>(levels + 1 - lowest);
   test::ExpectSamePlanes(Decoded(damaged, reduce), Decoded(sound, reduce));
 }
@@ -173,6 +172,69 @@ TEST(Check, ChecksumsArePassedOverAndTrimmed) {
     EXPECT_TRUE(report.IsSound());
     EXPECT_EQ(report.checksums, report.packets);
     EXPECT_NE(report.packets, 0U);
+  }
+}
+
+/// A tile-part's or the main header's list of lengths, put in front of the marker at a place.
+void InsertList(Bytes& bytes, std::size_t at, std::uint8_t code, Bytes content) {
+  const std::size_t length = content.size() + 2;
+  const std::uint8_t head[] = {bytes[at], code, static_cast<std::uint8_t>(length >> 8),
+                               static_cast<std::uint8_t>(length)};
+  content.insert(content.begin(), std::begin(head), std::end(head));
+  bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), content.begin(), content.end());
+}
+
+// Readers that trust a list that is wrong lose what it misplaces.
+TEST(Check, ListsOfLengthsAreThoseOfWhatIsThere) {
+  const Session session;
+  const Bytes plain = test::Vector("parts_per_layer");
+  MemorySource forProbe(plain);
+  const Info info = Probe(forProbe);
+  const std::size_t front = info.codeStreamOffset + info.tileParts[0].offset;
+  Bytes table = {0, 0x50};  // tiles of one byte, lengths of four
+  for (const Info::TilePart& part : info.tileParts) {
+    table.push_back(static_cast<std::uint8_t>(part.tile));
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      table.push_back(static_cast<std::uint8_t>(part.length >> shift));
+    }
+  }
+  for (const bool isRight : {true, false}) {
+    Bytes listed = plain;
+    table.back() ^= isRight ? 0 : 1;
+    InsertList(listed, front, 0x55, table);
+    const CheckReport report = Checked(listed);
+    EXPECT_EQ(report.IsSound(), isRight);
+    for (const Flaw& flaw : report.flaws) EXPECT_EQ(flaw.kind, FlawKind::kLengthList);
+    for (const Flaw& flaw : report.flaws) EXPECT_EQ(flaw.offset, front);
+    ExpectRepaired(listed);
+    Bytes odd = plain;
+    InsertList(odd, front, 0x55, {0});
+    EXPECT_EQ(Checked(odd).numFlaws, 1U);
+  }
+
+  KelStreamIndex index;
+  const KelCompressedData block{plain.data(), static_cast<KelULong>(plain.size())};
+  ASSERT_EQ(index.InitIndex(nullptr, &block), KelOK);
+  const KelIndexWant all{0, -1, 0, 0};
+  const KelIndexPackets packets = *index.GetPackets(&all);
+  Bytes lengths = {0};
+  for (KelULong i = 0; i < packets.count && packets.packets[i].part == 0; ++i) {
+    for (int shift = 28; shift >= 0; shift -= 7) {
+      const KelULong rest = packets.packets[i].length >> shift;
+      if (rest != 0) lengths.push_back(static_cast<std::uint8_t>((rest & 127) | (shift ? 128 : 0)));
+    }
+  }
+  index.Die();
+  for (const bool isRight : {true, false}) {
+    Bytes listed = plain;
+    lengths.back() ^= isRight ? 0 : 1;
+    InsertList(listed, front + 12, 0x58, lengths);
+    listed[front + 9] = static_cast<std::uint8_t>(listed[front + 9] + lengths.size() + 4);
+    ASSERT_EQ(listed[front + 9] > plain[front + 9], true) << "the length has no carry";
+    const CheckReport report = Checked(listed);
+    EXPECT_EQ(report.numFlaws, isRight ? 0U : 1U);
+    for (const Flaw& flaw : report.flaws) EXPECT_EQ(flaw.kind, FlawKind::kLengthList);
+    ExpectRepaired(listed);
   }
 }
 

@@ -30,6 +30,8 @@ std::optional<Bytes> Trimmed(const Bytes& bytes, const TrimParams& params) {
     EXPECT_NE(error.Kind(), Failure::kMemory) << error.what();
     return std::nullopt;
   }
+  MemoryRanges out(sink.bytes);
+  EXPECT_TRUE(Check(out).IsSound());
   return sink.bytes;
 }
 

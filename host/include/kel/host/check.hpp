@@ -26,7 +26,8 @@ enum class FlawKind {
   kBand,            ///< a band does not end where its length says, or makes no sense
   kChecksum,        ///< the bytes of a packet are not those that were written
   kExcess,          ///< bytes that belong to no packet
-  kEnd              ///< the code stream does not end with its end marker
+  kEnd,             ///< the code stream does not end with its end marker
+  kLengthList       ///< a header's list of lengths is not that of what is there
 };
 /// A word for programs: "packet-length".
 std::string_view NameOf(FlawKind kind);

@@ -48,23 +48,31 @@ class Sink {
   virtual void Finish() {}
 };
 
+/// What it reads at places of its own in small pieces it takes from the system by the page, so that
+/// a walk from header to header costs few calls: the file should not change meanwhile.
 class FileSource : public Source {
  public:
   explicit FileSource(const std::string& path);  ///< throws Error (kInput)
   /// Reads an open file, which stays the caller's; name is for messages.
   FileSource(std::FILE* file, const std::string& name);
+  FileSource(FileSource&&) noexcept;
+  ~FileSource() override;
   std::size_t Read(std::span<std::uint8_t> to) override;
   std::optional<std::uint64_t> Size() const override { return size_; }
   std::size_t ReadAt(std::uint64_t offset, std::span<std::uint8_t> to) const override;
 
  private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> owned_;
-  void Measure();
+  struct Window;
 
+  void Measure();
+  std::size_t ReadFrom(std::uint64_t offset, std::span<std::uint8_t> to) const;
+
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> owned_;
   std::FILE* file_;
   std::string name_;
   std::uint64_t start_ = 0;  ///< where it stood when it was given
   std::optional<std::uint64_t> size_;
+  std::unique_ptr<Window> window_;  ///< null where ReadAt cannot be used
 };
 
 class MemorySource : public Source {
