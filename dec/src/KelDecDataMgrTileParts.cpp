@@ -120,8 +120,8 @@ Boundary KelDecDataMgr::LookForBoundary(std::int64_t position, bool willBeRead) 
 const std::uint8_t* KelDecDataMgr::FindSOT(const std::uint8_t* from) const {
   const std::int64_t numTiles = std::int64_t{tilesAcross_} * tilesDown_;
   while (windowEnd_ - from >= std::int64_t{format::kLeastTilePartBytes}) {
-    const auto places =
-        static_cast<std::size_t>(windowEnd_ - from - format::kLeastTilePartBytes + 1);
+    const std::size_t places =
+        static_cast<std::size_t>(windowEnd_ - from) - format::kLeastTilePartBytes + 1;
     const void* found = std::memchr(from, static_cast<int>(MarkerByte()), places);
     if (found == nullptr) return nullptr;
     const auto* p = static_cast<const std::uint8_t*>(found);
