@@ -32,6 +32,7 @@ using host::Error;
 using host::Failure;
 using host::Image;
 
+/// Of JPEG files that are written: hardly to be told from the samples given.
 constexpr int kQuality = 95;
 constexpr int kMetadataMarker = JPEG_APP0 + 1, kProfileMarker = JPEG_APP0 + 2,
               kBlocksMarker = JPEG_APP0 + 13;

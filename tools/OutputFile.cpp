@@ -29,6 +29,7 @@ struct Slot {
   std::atomic<int> state{kFree};
   char name[PATH_MAX] = {};
 };
+/// Outputs that are open at a time, whose names the handler of signals finds without a lock.
 constexpr int kSlots = 1024;
 std::array<Slot, kSlots> slots;
 

@@ -255,7 +255,7 @@ void Mender::Store(const Chain& chain) {
 /// The chain from the band's beginning on; with another header where its own makes no sense.
 Chain Mender::FindHeader() {
   constexpr std::uint64_t kHeaderBits = 16;
-  constexpr int kMostFieldBits = 5;
+  constexpr int kMostFieldBits = 5;  // which hold the largest count of planes, 31
   Chain best{.from = kHeaderBits, .to = kHeaderBits};
   if (bytes_.size() < 2) return best;
   range_ = {static_cast<std::int8_t>(bytes_[0]), static_cast<std::int8_t>(bytes_[1])};

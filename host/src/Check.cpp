@@ -13,6 +13,7 @@
 namespace kel::host {
 namespace {
 
+/// All packets are read, one after the other: few large pieces, and room for tile-parts in turns.
 constexpr std::uint64_t kCacheBytes = std::uint64_t{4} << 20, kBlockBytes = std::uint64_t{1} << 16;
 /// Packets of all tiles that are listed as lost, at most: they cost time although no byte stands
 /// for them.

@@ -151,7 +151,7 @@ class SizeTarget {
       share_ = static_cast<double>(strips_.height) / image_.height;
       const EncodeParams its = Lossless(ParamsForStrips(params_, strips_));
       const auto bytes = static_cast<double>(Code(strips_, its, its.quality).TileBytes());
-      constexpr double kNoHope = 1.3;
+      constexpr double kNoHope = 1.3;  // as far as strips may be off
       if (bytes / share_ > kNoHope * static_cast<double>(params_.sizeLimit)) return false;
     }
     return Fits(Lossless(params_), 0);

@@ -120,6 +120,7 @@ const KelIndexPackets* Index::Packets(const KelIndexWant& want) {
 }
 
 bool Index::HasPackets() {
+  // Bodies of more bytes than this are taken for packets without a look.
   constexpr std::uint64_t kSamplesPerByte = 1 << 14;
   constexpr KelULong kLowestOnly = format::kMostLevels;
   const KelIndexTileParts& found = TileParts();

@@ -115,6 +115,7 @@ Info Describe(Decoder& decoder, AnyIndex& index, std::uint64_t numBytes) {
 
 /// By the index of a file of which headers are read, and no more.
 Info ProbeRanges(RangeSource& source) {
+  // Headers are short and far from each other.
   constexpr std::uint64_t kCacheBytes = 1 << 20, kBlockBytes = 512;
   RangeCache cache(source, kCacheBytes, kBlockBytes);
   RangeIndex index(cache);

@@ -8,6 +8,7 @@
 namespace kel::host {
 namespace {
 
+/// Ends of a search that does not converge; two or three of each are usual.
 constexpr int kMostMeasurements = 10, kMostEstimates = 3;
 /// Fractional qualities are multiples of one by this.
 constexpr double kFractionalSteps = 1024;

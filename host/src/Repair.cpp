@@ -12,6 +12,7 @@
 namespace kel::host {
 namespace {
 
+/// As for checking: all packets are read, one after the other.
 constexpr std::uint64_t kCacheBytes = std::uint64_t{4} << 20, kBlockBytes = std::uint64_t{1} << 16;
 /// Lost packets for each byte of the file, and in any case, that are written as empty ones.
 constexpr std::uint64_t kLostOfByte = 4, kLostAlways = std::uint64_t{1} << 16;

@@ -9,6 +9,7 @@
 namespace kel::host {
 namespace {
 
+/// Rows that are made at once stay in the cache of the second level.
 constexpr std::size_t kStripBytes = 256 * 1024;
 
 }  // namespace

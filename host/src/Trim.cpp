@@ -15,6 +15,7 @@
 namespace kel::host {
 namespace {
 
+/// Copied at once: large beside the cost of a call, small beside the memory that trimming takes.
 constexpr std::size_t kCopyBytes = std::size_t{1} << 20;
 /// Bytes between what is copied that are fetched along.
 constexpr std::uint64_t kJoinedGap = 4096;

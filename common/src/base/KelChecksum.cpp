@@ -8,6 +8,7 @@
 namespace kel {
 namespace {
 
+/// Of CRC-32 as in Ethernet and PNG, lowest bit first.
 constexpr std::uint32_t kReversedPolynomial = 0xEDB88320;
 constexpr std::size_t kStep = 8;
 

@@ -86,6 +86,7 @@ inline V HighPassCore97(const V (&x)[7]) {
          0.0741941825 * (x[0] + x[6]);
 }
 
+/// K, the scaling of the 9/7 filter's lifting form.
 inline constexpr double kHighPassGain97 = 1.230174105;
 
 /// L(n) from x = X(2n - 2) to X(2n + 2) and, in core, H'(n - 1) and H'(n): (1 + 2 a b) / K, b / K,
