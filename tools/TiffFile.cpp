@@ -52,7 +52,7 @@ tmsize_t OnRead(thandle_t handle, void* to, tmsize_t count) {
     return static_cast<tmsize_t>(taken);
   } catch (...) {
     file.thrown = std::current_exception();
-    return -1;
+    return 0;  // the library takes a number below it for bytes that came, and clears before them
   }
 }
 
