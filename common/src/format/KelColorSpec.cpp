@@ -1,6 +1,6 @@
-// The two CIE colour spaces' default parameters, and which colour descriptions the library's
-// own colour spaces cover. Exported C functions; they obtain no memory and cannot fail otherwise
-// than by their stated codes.
+// Default parameters of CIELab and CIEJab, and whether a colour description is one of those that
+// the library's own colour spaces cover. Exported C functions, which obtain no memory and raise
+// nothing: what cannot be filled in is refused with code 15, what is asked of nothing is 0.
 #include <algorithm>
 #include <array>
 
@@ -11,7 +11,7 @@ namespace {
 
 namespace format = kel::format;
 
-constexpr KelULong kIlluminantD50 = 0x443530;  // the characters D, 5, 0
+constexpr KelULong kIlluminantD50 = 0x443530;  // "D50" in ASCII
 
 /// 2^n; 0 beyond 32 bits.
 KelULong PowerOfTwo(KelULong n) {
