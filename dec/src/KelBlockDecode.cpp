@@ -9,14 +9,23 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <type_traits>
 
 #include "format/KelBlockGrid.h"
+#include "kernels/KelBlocksOrder.h"
 #include "kernels/KelBlocksRead.h"
 #include "kernels/KelColumnPatternCode.h"
 #include "kernels/KelKernels.h"
 
 namespace kel {
+
+/// A block of 1 to 8 coefficients each way, in rows of eight places.
+struct DecodedBlock {
+  int width, height;
+  std::uint32_t cells[kBlockSide * kBlockSide];  ///< magnitudes, then two's complements
+};
+
 namespace {
 
 // ---- Sources of bits ----
@@ -32,14 +41,55 @@ struct WindowBits {
     position += n;
     return static_cast<std::uint32_t>(bits);
   }
-  unsigned TakePattern() {
-    const unsigned pattern = kColumnPatternsByBits.pattern[LoadBits(window, position) >> 58];
-    position += kColumnPatternCode[pattern].length;
-    return pattern;
+  /// A group of four columns of four rows, in the order of the code.
+  std::uint32_t TakeGroup() {
+    const std::uint64_t bits = LoadBits(window, position);
+    const std::uint32_t group = kGroupsByBits.group[bits >> 58];
+    position += group & 63;
+    return SpreadColumns(bits >> (64 - (group & 63)), group);
+  }
+  /// Up to eight columns that belong to no group, of 1 to 4 rows: a flag each, then, when it is
+  /// set, their bits. In the order of the code, four places for each.
+  std::uint32_t TakeColumns(int count, unsigned rows) {
+    std::uint64_t bits = LoadBits(window, position);
+    std::uint32_t columns = 0;
+    for (int i = 0; i < count; ++i) {
+      const std::uint64_t mask = 0 - (bits >> 63);
+      const auto column = static_cast<std::uint32_t>(bits << 1 >> (64 - rows) & mask);
+      const auto taken = 1 + static_cast<unsigned>(rows & mask);
+      columns = columns << 4 | column << (4 - rows);
+      bits <<= taken;
+      position += taken;
+    }
+    return columns;
+  }
+  /// Adds the low bits of up to eight magnitudes.
+  void AddLow(unsigned lowBits, int count, std::uint32_t* magnitudes) {
+    std::uint64_t bits = 0;
+    unsigned numValid = 0;
+    for (int i = 0; i < count; ++i, numValid -= lowBits, position += lowBits) {
+      if (numValid < lowBits) {
+        bits = LoadBits(window, position);
+        numValid = 57;
+      }
+      magnitudes[i] |= static_cast<std::uint32_t>(bits >> (64 - lowBits));
+      bits <<= lowBits;
+    }
+  }
+  /// Gives up to eight magnitudes their signs.
+  void AddSigns(int count, std::uint32_t* magnitudes) {
+    std::uint64_t bits = LoadBits(window, position);
+    for (int i = 0; i < count; ++i) {
+      const auto mask = 0 - static_cast<std::uint32_t>(bits >> 63);
+      const unsigned taken = magnitudes[i] != 0;
+      magnitudes[i] = (magnitudes[i] ^ mask) - mask;  // of 0 it is 0
+      bits <<= taken;
+      position += taken;
+    }
   }
 };
 
-/// Bits through the reader.
+/// The same through the reader.
 struct ReaderBits {
   KelDecDataMgr& reader;
 
@@ -53,115 +103,92 @@ struct ReaderBits {
       if (kColumnPatternCode[pattern].length == length) return pattern;
     }
   }
+  std::uint32_t TakeGroup() {
+    std::uint32_t group = 0;
+    const unsigned pattern = TakePattern();
+    for (int j = 3; j >= 0; --j) group = group << 4 | ((pattern >> j & 1) != 0 ? Take(4) : 0);
+    return group;
+  }
+  std::uint32_t TakeColumns(int count, unsigned rows) {
+    std::uint32_t columns = 0;
+    for (int i = 0; i < count; ++i) {
+      columns = columns << 4 | (Take(1) != 0 ? Take(rows) << (4 - rows) : 0);
+    }
+    return columns;
+  }
+  void AddLow(unsigned lowBits, int count, std::uint32_t* magnitudes) {
+    for (int i = 0; i < count; ++i) magnitudes[i] |= Take(lowBits);
+  }
+  void AddSigns(int count, std::uint32_t* magnitudes) {
+    for (int i = 0; i < count; ++i) {
+      if (magnitudes[i] != 0 && Take(1) != 0) magnitudes[i] = 0 - magnitudes[i];
+    }
+  }
 };
 
 // ---- One block ----
 
-/// A block: its size, 1 to 8 each way, and where it goes.
-struct Block {
-  int width, height;
-  std::int32_t* cells;
-  std::ptrdiff_t strideCells;
-};
-
-/// Four bits of a column, the first one in row y, at their places in a plane in raster order, whose
-/// rows have eight places.
-std::uint64_t ColumnAt(std::uint32_t word, int x, int y) {
-  const std::uint64_t spread = word * 0x00204081U & 0x01010101U;  // the first bit is bit 24
-  return spread << (39 - 8 * y - x);
-}
-
+/// Reads up to four rows of a plane: where there are four, groups of four columns, and then the
+/// columns left over at the right; else in columns. In the order of the code.
 template <class Bits>
-std::uint64_t ReadGroup(Bits& bits, int x, int y) {
-  std::uint64_t plane = 0;
-  const unsigned pattern = bits.TakePattern();
-  for (int j = 0; j < 4; ++j) {
-    if ((pattern >> (3 - j) & 1) != 0) plane |= ColumnAt(bits.Take(4), x + j, y);
-  }
-  return plane;
+std::uint64_t ReadStrip(Bits& bits, int width, int rows) {
+  std::uint64_t strip = 0;
+  int left = width;
+  for (; rows == 4 && left >= 4; left -= 4) strip = strip << 16 | bits.TakeGroup();
+  strip = strip << 4 * left | bits.TakeColumns(left, static_cast<unsigned>(rows));
+  return strip << 4 * (kBlockSide - width);
 }
 
-/// Columns that belong to no group have a flag each, then, when it is set, their bits.
-template <class Bits>
-std::uint64_t ReadColumns(Bits& bits, int xBegin, int xEnd, int y, int rows) {
-  std::uint64_t plane = 0;
-  const auto count = static_cast<unsigned>(rows);
-  for (int x = xBegin; x < xEnd; ++x) {
-    if (bits.Take(1) != 0) plane |= ColumnAt(bits.Take(count) << (4 - count), x, y);
-  }
-  return plane;
-}
-
-/// Reads one of the top planes: strips of four rows, each as groups of four columns and then the
-/// columns left over at the right; and at last the rows left over at the bottom, in columns.
+/// Reads one of the top planes, in raster order.
 template <class Bits>
 std::uint64_t ReadPlane(Bits& bits, int width, int height) {
-  std::uint64_t plane = 0;
-  const int groupsEnd = width & ~3;
-  int y = 0;
-  for (; y + 4 <= height; y += 4) {
-    for (int x = 0; x < groupsEnd; x += 4) plane |= ReadGroup(bits, x, y);
-    plane |= ReadColumns(bits, groupsEnd, width, y, 4);
-  }
-  return y < height ? plane | ReadColumns(bits, 0, width, y, height - y) : plane;
+  const std::uint64_t upper = ReadStrip(bits, width, std::min(height, 4)) << 32;
+  return RasterFromCodeOrder(height > 4 ? upper | ReadStrip(bits, width, height - 4) : upper);
 }
 
-/// A block's planes as they are read, then its coefficients in raster order.
-template <class Bits>
-struct Coefficients {
-  Bits& bits;
-  std::uint64_t upper, lower;
-  unsigned planes;
-
-  /// Place (x, y)'s magnitude without its low bits.
-  std::uint32_t TopAt(int x, int y) const {
-    const int place = 63 - 8 * y - x;
-    const auto first = static_cast<std::uint32_t>(upper >> place & 1) << (planes - 1);
-    return first | (static_cast<std::uint32_t>(lower >> place & 1) << (planes - 1)) >> 1;
-  }
-  std::uint32_t TakeLow() { return planes > 2 ? bits.Take(planes - 2) : 0; }
-  std::int32_t TakeSigned(std::uint32_t magnitude) {
-    if (magnitude == 0) return 0;
-    return static_cast<std::int32_t>(bits.Take(1) != 0 ? 0 - magnitude : magnitude);
-  }
-};
-
-void StoreZeros(const Block& block) {
-  for (int y = 0; y < block.height; ++y) {
-    std::fill_n(block.cells + y * block.strideCells, block.width, 0);
-  }
+void SetZeros(DecodedBlock& block) {
+  std::fill_n(block.cells, std::size(block.cells), 0);
 }
 
 /// Decodes what follows a block's plane count.
 template <class Bits>
-void DecodeCodeBlock(Bits& bits, unsigned planes, SignLayout layout, const Block& block) {
-  if (planes == 0) return StoreZeros(block);
+void DecodeCodeBlock(Bits& bits, unsigned planes, SignLayout layout, DecodedBlock& block) {
+  if (planes == 0) return SetZeros(block);
   const std::uint64_t upper = ReadPlane(bits, block.width, block.height);
   const std::uint64_t lower = planes > 1 ? ReadPlane(bits, block.width, block.height) : 0;
-  Coefficients<Bits> coefficients{bits, upper, lower, planes};
-  std::uint32_t magnitudes[kBlockSide * kBlockSide];
-  std::uint32_t* magnitude = magnitudes;
-  for (int y = 0; y < block.height; ++y) {
-    std::int32_t* const row = block.cells + y * block.strideCells;
-    for (int x = 0; x < block.width; ++x, ++magnitude) {
-      *magnitude = coefficients.TopAt(x, y) | coefficients.TakeLow();
-      if (layout == SignLayout::kInterleavedSigns) row[x] = coefficients.TakeSigned(*magnitude);
+  const unsigned lowBits = planes > 2 ? planes - 2 : 0;
+  std::uint32_t* row = block.cells;
+  for (int y = 0; y < block.height; ++y, row += kBlockSide) {
+    SpreadTopPlanes(upper, lower, y, planes, row);
+    if (layout == SignLayout::kSeparateSigns) {
+      if (lowBits != 0) bits.AddLow(lowBits, block.width, row);
+      continue;
+    }
+    for (int x = 0; x < block.width; ++x) {
+      if (lowBits != 0) bits.AddLow(lowBits, 1, row + x);
+      bits.AddSigns(1, row + x);
     }
   }
   if (layout == SignLayout::kInterleavedSigns) return;
-  magnitude = magnitudes;
-  for (int y = 0; y < block.height; ++y) {
-    std::int32_t* const row = block.cells + y * block.strideCells;
-    for (int x = 0; x < block.width; ++x) row[x] = coefficients.TakeSigned(*magnitude++);
-  }
+  row = block.cells;
+  for (int y = 0; y < block.height; ++y, row += kBlockSide) bits.AddSigns(block.width, row);
 }
 
-/// A coefficient as a cell holds it.
-std::int16_t ToCell(std::int32_t coefficient, float, std::int16_t) {
-  return static_cast<std::int16_t>(coefficient);
-}
-float ToCell(std::int32_t coefficient, float step, float) {
-  return static_cast<float>(coefficient) * step;
+/// Stores a block's coefficients as cells hold them.
+template <class Cell>
+void StoreBlock(const DecodedBlock& block, [[maybe_unused]] float step, Cell* cells,
+                std::ptrdiff_t strideCells) {
+  const std::uint32_t* row = block.cells;
+  for (int y = 0; y < block.height; ++y, row += kBlockSide, cells += strideCells) {
+    for (int x = 0; x < block.width; ++x) {
+      const auto coefficient = static_cast<std::int32_t>(row[x]);
+      if constexpr (std::is_same_v<Cell, float>) {
+        cells[x] = static_cast<float>(coefficient) * step;
+      } else {
+        cells[x] = static_cast<Cell>(coefficient);
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -246,29 +273,26 @@ std::int64_t BandDecoder::DecodeRun(KelDecDataMgr& reader, Cell* cells, std::ptr
 }
 
 template <class Bits>
-BandEnd BandDecoder::DecodeFrom(Bits& bits, int width, int height, std::int32_t* cells,
-                                std::ptrdiff_t strideCells) {
+BandEnd BandDecoder::DecodeFrom(Bits& bits, DecodedBlock& block) {
   const std::uint64_t planes = std::uint64_t{bits.Take(source_.fieldBits)} + source_.minPlanes;
   if (planes > source_.mostPlanes) return BandEnd::kOutOfRange;
   source_.planesSeen |= static_cast<unsigned>(planes);
-  DecodeCodeBlock(bits, static_cast<unsigned>(planes), part_.layout,
-                  {width, height, cells, strideCells});
+  DecodeCodeBlock(bits, static_cast<unsigned>(planes), part_.layout, block);
   return BandEnd::kWhole;
 }
 
-BandEnd BandDecoder::DecodeOne(KelDecDataMgr& reader, int width, int height, std::int32_t* cells,
-                               std::ptrdiff_t strideCells) {
+BandEnd BandDecoder::DecodeOne(KelDecDataMgr& reader, DecodedBlock& block) {
   if (OpenWindow(reader)) {
     WindowBits bits{source_.window, source_.bitPosition};
-    const BandEnd end = DecodeFrom(bits, width, height, cells, strideCells);
+    const BandEnd end = DecodeFrom(bits, block);
     source_.bitPosition = bits.position;
     return end;
   }
   if (8 * reader.GetPosition() - reader.UnreadBits() > 8 * part_.end) return BandEnd::kPastEnd;
   ReaderBits bits{reader};
-  const BandEnd end = DecodeFrom(bits, width, height, cells, strideCells);
+  const BandEnd end = DecodeFrom(bits, block);
   if (!reader.ReadPastEnd()) return end;
-  StoreZeros({width, height, cells, strideCells});
+  SetZeros(block);
   return BandEnd::kCutOff;
 }
 
@@ -277,6 +301,7 @@ std::int32_t BandDecoder::DecodeRow(KelDecDataMgr& reader, Cell* cells,
                                     std::ptrdiff_t strideCells) {
   const auto rowEnd = static_cast<std::int32_t>(BlockEnd(nextRow_, part_.y1, part_.heightExponent));
   const int height = rowEnd - nextRow_;
+  DecodedBlock block;
   nextRow_ = rowEnd;
   for (std::int64_t x = part_.x0; x < part_.x1 && end_ == BandEnd::kWhole;) {
     Cell* const to = cells + (x - part_.x0);
@@ -286,16 +311,11 @@ std::int32_t BandDecoder::DecodeRow(KelDecDataMgr& reader, Cell* cells,
       x += done * kBlockSide;
       if (done != 0) continue;
     }
-    if constexpr (std::is_same_v<Cell, std::int32_t>) {
-      end_ = DecodeOne(reader, width, height, to, strideCells);
-    } else {
-      std::int32_t block[kBlockSide * kBlockSide];
-      end_ = DecodeOne(reader, width, height, block, kBlockSide);
-      for (int y = 0; y < height && end_ == BandEnd::kWhole; ++y) {
-        for (int i = 0; i < width; ++i) {
-          to[y * strideCells + i] = ToCell(block[y * kBlockSide + i], source_.step, Cell{});
-        }
-      }
+    block.width = width;
+    block.height = height;
+    end_ = DecodeOne(reader, block);
+    if (end_ == BandEnd::kWhole || end_ == BandEnd::kCutOff) {
+      StoreBlock(block, source_.step, to, strideCells);
     }
     x += width;
   }

@@ -49,6 +49,8 @@ struct BandOutcome {
   bool anyNonZero;  ///< whether a coefficient that is not zero was stored
 };
 
+struct DecodedBlock;
+
 /// Decodes a band one row of blocks at a time. The reader stands on the band's first byte at first
 /// and belongs to the decoding until it ends, which IsOver tells.
 class BandDecoder {
@@ -74,10 +76,8 @@ class BandDecoder {
   std::int64_t DecodeRun(KelDecDataMgr& reader, Cell* cells, std::ptrdiff_t strideCells,
                          std::int64_t count);
   template <class Bits>
-  BandEnd DecodeFrom(Bits& bits, int width, int height, std::int32_t* cells,
-                     std::ptrdiff_t strideCells);
-  BandEnd DecodeOne(KelDecDataMgr& reader, int width, int height, std::int32_t* cells,
-                    std::ptrdiff_t strideCells);
+  BandEnd DecodeFrom(Bits& bits, DecodedBlock& block);
+  BandEnd DecodeOne(KelDecDataMgr& reader, DecodedBlock& block);
 
   BandPart part_;
   BandEnd end_;

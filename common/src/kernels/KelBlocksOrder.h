@@ -33,6 +33,25 @@ constexpr std::uint64_t SwapBits(std::uint64_t word, int distance, std::uint64_t
   return SwapBits(plane, 3, 0x0A0A0A0A0A0A0A0A);
 }
 
+/// The bit of each column in a row of a plane.
+constexpr std::uint32_t kColumnBits[8] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01};
+
+/// One row of a plane in raster order.
+constexpr std::uint32_t RowOfPlane(std::uint64_t plane, int y) {
+  return static_cast<std::uint32_t>(plane >> (56 - 8 * y)) & 0xFF;
+}
+
+/// A row of the top planes of a block, in raster order, as magnitudes without their low bits.
+[[maybe_unused]] KEL_INLINE void SpreadTopPlanes(std::uint64_t upper, std::uint64_t lower, int y,
+                                                 unsigned planes, std::uint32_t* magnitudes) {
+  const std::uint32_t upperValue = std::uint32_t{1} << (planes - 1);
+  const std::uint32_t upperRow = RowOfPlane(upper, y), lowerRow = RowOfPlane(lower, y);
+  for (int x = 0; x < 8; ++x) {
+    magnitudes[x] = ((upperRow & kColumnBits[x]) != 0 ? upperValue : 0) |
+                    ((lowerRow & kColumnBits[x]) != 0 ? upperValue >> 1 : 0);
+  }
+}
+
 /// The last bit first.
 [[maybe_unused]] KEL_INLINE std::uint64_t ReverseBits(std::uint64_t word) {
   word = SwapBits(word, 1, 0x5555555555555555);

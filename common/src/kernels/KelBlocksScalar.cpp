@@ -11,14 +11,6 @@
 namespace kel {
 namespace {
 
-/// The bit of each column in a row of a plane.
-constexpr std::uint32_t kColumnBits[8] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01};
-
-/// One row of a plane in raster order.
-std::uint32_t RowOfPlane(std::uint64_t plane, int y) {
-  return static_cast<std::uint32_t>(plane >> (56 - 8 * y)) & 0xFF;
-}
-
 // For four places and four bits, with the places first in the index: the first of the bits, at the
 // places. And the number of places.
 struct ScatteredFours {
@@ -68,16 +60,8 @@ void ReadTopPlanes(const std::uint8_t* window, std::uint64_t bits, std::uint64_t
   GroupWalk walk{window, position, bits};
   const std::uint64_t upper = RasterFromCodeOrder(walk.ReadPlane());
   const std::uint64_t lower = planes > 1 ? RasterFromCodeOrder(walk.ReadPlane()) : 0;
-  const std::uint32_t upperValue = std::uint32_t{1} << (planes - 1);
   position = walk.position;
-  for (int y = 0; y < 8; ++y) {
-    const std::uint32_t upperRow = RowOfPlane(upper, y);
-    const std::uint32_t lowerRow = RowOfPlane(lower, y);
-    for (int x = 0; x < 8; ++x) {
-      magnitudes[8 * y + x] = ((upperRow & kColumnBits[x]) != 0 ? upperValue : 0) |
-                              ((lowerRow & kColumnBits[x]) != 0 ? upperValue >> 1 : 0);
-    }
-  }
+  for (int y = 0; y < 8; ++y) SpreadTopPlanes(upper, lower, y, planes, magnitudes + 8 * y);
 }
 
 /// Adds the low bits of a block's magnitudes, as many coefficients from one load as it holds.
