@@ -223,13 +223,28 @@ TEST_F(DecoderDamage, DamagesAreTold) {
   data[nine.starts[16]] ^= 1;  // SOT of tile 5's tile-part 1
   Decoder d(data);
   for (int frame = 0; frame < 2; ++frame) EXPECT_EQ(d.Frame(data.size()), KelOK);
-  std::string told;
-  for (KelLong n = 0; d.image.GetDamage(n, &damage) == KelOK; ++n) {
-    told += std::to_string(damage.kind) + ":" + std::to_string(damage.tile) + "." +
-            std::to_string(damage.tilePart) + " ";
-    EXPECT_TRUE(damage.offset >= nine.starts[4] && damage.offset < data.size());
+  const auto toldBy = [&](const Decoder& decoder) {
+    std::string told;
+    for (KelLong n = 0; decoder.image.GetDamage(n, &damage) == KelOK; ++n) {
+      told += std::to_string(damage.kind) + ":" + std::to_string(damage.tile) + "." +
+              std::to_string(damage.tilePart) + " ";
+      EXPECT_TRUE(damage.offset >= nine.starts[4] && damage.offset < data.size());
+    }
+    return told;
+  };
+  EXPECT_EQ(toldBy(d), "2:1.1 4:1.1 7:1.2 1:-1.-1 ");
+
+  // A frame that runs out of memory loses none of them.
+  bool wasRefused = true;
+  for (std::size_t n = 1; wasRefused && !HasFailure(); ++n) {
+    Decoder refused(data);
+    memory.RefuseRequest(n);
+    refused.Frame(data.size());
+    wasRefused = memory.HasRefused();
+    memory.RefuseRequest(0);
+    refused.Frame(data.size());
+    EXPECT_EQ(toldBy(refused), toldBy(d)) << "request " << n;
   }
-  EXPECT_EQ(told, "2:1.1 4:1.1 7:1.2 1:-1.-1 ");
 }
 
 // Noise from a damaged bit to the end of its band; and in a file that repeats its data, anything

@@ -35,17 +35,22 @@ void ReleaseDecTileComp(TileCompRecord& record) noexcept {
 
 }  // namespace
 
-void InitDecTiles(ImageMap& map) {
-  map.dec->tiles = OwnedArray<DecTile>::Make(AsCount(map.numTiles)).Release();
-  for (std::int32_t t = 0; t < map.numTiles; ++t) {
-    map.tiles[t].dec = &map.dec->tiles[t];
-    map.dec->tiles[t].params = SharedParams(map.dec->mainParams);
+DecTile& EnsureDecTile(ImageMap& map, TileRecord& tile) {
+  if (tile.dec == nullptr) {
+    tile.dec = static_cast<DecTile*>(AllocFromMemPool(map.recordPool, sizeof(DecTile)));
+    tile.dec->params = SharedParams(map.dec->mainParams);
   }
+  return *tile.dec;
+}
+
+const TileProgress& ProgressOf(const TileRecord& tile) {
+  static constexpr TileProgress kNotBegun{};
+  return tile.dec != nullptr ? tile.dec->progress : kNotBegun;
 }
 
 void EnsureDecTileComps(ImageMap& map, TileRecord& tile) {
   EnsureTileComps(map, tile);
-  if (tile.dec == nullptr || tile.dec->compsAreReady) return;
+  if (map.dec == nullptr || EnsureDecTile(map, tile).compsAreReady) return;
   if (tile.comps[0].dec == nullptr) {
     auto* parts = static_cast<DecTileComp*>(AllocFromMemPool(
         map.recordPool, SaturatingMul(AsCount(map.numComps), sizeof(DecTileComp))));
@@ -79,6 +84,7 @@ void ReleaseTileWork(const ImageMap& map, TileRecord& tile) noexcept {
 }
 
 void RestartTile(ImageMap& map, TileRecord& tile) noexcept {
+  if (tile.dec == nullptr) return;
   ReleaseTileWork(map, tile);
   ReleaseParamSet(tile.dec->params);
   tile.dec->params = SharedParams(map.dec->mainParams);
@@ -106,18 +112,17 @@ void ApplyTileParams(ImageMap& map, TileRecord& tile, const KelHeaderParams& hea
 
 void ReleaseDecMap(ImageMap& map) noexcept {
   if (map.dec == nullptr) return;
-  for (std::int32_t t = 0; map.dec->tiles != nullptr && t < map.numTiles; ++t) {
-    DecTile& tile = map.dec->tiles[t];
-    ReleasePacketWalk(tile.walk);
-    ReleaseStash(tile.early);
-    TileCompRecord* const comps = map.tiles[t].comps;
-    for (std::int32_t c = 0; comps != nullptr && c < map.numComps; ++c) {
-      ReleaseDecTileComp(comps[c]);
+  for (std::int32_t t = 0; map.tiles != nullptr && t < map.numTiles; ++t) {
+    TileRecord& tile = map.tiles[t];
+    for (std::int32_t c = 0; tile.comps != nullptr && c < map.numComps; ++c) {
+      ReleaseDecTileComp(tile.comps[c]);
     }
-    ReleaseParamSet(tile.params);
-    map.tiles[t].dec = nullptr;
+    if (tile.dec == nullptr) continue;
+    ReleasePacketWalk(tile.dec->walk);
+    ReleaseStash(tile.dec->early);
+    ReleaseParamSet(tile.dec->params);
+    tile.dec = nullptr;
   }
-  KelFree(map.dec->tiles);
   KelFree(map.dec->reductions);
   ReleaseParamSet(map.dec->mainParams);
   KelFree(map.dec);

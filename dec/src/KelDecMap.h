@@ -81,7 +81,7 @@ struct TileProgress {
   bool mustNotTake;  ///< a packet was met that has to be decoded as it is read
 };
 
-/// The decoder's part of a tile.
+/// The decoder's part of a tile: made when something of the tile is there, or is asked for.
 struct DecTile {
   bool compsAreReady;  ///< the components' parts hold the parameters in force
   ParamSet params;
@@ -92,7 +92,6 @@ struct DecTile {
 
 /// The decoder's part of the map.
 struct DecMap {
-  DecTile* tiles;  ///< owned; one per tile
   KelHeaderParams* mainHeader;
   ParamSet mainParams;
   const std::uint8_t* fileDepths;  ///< depth minus one per component from the file, or null
@@ -101,9 +100,11 @@ struct DecMap {
   Box region;                      ///< it, on the canvas
 };
 
-/// Gives a map whose tiles have been made the decoder's part of each: map.dec is the caller's,
-/// with header and parameters set. Raises 8.
-void InitDecTiles(ImageMap& map);
+/// The decoder's part of a tile, made from the map's pool unless it exists. Raises 8.
+DecTile& EnsureDecTile(ImageMap& map, TileRecord& tile);
+
+/// Where the decoding of a tile stands, be its record there or not.
+const TileProgress& ProgressOf(const TileRecord& tile);
 
 /// Makes the records of a tile's components, unless they exist. Raises 8; a further call then
 /// goes on where this one stopped. An encoder's map gets the shared records alone.

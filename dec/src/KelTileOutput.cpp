@@ -502,6 +502,7 @@ void DeliverBareTile(const DeliveryContext& context, const TileRecord& tile) {
 }  // namespace
 
 bool DeliverTile(const DeliveryContext& context, TileRecord& tile, OutputScratch& scratch) {
+  if (tile.dec == nullptr) return true;
   TileProgress& progress = tile.dec->progress;
   if (progress.isChanged && tile.dec->walk == nullptr) {
     DeliverBareTile(context, tile);

@@ -242,7 +242,6 @@ KelLong PrepareMap(ImageState& state, KelDecodePixelAspectRatio aspect) {
     }
   }
   InitTileRecords(map);
-  InitDecTiles(map);
   d.dataMgr->SetTileGrid(geometry.NumXTiles, geometry.NumYTiles);
   d.dataMgr->SetDamageLog(&d.damages);
   d.furthest = d.dataMgr->PositionB();

@@ -114,16 +114,19 @@ DeliveryContext DescribeDelivery(ImageState& state) {
 
 /// Reads a tile's packets without decoding them, and decodes them while it delivers the tile, so
 /// that no plane of coefficients is made. False, and the tile and the reading are as before, when
-/// that cannot be: the tile has begun, does not arrive whole, or is irregular.
+/// that cannot be: nothing of the tile is there, it has begun, does not arrive whole, or is
+/// irregular.
 bool TakeTile(TilePass& pass, const DeliveryContext& delivery, TileRecord& tile,
               OutputScratch& scratch) {
-  if (tile.dec->progress.numParts != 0 || !pass.decoder.dataMgr->IndexAllowed()) return false;
+  if (ProgressOf(tile).numParts != 0) return false;
+  // Without an index none is found.
+  if (pass.decoder.dataMgr->FindTilePart(tile.index, 0) == nullptr) return false;
   const std::int64_t furthest = pass.decoder.furthest;
   ScopeGuard restart([&] {
     RestartTile(pass.map, tile);
     pass.decoder.furthest = furthest;
   });
-  tile.dec->progress.takesBands = true;
+  EnsureDecTile(pass.map, tile).progress.takesBands = true;
   const bool isRead = ReadTile(pass, tile);
   const bool isWhole = isRead && tile.dec->progress.isComplete && !tile.dec->progress.mustNotTake;
   if (!isWhole || !DeliverTile(delivery, tile, scratch)) return false;
@@ -143,8 +146,8 @@ void VisitTiles(ImageState& state) {
     TileRecord& tile = state.map.tiles[t];
     StepProgress(state.progress, 1);
     if (HasNoSamples(state.map, tile) || !IsWanted(state.map, tile)) continue;
-    if (tile.dec->progress.mustMove && !MoveTile(state, tile)) RestartTile(state.map, tile);
-    if (tile.dec->progress.isDelivered) continue;
+    if (ProgressOf(tile).mustMove && !MoveTile(state, tile)) RestartTile(state.map, tile);
+    if (ProgressOf(tile).isDelivered) continue;
     AskToGoOn(d.work);
     if (TakeTile(pass, delivery, tile, scratch)) continue;
     static_cast<void>(ReadTile(pass, tile));  // what has arrived is delivered in any case

@@ -109,7 +109,7 @@ KelTileComponent* TileComponentOf(ImageState& state, KelLong t, KelLong componen
 bool TileIsComplete(const ImageState& state, KelLong t) {
   if (state.isEncoder || t < 0 || t >= state.map.numTiles) return false;
   const TileRecord& tile = state.map.tiles[t];
-  return tile.dec->progress.isComplete || HasNoSamples(state.map, tile);
+  return ProgressOf(tile).isComplete || HasNoSamples(state.map, tile);
 }
 
 bool TileIsUntouched(const ImageState& state, KelLong t) {

@@ -24,6 +24,7 @@ KelLong SetReduction(ImageState& state, KelLong levels) {
 
 void MoveOutput(ImageMap& map) noexcept {
   for (std::int32_t t = 0; t < map.numTiles; ++t) {
+    if (map.tiles[t].dec == nullptr) continue;
     TileProgress& progress = map.tiles[t].dec->progress;
     progress.mustMove = progress.isDelivered;
     progress.isChanged = progress.isChanged || (progress.numParts > 0 && !progress.isDelivered);
@@ -47,6 +48,7 @@ KelLong SetRegion(ImageState& state, const Box& region) {
 KelLong ReleaseTile(ImageState& state, KelLong index) {
   if (index < 0 || index >= state.map.numTiles) return KelErrBadParam;
   TileRecord& tile = state.map.tiles[index];
+  if (tile.dec == nullptr) return KelOK;
   RestartTile(state.map, tile);
   ReleaseStash(tile.dec->early);
   for (std::int32_t c = 0; tile.comps != nullptr && c < state.map.numComps; ++c) {

@@ -165,7 +165,7 @@ bool ReadPart(TilePass& pass, TileRecord& tile, const FoundPart& part) {
 
 /// The tile-part that the tile needs next, or goes on with; null when it is not there.
 const KelTilePartEntry* NextPart(KelDecDataMgr& data, const TileRecord& tile) {
-  const TileProgress& progress = tile.dec->progress;
+  const TileProgress& progress = ProgressOf(tile);
   const std::int32_t number = progress.numParts - (progress.partIsOpen ? 1 : 0);
   if (progress.isBroken || number >= format::kMostTileParts) return nullptr;
   return data.FindTilePart(tile.index, number);
@@ -183,11 +183,11 @@ void NoteUnplaced(const TilePass& pass, const TileRecord& tile) {
 
 bool ReadByIndex(TilePass& pass, TileRecord& tile) {
   DecoderState& d = pass.decoder;
-  TileProgress& progress = tile.dec->progress;
   bool isRead = true;
-  while (!progress.isComplete && isRead) {
+  while (!ProgressOf(tile).isComplete && isRead) {
     const KelTilePartEntry* entry = NextPart(*d.dataMgr, tile);
     if (entry == nullptr) break;
+    const TileProgress& progress = EnsureDecTile(pass.map, tile).progress;
     const FoundPart part = PartOf(*d.dataMgr, *entry);
     const std::int32_t partsBefore = progress.numParts;
     const bool wasOpen = progress.partIsOpen;
@@ -197,18 +197,18 @@ bool ReadByIndex(TilePass& pass, TileRecord& tile) {
                                                                           : part.end);
     if (progress.partIsOpen || (!wasOpen && progress.numParts == partsBefore)) break;
   }
-  if (progress.isBroken) NoteUnplaced(pass, tile);
+  if (ProgressOf(tile).isBroken) NoteUnplaced(pass, tile);
   const KelTilePartIndex* index = d.dataMgr->TileParts();
   const bool othersAreThere = index != nullptr && (index->lastTile > tile.index ||
                                                    (index->isEnded && index->lastTile >= 0));
-  return isRead && (progress.numParts != 0 || MissTile(d, othersAreThere));
+  return isRead && (ProgressOf(tile).numParts != 0 || MissTile(d, othersAreThere));
 }
 
 // ---- Streams that cannot seek ----
 
 /// Reads the tile's next tile-part from the stash. False when it is not there.
 bool ReadStashedPart(TilePass& pass, TileRecord& tile, bool& isRead) {
-  if (tile.dec->progress.isBroken) return false;
+  if (tile.dec == nullptr || tile.dec->progress.isBroken) return false;
   StashedPart* stashed = TakeStashedPart(tile.dec->early, tile.dec->progress.numParts);
   if (stashed == nullptr) return false;
   ScopeGuard drop([&] { DropStashedPart(stashed); });
@@ -245,6 +245,7 @@ bool PassPart(TilePass& pass) {
   KelDecDataMgr& data = *pass.decoder.dataMgr;
   const std::int64_t start = data.GetPosition();
   TileRecord& tile = pass.map.tiles[data.PeekSotIsot()];
+  const TileProgress& progress = EnsureDecTile(pass.map, tile).progress;
   const auto number = static_cast<std::int32_t>(data.PeekSotTPsot());
   const std::uint32_t announced = data.PeekSotPsot();
   pass.lastTile = std::max(pass.lastTile, tile.index);
@@ -255,7 +256,6 @@ bool PassPart(TilePass& pass) {
   if (extent.isRepaired && announced != 0) {
     NoteDamage(pass.decoder.damages, {KelDamageLength, tile.index, number, AsCount(start), 0});
   }
-  const TileProgress& progress = tile.dec->progress;
   const bool isOfUse = !progress.isComplete && !progress.isBroken && !progress.partIsOpen &&
                        number >= progress.numParts && !HasNoSamples(pass.map, tile) &&
                        IsWanted(pass.map, tile);
@@ -276,9 +276,8 @@ bool PassPart(TilePass& pass) {
 }
 
 bool ReadInPassing(TilePass& pass, TileRecord& tile) {
-  TileProgress& progress = tile.dec->progress;
   bool isRead = true;
-  while (isRead && !progress.isComplete) {
+  while (isRead && !ProgressOf(tile).isComplete) {
     if (ReadStashedPart(pass, tile, isRead)) continue;
     pass.dataEnded = pass.dataEnded || !FindWay(pass);
     if (pass.dataEnded) break;
@@ -288,13 +287,13 @@ bool ReadInPassing(TilePass& pass, TileRecord& tile) {
   pass.decoder.furthest = std::max(pass.decoder.furthest, data.GetPosition());
   const bool othersAreThere =
       pass.lastTile > tile.index || (pass.dataEnded && pass.lastTile >= 0 && data.IsEOC());
-  return isRead && (progress.numParts != 0 || MissTile(pass.decoder, othersAreThere));
+  return isRead && (ProgressOf(tile).numParts != 0 || MissTile(pass.decoder, othersAreThere));
 }
 
 }  // namespace
 
 bool ReadTile(TilePass& pass, TileRecord& tile) {
-  if (tile.dec->progress.isComplete) return true;
+  if (ProgressOf(tile).isComplete) return true;
   return pass.decoder.dataMgr->IndexAllowed() ? ReadByIndex(pass, tile) : ReadInPassing(pass, tile);
 }
 

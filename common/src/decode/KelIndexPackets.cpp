@@ -229,7 +229,8 @@ void BeginTile(IndexState& index, TileRecord& tile) {
   TileRecord* const before = std::exchange(index.tileAtWork, &tile);
   if (before != nullptr && before != &tile) {
     tile.comps = std::exchange(before->comps, nullptr);
-    before->compsAreReady = before->dec->compsAreReady = false;
+    before->compsAreReady = false;
+    if (before->dec != nullptr) before->dec->compsAreReady = false;
   }
   EnsureDecTileComps(index.image->map, tile);
 }

@@ -60,7 +60,7 @@ struct TileRecord {
   Box box;                ///< on the canvas
   TileCompRecord* comps;  ///< numComps records, null until the tile is needed
   bool compsAreReady;
-  DecTile* dec;
+  DecTile* dec;  ///< of the pool; null until something of the tile is there
 };
 
 /// The records of an image.
