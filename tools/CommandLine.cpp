@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
+#include <string_view>
 
 #include "Console.hpp"
 #include "Files.hpp"
@@ -47,10 +48,19 @@ std::string FailureMessage(const CLI::App*, const CLI::Error& error) {
          "; --help tells what is possible\n";
 }
 
-bool HasCommand(const CLI::App& app, const std::string& name) {
-  const auto all = app.get_subcommands([](const CLI::App*) { return true; });
-  return std::ranges::any_of(all,
-                             [&](const CLI::App* command) { return command->get_name() == name; });
+/// A subcommand, and what declares it.
+struct Command {
+  std::string_view name;
+  void (*add)(CLI::App& app, Run& run);
+};
+constexpr Command kCommands[] = {
+    {"encode", AddEncodeCommand},   {"decode", AddDecodeCommand},   {"info", AddInfoCommand},
+    {"preview", AddPreviewCommand}, {"compare", AddCompareCommand}, {"trim", AddTrimCommand},
+    {"check", AddCheckCommand},     {"repair", AddRepairCommand},   {"bench", AddBenchCommand},
+};
+
+bool HasCommand(std::string_view name) {
+  return std::ranges::count(kCommands, name, &Command::name) != 0;
 }
 
 int RunChosen(const Run& run, const std::string& command) {
@@ -70,20 +80,14 @@ int RunChosen(const Run& run, const std::string& command) {
 
 }  // namespace
 
-void DeclareCommandLine(CLI::App& app, Run& run) {
+void DeclareCommandLine(CLI::App& app, Run& run, std::string_view only) {
   app.name("kel");
   app.description("Encodes and decodes images with the Kel wavelet codec.");
   app.formatter(std::make_shared<HelpFormatter>());
   app.failure_message(FailureMessage);
-  AddEncodeCommand(app, run);
-  AddDecodeCommand(app, run);
-  AddInfoCommand(app, run);
-  AddPreviewCommand(app, run);
-  AddCompareCommand(app, run);
-  AddTrimCommand(app, run);
-  AddCheckCommand(app, run);
-  AddRepairCommand(app, run);
-  AddBenchCommand(app, run);
+  for (const Command& command : kCommands) {
+    if (only.empty() || command.name == only) command.add(app, run);
+  }
   app.require_subcommand(1);
   app.set_version_flag(
       "--version", std::string("kel ") + KelLibVersion() + ", library built " + KelLibBuildDate());
@@ -99,12 +103,14 @@ void DeclareCommandLine(CLI::App& app, Run& run) {
 int RunCommandLine(int argc, char** argv) {
   CLI::App app;
   Run run;
-  DeclareCommandLine(app, run);
+  // The options of all commands take as long as a small picture: one that is named goes alone.
+  const bool isNamed = argc >= 2 && HasCommand(argv[1]);
+  DeclareCommandLine(app, run, isNamed ? argv[1] : "");
   if (argc < 2) {
     std::cerr << app.help();
     return kUsage;
   }
-  if (argv[1][0] != '-' && !HasCommand(app, argv[1])) {
+  if (argv[1][0] != '-' && !isNamed) {
     PrintMessage(std::string("there is no command ") + argv[1] + "; kel --help lists all");
     return kUsage;
   }

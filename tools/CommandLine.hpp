@@ -6,13 +6,14 @@
 #define KEL_TOOLS_COMMAND_LINE_HPP
 
 #include <string>
+#include <string_view>
 
 #include "Commands.hpp"
 
 namespace kel::tool {
 
-/// Declares everything; `run` becomes the function of the chosen subcommand.
-void DeclareCommandLine(CLI::App& app, Run& run);
+/// Declares everything, or only one subcommand; `run` becomes the function of the chosen one.
+void DeclareCommandLine(CLI::App& app, Run& run, std::string_view only = {});
 
 /// What the program does: reads the command line and runs the subcommand that it names.
 /// Returns the code for the process to end with.

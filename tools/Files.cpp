@@ -161,9 +161,8 @@ std::uint64_t GroupLimit() {
   return least;
 }
 
-}  // namespace
-
-std::uint64_t HalfOfMemory() {
+/// Half of the machine's memory, or of the group's where that is less.
+std::uint64_t MeasureHalfOfMemory() {
   const long pages = sysconf(_SC_PHYS_PAGES), pageBytes = sysconf(_SC_PAGE_SIZE);
   const std::uint64_t bytes =
       pages <= 0 || pageBytes <= 0
@@ -171,6 +170,13 @@ std::uint64_t HalfOfMemory() {
           : static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageBytes);
   const std::uint64_t limit = GroupLimit();
   return (bytes == 0 || limit == 0 ? std::max(bytes, limit) : std::min(bytes, limit)) / 2;
+}
+
+}  // namespace
+
+std::uint64_t HalfOfMemory() {
+  static const std::uint64_t half = MeasureHalfOfMemory();
+  return half;
 }
 
 }  // namespace kel::tool

@@ -27,7 +27,9 @@ RowBands::RowBands(RowSource& source, const EncodeParams& params)
       areAsTheyAre_(source.Description().planes[0].Depth() ==
                     8 * source.Description().planes[0].BytesPerSample()),
       givesRows_(areAsTheyAre_ &&
-                 (tilesAcross_ > 1 || params.threads == 1 || bandHeight_ >= height_)) {
+                 (tilesAcross_ > 1 || params.threads == 1 || bandHeight_ >= height_)),
+      stripHeight_(static_cast<std::uint32_t>(
+          std::clamp<std::size_t>(kStripBytes / rowBytes_, 1, bandHeight_))) {
   if (tilesAcross_ > 1) {
     room_ = MemoryReservation(std::uint64_t{rowBytes_} * bandHeight_ * numBands_,
                               "the rows of the picture at work");
@@ -43,24 +45,23 @@ void RowBands::Copy(std::size_t, const TileBox& box, std::uint8_t* to) {
     ReadTile(box, to);
     return;
   }
-  const std::size_t index = box.y / bandHeight_;
-  const std::uint8_t* from = Inside(Ready(index), box);
+  AwaitRow(box.y + box.height - 1);
+  const std::uint8_t* from = Inside(box);
   WithSampleType(description.planes[0].BytesPerSample(), [&](auto sample) {
     for (std::uint32_t y = 0; y < box.height; ++y, from += rowBytes_, to += tileRowBytes) {
       PackSamples(reinterpret_cast<const decltype(sample)*>(from), samples, depth, to);
     }
   });
-  EndTile(index);
+  EndTile(box.y / bandHeight_);
 }
 
 TileSamples::Rows RowBands::RowsOf(const TileBox& box, std::uint32_t row) {
   if (tilesAcross_ > 1) {
-    const Band& band = Ready(box.y / bandHeight_);
-    return {Inside(band, box) + row * rowBytes_, box.height - row, rowBytes_};
+    const std::uint32_t end = std::min(AwaitRow(box.y + row), box.y + box.height);
+    return {Inside(box) + row * rowBytes_, end - (box.y + row), rowBytes_};
   }
-  const std::size_t most = std::max<std::size_t>(kStripBytes / rowBytes_, 1);
-  if (strip_.Size() == 0) strip_ = SampleBuffer(most * rowBytes_);
-  const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(most, box.height - row));
+  if (strip_.Size() == 0) strip_ = SampleBuffer(stripHeight_ * rowBytes_);
+  const std::uint32_t count = std::min(stripHeight_, box.height - row);
   source_.Read(count, strip_.Data(), rowBytes_);
   return {strip_.Data(), count, rowBytes_};
 }
@@ -74,66 +75,66 @@ void RowBands::ReleaseRows(const TileBox& box) noexcept {
   }
 }
 
-const std::uint8_t* RowBands::Inside(const Band& band, const TileBox& box) const {
+const std::uint8_t* RowBands::Inside(const TileBox& box) {
+  const Band& band = BandOf(box.y / bandHeight_);
   return band.rows.Data() + (box.y % bandHeight_) * rowBytes_ + box.x * pixelBytes_;
 }
 
 void RowBands::EndTile(std::size_t index) {
   Lock lock(mutex_);
   Band& mine = BandOf(index);
-  if (++mine.numCopied == tilesAcross_) mine.index = SIZE_MAX;
+  if (++mine.numTaken == tilesAcross_) mine.index = SIZE_MAX;
   changed_.notify_all();
-  if (numBands_ > 1 && ClaimReading(index + 1, lock)) {
-    lock.unlock();
-    ReadClaimed(index + 1);
-  }
+  if (numBands_ == 1) return;
+  while (nextRow_ / bandHeight_ == index + 1 && CanRead(lock)) ReadStrip(lock);
 }
 
-const RowBands::Band& RowBands::Ready(std::size_t index) {
+std::uint32_t RowBands::AwaitRow(std::uint32_t y) {
   Lock lock(mutex_);
   for (;;) {
     if (failure_) std::rethrow_exception(failure_);
-    if (BandOf(index).index == index) return BandOf(index);
-    if (ClaimReading(index, lock)) {
-      lock.unlock();
-      ReadClaimed(index);
-      lock.lock();
+    if (y < nextRow_) return nextRow_;
+    if (CanRead(lock)) {
+      ReadStrip(lock);
     } else {
       changed_.wait(lock);
     }
   }
 }
 
-bool RowBands::ClaimReading(std::size_t index, const Lock&) {
-  const bool exists = index * bandHeight_ < height_;
-  if (!exists || reading_ || failure_ || nextBand_ != index) return false;
-  if (BandOf(index).index != SIZE_MAX) return false;
-  reading_ = true;
-  return true;
+bool RowBands::CanRead(const Lock&) {
+  if (reading_ || failure_ || nextRow_ >= height_) return false;
+  const std::size_t index = nextRow_ / bandHeight_;
+  return BandOf(index).index == index || BandOf(index).index == SIZE_MAX;
 }
 
-void RowBands::ReadClaimed(std::size_t index) {
+void RowBands::ReadStrip(Lock& lock) {
+  const std::size_t index = nextRow_ / bandHeight_;
+  const std::uint32_t inBand = nextRow_ % bandHeight_;
+  const std::uint32_t count = std::min({stripHeight_, bandHeight_ - inBand, height_ - nextRow_});
   Band& band = BandOf(index);
-  const std::uint32_t first = static_cast<std::uint32_t>(index) * bandHeight_;
+  if (inBand == 0) {
+    band.index = index;
+    band.numTaken = 0;
+  }
+  reading_ = true;
+  lock.unlock();
   try {
     if (band.rows.Size() == 0) band.rows = SampleBuffer(rowBytes_ * bandHeight_);
-    source_.Read(std::min(bandHeight_, height_ - first), band.rows.Data(), rowBytes_);
+    source_.Read(count, band.rows.Data() + inBand * rowBytes_, rowBytes_);
   } catch (...) {
     Abandon();
     throw;
   }
-  const Lock lock(mutex_);
-  band.index = index;
-  band.numCopied = 0;
+  lock.lock();
   reading_ = false;
-  ++nextBand_;
+  nextRow_ += count;
   changed_.notify_all();
 }
 
 void RowBands::ReadTile(const TileBox& box, std::uint8_t* to) {
   Lock lock(mutex_);
-  const std::size_t index = box.y / bandHeight_;
-  changed_.wait(lock, [&] { return failure_ || nextBand_ == index; });
+  changed_.wait(lock, [&] { return failure_ || nextRow_ == box.y; });
   if (failure_) std::rethrow_exception(failure_);
   lock.unlock();
   try {
@@ -143,7 +144,7 @@ void RowBands::ReadTile(const TileBox& box, std::uint8_t* to) {
     throw;
   }
   lock.lock();
-  ++nextBand_;
+  nextRow_ += box.height;
   changed_.notify_all();
 }
 

@@ -140,12 +140,32 @@ TEST(RowDecoder, MissingTilesAreBlackAndTold) {
   }
 }
 
-// A source that fails in the middle ends all workers with its own error.
+// Bands that are read in several strips: rows that were not there yet must not be coded.
+TEST(RowDecoder, StripsOfWideRowsAreCodedAsTheImageIs) {
+  const Session session;
+  const Image image = NoiseImage(20000, 45, 1, 8);
+  EncodeParams params;
+  params.lossless = true;
+  params.levels = 1;
+  params.tileWidth = 7000;
+  params.tileHeight = 32;
+  MemorySink whole;
+  Encode(image, params, whole);
+  for (const unsigned threads : {1U, 2U, 4U}) {
+    ImageRowSource rows(image);
+    params.threads = threads;
+    MemorySink sink;
+    Encode(rows, params, sink);
+    EXPECT_TRUE(sink.bytes == whole.bytes) << threads;
+  }
+}
+
+// A source that fails in the middle, of a band too, ends all workers with its own error.
 TEST(RowDecoder, FailingRowsEndTheEncoding) {
   const Session session;
   class Failing final : public RowSource {
    public:
-    Failing() { description_ = DescribeNewImage(300, 300, 3, 8); }
+    explicit Failing(std::uint32_t width) { description_ = DescribeNewImage(width, 300, 3, 8); }
     void Read(std::uint32_t count, std::uint8_t* to, std::size_t stride) override {
       if (++numCalls_ == 3) throw Error(Failure::kInput, "torn");
       std::fill_n(to, count * stride, std::uint8_t{7});
@@ -155,11 +175,11 @@ TEST(RowDecoder, FailingRowsEndTheEncoding) {
     int numCalls_ = 0;
   };
   for (const unsigned threads : {1U, 4U}) {
-    for (const std::uint32_t width : {64U, 300U}) {
-      Failing rows;
+    for (const auto& [width, tileWidth] : {std::pair{300U, 64U}, {300U, 300U}, {24000U, 12000U}}) {
+      Failing rows(width);
       EncodeParams params;
       params.threads = threads;
-      params.tileWidth = width;
+      params.tileWidth = tileWidth;
       params.tileHeight = 64;
       MemorySink sink;
       EXPECT_EQ(ErrorOf([&] { Encode(rows, params, sink); }).Sentence(), "torn");
